@@ -1,0 +1,52 @@
+// Quorvel framework, data model: fragment identifiers and fragment layouts.
+#pragma once
+
+#include "basalt/StrongPtr.hpp"
+
+#include <cstddef>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+namespace Tressel {
+
+using Basalt::StrongPtr;
+
+class FragmentIDCollection;
+
+// Names one fragment (a block of points stored and loaded as one unit). Fragments are numbered
+// 0, 1, 2, ... in the order their collection made them.
+class FragmentID : public Basalt::ReferenceBase {
+public:
+  FragmentID(std::string name, unsigned number, const FragmentIDCollection* owner)
+      : name_(std::move(name)), number_(number), owner_(owner) {}
+
+  const std::string& Name() const { return name_; }
+  unsigned number() const { return number_; }
+  const FragmentIDCollection* owner() const { return owner_; }
+
+private:
+  std::string name_;
+  unsigned number_;
+  const FragmentIDCollection* owner_;
+};
+
+// The fragment layout shared by all fields of one representation: the same fragment IDs in the
+// same order. Appending is thread-safe, and readers see a consistent list.
+class FragmentIDCollection : public Basalt::ReferenceBase {
+public:
+  // Appends a fragment; a name already present returns the existing ID.
+  StrongPtr<FragmentID> makeFragmentID(const std::string& name);
+  // The fragment of that number (0-based), or empty.
+  StrongPtr<FragmentID> findFragmentID(unsigned number) const;
+  StrongPtr<FragmentID> findFragmentID(const std::string& name) const;
+  std::size_t size() const;
+  // The fragment IDs in order, as a copy that stays valid while others append.
+  std::vector<StrongPtr<FragmentID>> fragments() const;
+
+private:
+  mutable std::shared_mutex mutex_;
+  std::vector<StrongPtr<FragmentID>> ids_;
+};
+
+} // namespace Tressel

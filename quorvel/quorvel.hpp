@@ -1,0 +1,19 @@
+// Quorvel: point-cloud algorithms for airborne and terrestrial LIDAR. Including this header
+// reaches every exported function and parameter box, and the framework types they take.
+#pragma once
+
+#include "basalt/Cache.hpp"
+#include "basalt/Console.hpp"
+#include "basalt/LoaderProgress.hpp"
+#include "basalt/StringList.hpp"
+#include "basalt/StrongPtr.hpp"
+#include "tressel/BoundingBoxes.hpp"
+#include "tressel/DataRange.hpp"
+#include "tressel/Grid.hpp"
+#include "tressel/MemArray.hpp"
+#include "tressel/PointCloud.hpp"
+#include "vantor/BoundingBox.hpp"
+#include "vantor/MultiRange.hpp"
+#include "vantor/PhysicalSpace.hpp"
+
+#include "quorvel/core/core.hpp"
