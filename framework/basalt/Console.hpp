@@ -1,6 +1,9 @@
 // Quorvel framework, memory core: console output that never interleaves between threads.
 #pragma once
 
+#include "basalt/Text.hpp"
+
+#include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -13,7 +16,7 @@ namespace Basalt {
 // the digit 0 or 1. Lines from several threads never mix.
 class Console {
 public:
-  Console() = default;
+  Console() { line_.imbue(std::locale::classic()); }
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
   ~Console();
@@ -31,8 +34,5 @@ public:
 private:
   std::ostringstream line_;
 };
-
-// printf-style formatting into a string; for the fixed message formats of the algorithms.
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace Basalt

@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <locale.h>
 
@@ -39,9 +41,13 @@ std::vector<std::string_view> splitAt(std::string_view text, std::string_view se
   }
 }
 
-double cAtof(std::string_view text) { return cAtof(std::string(text).c_str()); }
+double cAtof(std::string_view text) {
+  return cAtof(std::string(text).c_str());
+}
 
-int cAtoi(std::string_view text) { return cAtoi(std::string(text).c_str()); }
+int cAtoi(std::string_view text) {
+  return cAtoi(std::string(text).c_str());
+}
 
 int cAtoi(const char* text) {
   if (text == nullptr)
@@ -52,6 +58,26 @@ int cAtoi(const char* text) {
   if (value < INT_MIN)
     return INT_MIN;
   return static_cast<int>(value);
+}
+
+std::string format(const char* fmt, ...) {
+  // vsnprintf follows the thread's locale; switch this thread to "C" for the call.
+  const locale_t previous = uselocale(cLocale());
+  va_list args;
+  va_start(args, fmt);
+  va_list copy;
+  va_copy(copy, args);
+  const int needed = std::vsnprintf(nullptr, 0, fmt, copy);
+  va_end(copy);
+  std::string out;
+  if (needed > 0) {
+    out.resize(static_cast<std::size_t>(needed) + 1);
+    std::vsnprintf(out.data(), out.size(), fmt, args);
+    out.resize(static_cast<std::size_t>(needed));
+  }
+  va_end(args);
+  uselocale(previous);
+  return out;
 }
 
 } // namespace Basalt

@@ -19,6 +19,9 @@ std::vector<std::string_view> splitAt(std::string_view text, std::string_view se
 double cAtof(std::string_view text);
 int cAtoi(std::string_view text);
 
+// printf-style formatting into a string, always with the "C" locale's decimal point, so that
+// messages and range texts do not change with the host's locale.
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // Reads a number the way the C library's atof does in the "C" locale: leading white space is
 // skipped, trailing text is ignored, text that is no number reads as 0. Unlike atof, the result

@@ -74,14 +74,14 @@ bool ExpandBBox(StrongPtr<BoundingBox>& box, const StrongPtr<CreativeArrayBase>&
 bool expandBoundingBox(StrongPtr<BoundingBox>& box, const Field& positions) {
   if (!box)
     box = std::make_shared<BoundingBox>();
-  positions.iterate([&](const StrongPtr<FragmentID>& id,
-                        const StrongPtr<CreativeArrayBase>& creator) {
-    if (auto stored = getFragmentBBox(id, creator, nullptr))
-      box->expand(*stored);
-    else
-      ExpandBBox(box, creator);
-    return true;
-  });
+  positions.iterate(
+      [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (auto stored = getFragmentBBox(id, creator, nullptr))
+          box->expand(*stored);
+        else
+          ExpandBBox(box, creator);
+        return true;
+      });
   return !box->empty();
 }
 

@@ -59,15 +59,15 @@ public:
     const auto chunk = data ? Basalt::chunkCast<T>(data->myChunk()) : nullptr;
     if (!chunk)
       return nullptr;
-    if (!recompute)
-      if (auto cached = creator->getInterface<DataRange>(); cached && cached->age_ == creator->age())
-        return cached;
-    auto range = std::make_shared<DataRange>();
-    range->age_ = creator->age();
-    const T* values = chunk->data();
-    for (std::size_t i = 0, n = chunk->size(); i < n; ++i)
-      range->expand(values[i]);
-    creator->addInterface<DataRange>(range);
+    auto range = recompute ? nullptr : creator->getInterface<DataRange>();
+    if (!range || range->age_ != creator->age()) {
+      range = std::make_shared<DataRange>();
+      range->age_ = creator->age();
+      const T* values = chunk->data();
+      for (std::size_t i = 0, n = chunk->size(); i < n; ++i)
+        range->expand(values[i]);
+      creator->addInterface<DataRange>(range);
+    }
     if (verbose)
       Basalt::Console() << "DataRange of " << creator->name() << ": " << range->text();
     return range;
@@ -111,9 +111,8 @@ StrongPtr<DataRange<T>> getRange(Field& field, std::string& info, bool recompute
   }
   info = total->text();
   if (total->valid())
-    field.setAttribute("Range",
-                       std::make_shared<Basalt::Chunk<T>>(std::initializer_list<T>{
-                           total->minimum(), total->maximum()}));
+    field.setAttribute("Range", std::make_shared<Basalt::Chunk<T>>(
+                                    std::initializer_list<T>{total->minimum(), total->maximum()}));
   field.addInterface<DataRange<T>>(total);
   return total;
 }

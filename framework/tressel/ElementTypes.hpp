@@ -52,7 +52,7 @@ struct ElementTraits {
   static constexpr ScalarKind scalar = ScalarKind::Opaque;
 };
 
-#define QUORVEL_ELEMENT_TRAITS(TYPE, NAME, COMPONENTS, SCALAR)                                   \
+#define QUORVEL_ELEMENT_TRAITS(TYPE, NAME, COMPONENTS, SCALAR)                                     \
   template <>                                                                                      \
   struct ElementTraits<TYPE> {                                                                     \
     static std::string name() { return NAME; }                                                     \
@@ -86,8 +86,8 @@ class TresselTypeBase {
 public:
   TresselTypeBase(std::string name, const std::type_info& info, std::size_t size, int components,
                   ScalarKind scalar)
-      : name_(std::move(name)), info_(info), size_(size), components_(components),
-        scalar_(scalar) {}
+      : name_(std::move(name)), info_(info), size_(size), components_(components), scalar_(scalar) {
+  }
   TresselTypeBase(const TresselTypeBase&) = delete;
   TresselTypeBase& operator=(const TresselTypeBase&) = delete;
 

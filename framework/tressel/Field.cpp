@@ -89,8 +89,8 @@ StrongPtr<CreativeArrayBase> Field::setPersistentData(const StrongPtr<MemBase>& 
                                                       const std::string& name) {
   if (!id)
     return nullptr;
-  auto creator = std::make_shared<CreativeArrayBase>(
-      data, name.empty() ? id->Name() : name, CreationFailAlternative::ReturnEmpty, cache);
+  auto creator = std::make_shared<CreativeArrayBase>(data, name.empty() ? id->Name() : name,
+                                                     CreationFailAlternative::ReturnEmpty, cache);
   return setCreator(id, creator) ? creator : nullptr;
 }
 

@@ -64,8 +64,7 @@ public:
   bool iterate(FragmentIterator& iterator, const FragmentSelector& selector = {}) const;
   template <class F>
   bool iterate(F&& f, const FragmentSelector& selector = {}) const
-    requires(!std::is_base_of_v<FragmentIterator, std::remove_cvref_t<F>>)
-  {
+      requires(!std::is_base_of_v<FragmentIterator, std::remove_cvref_t<F>>) {
     FragmentFunctor<std::remove_cvref_t<F>> functor(std::forward<F>(f));
     return iterate(static_cast<FragmentIterator&>(functor), selector);
   }

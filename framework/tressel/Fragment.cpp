@@ -1,6 +1,6 @@
 // Quorvel framework, data model: fragment identifiers, layouts and creators.
-#include "tressel/CreativeArray.hpp"
 #include "tressel/Fragment.hpp"
+#include "tressel/CreativeArray.hpp"
 
 #include "basalt/Console.hpp"
 
@@ -62,9 +62,13 @@ MemBase::Extents CreativeArrayBase::getSize() const {
   return data_ ? data_->extents() : MemBase::Extents{};
 }
 
-StrongPtr<MemBase> CreativeArrayBase::pullData() const { return data_ ? data_->clone() : nullptr; }
+StrongPtr<MemBase> CreativeArrayBase::pullData() const {
+  return data_ ? data_->clone() : nullptr;
+}
 
-void CreativeArrayBase::touch() { age_.store(advanceAge(), std::memory_order_release); }
+void CreativeArrayBase::touch() {
+  age_.store(advanceAge(), std::memory_order_release);
+}
 
 unsigned long long CreativeArrayBase::advanceAge() {
   static std::atomic<unsigned long long> globalAge{0};

@@ -97,9 +97,8 @@ StrongPtr<Representation> Grid::getCartesianRepresentation(const SkeletonID& ske
   return s ? s->getRepresentation(chartName) : nullptr;
 }
 
-StrongPtr<Representation> Grid::makeCartesianRepresentation(int dimension,
-                                                            const std::string& chartName,
-                                                            unsigned flags) {
+StrongPtr<Representation>
+Grid::makeCartesianRepresentation(int dimension, const std::string& chartName, unsigned flags) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     bool found = false;

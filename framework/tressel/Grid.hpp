@@ -101,8 +101,7 @@ public:
                                                        const std::string& chartName) const;
   // Creates (or returns) the vertices' representation in the named chart, making the chart
   // with the given dimension when it is missing.
-  StrongPtr<Representation> makeCartesianRepresentation(int dimension,
-                                                        const std::string& chartName,
+  StrongPtr<Representation> makeCartesianRepresentation(int dimension, const std::string& chartName,
                                                         unsigned flags = 0);
 
   // The named field of the chart on the given skeleton (the vertices by default), or empty.

@@ -17,8 +17,8 @@ template <int N>
 struct MultiIndex : std::array<std::size_t, N> {
   MultiIndex() : std::array<std::size_t, N>{} {}
   template <class... I>
-    requires(sizeof...(I) == N && N > 0)
-  MultiIndex(I... i) : std::array<std::size_t, N>{static_cast<std::size_t>(i)...} {}
+  requires(sizeof...(I) == N && N > 0) MultiIndex(I... i)
+      : std::array<std::size_t, N>{static_cast<std::size_t>(i)...} {}
 
   std::size_t product() const {
     std::size_t p = 1;
@@ -73,20 +73,13 @@ public:
 
   T& operator()(const MultiIndex<N>& i) const { return base_[offsetOf(i)]; }
   template <class... I>
-    requires(sizeof...(I) == N)
-  T& operator()(I... i) const {
-    return (*this)(MultiIndex<N>(i...));
-  }
-  T& operator[](std::size_t i) const
-    requires(N == 1)
-  {
+  requires(sizeof...(I) == N) T& operator()(I... i) const { return (*this)(MultiIndex<N>(i...)); }
+  T& operator[](std::size_t i) const requires(N == 1) {
     return base_[static_cast<std::ptrdiff_t>(i) * strides_[0]];
   }
 
   // The (N-1)-dimensional view at index `index` of dimension `dim`; empty when out of range.
-  MultiArray<N - 1, T> slice(int dim, std::size_t index) const
-    requires(N > 1)
-  {
+  MultiArray<N - 1, T> slice(int dim, std::size_t index) const requires(N > 1) {
     MultiIndex<N - 1> extents;
     typename MultiArray<N - 1, T>::Strides strides{};
     for (int d = 0, o = 0; d < N; ++d) {

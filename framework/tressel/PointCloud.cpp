@@ -69,8 +69,7 @@ StrongPtr<Grid> PointCloudBuilder::build(const Partition& partition,
         throw std::invalid_argument("fragment " + std::to_string(k) + " names point " +
                                     std::to_string(i) + " of " + std::to_string(count_));
       if (seen[i]++)
-        throw std::invalid_argument("point " + std::to_string(i) +
-                                    " is in more than one fragment");
+        throw std::invalid_argument("point " + std::to_string(i) + " is in more than one fragment");
     }
   for (std::size_t i = 0; i < count_; ++i)
     if (!seen[i])

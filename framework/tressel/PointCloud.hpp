@@ -58,7 +58,8 @@ public:
     return *this;
   }
 
-  StrongPtr<Grid> build(const Partition& partition, const std::string& gridName = "PointCloud") const;
+  StrongPtr<Grid> build(const Partition& partition,
+                        const std::string& gridName = "PointCloud") const;
 
 private:
   struct Column {

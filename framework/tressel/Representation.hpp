@@ -84,9 +84,7 @@ public:
 
   bool iterate(FieldIterator& iterator) const;
   template <class F>
-  bool iterate(F&& f) const
-    requires(!std::is_base_of_v<FieldIterator, std::remove_cvref_t<F>>)
-  {
+  bool iterate(F&& f) const requires(!std::is_base_of_v<FieldIterator, std::remove_cvref_t<F>>) {
     for (const auto& [id, field] : snapshot())
       if (!f(id, field))
         return false;

@@ -22,7 +22,9 @@ std::string_view trimItem(std::string_view s) {
   return cut == std::string_view::npos ? s : s.substr(0, cut);
 }
 
-bool onlyBlanks(std::string_view s) { return s.find_first_not_of(' ') == std::string_view::npos; }
+bool onlyBlanks(std::string_view s) {
+  return s.find_first_not_of(' ') == std::string_view::npos;
+}
 
 } // namespace
 

@@ -54,7 +54,6 @@ private:
   void reject(std::string_view text);
 
 public:
-
   std::vector<Interval> intervals;
   T minimum = initialMinimum;
   T maximum = initialMaximum;

@@ -36,7 +36,9 @@ bool readClass(std::string_view text, int& out) {
   return true;
 }
 
-bool isClassCode(int value) { return value >= 0 && value <= 255; }
+bool isClassCode(int value) {
+  return value >= 0 && value <= 255;
+}
 
 } // namespace
 
@@ -82,8 +84,8 @@ bool assignRangesToClasses(const std::string& input,
     int cls = 0;
     if (!readRange(parts[0], range) || !readClass(parts[1], cls))
       return false;
-    table.push_back({{std::min(range.first, range.second), std::max(range.first, range.second)},
-                     cls});
+    table.push_back(
+        {{std::min(range.first, range.second), std::max(range.first, range.second)}, cls});
   }
   return true;
 }

@@ -121,10 +121,9 @@ StrongPtr<Tressel::Chart> findChart(const StrongPtr<Grid>& grid, Messages& log,
                                     const std::string& missingText,
                                     const std::string& name = Tressel::StandardCartesianChart3D);
 // The vertices' representation in the chart, or empty after reporting missingText.
-StrongPtr<Representation> findRepresentation(const StrongPtr<Grid>& grid, Messages& log,
-                                             const std::string& missingText,
-                                             const std::string& chart =
-                                                 Tressel::StandardCartesianChart3D);
+StrongPtr<Representation>
+findRepresentation(const StrongPtr<Grid>& grid, Messages& log, const std::string& missingText,
+                   const std::string& chart = Tressel::StandardCartesianChart3D);
 // The "Positions" field of the chart, or empty after reporting missingText.
 StrongPtr<Field> findPositions(const StrongPtr<Grid>& grid, Messages& log,
                                const std::string& missingText,
@@ -144,8 +143,7 @@ StrongPtr<Field> findOptionalField(const StrongPtr<Grid>& grid, const std::strin
 // another element type.
 template <class T>
 StrongPtr<Field> outputField(Representation& rep, const std::string& name) {
-  return rep.makeField(rep.makeFieldID(name), rep.fragmentLayout(), &Tressel::TresselType<T>(),
-                       1);
+  return rep.makeField(rep.makeFieldID(name), rep.fragmentLayout(), &Tressel::TresselType<T>(), 1);
 }
 // The same in the grid's "StandardCartesianChart3D" representation (empty without one).
 template <class T>

@@ -6,7 +6,9 @@
 
 namespace Quorvel {
 
-int maximumThreadsMinusOne() { return std::max(1, omp_get_max_threads() - 1); }
+int maximumThreadsMinusOne() {
+  return std::max(1, omp_get_max_threads() - 1);
+}
 
 int correctedThreadCount(int requested) {
   if (requested <= 0 || requested > omp_get_max_threads())
@@ -27,7 +29,9 @@ void Messages::report(std::string_view text) {
   }
 }
 
-void Messages::note(std::string_view text) const { Basalt::Console() << tag_ << text; }
+void Messages::note(std::string_view text) const {
+  Basalt::Console() << tag_ << text;
+}
 
 std::size_t FragmentProgress::step() {
   std::size_t count = 0;

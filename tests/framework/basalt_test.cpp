@@ -1,0 +1,155 @@
+// Tests of the memory core: console lines, attributes, the cache and the text helpers.
+#include "basalt/Attributes.hpp"
+#include "basalt/Cache.hpp"
+#include "basalt/Console.hpp"
+#include "basalt/LoaderProgress.hpp"
+#include "basalt/StringList.hpp"
+#include "basalt/Text.hpp"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cmath>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+TEST(Console, WritesOneLinePerMessageWithDefaultNumberFormat) {
+  CaptureStdout();
+  Basalt::Console() << "radius: " << 0.001;
+  Basalt::Console() << "maxradius: " << 250.0 << " flag: " << true << false;
+  Basalt::Console() << "key: " << 1e-06 << " count: " << 42 << " " << std::string("text");
+  Basalt::Console::write("... computing fragment 1 / 2            \r");
+  EXPECT_EQ(GetCapturedStdout(), "radius: 0.001\n"
+                                 "maxradius: 250 flag: 10\n"
+                                 "key: 1e-06 count: 42 text\n"
+                                 "... computing fragment 1 / 2            \r");
+}
+
+TEST(Console, LinesFromThreadsNeverInterleave) {
+  CaptureStdout();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([t] {
+      for (int i = 0; i < 200; ++i)
+        Basalt::Console() << "thread " << t << " line " << i << " end";
+    });
+  for (auto& thread : threads)
+    thread.join();
+  std::istringstream lines(GetCapturedStdout());
+  std::string line;
+  int count = 0;
+  while (std::getline(lines, line)) {
+    ++count;
+    EXPECT_EQ(line.rfind("thread ", 0), 0u) << line;
+    EXPECT_EQ(line.substr(line.size() - 4), " end") << line;
+  }
+  EXPECT_EQ(count, 800);
+}
+
+TEST(Console, FormatHandlesLongResults) {
+  EXPECT_EQ(Basalt::format("[%.3f;%.3f] > %d", 1.0, 2.5, 7), "[1.000;2.500] > 7");
+  EXPECT_EQ(Basalt::format("%f", 1e300).size(), 308u); // 301 digits, point and six decimals
+  EXPECT_EQ(Basalt::format("%s", ""), "");
+}
+
+TEST(Attributes, SetReplaceRemoveAndCopy) {
+  Basalt::Attributes attributes;
+  EXPECT_EQ(attributes.getAttribute("CellSize"), nullptr);
+  attributes.setAttribute("CellSize", std::make_shared<Basalt::Chunk<double>>(
+                                          std::initializer_list<double>{1.0}));
+  attributes.setAttribute("Range", std::make_shared<Basalt::Chunk<int>>(2));
+  attributes.setAttribute("CellSize", std::make_shared<Basalt::Chunk<double>>(
+                                          std::initializer_list<double>{2.0}));
+  auto value = Basalt::chunkCast<double>(attributes.getAttribute("CellSize"));
+  ASSERT_NE(value, nullptr);
+  EXPECT_EQ((*value)[0], 2.0);
+  EXPECT_EQ(Basalt::chunkCast<float>(attributes.getAttribute("CellSize")), nullptr);
+
+  Basalt::Attributes copy = attributes;
+  EXPECT_TRUE(attributes.removeAttribute("Range"));
+  EXPECT_FALSE(attributes.removeAttribute("Range"));
+  EXPECT_EQ(attributes.attributeNames(), std::vector<std::string>{"CellSize"});
+  EXPECT_EQ(copy.attributeNames(), (std::vector<std::string>{"CellSize", "Range"}));
+}
+
+TEST(Cache, CountsOnlyLiveArrays) {
+  Basalt::Cache cache("test");
+  auto a = std::make_shared<Basalt::Chunk<double>>(10);
+  {
+    auto b = std::make_shared<Basalt::Chunk<float>>(4);
+    cache.remember(a);
+    cache.remember(b);
+    cache.remember(nullptr);
+    EXPECT_EQ(cache.entries(), 2u);
+    EXPECT_EQ(cache.memoryUsage(), 10 * sizeof(double) + 4 * sizeof(float));
+  }
+  EXPECT_EQ(cache.entries(), 1u);
+  EXPECT_EQ(cache.memoryUsage(), 10 * sizeof(double));
+  EXPECT_EQ(Basalt::Cache::MemCache(), Basalt::Cache::MemCache());
+  EXPECT_EQ(Basalt::Cache::MemCache()->name(), "MemCache");
+}
+
+TEST(Chunk, CloneCopiesAndKeepsType) {
+  Basalt::Chunk<int> chunk{1, 2, 3};
+  auto copy = Basalt::chunkCast<int>(chunk.clone());
+  ASSERT_NE(copy, nullptr);
+  chunk[0] = 9;
+  EXPECT_EQ(copy->values(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(chunk.byteSize(), 3 * sizeof(int));
+}
+
+TEST(StringList, Contains) {
+  Basalt::StringList list{"Positions", "Classification"};
+  EXPECT_TRUE(list.contains("Positions"));
+  EXPECT_FALSE(list.contains("Positions2"));
+  list.push_back("Positions2");
+  EXPECT_TRUE(list.contains("Positions2"));
+  EXPECT_EQ(list.size(), 3u);
+  EXPECT_TRUE(Basalt::StringList().empty());
+}
+
+TEST(LoaderProgress, ConsoleProgressOverwritesItsLine) {
+  CaptureStdout();
+  Basalt::ConsoleProgress progress;
+  progress.progress(0.5, "loading");
+  progress.progress(2.0, "loading");
+  progress.progress(std::nan(""), "loading");
+  EXPECT_EQ(GetCapturedStdout(), "loading:  50%\rloading: 100%\rloading:   0%\r");
+}
+
+TEST(Text, SplitKeepsEmptyPartsAndNulEndsText) {
+  EXPECT_EQ(Basalt::splitAt("1>2;", ";,"), (std::vector<std::string_view>{"1>2", ""}));
+  EXPECT_EQ(Basalt::splitAt(";,", ";,"), (std::vector<std::string_view>{"", "", ""}));
+  EXPECT_EQ(Basalt::splitAt("", ";,"), (std::vector<std::string_view>{""}));
+  EXPECT_EQ(Basalt::beforeNul(std::string("2:5\0;junk", 9)), "2:5");
+}
+
+TEST(Text, NumbersReadLikeTheCLibraryInTheCLocale) {
+  EXPECT_EQ(Basalt::cAtof("  2.5xyz"), 2.5);
+  EXPECT_EQ(Basalt::cAtof("-1e5"), -1e5);
+  EXPECT_EQ(Basalt::cAtof("abc"), 0.0);
+  EXPECT_EQ(Basalt::cAtof(std::string_view("7.25;", 4)), 7.25);
+  EXPECT_EQ(Basalt::cAtoi(" 42 "), 42);
+  EXPECT_EQ(Basalt::cAtoi("-3"), -3);
+  EXPECT_EQ(Basalt::cAtoi("x"), 0);
+  EXPECT_EQ(Basalt::cAtoi("99999999999999"), 2147483647);
+  EXPECT_EQ(Basalt::cAtoi("-99999999999999"), -2147483647 - 1);
+}
+
+TEST(Text, DecimalPointSurvivesAHostLocaleWithDecimalComma) {
+  const std::string previous = std::setlocale(LC_ALL, nullptr);
+  if (!std::setlocale(LC_ALL, "de_DE.UTF-8"))
+    GTEST_SKIP() << "locale de_DE.UTF-8 not available";
+  const double value = Basalt::cAtof("1.5");
+  std::setlocale(LC_ALL, previous.c_str());
+  EXPECT_EQ(value, 1.5);
+}
+
+} // namespace
