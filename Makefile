@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 SOURCES := $(shell git ls-files '*.cpp' '*.hpp' 2>/dev/null)
 
-.PHONY: all deps build test asan-test format format-check demo clean
+.PHONY: all deps build test asan-test bench format format-check demo clean
 
 all: build
 
@@ -22,6 +22,10 @@ asan-test: deps
 	@cmake --preset asan >/dev/null
 	@cmake --build --preset asan -j $(JOBS)
 	@ctest --preset asan -j $(JOBS)
+
+# Google Benchmark programs (Release build).
+bench: build
+	@build/release/bench/framework_bench
 
 format-check: deps
 	@clang-format --dry-run --Werror $(SOURCES)

@@ -8,7 +8,8 @@
 int main() {
   using Vantor::PhysicalSpace::point;
 
-  std::vector<point> xyz = {{0, 0, 0}, {1, 0, 0.5}, {0, 1, 1}, {10, 10, 2}, {11, 10, 3}, {10, 11, 4}};
+  std::vector<point> xyz = {{0, 0, 0},   {1, 0, 0.5}, {0, 1, 1},
+                            {10, 10, 2}, {11, 10, 3}, {10, 11, 4}};
   std::vector<unsigned char> classes = {1, 2, 2, 5, 6, 2};
 
   Tressel::PointCloudBuilder builder(xyz);

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <map>
+#include <utility>
 
 namespace Tressel {
 
@@ -26,31 +27,63 @@ Partition sequentialPartition(std::size_t count, std::size_t fragmentSize) {
 Partition tilePartition(const std::vector<point>& positions, double tileSize) {
   if (!(tileSize > 0.0) || !std::isfinite(tileSize))
     return sequentialPartition(positions.size(), 0);
-  double x0 = std::numeric_limits<double>::infinity(), y0 = x0;
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  double x0 = inf, y0 = inf, x1 = -inf, y1 = -inf;
   for (const point& p : positions)
     if (std::isfinite(p.x) && std::isfinite(p.y)) {
       x0 = std::min(x0, p.x);
       y0 = std::min(y0, p.y);
+      x1 = std::max(x1, p.x);
+      y1 = std::max(y1, p.y);
     }
-  // Tile keys as (row, column); tile indices beyond 2^53 cannot occur for finite tileSize
-  // fragments of real clouds, and a clamp keeps the conversion defined for absurd ones.
+  // Tile (row, column) of a point; the clamp keeps the conversion defined for absurd counts.
   auto tileIndex = [tileSize](double v, double origin) {
-    const double t = std::floor((v - origin) / tileSize);
-    return static_cast<long long>(std::min(t, 9.0e15));
+    return static_cast<std::size_t>(std::min(std::floor((v - origin) / tileSize), 9.0e15));
   };
-  std::map<std::pair<long long, long long>, std::vector<std::size_t>> tiles;
-  std::vector<std::size_t> nonFinite;
+  const bool anyFinite = x0 <= x1;
+  const std::size_t columns = anyFinite ? tileIndex(x1, x0) + 1 : 0;
+  const std::size_t rows = anyFinite ? tileIndex(y1, y0) + 1 : 0;
+
+  // Each point gets a tile number: row-major over the tile grid when that grid is small enough
+  // to count in an array (the usual case), otherwise through a sorted map of the used tiles.
+  constexpr std::size_t NonFinite = std::numeric_limits<std::size_t>::max();
+  constexpr std::size_t DenseLimit = std::size_t(1) << 22;
+  const bool dense = anyFinite && columns <= DenseLimit / rows;
+  std::vector<std::size_t> tileOf(positions.size(), NonFinite);
+  std::map<std::pair<std::size_t, std::size_t>, std::size_t> sparse;
   for (std::size_t i = 0; i < positions.size(); ++i) {
     const point& p = positions[i];
     if (!std::isfinite(p.x) || !std::isfinite(p.y))
+      continue;
+    const std::size_t row = tileIndex(p.y, y0), column = tileIndex(p.x, x0);
+    tileOf[i] = dense ? row * columns + column : sparse.try_emplace({row, column}, 0).first->second;
+  }
+  std::size_t tileCount = dense ? rows * columns : 0;
+  if (!dense) {
+    for (auto& [key, number] : sparse)
+      number = tileCount++;
+    for (std::size_t i = 0; i < positions.size(); ++i)
+      if (tileOf[i] != NonFinite)
+        tileOf[i] = sparse.at({tileIndex(positions[i].y, y0), tileIndex(positions[i].x, x0)});
+  }
+
+  std::vector<std::size_t> counts(tileCount, 0);
+  std::vector<std::size_t> nonFinite;
+  for (std::size_t i = 0; i < positions.size(); ++i)
+    if (tileOf[i] == NonFinite)
       nonFinite.push_back(i);
     else
-      tiles[{tileIndex(p.y, y0), tileIndex(p.x, x0)}].push_back(i);
-  }
+      ++counts[tileOf[i]];
+  std::vector<std::size_t> fragmentOf(tileCount, NonFinite);
   Partition out;
-  out.reserve(tiles.size() + 1);
-  for (auto& [key, indices] : tiles)
-    out.push_back(std::move(indices));
+  for (std::size_t t = 0; t < tileCount; ++t)
+    if (counts[t] > 0) {
+      fragmentOf[t] = out.size();
+      out.emplace_back().reserve(counts[t]);
+    }
+  for (std::size_t i = 0; i < positions.size(); ++i)
+    if (tileOf[i] != NonFinite)
+      out[fragmentOf[tileOf[i]]].push_back(i);
   if (!nonFinite.empty())
     out.push_back(std::move(nonFinite));
   return out;

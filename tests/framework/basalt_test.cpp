@@ -62,11 +62,11 @@ TEST(Console, FormatHandlesLongResults) {
 TEST(Attributes, SetReplaceRemoveAndCopy) {
   Basalt::Attributes attributes;
   EXPECT_EQ(attributes.getAttribute("CellSize"), nullptr);
-  attributes.setAttribute("CellSize", std::make_shared<Basalt::Chunk<double>>(
-                                          std::initializer_list<double>{1.0}));
+  attributes.setAttribute(
+      "CellSize", std::make_shared<Basalt::Chunk<double>>(std::initializer_list<double>{1.0}));
   attributes.setAttribute("Range", std::make_shared<Basalt::Chunk<int>>(2));
-  attributes.setAttribute("CellSize", std::make_shared<Basalt::Chunk<double>>(
-                                          std::initializer_list<double>{2.0}));
+  attributes.setAttribute(
+      "CellSize", std::make_shared<Basalt::Chunk<double>>(std::initializer_list<double>{2.0}));
   auto value = Basalt::chunkCast<double>(attributes.getAttribute("CellSize"));
   ASSERT_NE(value, nullptr);
   EXPECT_EQ((*value)[0], 2.0);

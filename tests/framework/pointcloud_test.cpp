@@ -57,9 +57,13 @@ TEST(PointCloudBuilder, BuildsFragmentsFromAPartitionAndReadsBack) {
 
 TEST(PointCloudBuilder, RefusesInconsistentInputWithAClearMessage) {
   PointCloudBuilder builder({{0, 0, 0}, {1, 1, 1}, {2, 2, 2}});
-  EXPECT_EQ(errorOf([&] { builder.addField("Intensity", std::vector<unsigned short>{1, 2}); }),
+  EXPECT_EQ(errorOf([&] {
+              builder.addField("Intensity", std::vector<unsigned short>{1, 2});
+            }),
             "field \"Intensity\" has 2 values for 3 points");
-  EXPECT_EQ(errorOf([&] { builder.build({{0, 1}, {1, 2}}); }),
+  EXPECT_EQ(errorOf([&] {
+              builder.build({{0, 1}, {1, 2}});
+            }),
             "point 1 is in more than one fragment");
   EXPECT_EQ(errorOf([&] { builder.build({{0, 1}}); }), "point 2 is in no fragment");
   EXPECT_EQ(errorOf([&] { builder.build({{0, 1, 2}, {3}}); }), "fragment 1 names point 3 of 3");
@@ -73,8 +77,8 @@ TEST(PointCloudBuilder, ZeroPointsGiveTypedFieldsWithoutFragments) {
   ASSERT_NE(positions, nullptr);
   EXPECT_EQ(positions->nFragments(), 0u);
   EXPECT_EQ(positions->getElementType()->name(), "point");
-  EXPECT_TRUE(readField<unsigned char>(*(*grid)(StandardCartesianChart3D, "Classification"))
-                  .empty());
+  EXPECT_TRUE(
+      readField<unsigned char>(*(*grid)(StandardCartesianChart3D, "Classification")).empty());
 }
 
 TEST(Partitions, SequentialAndTiled) {
@@ -90,6 +94,11 @@ TEST(Partitions, SequentialAndTiled) {
   EXPECT_EQ(tilePartition(xyz, 0.0), (Partition{{0, 1, 2, 3, 4, 5}}));
   EXPECT_EQ(tilePartition(xyz, nan), (Partition{{0, 1, 2, 3, 4, 5}}));
   EXPECT_TRUE(tilePartition({}, 1.0).empty());
+
+  // Tiny tiles over a wide area: too many tiles to count densely, the same order all the same.
+  const std::vector<point> wide = {
+      {0, 0, 0}, {1000, 0, 0}, {0, 1000, 0}, {1000, 1000, 0}, {0, 0, 5}};
+  EXPECT_EQ(tilePartition(wide, 1e-6), (Partition{{0, 4}, {1}, {2}, {3}}));
 }
 
 } // namespace

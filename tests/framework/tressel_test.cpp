@@ -81,7 +81,8 @@ TEST(MultiArray, OffsetsStridesAndSlices) {
   // A view keeps its storage alive after the array is gone.
   MultiArray<1, int> kept;
   {
-    auto temporary = std::make_shared<MemArray<1, int>>(MultiIndex<1>(3), std::vector<int>{4, 5, 6});
+    auto temporary =
+        std::make_shared<MemArray<1, int>>(MultiIndex<1>(3), std::vector<int>{4, 5, 6});
     kept = temporary->view();
   }
   EXPECT_EQ(kept[2], 6);
@@ -103,9 +104,9 @@ TEST(TypeRegistration, EveryStandardArrayKindIsRegisteredExactlyOnce) {
     (void)b;
     (void)c;
   }
-  const std::vector<std::string> names = {"uint8",  "uint16", "int32",  "uint32", "uint64",
-                                          "float32", "float64", "float80", "point", "vector",
-                                          "fixedarray3", "edge", "rgb"};
+  const std::vector<std::string> names = {"uint8",       "uint16",  "int32",   "uint32", "uint64",
+                                          "float32",     "float64", "float80", "point",  "vector",
+                                          "fixedarray3", "edge",    "rgb"};
   for (const auto& name : names) {
     EXPECT_EQ(TresselTypeBase::rememberCount(name), 1) << name;
     ASSERT_NE(TresselTypeBase::find(name), nullptr) << name;
@@ -137,19 +138,17 @@ struct SmallGrid {
     auto layout = std::make_shared<FragmentIDCollection>();
     for (int k = 0; k < 3; ++k)
       ids.push_back(layout->makeFragmentID("f" + std::to_string(k)));
-    positions = rep->makeField(rep->makeFieldID("Positions"), layout,
-                               MemArray<1, point>(MultiIndex<1>(0)));
+    positions =
+        rep->makeField(rep->makeFieldID("Positions"), layout, MemArray<1, point>(MultiIndex<1>(0)));
     classes = rep->makeField(rep->makeFieldID("Classification"), layout,
                              MemArray<1, unsigned char>(MultiIndex<1>(0)));
     const std::vector<std::vector<point>> xyz = {
         {{0, 0, 0}, {1, 1, 1}}, {}, {{5, 5, 5}, {6, 4, 5}, {std::nan(""), 0, 0}}};
     for (int k = 0; k < 3; ++k) {
-      positions->setPersistentData(std::make_shared<MemArray<1, point>>(
-                                       MultiIndex<1>(xyz[k].size()), xyz[k]),
-                                   ids[k]);
-      classes->setPersistentData(std::make_shared<MemArray<1, unsigned char>>(
-                                     MultiIndex<1>(xyz[k].size())),
-                                 ids[k]);
+      positions->setPersistentData(
+          std::make_shared<MemArray<1, point>>(MultiIndex<1>(xyz[k].size()), xyz[k]), ids[k]);
+      classes->setPersistentData(
+          std::make_shared<MemArray<1, unsigned char>>(MultiIndex<1>(xyz[k].size())), ids[k]);
     }
   }
 };
@@ -191,8 +190,8 @@ TEST(Grid, SkeletonAndFieldVisitors) {
 
   std::vector<std::string> fields;
   g.grid->skeletons().findVertices()->iterate_fields(
-      [&](const std::string& chart, const StrongPtr<Representation>&,
-          const StrongPtr<FieldID>& id, const StrongPtr<Field>&) {
+      [&](const std::string& chart, const StrongPtr<Representation>&, const StrongPtr<FieldID>& id,
+          const StrongPtr<Field>&) {
         fields.push_back(chart + "/" + id->Name());
         return fields.size() < 1; // stops after the first
       });
@@ -226,8 +225,8 @@ TEST(Field, IteratesFragmentsInOrderWithSelectorAndStop) {
   EXPECT_EQ(seen, (std::vector<std::string>{"f0", "f2"}));
 
   int visits = 0;
-  EXPECT_FALSE(g.positions->iterate(
-      [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&) {
+  EXPECT_FALSE(
+      g.positions->iterate([&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&) {
         return ++visits < 2;
       }));
   EXPECT_EQ(visits, 2);
@@ -247,8 +246,8 @@ TEST(Field, AttachingChecksTypeRankAndLayout) {
 
   // Replacing a fragment's data makes a new creator; holders of the old one keep the old data.
   auto oldCreator = g.classes->getCreator(g.ids[0]);
-  auto replacement = std::make_shared<MemArray<1, unsigned char>>(
-      MultiIndex<1>(2), std::vector<unsigned char>{7, 8});
+  auto replacement = std::make_shared<MemArray<1, unsigned char>>(MultiIndex<1>(2),
+                                                                  std::vector<unsigned char>{7, 8});
   auto newCreator = g.classes->setPersistentData(replacement, g.ids[0]);
   ASSERT_NE(newCreator, nullptr);
   EXPECT_NE(newCreator, oldCreator);
@@ -258,8 +257,8 @@ TEST(Field, AttachingChecksTypeRankAndLayout) {
   EXPECT_EQ(newCreator->getTresselType()->name(), "uint8");
 
   // makeField returns the existing field for the same type and refuses another type.
-  EXPECT_EQ(g.rep->makeField(g.rep->makeFieldID("Classification"),
-                             g.rep->fragmentLayout(), MemArray<1, unsigned char>(MultiIndex<1>(0))),
+  EXPECT_EQ(g.rep->makeField(g.rep->makeFieldID("Classification"), g.rep->fragmentLayout(),
+                             MemArray<1, unsigned char>(MultiIndex<1>(0))),
             g.classes);
   EXPECT_EQ(g.rep->makeField(g.rep->makeFieldID("Classification"), g.rep->fragmentLayout(),
                              MemArray<1, int>(MultiIndex<1>(0))),
@@ -274,13 +273,13 @@ TEST(Field, ProxyCreatesAnUntypedFieldWithThePositionsLayout) {
   EXPECT_EQ(made->getElementType(), nullptr);
   EXPECT_EQ(made->getFragmentIDCollection(), g.positions->getFragmentIDCollection());
   EXPECT_EQ(made->getCreator(g.ids[0]), nullptr);
-  ASSERT_NE(made->setPersistentData(std::make_shared<MemArray<1, float>>(MultiIndex<1>(2)),
-                                    g.ids[0]),
-            nullptr);
+  ASSERT_NE(
+      made->setPersistentData(std::make_shared<MemArray<1, float>>(MultiIndex<1>(2)), g.ids[0]),
+      nullptr);
   EXPECT_EQ(made->getElementType()->name(), "float32"); // typed by its first array
-  EXPECT_EQ(made->setPersistentData(std::make_shared<MemArray<1, double>>(MultiIndex<1>(2)),
-                                    g.ids[1]),
-            nullptr);
+  EXPECT_EQ(
+      made->setPersistentData(std::make_shared<MemArray<1, double>>(MultiIndex<1>(2)), g.ids[1]),
+      nullptr);
 
   auto replacement = std::make_shared<Field>(g.rep->fragmentLayout());
   (*g.rep)["Planarity"] = replacement;
@@ -353,7 +352,8 @@ TEST(DataRange, FragmentRangesAreCachedUntilTouchedAndMergedPerField) {
   const std::string printed = GetCapturedStdout();
   ASSERT_NE(total, nullptr);
   EXPECT_EQ(info, "[0, 100]");
-  EXPECT_EQ(printed, "DataRange of f0: [3, 100]\nDataRange of f1: empty\nDataRange of f2: [0, 1]\n");
+  EXPECT_EQ(printed,
+            "DataRange of f0: [3, 100]\nDataRange of f1: empty\nDataRange of f2: [0, 1]\n");
   auto attribute = Basalt::chunkCast<unsigned char>(g.classes->getAttribute("Range"));
   ASSERT_NE(attribute, nullptr);
   EXPECT_EQ(attribute->values(), (std::vector<unsigned char>{0, 100}));

@@ -96,8 +96,10 @@ TEST(BoundingBox, ExpandSkipsNonFinitePointsAndUpdatesBall) {
 }
 
 TEST(MultiRange, StartingValuesAndEmptyTexts) {
-  for (const std::string& text :
-       std::vector<std::string>{"", ";;", " , ; ", ",", std::string("\0" "2:5", 4)}) {
+  for (const std::string& text : std::vector<std::string>{"", ";;", " , ; ", ",",
+                                                          std::string("\0"
+                                                                      "2:5",
+                                                                      4)}) {
     CaptureStdout();
     Range range(text);
     EXPECT_EQ(GetCapturedStdout(), "") << text;
@@ -129,7 +131,11 @@ TEST(MultiRange, ParsesSortsAndTrims) {
   EXPECT_EQ(Range("1e5;+2;.5").intervals, (Intervals{{0.5, 0.5}, {2, 2}, {1e5, 1e5}}));
   EXPECT_EQ(Range("x:4").intervals, (Intervals{{0, 4}})); // unreadable numbers read as 0
   EXPECT_EQ(Range("4:").intervals, (Intervals{{0, 4}}));
-  EXPECT_EQ(Range(std::string("2:5;7\0" "1-5", 9)).intervals, (Intervals{{2, 5}, {7, 7}}));
+  EXPECT_EQ(Range(std::string("2:5;7\0"
+                              "1-5",
+                              9))
+                .intervals,
+            (Intervals{{2, 5}, {7, 7}}));
 }
 
 TEST(MultiRange, NegativeValuesKeepTheTinyStartingMaximum) {
@@ -142,8 +148,7 @@ TEST(MultiRange, NegativeValuesKeepTheTinyStartingMaximum) {
 }
 
 TEST(MultiRange, InvalidItemsEmptyTheRangeWithOneErrorLine) {
-  for (const std::string text :
-       {"1-5", "0:2;1-5", "1:2:3", "1e-5", "--5", "5-", "2:nan", "nan"}) {
+  for (const std::string text : {"1-5", "0:2;1-5", "1:2:3", "1e-5", "--5", "5-", "2:nan", "nan"}) {
     CaptureStdout();
     Range range(text);
     EXPECT_EQ(GetCapturedStdout(),

@@ -166,7 +166,7 @@ TEST(Access, ExistingOutputIsReusedAndItsArraysReplaced) {
   GetCapturedStdout();
 
   EXPECT_EQ((*cloud.grid)(Tressel::StandardCartesianChart3D, "HeightAboveMinimum"), out);
-  EXPECT_EQ(out->getData(ids[0]), right); // written in place ...
+  EXPECT_EQ(out->getData(ids[0]), right);               // written in place ...
   EXPECT_GT(out->getCreator(ids[0])->age(), ageBefore); // ... and touched
   EXPECT_NE(out->getData(ids[1]), wrong);               // replaced by a new array
   EXPECT_EQ(Tressel::readField<float>(*out, cloud.partition), cloud.expected(box.classes));

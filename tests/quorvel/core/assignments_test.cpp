@@ -47,7 +47,10 @@ TEST(AssignClassesToClasses, AcceptedTexts) {
   EXPECT_EQ(table, std::vector<unsigned char>(256, 3));
   EXPECT_TRUE(assignClassesToClasses(std::string("1>2\0;;;", 7), table)); // text ends at NUL
   EXPECT_EQ(table[1], 2);
-  EXPECT_TRUE(assignClassesToClasses(std::string("\0" "1>2", 4), table));
+  EXPECT_TRUE(assignClassesToClasses(std::string("\0"
+                                                 "1>2",
+                                                 4),
+                                     table));
   EXPECT_EQ(table, identity());
 }
 
@@ -60,7 +63,7 @@ TEST(AssignClassesToClasses, RefusedTextsKeepEarlierItems) {
   EXPECT_FALSE(assignClassesToClasses("99999999999>2", table));
 
   EXPECT_FALSE(assignClassesToClasses("1>2;", table)); // trailing separator: empty item
-  EXPECT_EQ(table[1], 2);                               // no rollback
+  EXPECT_EQ(table[1], 2);                              // no rollback
   EXPECT_FALSE(assignClassesToClasses(";", table));
   EXPECT_FALSE(assignClassesToClasses("3>4;;5>6", table));
   EXPECT_EQ(table[3], 4);
@@ -96,7 +99,10 @@ TEST(AssignRangesToClasses, RefusedItemsLeaveEarlierEntries) {
   EXPECT_FALSE(assignRangesToClasses("0:1=1e20", table)); // class does not fit an int
   EXPECT_FALSE(assignRangesToClasses("0:1=nan", table));
   EXPECT_EQ(table.size(), 2u); // from "0:1=2;3:4" and "0:1=2,"
-  EXPECT_FALSE(assignRangesToClasses(std::string("\0" "0:1=2", 6), table));
+  EXPECT_FALSE(assignRangesToClasses(std::string("\0"
+                                                 "0:1=2",
+                                                 6),
+                                     table));
 }
 
 TEST(ReclassificationAccordingToRange, KeepsTheWrittenOrderOfBothIntervals) {

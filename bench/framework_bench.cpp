@@ -1,0 +1,112 @@
+// Throughput of the framework paths every algorithm run goes through: building a fragmented
+// point cloud from arrays, reading a field back, fragment bounding boxes, class-range tests.
+// The yardstick of each is the plain copy or loop over the same std::vector data.
+#include "tressel/BoundingBoxes.hpp"
+#include "tressel/PointCloud.hpp"
+#include "vantor/MultiRange.hpp"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Vantor::PhysicalSpace::point;
+
+constexpr std::size_t PointCount = 1'000'000;
+
+// An airborne-like cloud: 1 km x 1 km, heights around a gentle slope, georeferenced offsets.
+const std::vector<point>& cloud() {
+  static const std::vector<point> points = [] {
+    std::mt19937_64 random(42);
+    std::uniform_real_distribution<double> xy(0.0, 1000.0);
+    std::normal_distribution<double> noise(0.0, 2.0);
+    std::vector<point> out(PointCount);
+    for (auto& p : out) {
+      const double x = xy(random), y = xy(random);
+      p = {5.0e5 + x, 5.4e6 + y, 200.0 + 0.02 * x + noise(random)};
+    }
+    return out;
+  }();
+  return points;
+}
+
+void BM_BuildPointCloudTiled(benchmark::State& state) {
+  const auto& xyz = cloud();
+  std::vector<unsigned char> classes(xyz.size(), 2);
+  for (auto _ : state) {
+    Tressel::PointCloudBuilder builder(xyz);
+    builder.addField("Classification", classes);
+    auto grid = builder.build(Tressel::tilePartition(xyz, 100.0));
+    benchmark::DoNotOptimize(grid);
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+BENCHMARK(BM_BuildPointCloudTiled)->Unit(benchmark::kMillisecond);
+
+void BM_CopyArraysYardstick(benchmark::State& state) {
+  const auto& xyz = cloud();
+  std::vector<unsigned char> classes(xyz.size(), 2);
+  for (auto _ : state) {
+    std::vector<point> a(xyz);
+    std::vector<unsigned char> b(classes);
+    benchmark::DoNotOptimize(a.data());
+    benchmark::DoNotOptimize(b.data());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+BENCHMARK(BM_CopyArraysYardstick)->Unit(benchmark::kMillisecond);
+
+void BM_FieldBoundingBox(benchmark::State& state) {
+  const auto& xyz = cloud();
+  auto grid = Tressel::PointCloudBuilder(xyz).build(Tressel::sequentialPartition(xyz.size(), 50000));
+  auto positions = grid->CartesianPositions();
+  for (auto _ : state) {
+    // Stored boxes are skipped on purpose: touch makes them stale, so every point is visited.
+    positions->iterate([](const auto&, const auto& creator) {
+      creator->touch();
+      return true;
+    });
+    benchmark::DoNotOptimize(Tressel::getBoundingBox(*positions));
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+BENCHMARK(BM_FieldBoundingBox)->Unit(benchmark::kMillisecond);
+
+void BM_BoundingBoxLoopYardstick(benchmark::State& state) {
+  const auto& xyz = cloud();
+  for (auto _ : state) {
+    point lo = xyz[0], hi = xyz[0];
+    for (const point& p : xyz)
+      for (int k = 0; k < 3; ++k) {
+        lo[k] = std::min(lo[k], p[k]);
+        hi[k] = std::max(hi[k], p[k]);
+      }
+    benchmark::DoNotOptimize(lo);
+    benchmark::DoNotOptimize(hi);
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+BENCHMARK(BM_BoundingBoxLoopYardstick)->Unit(benchmark::kMillisecond);
+
+void BM_MultiRangeContains(benchmark::State& state) {
+  const Vantor::MultiRange<double> range("2;3:5;9;17:19");
+  std::vector<unsigned char> classes(PointCount);
+  std::mt19937 random(1);
+  for (auto& c : classes)
+    c = static_cast<unsigned char>(random() % 32);
+  for (auto _ : state) {
+    std::size_t hits = 0;
+    for (unsigned char c : classes)
+      hits += range.contains(c, 1e-9);
+    benchmark::DoNotOptimize(hits);
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(classes.size()));
+}
+BENCHMARK(BM_MultiRangeContains)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
