@@ -61,7 +61,8 @@ BENCHMARK(BM_CopyArraysYardstick)->Unit(benchmark::kMillisecond);
 
 void BM_FieldBoundingBox(benchmark::State& state) {
   const auto& xyz = cloud();
-  auto grid = Tressel::PointCloudBuilder(xyz).build(Tressel::sequentialPartition(xyz.size(), 50000));
+  auto grid =
+      Tressel::PointCloudBuilder(xyz).build(Tressel::sequentialPartition(xyz.size(), 50000));
   auto positions = grid->CartesianPositions();
   for (auto _ : state) {
     // Stored boxes are skipped on purpose: touch makes them stale, so every point is visited.

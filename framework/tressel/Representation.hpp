@@ -65,8 +65,9 @@ public:
   StrongPtr<Field> findField(const std::string& name) const;
 
   // Creates the field of that ID with the given fragment layout and element type (taken from a
-  // prototype array, or given directly). When the field exists already it is returned if its
-  // element type and rank match (or it has none yet, which it then takes), and empty otherwise.
+  // prototype array, or given directly; none leaves the type to the first array attached). An
+  // existing field of that name is returned when its element type and rank match or either side
+  // names no type; otherwise the answer is empty and the existing field stays untouched.
   StrongPtr<Field> makeField(const StrongPtr<FieldID>& id,
                              const StrongPtr<FragmentIDCollection>& fragments,
                              const MemBase& prototype);
