@@ -1,6 +1,7 @@
 // Throughput of the framework paths every algorithm run goes through: building a fragmented
 // point cloud from arrays, reading a field back, fragment bounding boxes, class-range tests.
 // The yardstick of each is the plain copy or loop over the same std::vector data.
+#include "AirborneCloud.hpp"
 #include "tressel/BoundingBoxes.hpp"
 #include "tressel/PointCloud.hpp"
 #include "vantor/MultiRange.hpp"
@@ -17,20 +18,8 @@ using Vantor::PhysicalSpace::point;
 
 constexpr std::size_t PointCount = 1'000'000;
 
-// An airborne-like cloud: 1 km x 1 km, heights around a gentle slope, georeferenced offsets.
 const std::vector<point>& cloud() {
-  static const std::vector<point> points = [] {
-    std::mt19937_64 random(42);
-    std::uniform_real_distribution<double> xy(0.0, 1000.0);
-    std::normal_distribution<double> noise(0.0, 2.0);
-    std::vector<point> out(PointCount);
-    for (auto& p : out) {
-      const double x = xy(random), y = xy(random);
-      p = {5.0e5 + x, 5.4e6 + y, 200.0 + 0.02 * x + noise(random)};
-    }
-    return out;
-  }();
-  return points;
+  return bench::airborneCloud();
 }
 
 void BM_BuildPointCloudTiled(benchmark::State& state) {

@@ -17,3 +17,5 @@
 #include "vantor/PhysicalSpace.hpp"
 
 #include "quorvel/core/core.hpp"
+#include "quorvel/geometry/geometry.hpp"
+#include "quorvel/spatial/spatial.hpp"

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace Tressel {
@@ -42,6 +43,12 @@ public:
   MultiArray(T* base, const MultiIndex<N>& extents, const Strides& strides,
              StrongPtr<Basalt::ChunkBase> keeper = nullptr)
       : base_(base), extents_(extents), strides_(strides), keeper_(std::move(keeper)) {}
+
+  // A read-only view of a writable one.
+  template <class U>
+  requires std::is_same_v<const U, T> MultiArray(const MultiArray<N, U>& other)
+      : base_(other.base_), extents_(other.extents_), strides_(other.strides_),
+        keeper_(other.keeper_) {}
 
   // A dense view with the first index fastest.
   static MultiArray dense(T* base, const MultiIndex<N>& extents,

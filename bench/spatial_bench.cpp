@@ -1,0 +1,123 @@
+// The bucket tree against nanoflann on the same cloud: building, and one radius query per point
+// with a radius that gives about 30 neighbours, results into a reused vector.
+#include "AirborneCloud.hpp"
+#include "tarrow/OcTreeStd.hpp"
+
+#include <benchmark/benchmark.h>
+#include <nanoflann.hpp>
+
+#include <vector>
+
+namespace {
+
+using Vantor::PhysicalSpace::point;
+
+constexpr double Radius2D = 3.1; // pi r^2 at 1 point / m^2: ~30 neighbours
+constexpr double Radius3D = 4.0; // the sphere cuts the 2 m noisy surface: ~30 neighbours
+
+template <int D>
+double radiusFor() {
+  return D == 2 ? Radius2D : Radius3D;
+}
+
+template <int D>
+std::unique_ptr<Tarrow::OcTreeStd<unsigned, point, D>> buildTree() {
+  const auto& xyz = bench::airborneCloud();
+  point lo = xyz[0], hi = xyz[0];
+  for (const point& p : xyz)
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], p[k]);
+      hi[k] = std::max(hi[k], p[k]);
+    }
+  auto tree = std::make_unique<Tarrow::OcTreeStd<unsigned, point, D>>(lo, hi, 64);
+  for (unsigned i = 0; i < xyz.size(); ++i)
+    tree->insert(xyz[i], i);
+  return tree;
+}
+
+template <int D>
+void BM_OcTreeStdBuild(benchmark::State& state) {
+  for (auto _ : state)
+    benchmark::DoNotOptimize(buildTree<D>());
+  state.SetItemsProcessed(state.iterations() * 1'000'000);
+}
+
+template <int D>
+void BM_OcTreeStdRadius(benchmark::State& state) {
+  const auto& xyz = bench::airborneCloud();
+  const auto tree = buildTree<D>();
+  std::vector<unsigned> found;
+  found.reserve(256);
+  std::size_t total = 0;
+  for (auto _ : state) {
+    total = 0;
+    for (const point& p : xyz) {
+      found.clear();
+      tree->getEuclideanRangeFine(p, radiusFor<D>(), found);
+      total += found.size();
+    }
+  }
+  state.counters["neighbours"] = static_cast<double>(total) / static_cast<double>(xyz.size());
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+
+// nanoflann reads the points through this adaptor; D = 2 uses x and y only.
+struct CloudAdaptor {
+  const std::vector<point>& points;
+  std::size_t kdtree_get_point_count() const { return points.size(); }
+  double kdtree_get_pt(std::size_t i, std::size_t dim) const { return points[i][static_cast<int>(dim)]; }
+  template <class BBox>
+  bool kdtree_get_bbox(BBox&) const {
+    return false;
+  }
+};
+
+template <int D>
+using KdTree = nanoflann::KDTreeSingleIndexAdaptor<
+    nanoflann::L2_Simple_Adaptor<double, CloudAdaptor>, CloudAdaptor, D, unsigned>;
+
+template <int D>
+void BM_NanoflannBuild(benchmark::State& state) {
+  CloudAdaptor adaptor{bench::airborneCloud()};
+  for (auto _ : state) {
+    KdTree<D> index(D, adaptor, nanoflann::KDTreeSingleIndexAdaptorParams(10));
+    index.buildIndex();
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * 1'000'000);
+}
+
+template <int D>
+void BM_NanoflannRadius(benchmark::State& state) {
+  CloudAdaptor adaptor{bench::airborneCloud()};
+  KdTree<D> index(D, adaptor, nanoflann::KDTreeSingleIndexAdaptorParams(10));
+  index.buildIndex();
+  std::vector<std::pair<unsigned, double>> found;
+  found.reserve(256);
+  nanoflann::SearchParams params;
+  params.sorted = false;
+  const double r2 = radiusFor<D>() * radiusFor<D>();
+  std::size_t total = 0;
+  for (auto _ : state) {
+    total = 0;
+    for (const point& p : adaptor.points) {
+      const double q[3] = {p.x, p.y, p.z};
+      total += index.radiusSearch(q, r2, found, params);
+    }
+  }
+  state.counters["neighbours"] = static_cast<double>(total) / static_cast<double>(adaptor.points.size());
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(adaptor.points.size()));
+}
+
+BENCHMARK(BM_OcTreeStdBuild<2>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OcTreeStdBuild<3>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NanoflannBuild<2>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NanoflannBuild<3>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_OcTreeStdRadius<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_OcTreeStdRadius<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_NanoflannRadius<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_NanoflannRadius<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,32 @@
+// Quorvel: the spatial index and the neighbourhood rules every algorithm shares.
+//
+// Neighbourhood rules, the same for every tree and query of the library:
+//  - distances are compared squared, over x, y and z for 3-D trees and over x and y for 2-D
+//    trees (which store z but ignore it);
+//  - a radius query is inclusive (squared distance <= radius^2) and finds the query point itself
+//    when it is in the tree;
+//  - results come in tree order (children 0 to 2^D - 1, leaves in insertion order); the ordered
+//    forms sort by squared distance and keep tree order among equal distances, so the nearest
+//    entry is the first in tree order among the equally near;
+//  - a box query is half-open (lo <= p < hi), the rectangle query of the planimetric trees
+//    closed (lo <= p <= hi);
+//  - a point outside a tree's box, or with a NaN coordinate, is refused with the line
+//    "OcTreeStd::insert() ERROR out of bounds!   ..." and the caller's loop goes on;
+//  - any number of identical points may be inserted: a leaf that cannot be divided any more
+//    holds them beyond its capacity.
+#pragma once
+
+#include "tarrow/OcTreeStd.hpp"
+#include "tressel/Trees.hpp"
+#include "vantor/Trees.hpp"
+
+namespace Tarrow {
+
+using Vantor::PhysicalSpace::point;
+
+extern template class OcTreeStd<unsigned int, point, 2>;
+extern template class OcTreeStd<unsigned int, point, 3>;
+extern template class OcTreeStd<unsigned long long, point, 2>;
+extern template class OcTreeStd<unsigned long long, point, 3>;
+
+} // namespace Tarrow

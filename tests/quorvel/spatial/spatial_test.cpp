@@ -1,0 +1,361 @@
+// Tests of the bucket tree and the framework trees: every query against brute force, the dump
+// format, bounds, duplicates and NaN.
+#include "quorvel/spatial/spatial.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using Vantor::PhysicalSpace::point;
+
+template <class IndexT, int Dim>
+struct Config {
+  using Index = IndexT;
+  static constexpr int D = Dim;
+};
+
+template <class C>
+class TreeOracle : public testing::Test {};
+using Configs = testing::Types<Config<unsigned, 2>, Config<unsigned, 3>,
+                               Config<unsigned long long, 2>, Config<unsigned long long, 3>>;
+TYPED_TEST_SUITE(TreeOracle, Configs);
+
+// Uniform points, or clusters with many exact duplicates.
+std::vector<point> makeCloud(bool clustered, std::size_t n, unsigned seed) {
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<double> u(0.0, 100.0);
+  std::normal_distribution<double> spread(0.0, 0.5);
+  std::vector<point> out;
+  std::vector<point> centres;
+  for (int c = 0; c < 5; ++c)
+    centres.push_back({u(random), u(random), u(random) / 10});
+  while (out.size() < n) {
+    if (!clustered) {
+      out.push_back({1e6 + u(random), 5e6 + u(random), u(random) / 4});
+      continue;
+    }
+    const point& c = centres[random() % centres.size()];
+    point p{1e6 + c.x + spread(random), 5e6 + c.y + spread(random), c.z + spread(random)};
+    const int copies = random() % 4 == 0 ? 3 : 1;
+    for (int k = 0; k < copies && out.size() < n; ++k)
+      out.push_back(p);
+  }
+  return out;
+}
+
+template <int D>
+double squared(const point& a, const point& b) {
+  double s = 0;
+  for (int k = 0; k < D; ++k)
+    s += (a[k] - b[k]) * (a[k] - b[k]);
+  return s;
+}
+
+TYPED_TEST(TreeOracle, EveryQueryMatchesBruteForce) {
+  using Index = typename TypeParam::Index;
+  constexpr int D = TypeParam::D;
+  for (bool clustered : {false, true}) {
+    const auto xyz = makeCloud(clustered, 3000, clustered ? 11 : 7);
+    point lo = xyz[0], hi = xyz[0];
+    for (const point& p : xyz)
+      for (int k = 0; k < 3; ++k) {
+        lo[k] = std::min(lo[k], p[k]);
+        hi[k] = std::max(hi[k], p[k]);
+      }
+    Tarrow::OcTreeStd<Index, point, D> tree(lo, hi, 16);
+    for (std::size_t i = 0; i < xyz.size(); ++i)
+      ASSERT_TRUE(tree.insert(xyz[i], static_cast<Index>(i)));
+    ASSERT_EQ(tree.getSize(), xyz.size());
+
+    std::mt19937 random(3);
+    std::uniform_real_distribution<double> pick(0.0, 1.0);
+    std::vector<Index> found;
+    for (int query = 0; query < 60; ++query) {
+      const point q = xyz[random() % xyz.size()];
+      const double r = 0.2 + 4.0 * pick(random);
+
+      std::set<Index> expected;
+      for (std::size_t i = 0; i < xyz.size(); ++i)
+        if (squared<D>(xyz[i], q) <= r * r)
+          expected.insert(static_cast<Index>(i));
+      found.clear();
+      tree.getEuclideanRangeFine(q, r, found);
+      EXPECT_EQ(std::set<Index>(found.begin(), found.end()), expected);
+      EXPECT_EQ(found.size(), expected.size()); // no index twice
+
+      std::multimap<double, Index> ordered;
+      tree.getEuclideanRangeFine(q, r, ordered);
+      ASSERT_EQ(ordered.size(), expected.size());
+      for (const auto& [key, index] : ordered)
+        EXPECT_EQ(key, squared<D>(xyz[index], q)); // keys are squared distances, ascending
+      // Equal keys keep tree order: the multimap's order is the vector's order, stably sorted.
+      std::vector<std::pair<double, Index>> sorted;
+      tree.getEuclideanRangeSorted(q, r, sorted);
+      EXPECT_EQ(sorted, (std::vector<std::pair<double, Index>>(ordered.begin(), ordered.end())));
+      Index nearest{};
+      double nearestSquared = -1;
+      ASSERT_TRUE(tree.findNearest(q, r, nearest, nearestSquared));
+      EXPECT_EQ(nearest, ordered.begin()->second);
+      EXPECT_EQ(nearestSquared, ordered.begin()->first);
+
+      point boxLo = q, boxHi = q;
+      for (int k = 0; k < 3; ++k) {
+        boxLo[k] -= r * pick(random);
+        boxHi[k] += r * pick(random);
+      }
+      std::set<Index> inBox, inClosedBox;
+      for (std::size_t i = 0; i < xyz.size(); ++i) {
+        bool half = true, closed = true;
+        for (int k = 0; k < D; ++k) {
+          half = half && boxLo[k] <= xyz[i][k] && xyz[i][k] < boxHi[k];
+          closed = closed && boxLo[k] <= xyz[i][k] && xyz[i][k] <= boxHi[k];
+        }
+        if (half)
+          inBox.insert(static_cast<Index>(i));
+        if (closed)
+          inClosedBox.insert(static_cast<Index>(i));
+      }
+      found.clear();
+      tree.getManhattenRangeFine(boxLo, boxHi, 0.0, found);
+      EXPECT_EQ(std::set<Index>(found.begin(), found.end()), inBox);
+      EXPECT_EQ(found.size(), inBox.size());
+
+      std::multimap<double, Index> byCentre;
+      tree.getManhattenRangeFine(boxLo, boxHi, 0.0, byCentre);
+      ASSERT_EQ(byCentre.size(), inBox.size());
+      point middle;
+      for (int k = 0; k < 3; ++k)
+        middle[k] = (boxLo[k] + boxHi[k]) / 2;
+      for (const auto& [key, index] : byCentre)
+        EXPECT_EQ(key, squared<D>(xyz[index], middle));
+
+      found.clear();
+      tree.getManhattenRangeCellWise(boxLo, boxHi, 0.0, found);
+      const std::set<Index> cells(found.begin(), found.end());
+      EXPECT_EQ(cells.size(), found.size());
+      EXPECT_TRUE(std::includes(cells.begin(), cells.end(), inBox.begin(), inBox.end()));
+
+      found.clear();
+      tree.getClosedBoxRange(boxLo, boxHi, found);
+      EXPECT_EQ(std::set<Index>(found.begin(), found.end()), inClosedBox);
+    }
+  }
+}
+
+TEST(OcTreeStd, SplitDepthAndDumpAtEveryLevel) {
+  Tarrow::OcTreeStd<unsigned, point, 3> tree(point{0, 0, 0}, point{2, 2, 2}, 2);
+  tree.insert(point{1.5, 1.5, 1.5}, 0); // child 0: the upper corner
+  tree.insert(point{0.5, 0.5, 0.5}, 1); // child 7
+  EXPECT_EQ(tree.getDepth(), 1u);
+  EXPECT_EQ(tree.toString(0), "   Leave with elements: 2\n");
+  tree.insert(point{0.5, 1.5, 1.5}, 2); // child 1; the full root leaf becomes a branch
+  EXPECT_EQ(tree.getSize(), 3u);
+  EXPECT_EQ(tree.getDepth(), 2u);
+  EXPECT_EQ(tree.toString(0), "   Branch with childs: 3\n"
+                              "      Leave with elements: 1\n"
+                              "      Leave with elements: 1\n"
+                              "      Leave with elements: 1\n");
+  EXPECT_EQ(tree.toString(1),
+            "   Branch with childs: 3, {0.000000, 0.000000, }-{2.000000, 2.000000, }\n"
+            "      Leave with elements: 1, {1.000000, 1.000000, }-{2.000000, 2.000000, }\n"
+            "      Leave with elements: 1, {0.000000, 1.000000, }-{1.000000, 2.000000, }\n"
+            "      Leave with elements: 1, {0.000000, 0.000000, }-{1.000000, 1.000000, }\n");
+  EXPECT_EQ(tree.toString(2),
+            "   Branch with childs: 3, {0.000000, 0.000000, }-{2.000000, 2.000000, }\n"
+            "      Leave with elements: 1, {1.000000, 1.000000, }-{2.000000, 2.000000, }\n"
+            "      0\n"
+            "      Leave with elements: 1, {0.000000, 1.000000, }-{1.000000, 2.000000, }\n"
+            "      2\n"
+            "      Leave with elements: 1, {0.000000, 0.000000, }-{1.000000, 1.000000, }\n"
+            "      1\n");
+
+  const auto& branch = static_cast<const decltype(tree)::Branch&>(*tree.root);
+  ASSERT_TRUE(branch.children[0] && branch.children[1] && branch.children[7]);
+  EXPECT_EQ(branch.children[7]->depth, 2u);
+  const auto& leaf = static_cast<const decltype(tree)::Leaf&>(*branch.children[7]);
+  EXPECT_EQ(leaf.indices.capacity(), 2u); // reserved to the capacity at creation
+  EXPECT_EQ(leaf.points.capacity(), 2u);
+}
+
+TEST(OcTreeStd, BoundsAreInclusiveAndTheCentrePlaneGoesUp) {
+  Tarrow::OcTreeStd<unsigned long long, point, 2> tree(point{0, 0, 0}, point{10, 10, 0}, 1);
+  CaptureStdout();
+  EXPECT_TRUE(tree.insert(point{10, 0, 99}, 0)); // x on max; z is not checked for D = 2
+  EXPECT_TRUE(tree.insert(point{0, 10, -5}, 1));
+  EXPECT_FALSE(tree.insert(point{10.000001, 5, 0}, 2));
+  EXPECT_FALSE(tree.insert(point{5, -0.5, 0}, 3));
+  EXPECT_EQ(GetCapturedStdout(),
+            "OcTreeStd::insert() ERROR out of bounds!   10.000001000000   outside of "
+            "[0.000000000000;10.000000000000]\n"
+            "OcTreeStd::insert() ERROR out of bounds!   -0.500000000000   outside of "
+            "[0.000000000000;10.000000000000]\n");
+  EXPECT_EQ(tree.getSize(), 2u);
+
+  Tarrow::OcTreeStd<unsigned, point, 2> halves(point{0, 0, 0}, point{2, 2, 0}, 1);
+  halves.insert(point{0.5, 0.5, 0}, 0);
+  halves.insert(point{1.0, 1.0, 0}, 1); // exactly on both centre planes: child 0 (upper)
+  const auto& branch = static_cast<const decltype(halves)::Branch&>(*halves.root);
+  ASSERT_TRUE(branch.children[0]);
+  EXPECT_EQ(static_cast<const decltype(halves)::Leaf&>(*branch.children[0]).indices,
+            std::vector<unsigned>{1});
+}
+
+TEST(OcTreeStd, QueryEdgeCases) {
+  Tarrow::OcTreeStd<unsigned, point, 3> tree(point{0, 0, 0}, point{8, 8, 8}, 2);
+  const std::vector<point> xyz = {{1, 1, 1}, {1.2, 1, 1}, {7, 7, 7}, {3, 3, 3}, {3.5, 3, 3}};
+  for (unsigned i = 0; i < xyz.size(); ++i)
+    tree.insert(xyz[i], i);
+
+  std::vector<unsigned> found;
+  tree.getEuclideanRangeFine(point{3, 3, 3}, 0.0, found); // radius 0 finds the coinciding point
+  EXPECT_EQ(found, std::vector<unsigned>{3});
+
+  found.clear();
+  tree.getManhattenRangeFine(point{3, 3, 3}, point{3, 3, 3}, 0.0, found); // half-open, lo = hi
+  EXPECT_TRUE(found.empty());
+  tree.getManhattenRangeFine(point{1, 1, 1}, point{1.2, 2, 2}, 0.0, found); // 1.2 excluded
+  EXPECT_EQ(found, std::vector<unsigned>{0});
+
+  found.clear(); // the cell-wise variant returns the leaf-mate outside the box as well
+  tree.getManhattenRangeCellWise(point{0.9, 0.9, 0.9}, point{1.1, 1.1, 1.1}, 0.0, found);
+  EXPECT_EQ(std::set<unsigned>(found.begin(), found.end()), (std::set<unsigned>{0, 1}));
+
+  std::multimap<double, unsigned> ordered;
+  tree.getEuclideanRangeFine(point{3, 3, 3}, 1.0, ordered);
+  EXPECT_EQ(ordered, (std::multimap<double, unsigned>{{0.0, 3}, {0.25, 4}}));
+  unsigned nearest = 0;
+  double squaredDistance = 0;
+  EXPECT_FALSE(tree.findNearest(point{5, 5, 5}, 1.0, nearest, squaredDistance));
+}
+
+TEST(OcTreeStd, ManyIdenticalPointsAndNaNDoNotHarmTheTree) {
+  Tarrow::OcTreeStd<unsigned, point, 3> tree(point{0, 0, 0}, point{100, 100, 100}, 64);
+  for (unsigned i = 0; i < 10000; ++i)
+    ASSERT_TRUE(tree.insert(point{50, 50, 50}, i));
+  tree.insert(point{10, 10, 10}, 10000);
+  tree.insert(point{50, 50, 50.5}, 10001);
+  CaptureStdout();
+  EXPECT_FALSE(tree.insert(point{std::nan(""), 10, 10}, 10002));
+  EXPECT_FALSE(tree.insert(point{10, 10, std::nan("")}, 10003));
+  EXPECT_EQ(GetCapturedStdout(),
+            "OcTreeStd::insert() ERROR out of bounds!   nan   outside of "
+            "[0.000000000000;100.000000000000]\n"
+            "OcTreeStd::insert() ERROR out of bounds!   nan   outside of "
+            "[0.000000000000;100.000000000000]\n");
+  EXPECT_EQ(tree.getSize(), 10002u);
+  EXPECT_LT(tree.getDepth(), 10u);
+
+  std::vector<unsigned> found;
+  tree.getEuclideanRangeFine(point{50, 50, 50}, 0.1, found);
+  EXPECT_EQ(found.size(), 10000u);
+  found.clear();
+  tree.getEuclideanRangeFine(point{10, 10, 10}, 1.0, found);
+  EXPECT_EQ(found, std::vector<unsigned>{10000});
+  unsigned nearest = 0;
+  double squaredDistance = 0;
+  ASSERT_TRUE(tree.findNearest(point{50, 50, 50.4}, 1.0, nearest, squaredDistance));
+  EXPECT_EQ(nearest, 10001u);
+
+  // Identical points beyond a capacity of 1, and a capacity of 0, still end.
+  Tarrow::OcTreeStd<unsigned, point, 2> tiny(point{0, 0, 0}, point{1, 1, 1}, 0);
+  for (unsigned i = 0; i < 100; ++i)
+    tiny.insert(point{0.25, 0.25, 0}, i);
+  tiny.insert(point{0.75, 0.75, 0}, 100);
+  EXPECT_EQ(tiny.getSize(), 101u);
+}
+
+TEST(OcTreeStd, ConcurrentQueriesAgreeWithSerialOnes) {
+  const auto xyz = makeCloud(false, 5000, 5);
+  point lo = xyz[0], hi = xyz[0];
+  for (const point& p : xyz)
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], p[k]);
+      hi[k] = std::max(hi[k], p[k]);
+    }
+  Tarrow::OcTreeStd<unsigned, point, 3> tree(lo, hi, 64);
+  for (unsigned i = 0; i < xyz.size(); ++i)
+    tree.insert(xyz[i], i);
+  std::vector<std::size_t> serial(xyz.size()), parallel(xyz.size());
+  std::vector<unsigned> found;
+  for (std::size_t i = 0; i < xyz.size(); ++i) {
+    found.clear();
+    tree.getEuclideanRangeFine(xyz[i], 3.0, found);
+    serial[i] = found.size();
+  }
+#pragma omp parallel num_threads(3)
+  {
+    std::vector<unsigned> mine;
+#pragma omp for schedule(dynamic, 64)
+    for (long long i = 0; i < static_cast<long long>(xyz.size()); ++i) {
+      mine.clear();
+      tree.getEuclideanRangeFine(xyz[i], 3.0, mine);
+      parallel[i] = mine.size();
+    }
+  }
+  EXPECT_EQ(serial, parallel);
+}
+
+TEST(FrameworkTrees, OcTreeAndQuadTreeOverABoundingBox) {
+  auto box = std::make_shared<Vantor::BoundingBox>(point{0, 0, 0}, point{10, 10, 10});
+  Vantor::OcTree<unsigned> octree(box, 64);
+  Vantor::QuadTree<unsigned> quadtree(box, 64);
+  const std::vector<point> xyz = {{1, 1, 1}, {1, 1, 5}, {2, 1, 1}, {9, 9, 9}};
+  for (unsigned i = 0; i < xyz.size(); ++i) {
+    octree.insert(xyz[i], i);
+    quadtree.insert(xyz[i], i);
+  }
+  EXPECT_TRUE(octree.valid());
+  EXPECT_EQ(octree.size(), 4u);
+
+  std::multimap<double, unsigned> found;
+  octree.getRange(point{1, 1, 1.5}, 1.2, found);
+  EXPECT_EQ(found, (std::multimap<double, unsigned>{{0.25, 0}, {1.25, 2}}));
+  found.clear();
+  quadtree.getRange(point{1, 1, 1.5}, 1.2, found); // planimetric: z is ignored
+  EXPECT_EQ(found, (std::multimap<double, unsigned>{{0.0, 0}, {0.0, 1}, {1.0, 2}}));
+
+  unsigned nearest = 99;
+  double squaredDistance = -1;
+  ASSERT_TRUE(quadtree.findNearest(point{1, 1, 7}, 0.5, nearest, squaredDistance));
+  EXPECT_EQ(nearest, 0u); // of two equally near entries, the first in tree order
+  ASSERT_TRUE(octree.findNearest(point{1, 1, 7}, 5.0, nearest, squaredDistance));
+  EXPECT_EQ(nearest, 1u);
+  EXPECT_EQ(squaredDistance, 4.0);
+
+  Vantor::OcTree<unsigned> none(nullptr, 64);
+  Vantor::QuadTree<unsigned> empty(std::make_shared<Vantor::BoundingBox>(), 64);
+  EXPECT_FALSE(none.valid());
+  EXPECT_FALSE(empty.insert(point{1, 1, 1}, 0));
+  EXPECT_EQ(empty.size(), 0u);
+  EXPECT_FALSE(none.findNearest(point{1, 1, 1}, 5.0, nearest, squaredDistance));
+}
+
+TEST(FrameworkTrees, QuadTreeRectanglesAreClosed) {
+  Tressel::MemArray<1, point> positions(Tressel::MultiIndex<1>(4),
+                                        {point{0, 0, 1}, point{0.100000001, 0, 2},
+                                         point{0.1000001, 0, 3}, point{0, -0.1, 4}});
+  auto box = std::make_shared<Vantor::BoundingBox>(point{-1, -1, 0}, point{1, 1, 5});
+  auto tree = Tressel::createQuadTree<unsigned long long>(positions.view(), 4, box);
+  ASSERT_EQ(tree->size(), 4u);
+  // A half width of 0.1 rounded to single precision (0.100000001490116) reaches the second
+  // point, which lies farther than the double 0.1.
+  const double h = static_cast<double>(static_cast<float>(0.1));
+  std::vector<unsigned long long> found;
+  tree->getRectangle(point{-h, -h, 0}, point{h, h, 0}, found);
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(found, (std::vector<unsigned long long>{0, 1, 3}));
+
+  EXPECT_FALSE(Tressel::createQuadTree<unsigned long long>(positions.view(), 4, nullptr)->valid());
+}
+
+} // namespace
