@@ -65,7 +65,9 @@ void BM_OcTreeStdRadius(benchmark::State& state) {
 struct CloudAdaptor {
   const std::vector<point>& points;
   std::size_t kdtree_get_point_count() const { return points.size(); }
-  double kdtree_get_pt(std::size_t i, std::size_t dim) const { return points[i][static_cast<int>(dim)]; }
+  double kdtree_get_pt(std::size_t i, std::size_t dim) const {
+    return points[i][static_cast<int>(dim)];
+  }
   template <class BBox>
   bool kdtree_get_bbox(BBox&) const {
     return false;
@@ -73,8 +75,9 @@ struct CloudAdaptor {
 };
 
 template <int D>
-using KdTree = nanoflann::KDTreeSingleIndexAdaptor<
-    nanoflann::L2_Simple_Adaptor<double, CloudAdaptor>, CloudAdaptor, D, unsigned>;
+using KdTree =
+    nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, CloudAdaptor>,
+                                        CloudAdaptor, D, unsigned>;
 
 template <int D>
 void BM_NanoflannBuild(benchmark::State& state) {
@@ -105,7 +108,8 @@ void BM_NanoflannRadius(benchmark::State& state) {
       total += index.radiusSearch(q, r2, found, params);
     }
   }
-  state.counters["neighbours"] = static_cast<double>(total) / static_cast<double>(adaptor.points.size());
+  state.counters["neighbours"] =
+      static_cast<double>(total) / static_cast<double>(adaptor.points.size());
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(adaptor.points.size()));
 }
 

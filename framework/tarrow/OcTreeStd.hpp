@@ -60,16 +60,28 @@ public:
     virtual ~Node() = default;
     virtual bool insert(const Point& p, const Index& i) = 0;
     virtual std::string toString(unsigned level) const = 0;
+    // The queries are the same walk for both node kinds: prune by this node's box first, then
+    // a leaf tests its points and a branch visits its children 0 to 2^D - 1.
     virtual void getManhattenRangeCellWise(const Point& lo, const Point& hi, double,
-                                           std::vector<Index>& out) const = 0;
+                                           std::vector<Index>& out) const {
+      OcTreeStd::cellWise(*this, lo, hi, out);
+    }
     virtual void getManhattenRangeFine(const Point& lo, const Point& hi, double,
-                                       std::vector<Index>& out) const = 0;
+                                       std::vector<Index>& out) const {
+      OcTreeStd::manhattan(*this, lo, hi, out);
+    }
     virtual void getManhattenRangeFine(const Point& lo, const Point& hi, double,
-                                       std::multimap<double, Index>& out) const = 0;
-    virtual void getEuclideanRangeFine(const Point& centre, double radius,
-                                       std::multimap<double, Index>& out) const = 0;
-    virtual void getEuclideanRangeFine(const Point& centre, double radius,
-                                       std::vector<Index>& out) const = 0;
+                                       std::multimap<double, Index>& out) const {
+      OcTreeStd::manhattan(*this, lo, hi, out);
+    }
+    virtual void getEuclideanRangeFine(const Point& q, double radius,
+                                       std::multimap<double, Index>& out) const {
+      OcTreeStd::euclidean(*this, q, radius, out);
+    }
+    virtual void getEuclideanRangeFine(const Point& q, double radius,
+                                       std::vector<Index>& out) const {
+      OcTreeStd::euclidean(*this, q, radius, out);
+    }
     virtual unsigned getDepth() const = 0;
     virtual std::size_t getSize() const = 0;
 
@@ -119,25 +131,6 @@ public:
                  detail::indexText(i) + "\n";
       return out;
     }
-    void getManhattenRangeCellWise(const Point& lo, const Point& hi, double,
-                                   std::vector<Index>& out) const override {
-      OcTreeStd::cellWise(*this, lo, hi, out);
-    }
-    void getManhattenRangeFine(const Point& lo, const Point& hi, double,
-                               std::vector<Index>& out) const override {
-      OcTreeStd::manhattan(*this, lo, hi, out);
-    }
-    void getManhattenRangeFine(const Point& lo, const Point& hi, double,
-                               std::multimap<double, Index>& out) const override {
-      OcTreeStd::manhattan(*this, lo, hi, out);
-    }
-    void getEuclideanRangeFine(const Point& q, double r,
-                               std::multimap<double, Index>& out) const override {
-      OcTreeStd::euclidean(*this, q, r, out);
-    }
-    void getEuclideanRangeFine(const Point& q, double r, std::vector<Index>& out) const override {
-      OcTreeStd::euclidean(*this, q, r, out);
-    }
     unsigned getDepth() const override { return this->depth; }
     std::size_t getSize() const override { return indices.size(); }
 
@@ -152,7 +145,8 @@ public:
         return false;
       bool collapsed = true;
       for (int k = 0; k < D; ++k)
-        collapsed = collapsed && !(this->min[k] < this->centre[k] && this->centre[k] < this->max[k]);
+        collapsed =
+            collapsed && !(this->min[k] < this->centre[k] && this->centre[k] < this->max[k]);
       if (collapsed)
         return false;
       for (const Point& q : points)
@@ -201,25 +195,6 @@ public:
           out += c->toString(level);
       return out;
     }
-    void getManhattenRangeCellWise(const Point& lo, const Point& hi, double,
-                                   std::vector<Index>& out) const override {
-      OcTreeStd::cellWise(*this, lo, hi, out);
-    }
-    void getManhattenRangeFine(const Point& lo, const Point& hi, double,
-                               std::vector<Index>& out) const override {
-      OcTreeStd::manhattan(*this, lo, hi, out);
-    }
-    void getManhattenRangeFine(const Point& lo, const Point& hi, double,
-                               std::multimap<double, Index>& out) const override {
-      OcTreeStd::manhattan(*this, lo, hi, out);
-    }
-    void getEuclideanRangeFine(const Point& q, double r,
-                               std::multimap<double, Index>& out) const override {
-      OcTreeStd::euclidean(*this, q, r, out);
-    }
-    void getEuclideanRangeFine(const Point& q, double r, std::vector<Index>& out) const override {
-      OcTreeStd::euclidean(*this, q, r, out);
-    }
     unsigned getDepth() const override {
       unsigned deepest = 0;
       for (const auto& c : children)
@@ -249,9 +224,9 @@ public:
   bool insert(const Point p, const Index i) {
     for (int k = 0; k < D; ++k)
       if (!(p[k] >= min[k] && p[k] <= max[k])) {
-        Basalt::Console::write(
-            Basalt::format("OcTreeStd::insert() ERROR out of bounds!   %.12f   outside of [%.12f;%.12f]\n",
-                           p[k], min[k], max[k]));
+        Basalt::Console::write(Basalt::format(
+            "OcTreeStd::insert() ERROR out of bounds!   %.12f   outside of [%.12f;%.12f]\n", p[k],
+            min[k], max[k]));
         return false;
       }
     if (root->insert(p, i))
@@ -291,15 +266,16 @@ public:
   void getEuclideanRangeSorted(const Point& centre, double radius,
                                std::vector<std::pair<double, Index>>& out) const {
     out.clear();
-    walk(*root, [&](const Node& n) { return euclideanMiss(n, centre, radius); },
-         [&](const Leaf& leaf) {
-           const double r2 = radius * radius;
-           for (std::size_t j = 0; j < leaf.points.size(); ++j) {
-             const double d2 = squaredDistance(leaf.points[j], centre);
-             if (d2 <= r2)
-               out.emplace_back(d2, leaf.indices[j]);
-           }
-         });
+    walk(
+        *root, [&](const Node& n) { return euclideanMiss(n, centre, radius); },
+        [&](const Leaf& leaf) {
+          const double r2 = radius * radius;
+          for (std::size_t j = 0; j < leaf.points.size(); ++j) {
+            const double d2 = squaredDistance(leaf.points[j], centre);
+            if (d2 <= r2)
+              out.emplace_back(d2, leaf.indices[j]);
+          }
+        });
     std::stable_sort(out.begin(), out.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
   }
@@ -310,20 +286,21 @@ public:
     const double r2 = radius * radius;
     double best = std::numeric_limits<double>::infinity();
     bool found = false;
-    walk(*root,
-         [&](const Node& n) {
-           return euclideanMiss(n, centre, radius) || boxSquaredDistance(n, centre) > best;
-         },
-         [&](const Leaf& leaf) {
-           for (std::size_t j = 0; j < leaf.points.size(); ++j) {
-             const double d2 = squaredDistance(leaf.points[j], centre);
-             if (d2 <= r2 && d2 < best) {
-               best = d2;
-               index = leaf.indices[j];
-               found = true;
-             }
-           }
-         });
+    walk(
+        *root,
+        [&](const Node& n) {
+          return euclideanMiss(n, centre, radius) || boxSquaredDistance(n, centre) > best;
+        },
+        [&](const Leaf& leaf) {
+          for (std::size_t j = 0; j < leaf.points.size(); ++j) {
+            const double d2 = squaredDistance(leaf.points[j], centre);
+            if (d2 <= r2 && d2 < best) {
+              best = d2;
+              index = leaf.indices[j];
+              found = true;
+            }
+          }
+        });
     if (found)
       squared = best;
     return found;
@@ -331,23 +308,24 @@ public:
 
   // Appends every index whose point lies in the closed box lo <= p <= hi (D axes).
   void getClosedBoxRange(const Point& lo, const Point& hi, std::vector<Index>& out) const {
-    walk(*root,
-         [&](const Node& n) {
-           for (int k = 0; k < D; ++k)
-             if (lo[k] > n.max[k] || hi[k] < n.min[k])
-               return true;
-           return false;
-         },
-         [&](const Leaf& leaf) {
-           for (std::size_t j = 0; j < leaf.points.size(); ++j) {
-             const Point& p = leaf.points[j];
-             bool in = true;
-             for (int k = 0; k < D; ++k)
-               in = in && lo[k] <= p[k] && p[k] <= hi[k];
-             if (in)
-               out.push_back(leaf.indices[j]);
-           }
-         });
+    walk(
+        *root,
+        [&](const Node& n) {
+          for (int k = 0; k < D; ++k)
+            if (lo[k] > n.max[k] || hi[k] < n.min[k])
+              return true;
+          return false;
+        },
+        [&](const Leaf& leaf) {
+          for (std::size_t j = 0; j < leaf.points.size(); ++j) {
+            const Point& p = leaf.points[j];
+            bool in = true;
+            for (int k = 0; k < D; ++k)
+              in = in && lo[k] <= p[k] && p[k] <= hi[k];
+            if (in)
+              out.push_back(leaf.indices[j]);
+          }
+        });
   }
 
   std::size_t getSize() const { return root->getSize(); }
@@ -373,7 +351,8 @@ private:
   static double boxSquaredDistance(const Node& n, const Point& q) {
     double s = 0.0;
     for (int k = 0; k < D; ++k) {
-      const double d = q[k] < n.min[k] ? n.min[k] - q[k] : (q[k] > n.max[k] ? q[k] - n.max[k] : 0.0);
+      const double d =
+          q[k] < n.min[k] ? n.min[k] - q[k] : (q[k] > n.max[k] ? q[k] - n.max[k] : 0.0);
       s += d * d;
     }
     return s;
@@ -413,24 +392,26 @@ private:
 
   static void euclidean(const Node& n, const Point& q, double r, std::vector<Index>& out) {
     const double r2 = r * r;
-    walk(n, [&](const Node& m) { return euclideanMiss(m, q, r); },
-         [&](const Leaf& leaf) {
-           for (std::size_t j = 0; j < leaf.points.size(); ++j)
-             if (squaredDistance(leaf.points[j], q) <= r2)
-               out.push_back(leaf.indices[j]);
-         });
+    walk(
+        n, [&](const Node& m) { return euclideanMiss(m, q, r); },
+        [&](const Leaf& leaf) {
+          for (std::size_t j = 0; j < leaf.points.size(); ++j)
+            if (squaredDistance(leaf.points[j], q) <= r2)
+              out.push_back(leaf.indices[j]);
+        });
   }
   static void euclidean(const Node& n, const Point& q, double r,
                         std::multimap<double, Index>& out) {
     const double r2 = r * r;
-    walk(n, [&](const Node& m) { return euclideanMiss(m, q, r); },
-         [&](const Leaf& leaf) {
-           for (std::size_t j = 0; j < leaf.points.size(); ++j) {
-             const double d2 = squaredDistance(leaf.points[j], q);
-             if (d2 <= r2)
-               out.emplace(d2, leaf.indices[j]);
-           }
-         });
+    walk(
+        n, [&](const Node& m) { return euclideanMiss(m, q, r); },
+        [&](const Leaf& leaf) {
+          for (std::size_t j = 0; j < leaf.points.size(); ++j) {
+            const double d2 = squaredDistance(leaf.points[j], q);
+            if (d2 <= r2)
+              out.emplace(d2, leaf.indices[j]);
+          }
+        });
   }
   static bool inHalfOpen(const Point& p, const Point& lo, const Point& hi) {
     for (int k = 0; k < D; ++k)
@@ -439,28 +420,31 @@ private:
     return true;
   }
   static void manhattan(const Node& n, const Point& lo, const Point& hi, std::vector<Index>& out) {
-    walk(n, [&](const Node& m) { return manhattanMiss(m, lo, hi); },
-         [&](const Leaf& leaf) {
-           for (std::size_t j = 0; j < leaf.points.size(); ++j)
-             if (inHalfOpen(leaf.points[j], lo, hi))
-               out.push_back(leaf.indices[j]);
-         });
+    walk(
+        n, [&](const Node& m) { return manhattanMiss(m, lo, hi); },
+        [&](const Leaf& leaf) {
+          for (std::size_t j = 0; j < leaf.points.size(); ++j)
+            if (inHalfOpen(leaf.points[j], lo, hi))
+              out.push_back(leaf.indices[j]);
+        });
   }
   static void manhattan(const Node& n, const Point& lo, const Point& hi,
                         std::multimap<double, Index>& out) {
     Point middle = lo;
     for (int k = 0; k < 3; ++k)
       middle[k] = (lo[k] + hi[k]) / 2;
-    walk(n, [&](const Node& m) { return manhattanMiss(m, lo, hi); },
-         [&](const Leaf& leaf) {
-           for (std::size_t j = 0; j < leaf.points.size(); ++j)
-             if (inHalfOpen(leaf.points[j], lo, hi))
-               out.emplace(squaredDistance(leaf.points[j], middle), leaf.indices[j]);
-         });
+    walk(
+        n, [&](const Node& m) { return manhattanMiss(m, lo, hi); },
+        [&](const Leaf& leaf) {
+          for (std::size_t j = 0; j < leaf.points.size(); ++j)
+            if (inHalfOpen(leaf.points[j], lo, hi))
+              out.emplace(squaredDistance(leaf.points[j], middle), leaf.indices[j]);
+        });
   }
   static void cellWise(const Node& n, const Point& lo, const Point& hi, std::vector<Index>& out) {
-    walk(n, [&](const Node& m) { return manhattanMiss(m, lo, hi); },
-         [&](const Leaf& leaf) { out.insert(out.end(), leaf.indices.begin(), leaf.indices.end()); });
+    walk(
+        n, [&](const Node& m) { return manhattanMiss(m, lo, hi); },
+        [&](const Leaf& leaf) { out.insert(out.end(), leaf.indices.begin(), leaf.indices.end()); });
   }
 
   // Replaces a full leaf by a branch of the same box and depth holding its entries, in their

@@ -13,9 +13,10 @@ void rotate(double a[3][3], double v[3][3], int p, int q) {
   const double apq = a[p][q];
   const double theta = (a[q][q] - a[p][p]) / (2.0 * apq);
   // For a huge theta, theta^2 would overflow; t is then 1 / (2 theta) to working precision.
-  const double t = std::fabs(theta) > 1e150
-                       ? 1.0 / (2.0 * theta)
-                       : (theta >= 0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
+  const double t =
+      std::fabs(theta) > 1e150
+          ? 1.0 / (2.0 * theta)
+          : (theta >= 0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
   const double c = 1.0 / std::sqrt(t * t + 1.0);
   const double s = t * c;
 
@@ -46,8 +47,8 @@ void UnsortedEigenVectors<3, double>(LowerTriangular<3, double>& A, Quadratic<3,
     for (int j = 0; j < 3; ++j)
       a[i][j] = A(i, j);
 
-  const double S = 2.0 * (a[1][0] * a[1][0] + a[2][0] * a[2][0]) + a[2][1] * a[2][1] +
-                   a[1][1] * a[1][1];
+  const double S =
+      2.0 * (a[1][0] * a[1][0] + a[2][0] * a[2][0]) + a[2][1] * a[2][1] + a[1][1] * a[1][1];
   const double t0 = std::sqrt(2.0 * S);
   const double finalThreshold = precision * t0 / 3.0;
   bool finite = true;

@@ -36,13 +36,13 @@ template <class Index>
 bool planarRegression(const std::vector<Index>& indices,
                       const Tressel::MultiArray<1, point>& positions, vector& plane);
 extern template bool planarRegression<unsigned long long>(const std::vector<unsigned long long>&,
-                                                         const Tressel::MultiArray<1, point>&,
-                                                         vector&);
+                                                          const Tressel::MultiArray<1, point>&,
+                                                          vector&);
 
 // Fits the plane and gives every point its signed distance from it. False for fewer than 3
 // points or a failed fit.
-bool getDistancesToRegressionPlane(const std::vector<point>& points,
-                                   std::vector<double>& distances, vector& plane);
+bool getDistancesToRegressionPlane(const std::vector<point>& points, std::vector<double>& distances,
+                                   vector& plane);
 
 // Signed perpendicular distance of p from the plane, positive above it.
 double computeDistanceOfPointFromPlane(const vector& plane, point p);
@@ -81,8 +81,8 @@ double sphCubic(const double r);
 
 // Settings of a neighbourhood search.
 struct ComputeNeighboursParameterBox {
-  double radius = 1.0;  // search radius, in the units of the positions
-  std::string mode;     // search mode text, compared by different()
+  double radius = 1.0;    // search radius, in the units of the positions
+  std::string mode;       // search mode text, compared by different()
   bool stripwise = false; // search strip by strip instead of over the whole cloud
 
   // True when a result computed with other cannot be reused: radii more than 0.001 apart, or

@@ -65,8 +65,8 @@ bool planarRegression(std::vector<point> points, vector& plane, unsigned percent
   if (k > n || n - k < 3)
     return false;
   if (k > 0)
-    std::partial_sort(points.begin(), points.begin() + static_cast<std::ptrdiff_t>(k),
-                      points.end(), sortPoint);
+    std::partial_sort(points.begin(), points.begin() + static_cast<std::ptrdiff_t>(k), points.end(),
+                      sortPoint);
   PlaneSums sums;
   for (std::size_t i = k; i < n; ++i)
     sums.add(points[i], points.front());
@@ -89,8 +89,8 @@ bool planarRegression(const std::vector<Index>& indices,
 template bool planarRegression<unsigned long long>(const std::vector<unsigned long long>&,
                                                    const Tressel::MultiArray<1, point>&, vector&);
 
-bool getDistancesToRegressionPlane(const std::vector<point>& points,
-                                   std::vector<double>& distances, vector& plane) {
+bool getDistancesToRegressionPlane(const std::vector<point>& points, std::vector<double>& distances,
+                                   vector& plane) {
   if (points.size() < 3 || !planarRegression(points, plane))
     return false;
   distances.resize(points.size());
@@ -104,7 +104,9 @@ double computeDistanceOfPointFromPlane(const vector& plane, point p) {
          std::sqrt(plane.x * plane.x + plane.y * plane.y + 1.0);
 }
 
-vector getNormalVectorOfPlane(const vector& plane) { return vector(plane.x, plane.y, -1.0); }
+vector getNormalVectorOfPlane(const vector& plane) {
+  return vector(plane.x, plane.y, -1.0);
+}
 
 double getHeightFromPlane(const vector& plane, const double x, const double y) {
   return plane.x * x + plane.y * y + plane.z;
@@ -116,6 +118,8 @@ float computeHeight(const vector& plane, const point& p) {
   return -1000.0f;
 }
 
-bool sortPoint(const point p, const point q) { return q.z > p.z; }
+bool sortPoint(const point p, const point q) {
+  return q.z > p.z;
+}
 
 } // namespace Quorvel

@@ -71,7 +71,9 @@ double sphCubic(const double r, const double h) {
   return 0.0;
 }
 
-double sphCubic(const double r) { return sphCubic(r, 1.0); }
+double sphCubic(const double r) {
+  return sphCubic(r, 1.0);
+}
 
 bool ComputeNeighboursParameterBox::different(const ComputeNeighboursParameterBox& other) const {
   return std::fabs(radius - other.radius) > 0.001 || mode != other.mode ||

@@ -178,11 +178,11 @@ TEST(WeightedStatistics, MedianConvergesToAFixedPointNearTheBulk) {
 
 TEST(SphCubic, ValuesAroundTheKnots) {
   EXPECT_DOUBLE_EQ(sphCubic(0.0, 1.0), 1.0);
-  EXPECT_DOUBLE_EQ(sphCubic(0.5, 1.0), 0.25);                      // q = 1
-  EXPECT_NEAR(sphCubic(0.5 - 1e-9, 1.0), 0.25, 1e-8);              // q -> 1 from below
+  EXPECT_DOUBLE_EQ(sphCubic(0.5, 1.0), 0.25);                           // q = 1
+  EXPECT_NEAR(sphCubic(0.5 - 1e-9, 1.0), 0.25, 1e-8);                   // q -> 1 from below
   EXPECT_DOUBLE_EQ(sphCubic(0.25, 1.0), 1 - 1.5 * 0.25 + 0.75 * 0.125); // q = 0.5
-  EXPECT_DOUBLE_EQ(sphCubic(0.75, 1.0), 0.25 * 0.125);             // q = 1.5
-  EXPECT_EQ(sphCubic(1.0, 1.0), 0.0);                              // q = 2
+  EXPECT_DOUBLE_EQ(sphCubic(0.75, 1.0), 0.25 * 0.125);                  // q = 1.5
+  EXPECT_EQ(sphCubic(1.0, 1.0), 0.0);                                   // q = 2
   EXPECT_EQ(sphCubic(3.0, 1.0), 0.0);
   EXPECT_EQ(sphCubic(-0.1, 1.0), 0.0);
   EXPECT_DOUBLE_EQ(sphCubic(1.0, 4.0), sphCubic(0.25)); // q = 2 r / h

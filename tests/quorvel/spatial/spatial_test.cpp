@@ -247,11 +247,10 @@ TEST(OcTreeStd, ManyIdenticalPointsAndNaNDoNotHarmTheTree) {
   CaptureStdout();
   EXPECT_FALSE(tree.insert(point{std::nan(""), 10, 10}, 10002));
   EXPECT_FALSE(tree.insert(point{10, 10, std::nan("")}, 10003));
-  EXPECT_EQ(GetCapturedStdout(),
-            "OcTreeStd::insert() ERROR out of bounds!   nan   outside of "
-            "[0.000000000000;100.000000000000]\n"
-            "OcTreeStd::insert() ERROR out of bounds!   nan   outside of "
-            "[0.000000000000;100.000000000000]\n");
+  EXPECT_EQ(GetCapturedStdout(), "OcTreeStd::insert() ERROR out of bounds!   nan   outside of "
+                                 "[0.000000000000;100.000000000000]\n"
+                                 "OcTreeStd::insert() ERROR out of bounds!   nan   outside of "
+                                 "[0.000000000000;100.000000000000]\n");
   EXPECT_EQ(tree.getSize(), 10002u);
   EXPECT_LT(tree.getDepth(), 10u);
 
@@ -341,9 +340,9 @@ TEST(FrameworkTrees, OcTreeAndQuadTreeOverABoundingBox) {
 }
 
 TEST(FrameworkTrees, QuadTreeRectanglesAreClosed) {
-  Tressel::MemArray<1, point> positions(Tressel::MultiIndex<1>(4),
-                                        {point{0, 0, 1}, point{0.100000001, 0, 2},
-                                         point{0.1000001, 0, 3}, point{0, -0.1, 4}});
+  Tressel::MemArray<1, point> positions(
+      Tressel::MultiIndex<1>(4),
+      {point{0, 0, 1}, point{0.100000001, 0, 2}, point{0.1000001, 0, 3}, point{0, -0.1, 4}});
   auto box = std::make_shared<Vantor::BoundingBox>(point{-1, -1, 0}, point{1, 1, 5});
   auto tree = Tressel::createQuadTree<unsigned long long>(positions.view(), 4, box);
   ASSERT_EQ(tree->size(), 4u);
