@@ -16,6 +16,7 @@
 #include "vantor/MultiRange.hpp"
 #include "vantor/PhysicalSpace.hpp"
 
+#include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/spatial/spatial.hpp"

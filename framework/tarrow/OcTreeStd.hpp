@@ -24,6 +24,21 @@ std::string indexText(const Index& index) {
 }
 } // namespace detail
 
+// True when p lies in [min, max] on the first D axes (bounds inclusive). Otherwise, and for a
+// NaN coordinate, writes "OcTreeStd::insert() ERROR out of bounds!   <coordinate>   outside of
+// [<min>;<max>]" for the first failing axis and answers false.
+template <int D, class Point>
+bool acceptsPoint(const Point& p, const Point& min, const Point& max) {
+  for (int k = 0; k < D; ++k)
+    if (!(p[k] >= min[k] && p[k] <= max[k])) {
+      Basalt::Console::write(Basalt::format(
+          "OcTreeStd::insert() ERROR out of bounds!   %.12f   outside of [%.12f;%.12f]\n", p[k],
+          min[k], max[k]));
+      return false;
+    }
+  return true;
+}
+
 // A region tree that stores (point, index) pairs in leaf buckets of a fixed capacity and splits
 // a full leaf into 2^D children around its centre. Child number: (p.x < c.x ? 1 : 0) +
 // (p.y < c.y ? 2 : 0) + (p.z < c.z ? 4 : 0) for D = 3, so a coordinate on the centre plane goes
@@ -222,13 +237,8 @@ public:
   // is refused with the line "OcTreeStd::insert() ERROR out of bounds!   <coordinate>   outside
   // of [<min>;<max>]" on standard output. True when the point was stored.
   bool insert(const Point p, const Index i) {
-    for (int k = 0; k < D; ++k)
-      if (!(p[k] >= min[k] && p[k] <= max[k])) {
-        Basalt::Console::write(Basalt::format(
-            "OcTreeStd::insert() ERROR out of bounds!   %.12f   outside of [%.12f;%.12f]\n", p[k],
-            min[k], max[k]));
-        return false;
-      }
+    if (!acceptsPoint<D>(p, min, max))
+      return false;
     if (root->insert(p, i))
       return true;
     root = split(static_cast<Leaf&>(*root), p, i);
@@ -280,30 +290,19 @@ public:
                      [](const auto& a, const auto& b) { return a.first < b.first; });
   }
 
-  // The first entry of the radius query's multimap: the nearest point within radius, the first
-  // in tree order among equally near ones. False when none lies within radius.
+  // The nearest point within radius of centre (squared distance over the D axes, inclusive);
+  // among equally near points the one with the smallest index. False when none lies within
+  // radius. Children are visited nearest box first, and a subtree is skipped once its box lies
+  // farther than the best point so far, so a query touches few leaves.
   bool findNearest(const Point& centre, double radius, Index& index, double& squared) const {
-    const double r2 = radius * radius;
-    double best = std::numeric_limits<double>::infinity();
-    bool found = false;
-    walk(
-        *root,
-        [&](const Node& n) {
-          return euclideanMiss(n, centre, radius) || boxSquaredDistance(n, centre) > best;
-        },
-        [&](const Leaf& leaf) {
-          for (std::size_t j = 0; j < leaf.points.size(); ++j) {
-            const double d2 = squaredDistance(leaf.points[j], centre);
-            if (d2 <= r2 && d2 < best) {
-              best = d2;
-              index = leaf.indices[j];
-              found = true;
-            }
-          }
-        });
-    if (found)
-      squared = best;
-    return found;
+    Nearest best{radius * radius, Index{}, false};
+    if (!euclideanMiss(*root, centre, radius))
+      nearest(*root, centre, best);
+    if (best.found) {
+      index = best.index;
+      squared = best.squared;
+    }
+    return best.found;
   }
 
   // Appends every index whose point lies in the closed box lo <= p <= hi (D axes).
@@ -374,6 +373,44 @@ private:
       if (lo[k] > n.max[k] || n.min[k] >= hi[k])
         return true;
     return false;
+  }
+
+  struct Nearest {
+    double squared; // best squared distance so far (the squared radius before the first hit)
+    Index index;
+    bool found;
+  };
+
+  static void nearest(const Node& n, const Point& q, Nearest& best) {
+    if (n.isLeaf()) {
+      const auto& leaf = static_cast<const Leaf&>(n);
+      for (std::size_t j = 0; j < leaf.points.size(); ++j) {
+        const double d2 = squaredDistance(leaf.points[j], q);
+        if (d2 < best.squared ||
+            (d2 == best.squared && (!best.found || leaf.indices[j] < best.index))) {
+          best = {d2, leaf.indices[j], true};
+        }
+      }
+      return;
+    }
+    // Children by the distance of their boxes, nearest first (insertion sort of at most 8).
+    const auto& children = static_cast<const Branch&>(n).children;
+    std::array<std::pair<double, const Node*>, Children> order;
+    int count = 0;
+    for (const auto& c : children) {
+      if (!c)
+        continue;
+      const double d2 = boxSquaredDistance(*c, q);
+      int j = count++;
+      for (; j > 0 && order[j - 1].first > d2; --j)
+        order[j] = order[j - 1];
+      order[j] = {d2, c.get()};
+    }
+    for (int j = 0; j < count; ++j) {
+      if (order[j].first > best.squared)
+        break;
+      nearest(*order[j].second, q, best);
+    }
   }
 
   // Depth-first over the nodes that pass `miss`, children in number order, leaves to onLeaf.

@@ -1,6 +1,52 @@
 // Quorvel: the instances of the spatial index that the library exports.
 #include "quorvel/spatial/spatial.hpp"
 
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace Quorvel {
+
+namespace {
+
+// Spreads the low 32 bits of v to the even bit positions.
+std::uint64_t spreadBits(std::uint64_t v) {
+  v &= 0xffffffffULL;
+  v = (v | (v << 16)) & 0x0000ffff0000ffffULL;
+  v = (v | (v << 8)) & 0x00ff00ff00ff00ffULL;
+  v = (v | (v << 4)) & 0x0f0f0f0f0f0f0f0fULL;
+  v = (v | (v << 2)) & 0x3333333333333333ULL;
+  v = (v | (v << 1)) & 0x5555555555555555ULL;
+  return v;
+}
+
+} // namespace
+
+std::vector<std::uint32_t>
+spatialOrder(const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
+             const Vantor::BoundingBox& box) {
+  const std::size_t n = positions.size();
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(n);
+  const double width = std::max(box.max().x - box.min().x, box.max().y - box.min().y);
+  const double scale = !box.empty() && width > 0 ? 4294967295.0 / width : 0.0;
+  for (std::size_t i = 0; i < n; ++i) {
+    const auto& p = positions[i];
+    const double u = (p.x - box.min().x) * scale, v = (p.y - box.min().y) * scale;
+    const bool usable = u >= 0 && v >= 0 && u <= 4294967295.0 && v <= 4294967295.0;
+    const std::uint64_t key = usable ? spreadBits(static_cast<std::uint64_t>(u)) |
+                                           (spreadBits(static_cast<std::uint64_t>(v)) << 1)
+                                     : ~std::uint64_t{0};
+    keyed[i] = {key, static_cast<std::uint32_t>(i)};
+  }
+  std::sort(keyed.begin(), keyed.end());
+  std::vector<std::uint32_t> order(n);
+  for (std::size_t i = 0; i < n; ++i)
+    order[i] = keyed[i].second;
+  return order;
+}
+
+} // namespace Quorvel
+
 namespace Tarrow {
 
 template class OcTreeStd<unsigned int, point, 2>;

@@ -6,8 +6,9 @@
 //  - a radius query is inclusive (squared distance <= radius^2) and finds the query point itself
 //    when it is in the tree;
 //  - results come in tree order (children 0 to 2^D - 1, leaves in insertion order); the ordered
-//    forms sort by squared distance and keep tree order among equal distances, so the nearest
-//    entry is the first in tree order among the equally near;
+//    forms of OcTreeStd sort by squared distance and keep tree order among equal distances;
+//  - a nearest-neighbour question is a nearest-neighbour search bounded by the radius; among
+//    equally near points the smallest index wins (the framework trees order their maps so);
 //  - a box query is half-open (lo <= p < hi), the rectangle query of the planimetric trees
 //    closed (lo <= p <= hi);
 //  - a point outside a tree's box, or with a NaN coordinate, is refused with the line
@@ -19,6 +20,21 @@
 #include "tarrow/OcTreeStd.hpp"
 #include "tressel/Trees.hpp"
 #include "vantor/Trees.hpp"
+
+#include <cstdint>
+#include <vector>
+
+namespace Quorvel {
+
+// The indices 0 .. n-1 of positions in Morton (Z-curve) order of their x and y within box: a
+// loop that queries a tree point by point in this order visits neighbouring leaves one after
+// the other and keeps them in cache. Points outside the box or not finite come last, in index
+// order.
+std::vector<std::uint32_t>
+spatialOrder(const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
+             const Vantor::BoundingBox& box);
+
+} // namespace Quorvel
 
 namespace Tarrow {
 

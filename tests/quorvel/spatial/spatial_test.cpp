@@ -102,11 +102,15 @@ TYPED_TEST(TreeOracle, EveryQueryMatchesBruteForce) {
       std::vector<std::pair<double, Index>> sorted;
       tree.getEuclideanRangeSorted(q, r, sorted);
       EXPECT_EQ(sorted, (std::vector<std::pair<double, Index>>(ordered.begin(), ordered.end())));
+      // The nearest: smallest squared distance, then smallest index.
       Index nearest{};
       double nearestSquared = -1;
       ASSERT_TRUE(tree.findNearest(q, r, nearest, nearestSquared));
-      EXPECT_EQ(nearest, ordered.begin()->second);
       EXPECT_EQ(nearestSquared, ordered.begin()->first);
+      EXPECT_EQ(nearest, *std::min_element(expected.begin(), expected.end(), [&](Index a, Index b) {
+                  return std::make_pair(squared<D>(xyz[a], q), a) <
+                         std::make_pair(squared<D>(xyz[b], q), b);
+                }));
 
       point boxLo = q, boxHi = q;
       for (int k = 0; k < 3; ++k) {

@@ -1,0 +1,47 @@
+// Quorvel: rules shared by the classification transfer entry points.
+#pragma once
+
+#include "quorvel/classification/classification.hpp"
+#include "quorvel/core/core.hpp"
+
+namespace Quorvel::detail {
+
+inline constexpr const char* TransferTag = "ClassificationTransfer: ";
+inline constexpr unsigned TransferBucketCapacity = 64;
+
+// Whether a class byte lies in a class range.
+inline bool passes(const MultiRange<double>& range, unsigned char cls) {
+  return range.contains(static_cast<double>(cls), RangeTolerance);
+}
+
+// The band class for a nearest source point at squared distance d2: the class of the first band
+// whose key (squared radius) is greater than d2. False when no band is, and cls is kept.
+inline bool bandClass(const std::map<double, std::int32_t>& bands, double d2, unsigned char& cls) {
+  const auto band = bands.upper_bound(d2);
+  if (band == bands.end())
+    return false;
+  cls = static_cast<unsigned char>(band->second);
+  return true;
+}
+
+// The per-fragment transfer translates by the offset only when its x or y is positive.
+inline bool offsetApplies(const Vantor::PhysicalSpace::vector& offset) {
+  return offset.x > 0 || offset.y > 0;
+}
+
+// Calls f with a fresh tree of the box's dimension (QuadTree for 2, OcTree for 3) over bbox;
+// false, without calling f, for any other dimension.
+template <class F>
+bool withTree(int dimension, const StrongPtr<BoundingBox>& bbox, F&& f) {
+  if (dimension == 2) {
+    f(std::make_shared<Vantor::QuadTree<unsigned>>(bbox, TransferBucketCapacity));
+    return true;
+  }
+  if (dimension == 3) {
+    f(std::make_shared<Vantor::OcTree<unsigned>>(bbox, TransferBucketCapacity));
+    return true;
+  }
+  return false;
+}
+
+} // namespace Quorvel::detail
