@@ -62,14 +62,17 @@ void BM_ClassificationTransfer(benchmark::State& state) {
 struct CloudAdaptor {
   const std::vector<point>& points;
   std::size_t kdtree_get_point_count() const { return points.size(); }
-  double kdtree_get_pt(std::size_t i, std::size_t d) const { return points[i][static_cast<int>(d)]; }
+  double kdtree_get_pt(std::size_t i, std::size_t d) const {
+    return points[i][static_cast<int>(d)];
+  }
   template <class BBox>
   bool kdtree_get_bbox(BBox&) const {
     return false;
   }
 };
-using KdTree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, CloudAdaptor>,
-                                                   CloudAdaptor, 3, unsigned>;
+using KdTree =
+    nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, CloudAdaptor>,
+                                        CloudAdaptor, 3, unsigned>;
 
 void BM_NanoflannNearestYardstick(benchmark::State& state) {
   CloudAdaptor adaptor{sourcePoints()};

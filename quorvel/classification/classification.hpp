@@ -97,12 +97,12 @@ std::string classificationTransferOLD(const Basalt::StrongPtr<Tressel::Grid>& so
 // passes `source`, then every target point whose class passes `target` takes the class (and,
 // with positions, the position) of its nearest source point within radius.
 template <class Tree>
-void classificationTransfer(const Basalt::StrongPtr<Tree>& tree,
-                            const ClassificationTransferParameterBox& box,
-                            const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& sourcePositions,
-                            const Tressel::MultiArray<1, const unsigned char>& sourceClasses,
-                            const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& targetPositions,
-                            const Tressel::MultiArray<1, unsigned char>& targetClasses);
+void classificationTransfer(
+    const Basalt::StrongPtr<Tree>& tree, const ClassificationTransferParameterBox& box,
+    const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& sourcePositions,
+    const Tressel::MultiArray<1, const unsigned char>& sourceClasses,
+    const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& targetPositions,
+    const Tressel::MultiArray<1, unsigned char>& targetClasses);
 
 // One target point against the single tree of one-tree mode (see expand, offset, positions).
 template <class Tree>

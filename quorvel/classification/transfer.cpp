@@ -94,27 +94,27 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
   std::vector<BoundingBox> reach;
   std::vector<FragmentSlot> targets;
   std::vector<std::vector<std::uint32_t>> orders;
-  targetPositions->iterate([&](const StrongPtr<FragmentID>& id,
-                               const StrongPtr<CreativeArrayBase>& creator) {
-    const FragmentSlot slot{id, creator};
-    if (box.unclassify || created) {
-      const auto xyz = fragmentArray<point>(*targetPositions, slot);
-      FragmentOutput<unsigned char> zero(targetClasses, id, xyz ? xyz->size() : 0);
-      std::fill(zero.data(), zero.data() + zero.size(), 0);
-      zero.commit();
-    }
-    auto bbox = fragmentBBox(slot);
-    if (!bbox) {
-      log.report("ERROR: no fragment_bbox target found");
-      return false;
-    }
-    const Vantor::PhysicalSpace::vector widen(box.radius, box.radius, box.radius);
-    reach.emplace_back(bbox->min() - widen, bbox->max() + widen);
-    targets.push_back(slot);
-    const auto xyz = fragmentArray<point>(*targetPositions, slot);
-    orders.push_back(xyz ? spatialOrder(xyz->view(), *bbox) : std::vector<std::uint32_t>{});
-    return true;
-  });
+  targetPositions->iterate(
+      [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        const FragmentSlot slot{id, creator};
+        if (box.unclassify || created) {
+          const auto xyz = fragmentArray<point>(*targetPositions, slot);
+          FragmentOutput<unsigned char> zero(targetClasses, id, xyz ? xyz->size() : 0);
+          std::fill(zero.data(), zero.data() + zero.size(), 0);
+          zero.commit();
+        }
+        auto bbox = fragmentBBox(slot);
+        if (!bbox) {
+          log.report("ERROR: no fragment_bbox target found");
+          return false;
+        }
+        const Vantor::PhysicalSpace::vector widen(box.radius, box.radius, box.radius);
+        reach.emplace_back(bbox->min() - widen, bbox->max() + widen);
+        targets.push_back(slot);
+        const auto xyz = fragmentArray<point>(*targetPositions, slot);
+        orders.push_back(xyz ? spatialOrder(xyz->view(), *bbox) : std::vector<std::uint32_t>{});
+        return true;
+      });
   Basalt::Console() << "bboxes: " << reach.size() << " vs. " << targetClasses->nFragments();
 
   const std::size_t sourceCount = sourcePositions->nFragments();
@@ -153,8 +153,8 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
       if (offsetApplies(box.offset))
         reachable = BoundingBox(sourceBox->min() + box.offset, sourceBox->max() + box.offset);
       const Vantor::PhysicalSpace::vector widen(box.radius, box.radius, box.radius);
-      const SourcePass pass{box, *cls, BoundingBox(sourceBox->min() - widen, sourceBox->max() + widen),
-                            log};
+      const SourcePass pass{box, *cls,
+                            BoundingBox(sourceBox->min() - widen, sourceBox->max() + widen), log};
       forEachFragment(targets.size(), box.threads, log, [&](std::size_t t) {
         if (reach[t].inside(reachable, BoundingBox::Intersects))
           transferOnto(*tree, pass, targets[t], orders[t], *targetClasses);

@@ -96,30 +96,30 @@ bool fillOneTree(Tree& tree, ClassificationTransferParameterBox& box, const Fiel
                  const Field& classes, Messages& log) {
   const std::size_t count = positions.nFragments();
   std::size_t done = 0;
-  return positions.iterate([&](const StrongPtr<FragmentID>& id,
-                               const StrongPtr<CreativeArrayBase>& creator) {
-    Basalt::Console::write("filling tree in mode onetree: " + std::to_string(++done) + " / " +
-                           std::to_string(count) + "\r");
-    auto xyz = arrayCast<1, point>(creator ? creator->getData() : nullptr);
-    if (!xyz) {
-      log.report("ERROR: no m_vertices");
-      return false;
-    }
-    auto cls = fragmentArray<unsigned char>(classes, *id);
-    if (!cls || cls->size() != xyz->size()) {
-      log.report("ERROR: no m_classification");
-      return false;
-    }
-    for (std::size_t i = 0; i < xyz->size(); ++i) {
-      if (!passes(box.source, (*cls)[i]))
-        continue;
-      tree.insert((*xyz)[i], static_cast<unsigned>(box.sourceClasses.size()));
-      box.sourceClasses.push_back((*cls)[i]);
-      if (box.positions)
-        box.sourceHeights.push_back(static_cast<float>((*xyz)[i].z));
-    }
-    return true;
-  });
+  return positions.iterate(
+      [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        Basalt::Console::write("filling tree in mode onetree: " + std::to_string(++done) + " / " +
+                               std::to_string(count) + "\r");
+        auto xyz = arrayCast<1, point>(creator ? creator->getData() : nullptr);
+        if (!xyz) {
+          log.report("ERROR: no m_vertices");
+          return false;
+        }
+        auto cls = fragmentArray<unsigned char>(classes, *id);
+        if (!cls || cls->size() != xyz->size()) {
+          log.report("ERROR: no m_classification");
+          return false;
+        }
+        for (std::size_t i = 0; i < xyz->size(); ++i) {
+          if (!passes(box.source, (*cls)[i]))
+            continue;
+          tree.insert((*xyz)[i], static_cast<unsigned>(box.sourceClasses.size()));
+          box.sourceClasses.push_back((*cls)[i]);
+          if (box.positions)
+            box.sourceHeights.push_back(static_cast<float>((*xyz)[i].z));
+        }
+        return true;
+      });
 }
 
 // Per-fragment mode of one target fragment: a tree per source fragment, nearest class (and
@@ -261,11 +261,10 @@ std::string classificationTransferOLD(const StrongPtr<Grid>& source, const Stron
     });
   });
 
-  const double seconds =
-      static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                              std::chrono::steady_clock::now() - start)
-                              .count()) *
-      1e-9;
+  const double seconds = static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                 std::chrono::steady_clock::now() - start)
+                                                 .count()) *
+                         1e-9;
   Basalt::Console() << "\nClassificationTransfer: time needed: " << seconds;
   return box.message;
 }
