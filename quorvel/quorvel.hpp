@@ -19,4 +19,5 @@
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/geometry.hpp"
+#include "quorvel/metadata/metadata.hpp"
 #include "quorvel/spatial/spatial.hpp"

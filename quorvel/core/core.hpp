@@ -59,7 +59,8 @@ int maximumThreadsMinusOne();
 int correctedThreadCount(int requested);
 
 // Runs f inside the library's one unnamed critical section, which guards every change of the
-// framework's field tables and every progress line made from a parallel loop.
+// framework's field tables and every progress line made from a parallel loop. The section is
+// not reentrant: f must not call anything that enters it again.
 void underCriticalSection(const std::function<void()>& f);
 
 // ---- Diagnostics ---------------------------------------------------------------------------

@@ -22,6 +22,25 @@ std::uint64_t spreadBits(std::uint64_t v) {
 
 } // namespace
 
+void sortByKey(std::vector<std::pair<std::uint64_t, std::uint32_t>>& items) {
+  std::uint64_t largest = 0;
+  for (const auto& item : items)
+    largest |= item.first;
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> buffer(items.size());
+  std::vector<std::size_t> counts(1 << 16);
+  for (int shift = 0; shift < 64 && (largest >> shift) != 0; shift += 16) {
+    std::fill(counts.begin(), counts.end(), 0);
+    for (const auto& item : items)
+      ++counts[(item.first >> shift) & 0xffff];
+    std::size_t offset = 0;
+    for (auto& c : counts)
+      offset += std::exchange(c, offset);
+    for (const auto& item : items)
+      buffer[counts[(item.first >> shift) & 0xffff]++] = item;
+    items.swap(buffer);
+  }
+}
+
 std::vector<std::uint32_t>
 spatialOrder(const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
              const Vantor::BoundingBox& box) {
@@ -38,7 +57,7 @@ spatialOrder(const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& p
                                      : ~std::uint64_t{0};
     keyed[i] = {key, static_cast<std::uint32_t>(i)};
   }
-  std::sort(keyed.begin(), keyed.end());
+  sortByKey(keyed);
   std::vector<std::uint32_t> order(n);
   for (std::size_t i = 0; i < n; ++i)
     order[i] = keyed[i].second;
