@@ -74,6 +74,7 @@ QUORVEL_ELEMENT_TRAITS(long double, "float80", 1, Float80)
 QUORVEL_ELEMENT_TRAITS(Vantor::PhysicalSpace::point, "point", 3, Float64)
 QUORVEL_ELEMENT_TRAITS(Vantor::PhysicalSpace::vector, "vector", 3, Float64)
 QUORVEL_ELEMENT_TRAITS(Vantor::PhysicalSpace::bivector, "bivector", 3, Float64)
+QUORVEL_ELEMENT_TRAITS(Vantor::PhysicalSpace::FloatPoint, "pointf", 3, Float32)
 QUORVEL_ELEMENT_TRAITS(FixedArray3, "fixedarray3", 3, Float64)
 QUORVEL_ELEMENT_TRAITS(Edge, "edge", 2, UInt32)
 QUORVEL_ELEMENT_TRAITS(Vantor::RGB, "rgb", 3, UInt8)
@@ -102,6 +103,8 @@ public:
   static void remember(const TresselTypeBase& type);
   // The registered type of that name, or null.
   static const TresselTypeBase* find(const std::string& name);
+  // The registered type of that C++ type, or null.
+  static const TresselTypeBase* find(const std::type_info& info);
   static std::vector<const TresselTypeBase*> registeredTypes();
   // How often remember() was called for the type of that name (1 after a clean start).
   static int rememberCount(const std::string& name);

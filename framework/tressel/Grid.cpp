@@ -24,6 +24,11 @@ StrongPtr<Representation> Skeleton::makeRepresentation(const std::string& chartN
   return representations_.back();
 }
 
+std::vector<StrongPtr<Representation>> Skeleton::representations() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return representations_;
+}
+
 bool Skeleton::iterate_fields(const FieldVisitor& visit) const {
   std::vector<StrongPtr<Representation>> reps;
   {
@@ -76,12 +81,18 @@ StrongPtr<Chart> Grid::findCartesianChart(const std::string& name) const {
   return nullptr;
 }
 
-StrongPtr<Chart> Grid::makeCartesianChart(const std::string& name, unsigned flags) {
+std::vector<StrongPtr<Chart>> Grid::charts() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return charts_;
+}
+
+StrongPtr<Chart> Grid::makeCartesianChart(const std::string& name, unsigned flags,
+                                          int dimension) {
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& chart : charts_)
     if (chart->Name() == name)
       return chart;
-  charts_.push_back(std::make_shared<Chart>(name, 3, flags));
+  charts_.push_back(std::make_shared<Chart>(name, dimension, flags));
   return charts_.back();
 }
 

@@ -1,6 +1,7 @@
 // Quorvel framework, data model: grids, their skeletons and charts.
 #pragma once
 
+#include "basalt/Attributes.hpp"
 #include "basalt/Intercube.hpp"
 #include "tressel/Representation.hpp"
 
@@ -58,6 +59,8 @@ public:
       std::function<bool(const std::string& baseSpace, const StrongPtr<Representation>&,
                          const StrongPtr<FieldID>&, const StrongPtr<Field>&)>;
   bool iterate_fields(const FieldVisitor& visit) const;
+  // The representations in creation order.
+  std::vector<StrongPtr<Representation>> representations() const;
 
 private:
   SkeletonID id_;
@@ -88,9 +91,16 @@ public:
 
   const std::string& Name() const { return name_; }
 
+  // Named values of the whole grid (for example the layout of a uniform grid); saved with it.
+  Basalt::Attributes& attributes() { return attributes_; }
+  const Basalt::Attributes& attributes() const { return attributes_; }
+  // The charts in creation order.
+  std::vector<StrongPtr<Chart>> charts() const;
+
   StrongPtr<Chart> findCartesianChart(const std::string& name) const;
-  // Creates the chart (dimension 3) or returns the existing one of that name.
-  StrongPtr<Chart> makeCartesianChart(const std::string& name, unsigned flags = 0);
+  // Creates the chart (of dimension 3 unless given) or returns the existing one of that name.
+  StrongPtr<Chart> makeCartesianChart(const std::string& name, unsigned flags = 0,
+                                      int dimension = 3);
 
   SkeletonMap& skeletons() { return skeletons_; }
   const SkeletonMap& skeletons() const { return skeletons_; }
@@ -122,6 +132,7 @@ private:
   mutable std::mutex mutex_;
   std::vector<StrongPtr<Chart>> charts_;
   SkeletonMap skeletons_;
+  Basalt::Attributes attributes_;
 };
 
 } // namespace Tressel

@@ -1,6 +1,7 @@
 // Quorvel framework, data model: the array kinds that the framework library instantiates, and
 // so registers when it is loaded: ranks 1 to 4 over every element type of point clouds and
-// rasters. Other element types register on their first use.
+// rasters, and the point types of stored positions. Other element types register on their
+// first use.
 #pragma once
 
 #include "tressel/MemArray.hpp"
@@ -18,6 +19,8 @@
   QUORVEL_FOR_EACH_RANK(MACRO, long double)                                                        \
   QUORVEL_FOR_EACH_RANK(MACRO, Vantor::PhysicalSpace::point)                                       \
   QUORVEL_FOR_EACH_RANK(MACRO, Vantor::PhysicalSpace::vector)                                      \
+  QUORVEL_FOR_EACH_RANK(MACRO, Vantor::PhysicalSpace::bivector)                                    \
+  QUORVEL_FOR_EACH_RANK(MACRO, Vantor::PhysicalSpace::FloatPoint)                                  \
   QUORVEL_FOR_EACH_RANK(MACRO, Tressel::FixedArray3)                                               \
   QUORVEL_FOR_EACH_RANK(MACRO, Tressel::Edge)                                                      \
   QUORVEL_FOR_EACH_RANK(MACRO, Vantor::RGB)

@@ -49,6 +49,15 @@ const TresselTypeBase* TresselTypeBase::find(const std::string& name) {
   return it == table.types.end() ? nullptr : it->second;
 }
 
+const TresselTypeBase* TresselTypeBase::find(const std::type_info& info) {
+  auto& table = typeTable();
+  std::lock_guard<std::mutex> lock(table.mutex);
+  for (const auto& [name, type] : table.types)
+    if (type->typeInfo() == info)
+      return type;
+  return nullptr;
+}
+
 std::vector<const TresselTypeBase*> TresselTypeBase::registeredTypes() {
   auto& table = typeTable();
   std::lock_guard<std::mutex> lock(table.mutex);

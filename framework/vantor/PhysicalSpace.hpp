@@ -68,6 +68,12 @@ struct point : detail::Triple<point> {
   constexpr point operator-(const vector& v) const { return {x - v.x, y - v.y, z - v.z}; }
 };
 
+// A location stored in single precision (three floats), as positions may be kept in files.
+struct FloatPoint {
+  float x = 0.0f, y = 0.0f, z = 0.0f;
+  friend constexpr bool operator==(const FloatPoint&, const FloatPoint&) = default;
+};
+
 // Squared Euclidean distance; squared so that callers compare without a square root.
 constexpr double squaredDistance(const point& a, const point& b) {
   return (a - b).squaredLength();

@@ -1,0 +1,635 @@
+// Quorvel framework, data model: bundles and their HDF5 files.
+#include "tressel/Bundle.hpp"
+
+#include "tressel/BoundingBoxes.hpp"
+#include "tressel/detail/Hdf5.hpp"
+
+#include "basalt/Console.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <unistd.h>
+
+namespace Tressel {
+
+using detail::Handle;
+using detail::Hdf5Error;
+using Vantor::PhysicalSpace::point;
+
+namespace {
+
+constexpr const char* FormatName = "QuorvelBundle";
+constexpr int FormatVersion = 1;
+
+// ---- Small HDF5 helpers; each failure throws with the object it concerns -----------------
+
+// Groups created here remember the order their members were made in.
+Handle makeGroup(hid_t parent, const std::string& name) {
+  Handle properties(H5Pcreate(H5P_GROUP_CREATE), H5Pclose, "group properties");
+  H5Pset_link_creation_order(properties, H5P_CRT_ORDER_TRACKED | H5P_CRT_ORDER_INDEXED);
+  return Handle(H5Gcreate2(parent, name.c_str(), H5P_DEFAULT, properties, H5P_DEFAULT), H5Gclose,
+                "cannot create group " + name);
+}
+
+Handle openGroup(hid_t parent, const std::string& name, const std::string& where) {
+  if (H5Lexists(parent, name.c_str(), H5P_DEFAULT) <= 0)
+    throw Hdf5Error("missing group " + where + "/" + name);
+  return Handle(H5Gopen2(parent, name.c_str(), H5P_DEFAULT), H5Gclose,
+                "cannot open group " + where + "/" + name);
+}
+
+bool hasMember(hid_t parent, const std::string& name) {
+  return H5Lexists(parent, name.c_str(), H5P_DEFAULT) > 0;
+}
+
+// Member names in creation order where the file records it, else in name order.
+std::vector<std::string> members(hid_t group) {
+  std::vector<std::string> names;
+  auto collect = [](hid_t, const char* name, const H5L_info_t*, void* data) -> herr_t {
+    static_cast<std::vector<std::string>*>(data)->push_back(name);
+    return 0;
+  };
+  hsize_t index = 0;
+  if (H5Literate(group, H5_INDEX_CRT_ORDER, H5_ITER_INC, &index, collect, &names) < 0) {
+    names.clear();
+    index = 0;
+    if (H5Literate(group, H5_INDEX_NAME, H5_ITER_INC, &index, collect, &names) < 0)
+      throw Hdf5Error("cannot list a group");
+  }
+  return names;
+}
+
+void writeAttribute(hid_t object, const char* name, hid_t type, const void* data,
+                    hsize_t count = 1) {
+  Handle space(H5Screate_simple(1, &count, nullptr), H5Sclose, "dataspace");
+  Handle attribute(H5Acreate2(object, name, type, space, H5P_DEFAULT, H5P_DEFAULT), H5Aclose,
+                   std::string("cannot create attribute ") + name);
+  if (H5Awrite(attribute, type, data) < 0)
+    throw Hdf5Error(std::string("cannot write attribute ") + name);
+}
+
+void writeText(hid_t object, const char* name, const std::string& text) {
+  Handle type(H5Tcopy(H5T_C_S1), H5Tclose, "string type");
+  H5Tset_size(type, std::max<std::size_t>(text.size(), 1));
+  H5Tset_strpad(type, H5T_STR_NULLPAD);
+  Handle space(H5Screate(H5S_SCALAR), H5Sclose, "dataspace");
+  Handle attribute(H5Acreate2(object, name, type, space, H5P_DEFAULT, H5P_DEFAULT), H5Aclose,
+                   std::string("cannot create attribute ") + name);
+  const std::string padded = text.empty() ? std::string(1, '\0') : text;
+  if (H5Awrite(attribute, type, padded.data()) < 0)
+    throw Hdf5Error(std::string("cannot write attribute ") + name);
+}
+
+bool hasAttribute(hid_t object, const char* name) { return H5Aexists(object, name) > 0; }
+
+std::string readText(hid_t object, const char* name, const std::string& where) {
+  if (!hasAttribute(object, name))
+    throw Hdf5Error("missing attribute " + where + ":" + name);
+  Handle attribute(H5Aopen(object, name, H5P_DEFAULT), H5Aclose, "attribute " + where);
+  Handle type(H5Aget_type(attribute), H5Tclose, "attribute type " + where);
+  if (H5Tget_class(type) != H5T_STRING || H5Tis_variable_str(type) > 0)
+    throw Hdf5Error("attribute " + where + ":" + name + " is not a fixed-length text");
+  std::string text(H5Tget_size(type), '\0');
+  Handle memory(H5Tcopy(type), H5Tclose, "string type");
+  if (H5Aread(attribute, memory, text.data()) < 0)
+    throw Hdf5Error("cannot read attribute " + where + ":" + name);
+  return text.substr(0, text.find('\0'));
+}
+
+template <class T>
+std::vector<T> readNumbers(hid_t object, const char* name, hid_t type, std::size_t count,
+                           const std::string& where) {
+  if (!hasAttribute(object, name))
+    throw Hdf5Error("missing attribute " + where + ":" + name);
+  Handle attribute(H5Aopen(object, name, H5P_DEFAULT), H5Aclose, "attribute " + where);
+  Handle space(H5Aget_space(attribute), H5Sclose, "attribute space " + where);
+  if (H5Sget_simple_extent_npoints(space) != static_cast<hssize_t>(count))
+    throw Hdf5Error("attribute " + where + ":" + name + " has the wrong size");
+  std::vector<T> values(count);
+  if (H5Aread(attribute, type, values.data()) < 0)
+    throw Hdf5Error("cannot read attribute " + where + ":" + name);
+  return values;
+}
+
+hid_t nativeType(ScalarKind kind) {
+  switch (kind) {
+  case ScalarKind::Int8:
+    return H5T_NATIVE_SCHAR;
+  case ScalarKind::UInt8:
+    return H5T_NATIVE_UCHAR;
+  case ScalarKind::Int16:
+    return H5T_NATIVE_SHORT;
+  case ScalarKind::UInt16:
+    return H5T_NATIVE_USHORT;
+  case ScalarKind::Int32:
+    return H5T_NATIVE_INT;
+  case ScalarKind::UInt32:
+    return H5T_NATIVE_UINT;
+  case ScalarKind::Int64:
+    return H5T_NATIVE_LLONG;
+  case ScalarKind::UInt64:
+    return H5T_NATIVE_ULLONG;
+  case ScalarKind::Float32:
+    return H5T_NATIVE_FLOAT;
+  case ScalarKind::Float64:
+    return H5T_NATIVE_DOUBLE;
+  case ScalarKind::Float80:
+    return H5T_NATIVE_LDOUBLE;
+  case ScalarKind::Opaque:
+    break;
+  }
+  return -1;
+}
+
+// The element type must be stored as `components` plain scalars of its kind.
+const TresselTypeBase& storable(const TresselTypeBase& type) {
+  const hid_t native = nativeType(type.scalar());
+  if (native < 0 || H5Tget_size(native) * static_cast<std::size_t>(type.components()) != type.size())
+    throw Hdf5Error("element type " + type.name() + " cannot be stored");
+  return type;
+}
+
+const TresselTypeBase& typeOf(const Basalt::ChunkBase& chunk) {
+  const TresselTypeBase* type = TresselTypeBase::find(chunk.elementType());
+  if (!type)
+    throw Hdf5Error(std::string("element type ") + chunk.elementType().name() +
+                    " is not registered");
+  return storable(*type);
+}
+
+// Dataset dimensions: the extents slowest first, then the components of multi-value elements,
+// so that the file's row-major order is the array's own order (first index fastest).
+std::vector<hsize_t> datasetShape(const MemBase::Extents& extents, const TresselTypeBase& type) {
+  std::vector<hsize_t> dims(extents.rbegin(), extents.rend());
+  if (type.components() > 1)
+    dims.push_back(static_cast<hsize_t>(type.components()));
+  return dims;
+}
+
+// Writes one array. With a shift, point data is stored minus the shift (kept as the attribute
+// "NumericalShift"); with single precision, as float triples (attribute "StoredAs").
+void writeArray(hid_t group, const std::string& name, const TresselTypeBase& type,
+                const MemBase::Extents& extents, const Basalt::ChunkBase& chunk, bool shift,
+                bool single) {
+  const auto dims = datasetShape(extents, type);
+  Handle space(H5Screate_simple(static_cast<int>(dims.size()), dims.data(), nullptr), H5Sclose,
+               "dataspace of " + name);
+  const bool points = holdsPoints(chunk);
+  shift = shift && points;
+  single = single && points;
+  const std::size_t n = chunk.size();
+
+  double offset[3] = {0, 0, 0};
+  std::vector<double> asDouble;
+  if (shift || single) {
+    asDouble.resize(3 * n);
+    if (chunk.elementType() == typeid(point)) {
+      std::memcpy(asDouble.data(), chunk.rawData(), 3 * n * sizeof(double));
+    } else {
+      const float* values = static_cast<const float*>(chunk.rawData());
+      for (std::size_t i = 0; i < 3 * n; ++i)
+        asDouble[i] = values[i];
+    }
+  }
+  if (shift) {
+    // The centre of the finite values: offsets then take the fewest significant bits.
+    for (int k = 0; k < 3; ++k) {
+      double lo = 0, hi = 0;
+      bool any = false;
+      for (std::size_t i = 0; i < n; ++i) {
+        const double v = asDouble[3 * i + k];
+        if (!std::isfinite(v))
+          continue;
+        lo = any ? std::min(lo, v) : v;
+        hi = any ? std::max(hi, v) : v;
+        any = true;
+      }
+      offset[k] = any ? std::floor((lo + hi) / 2) : 0.0;
+      for (std::size_t i = 0; i < n; ++i)
+        asDouble[3 * i + k] -= offset[k];
+    }
+  }
+
+  const hid_t memoryType = single ? H5T_NATIVE_FLOAT : nativeType(type.scalar());
+  Handle dataset(H5Dcreate2(group, name.c_str(), memoryType, space, H5P_DEFAULT, H5P_DEFAULT,
+                            H5P_DEFAULT),
+                 H5Dclose, "cannot create dataset " + name);
+  herr_t status = 0;
+  if (single) {
+    std::vector<float> narrow(asDouble.begin(), asDouble.end());
+    status = H5Dwrite(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, narrow.data());
+    writeText(dataset, "StoredAs", "float32");
+  } else if (shift && chunk.elementType() == typeid(point)) {
+    status = H5Dwrite(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, asDouble.data());
+  } else if (shift) {
+    std::vector<float> narrow(asDouble.begin(), asDouble.end());
+    status = H5Dwrite(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, narrow.data());
+  } else {
+    status = H5Dwrite(dataset, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, chunk.rawData());
+  }
+  if (status < 0)
+    throw Hdf5Error("cannot write dataset " + name);
+  if (shift)
+    writeAttribute(dataset, "NumericalShift", H5T_NATIVE_DOUBLE, offset, 3);
+}
+
+// Reads one array of the given element type and rank, undoing a stored shift.
+StrongPtr<MemBase> readArray(hid_t group, const std::string& name, const TresselTypeBase& type,
+                             int rank, const std::string& where) {
+  Handle dataset(H5Dopen2(group, name.c_str(), H5P_DEFAULT), H5Dclose,
+                 "cannot open dataset " + where);
+  Handle space(H5Dget_space(dataset), H5Sclose, "dataspace of " + where);
+  const int ndims = H5Sget_simple_extent_ndims(space);
+  const int expected = rank + (type.components() > 1 ? 1 : 0);
+  if (ndims != expected)
+    throw Hdf5Error("dataset " + where + " has " + std::to_string(ndims) + " dimensions, " +
+                    std::to_string(expected) + " expected");
+  std::vector<hsize_t> dims(static_cast<std::size_t>(ndims));
+  H5Sget_simple_extent_dims(space, dims.data(), nullptr);
+  if (type.components() > 1 && dims.back() != static_cast<hsize_t>(type.components()))
+    throw Hdf5Error("dataset " + where + " does not hold " + type.name() + " elements");
+  MemBase::Extents extents(dims.rend() - rank, dims.rend());
+  auto data = MemBase::create(rank, type.name(), extents);
+  if (!data)
+    throw Hdf5Error("dataset " + where + ": no array of " + type.name());
+  if (data->nElements() > 0 &&
+      H5Dread(dataset, nativeType(type.scalar()), H5S_ALL, H5S_ALL, H5P_DEFAULT,
+              data->myChunk()->rawData()) < 0)
+    throw Hdf5Error("cannot read dataset " + where + " (truncated or corrupt)");
+  if (hasAttribute(dataset, "NumericalShift")) {
+    const auto shift = readNumbers<double>(dataset, "NumericalShift", H5T_NATIVE_DOUBLE, 3, where);
+    auto& chunk = *data->myChunk();
+    if (chunk.elementType() == typeid(point)) {
+      auto* values = static_cast<double*>(chunk.rawData());
+      for (std::size_t i = 0; i < chunk.size(); ++i)
+        for (int k = 0; k < 3; ++k)
+          values[3 * i + k] += shift[static_cast<std::size_t>(k)];
+    } else if (chunk.elementType() == typeid(Vantor::PhysicalSpace::FloatPoint)) {
+      auto* values = static_cast<float*>(chunk.rawData());
+      for (std::size_t i = 0; i < chunk.size(); ++i)
+        for (int k = 0; k < 3; ++k)
+          values[3 * i + k] = static_cast<float>(values[3 * i + k] + shift[k]);
+    }
+  }
+  return data;
+}
+
+// Named attributes as one dataset each, with its element type.
+void writeAttributes(hid_t parent, const std::string& groupName, const Basalt::Attributes& from) {
+  const auto names = from.attributeNames();
+  if (names.empty())
+    return;
+  Handle group = makeGroup(parent, groupName);
+  for (const auto& name : names) {
+    const auto chunk = from.getAttribute(name);
+    const TresselTypeBase& type = typeOf(*chunk);
+    writeArray(group, name, type, {chunk->size()}, *chunk, false, false);
+    Handle dataset(H5Dopen2(group, name.c_str(), H5P_DEFAULT), H5Dclose, "attribute " + name);
+    writeText(dataset, "ElementType", type.name());
+  }
+}
+
+void readAttributes(hid_t parent, const std::string& groupName, Basalt::Attributes& into,
+                    const std::string& where) {
+  if (!hasMember(parent, groupName))
+    return;
+  Handle group = openGroup(parent, groupName, where);
+  for (const auto& name : members(group)) {
+    Handle dataset(H5Dopen2(group, name.c_str(), H5P_DEFAULT), H5Dclose, "attribute " + name);
+    const std::string typeName = readText(dataset, "ElementType", where + "/" + name);
+    const TresselTypeBase* type = TresselTypeBase::find(typeName);
+    if (!type)
+      throw Hdf5Error("unknown element type " + typeName + " of " + where + "/" + name);
+    into.setAttribute(name, readArray(group, name, *type, 1, where + "/" + name)->myChunk());
+  }
+}
+
+std::string joinLines(const std::vector<StrongPtr<FragmentID>>& ids) {
+  std::string text;
+  for (const auto& id : ids)
+    text += id->Name() + "\n";
+  return text;
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+    lines.push_back(text.substr(start, end - start));
+  return lines;
+}
+
+std::string fragmentDataset(std::size_t k) { return "Fragment" + std::to_string(k); }
+
+// ---- Writing ---------------------------------------------------------------------------
+
+struct Writer {
+  StorageTransformations& policy;
+
+  void field(hid_t fields, const StrongPtr<FieldID>& id, const Field& f,
+             const StrongPtr<Grid>& grid, const Slice& slice, const SkeletonID& skeleton) {
+    if (!policy.isSaveableField(*id, f, grid, grid->Name(), slice.time(), slice.name(), skeleton))
+      return;
+    Handle group = makeGroup(fields, id->Name());
+    const TresselTypeBase* type = f.getElementType();
+    writeText(group, "ElementType", type ? storable(*type).name() : "");
+    const int rank = f.getRank();
+    writeAttribute(group, "Rank", H5T_NATIVE_INT, &rank);
+    const auto ids = f.getFragmentIDs().fragments();
+    writeText(group, "FragmentNames", joinLines(ids));
+    writeAttributes(group, "Attributes", f.attributes());
+    Handle data = makeGroup(group, "Data");
+    for (std::size_t k = 0; k < ids.size(); ++k) {
+      const auto creator = f.getCreator(*ids[k]);
+      const auto array = creator ? creator->peekData() : nullptr;
+      if (!array)
+        continue;
+      const auto& chunk = array->myChunk();
+      const std::string name = fragmentDataset(k);
+      writeArray(data, name, storable(array->elementType()), array->extents(), *chunk,
+                 policy.EnableNumericalShift(id->Name(), chunk),
+                 policy.WriteAsSinglePrecision(id->Name(), chunk));
+      Handle dataset(H5Dopen2(data, name.c_str(), H5P_DEFAULT), H5Dclose, "dataset " + name);
+      writeText(dataset, "Name", creator->name());
+      writeAttributes(data, name + ".Attributes", creator->attributes());
+    }
+  }
+
+  void grid(hid_t parent, const std::string& name, const StrongPtr<Grid>& g, const Slice& slice) {
+    Handle group = makeGroup(parent, name);
+    writeAttributes(group, "Attributes", g->attributes());
+    Handle charts = makeGroup(group, "Charts");
+    for (const auto& chart : g->charts()) {
+      Handle c = makeGroup(charts, chart->Name());
+      const int dimension = chart->dimension();
+      const unsigned flags = chart->flags();
+      writeAttribute(c, "Dimension", H5T_NATIVE_INT, &dimension);
+      writeAttribute(c, "Flags", H5T_NATIVE_UINT, &flags);
+    }
+    Handle skeletons = makeGroup(group, "Skeletons");
+    g->skeletons().iterate([&](const SkeletonID& id, const StrongPtr<Skeleton>& skeleton) {
+      Handle s = makeGroup(skeletons, id.Name());
+      const int dimension = id.dimension(), depth = id.depth();
+      writeAttribute(s, "Dimension", H5T_NATIVE_INT, &dimension);
+      writeAttribute(s, "Depth", H5T_NATIVE_INT, &depth);
+      Handle representations = makeGroup(s, "Representations");
+      for (const auto& rep : skeleton->representations()) {
+        Handle r = makeGroup(representations, rep->chartName());
+        Handle fields = makeGroup(r, "Fields");
+        for (const auto& [fieldID, f] : rep->snapshot())
+          if (f)
+            field(fields, fieldID, *f, g, slice, id);
+      }
+      return true;
+    });
+  }
+};
+
+// ---- Reading ---------------------------------------------------------------------------
+
+struct Reader {
+  std::string file;
+
+  void field(hid_t group, const std::string& name, Representation& rep,
+             std::map<std::string, StrongPtr<FragmentIDCollection>>& layouts,
+             const std::string& where) {
+    const std::string typeName = readText(group, "ElementType", where);
+    const int rank = readNumbers<int>(group, "Rank", H5T_NATIVE_INT, 1, where)[0];
+    const std::string fragmentText = readText(group, "FragmentNames", where);
+    const TresselTypeBase* type = nullptr;
+    if (!typeName.empty()) {
+      type = TresselTypeBase::find(typeName);
+      if (!type)
+        throw Hdf5Error("unknown element type " + typeName + " of " + where);
+      if (rank < 1 || rank > 4)
+        throw Hdf5Error("rank " + std::to_string(rank) + " of " + where + " is not 1 to 4");
+    }
+    // Fields with the same fragment list share one layout, as they did when written.
+    auto& layout = layouts[fragmentText];
+    std::vector<StrongPtr<FragmentID>> ids;
+    if (!layout) {
+      layout = std::make_shared<FragmentIDCollection>();
+      for (const auto& fragment : splitLines(fragmentText))
+        layout->makeFragmentID(fragment);
+    }
+    ids = layout->fragments();
+    auto f = rep.makeField(rep.makeFieldID(name), layout, type, type ? rank : 0);
+    if (!f)
+      throw Hdf5Error("field " + where + " appears twice");
+    readAttributes(group, "Attributes", f->attributes(), where);
+    Handle data = openGroup(group, "Data", where);
+    for (const auto& member : members(data)) {
+      if (member.size() > 11 && member.compare(member.size() - 11, 11, ".Attributes") == 0)
+        continue;
+      const std::size_t k = member.rfind("Fragment", 0) == 0 ? std::strtoull(member.c_str() + 8, nullptr, 10)
+                                                             : ids.size();
+      if (k >= ids.size() || fragmentDataset(k) != member)
+        throw Hdf5Error("dataset " + where + "/Data/" + member + " names no fragment");
+      if (!type)
+        throw Hdf5Error("field " + where + " holds data but no element type");
+      auto array = readArray(data, member, *type, rank, where + "/Data/" + member);
+      Handle dataset(H5Dopen2(data, member.c_str(), H5P_DEFAULT), H5Dclose, "dataset " + member);
+      const std::string creatorName =
+          hasAttribute(dataset, "Name") ? readText(dataset, "Name", where) : ids[k]->Name();
+      auto creator = f->setPersistentData(array, ids[k], Basalt::Cache::MemCache(), creatorName);
+      if (!creator)
+        throw Hdf5Error("dataset " + where + "/Data/" + member + " does not fit its field");
+      readAttributes(data, member + ".Attributes", creator->attributes(), where);
+      if (name == PositionsFieldName) {
+        StrongPtr<BoundingBox> box;
+        ExpandBBox(box, creator, BBoxStore);
+      }
+    }
+  }
+
+  StrongPtr<Grid> grid(hid_t group, const std::string& name, const std::string& where) {
+    auto g = std::make_shared<Grid>(name);
+    readAttributes(group, "Attributes", g->attributes(), where);
+    Handle charts = openGroup(group, "Charts", where);
+    for (const auto& chart : members(charts)) {
+      Handle c = openGroup(charts, chart, where + "/Charts");
+      const auto dimension = readNumbers<int>(c, "Dimension", H5T_NATIVE_INT, 1, where)[0];
+      const auto flags = readNumbers<unsigned>(c, "Flags", H5T_NATIVE_UINT, 1, where)[0];
+      g->makeCartesianChart(chart, flags, dimension);
+    }
+    Handle skeletons = openGroup(group, "Skeletons", where);
+    for (const auto& skeletonName : members(skeletons)) {
+      const std::string at = where + "/Skeletons/" + skeletonName;
+      Handle s = openGroup(skeletons, skeletonName, where + "/Skeletons");
+      const int dimension = readNumbers<int>(s, "Dimension", H5T_NATIVE_INT, 1, at)[0];
+      const int depth = readNumbers<int>(s, "Depth", H5T_NATIVE_INT, 1, at)[0];
+      auto skeleton = g->skeletons().makeSkeleton(SkeletonID(dimension, depth));
+      Handle representations = openGroup(s, "Representations", at);
+      for (const auto& chart : members(representations)) {
+        if (!g->findCartesianChart(chart))
+          throw Hdf5Error("representation " + at + "/" + chart + " names no chart");
+        auto rep = skeleton->makeRepresentation(chart);
+        Handle r = openGroup(representations, chart, at + "/Representations");
+        Handle fields = openGroup(r, "Fields", at + "/Representations/" + chart);
+        std::map<std::string, StrongPtr<FragmentIDCollection>> layouts;
+        // "Positions" first, so that fields made later take its layout.
+        auto names = members(fields);
+        std::stable_partition(names.begin(), names.end(),
+                              [](const std::string& n) { return n == PositionsFieldName; });
+        for (const auto& fieldName : names) {
+          Handle f = openGroup(fields, fieldName, at);
+          field(f, fieldName, *rep, layouts, at + "/" + chart + "/" + fieldName);
+        }
+      }
+    }
+    return g;
+  }
+};
+
+std::atomic<unsigned> temporaryCounter{0};
+
+} // namespace
+
+StrongPtr<Grid> Slice::operator[](const std::string& gridName) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = grids_.find(gridName);
+  return it == grids_.end() ? nullptr : it->second;
+}
+
+void Slice::setGrid(const std::string& gridName, const StrongPtr<Grid>& grid) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  grids_[gridName] = grid;
+}
+
+std::vector<std::string> Slice::gridNames() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> names;
+  for (const auto& [name, grid] : grids_)
+    names.push_back(name);
+  return names;
+}
+
+bool Bundle::fail(const std::string& what) {
+  error_ = "bundle file " + path_ + ": " + what;
+  return false;
+}
+
+bool Bundle::bindToNew(const std::string& path, const StrongPtr<StorageTransformations>& policy) {
+  path_ = path;
+  policy_ = policy;
+  error_.clear();
+  const auto directory = std::filesystem::absolute(path).parent_path();
+  std::error_code code;
+  if (!std::filesystem::is_directory(directory, code))
+    return fail("directory " + directory.string() + " does not exist");
+  return true;
+}
+
+bool Bundle::bindTo(const std::string& path) {
+  path_ = path;
+  return load();
+}
+
+bool Bundle::load() {
+  slices_.clear();
+  error_.clear();
+  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+  std::error_code code;
+  if (!std::filesystem::exists(path_, code))
+    return fail("no such file");
+  if (!std::filesystem::is_regular_file(path_, code))
+    return fail("not a regular file");
+  if (H5Fis_hdf5(path_.c_str()) <= 0)
+    return fail("not an HDF5 file");
+
+  std::map<double, StrongPtr<Slice>> loaded;
+  try {
+    Handle file(H5Fopen(path_.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose,
+                "cannot open the file (truncated or corrupt)");
+    if (!hasAttribute(file, "Format") || readText(file, "Format", "/") != FormatName)
+      throw Hdf5Error("not a Quorvel bundle (no Format attribute \"QuorvelBundle\")");
+    const int version = readNumbers<int>(file, "FormatVersion", H5T_NATIVE_INT, 1, "/")[0];
+    if (version != FormatVersion)
+      throw Hdf5Error("bundle format version " + std::to_string(version) + " is not supported");
+    Handle slices = openGroup(file, "Slices", "");
+    Reader reader{path_};
+    for (const auto& sliceName : members(slices)) {
+      Handle s = openGroup(slices, sliceName, "/Slices");
+      const std::string where = "/Slices/" + sliceName;
+      const double time = readNumbers<double>(s, "Time", H5T_NATIVE_DOUBLE, 1, where)[0];
+      auto slice = std::make_shared<Slice>(time, sliceName);
+      for (const auto& gridName : members(s)) {
+        Handle g = openGroup(s, gridName, where);
+        slice->setGrid(gridName, reader.grid(g, gridName, where + "/" + gridName));
+      }
+      if (!loaded.emplace(time, slice).second)
+        throw Hdf5Error("two slices of time " + Basalt::format("%g", time));
+    }
+  } catch (const std::exception& e) {
+    return fail(e.what());
+  }
+  slices_ = std::move(loaded);
+  return true;
+}
+
+bool Bundle::save() {
+  if (path_.empty())
+    return fail("no file bound");
+  H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+  const std::string temporary = path_ + ".tmp." + std::to_string(::getpid()) + "." +
+                                std::to_string(temporaryCounter++);
+  StorageTransformations fallback;
+  Writer writer{policy_ ? *policy_ : fallback};
+  try {
+    Handle file(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose,
+                "cannot create " + temporary);
+    writeText(file, "Format", FormatName);
+    writeAttribute(file, "FormatVersion", H5T_NATIVE_INT, &FormatVersion);
+    {
+      Handle slices = makeGroup(file, "Slices");
+      for (const auto& [time, slice] : slices_) {
+        Handle s = makeGroup(slices, slice->name());
+        writeAttribute(s, "Time", H5T_NATIVE_DOUBLE, &time);
+        for (const auto& gridName : slice->gridNames())
+          if (auto g = (*slice)[gridName])
+            writer.grid(s, gridName, g, *slice);
+      }
+    }
+    if (H5Fflush(file, H5F_SCOPE_GLOBAL) < 0 || !file.reset())
+      throw Hdf5Error("cannot finish writing " + temporary);
+    std::filesystem::rename(temporary, path_);
+  } catch (const std::exception& e) {
+    std::error_code ignored;
+    std::filesystem::remove(temporary, ignored);
+    return fail(std::string("not written: ") + e.what());
+  }
+  error_.clear();
+  return true;
+}
+
+std::vector<GridIdentifier> Bundle::getGridIdentifiers() const {
+  std::vector<GridIdentifier> out;
+  for (const auto& [time, slice] : slices_)
+    for (const auto& name : slice->gridNames())
+      out.push_back({time, slice->name(), name});
+  return out;
+}
+
+StrongPtr<Slice> Bundle::operator[](double time) {
+  auto& slot = slices_[time];
+  if (!slot)
+    slot = std::make_shared<Slice>(time, Basalt::format("t%.17g", time));
+  return slot;
+}
+
+StrongPtr<Slice> Bundle::findSlice(double time) const {
+  auto it = slices_.find(time);
+  return it == slices_.end() ? nullptr : it->second;
+}
+
+std::vector<StrongPtr<Slice>> Bundle::slices() const {
+  std::vector<StrongPtr<Slice>> out;
+  for (const auto& [time, slice] : slices_)
+    out.push_back(slice);
+  return out;
+}
+
+} // namespace Tressel

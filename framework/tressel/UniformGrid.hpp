@@ -1,0 +1,38 @@
+// Quorvel framework, data model: regularly fragmented uniform 3-D grids (rasters).
+#pragma once
+
+#include "tressel/Bundle.hpp"
+#include "tressel/MemArray.hpp"
+
+#include <optional>
+
+namespace Tressel {
+
+// The layout of a uniform grid split into equal blocks: vertex (i, j, k) of the whole grid lies
+// at origin + (i, j, k) * cellSize; fragment (a, b, c) holds the vertices a * cells[0] ... on
+// each axis, cells[0] x cells[1] x cells[2] of them, as a MemArray<3, point> of "Positions".
+// Fragment (a, b, c) is number a + fragments[0] * (b + fragments[1] * c).
+struct UniformGridView {
+  Vantor::PhysicalSpace::point origin;
+  Vantor::PhysicalSpace::vector cellSize;
+  MultiIndex<3> cells;     // vertices per fragment and axis
+  MultiIndex<3> fragments; // fragments per axis
+
+  std::size_t fragmentNumber(std::size_t a, std::size_t b, std::size_t c) const {
+    return a + fragments[0] * (b + fragments[1] * c);
+  }
+};
+
+// Creates the grid gridName in the bundle's slice of that time: the chart
+// "StandardCartesianChart3D", the vertices' "Positions" in fragments as the view says, and the
+// view itself as grid attributes (so it is saved and loaded with the grid).
+StrongPtr<Grid> createRegularlyFragmentedGridWithCartesianVertices3D(
+    Bundle& bundle, double time, const std::string& gridName, const MultiIndex<3>& fragments,
+    const MultiIndex<3>& cellsPerFragment, const Vantor::PhysicalSpace::point& origin,
+    const Vantor::PhysicalSpace::vector& cellSize);
+
+// The uniform layout of a grid made as above (also after a save and load); empty for any other
+// grid.
+std::optional<UniformGridView> uniformGridView(const Grid& grid);
+
+} // namespace Tressel
