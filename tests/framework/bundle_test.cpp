@@ -1,0 +1,347 @@
+// Tests of bundle files: round trips of every element type and rank, slices, grids and
+// attributes; atomic writes; each class of unreadable file with its message.
+#include "tressel/BoundingBoxes.hpp"
+#include "tressel/Bundle.hpp"
+#include "tressel/PointCloud.hpp"
+#include "tressel/UniformGrid.hpp"
+
+#include <gtest/gtest.h>
+#include <hdf5.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+using namespace Tressel;
+using Vantor::PhysicalSpace::point;
+namespace fs = std::filesystem;
+
+// A scratch directory per test, removed afterwards.
+class BundleFiles : public testing::Test {
+protected:
+  void SetUp() override {
+    dir = fs::temp_directory_path() /
+          ("quorvel-bundle-" + std::to_string(::getpid()) + "-" +
+           testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+  }
+  void TearDown() override { fs::remove_all(dir); }
+  std::string file(const std::string& name) const { return (dir / name).string(); }
+  std::size_t filesInDir() const {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+  }
+
+  fs::path dir;
+};
+
+// Every scalar of an array, read through its scalar kind.
+std::vector<long double> scalars(const MemBase& data) {
+  const auto& type = data.elementType();
+  const std::size_t n = data.nElements() * static_cast<std::size_t>(type.components());
+  const void* raw = data.myChunk()->rawData();
+  std::vector<long double> out(n);
+  auto copy = [&](auto* typed) {
+    for (std::size_t i = 0; i < n; ++i)
+      out[i] = static_cast<long double>(typed[i]);
+  };
+  switch (type.scalar()) {
+  case ScalarKind::Int8: copy(static_cast<const signed char*>(raw)); break;
+  case ScalarKind::UInt8: copy(static_cast<const unsigned char*>(raw)); break;
+  case ScalarKind::Int16: copy(static_cast<const short*>(raw)); break;
+  case ScalarKind::UInt16: copy(static_cast<const unsigned short*>(raw)); break;
+  case ScalarKind::Int32: copy(static_cast<const int*>(raw)); break;
+  case ScalarKind::UInt32: copy(static_cast<const unsigned*>(raw)); break;
+  case ScalarKind::Int64: copy(static_cast<const long long*>(raw)); break;
+  case ScalarKind::UInt64: copy(static_cast<const unsigned long long*>(raw)); break;
+  case ScalarKind::Float32: copy(static_cast<const float*>(raw)); break;
+  case ScalarKind::Float64: copy(static_cast<const double*>(raw)); break;
+  case ScalarKind::Float80: copy(static_cast<const long double*>(raw)); break;
+  case ScalarKind::Opaque: break;
+  }
+  return out;
+}
+
+// Fills every scalar with a value that identifies its position and the array.
+void fill(MemBase& data, int salt) {
+  const auto& type = data.elementType();
+  const std::size_t n = data.nElements() * static_cast<std::size_t>(type.components());
+  void* raw = data.myChunk()->rawData();
+  auto set = [&](auto* typed) {
+    using T = std::remove_pointer_t<decltype(typed)>;
+    for (std::size_t i = 0; i < n; ++i)
+      typed[i] = static_cast<T>((i * 7 + static_cast<std::size_t>(salt)) % 101);
+  };
+  switch (type.scalar()) {
+  case ScalarKind::Int8: set(static_cast<signed char*>(raw)); break;
+  case ScalarKind::UInt8: set(static_cast<unsigned char*>(raw)); break;
+  case ScalarKind::Int16: set(static_cast<short*>(raw)); break;
+  case ScalarKind::UInt16: set(static_cast<unsigned short*>(raw)); break;
+  case ScalarKind::Int32: set(static_cast<int*>(raw)); break;
+  case ScalarKind::UInt32: set(static_cast<unsigned*>(raw)); break;
+  case ScalarKind::Int64: set(static_cast<long long*>(raw)); break;
+  case ScalarKind::UInt64: set(static_cast<unsigned long long*>(raw)); break;
+  case ScalarKind::Float32: set(static_cast<float*>(raw)); break;
+  case ScalarKind::Float64: set(static_cast<double*>(raw)); break;
+  case ScalarKind::Float80: set(static_cast<long double*>(raw)); break;
+  case ScalarKind::Opaque: break;
+  }
+}
+
+const std::vector<std::string> TypeNames = {"uint8",   "uint16",  "int32",  "uint32", "uint64",
+                                            "float32", "float64", "float80", "point",  "vector",
+                                            "bivector", "pointf", "fixedarray3", "edge", "rgb"};
+
+TEST_F(BundleFiles, EveryElementTypeAndRankRoundTrips) {
+  Bundle out;
+  ASSERT_TRUE(out.bindToNew(file("types.h5"), nullptr));
+  auto grid = std::make_shared<Grid>("arrays");
+  auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
+  auto layout = std::make_shared<FragmentIDCollection>();
+  const auto ids = std::vector{layout->makeFragmentID("a"), layout->makeFragmentID("b/c")};
+  int salt = 0;
+  for (const auto& name : TypeNames)
+    for (int rank = 1; rank <= 4; ++rank) {
+      const auto* type = TresselTypeBase::find(name);
+      ASSERT_NE(type, nullptr) << name;
+      auto field = rep->makeField(rep->makeFieldID(name + "_" + std::to_string(rank)), layout,
+                                  type, rank);
+      for (const auto& id : ids) {
+        MemBase::Extents extents(static_cast<std::size_t>(rank), 2);
+        extents[0] = 3; // unequal extents catch a swapped order
+        auto data = MemBase::create(rank, name, extents);
+        ASSERT_NE(data, nullptr) << name << rank;
+        fill(*data, ++salt);
+        field->setPersistentData(data, id);
+      }
+    }
+  out[0.0]->setGrid("arrays", grid);
+  ASSERT_TRUE(out.save()) << out.lastError();
+
+  Bundle in;
+  ASSERT_TRUE(in.bindTo(file("types.h5"))) << in.lastError();
+  auto loaded = (*in.findSlice(0.0))["arrays"];
+  ASSERT_NE(loaded, nullptr);
+  auto loadedRep = loaded->getCartesianRepresentation(StandardCartesianChart3D);
+  for (const auto& name : TypeNames)
+    for (int rank = 1; rank <= 4; ++rank) {
+      const std::string fieldName = name + "_" + std::to_string(rank);
+      auto original = rep->findField(fieldName);
+      auto copy = loadedRep->findField(fieldName);
+      ASSERT_NE(copy, nullptr) << fieldName;
+      EXPECT_EQ(copy->getElementType()->name(), name);
+      EXPECT_EQ(copy->getRank(), rank);
+      const auto copyIds = copy->getFragmentIDs().fragments();
+      ASSERT_EQ(copyIds.size(), 2u);
+      EXPECT_EQ(copyIds[1]->Name(), "b/c");
+      for (std::size_t k = 0; k < 2; ++k) {
+        auto a = original->getData(ids[k]);
+        auto b = copy->getData(copyIds[k]);
+        ASSERT_NE(b, nullptr) << fieldName;
+        EXPECT_EQ(b->extents(), a->extents()) << fieldName;
+        EXPECT_EQ(scalars(*b), scalars(*a)) << fieldName;
+      }
+    }
+}
+
+TEST_F(BundleFiles, SlicesGridsAttributesAndEmptyParts) {
+  Bundle out;
+  ASSERT_TRUE(out.bindToNew(file("slices.h5"), nullptr));
+  const std::vector<point> xyz = {{1, 2, 3}, {4, 5, 6}, {7, 8, std::nan("")}};
+  PointCloudBuilder builder(xyz);
+  builder.addField("Classification", std::vector<unsigned char>{1, 2, 3});
+  auto cloud = builder.build({{0, 2}, {1}}, "cloud");
+  auto classes = (*cloud)(StandardCartesianChart3D, "Classification");
+  classes->setAttribute("Range", std::make_shared<Basalt::Chunk<unsigned char>>(
+                                     std::initializer_list<unsigned char>{1, 3}));
+  classes->getCreator(classes->getFragmentIDs().findFragmentID(1u))
+      ->attributes()
+      .setAttribute("CellSize", std::make_shared<Basalt::Chunk<double>>(
+                                    std::initializer_list<double>{1.0}));
+  cloud->attributes().setAttribute("Source", std::make_shared<Basalt::Chunk<int>>(
+                                                 std::initializer_list<int>{42}));
+  auto rep = cloud->getCartesianRepresentation(StandardCartesianChart3D);
+  rep->makeField(rep->makeFieldID("Planarity"), rep->fragmentLayout(), &TresselType<float>(), 1);
+  StrongPtr<Field> untyped = (*rep)["Pending"];
+  (void)untyped;
+
+  out[0.0]->setGrid("cloud", cloud);
+  out[2.5]->setGrid("cloud", cloud);
+  out[2.5]->setGrid("empty", std::make_shared<Grid>("empty"));
+  ASSERT_TRUE(out.save()) << out.lastError();
+
+  Bundle in;
+  ASSERT_TRUE(in.bindTo(file("slices.h5"))) << in.lastError();
+  const auto ids = in.getGridIdentifiers();
+  ASSERT_EQ(ids.size(), 3u);
+  EXPECT_EQ(ids[0].time, 0.0);
+  EXPECT_EQ(ids[1].time, 2.5);
+  EXPECT_EQ(ids[1].grid, "cloud");
+  EXPECT_EQ(ids[2].grid, "empty");
+  EXPECT_EQ(in.findSlice(2.5)->name(), out.findSlice(2.5)->name());
+
+  auto loaded = (*in.findSlice(2.5))["cloud"];
+  ASSERT_NE(loaded, nullptr);
+  const Partition partition = {{0, 2}, {1}};
+  const auto positions = readField<point>(*loaded->CartesianPositions(), partition);
+  EXPECT_EQ(positions[0], xyz[0]);
+  EXPECT_TRUE(std::isnan(positions[2].z));
+  auto loadedClasses = (*loaded)(StandardCartesianChart3D, "Classification");
+  EXPECT_EQ(readField<unsigned char>(*loadedClasses, partition),
+            (std::vector<unsigned char>{1, 2, 3}));
+  EXPECT_EQ(loadedClasses->getFragmentIDCollection(),
+            loaded->CartesianPositions()->getFragmentIDCollection());
+  EXPECT_EQ(Basalt::chunkCast<unsigned char>(loadedClasses->getAttribute("Range"))->values(),
+            (std::vector<unsigned char>{1, 3}));
+  auto creator = loadedClasses->getCreator(loadedClasses->getFragmentIDs().findFragmentID(1u));
+  EXPECT_EQ((*Basalt::chunkCast<double>(creator->attributes().getAttribute("CellSize")))[0], 1.0);
+  EXPECT_EQ(creator->name(), "fragment_1");
+  EXPECT_EQ((*Basalt::chunkCast<int>(loaded->attributes().getAttribute("Source")))[0], 42);
+  auto planarity = (*loaded)(StandardCartesianChart3D, "Planarity");
+  ASSERT_NE(planarity, nullptr);
+  EXPECT_EQ(planarity->getElementType()->name(), "float32");
+  EXPECT_EQ(planarity->getCreator(planarity->getFragmentIDs().findFragmentID(0u)), nullptr);
+  auto pending = (*loaded)(StandardCartesianChart3D, "Pending");
+  ASSERT_NE(pending, nullptr);
+  EXPECT_EQ(pending->getElementType(), nullptr);
+  // Loaded fragments carry their bounding boxes.
+  EXPECT_NE(getFragmentBBox(loaded->CartesianPositions()->getFragmentIDs().findFragmentID(0u),
+                            nullptr, loaded->CartesianPositions()),
+            nullptr);
+  auto empty = (*in.findSlice(2.5))["empty"];
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(empty->CartesianPositions(), nullptr);
+}
+
+TEST_F(BundleFiles, UniformGridsKeepTheirLayout) {
+  Bundle out;
+  ASSERT_TRUE(out.bindToNew(file("raster.h5"), nullptr));
+  auto raster = createRegularlyFragmentedGridWithCartesianVertices3D(
+      out, 0.0, "raster", MultiIndex<3>(2, 3, 1), MultiIndex<3>(4, 5, 1), point{100, 200, 0},
+      Vantor::PhysicalSpace::vector(0.5, 0.25, 1));
+  auto view = uniformGridView(*raster);
+  ASSERT_TRUE(view.has_value());
+  auto positions = raster->CartesianPositions();
+  ASSERT_EQ(positions->nFragments(), 6u);
+  // Fragment (1, 2, 0) is number 1 + 2 * 2 = 5; its vertex (3, 4, 0) is grid vertex (7, 14, 0).
+  EXPECT_EQ(view->fragmentNumber(1, 2, 0), 5u);
+  auto block = arrayCast<3, point>(positions->getData(positions->getFragmentIDs().findFragmentID(5u)));
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(block->view()(3, 4, 0), (point{103.5, 203.5, 0}));
+  ASSERT_TRUE(out.save()) << out.lastError();
+
+  Bundle in;
+  ASSERT_TRUE(in.bindTo(file("raster.h5"))) << in.lastError();
+  auto loaded = (*in.findSlice(0.0))["raster"];
+  auto loadedView = uniformGridView(*loaded);
+  ASSERT_TRUE(loadedView.has_value());
+  EXPECT_EQ(loadedView->origin, view->origin);
+  EXPECT_EQ(loadedView->cellSize, view->cellSize);
+  EXPECT_EQ(loadedView->cells, view->cells);
+  EXPECT_EQ(loadedView->fragments, view->fragments);
+  EXPECT_FALSE(uniformGridView(Grid()).has_value());
+}
+
+// A policy that fails after a number of fields, as a disk or a host callback might.
+struct FailingPolicy : StorageTransformations {
+  int left;
+  explicit FailingPolicy(int fields) : left(fields) {}
+  bool isSaveableField(const FieldID&, const Field&, const Basalt::WeakPtr<Grid>&,
+                       const std::string&, double, const std::string&,
+                       const SkeletonID&) override {
+    if (left-- == 0)
+      throw std::runtime_error("simulated failure");
+    return true;
+  }
+};
+
+TEST_F(BundleFiles, AFailedWriteLeavesTheEarlierFileIntact) {
+  PointCloudBuilder builder({{1, 1, 1}, {2, 2, 2}});
+  builder.addField("Classification", std::vector<unsigned char>{5, 6});
+  auto cloud = builder.build({{0, 1}});
+  Bundle first;
+  ASSERT_TRUE(first.bindToNew(file("kept.h5"), nullptr));
+  first[0.0]->setGrid("cloud", cloud);
+  ASSERT_TRUE(first.save());
+  const auto size = fs::file_size(file("kept.h5"));
+
+  builder.addField("Intensity", std::vector<unsigned short>{7, 8});
+  Bundle second;
+  ASSERT_TRUE(second.bindToNew(file("kept.h5"), std::make_shared<FailingPolicy>(2)));
+  second[0.0]->setGrid("cloud", builder.build({{0, 1}}));
+  EXPECT_FALSE(second.save());
+  EXPECT_EQ(second.lastError(),
+            "bundle file " + file("kept.h5") + ": not written: simulated failure");
+  EXPECT_EQ(fs::file_size(file("kept.h5")), size);
+  EXPECT_EQ(filesInDir(), 1u); // no temporary file left behind
+
+  Bundle check;
+  ASSERT_TRUE(check.bindTo(file("kept.h5"))) << check.lastError();
+  auto grid = (*check.findSlice(0.0))["cloud"];
+  EXPECT_EQ((*grid)(StandardCartesianChart3D, "Intensity"), nullptr);
+
+  Bundle nowhere;
+  EXPECT_FALSE(nowhere.bindToNew(file("missing/dir/out.h5"), nullptr));
+  EXPECT_NE(nowhere.lastError().find("does not exist"), std::string::npos);
+}
+
+// Writes an HDF5 file by hand: a root attribute "Format" (when given) and one group.
+void writeForeign(const std::string& path, const char* format) {
+  hid_t file = H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
+  if (format) {
+    hid_t type = H5Tcopy(H5T_C_S1);
+    H5Tset_size(type, std::strlen(format));
+    hid_t space = H5Screate(H5S_SCALAR);
+    hid_t attribute = H5Acreate2(file, "Format", type, space, H5P_DEFAULT, H5P_DEFAULT);
+    H5Awrite(attribute, type, format);
+    H5Aclose(attribute);
+    H5Sclose(space);
+    H5Tclose(type);
+  }
+  H5Gclose(H5Gcreate2(file, "Something", H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+  H5Fclose(file);
+}
+
+TEST_F(BundleFiles, UnreadableFilesGiveOneClearError) {
+  auto attempt = [](const std::string& path) {
+    Bundle bundle;
+    EXPECT_FALSE(bundle.bindTo(path));
+    EXPECT_TRUE(bundle.slices().empty());
+    return bundle.lastError();
+  };
+  EXPECT_EQ(attempt(file("absent.h5")), "bundle file " + file("absent.h5") + ": no such file");
+
+  std::ofstream(file("text.h5")) << "x,y,z\n1,2,3\n";
+  EXPECT_EQ(attempt(file("text.h5")), "bundle file " + file("text.h5") + ": not an HDF5 file");
+
+  writeForeign(file("foreign.h5"), nullptr);
+  EXPECT_EQ(attempt(file("foreign.h5")),
+            "bundle file " + file("foreign.h5") +
+                ": not a Quorvel bundle (no Format attribute \"QuorvelBundle\")");
+  writeForeign(file("other.h5"), "SomethingElse");
+  EXPECT_NE(attempt(file("other.h5")).find("not a Quorvel bundle"), std::string::npos);
+
+  // A valid bundle cut in half, and one with a damaged byte in its data.
+  std::vector<point> xyz(20000);
+  for (std::size_t i = 0; i < xyz.size(); ++i)
+    xyz[i] = point(static_cast<double>(i), 1, 2);
+  Bundle out;
+  ASSERT_TRUE(out.bindToNew(file("whole.h5"), nullptr));
+  out[0.0]->setGrid("cloud", PointCloudBuilder(xyz).build(sequentialPartition(xyz.size(), 5000)));
+  ASSERT_TRUE(out.save());
+  const auto size = fs::file_size(file("whole.h5"));
+  fs::copy_file(file("whole.h5"), file("cut.h5"));
+  fs::resize_file(file("cut.h5"), size / 2);
+  const std::string cut = attempt(file("cut.h5"));
+  EXPECT_EQ(cut.rfind("bundle file " + file("cut.h5") + ": ", 0), 0u) << cut;
+  EXPECT_NE(cut.find("truncated or corrupt"), std::string::npos) << cut;
+  fs::copy_file(file("whole.h5"), file("stub.h5"));
+  fs::resize_file(file("stub.h5"), 100);
+  EXPECT_NE(attempt(file("stub.h5")).find("bundle file " + file("stub.h5") + ": "),
+            std::string::npos);
+}
+
+} // namespace
