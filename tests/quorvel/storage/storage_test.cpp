@@ -1,5 +1,6 @@
 // Tests of the result storage policy: its three questions and their effect on written files.
 #include "quorvel/storage/detail/storage.hpp"
+#include "quorvel/metadata/metadata.hpp"
 #include "quorvel/storage/storage.hpp"
 #include "tressel/Bundle.hpp"
 #include "tressel/PointCloud.hpp"
@@ -128,6 +129,10 @@ TEST_F(StoredFiles, ShiftAndSinglePrecisionInTheWrittenFile) {
   EXPECT_GT(worst, 0.0);
   EXPECT_EQ(positions2, compact.xyz); // shifted, kept in double: exact
   EXPECT_EQ(amplitude, compact.amplitude); // a scalar is never shifted or narrowed
+
+  // A loaded grid is a grid like any other: the algorithms run on it.
+  EXPECT_EQ(Quorvel::setCellSize(compact.loaded, nullptr),
+            "setCellSize: CellTensor for 4000 points in 4 fragments");
 
   auto none = std::make_shared<Wexlin::MyStorage>();
   none->saveableFields = std::make_shared<Basalt::StringList>();
