@@ -78,6 +78,7 @@ QUORVEL_ELEMENT_TRAITS(Vantor::PhysicalSpace::FloatPoint, "pointf", 3, Float32)
 QUORVEL_ELEMENT_TRAITS(FixedArray3, "fixedarray3", 3, Float64)
 QUORVEL_ELEMENT_TRAITS(Edge, "edge", 2, UInt32)
 QUORVEL_ELEMENT_TRAITS(Vantor::RGB, "rgb", 3, UInt8)
+QUORVEL_ELEMENT_TRAITS(Vantor::RGB16, "rgb16", 3, UInt16)
 
 #undef QUORVEL_ELEMENT_TRAITS
 

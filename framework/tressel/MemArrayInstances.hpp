@@ -23,7 +23,8 @@
   QUORVEL_FOR_EACH_RANK(MACRO, Vantor::PhysicalSpace::FloatPoint)                                  \
   QUORVEL_FOR_EACH_RANK(MACRO, Tressel::FixedArray3)                                               \
   QUORVEL_FOR_EACH_RANK(MACRO, Tressel::Edge)                                                      \
-  QUORVEL_FOR_EACH_RANK(MACRO, Vantor::RGB)
+  QUORVEL_FOR_EACH_RANK(MACRO, Vantor::RGB)                                                        \
+  QUORVEL_FOR_EACH_RANK(MACRO, Vantor::RGB16)
 
 #define QUORVEL_EXTERN_ARRAY(N, T) extern template class Tressel::MemArray<N, T>;
 QUORVEL_FOR_EACH_STANDARD_ARRAY(QUORVEL_EXTERN_ARRAY)

@@ -23,6 +23,12 @@ struct RGB {
   friend constexpr bool operator==(const RGB&, const RGB&) = default;
 };
 
+// A colour of three 16-bit channels, as LAS files store it.
+struct RGB16 {
+  unsigned short r = 0, g = 0, b = 0;
+  friend constexpr bool operator==(const RGB16&, const RGB16&) = default;
+};
+
 namespace PhysicalSpace {
 
 namespace detail {
