@@ -33,13 +33,19 @@ format-check: deps
 format: deps
 	@clang-format -i $(SOURCES)
 
-# Builds Quorvel, installs it into build/release/install and runs the example host against it.
+# Transfers the classes of a thinned classified cloud onto the same area's unclassified points
+# and compares the result with the true classes.
 demo: build
-	@cmake --install build/release >/dev/null
-	@cmake -S examples/host -B build/example -DCMAKE_PREFIX_PATH=$(CURDIR)/build/release/install \
-		-DCMAKE_BUILD_TYPE=Release >/dev/null
-	@cmake --build build/example -j $(JOBS) >/dev/null
-	@build/example/quorvel_example_host
+	@mkdir -p build/demo
+	@echo "== source: classified, thinned"
+	@build/release/cli/quorvel info data/sample_c_thin.las | grep -E "^(points|classes)"
+	@echo "== target: unclassified"
+	@build/release/cli/quorvel info data/sample_nc.las | grep -E "^(points|classes)"
+	@echo "== transfer within 1 m (nearest source point's class)"
+	@build/release/cli/quorvel transfer data/sample_c_thin.las data/sample_nc.las \
+		-o build/demo/transferred.las --bands 1 | tr '\r' '\n' | grep -E "^(radius|dimension|bboxes)"
+	@echo "== agreement with the true classes (data/sample_c.las), overall and per true class"
+	@build/release/cli/quorvel compare build/demo/transferred.las data/sample_c.las
 
 clean:
 	rm -rf build

@@ -77,23 +77,39 @@ struct Dim {
 
 constexpr int BaseLength[11] = {20, 28, 26, 34, 57, 63, 30, 36, 38, 59, 67};
 
-bool hasGps(int f) { return f != 0 && f != 2; }
+bool hasGps(int f) {
+  return f != 0 && f != 2;
+}
 int rgbOffset(int f) {
   switch (f) {
-  case 2: return 20;
-  case 3: case 5: return 28;
-  case 7: case 8: case 10: return 30;
-  default: return -1;
+  case 2:
+    return 20;
+  case 3:
+  case 5:
+    return 28;
+  case 7:
+  case 8:
+  case 10:
+    return 30;
+  default:
+    return -1;
   }
 }
-int nirOffset(int f) { return f == 8 || f == 10 ? 36 : -1; }
+int nirOffset(int f) {
+  return f == 8 || f == 10 ? 36 : -1;
+}
 int waveOffset(int f) {
   switch (f) {
-  case 4: return 28;
-  case 5: return 34;
-  case 9: return 30;
-  case 10: return 38;
-  default: return -1;
+  case 4:
+    return 28;
+  case 5:
+    return 34;
+  case 9:
+    return 30;
+  case 10:
+    return 38;
+  default:
+    return -1;
   }
 }
 
@@ -178,16 +194,36 @@ std::vector<T> typed(const Column& c, std::size_t n) {
 
 void addColumn(Tressel::PointCloudBuilder& builder, const Column& c, std::size_t n) {
   switch (c.kind) {
-  case Kind::U8: builder.addField(c.name, typed<unsigned char>(c, n)); break;
-  case Kind::I8: builder.addField(c.name, typed<signed char>(c, n)); break;
-  case Kind::U16: builder.addField(c.name, typed<unsigned short>(c, n)); break;
-  case Kind::I16: builder.addField(c.name, typed<short>(c, n)); break;
-  case Kind::U32: builder.addField(c.name, typed<unsigned int>(c, n)); break;
-  case Kind::I32: builder.addField(c.name, typed<int>(c, n)); break;
-  case Kind::U64: builder.addField(c.name, typed<unsigned long long>(c, n)); break;
-  case Kind::I64: builder.addField(c.name, typed<long long>(c, n)); break;
-  case Kind::F32: builder.addField(c.name, typed<float>(c, n)); break;
-  case Kind::F64: builder.addField(c.name, typed<double>(c, n)); break;
+  case Kind::U8:
+    builder.addField(c.name, typed<unsigned char>(c, n));
+    break;
+  case Kind::I8:
+    builder.addField(c.name, typed<signed char>(c, n));
+    break;
+  case Kind::U16:
+    builder.addField(c.name, typed<unsigned short>(c, n));
+    break;
+  case Kind::I16:
+    builder.addField(c.name, typed<short>(c, n));
+    break;
+  case Kind::U32:
+    builder.addField(c.name, typed<unsigned int>(c, n));
+    break;
+  case Kind::I32:
+    builder.addField(c.name, typed<int>(c, n));
+    break;
+  case Kind::U64:
+    builder.addField(c.name, typed<unsigned long long>(c, n));
+    break;
+  case Kind::I64:
+    builder.addField(c.name, typed<long long>(c, n));
+    break;
+  case Kind::F32:
+    builder.addField(c.name, typed<float>(c, n));
+    break;
+  case Kind::F64:
+    builder.addField(c.name, typed<double>(c, n));
+    break;
   }
 }
 
@@ -240,8 +276,9 @@ Header parseHeader(const std::vector<std::uint8_t>& b, const std::string& path) 
                        std::to_string(h.versionMinor) + " is not supported");
   const std::size_t needed = h.versionMinor >= 4 ? 375 : (h.versionMinor == 3 ? 235 : 227);
   if (h.headerSize < needed || b.size() < needed)
-    problems.push_back("truncated header (" + std::to_string(std::min<std::size_t>(h.headerSize, b.size())) +
-                       " of " + std::to_string(needed) + " bytes)");
+    problems.push_back("truncated header (" +
+                       std::to_string(std::min<std::size_t>(h.headerSize, b.size())) + " of " +
+                       std::to_string(needed) + " bytes)");
   else {
     if (h.versionMinor >= 3)
       h.waveformStart = get<std::uint64_t>(p + 227);
@@ -345,8 +382,8 @@ Tressel::Partition tiles(const std::vector<point>& xyz, std::size_t fragmentPoin
       y1 = std::max(y1, p.y);
     }
   const double area = std::max((x1 - x0) * (y1 - y0), 1e-12);
-  const double side = std::sqrt(area * static_cast<double>(fragmentPoints) /
-                                static_cast<double>(xyz.size()));
+  const double side =
+      std::sqrt(area * static_cast<double>(fragmentPoints) / static_cast<double>(xyz.size()));
   return Tressel::tilePartition(xyz, side);
 }
 
@@ -376,11 +413,18 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints) {
   std::vector<Column> columns;
   std::vector<Dim> layout = dims(format);
   for (const Dim& d : layout)
-    columns.push_back({d.name, d.kind, std::vector<std::uint8_t>(n * static_cast<std::size_t>(kindSize(d.kind)))});
+    columns.push_back({d.name, d.kind,
+                       std::vector<std::uint8_t>(n * static_cast<std::size_t>(kindSize(d.kind)))});
   int extraAt = BaseLength[format];
-  for (const ExtraBytes& e : info.extraBytes) {
+  std::set<std::string> taken = reservedNames();
+  for (ExtraBytes& e : info.extraBytes) {
+    // A dimension named like a field of the record (or like another one) gets a suffix, so
+    // that no two fields share a name; its descriptor keeps the file's name.
+    while (!taken.insert(e.name).second)
+      e.name += "_extra";
     layout.push_back({nullptr, extraAt, extraKind(e.dataType)});
-    columns.push_back({e.name, extraKind(e.dataType), std::vector<std::uint8_t>(n * static_cast<std::size_t>(e.size))});
+    columns.push_back({e.name, extraKind(e.dataType),
+                       std::vector<std::uint8_t>(n * static_cast<std::size_t>(e.size))});
     extraAt += e.size;
   }
   const std::size_t returnNumber = 1, numberOfReturns = 2; // their places in dims()
@@ -416,8 +460,8 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints) {
   builder.addField("PointIndex", std::move(order));
   if (rgb >= 0)
     builder.addField("RGB", std::move(colours));
-  result.grid = builder.build(tiles(xyz, fragmentPoints),
-                              std::filesystem::path(path).stem().string());
+  result.grid =
+      builder.build(tiles(xyz, fragmentPoints), std::filesystem::path(path).stem().string());
   return result;
 }
 
@@ -446,11 +490,12 @@ std::vector<std::uint8_t> columnOf(const Tressel::Grid& grid, const std::string&
     return {};
   const std::string type = field->getElementType()->name();
   static const std::map<Kind, std::string> names = {
-      {Kind::U8, "uint8"},  {Kind::I8, "int8"},   {Kind::U16, "uint16"}, {Kind::I16, "int16"},
-      {Kind::U32, "uint32"}, {Kind::I32, "int32"}, {Kind::U64, "uint64"}, {Kind::I64, "int64"},
+      {Kind::U8, "uint8"},    {Kind::I8, "int8"},    {Kind::U16, "uint16"}, {Kind::I16, "int16"},
+      {Kind::U32, "uint32"},  {Kind::I32, "int32"},  {Kind::U64, "uint64"}, {Kind::I64, "int64"},
       {Kind::F32, "float32"}, {Kind::F64, "float64"}};
   if (names.at(kind) != type)
-    throw Error("field \"" + name + "\" holds " + type + ", the LAS record needs " + names.at(kind));
+    throw Error("field \"" + name + "\" holds " + type + ", the LAS record needs " +
+                names.at(kind));
   const std::size_t size = static_cast<std::size_t>(kindSize(kind));
   std::vector<std::uint8_t> out(n * size);
   std::size_t k = 0;
@@ -480,8 +525,8 @@ ExtraBytes describe(const std::string& name, int dataType) {
 
 int extraTypeOf(const std::string& typeName) {
   static const std::map<std::string, int> types = {
-      {"uint8", 1},  {"int8", 2},  {"uint16", 3}, {"int16", 4},   {"uint32", 5},
-      {"int32", 6},  {"uint64", 7}, {"int64", 8},  {"float32", 9}, {"float64", 10}};
+      {"uint8", 1}, {"int8", 2},   {"uint16", 3}, {"int16", 4},   {"uint32", 5},
+      {"int32", 6}, {"uint64", 7}, {"int64", 8},  {"float32", 9}, {"float64", 10}};
   auto it = types.find(typeName);
   return it == types.end() ? 0 : it->second;
 }
@@ -589,7 +634,8 @@ void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* i
     std::uint8_t* r = records.data() + i * h.recordLength;
     for (int k = 0; k < 3; ++k) {
       const double v = std::round((xyz[i][k] - h.offset[k]) / h.scale[k]);
-      if (!(v >= std::numeric_limits<std::int32_t>::min() && v <= std::numeric_limits<std::int32_t>::max()))
+      if (!(v >= std::numeric_limits<std::int32_t>::min() &&
+            v <= std::numeric_limits<std::int32_t>::max()))
         throw Error(path + ": coordinate " + Basalt::format("%.17g", xyz[i][k]) + " of point " +
                     std::to_string(i) + " does not fit the LAS integer coordinates");
       put<std::int32_t>(r + 4 * k, static_cast<std::int32_t>(v));
@@ -637,7 +683,8 @@ void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* i
         if (v > mask)
           throw Error(path + ": " + names[c] + " " + std::to_string(v) + " of point " +
                       std::to_string(i) + " does not fit point format " + std::to_string(format));
-        r[d.offset] = static_cast<std::uint8_t>((r[d.offset] & ~(mask << d.shift)) | (v << d.shift));
+        r[d.offset] =
+            static_cast<std::uint8_t>((r[d.offset] & ~(mask << d.shift)) | (v << d.shift));
       } else {
         std::memcpy(r + d.offset, column.data() + i * size, size);
       }

@@ -19,7 +19,7 @@ struct Error : std::runtime_error {
 // A variable-length record (or an extended one, after the points), kept as read.
 struct Vlr {
   std::uint16_t reserved = 0;
-  std::string userId;      // 16 bytes, zero padded
+  std::string userId; // 16 bytes, zero padded
   std::uint16_t recordId = 0;
   std::string description; // 32 bytes, zero padded
   std::vector<std::uint8_t> data;
@@ -29,8 +29,9 @@ struct Vlr {
 struct ExtraBytes {
   std::array<std::uint8_t, 192> descriptor{};
   std::string name;
-  int dataType = 0; // 1 to 10: uchar, char, ushort, short, ulong, long, ulonglong, longlong, float, double
-  int size = 0;     // bytes per point
+  int dataType =
+      0; // 1 to 10: uchar, char, ushort, short, ulong, long, ulonglong, longlong, float, double
+  int size = 0; // bytes per point
 };
 
 // The public header block, as plain values.

@@ -83,7 +83,9 @@ void writeText(hid_t object, const char* name, const std::string& text) {
     throw Hdf5Error(std::string("cannot write attribute ") + name);
 }
 
-bool hasAttribute(hid_t object, const char* name) { return H5Aexists(object, name) > 0; }
+bool hasAttribute(hid_t object, const char* name) {
+  return H5Aexists(object, name) > 0;
+}
 
 std::string readText(hid_t object, const char* name, const std::string& where) {
   if (!hasAttribute(object, name))
@@ -147,7 +149,8 @@ hid_t nativeType(ScalarKind kind) {
 // The element type must be stored as `components` plain scalars of its kind.
 const TresselTypeBase& storable(const TresselTypeBase& type) {
   const hid_t native = nativeType(type.scalar());
-  if (native < 0 || H5Tget_size(native) * static_cast<std::size_t>(type.components()) != type.size())
+  if (native < 0 ||
+      H5Tget_size(native) * static_cast<std::size_t>(type.components()) != type.size())
     throw Hdf5Error("element type " + type.name() + " cannot be stored");
   return type;
 }
@@ -214,9 +217,9 @@ void writeArray(hid_t group, const std::string& name, const TresselTypeBase& typ
   }
 
   const hid_t memoryType = single ? H5T_NATIVE_FLOAT : nativeType(type.scalar());
-  Handle dataset(H5Dcreate2(group, name.c_str(), memoryType, space, H5P_DEFAULT, H5P_DEFAULT,
-                            H5P_DEFAULT),
-                 H5Dclose, "cannot create dataset " + name);
+  Handle dataset(
+      H5Dcreate2(group, name.c_str(), memoryType, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT),
+      H5Dclose, "cannot create dataset " + name);
   herr_t status = 0;
   if (single) {
     std::vector<float> narrow(asDouble.begin(), asDouble.end());
@@ -255,9 +258,8 @@ StrongPtr<MemBase> readArray(hid_t group, const std::string& name, const Tressel
   auto data = MemBase::create(rank, type.name(), extents);
   if (!data)
     throw Hdf5Error("dataset " + where + ": no array of " + type.name());
-  if (data->nElements() > 0 &&
-      H5Dread(dataset, nativeType(type.scalar()), H5S_ALL, H5S_ALL, H5P_DEFAULT,
-              data->myChunk()->rawData()) < 0)
+  if (data->nElements() > 0 && H5Dread(dataset, nativeType(type.scalar()), H5S_ALL, H5S_ALL,
+                                       H5P_DEFAULT, data->myChunk()->rawData()) < 0)
     throw Hdf5Error("cannot read dataset " + where + " (truncated or corrupt)");
   if (hasAttribute(dataset, "NumericalShift")) {
     const auto shift = readNumbers<double>(dataset, "NumericalShift", H5T_NATIVE_DOUBLE, 3, where);
@@ -322,7 +324,9 @@ std::vector<std::string> splitLines(const std::string& text) {
   return lines;
 }
 
-std::string fragmentDataset(std::size_t k) { return "Fragment" + std::to_string(k); }
+std::string fragmentDataset(std::size_t k) {
+  return "Fragment" + std::to_string(k);
+}
 
 // ---- Writing ---------------------------------------------------------------------------
 
@@ -424,8 +428,9 @@ struct Reader {
     for (const auto& member : members(data)) {
       if (member.size() > 11 && member.compare(member.size() - 11, 11, ".Attributes") == 0)
         continue;
-      const std::size_t k = member.rfind("Fragment", 0) == 0 ? std::strtoull(member.c_str() + 8, nullptr, 10)
-                                                             : ids.size();
+      const std::size_t k = member.rfind("Fragment", 0) == 0
+                                ? std::strtoull(member.c_str() + 8, nullptr, 10)
+                                : ids.size();
       if (k >= ids.size() || fragmentDataset(k) != member)
         throw Hdf5Error("dataset " + where + "/Data/" + member + " names no fragment");
       if (!type)
@@ -574,8 +579,8 @@ bool Bundle::save() {
   if (path_.empty())
     return fail("no file bound");
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
-  const std::string temporary = path_ + ".tmp." + std::to_string(::getpid()) + "." +
-                                std::to_string(temporaryCounter++);
+  const std::string temporary =
+      path_ + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(temporaryCounter++);
   StorageTransformations fallback;
   Writer writer{policy_ ? *policy_ : fallback};
   try {

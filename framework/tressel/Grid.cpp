@@ -86,8 +86,7 @@ std::vector<StrongPtr<Chart>> Grid::charts() const {
   return charts_;
 }
 
-StrongPtr<Chart> Grid::makeCartesianChart(const std::string& name, unsigned flags,
-                                          int dimension) {
+StrongPtr<Chart> Grid::makeCartesianChart(const std::string& name, unsigned flags, int dimension) {
   std::lock_guard<std::mutex> lock(mutex_);
   for (const auto& chart : charts_)
     if (chart->Name() == name)

@@ -11,8 +11,8 @@ namespace {
 
 template <class T>
 void setTriple(Grid& grid, const char* name, T a, T b, T c) {
-  grid.attributes().setAttribute(name,
-                                 std::make_shared<Basalt::Chunk<T>>(std::initializer_list<T>{a, b, c}));
+  grid.attributes().setAttribute(
+      name, std::make_shared<Basalt::Chunk<T>>(std::initializer_list<T>{a, b, c}));
 }
 
 template <class T>
@@ -29,26 +29,26 @@ bool getTriple(const Grid& grid, const char* name, T out[3]) {
 
 StrongPtr<Grid> createRegularlyFragmentedGridWithCartesianVertices3D(
     Bundle& bundle, double time, const std::string& gridName, const MultiIndex<3>& fragments,
-    const MultiIndex<3>& cells, const point& origin, const Vantor::PhysicalSpace::vector& cellSize) {
+    const MultiIndex<3>& cells, const point& origin,
+    const Vantor::PhysicalSpace::vector& cellSize) {
   auto grid = std::make_shared<Grid>(gridName);
   auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
   auto layout = std::make_shared<FragmentIDCollection>();
-  auto positions = rep->makeField(rep->makeFieldID(PositionsFieldName), layout,
-                                  &TresselType<point>(), 3);
+  auto positions =
+      rep->makeField(rep->makeFieldID(PositionsFieldName), layout, &TresselType<point>(), 3);
   for (std::size_t c = 0; c < fragments[2]; ++c)
     for (std::size_t b = 0; b < fragments[1]; ++b)
       for (std::size_t a = 0; a < fragments[0]; ++a) {
-        auto id = layout->makeFragmentID("fragment_" + std::to_string(a) + "_" +
-                                         std::to_string(b) + "_" + std::to_string(c));
+        auto id = layout->makeFragmentID("fragment_" + std::to_string(a) + "_" + std::to_string(b) +
+                                         "_" + std::to_string(c));
         auto xyz = std::make_shared<MemArray<3, point>>(cells);
         auto view = xyz->view();
         for (std::size_t k = 0; k < cells[2]; ++k)
           for (std::size_t j = 0; j < cells[1]; ++j)
             for (std::size_t i = 0; i < cells[0]; ++i)
-              view(i, j, k) = point{
-                  origin.x + static_cast<double>(a * cells[0] + i) * cellSize.x,
-                  origin.y + static_cast<double>(b * cells[1] + j) * cellSize.y,
-                  origin.z + static_cast<double>(c * cells[2] + k) * cellSize.z};
+              view(i, j, k) = point{origin.x + static_cast<double>(a * cells[0] + i) * cellSize.x,
+                                    origin.y + static_cast<double>(b * cells[1] + j) * cellSize.y,
+                                    origin.z + static_cast<double>(c * cells[2] + k) * cellSize.z};
         auto creator = positions->setPersistentData(xyz, id);
         StrongPtr<BoundingBox> box;
         ExpandBBox(box, creator, BBoxStore);

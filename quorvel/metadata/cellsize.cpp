@@ -78,46 +78,47 @@ std::string setCellSize(StrongPtr<Grid> grid, const StrongPtr<Basalt::LoaderProg
 
   std::string report;
   std::size_t points = 0, fragmentsDone = 0;
-  grid->skeletons().iterate([&](const Tressel::SkeletonID& id,
-                                const StrongPtr<Tressel::Skeleton>& skeleton) {
-    auto rep = skeleton->getRepresentation(Tressel::StandardCartesianChart3D);
-    auto positions = rep ? rep->findField(Tressel::PositionsFieldName) : nullptr;
-    if (!positions)
-      return true;
-    auto cellTensor = outputField<float>(*rep, "CellTensor");
-    if (!cellTensor) {
-      report += "setCellSize: ERROR: field CellTensor holds another element type\n";
-      return true;
-    }
-    const auto fragments = fragmentsOf(*positions);
-    Messages log("setCellSize: ", &report);
-    std::size_t counted = 0;
-    forEachFragment(fragments.size(), maximumThreadsMinusOne(), log, [&](std::size_t k) {
-      auto xyz = fragmentArray<point>(*positions, fragments[k]);
-      if (!xyz)
-        return log.report("ERROR: no m_vertices\n");
-      auto sizes = std::make_shared<MemArray<1, float>>(Tressel::MultiIndex<1>(xyz->size()),
-                                                        cellSizes(*xyz));
-      const std::string description = "CellTensor, RefLevel: " + std::to_string(id.depth()) +
-                                      " FidNr #" + std::to_string(fragments[k].id->number());
-      StrongPtr<CreativeArrayBase> creator;
-      underCriticalSection([&] {
-        creator = cellTensor->setPersistentData(sizes, fragments[k].id, Basalt::Cache::MemCache(),
-                                                description);
-        counted += xyz->size();
-        ++fragmentsDone;
-        if (progress && omp_get_thread_num() == 0)
-          progress->progress(static_cast<double>(fragmentsDone) /
-                                 static_cast<double>(fragments.size()),
-                             "setCellSize");
+  grid->skeletons().iterate(
+      [&](const Tressel::SkeletonID& id, const StrongPtr<Tressel::Skeleton>& skeleton) {
+        auto rep = skeleton->getRepresentation(Tressel::StandardCartesianChart3D);
+        auto positions = rep ? rep->findField(Tressel::PositionsFieldName) : nullptr;
+        if (!positions)
+          return true;
+        auto cellTensor = outputField<float>(*rep, "CellTensor");
+        if (!cellTensor) {
+          report += "setCellSize: ERROR: field CellTensor holds another element type\n";
+          return true;
+        }
+        const auto fragments = fragmentsOf(*positions);
+        Messages log("setCellSize: ", &report);
+        std::size_t counted = 0;
+        forEachFragment(fragments.size(), maximumThreadsMinusOne(), log, [&](std::size_t k) {
+          auto xyz = fragmentArray<point>(*positions, fragments[k]);
+          if (!xyz)
+            return log.report("ERROR: no m_vertices\n");
+          auto sizes = std::make_shared<MemArray<1, float>>(Tressel::MultiIndex<1>(xyz->size()),
+                                                            cellSizes(*xyz));
+          const std::string description = "CellTensor, RefLevel: " + std::to_string(id.depth()) +
+                                          " FidNr #" + std::to_string(fragments[k].id->number());
+          StrongPtr<CreativeArrayBase> creator;
+          underCriticalSection([&] {
+            creator = cellTensor->setPersistentData(sizes, fragments[k].id,
+                                                    Basalt::Cache::MemCache(), description);
+            counted += xyz->size();
+            ++fragmentsDone;
+            if (progress && omp_get_thread_num() == 0)
+              progress->progress(static_cast<double>(fragmentsDone) /
+                                     static_cast<double>(fragments.size()),
+                                 "setCellSize");
+          });
+          // Outside the section above: the attribute setter takes the (non-reentrant) section
+          // itself.
+          if (creator)
+            setCellSizeAttribute(*creator, 1.0);
+        });
+        points += counted;
+        return true;
       });
-      // Outside the section above: the attribute setter takes the (non-reentrant) section itself.
-      if (creator)
-        setCellSizeAttribute(*creator, 1.0);
-    });
-    points += counted;
-    return true;
-  });
   return report + "setCellSize: CellTensor for " + std::to_string(points) + " points in " +
          std::to_string(fragmentsDone) + " fragments";
 }

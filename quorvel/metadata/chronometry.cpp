@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
-#include <limits>
 #include <date/date.h>
+#include <limits>
 #include <regex>
 #include <sstream>
 
@@ -34,7 +34,9 @@ const std::vector<Pattern>& patterns() {
   return table;
 }
 
-std::string twoDigits(long long value) { return Basalt::format("%02lld", value); }
+std::string twoDigits(long long value) {
+  return Basalt::format("%02lld", value);
+}
 
 } // namespace
 

@@ -22,8 +22,8 @@ public:
   bool WriteAsSinglePrecision(const std::string& fieldName,
                               const Basalt::StrongPtr<Basalt::ChunkBase>& chunk) const override;
 
-  bool writeSinglePrecision = false;                     // permits float positions
-  bool numericalShift = false;                           // permits shifted point data
+  bool writeSinglePrecision = false;                    // permits float positions
+  bool numericalShift = false;                          // permits shifted point data
   Basalt::StrongPtr<Basalt::StringList> saveableFields; // names to write; empty: all
 };
 

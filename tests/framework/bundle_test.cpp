@@ -23,16 +23,17 @@ namespace fs = std::filesystem;
 class BundleFiles : public testing::Test {
 protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() /
-          ("quorvel-bundle-" + std::to_string(::getpid()) + "-" +
-           testing::UnitTest::GetInstance()->current_test_info()->name());
+    dir =
+        fs::temp_directory_path() / ("quorvel-bundle-" + std::to_string(::getpid()) + "-" +
+                                     testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(dir);
     fs::create_directories(dir);
   }
   void TearDown() override { fs::remove_all(dir); }
   std::string file(const std::string& name) const { return (dir / name).string(); }
   std::size_t filesInDir() const {
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
   }
 
   fs::path dir;
@@ -49,18 +50,41 @@ std::vector<long double> scalars(const MemBase& data) {
       out[i] = static_cast<long double>(typed[i]);
   };
   switch (type.scalar()) {
-  case ScalarKind::Int8: copy(static_cast<const signed char*>(raw)); break;
-  case ScalarKind::UInt8: copy(static_cast<const unsigned char*>(raw)); break;
-  case ScalarKind::Int16: copy(static_cast<const short*>(raw)); break;
-  case ScalarKind::UInt16: copy(static_cast<const unsigned short*>(raw)); break;
-  case ScalarKind::Int32: copy(static_cast<const int*>(raw)); break;
-  case ScalarKind::UInt32: copy(static_cast<const unsigned*>(raw)); break;
-  case ScalarKind::Int64: copy(static_cast<const long long*>(raw)); break;
-  case ScalarKind::UInt64: copy(static_cast<const unsigned long long*>(raw)); break;
-  case ScalarKind::Float32: copy(static_cast<const float*>(raw)); break;
-  case ScalarKind::Float64: copy(static_cast<const double*>(raw)); break;
-  case ScalarKind::Float80: copy(static_cast<const long double*>(raw)); break;
-  case ScalarKind::Opaque: break;
+  case ScalarKind::Int8:
+    copy(static_cast<const signed char*>(raw));
+    break;
+  case ScalarKind::UInt8:
+    copy(static_cast<const unsigned char*>(raw));
+    break;
+  case ScalarKind::Int16:
+    copy(static_cast<const short*>(raw));
+    break;
+  case ScalarKind::UInt16:
+    copy(static_cast<const unsigned short*>(raw));
+    break;
+  case ScalarKind::Int32:
+    copy(static_cast<const int*>(raw));
+    break;
+  case ScalarKind::UInt32:
+    copy(static_cast<const unsigned*>(raw));
+    break;
+  case ScalarKind::Int64:
+    copy(static_cast<const long long*>(raw));
+    break;
+  case ScalarKind::UInt64:
+    copy(static_cast<const unsigned long long*>(raw));
+    break;
+  case ScalarKind::Float32:
+    copy(static_cast<const float*>(raw));
+    break;
+  case ScalarKind::Float64:
+    copy(static_cast<const double*>(raw));
+    break;
+  case ScalarKind::Float80:
+    copy(static_cast<const long double*>(raw));
+    break;
+  case ScalarKind::Opaque:
+    break;
   }
   return out;
 }
@@ -76,24 +100,47 @@ void fill(MemBase& data, int salt) {
       typed[i] = static_cast<T>((i * 7 + static_cast<std::size_t>(salt)) % 101);
   };
   switch (type.scalar()) {
-  case ScalarKind::Int8: set(static_cast<signed char*>(raw)); break;
-  case ScalarKind::UInt8: set(static_cast<unsigned char*>(raw)); break;
-  case ScalarKind::Int16: set(static_cast<short*>(raw)); break;
-  case ScalarKind::UInt16: set(static_cast<unsigned short*>(raw)); break;
-  case ScalarKind::Int32: set(static_cast<int*>(raw)); break;
-  case ScalarKind::UInt32: set(static_cast<unsigned*>(raw)); break;
-  case ScalarKind::Int64: set(static_cast<long long*>(raw)); break;
-  case ScalarKind::UInt64: set(static_cast<unsigned long long*>(raw)); break;
-  case ScalarKind::Float32: set(static_cast<float*>(raw)); break;
-  case ScalarKind::Float64: set(static_cast<double*>(raw)); break;
-  case ScalarKind::Float80: set(static_cast<long double*>(raw)); break;
-  case ScalarKind::Opaque: break;
+  case ScalarKind::Int8:
+    set(static_cast<signed char*>(raw));
+    break;
+  case ScalarKind::UInt8:
+    set(static_cast<unsigned char*>(raw));
+    break;
+  case ScalarKind::Int16:
+    set(static_cast<short*>(raw));
+    break;
+  case ScalarKind::UInt16:
+    set(static_cast<unsigned short*>(raw));
+    break;
+  case ScalarKind::Int32:
+    set(static_cast<int*>(raw));
+    break;
+  case ScalarKind::UInt32:
+    set(static_cast<unsigned*>(raw));
+    break;
+  case ScalarKind::Int64:
+    set(static_cast<long long*>(raw));
+    break;
+  case ScalarKind::UInt64:
+    set(static_cast<unsigned long long*>(raw));
+    break;
+  case ScalarKind::Float32:
+    set(static_cast<float*>(raw));
+    break;
+  case ScalarKind::Float64:
+    set(static_cast<double*>(raw));
+    break;
+  case ScalarKind::Float80:
+    set(static_cast<long double*>(raw));
+    break;
+  case ScalarKind::Opaque:
+    break;
   }
 }
 
-const std::vector<std::string> TypeNames = {"uint8",   "uint16",  "int32",  "uint32", "uint64",
-                                            "float32", "float64", "float80", "point",  "vector",
-                                            "bivector", "pointf", "fixedarray3", "edge", "rgb"};
+const std::vector<std::string> TypeNames = {
+    "uint8", "uint16", "int32",    "uint32", "uint64",      "float32", "float64", "float80",
+    "point", "vector", "bivector", "pointf", "fixedarray3", "edge",    "rgb"};
 
 TEST_F(BundleFiles, EveryElementTypeAndRankRoundTrips) {
   Bundle out;
@@ -107,8 +154,8 @@ TEST_F(BundleFiles, EveryElementTypeAndRankRoundTrips) {
     for (int rank = 1; rank <= 4; ++rank) {
       const auto* type = TresselTypeBase::find(name);
       ASSERT_NE(type, nullptr) << name;
-      auto field = rep->makeField(rep->makeFieldID(name + "_" + std::to_string(rank)), layout,
-                                  type, rank);
+      auto field =
+          rep->makeField(rep->makeFieldID(name + "_" + std::to_string(rank)), layout, type, rank);
       for (const auto& id : ids) {
         MemBase::Extents extents(static_cast<std::size_t>(rank), 2);
         extents[0] = 3; // unequal extents catch a swapped order
@@ -159,10 +206,10 @@ TEST_F(BundleFiles, SlicesGridsAttributesAndEmptyParts) {
                                      std::initializer_list<unsigned char>{1, 3}));
   classes->getCreator(classes->getFragmentIDs().findFragmentID(1u))
       ->attributes()
-      .setAttribute("CellSize", std::make_shared<Basalt::Chunk<double>>(
-                                    std::initializer_list<double>{1.0}));
-  cloud->attributes().setAttribute("Source", std::make_shared<Basalt::Chunk<int>>(
-                                                 std::initializer_list<int>{42}));
+      .setAttribute("CellSize",
+                    std::make_shared<Basalt::Chunk<double>>(std::initializer_list<double>{1.0}));
+  cloud->attributes().setAttribute(
+      "Source", std::make_shared<Basalt::Chunk<int>>(std::initializer_list<int>{42}));
   auto rep = cloud->getCartesianRepresentation(StandardCartesianChart3D);
   rep->makeField(rep->makeFieldID("Planarity"), rep->fragmentLayout(), &TresselType<float>(), 1);
   StrongPtr<Field> untyped = (*rep)["Pending"];
@@ -228,7 +275,8 @@ TEST_F(BundleFiles, UniformGridsKeepTheirLayout) {
   ASSERT_EQ(positions->nFragments(), 6u);
   // Fragment (1, 2, 0) is number 1 + 2 * 2 = 5; its vertex (3, 4, 0) is grid vertex (7, 14, 0).
   EXPECT_EQ(view->fragmentNumber(1, 2, 0), 5u);
-  auto block = arrayCast<3, point>(positions->getData(positions->getFragmentIDs().findFragmentID(5u)));
+  auto block =
+      arrayCast<3, point>(positions->getData(positions->getFragmentIDs().findFragmentID(5u)));
   ASSERT_NE(block, nullptr);
   EXPECT_EQ(block->view()(3, 4, 0), (point{103.5, 203.5, 0}));
   ASSERT_TRUE(out.save()) << out.lastError();
@@ -250,8 +298,7 @@ struct FailingPolicy : StorageTransformations {
   int left;
   explicit FailingPolicy(int fields) : left(fields) {}
   bool isSaveableField(const FieldID&, const Field&, const Basalt::WeakPtr<Grid>&,
-                       const std::string&, double, const std::string&,
-                       const SkeletonID&) override {
+                       const std::string&, double, const std::string&, const SkeletonID&) override {
     if (left-- == 0)
       throw std::runtime_error("simulated failure");
     return true;

@@ -19,9 +19,9 @@ const fs::path RealData = QUORVEL_REAL_DATA;
 class LasFiles : public testing::Test {
 protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() /
-          ("quorvel-las-" + std::to_string(::getpid()) + "-" +
-           testing::UnitTest::GetInstance()->current_test_info()->name());
+    dir =
+        fs::temp_directory_path() / ("quorvel-las-" + std::to_string(::getpid()) + "-" +
+                                     testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::create_directories(dir);
   }
   void TearDown() override { fs::remove_all(dir); }
@@ -30,7 +30,8 @@ protected:
 };
 
 // Every field's bytes, fragment after fragment.
-std::map<std::string, std::pair<std::string, std::vector<std::uint8_t>>> contents(const Tressel::Grid& grid) {
+std::map<std::string, std::pair<std::string, std::vector<std::uint8_t>>>
+contents(const Tressel::Grid& grid) {
   std::map<std::string, std::pair<std::string, std::vector<std::uint8_t>>> out;
   auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
   for (const auto& [id, field] : rep->snapshot()) {
@@ -97,13 +98,17 @@ TEST_F(LasFiles, FieldsFragmentsAndOrder) {
   for (const auto& extra : cloud.info.extraBytes)
     EXPECT_NE(grid(Tressel::StandardCartesianChart3D, extra.name), nullptr) << extra.name;
   // LastReturn is 1 exactly where the return number equals the number of returns.
-  const auto rn = Tressel::readField<unsigned char>(*grid(Tressel::StandardCartesianChart3D, "ReturnNumber"));
-  const auto nr = Tressel::readField<unsigned char>(*grid(Tressel::StandardCartesianChart3D, "NumberOfReturns"));
-  const auto last = Tressel::readField<unsigned char>(*grid(Tressel::StandardCartesianChart3D, "LastReturn"));
+  const auto rn =
+      Tressel::readField<unsigned char>(*grid(Tressel::StandardCartesianChart3D, "ReturnNumber"));
+  const auto nr = Tressel::readField<unsigned char>(
+      *grid(Tressel::StandardCartesianChart3D, "NumberOfReturns"));
+  const auto last =
+      Tressel::readField<unsigned char>(*grid(Tressel::StandardCartesianChart3D, "LastReturn"));
   for (std::size_t i = 0; i < rn.size(); ++i)
     ASSERT_EQ(last[i], rn[i] == nr[i] ? 1 : 0);
   // One fragment when the target is at or above the point count.
-  EXPECT_EQ(Quorvel::Las::read(path.string(), 1u << 30).grid->CartesianPositions()->nFragments(), 1u);
+  EXPECT_EQ(Quorvel::Las::read(path.string(), 1u << 30).grid->CartesianPositions()->nFragments(),
+            1u);
 }
 
 TEST_F(LasFiles, HighClassesPromoteTheFormatAndNewFieldsBecomeExtraBytes) {
@@ -120,11 +125,14 @@ TEST_F(LasFiles, HighClassesPromoteTheFormatAndNewFieldsBecomeExtraBytes) {
   ASSERT_EQ(back.info.extraBytes.size(), 1u);
   EXPECT_EQ(back.info.extraBytes[0].name, "Planarity");
   // Without "PointIndex" the points are written fragment after fragment.
-  EXPECT_EQ(Tressel::readField<unsigned char>(*(*back.grid)(Tressel::StandardCartesianChart3D, "Classification")),
+  EXPECT_EQ(Tressel::readField<unsigned char>(
+                *(*back.grid)(Tressel::StandardCartesianChart3D, "Classification")),
             (std::vector<unsigned char>{200, 2}));
-  EXPECT_EQ(Tressel::readField<float>(*(*back.grid)(Tressel::StandardCartesianChart3D, "Planarity")),
-            (std::vector<float>{0.75f, 0.25f}));
-  EXPECT_EQ(Tressel::readField<point>(*back.grid->CartesianPositions())[1], (point{1.5, 2.25, 3.125}));
+  EXPECT_EQ(
+      Tressel::readField<float>(*(*back.grid)(Tressel::StandardCartesianChart3D, "Planarity")),
+      (std::vector<float>{0.75f, 0.25f}));
+  EXPECT_EQ(Tressel::readField<point>(*back.grid->CartesianPositions())[1],
+            (point{1.5, 2.25, 3.125}));
 
   Tressel::PointCloudBuilder bad({{std::nan(""), 0, 0}});
   EXPECT_THROW(Quorvel::Las::write(file("nan.las"), *bad.build({{0}})), Quorvel::Las::Error);
@@ -139,7 +147,8 @@ std::string damaged(const std::string& to, std::size_t keep,
   bytes.resize(std::min(keep, bytes.size()));
   if (change)
     change(bytes);
-  std::ofstream(to, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(to, std::ios::binary)
+      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   return to;
 }
 
@@ -163,8 +172,10 @@ TEST_F(LasFiles, DamagedFilesGiveOneClearError) {
   const std::string points = damaged(file("points.las"), 227 + 34 * 100, nullptr);
   EXPECT_EQ(message(points), points + ": point count 14408 is larger than the file holds (100)");
   const std::string record = damaged(file("record.las"), all, setU16(105, 20));
-  EXPECT_EQ(message(record), record + ": point record length 20 is shorter than point format 3 needs (34)");
-  const std::string format11 = damaged(file("format11.las"), all, [](std::vector<char>& b) { b[104] = 11; });
+  EXPECT_EQ(message(record),
+            record + ": point record length 20 is shorter than point format 3 needs (34)");
+  const std::string format11 =
+      damaged(file("format11.las"), all, [](std::vector<char>& b) { b[104] = 11; });
   EXPECT_EQ(message(format11), format11 + ": point format 11 is not supported");
   const std::string foreign = file("foreign.las");
   std::ofstream(foreign) << "x,y,z\n1,2,3\n";

@@ -118,14 +118,14 @@ TEST(Chronometry, PatternsAndFormatsInOrder) {
   const Expected cases[] = {
       {"scan_210315_134501.laz", 2021, 3, 15, 13, 45, 1},
       {"area_15.03.2021.bin", 2021, 3, 15, 0, 0, 0},
-      {"area_15-03-2021.bin", 0, 0, 0, 0, 0, 0}, // the dots match anything, the format does not
-      {"flight_05012021.las", 2021, 1, 5, 0, 0, 0},  // %d%m%Y
-      {"flight_20210105.las", 2021, 1, 5, 0, 0, 0},  // %d%m%Y fails (month 21), then %Y%m%d
-      {"x_150321.las", 2021, 3, 15, 0, 0, 0},        // %d%m%y
-      {"x_210315.las", 2015, 3, 21, 0, 0, 0},        // %d%m%y already fits
-      {"x_991231.las", 1999, 12, 31, 0, 0, 0},       // %y%m%d, 99 -> 1999
-      {"x_681231.las", 2068, 12, 31, 0, 0, 0},       // 68 -> 2068
-      {"x_690101.las", 1969, 1, 1, 0, 0, 0},         // 69 -> 1969
+      {"area_15-03-2021.bin", 0, 0, 0, 0, 0, 0},    // the dots match anything, the format does not
+      {"flight_05012021.las", 2021, 1, 5, 0, 0, 0}, // %d%m%Y
+      {"flight_20210105.las", 2021, 1, 5, 0, 0, 0}, // %d%m%Y fails (month 21), then %Y%m%d
+      {"x_150321.las", 2021, 3, 15, 0, 0, 0},       // %d%m%y
+      {"x_210315.las", 2015, 3, 21, 0, 0, 0},       // %d%m%y already fits
+      {"x_991231.las", 1999, 12, 31, 0, 0, 0},      // %y%m%d, 99 -> 1999
+      {"x_681231.las", 2068, 12, 31, 0, 0, 0},      // 68 -> 2068
+      {"x_690101.las", 1969, 1, 1, 0, 0, 0},        // 69 -> 1969
       {"a_120520_b_130621.las", 2021, 6, 13, 0, 0, 0}, // the last fitting run wins
       {"12345678_87654321.las", 0, 0, 0, 0, 0, 0},
       {"readme.txt", 0, 0, 0, 0, 0, 0},
@@ -162,9 +162,9 @@ TEST(Chronometry, PrintAndLayouts) {
 // is placed into the calendar record unreduced in both dates.
 int weeksByCalendar(unsigned day, unsigned month, unsigned year) {
   using namespace date;
-  const sys_days first = sys_days(year_month_day{date::year(static_cast<int>(year)),
-                                                 date::month(month), date::day(1)} +
-                                  months(1));
+  const sys_days first = sys_days(
+      year_month_day{date::year(static_cast<int>(year)), date::month(month), date::day(1)} +
+      months(1));
   const sys_days when = first + days(static_cast<int>(day) - 1);
   const sys_days reference = sys_days(date::year(1980) / date::month(2) / date::day(6));
   return static_cast<int>((when - reference).count() / 7);

@@ -1,6 +1,6 @@
 // Tests of the result storage policy: its three questions and their effect on written files.
-#include "quorvel/storage/detail/storage.hpp"
 #include "quorvel/metadata/metadata.hpp"
+#include "quorvel/storage/detail/storage.hpp"
 #include "quorvel/storage/storage.hpp"
 #include "tressel/Bundle.hpp"
 #include "tressel/PointCloud.hpp"
@@ -115,10 +115,10 @@ TEST_F(StoredFiles, ShiftAndSinglePrecisionInTheWrittenFile) {
 
   const Partition order = sequentialPartition(4000, 1000);
   const auto positions = readField<point>(*compact.loaded->CartesianPositions(), order);
-  const auto positions2 = readField<point>(
-      *(*compact.loaded)(StandardCartesianChart3D, "Positions2"), order);
-  const auto amplitude = readField<float>(
-      *(*compact.loaded)(StandardCartesianChart3D, "Amplitude"), order);
+  const auto positions2 =
+      readField<point>(*(*compact.loaded)(StandardCartesianChart3D, "Positions2"), order);
+  const auto amplitude =
+      readField<float>(*(*compact.loaded)(StandardCartesianChart3D, "Amplitude"), order);
   double worst = 0;
   for (std::size_t i = 0; i < positions.size(); ++i)
     for (int k = 0; k < 3; ++k)
@@ -127,7 +127,7 @@ TEST_F(StoredFiles, ShiftAndSinglePrecisionInTheWrittenFile) {
   // floats at 5.7e6.
   EXPECT_LT(worst, 4e-6);
   EXPECT_GT(worst, 0.0);
-  EXPECT_EQ(positions2, compact.xyz); // shifted, kept in double: exact
+  EXPECT_EQ(positions2, compact.xyz);      // shifted, kept in double: exact
   EXPECT_EQ(amplitude, compact.amplitude); // a scalar is never shifted or narrowed
 
   // A loaded grid is a grid like any other: the algorithms run on it.
