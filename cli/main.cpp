@@ -128,8 +128,8 @@ int compare(const std::string& a, const std::string& b, const std::string& field
   const auto first = classesOf(*load(a, fragmentPoints).grid, field, a);
   const auto second = classesOf(*load(b, fragmentPoints).grid, field, b);
   if (first.size() != second.size())
-    throw std::runtime_error(a + " holds " + std::to_string(first.size()) + " points, " + b +
-                             " " + std::to_string(second.size()));
+    throw std::runtime_error(a + " holds " + std::to_string(first.size()) + " points, " + b + " " +
+                             std::to_string(second.size()));
   std::map<int, std::pair<std::size_t, std::size_t>> perClass; // class of B: (agreeing, all)
   std::size_t agree = 0;
   for (std::size_t i = 0; i < first.size(); ++i) {
@@ -147,8 +147,8 @@ int compare(const std::string& a, const std::string& b, const std::string& field
   std::cout << Basalt::format("agreement: %zu of %zu (%.2f%%)\n", agree, first.size(),
                               percent(agree, first.size()));
   for (const auto& [c, counts] : perClass)
-    std::cout << Basalt::format("class %d: %zu of %zu (%.2f%%)\n", c, counts.first,
-                                counts.second, percent(counts.first, counts.second));
+    std::cout << Basalt::format("class %d: %zu of %zu (%.2f%%)\n", c, counts.first, counts.second,
+                                percent(counts.first, counts.second));
   return 0;
 }
 
@@ -176,7 +176,8 @@ int main(int argc, char** argv) {
 
   // Transfer options take their defaults from a default-built box.
   const Quorvel::ClassificationTransferParameterBox defaults;
-  std::string bands, sourceClasses = "0:255", targetClasses = "0:255", offset;
+  std::string bands, sourceClasses = defaults.source.to_string(),
+                     targetClasses = defaults.target.to_string(), offset;
   int dimension = defaults.dimension, threads = defaults.threads;
   double maxradius = defaults.maxradius;
   std::string transferField = defaults.fieldname;
@@ -257,9 +258,9 @@ int main(int argc, char** argv) {
           throw std::runtime_error("--offset takes X,Y,Z");
         box.offset = {Basalt::cAtof(parts[0]), Basalt::cAtof(parts[1]), Basalt::cAtof(parts[2])};
       }
-      const std::string message = old
-                                      ? Quorvel::classificationTransferOLD(source.grid, target.grid, box)
-                                      : Quorvel::classificationTransfer(source.grid, target.grid, box);
+      const std::string message =
+          old ? Quorvel::classificationTransferOLD(source.grid, target.grid, box)
+              : Quorvel::classificationTransfer(source.grid, target.grid, box);
       if (!message.empty())
         throw std::runtime_error("transfer: " + message);
       save(out, target);

@@ -186,6 +186,18 @@ TEST_F(LasFiles, DamagedFilesGiveOneClearError) {
     std::memcpy(b.data() + 100, &count, 4); // a VLR that does not fit before the points
   });
   EXPECT_EQ(message(vlr), vlr + ": truncated VLR 0");
+
+  // A record that is too short for its extra-bytes dimensions.
+  Tressel::PointCloudBuilder builder({{1, 2, 3}, {4, 5, 6}});
+  builder.addField("Planarity", std::vector<double>{0.5, 0.25});
+  const std::string extra = file("extra.las");
+  Quorvel::Las::write(extra, *builder.build({{0, 1}}));
+  std::fstream patch(extra, std::ios::in | std::ios::out | std::ios::binary);
+  const std::uint16_t base = 30;
+  patch.seekp(105);
+  patch.write(reinterpret_cast<const char*>(&base), 2);
+  patch.close();
+  EXPECT_EQ(message(extra), extra + ": extra-bytes descriptors overrun the point record");
 }
 
 } // namespace
