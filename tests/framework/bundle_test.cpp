@@ -5,6 +5,8 @@
 #include "tressel/PointCloud.hpp"
 #include "tressel/UniformGrid.hpp"
 
+#include "support/ScratchDirectory.hpp"
+
 #include <gtest/gtest.h>
 #include <hdf5.h>
 
@@ -19,25 +21,7 @@ using namespace Tressel;
 using Vantor::PhysicalSpace::point;
 namespace fs = std::filesystem;
 
-// A scratch directory per test, removed afterwards.
-class BundleFiles : public testing::Test {
-protected:
-  void SetUp() override {
-    dir =
-        fs::temp_directory_path() / ("quorvel-bundle-" + std::to_string(::getpid()) + "-" +
-                                     testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-  }
-  void TearDown() override { fs::remove_all(dir); }
-  std::string file(const std::string& name) const { return (dir / name).string(); }
-  std::size_t filesInDir() const {
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
-  }
-
-  fs::path dir;
-};
+using BundleFiles = ScratchDirectory;
 
 // Every scalar of an array, read through its scalar kind.
 std::vector<long double> scalars(const MemBase& data) {

@@ -3,6 +3,8 @@
 #include "io/las.hpp"
 #include "tressel/PointCloud.hpp"
 
+#include "support/ScratchDirectory.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -16,18 +18,7 @@ using Vantor::PhysicalSpace::point;
 
 const fs::path RealData = QUORVEL_REAL_DATA;
 
-class LasFiles : public testing::Test {
-protected:
-  void SetUp() override {
-    dir =
-        fs::temp_directory_path() / ("quorvel-las-" + std::to_string(::getpid()) + "-" +
-                                     testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir);
-  }
-  void TearDown() override { fs::remove_all(dir); }
-  std::string file(const std::string& name) const { return (dir / name).string(); }
-  fs::path dir;
-};
+using LasFiles = ScratchDirectory;
 
 // Every field's bytes, fragment after fragment.
 std::map<std::string, std::pair<std::string, std::vector<std::uint8_t>>>

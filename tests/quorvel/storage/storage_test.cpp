@@ -5,6 +5,8 @@
 #include "tressel/Bundle.hpp"
 #include "tressel/PointCloud.hpp"
 
+#include "support/ScratchDirectory.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -63,14 +65,8 @@ TEST(MyStorage, TheThreeQuestions) {
   checkTheThreeQuestions<Quorvel::detail::MyStorage>();
 }
 
-class StoredFiles : public testing::Test {
+class StoredFiles : public ScratchDirectory {
 protected:
-  void SetUp() override {
-    dir = fs::temp_directory_path() / ("quorvel-storage-" + std::to_string(::getpid()));
-    fs::create_directories(dir);
-  }
-  void TearDown() override { fs::remove_all(dir); }
-
   // A georeferenced cloud with a second point field and a scalar field.
   struct Written {
     std::vector<point> xyz;
@@ -89,7 +85,7 @@ protected:
     PointCloudBuilder builder(w.xyz);
     builder.addField("Positions2", w.xyz).addField("Amplitude", w.amplitude);
     Bundle out;
-    const std::string path = (dir / name).string();
+    const std::string path = file(name);
     EXPECT_TRUE(out.bindToNew(path, policy));
     out[0.0]->setGrid("cloud", builder.build(sequentialPartition(w.xyz.size(), 1000)));
     EXPECT_TRUE(out.save()) << out.lastError();
@@ -99,8 +95,6 @@ protected:
     w.loaded = (*in.findSlice(0.0))["cloud"];
     return w;
   }
-
-  fs::path dir;
 };
 
 TEST_F(StoredFiles, ShiftAndSinglePrecisionInTheWrittenFile) {
