@@ -39,8 +39,13 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   // Points in spatial order: each result depends on its own point only, and neighbouring queries
   // reuse the same leaves.
   const bool ordered = order.size() == xyz->size();
+  constexpr std::size_t Ahead = 16; // points whose data is fetched while earlier ones are searched
   for (std::size_t k = 0, n = xyz->size(); k < n; ++k) {
     const std::size_t i = ordered ? order[k] : k;
+    if (ordered && k + Ahead < n) {
+      __builtin_prefetch(&(*xyz)[order[k + Ahead]]);
+      __builtin_prefetch(&(*cls)[order[k + Ahead]]);
+    }
     unsigned char& c = (*cls)[i];
     if (!passes(box.target, c))
       continue;
@@ -144,9 +149,14 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
     withTree(box.dimension, sourceBox, [&](const auto& tree) {
       // Inserting in spatial order fills one leaf after the other; the tree's shape and every
       // answer are the same as in index order.
-      for (std::uint32_t i : spatialOrder(xyz->view(), *sourceBox))
+      const auto order = spatialOrder(xyz->view(), *sourceBox);
+      for (std::size_t k = 0; k < order.size(); ++k) {
+        if (k + 16 < order.size())
+          __builtin_prefetch(&(*xyz)[order[k + 16]]);
+        const std::uint32_t i = order[k];
         if (passes(box.source, (*cls)[i]))
           tree->insert((*xyz)[i], i);
+      }
       if (tree->size() == 0)
         return;
       BoundingBox reachable = *sourceBox;

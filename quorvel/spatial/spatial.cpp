@@ -47,14 +47,18 @@ spatialOrder(const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& p
   const std::size_t n = positions.size();
   std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(n);
   const double width = std::max(box.max().x - box.min().x, box.max().y - box.min().y);
-  const double scale = !box.empty() && width > 0 ? 4294967295.0 / width : 0.0;
+  // 23 bits per axis: the keys fit 46 bits, and points that cannot be placed take a larger key,
+  // so the radix sort needs three passes.
+  constexpr double cells = 8388607.0;
+  constexpr std::uint64_t unplaced = (std::uint64_t{1} << 47) - 1;
+  const double scale = !box.empty() && width > 0 ? cells / width : 0.0;
   for (std::size_t i = 0; i < n; ++i) {
     const auto& p = positions[i];
     const double u = (p.x - box.min().x) * scale, v = (p.y - box.min().y) * scale;
-    const bool usable = u >= 0 && v >= 0 && u <= 4294967295.0 && v <= 4294967295.0;
+    const bool usable = u >= 0 && v >= 0 && u <= cells && v <= cells;
     const std::uint64_t key = usable ? spreadBits(static_cast<std::uint64_t>(u)) |
                                            (spreadBits(static_cast<std::uint64_t>(v)) << 1)
-                                     : ~std::uint64_t{0};
+                                     : unplaced;
     keyed[i] = {key, static_cast<std::uint32_t>(i)};
   }
   sortByKey(keyed);
