@@ -394,22 +394,27 @@ private:
       return;
     }
     // Children by the distance of their boxes, nearest first (insertion sort of at most 8).
+    // Plain arrays: this runs at every level of every query, and needs no initialisation.
     const auto& children = static_cast<const Branch&>(n).children;
-    std::array<std::pair<double, const Node*>, Children> order;
+    double distance[Children];
+    const Node* order[Children];
     int count = 0;
     for (const auto& c : children) {
       if (!c)
         continue;
       const double d2 = boxSquaredDistance(*c, q);
       int j = count++;
-      for (; j > 0 && order[j - 1].first > d2; --j)
+      for (; j > 0 && distance[j - 1] > d2; --j) {
+        distance[j] = distance[j - 1];
         order[j] = order[j - 1];
-      order[j] = {d2, c.get()};
+      }
+      distance[j] = d2;
+      order[j] = c.get();
     }
     for (int j = 0; j < count; ++j) {
-      if (order[j].first > best.squared)
+      if (distance[j] > best.squared)
         break;
-      nearest(*order[j].second, q, best);
+      nearest(*order[j], q, best);
     }
   }
 
