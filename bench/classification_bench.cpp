@@ -1,12 +1,12 @@
 // Classification transfer of 1M source onto 1M target points (~0.4 m spacing, radius 1 m), one
 // fragment and 16 fragments each, against a plain nanoflann nearest-neighbour pass over the same
 // points as the yardstick.
+#include "Nanoflann.hpp"
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <benchmark/benchmark.h>
-#include <nanoflann.hpp>
 
 #include <omp.h>
 #include <random>
@@ -59,20 +59,8 @@ void BM_ClassificationTransfer(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * 1'000'000);
 }
 
-struct CloudAdaptor {
-  const std::vector<point>& points;
-  std::size_t kdtree_get_point_count() const { return points.size(); }
-  double kdtree_get_pt(std::size_t i, std::size_t d) const {
-    return points[i][static_cast<int>(d)];
-  }
-  template <class BBox>
-  bool kdtree_get_bbox(BBox&) const {
-    return false;
-  }
-};
-using KdTree =
-    nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, CloudAdaptor>,
-                                        CloudAdaptor, 3, unsigned>;
+using bench::CloudAdaptor;
+using KdTree = bench::KdTree<3>;
 
 void BM_NanoflannNearestYardstick(benchmark::State& state) {
   CloudAdaptor adaptor{sourcePoints()};

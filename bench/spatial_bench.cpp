@@ -1,10 +1,10 @@
 // The bucket tree against nanoflann on the same cloud: building, and one radius query per point
 // with a radius that gives about 30 neighbours, results into a reused vector.
 #include "AirborneCloud.hpp"
+#include "Nanoflann.hpp"
 #include "tarrow/OcTreeStd.hpp"
 
 #include <benchmark/benchmark.h>
-#include <nanoflann.hpp>
 
 #include <vector>
 
@@ -61,23 +61,8 @@ void BM_OcTreeStdRadius(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
 }
 
-// nanoflann reads the points through this adaptor; D = 2 uses x and y only.
-struct CloudAdaptor {
-  const std::vector<point>& points;
-  std::size_t kdtree_get_point_count() const { return points.size(); }
-  double kdtree_get_pt(std::size_t i, std::size_t dim) const {
-    return points[i][static_cast<int>(dim)];
-  }
-  template <class BBox>
-  bool kdtree_get_bbox(BBox&) const {
-    return false;
-  }
-};
-
-template <int D>
-using KdTree =
-    nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, CloudAdaptor>,
-                                        CloudAdaptor, D, unsigned>;
+using bench::CloudAdaptor;
+using bench::KdTree;
 
 template <int D>
 void BM_NanoflannBuild(benchmark::State& state) {

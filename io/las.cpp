@@ -369,24 +369,6 @@ std::vector<ExtraBytes> parseExtraBytes(const std::vector<Vlr>& vlrs, int room,
   return out;
 }
 
-// Tiles of about fragmentPoints points over the x-y extent of the cloud.
-Tressel::Partition tiles(const std::vector<point>& xyz, std::size_t fragmentPoints) {
-  if (fragmentPoints == 0 || fragmentPoints >= xyz.size())
-    return Tressel::sequentialPartition(xyz.size(), 0);
-  double x0 = std::numeric_limits<double>::infinity(), x1 = -x0, y0 = x0, y1 = -x0;
-  for (const point& p : xyz)
-    if (std::isfinite(p.x) && std::isfinite(p.y)) {
-      x0 = std::min(x0, p.x);
-      x1 = std::max(x1, p.x);
-      y0 = std::min(y0, p.y);
-      y1 = std::max(y1, p.y);
-    }
-  const double area = std::max((x1 - x0) * (y1 - y0), 1e-12);
-  const double side =
-      std::sqrt(area * static_cast<double>(fragmentPoints) / static_cast<double>(xyz.size()));
-  return Tressel::tilePartition(xyz, side);
-}
-
 } // namespace
 
 ReadResult read(const std::string& path, std::size_t fragmentPoints) {
@@ -460,8 +442,8 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints) {
   builder.addField("PointIndex", std::move(order));
   if (rgb >= 0)
     builder.addField("RGB", std::move(colours));
-  result.grid =
-      builder.build(tiles(xyz, fragmentPoints), std::filesystem::path(path).stem().string());
+  result.grid = builder.build(Tressel::tilePartitionByCount(xyz, fragmentPoints),
+                              std::filesystem::path(path).stem().string());
   return result;
 }
 

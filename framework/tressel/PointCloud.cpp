@@ -24,11 +24,14 @@ Partition sequentialPartition(std::size_t count, std::size_t fragmentSize) {
   return out;
 }
 
-Partition tilePartition(const std::vector<point>& positions, double tileSize) {
-  if (!(tileSize > 0.0) || !std::isfinite(tileSize))
-    return sequentialPartition(positions.size(), 0);
+namespace {
+
+// The x-y extent of the points with finite x and y; false when there is none.
+bool finiteExtent(const std::vector<point>& positions, double& x0, double& y0, double& x1,
+                  double& y1) {
   constexpr double inf = std::numeric_limits<double>::infinity();
-  double x0 = inf, y0 = inf, x1 = -inf, y1 = -inf;
+  x0 = y0 = inf;
+  x1 = y1 = -inf;
   for (const point& p : positions)
     if (std::isfinite(p.x) && std::isfinite(p.y)) {
       x0 = std::min(x0, p.x);
@@ -36,11 +39,30 @@ Partition tilePartition(const std::vector<point>& positions, double tileSize) {
       x1 = std::max(x1, p.x);
       y1 = std::max(y1, p.y);
     }
+  return x0 <= x1;
+}
+
+} // namespace
+
+Partition tilePartitionByCount(const std::vector<point>& positions, std::size_t pointsPerTile) {
+  double x0, y0, x1, y1;
+  if (pointsPerTile == 0 || pointsPerTile >= positions.size() ||
+      !finiteExtent(positions, x0, y0, x1, y1))
+    return sequentialPartition(positions.size(), 0);
+  const double area = std::max((x1 - x0) * (y1 - y0), 1e-12);
+  return tilePartition(positions, std::sqrt(area * static_cast<double>(pointsPerTile) /
+                                            static_cast<double>(positions.size())));
+}
+
+Partition tilePartition(const std::vector<point>& positions, double tileSize) {
+  if (!(tileSize > 0.0) || !std::isfinite(tileSize))
+    return sequentialPartition(positions.size(), 0);
+  double x0, y0, x1, y1;
+  const bool anyFinite = finiteExtent(positions, x0, y0, x1, y1);
   // Tile (row, column) of a point; the clamp keeps the conversion defined for absurd counts.
   auto tileIndex = [tileSize](double v, double origin) {
     return static_cast<std::size_t>(std::min(std::floor((v - origin) / tileSize), 9.0e15));
   };
-  const bool anyFinite = x0 <= x1;
   const std::size_t columns = anyFinite ? tileIndex(x1, x0) + 1 : 0;
   const std::size_t rows = anyFinite ? tileIndex(y1, y0) + 1 : 0;
 

@@ -27,6 +27,10 @@ Partition sequentialPartition(std::size_t count, std::size_t fragmentSize);
 // is not positive and finite gives one fragment of all points.
 Partition tilePartition(const std::vector<point>& positions, double tileSize);
 
+// tilePartition with the tile side chosen so that a tile holds about pointsPerTile points on
+// average over the x-y extent; one fragment when pointsPerTile is 0 or at least the point count.
+Partition tilePartitionByCount(const std::vector<point>& positions, std::size_t pointsPerTile);
+
 // Builds a point cloud: the chart "StandardCartesianChart3D", the vertices' representation in
 // it, the field "Positions" and any number of per-point fields, all split by one partition.
 // Every fragment gets its stored bounding box. Throws std::invalid_argument naming the problem
