@@ -23,103 +23,57 @@ namespace fs = std::filesystem;
 
 using BundleFiles = ScratchDirectory;
 
-// Every scalar of an array, read through its scalar kind.
-std::vector<long double> scalars(const MemBase& data) {
+// Calls f with the array's scalars as a typed pointer of its scalar kind, and their count.
+template <class F>
+void withScalars(MemBase& data, F&& f) {
   const auto& type = data.elementType();
   const std::size_t n = data.nElements() * static_cast<std::size_t>(type.components());
-  const void* raw = data.myChunk()->rawData();
-  std::vector<long double> out(n);
-  auto copy = [&](auto* typed) {
-    for (std::size_t i = 0; i < n; ++i)
-      out[i] = static_cast<long double>(typed[i]);
-  };
+  void* raw = data.myChunk()->rawData();
   switch (type.scalar()) {
   case ScalarKind::Int8:
-    copy(static_cast<const signed char*>(raw));
-    break;
+    return f(static_cast<signed char*>(raw), n);
   case ScalarKind::UInt8:
-    copy(static_cast<const unsigned char*>(raw));
-    break;
+    return f(static_cast<unsigned char*>(raw), n);
   case ScalarKind::Int16:
-    copy(static_cast<const short*>(raw));
-    break;
+    return f(static_cast<short*>(raw), n);
   case ScalarKind::UInt16:
-    copy(static_cast<const unsigned short*>(raw));
-    break;
+    return f(static_cast<unsigned short*>(raw), n);
   case ScalarKind::Int32:
-    copy(static_cast<const int*>(raw));
-    break;
+    return f(static_cast<int*>(raw), n);
   case ScalarKind::UInt32:
-    copy(static_cast<const unsigned*>(raw));
-    break;
+    return f(static_cast<unsigned*>(raw), n);
   case ScalarKind::Int64:
-    copy(static_cast<const long long*>(raw));
-    break;
+    return f(static_cast<long long*>(raw), n);
   case ScalarKind::UInt64:
-    copy(static_cast<const unsigned long long*>(raw));
-    break;
+    return f(static_cast<unsigned long long*>(raw), n);
   case ScalarKind::Float32:
-    copy(static_cast<const float*>(raw));
-    break;
+    return f(static_cast<float*>(raw), n);
   case ScalarKind::Float64:
-    copy(static_cast<const double*>(raw));
-    break;
+    return f(static_cast<double*>(raw), n);
   case ScalarKind::Float80:
-    copy(static_cast<const long double*>(raw));
-    break;
+    return f(static_cast<long double*>(raw), n);
   case ScalarKind::Opaque:
-    break;
+    return;
   }
+}
+
+// Every scalar of an array, as long double.
+std::vector<long double> scalars(MemBase& data) {
+  std::vector<long double> out;
+  withScalars(data, [&](auto* typed, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i)
+      out.push_back(static_cast<long double>(typed[i]));
+  });
   return out;
 }
 
 // Fills every scalar with a value that identifies its position and the array.
 void fill(MemBase& data, int salt) {
-  const auto& type = data.elementType();
-  const std::size_t n = data.nElements() * static_cast<std::size_t>(type.components());
-  void* raw = data.myChunk()->rawData();
-  auto set = [&](auto* typed) {
+  withScalars(data, [&](auto* typed, std::size_t n) {
     using T = std::remove_pointer_t<decltype(typed)>;
     for (std::size_t i = 0; i < n; ++i)
       typed[i] = static_cast<T>((i * 7 + static_cast<std::size_t>(salt)) % 101);
-  };
-  switch (type.scalar()) {
-  case ScalarKind::Int8:
-    set(static_cast<signed char*>(raw));
-    break;
-  case ScalarKind::UInt8:
-    set(static_cast<unsigned char*>(raw));
-    break;
-  case ScalarKind::Int16:
-    set(static_cast<short*>(raw));
-    break;
-  case ScalarKind::UInt16:
-    set(static_cast<unsigned short*>(raw));
-    break;
-  case ScalarKind::Int32:
-    set(static_cast<int*>(raw));
-    break;
-  case ScalarKind::UInt32:
-    set(static_cast<unsigned*>(raw));
-    break;
-  case ScalarKind::Int64:
-    set(static_cast<long long*>(raw));
-    break;
-  case ScalarKind::UInt64:
-    set(static_cast<unsigned long long*>(raw));
-    break;
-  case ScalarKind::Float32:
-    set(static_cast<float*>(raw));
-    break;
-  case ScalarKind::Float64:
-    set(static_cast<double*>(raw));
-    break;
-  case ScalarKind::Float80:
-    set(static_cast<long double*>(raw));
-    break;
-  case ScalarKind::Opaque:
-    break;
-  }
+  });
 }
 
 const std::vector<std::string> TypeNames = {
