@@ -7,88 +7,581 @@
 #include "vantor/BoundingBox.hpp"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <map>
-#include <memory>
+#include <mutex>
+#include <utility>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace Vantor {
 
-// A bucket tree over a bounding box. Built on Tarrow::OcTreeStd, so queries follow its rules:
-// distances are squared, over x, y and z (D = 3) or x and y (D = 2), the radius is inclusive,
-// and the vector form lists entries in tree order. A tree made from an empty box pointer or an
-// empty box is not valid: it takes no points and finds nothing. Nearest-neighbour answers break
+// A bucket tree over a bounding box: distances are squared, over x, y and z (D = 3) or x and y
+// (D = 2), the radius is inclusive, and the vector forms list entries in tree order. A tree made
+// from an empty box pointer or an empty box is not valid: it takes no points and finds nothing.
+// Points outside the box, or with a NaN coordinate, are refused with the message of the library's
+// bucket tree ("OcTreeStd::insert() ERROR out of bounds! ..."). Nearest-neighbour answers break
 // ties by the smallest index, whatever the tree's shape.
 //
-// Thread-safety: insert from one thread; afterwards const queries from many threads at once.
+// Insertions are collected; the first query after them divides the entries once, like an octree
+// (a quadtree for D = 2) over a cube about the box: a cell with more than `capacity` entries
+// splits into 2^D children, down to cells 2^-21 of the cube's side, which hold any number (so
+// duplicates cannot split without end). A cube keeps cells cube-shaped where a flat airborne
+// box would be cut into thin slabs. Every node keeps the tight box of its entries, and leaves
+// hold their coordinates in contiguous arrays: queries prune by where the points really are
+// and scan a leaf without following pointers.
+//
+// Thread-safety: insert from one thread; afterwards const queries from many threads at once (the
+// first of them builds the division under a lock, the others wait for it).
 template <class Index, int D>
 class BucketTree : public Basalt::ReferenceBase {
+  static_assert(D == 2 || D == 3, "the tree has two or three dimensions");
+
 public:
   using point = PhysicalSpace::point;
-  using Tree = Tarrow::OcTreeStd<Index, point, D>;
 
-  // The tree's root box is the given box grown to a cube (a square in x and y for D = 2) about
-  // the same centre: cells then stay cube-shaped, where a flat airborne box would otherwise be
-  // cut into thin slabs that every query has to scan. Points outside the given box are still
-  // refused, with the tree's message for that box.
-  BucketTree(const Basalt::StrongPtr<BoundingBox>& box, unsigned capacity) {
+  // A nearest-neighbour answer: the entry's index and point, and its squared distance.
+  struct Neighbour {
+    Index index{};
+    point position{};
+    double squared = 0.0;
+  };
+
+  BucketTree(const Basalt::StrongPtr<BoundingBox>& box, unsigned capacity)
+      : capacity_(std::max(1u, capacity)) {
     if (!box || box->empty())
       return;
     box_ = *box;
-    double side = 0.0;
+    valid_ = true;
     for (int k = 0; k < D; ++k)
-      side = std::max(side, box->max()[k] - box->min()[k]);
-    point lo = box->min(), hi = box->max();
-    for (int k = 0; k < D; ++k) {
-      const double centre = (box->min()[k] + box->max()[k]) / 2;
-      lo[k] = std::min(lo[k], centre - side / 2);
-      hi[k] = std::max(hi[k], centre + side / 2);
-    }
-    tree_ = std::make_unique<Tree>(lo, hi, capacity);
+      side_ = std::max(side_, box->max()[k] - box->min()[k]);
+    for (int k = 0; k < D; ++k)
+      origin_[k] = (box->min()[k] + box->max()[k]) / 2 - side_ / 2;
   }
+  BucketTree(const BucketTree&) = delete;
+  BucketTree& operator=(const BucketTree&) = delete;
 
-  bool valid() const { return tree_ != nullptr; }
+  bool valid() const { return valid_; }
 
   // Stores p under index; a point outside the box is refused with the tree's message.
   bool insert(const point& p, const Index& index) {
-    return tree_ && Tarrow::acceptsPoint<D>(p, box_.min(), box_.max()) && tree_->insert(p, index);
+    if (!valid_ || !Tarrow::acceptsPoint<D>(p, box_.min(), box_.max()))
+      return false;
+    pending_.emplace_back(p, index);
+    ++count_;
+    built_.store(false, std::memory_order_relaxed);
+    return true;
   }
 
   // Number of entries.
-  std::size_t size() const { return tree_ ? tree_->getSize() : 0; }
+  std::size_t size() const { return count_; }
 
   // Every entry within radius of q, keyed by squared distance, nearest first; equally near
   // entries by ascending index, so the first entry is the one findNearest gives.
   void getRange(const point& q, double radius, std::multimap<double, Index>& out) const {
-    if (!tree_)
-      return;
     std::vector<std::pair<double, Index>> found;
-    tree_->getEuclideanRangeSorted(q, radius, found);
+    within(q, radius, [&](std::size_t j, double d2) { found.emplace_back(d2, ids_[j]); });
     std::sort(found.begin(), found.end());
     for (const auto& entry : found)
       out.insert(out.end(), entry);
   }
   // Every entry within radius of q, appended in tree order.
   void getRange(const point& q, double radius, std::vector<Index>& out) const {
-    if (tree_)
-      tree_->getEuclideanRangeFine(q, radius, out);
+    within(q, radius, [&](std::size_t j, double) { out.push_back(ids_[j]); });
   }
+
   // The nearest entry within radius, the smallest index among equally near ones (the first
   // entry of getRange's map). False when none.
   bool findNearest(const point& q, double radius, Index& index, double& squaredDistance) const {
-    return tree_ && tree_->findNearest(q, radius, index, squaredDistance);
+    Neighbour found;
+    if (!findNearest(q, radius, found, false))
+      return false;
+    index = found.index;
+    squaredDistance = found.squared;
+    return true;
   }
+  // The same, with the entry's point. With `start`, `found` holds on entry a stored entry near
+  // q, such as the previous answer when queries come in spatial order, and the search starts
+  // from it: only nodes no farther than that entry are visited. The answer is the same; a
+  // starting entry beyond radius is ignored.
+  bool findNearest(const point& q, double radius, Neighbour& found, bool start) const {
+    if (!prepared())
+      return false;
+    Best best{radius * radius, Index{}, NoEntry, false};
+    if (start) {
+      const double d2 = squaredDistance(found.position, q);
+      if (d2 <= best.squared)
+        best = {d2, found.index, NoEntry, true};
+    }
+    const double c[3] = {q.x, q.y, q.z};
+    forStartNodes(c, best.squared, [&](const Node& from) {
+      if (boxDistance(from, c) <= best.squared)
+        nearest(from, c, best);
+    });
+    if (!best.found)
+      return false;
+    if (best.entry != NoEntry)
+      found.position = {x_[best.entry], y_[best.entry], z_[best.entry]};
+    found.index = best.index;
+    found.squared = best.squared;
+    return true;
+  }
+
   // Every entry in the closed box lo <= p <= hi over the D axes, appended in tree order.
   void getRectangle(const point& lo, const point& hi, std::vector<Index>& out) const {
-    if (tree_)
-      tree_->getClosedBoxRange(lo, hi, out);
+    if (!prepared())
+      return;
+    walk(
+        nodes_[0],
+        [&](const Node& n) {
+          for (int k = 0; k < D; ++k)
+            if (lo[k] > n.hi[k] || hi[k] < n.lo[k])
+              return true;
+          return false;
+        },
+        [&](const Node& leaf) {
+          for (std::size_t j = leaf.first, e = leaf.first + leaf.count; j < e; ++j) {
+            const double c[3] = {x_[j], y_[j], z_[j]};
+            bool in = true;
+            for (int k = 0; k < D; ++k)
+              in = in && lo[k] <= c[k] && c[k] <= hi[k];
+            if (in)
+              out.push_back(ids_[j]);
+          }
+        });
   }
 
-  const Tree* tree() const { return tree_.get(); }
-
 private:
+  // Cells are divided at most this often: 21 levels keep a 3-D cell key within 64 bits.
+  static constexpr int Levels = 21;
+  static constexpr std::size_t NoEntry = std::numeric_limits<std::size_t>::max();
+  static constexpr std::uint32_t NoNode = std::numeric_limits<std::uint32_t>::max();
+  // At most 2^MaxTableBits table cells; a search touching more than MaxStartCells of them
+  // starts from the root.
+  static constexpr int MaxTableBits = 20;
+  static constexpr std::size_t MaxStartCells = 8;
+
+  struct Node {
+    double lo[D]; // the tight box of the node's entries
+    double hi[D];
+    std::size_t first; // leaf: its first entry; branch: its first child node
+    std::size_t count; // leaf: its entries; branch: its children (stored one after the other)
+    bool leaf;
+    unsigned char axis;  // leaf: the axis its entries are sorted along
+    unsigned char level; // how many digits of the cell keys all its entries share
+  };
+
+  struct Best {
+    double squared; // best squared distance so far (the squared radius before the first hit)
+    Index index;
+    std::size_t entry; // where the best entry's point is, NoEntry for a starting entry
+    bool found;
+  };
+
+  // An entry on its way through the division: its cell key and where its data is.
+  struct Keyed {
+    std::uint64_t key;
+    std::size_t source;
+  };
+
+  static double squaredDistance(const point& a, const point& b) {
+    double s = 0.0;
+    for (int k = 0; k < D; ++k) {
+      const double d = a[k] - b[k];
+      s += d * d;
+    }
+    return s;
+  }
+  // Squared distance from q to the nearest point of the node's box. Never more than the
+  // distance to any entry in it, also in floating point: each axis term is computed from a
+  // coordinate at least as close as the entry's own.
+  static double boxDistance(const Node& n, const double* q) {
+    double s = 0.0;
+    for (int k = 0; k < D; ++k) {
+      const double d = larger(larger(n.lo[k] - q[k], q[k] - n.hi[k]), 0.0);
+      s += d * d;
+    }
+    return s;
+  }
+  // The larger of a and b without a branch: a mispredicted branch here costs more than the
+  // whole distance.
+  static double larger(double a, double b) {
+#if defined(__SSE2__)
+    return _mm_cvtsd_f64(_mm_max_sd(_mm_set_sd(a), _mm_set_sd(b)));
+#else
+    return a > b ? a : b;
+#endif
+  }
+  double entryDistance(std::size_t j, const double* q) const {
+    const double dx = x_[j] - q[0], dy = y_[j] - q[1];
+    if constexpr (D == 2)
+      return dx * dx + dy * dy;
+    const double dz = z_[j] - q[2];
+    return dx * dx + dy * dy + dz * dz;
+  }
+
+  // True once the division is built and holds at least one entry.
+  bool prepared() const {
+    if (!valid_)
+      return false;
+    if (!built_.load(std::memory_order_acquire)) {
+      std::lock_guard<std::mutex> lock(building_);
+      if (!built_.load(std::memory_order_relaxed)) {
+        build();
+        built_.store(true, std::memory_order_release);
+      }
+    }
+    return !nodes_.empty();
+  }
+
+  // Spreads the low 21 bits of v to every D-th bit position.
+  static std::uint64_t spread(std::uint64_t v) {
+    v &= 0x1fffff;
+    if constexpr (D == 3) {
+      v = (v | (v << 32)) & 0x1f00000000ffffULL;
+      v = (v | (v << 16)) & 0x1f0000ff0000ffULL;
+      v = (v | (v << 8)) & 0x100f00f00f00f00fULL;
+      v = (v | (v << 4)) & 0x10c30c30c30c30c3ULL;
+      v = (v | (v << 2)) & 0x1249249249249249ULL;
+    } else {
+      v = (v | (v << 16)) & 0x0000ffff0000ffffULL;
+      v = (v | (v << 8)) & 0x00ff00ff00ff00ffULL;
+      v = (v | (v << 4)) & 0x0f0f0f0f0f0f0f0fULL;
+      v = (v | (v << 2)) & 0x3333333333333333ULL;
+      v = (v | (v << 1)) & 0x5555555555555555ULL;
+    }
+    return v;
+  }
+
+  // Divides every entry (those of an earlier division and the new ones) into nodes.
+  void build() const {
+    std::vector<std::pair<point, Index>> entries;
+    entries.reserve(count_);
+    for (std::size_t j = 0; j < ids_.size(); ++j)
+      entries.emplace_back(point{x_[j], y_[j], z_[j]}, ids_[j]);
+    entries.insert(entries.end(), pending_.begin(), pending_.end());
+    pending_.clear();
+    pending_.shrink_to_fit();
+    const std::size_t n = entries.size();
+    nodes_.clear();
+    x_.resize(n);
+    y_.resize(n);
+    z_.resize(n);
+    ids_.resize(n);
+    if (n == 0)
+      return;
+
+    const double cells = double(std::uint64_t{1} << Levels);
+    const double scale = side_ > 0 ? cells / side_ : 0.0;
+    std::vector<Keyed> keyed(n), scratch(n);
+    axes_ = {x_.data(), y_.data(), z_.data()};
+    for (std::size_t i = 0; i < n; ++i) {
+      std::uint64_t key = 0;
+      for (int k = 0; k < D; ++k) {
+        const double c = std::clamp((entries[i].first[k] - origin_[k]) * scale, 0.0, cells - 1);
+        key |= spread(static_cast<std::uint64_t>(c)) << k;
+      }
+      keyed[i] = {key, i};
+    }
+    nodes_.reserve(2 * n / capacity_ + 1);
+    nodes_.push_back({});
+    divide(0, 0, n, 0, keyed, scratch, entries);
+    makeTable(keyed);
+  }
+
+  // The look-up table: cells one level above where most entries' leaves are, so that a search
+  // starts a level or two above the leaves. Each cell gets the node whose entries are exactly
+  // those of the cell, or the leaf that holds them, or none.
+  void makeTable(const std::vector<Keyed>& keyed) const {
+    std::array<std::size_t, Levels + 1> atLevel{};
+    for (const Node& node : nodes_)
+      if (node.leaf)
+        atLevel[node.level] += node.count;
+    int median = 0;
+    for (std::size_t below = 0; below + atLevel[median] <= keyed.size() / 2; ++median)
+      below += atLevel[median];
+    tableLevel_ = std::clamp(median - 1, 0, MaxTableBits / D);
+    table_.assign(std::size_t{1} << (D * tableLevel_), NoNode);
+    cellScale_ = side_ > 0 ? double(std::uint64_t{1} << tableLevel_) / side_ : 0.0;
+    for (int k = 0; k < D; ++k)
+      margin_[k] = 1e-9 * (std::abs(origin_[k]) + side_);
+    if (tableLevel_ > 0)
+      tabulate(nodes_[0], keyed);
+  }
+  void tabulate(const Node& node, const std::vector<Keyed>& keyed) const {
+    const int shift = (Levels - tableLevel_) * D;
+    const auto self = static_cast<std::uint32_t>(&node - nodes_.data());
+    if (node.level >= tableLevel_) {
+      const Node* first = &node;
+      while (!first->leaf)
+        first = &nodes_[first->first];
+      table_[keyed[first->first].key >> shift] = self;
+    } else if (node.leaf) {
+      for (std::size_t i = node.first; i < node.first + node.count; ++i)
+        table_[keyed[i].key >> shift] = self;
+    } else {
+      for (std::size_t c = node.first; c < node.first + node.count; ++c)
+        tabulate(nodes_[c], keyed);
+    }
+  }
+
+  // Calls visit(node) for nodes whose subtrees hold, between them, every entry within squared
+  // distance d2 of q, each entry once: the table entries of the cells that the ball's box
+  // touches (a leaf that spans several of them once), or the root when those are many. Cell
+  // bounds are widened by a margin far above the rounding of the keys.
+  template <class Visit>
+  void forStartNodes(const double* q, double d2, const Visit& visit) const {
+    if (tableLevel_ == 0)
+      return visit(nodes_[0]);
+    const double last = double((std::uint64_t{1} << tableLevel_) - 1);
+    const double reach = std::sqrt(d2);
+    std::array<std::uint64_t, D> lo{}, hi{};
+    std::size_t touched = 1;
+    for (int k = 0; k < D; ++k) {
+      const double u = (q[k] - origin_[k]) * cellScale_, du = (reach + margin_[k]) * cellScale_;
+      const double a = std::floor(u - du), b = std::floor(u + du);
+      if (!(a <= b)) // NaN
+        return visit(nodes_[0]);
+      lo[k] = static_cast<std::uint64_t>(std::clamp(a, 0.0, last));
+      hi[k] = static_cast<std::uint64_t>(std::clamp(b, 0.0, last));
+      touched *= hi[k] - lo[k] + 1;
+    }
+    if (touched == 1) { // the usual case
+      std::uint64_t key = 0;
+      for (int k = 0; k < D; ++k)
+        key |= spread(lo[k]) << k;
+      if (const std::uint32_t node = table_[key]; node != NoNode)
+        visit(nodes_[node]);
+      return;
+    }
+    if (touched > MaxStartCells)
+      return visit(nodes_[0]);
+    std::array<std::uint32_t, MaxStartCells> found;
+    std::size_t count = 0;
+    for (std::array<std::uint64_t, D> c = lo;;) {
+      std::uint64_t key = 0;
+      for (int k = 0; k < D; ++k)
+        key |= spread(c[k]) << k;
+      const std::uint32_t node = table_[key];
+      if (node != NoNode && std::find(found.begin(), found.begin() + count, node) ==
+                                found.begin() + static_cast<std::ptrdiff_t>(count))
+        found[count++] = node;
+      int k = 0;
+      while (k < D && c[k] == hi[k])
+        c[k] = lo[k], ++k;
+      if (k == D)
+        break;
+      ++c[k];
+    }
+    for (std::size_t j = 0; j < count; ++j)
+      visit(nodes_[found[j]]);
+  }
+
+  // Makes node `self` of the entries [b, e) of keyed, whose keys agree on the first `level`
+  // digits: a leaf when they fit or cannot be divided further, otherwise a branch whose children
+  // are the non-empty cells of the next digit that sets them apart. Counting sorts are stable,
+  // so entries of a leaf keep their insertion order.
+  void divide(std::size_t self, std::size_t b, std::size_t e, int level, std::vector<Keyed>& keyed,
+              std::vector<Keyed>& scratch,
+              const std::vector<std::pair<point, Index>>& entries) const {
+    constexpr int Cells = 1 << D;
+    std::array<std::size_t, Cells + 1> start{};
+    for (; e - b > capacity_ && level < Levels; ++level) {
+      const int shift = (Levels - 1 - level) * D;
+      start.fill(0);
+      for (std::size_t i = b; i < e; ++i)
+        ++start[((keyed[i].key >> shift) & (Cells - 1)) + 1];
+      if (std::find(start.begin(), start.end(), e - b) != start.end())
+        continue; // one cell holds them all: look at the next digit
+      for (int c = 0; c < Cells; ++c)
+        start[c + 1] += start[c];
+      std::array<std::size_t, Cells> next{};
+      std::copy(start.begin(), start.end() - 1, next.begin());
+      for (std::size_t i = b; i < e; ++i)
+        scratch[b + next[(keyed[i].key >> shift) & (Cells - 1)]++] = keyed[i];
+      std::copy(scratch.begin() + static_cast<std::ptrdiff_t>(b),
+                scratch.begin() + static_cast<std::ptrdiff_t>(e),
+                keyed.begin() + static_cast<std::ptrdiff_t>(b));
+
+      const std::size_t first = nodes_.size();
+      std::size_t children = 0;
+      for (int c = 0; c < Cells; ++c)
+        children += start[c + 1] > start[c] ? 1 : 0;
+      nodes_.resize(first + children);
+      std::size_t child = first;
+      for (int c = 0; c < Cells; ++c)
+        if (start[c + 1] > start[c])
+          divide(child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch, entries);
+      Node& node = nodes_[self];
+      node = nodes_[first];
+      for (std::size_t j = first + 1; j < first + children; ++j)
+        for (int k = 0; k < D; ++k) {
+          node.lo[k] = std::min(node.lo[k], nodes_[j].lo[k]);
+          node.hi[k] = std::max(node.hi[k], nodes_[j].hi[k]);
+        }
+      node.first = first;
+      node.count = children;
+      node.leaf = false;
+      node.level = static_cast<unsigned char>(level);
+      return;
+    }
+    Node& leaf = nodes_[self];
+    leaf.first = b;
+    leaf.count = e - b;
+    leaf.leaf = true;
+    leaf.level = static_cast<unsigned char>(level);
+    for (int k = 0; k < D; ++k) {
+      leaf.lo[k] = std::numeric_limits<double>::infinity();
+      leaf.hi[k] = -std::numeric_limits<double>::infinity();
+    }
+    for (std::size_t i = b; i < e; ++i)
+      for (int k = 0; k < D; ++k) {
+        leaf.lo[k] = std::min(leaf.lo[k], entries[keyed[i].source].first[k]);
+        leaf.hi[k] = std::max(leaf.hi[k], entries[keyed[i].source].first[k]);
+      }
+    // Entries sorted along the leaf's longest side: a scan starts at the query's coordinate and
+    // stops on each side where that coordinate alone is farther than the bound.
+    int axis = 0;
+    for (int k = 1; k < D; ++k)
+      if (leaf.hi[k] - leaf.lo[k] > leaf.hi[axis] - leaf.lo[axis])
+        axis = k;
+    leaf.axis = static_cast<unsigned char>(axis);
+    std::sort(keyed.begin() + static_cast<std::ptrdiff_t>(b),
+              keyed.begin() + static_cast<std::ptrdiff_t>(e), [&](const Keyed& u, const Keyed& v) {
+                const double a = entries[u.source].first[axis], c = entries[v.source].first[axis];
+                return a < c || (a == c && u.source < v.source);
+              });
+    for (std::size_t i = b; i < e; ++i) {
+      const auto& [p, index] = entries[keyed[i].source];
+      x_[i] = p.x;
+      y_[i] = p.y;
+      z_[i] = p.z;
+      ids_[i] = index;
+    }
+  }
+
+  // Calls visit(entry, squared distance) for the leaf's entries whose coordinate along the
+  // leaf's sort axis lies within sqrt(limit) of q's; visit may lower limit as it goes. An entry
+  // the scan skips is farther than limit: its squared distance is at least that axis term.
+  template <class Visit>
+  void scan(const Node& leaf, const double* q, const double& limit, const Visit& visit) const {
+    const double* c = axes_[leaf.axis];
+    const double qa = q[leaf.axis];
+    const std::size_t b = leaf.first, e = b + leaf.count;
+    // The first entry not below qa, by a binary search without branches.
+    const double* base = c + b;
+    for (std::size_t length = e - b; length > 1;) {
+      const std::size_t half = length / 2;
+      base += static_cast<std::size_t>(base[half - 1] < qa) * half;
+      length -= half;
+    }
+    const std::size_t middle = static_cast<std::size_t>(base - c) + (e > b && *base < qa ? 1 : 0);
+    for (std::size_t j = middle; j < e; ++j) {
+      const double t = c[j] - qa;
+      if (t * t > limit)
+        break;
+      visit(j, entryDistance(j, q));
+    }
+    for (std::size_t j = middle; j-- > b;) {
+      const double t = qa - c[j];
+      if (t * t > limit)
+        break;
+      visit(j, entryDistance(j, q));
+    }
+  }
+
+  void nearest(const Node& n, const double* q, Best& best) const {
+    if (n.leaf) {
+      // The bound in a local: stores to best could otherwise alias the coordinates.
+      double limit = best.squared;
+      scan(n, q, limit, [&](std::size_t j, double d2) {
+        if (d2 <= limit && (d2 < limit || !best.found || ids_[j] < best.index)) {
+          best = {d2, ids_[j], j, true};
+          limit = d2;
+        }
+      });
+      return;
+    }
+    // Children by the distance of their boxes, nearest first (insertion sort of at most 2^D).
+    double distance[1 << D];
+    const Node* order[1 << D];
+    int count = 0;
+    for (std::size_t c = n.first, e = n.first + n.count; c < e; ++c) {
+      const double d2 = boxDistance(nodes_[c], q);
+      if (d2 > best.squared)
+        continue;
+      int j = count++;
+      for (; j > 0 && distance[j - 1] > d2; --j) {
+        distance[j] = distance[j - 1];
+        order[j] = order[j - 1];
+      }
+      distance[j] = d2;
+      order[j] = &nodes_[c];
+    }
+    for (int j = 0; j < count && distance[j] <= best.squared; ++j)
+      nearest(*order[j], q, best);
+  }
+
+  // Calls found(entry, squared distance) for every entry within radius of q, in tree order.
+  template <class Found>
+  void within(const point& p, double radius, const Found& found) const {
+    if (!prepared())
+      return;
+    const double q[3] = {p.x, p.y, p.z};
+    const double r2 = radius * radius;
+    forStartNodes(q, r2, [&](const Node& from) {
+      walk(
+          from, [&](const Node& n) { return !(boxDistance(n, q) <= r2); },
+          [&](const Node& leaf) {
+            scan(leaf, q, r2, [&](std::size_t j, double d2) {
+              if (d2 <= r2)
+                found(j, d2);
+            });
+          });
+    });
+  }
+
+  // Depth-first over the nodes that pass `miss`, leaves to onLeaf.
+  template <class Miss, class OnLeaf>
+  void walk(const Node& n, const Miss& miss, const OnLeaf& onLeaf) const {
+    if (miss(n))
+      return;
+    if (n.leaf)
+      return onLeaf(n);
+    for (std::size_t c = n.first, e = n.first + n.count; c < e; ++c)
+      walk(nodes_[c], miss, onLeaf);
+  }
+
   BoundingBox box_;
-  std::unique_ptr<Tree> tree_;
+  bool valid_ = false;
+  unsigned capacity_;
+  double side_ = 0.0;              // side of the cube that the cells divide
+  std::array<double, 3> origin_{}; // its minimum corner
+  std::size_t count_ = 0;
+
+  // Insertions not yet divided, then the division: nodes (the root first) and the entries in
+  // leaf order, coordinates one array per axis.
+  mutable std::vector<std::pair<point, Index>> pending_;
+  mutable std::vector<Node> nodes_;
+  mutable std::vector<double> x_, y_, z_;
+  mutable std::vector<Index> ids_;
+  mutable std::array<const double*, 3> axes_{}; // x_, y_ and z_ by axis number
+  // Cells of a fixed level (2^(D * tableLevel_) of them, by Morton key) and the node to start
+  // a search from when the searched ball lies inside one.
+  mutable int tableLevel_ = 0;
+  mutable std::vector<std::uint32_t> table_;
+  mutable double cellScale_ = 0.0;         // table cells per unit of length
+  mutable std::array<double, D> margin_{}; // widening of the cell bounds per axis
+  mutable std::atomic<bool> built_{true};
+  mutable std::mutex building_;
 };
 
 template <class Index>

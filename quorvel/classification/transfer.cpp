@@ -39,6 +39,15 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   // Points in spatial order: each result depends on its own point only, and neighbouring queries
   // reuse the same leaves.
   const bool ordered = order.size() == xyz->size();
+  // The previous answer is a near candidate for the next point in spatial order: starting from it
+  // the search only visits the few boxes closer than it.
+  typename Tree::Neighbour last;
+  bool known = false;
+  // Copied classes are gathered after the search, (target, source) index pairs: reading a source
+  // class right after each search would wait on memory every time.
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> copies;
+  if (!box.hasAssignment)
+    copies.reserve(xyz->size());
   constexpr std::size_t Ahead = 16; // points whose data is fetched while earlier ones are searched
   for (std::size_t k = 0, n = xyz->size(); k < n; ++k) {
     const std::size_t i = ordered ? order[k] : k;
@@ -52,14 +61,18 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
     const point q = shift ? (*xyz)[i] - box.offset : (*xyz)[i];
     if (!pass.reach.inside(q, planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed))
       continue;
-    unsigned nearest = 0;
-    double squared = 0.0;
-    if (!tree.findNearest(q, box.radius, nearest, squared))
+    if (!tree.findNearest(q, box.radius, last, known))
       continue;
+    known = true;
     if (box.hasAssignment)
-      bandClass(box.assignment, squared, c);
+      bandClass(box.assignment, last.squared, c);
     else
-      c = pass.classes[nearest];
+      copies.emplace_back(static_cast<std::uint32_t>(i), last.index);
+  }
+  for (std::size_t j = 0; j < copies.size(); ++j) {
+    if (j + Ahead < copies.size())
+      __builtin_prefetch(&pass.classes[copies[j + Ahead].second]);
+    (*cls)[copies[j].first] = pass.classes[copies[j].second];
   }
   underCriticalSection([&] { creator->touch(); });
 }
@@ -147,16 +160,9 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
     box.classReference = cls;
 
     withTree(box.dimension, sourceBox, [&](const auto& tree) {
-      // Inserting in spatial order fills one leaf after the other; the tree's shape and every
-      // answer are the same as in index order.
-      const auto order = spatialOrder(xyz->view(), *sourceBox);
-      for (std::size_t k = 0; k < order.size(); ++k) {
-        if (k + 16 < order.size())
-          __builtin_prefetch(&(*xyz)[order[k + 16]]);
-        const std::uint32_t i = order[k];
+      for (std::size_t i = 0; i < xyz->size(); ++i)
         if (passes(box.source, (*cls)[i]))
-          tree->insert((*xyz)[i], i);
-      }
+          tree->insert((*xyz)[i], static_cast<unsigned>(i));
       if (tree->size() == 0)
         return;
       BoundingBox reachable = *sourceBox;

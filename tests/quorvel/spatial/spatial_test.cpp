@@ -308,6 +308,139 @@ TEST(OcTreeStd, ConcurrentQueriesAgreeWithSerialOnes) {
   EXPECT_EQ(serial, parallel);
 }
 
+template <class C>
+class FrameworkTreeOracle : public testing::Test {};
+TYPED_TEST_SUITE(FrameworkTreeOracle, Configs);
+
+// A flat airborne-like strip, clusters with duplicates, and integer points on the cell planes.
+std::vector<point> frameworkCloud(int kind, std::size_t n, unsigned seed) {
+  if (kind < 2)
+    return makeCloud(kind == 1, n, seed);
+  std::mt19937 random(seed);
+  std::vector<point> out(n);
+  for (auto& p : out)
+    p = {double(random() % 65), double(random() % 65), double(random() % 3)};
+  return out;
+}
+
+// Every query of the framework trees against brute force, with small buckets so that the tree
+// is deep and searches start from its cell table; points are queried in a walk so that the
+// previous answer is a near start, and more points are added after the first queries.
+TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
+  using Index = typename TypeParam::Index;
+  constexpr int D = TypeParam::D;
+  using Tree = Vantor::BucketTree<Index, D>;
+  for (int kind : {0, 1, 2}) {
+    auto xyz = frameworkCloud(kind, 6000, 5 + kind);
+    auto bbox = std::make_shared<Vantor::BoundingBox>();
+    for (const point& p : xyz)
+      bbox->expand(p);
+    Tree tree(bbox, 4);
+    const std::size_t firstPart = 4000;
+    for (std::size_t i = 0; i < firstPart; ++i)
+      ASSERT_TRUE(tree.insert(xyz[i], static_cast<Index>(i)));
+
+    std::mt19937 random(9);
+    std::uniform_real_distribution<double> pick(0.0, 1.0);
+    typename Tree::Neighbour last;
+    bool known = false;
+    for (std::size_t stored : {firstPart, xyz.size()}) {
+      if (stored == xyz.size()) {
+        for (std::size_t i = firstPart; i < xyz.size(); ++i)
+          ASSERT_TRUE(tree.insert(xyz[i], static_cast<Index>(i)));
+      }
+      ASSERT_EQ(tree.size(), stored);
+      point q = xyz[0];
+      for (int query = 0; query < 300; ++query) {
+        // Mostly small steps, sometimes a jump to a stored point, sometimes exactly onto one.
+        const int move = query % 10;
+        if (move == 0)
+          q = xyz[random() % stored];
+        else
+          for (int k = 0; k < 3; ++k)
+            q[k] += move == 5 ? 0.0 : (pick(random) - 0.5) * (kind == 2 ? 2.0 : 0.6);
+        const double r = query % 7 == 0 ? 8.0 : 0.3 + 2.0 * pick(random);
+
+        std::vector<std::pair<double, Index>> expected;
+        for (std::size_t i = 0; i < stored; ++i)
+          if (const double d2 = squared<D>(xyz[i], q); d2 <= r * r)
+            expected.emplace_back(d2, static_cast<Index>(i));
+        std::sort(expected.begin(), expected.end());
+
+        std::multimap<double, Index> ordered;
+        tree.getRange(q, r, ordered);
+        using Entries = std::vector<std::pair<double, Index>>;
+        EXPECT_EQ(Entries(ordered.begin(), ordered.end()), expected);
+        std::vector<Index> found;
+        tree.getRange(q, r, found);
+        std::sort(found.begin(), found.end());
+        std::vector<Index> expectedIndices;
+        for (const auto& entry : expected)
+          expectedIndices.push_back(entry.second);
+        std::sort(expectedIndices.begin(), expectedIndices.end());
+        EXPECT_EQ(found, expectedIndices); // each once
+
+        Index nearest{};
+        double nearestSquared = -1;
+        const bool any = tree.findNearest(q, r, nearest, nearestSquared);
+        ASSERT_EQ(any, !expected.empty());
+        const bool started = tree.findNearest(q, r, last, known);
+        ASSERT_EQ(started, any);
+        if (any) {
+          EXPECT_EQ(std::make_pair(nearestSquared, nearest), expected.front());
+          EXPECT_EQ(std::make_pair(last.squared, last.index), expected.front());
+          EXPECT_EQ(last.position, xyz[last.index]);
+          known = true;
+        }
+
+        point lo = q, hi = q;
+        for (int k = 0; k < 3; ++k) {
+          lo[k] -= r * pick(random);
+          hi[k] += r * pick(random);
+        }
+        std::vector<Index> inBox;
+        for (std::size_t i = 0; i < stored; ++i) {
+          bool in = true;
+          for (int k = 0; k < D; ++k)
+            in = in && lo[k] <= xyz[i][k] && xyz[i][k] <= hi[k];
+          if (in)
+            inBox.push_back(static_cast<Index>(i));
+        }
+        found.clear();
+        tree.getRectangle(lo, hi, found);
+        std::sort(found.begin(), found.end());
+        EXPECT_EQ(found, inBox);
+      }
+    }
+  }
+}
+
+// The first queries after the insertions build the tree's division; when they come from many
+// threads at once, one builds it and all answer as a single thread would.
+TEST(FrameworkTrees, FirstQueriesFromManyThreadsAgree) {
+  const auto xyz = makeCloud(true, 20000, 4);
+  auto bbox = std::make_shared<Vantor::BoundingBox>();
+  for (const point& p : xyz)
+    bbox->expand(p);
+  auto fill = [&](Vantor::OcTree<unsigned>& tree) {
+    for (unsigned i = 0; i < xyz.size(); ++i)
+      tree.insert(xyz[i], i);
+  };
+  Vantor::OcTree<unsigned> serialTree(bbox, 8), parallelTree(bbox, 8);
+  fill(serialTree);
+  fill(parallelTree);
+  std::vector<unsigned> serial(xyz.size()), parallel(xyz.size());
+  double squaredDistance = 0;
+  for (std::size_t i = 0; i < xyz.size(); ++i)
+    serialTree.findNearest(xyz[i], 1.0, serial[i], squaredDistance);
+#pragma omp parallel for num_threads(4) schedule(dynamic, 16)
+  for (long long i = 0; i < static_cast<long long>(xyz.size()); ++i) {
+    double d2 = 0;
+    parallelTree.findNearest(xyz[i], 1.0, parallel[i], d2);
+  }
+  EXPECT_EQ(serial, parallel);
+}
+
 TEST(FrameworkTrees, OcTreeAndQuadTreeOverABoundingBox) {
   auto box = std::make_shared<Vantor::BoundingBox>(point{0, 0, 0}, point{10, 10, 10});
   Vantor::OcTree<unsigned> octree(box, 64);
