@@ -22,7 +22,7 @@ struct SourcePass {
 // Transfers onto one target fragment from the tree of one source fragment.
 template <class Tree>
 void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& positions,
-                  const std::vector<std::uint32_t>& order, Field& targetClasses) {
+                  Field& targetClasses) {
   auto creator = targetClasses.getCreator(positions.id);
   if (!creator)
     return pass.log.report("ERROR: no cab_target");
@@ -36,39 +36,34 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   const auto& box = pass.box;
   const bool shift = offsetApplies(box.offset);
   const bool planar = box.dimension == 2;
-  // Points in spatial order: each result depends on its own point only, and neighbouring queries
-  // reuse the same leaves.
-  const bool ordered = order.size() == xyz->size();
-  // The previous answer is a near candidate for the next point in spatial order: starting from it
-  // the search only visits the few boxes closer than it.
-  typename Tree::Neighbour last;
-  bool known = false;
-  // Copied classes are gathered after the search, (target, source) index pairs: reading a source
-  // class right after each search would wait on memory every time.
-  std::vector<std::pair<std::uint32_t, std::uint32_t>> copies;
-  if (!box.hasAssignment)
-    copies.reserve(xyz->size());
-  constexpr std::size_t Ahead = 16; // points whose data is fetched while earlier ones are searched
-  for (std::size_t k = 0, n = xyz->size(); k < n; ++k) {
-    const std::size_t i = ordered ? order[k] : k;
-    if (ordered && k + Ahead < n) {
-      __builtin_prefetch(&(*xyz)[order[k + Ahead]]);
-      __builtin_prefetch(&(*cls)[order[k + Ahead]]);
-    }
-    unsigned char& c = (*cls)[i];
-    if (!passes(box.target, c))
+  // The points that ask, then the tree answers them all in its own order.
+  std::vector<std::uint32_t> asking;
+  std::vector<point> at;
+  asking.reserve(xyz->size());
+  at.reserve(xyz->size());
+  for (std::size_t i = 0; i < xyz->size(); ++i) {
+    if (!passes(box.target, (*cls)[i]))
       continue;
     const point q = shift ? (*xyz)[i] - box.offset : (*xyz)[i];
     if (!pass.reach.inside(q, planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed))
       continue;
-    if (!tree.findNearest(q, box.radius, last, known))
-      continue;
-    known = true;
-    if (box.hasAssignment)
-      bandClass(box.assignment, last.squared, c);
-    else
-      copies.emplace_back(static_cast<std::uint32_t>(i), last.index);
+    asking.push_back(static_cast<std::uint32_t>(i));
+    at.push_back(q);
   }
+  // Copied classes are gathered after the search, (target, source) index pairs: reading a source
+  // class at each answer would wait on memory every time.
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> copies;
+  if (!box.hasAssignment)
+    copies.reserve(asking.size());
+  tree.findNearestEach(
+      asking.size(), [&](std::size_t k) { return at[k]; }, box.radius,
+      [&](std::size_t k, const typename Tree::Neighbour& found) {
+        if (box.hasAssignment)
+          bandClass(box.assignment, found.squared, (*cls)[asking[k]]);
+        else
+          copies.emplace_back(asking[k], found.index);
+      });
+  constexpr std::size_t Ahead = 16; // copies whose source class is fetched ahead
   for (std::size_t j = 0; j < copies.size(); ++j) {
     if (j + Ahead < copies.size())
       __builtin_prefetch(&pass.classes[copies[j + Ahead].second]);
@@ -111,7 +106,6 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
   // the radius, so that each source fragment only visits the target fragments it can reach.
   std::vector<BoundingBox> reach;
   std::vector<FragmentSlot> targets;
-  std::vector<std::vector<std::uint32_t>> orders;
   targetPositions->iterate(
       [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
         const FragmentSlot slot{id, creator};
@@ -129,8 +123,6 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
         const Vantor::PhysicalSpace::vector widen(box.radius, box.radius, box.radius);
         reach.emplace_back(bbox->min() - widen, bbox->max() + widen);
         targets.push_back(slot);
-        const auto xyz = fragmentArray<point>(*targetPositions, slot);
-        orders.push_back(xyz ? spatialOrder(xyz->view(), *bbox) : std::vector<std::uint32_t>{});
         return true;
       });
   Basalt::Console() << "bboxes: " << reach.size() << " vs. " << targetClasses->nFragments();
@@ -173,7 +165,7 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
                             BoundingBox(sourceBox->min() - widen, sourceBox->max() + widen), log};
       forEachFragment(targets.size(), box.threads, log, [&](std::size_t t) {
         if (reach[t].inside(reachable, BoundingBox::Intersects))
-          transferOnto(*tree, pass, targets[t], orders[t], *targetClasses);
+          transferOnto(*tree, pass, targets[t], *targetClasses);
       });
     });
     return true;

@@ -345,6 +345,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
     typename Tree::Neighbour last;
     bool known = false;
     for (std::size_t stored : {firstPart, xyz.size()}) {
+      std::vector<point> asked;
       if (stored == xyz.size()) {
         for (std::size_t i = firstPart; i < xyz.size(); ++i)
           ASSERT_TRUE(tree.insert(xyz[i], static_cast<Index>(i)));
@@ -410,6 +411,32 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
         tree.getRectangle(lo, hi, found);
         std::sort(found.begin(), found.end());
         EXPECT_EQ(found, inBox);
+        asked.push_back(q);
+      }
+
+      // Many questions at once, also from outside the box, from points on a stored point and
+      // between duplicates, and a NaN: the same answers as one by one.
+      for (std::size_t i = 0; i < stored; i += 5)
+        asked.push_back(xyz[i]);
+      asked.push_back({bbox->min().x - 0.2, bbox->min().y, bbox->max().z + 0.1});
+      asked.push_back({std::nan(""), bbox->min().y, 0.0});
+      for (const double r : {0.25, 1.5}) {
+        std::vector<std::pair<double, Index>> answers(asked.size(), {-1.0, Index{}});
+        tree.findNearestEach(
+            asked.size(), [&](std::size_t k) { return asked[k]; }, r,
+            [&](std::size_t k, const typename Tree::Neighbour& found) {
+              EXPECT_EQ(answers[k].first, -1.0); // one answer per question
+              EXPECT_EQ(found.position, xyz[found.index]);
+              answers[k] = {found.squared, found.index};
+            });
+        for (std::size_t k = 0; k < asked.size(); ++k) {
+          std::pair<double, Index> expected{-1.0, Index{}};
+          for (std::size_t i = 0; i < stored; ++i)
+            if (const double d2 = squared<D>(xyz[i], asked[k]); d2 <= r * r)
+              if (expected.first < 0 || std::make_pair(d2, Index(i)) < expected)
+                expected = {d2, static_cast<Index>(i)};
+          EXPECT_EQ(answers[k], expected) << "question " << k << " radius " << r;
+        }
       }
     }
   }
