@@ -229,7 +229,6 @@ private:
     std::size_t first; // leaf: its first entry; branch: its first child node
     std::size_t count; // leaf: its entries; branch: its children (stored one after the other)
     bool leaf;
-    unsigned char axis;  // leaf: the axis its entries are sorted along
     unsigned char level; // how many digits of the cell keys all its entries share
   };
 
@@ -398,7 +397,6 @@ private:
       return;
 
     std::vector<Keyed> keyed(n), scratch(n);
-    axes_ = {x_.data(), y_.data(), z_.data()};
     for (std::size_t i = 0; i < n; ++i) {
       const point& p = entries[i].first;
       const double c[3] = {p.x, p.y, p.z};
@@ -579,18 +577,16 @@ private:
         leaf.lo[k] = std::min(leaf.lo[k], entries[keyed[i].source].first[k]);
         leaf.hi[k] = std::max(leaf.hi[k], entries[keyed[i].source].first[k]);
       }
-    // Entries sorted along the leaf's longest side: a scan starts at the query's coordinate and
-    // stops on each side where that coordinate alone is farther than the bound.
-    int axis = 0;
-    for (int k = 1; k < D; ++k)
-      if (leaf.hi[k] - leaf.lo[k] > leaf.hi[axis] - leaf.lo[axis])
-        axis = k;
-    leaf.axis = static_cast<unsigned char>(axis);
-    std::sort(keyed.begin() + static_cast<std::ptrdiff_t>(b),
-              keyed.begin() + static_cast<std::ptrdiff_t>(e), [&](const Keyed& u, const Keyed& v) {
-                const double a = entries[u.source].first[axis], c = entries[v.source].first[axis];
-                return a < c || (a == c && u.source < v.source);
-              });
+    // Entries by index (they mostly are already, in insertion order): the first of equally near
+    // entries is then the one with the smallest index.
+    const auto byIndex = [&](const Keyed& u, const Keyed& v) {
+      const Index &a = entries[u.source].second, &c = entries[v.source].second;
+      return a < c || (!(c < a) && u.source < v.source);
+    };
+    const auto from = keyed.begin() + static_cast<std::ptrdiff_t>(b);
+    const auto to = keyed.begin() + static_cast<std::ptrdiff_t>(e);
+    if (!std::is_sorted(from, to, byIndex))
+      std::sort(from, to, byIndex);
     for (std::size_t i = b; i < e; ++i) {
       const auto& [p, index] = entries[keyed[i].source];
       x_[i] = p.x;
@@ -600,86 +596,58 @@ private:
     }
   }
 
-  // Calls visit(entry, squared distance) for the leaf's entries whose coordinate along the
-  // leaf's sort axis lies within sqrt(limit) of q's; visit may lower limit as it goes. An entry
-  // the scan skips is farther than limit: its squared distance is at least that axis term.
-  template <class Visit>
-  void scan(const Node& leaf, const double* q, const double& limit, const Visit& visit) const {
-    const double* c = axes_[leaf.axis];
-    const double qa = q[leaf.axis];
-    const std::size_t b = leaf.first, e = b + leaf.count;
-    // The first entry not below qa, by a binary search without branches.
-    const double* base = c + b;
-    for (std::size_t length = e - b; length > 1;) {
-      const std::size_t half = length / 2;
-      base += static_cast<std::size_t>(base[half - 1] < qa) * half;
-      length -= half;
-    }
-    const std::size_t middle = static_cast<std::size_t>(base - c) + (e > b && *base < qa ? 1 : 0);
-    for (std::size_t j = middle; j < e; ++j) {
-      const double t = c[j] - qa;
-      if (t * t > limit)
-        break;
-      visit(j, entryDistance(j, q));
-    }
-    for (std::size_t j = middle; j-- > b;) {
-      const double t = qa - c[j];
-      if (t * t > limit)
-        break;
-      visit(j, entryDistance(j, q));
-    }
-  }
-
-  // The leaf's entries by blocks: all squared distances of a block first, with no branch, then
-  // the entries at the block's least distance if that reaches the bound. A scan that stops
-  // early costs more in mispredicted branches than it saves.
+  // The nearest of the leaf's entries, two at a time and without a branch: per lane the least
+  // distance and where it first occurs. Entries are in index order, so of equally near ones
+  // the first has the smallest index. A NaN distance never counts.
   void nearestInLeaf(const Node& leaf, const double* q, Best& best) const {
-    constexpr std::size_t Block = 64;
-    double d2[Block];
-    for (std::size_t b = leaf.first, e = leaf.first + leaf.count; b < e; b += Block) {
-      const std::size_t n = std::min(Block, e - b);
-      const double least = distances(b, n, q, d2);
-      if (!(least <= best.squared))
-        continue;
-      std::size_t at = n;
-      for (std::size_t j = 0; j < n; ++j)
-        if (d2[j] == least && (at == n || ids_[b + j] < ids_[b + at]))
-          at = j;
-      if (least < best.squared || !best.found || ids_[b + at] < best.index)
-        best = {least, ids_[b + at], b + at, true};
-    }
-  }
-  // Squared distances of entries b .. b + n - 1 to q into d2, and the least of them (NaN ones
-  // are passed over). The same arithmetic as entryDistance, two entries at a time.
-  double distances(std::size_t b, std::size_t n, const double* q, double* d2) const {
-    std::size_t j = 0;
+    const std::size_t b = leaf.first, n = leaf.count;
+    std::size_t j = 0, at = 0;
     double least = std::numeric_limits<double>::infinity();
 #if defined(__SSE2__)
-    const __m128d qx = _mm_set1_pd(q[0]), qy = _mm_set1_pd(q[1]), qz = _mm_set1_pd(q[2]);
-    __m128d low = _mm_set1_pd(least);
-    for (; j + 2 <= n; j += 2) {
-      const __m128d dx = _mm_sub_pd(_mm_loadu_pd(&x_[b + j]), qx);
-      const __m128d dy = _mm_sub_pd(_mm_loadu_pd(&y_[b + j]), qy);
-      __m128d d = _mm_add_pd(_mm_mul_pd(dx, dx), _mm_mul_pd(dy, dy));
-      if constexpr (D == 3) {
-        const __m128d dz = _mm_sub_pd(_mm_loadu_pd(&z_[b + j]), qz);
-        d = _mm_add_pd(d, _mm_mul_pd(dz, dz));
+    if (n >= 2) {
+      const __m128d qx = _mm_set1_pd(q[0]), qy = _mm_set1_pd(q[1]), qz = _mm_set1_pd(q[2]);
+      const __m128d two = _mm_set1_pd(2.0);
+      __m128d low = _mm_set1_pd(least), where = _mm_setzero_pd(), position = _mm_set_pd(1.0, 0.0);
+      for (; j + 2 <= n; j += 2) {
+        const __m128d d = pairDistance(b + j, qx, qy, qz);
+        const __m128d nearer = _mm_cmplt_pd(d, low);
+        low = _mm_min_pd(d, low);
+        where = _mm_or_pd(_mm_and_pd(nearer, position), _mm_andnot_pd(nearer, where));
+        position = _mm_add_pd(position, two);
       }
-      _mm_storeu_pd(d2 + j, d);
-      low = _mm_min_pd(d, low); // a NaN distance keeps low
+      const double low0 = _mm_cvtsd_f64(low), low1 = _mm_cvtsd_f64(_mm_unpackhi_pd(low, low));
+      const double at0 = _mm_cvtsd_f64(where), at1 = _mm_cvtsd_f64(_mm_unpackhi_pd(where, where));
+      const bool second = low1 < low0 || (low1 == low0 && at1 < at0);
+      least = second ? low1 : low0;
+      at = static_cast<std::size_t>(second ? at1 : at0);
     }
-    least = smaller(_mm_cvtsd_f64(low), _mm_cvtsd_f64(_mm_unpackhi_pd(low, low)));
 #endif
     for (; j < n; ++j) {
-      d2[j] = entryDistance(b + j, q);
-      least = smaller(d2[j], least);
+      const double d2 = entryDistance(b + j, q);
+      if (d2 < least)
+        least = d2, at = j;
     }
-    return least;
+    // (With no entry nearer than infinity, `at` is no entry's place: its distance tells.)
+    if ((least < best.squared ||
+         (least == best.squared && (!best.found || ids_[b + at] < best.index))) &&
+        (least < std::numeric_limits<double>::infinity() || entryDistance(b + at, q) == least))
+      best = {least, ids_[b + at], b + at, true};
   }
-  // a when it is less than b, otherwise b (so a NaN a is passed over).
-  static double smaller(double a, double b) {
-    return a < b ? a : b;
+#if defined(__SSE2__)
+  // The squared distances of entries j and j + 1: the arithmetic of entryDistance.
+  __m128d pairDistance(std::size_t j, __m128d qx, __m128d qy, __m128d qz) const {
+    const __m128d dx = _mm_sub_pd(_mm_loadu_pd(&x_[j]), qx);
+    const __m128d dy = _mm_sub_pd(_mm_loadu_pd(&y_[j]), qy);
+    __m128d d = _mm_add_pd(_mm_mul_pd(dx, dx), _mm_mul_pd(dy, dy));
+    if constexpr (D == 3) {
+      const __m128d dz = _mm_sub_pd(_mm_loadu_pd(&z_[j]), qz);
+      d = _mm_add_pd(d, _mm_mul_pd(dz, dz));
+    } else {
+      (void)qz;
+    }
+    return d;
   }
+#endif
 
   void nearest(const Node& n, const double* q, Best& best, const Node* searched) const {
     if (n.leaf) {
@@ -718,10 +686,9 @@ private:
       walk(
           from, [&](const Node& n) { return !(boxDistance(n, q) <= r2); },
           [&](const Node& leaf) {
-            scan(leaf, q, r2, [&](std::size_t j, double d2) {
-              if (d2 <= r2)
+            for (std::size_t j = leaf.first; j < leaf.first + leaf.count; ++j)
+              if (const double d2 = entryDistance(j, q); d2 <= r2)
                 found(j, d2);
-            });
           });
     });
   }
@@ -752,7 +719,6 @@ private:
   mutable std::vector<Node> nodes_;
   mutable std::vector<double> x_, y_, z_;
   mutable std::vector<Index> ids_;
-  mutable std::array<const double*, 3> axes_{}; // x_, y_ and z_ by axis number
   // Cells of a fixed level (2^(D * tableLevel_) of them, by Morton key) and the node to start
   // a search from when the searched ball lies inside one.
   mutable int tableLevel_ = 0;

@@ -4,6 +4,8 @@
 
 #include "tressel/DataRange.hpp"
 
+#include <limits>
+
 namespace Quorvel {
 
 using Tressel::arrayCast;
@@ -50,24 +52,30 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
     asking.push_back(static_cast<std::uint32_t>(i));
     at.push_back(q);
   }
-  // Copied classes are gathered after the search, (target, source) index pairs: reading a source
-  // class at each answer would wait on memory every time.
-  std::vector<std::pair<std::uint32_t, std::uint32_t>> copies;
-  if (!box.hasAssignment)
-    copies.reserve(asking.size());
+  // Answers are stored by question and applied afterwards in question order: the tree answers
+  // in its own order, and reading anything per answer would wait on memory every time.
+  constexpr std::uint32_t None = std::numeric_limits<std::uint32_t>::max();
+  std::vector<std::uint32_t> nearest(asking.size(), None);
+  std::vector<double> squared(box.hasAssignment ? asking.size() : 0);
   tree.findNearestEach(
       asking.size(), [&](std::size_t k) { return at[k]; }, box.radius,
       [&](std::size_t k, const typename Tree::Neighbour& found) {
+        nearest[k] = found.index;
         if (box.hasAssignment)
-          bandClass(box.assignment, found.squared, (*cls)[asking[k]]);
-        else
-          copies.emplace_back(asking[k], found.index);
+          squared[k] = found.squared;
       });
-  constexpr std::size_t Ahead = 16; // copies whose source class is fetched ahead
-  for (std::size_t j = 0; j < copies.size(); ++j) {
-    if (j + Ahead < copies.size())
-      __builtin_prefetch(&pass.classes[copies[j + Ahead].second]);
-    (*cls)[copies[j].first] = pass.classes[copies[j].second];
+  constexpr std::size_t Ahead = 16; // answers whose source class is fetched ahead
+  for (std::size_t k = 0; k < asking.size(); ++k) {
+    if (nearest[k] == None)
+      continue;
+    unsigned char& c = (*cls)[asking[k]];
+    if (box.hasAssignment) {
+      bandClass(box.assignment, squared[k], c);
+      continue;
+    }
+    if (k + Ahead < asking.size() && nearest[k + Ahead] != None)
+      __builtin_prefetch(&pass.classes[nearest[k + Ahead]]);
+    c = pass.classes[nearest[k]];
   }
   underCriticalSection([&] { creator->touch(); });
 }
