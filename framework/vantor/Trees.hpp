@@ -405,7 +405,8 @@ private:
     leafCells_.clear();
     nodes_.reserve(2 * n / capacity_ + 1);
     nodes_.push_back({});
-    divide(0, 0, n, 0, keyed, scratch, entries);
+    divide(0, 0, n, 0, keyed, scratch);
+    place(keyed, entries);
     makeTable(keyed);
   }
 
@@ -501,8 +502,7 @@ private:
   // are the non-empty cells of the next digit that sets them apart. Counting sorts are stable,
   // so entries of a leaf keep their insertion order.
   void divide(std::size_t self, std::size_t b, std::size_t e, int level, std::vector<Keyed>& keyed,
-              std::vector<Keyed>& scratch,
-              const std::vector<std::pair<point, Index>>& entries) const {
+              std::vector<Keyed>& scratch) const {
     constexpr int Cells = 1 << D;
     std::array<std::size_t, Cells + 1> start{};
     for (; e - b > capacity_ && level < Levels; ++level) {
@@ -530,14 +530,8 @@ private:
       std::size_t child = first;
       for (int c = 0; c < Cells; ++c)
         if (start[c + 1] > start[c])
-          divide(child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch, entries);
+          divide(child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch);
       Node& node = nodes_[self];
-      node = nodes_[first];
-      for (std::size_t j = first + 1; j < first + children; ++j)
-        for (int k = 0; k < D; ++k) {
-          node.lo[k] = std::min(node.lo[k], nodes_[j].lo[k]);
-          node.hi[k] = std::max(node.hi[k], nodes_[j].hi[k]);
-        }
       node.first = first;
       node.count = children;
       node.leaf = false;
@@ -549,51 +543,91 @@ private:
     leaf.count = e - b;
     leaf.leaf = true;
     leaf.level = static_cast<unsigned char>(level);
-    {
-      // Its cell: the keys sharing the first `level` digits with its entries', and the box of
-      // that cell narrowed by the margin of key rounding.
-      const int shift = (Levels - level) * D;
-      LeafCell cell{};
-      cell.first = (keyed[b].key >> shift) << shift;
-      cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
-      const point& p = entries[keyed[b].source].first;
-      const double c[3] = {p.x, p.y, p.z};
-      const auto finest = finestCell(c);
-      const double width = side_ / double(std::uint64_t{1} << level);
-      for (int k = 0; k < D; ++k) {
-        const double lo = origin_[k] + double(finest[k] >> (Levels - level)) * width;
-        cell.lo[k] = lo + margin_[k];
-        cell.hi[k] = lo + width - margin_[k];
-      }
-      cell.node = static_cast<std::uint32_t>(self);
-      leafCells_.push_back(cell);
-    }
-    for (int k = 0; k < D; ++k) {
-      leaf.lo[k] = std::numeric_limits<double>::infinity();
-      leaf.hi[k] = -std::numeric_limits<double>::infinity();
-    }
-    for (std::size_t i = b; i < e; ++i)
-      for (int k = 0; k < D; ++k) {
-        leaf.lo[k] = std::min(leaf.lo[k], entries[keyed[i].source].first[k]);
-        leaf.hi[k] = std::max(leaf.hi[k], entries[keyed[i].source].first[k]);
-      }
-    // Entries by index (they mostly are already, in insertion order): the first of equally near
-    // entries is then the one with the smallest index.
-    const auto byIndex = [&](const Keyed& u, const Keyed& v) {
-      const Index &a = entries[u.source].second, &c = entries[v.source].second;
-      return a < c || (!(c < a) && u.source < v.source);
-    };
-    const auto from = keyed.begin() + static_cast<std::ptrdiff_t>(b);
-    const auto to = keyed.begin() + static_cast<std::ptrdiff_t>(e);
-    if (!std::is_sorted(from, to, byIndex))
-      std::sort(from, to, byIndex);
-    for (std::size_t i = b; i < e; ++i) {
+    // Its cell: the keys sharing the first `level` digits with its entries'.
+    const int shift = (Levels - level) * D;
+    LeafCell cell{};
+    cell.first = (keyed[b].key >> shift) << shift;
+    cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
+    cell.node = static_cast<std::uint32_t>(self);
+    leafCells_.push_back(cell);
+  }
+
+  // Fills the entries in leaf order from `keyed` (their data fetched ahead), puts each leaf's
+  // entries in index order, and sets the boxes: of each leaf's cell, narrowed by the margin of
+  // key rounding, and the tight boxes of all nodes.
+  void place(const std::vector<Keyed>& keyed,
+             const std::vector<std::pair<point, Index>>& entries) const {
+    constexpr std::size_t Ahead = 16;
+    for (std::size_t i = 0, n = keyed.size(); i < n; ++i) {
+      if (i + Ahead < n)
+        __builtin_prefetch(&entries[keyed[i + Ahead].source]);
       const auto& [p, index] = entries[keyed[i].source];
       x_[i] = p.x;
       y_[i] = p.y;
       z_[i] = p.z;
       ids_[i] = index;
     }
+    std::vector<std::size_t> order;
+    for (LeafCell& cell : leafCells_) {
+      Node& leaf = nodes_[cell.node];
+      const std::size_t b = leaf.first, e = b + leaf.count;
+      // Of equally near entries, the first is then the one with the smallest index.
+      if (!std::is_sorted(ids_.begin() + static_cast<std::ptrdiff_t>(b),
+                          ids_.begin() + static_cast<std::ptrdiff_t>(e)))
+        sortByIndex(b, e, order);
+      for (int k = 0; k < D; ++k) {
+        leaf.lo[k] = std::numeric_limits<double>::infinity();
+        leaf.hi[k] = -std::numeric_limits<double>::infinity();
+      }
+      for (std::size_t i = b; i < e; ++i) {
+        const double c[3] = {x_[i], y_[i], z_[i]};
+        for (int k = 0; k < D; ++k) {
+          leaf.lo[k] = std::min(leaf.lo[k], c[k]);
+          leaf.hi[k] = std::max(leaf.hi[k], c[k]);
+        }
+      }
+      const double c[3] = {x_[b], y_[b], z_[b]};
+      const auto finest = finestCell(c);
+      const double width = side_ / double(std::uint64_t{1} << leaf.level);
+      for (int k = 0; k < D; ++k) {
+        const double lo = origin_[k] + double(finest[k] >> (Levels - leaf.level)) * width;
+        cell.lo[k] = lo + margin_[k];
+        cell.hi[k] = lo + width - margin_[k];
+      }
+    }
+    // Children come after their parent, so a backward pass meets them first.
+    for (std::size_t j = nodes_.size(); j-- > 0;) {
+      Node& node = nodes_[j];
+      if (node.leaf)
+        continue;
+      for (int k = 0; k < D; ++k) {
+        node.lo[k] = nodes_[node.first].lo[k];
+        node.hi[k] = nodes_[node.first].hi[k];
+      }
+      for (std::size_t c = node.first + 1; c < node.first + node.count; ++c)
+        for (int k = 0; k < D; ++k) {
+          node.lo[k] = std::min(node.lo[k], nodes_[c].lo[k]);
+          node.hi[k] = std::max(node.hi[k], nodes_[c].hi[k]);
+        }
+    }
+  }
+  // Reorders entries b .. e - 1 by index, stably.
+  void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const {
+    order.resize(e - b);
+    for (std::size_t i = 0; i < order.size(); ++i)
+      order[i] = b + i;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t u, std::size_t v) { return ids_[u] < ids_[v]; });
+    const auto permute = [&](auto& values) {
+      std::vector<std::decay_t<decltype(values[0])>> sorted;
+      for (std::size_t i : order)
+        sorted.push_back(values[i]);
+      std::copy(sorted.begin(), sorted.end(), values.begin() + static_cast<std::ptrdiff_t>(b));
+    };
+    permute(x_);
+    permute(y_);
+    permute(z_);
+    permute(ids_);
   }
 
   // The nearest of the leaf's entries, two at a time and without a branch: per lane the least
