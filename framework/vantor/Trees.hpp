@@ -380,13 +380,17 @@ private:
 
   // Divides every entry (those of an earlier division and the new ones) into nodes.
   void build() const {
+    // The earlier division's entries and then the new ones (often only new ones: no copy).
     std::vector<std::pair<point, Index>> entries;
-    entries.reserve(count_);
-    for (std::size_t j = 0; j < ids_.size(); ++j)
-      entries.emplace_back(point{x_[j], y_[j], z_[j]}, ids_[j]);
-    entries.insert(entries.end(), pending_.begin(), pending_.end());
-    pending_.clear();
-    pending_.shrink_to_fit();
+    if (ids_.empty()) {
+      entries.swap(pending_);
+    } else {
+      entries.reserve(count_);
+      for (std::size_t j = 0; j < ids_.size(); ++j)
+        entries.emplace_back(point{x_[j], y_[j], z_[j]}, ids_[j]);
+      entries.insert(entries.end(), pending_.begin(), pending_.end());
+      std::vector<std::pair<point, Index>>().swap(pending_);
+    }
     const std::size_t n = entries.size();
     nodes_.clear();
     x_.resize(n);

@@ -39,26 +39,20 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   const bool shift = offsetApplies(box.offset);
   const bool planar = box.dimension == 2;
   // The points that ask, then the tree answers them all in its own order.
+  const auto at = [&](std::size_t i) { return shift ? (*xyz)[i] - box.offset : (*xyz)[i]; };
   std::vector<std::uint32_t> asking;
-  std::vector<point> at;
   asking.reserve(xyz->size());
-  at.reserve(xyz->size());
-  for (std::size_t i = 0; i < xyz->size(); ++i) {
-    if (!passes(box.target, (*cls)[i]))
-      continue;
-    const point q = shift ? (*xyz)[i] - box.offset : (*xyz)[i];
-    if (!pass.reach.inside(q, planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed))
-      continue;
-    asking.push_back(static_cast<std::uint32_t>(i));
-    at.push_back(q);
-  }
+  for (std::size_t i = 0; i < xyz->size(); ++i)
+    if (passes(box.target, (*cls)[i]) &&
+        pass.reach.inside(at(i), planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed))
+      asking.push_back(static_cast<std::uint32_t>(i));
   // Answers are stored by question and applied afterwards in question order: the tree answers
   // in its own order, and reading anything per answer would wait on memory every time.
   constexpr std::uint32_t None = std::numeric_limits<std::uint32_t>::max();
   std::vector<std::uint32_t> nearest(asking.size(), None);
   std::vector<double> squared(box.hasAssignment ? asking.size() : 0);
   tree.findNearestEach(
-      asking.size(), [&](std::size_t k) { return at[k]; }, box.radius,
+      asking.size(), [&](std::size_t k) { return at(asking[k]); }, box.radius,
       [&](std::size_t k, const typename Tree::Neighbour& found) {
         nearest[k] = found.index;
         if (box.hasAssignment)
