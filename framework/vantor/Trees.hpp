@@ -84,6 +84,9 @@ public:
     return true;
   }
 
+  // Room for n more insertions, so that filling a large tree does not copy what it holds.
+  void reserve(std::size_t n) { pending_.reserve(pending_.size() + n); }
+
   // Number of entries.
   std::size_t size() const { return count_; }
 

@@ -17,6 +17,7 @@ namespace {
 struct SourcePass {
   const ClassificationTransferParameterBox& box;
   const MemArray<1, unsigned char>& classes; // the source fragment's classes
+  const ClassSet& target;                    // the classes a target point may have to ask
   BoundingBox reach; // the source box widened by the radius: no query point outside finds a point
   Messages& log;
 };
@@ -43,7 +44,7 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   std::vector<std::uint32_t> asking;
   asking.reserve(xyz->size());
   for (std::size_t i = 0; i < xyz->size(); ++i)
-    if (passes(box.target, (*cls)[i]) &&
+    if (pass.target((*cls)[i]) &&
         pass.reach.inside(at(i), planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed))
       asking.push_back(static_cast<std::uint32_t>(i));
   // Answers are stored by question and applied afterwards in question order: the tree answers
@@ -129,6 +130,7 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
       });
   Basalt::Console() << "bboxes: " << reach.size() << " vs. " << targetClasses->nFragments();
 
+  const ClassSet sourceSet(box.source), targetSet(box.target);
   const std::size_t sourceCount = sourcePositions->nFragments();
   std::size_t done = 0;
   sourcePositions->iterate([&](const StrongPtr<FragmentID>& id,
@@ -154,8 +156,9 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
     box.classReference = cls;
 
     withTree(box.dimension, sourceBox, [&](const auto& tree) {
+      tree->reserve(xyz->size());
       for (std::size_t i = 0; i < xyz->size(); ++i)
-        if (passes(box.source, (*cls)[i]))
+        if (sourceSet((*cls)[i]))
           tree->insert((*xyz)[i], static_cast<unsigned>(i));
       if (tree->size() == 0)
         return;
@@ -163,7 +166,7 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
       if (offsetApplies(box.offset))
         reachable = BoundingBox(sourceBox->min() + box.offset, sourceBox->max() + box.offset);
       const Vantor::PhysicalSpace::vector widen(box.radius, box.radius, box.radius);
-      const SourcePass pass{box, *cls,
+      const SourcePass pass{box, *cls, targetSet,
                             BoundingBox(sourceBox->min() - widen, sourceBox->max() + widen), log};
       forEachFragment(targets.size(), box.threads, log, [&](std::size_t t) {
         if (reach[t].inside(reachable, BoundingBox::Intersects))

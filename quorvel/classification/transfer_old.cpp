@@ -18,9 +18,11 @@ void classificationTransfer(const StrongPtr<Tree>& tree,
                             const MultiArray<1, unsigned char>& targetClasses) {
   if (!tree)
     return;
+  const ClassSet source(box.source), target(box.target);
   const std::size_t sourceCount = std::min(sourcePositions.size(), sourceClasses.size());
+  tree->reserve(sourceCount);
   for (std::size_t i = 0; i < sourceCount; ++i)
-    if (passes(box.source, sourceClasses[i]))
+    if (source(sourceClasses[i]))
       tree->insert(sourcePositions[i], static_cast<unsigned>(i));
   if (!tree->valid() || tree->size() == 0)
     return;
@@ -30,7 +32,7 @@ void classificationTransfer(const StrongPtr<Tree>& tree,
 #pragma omp parallel for schedule(dynamic, 1) num_threads(maximumThreadsMinusOne())
   for (long long i = 0; i < targetCount; ++i) {
     unsigned char& c = targetClasses[static_cast<std::size_t>(i)];
-    if (!passes(box.target, c))
+    if (!target(c))
       continue;
     point& p = targetPositions[static_cast<std::size_t>(i)];
     unsigned nearest = 0;
@@ -96,6 +98,7 @@ bool fillOneTree(Tree& tree, ClassificationTransferParameterBox& box, const Fiel
                  const Field& classes, Messages& log) {
   const std::size_t count = positions.nFragments();
   std::size_t done = 0;
+  const ClassSet source(box.source);
   return positions.iterate(
       [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
         Basalt::Console::write("filling tree in mode onetree: " + std::to_string(++done) + " / " +
@@ -111,7 +114,7 @@ bool fillOneTree(Tree& tree, ClassificationTransferParameterBox& box, const Fiel
           return false;
         }
         for (std::size_t i = 0; i < xyz->size(); ++i) {
-          if (!passes(box.source, (*cls)[i]))
+          if (!source((*cls)[i]))
             continue;
           tree.insert((*xyz)[i], static_cast<unsigned>(box.sourceClasses.size()));
           box.sourceClasses.push_back((*cls)[i]);

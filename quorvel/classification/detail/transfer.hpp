@@ -4,15 +4,26 @@
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
 
+#include <array>
+
 namespace Quorvel::detail {
 
 inline constexpr const char* TransferTag = "ClassificationTransfer: ";
 inline constexpr unsigned TransferBucketCapacity = 64;
 
-// Whether a class byte lies in a class range.
-inline bool passes(const MultiRange<double>& range, unsigned char cls) {
-  return range.contains(static_cast<double>(cls), RangeTolerance);
-}
+// Which class bytes lie in a class range: the range is asked once for each of the 256, so a
+// loop over millions of points only looks a byte up.
+class ClassSet {
+public:
+  explicit ClassSet(const MultiRange<double>& range) {
+    for (int c = 0; c < 256; ++c)
+      in_[c] = range.contains(static_cast<double>(c), RangeTolerance);
+  }
+  bool operator()(unsigned char cls) const { return in_[cls]; }
+
+private:
+  std::array<bool, 256> in_{};
+};
 
 // The band class for a nearest source point at squared distance d2: the class of the first band
 // whose key (squared radius) is greater than d2. False when no band is, and cls is kept.
