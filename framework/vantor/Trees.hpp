@@ -327,15 +327,16 @@ private:
     return key;
   }
   // Sorts by key down to two levels below the median leaf (finer order gains nothing): a
-  // least-significant-digit radix sort of 11-bit digits.
+  // least-significant-digit radix sort in as few passes of at most 14-bit digits as it takes.
   void sortByCell(std::vector<Keyed>& items) const {
     const int levels = std::min(Levels, medianLevel_ + 2);
-    const int low = (Levels - levels) * D, high = Levels * D;
+    const int low = (Levels - levels) * D, bits = levels * D;
+    const int passes = (bits + 13) / 14, width = passes > 0 ? (bits + passes - 1) / passes : 0;
     std::vector<Keyed> buffer(items.size());
-    std::vector<std::size_t> counts(std::size_t{1} << 11);
-    for (int shift = low; shift < high; shift += 11) {
-      const int bits = std::min(11, high - shift);
-      const std::uint64_t mask = (std::uint64_t{1} << bits) - 1;
+    std::vector<std::size_t> counts(std::size_t{1} << width);
+    for (int pass = 0; pass < passes; ++pass) {
+      const int shift = low + pass * width;
+      const std::uint64_t mask = (std::uint64_t{1} << width) - 1;
       std::fill(counts.begin(), counts.end(), 0);
       for (const Keyed& item : items)
         ++counts[(item.key >> shift) & mask];
