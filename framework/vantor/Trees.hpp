@@ -182,6 +182,16 @@ public:
         settled = true;
         for (int k = 0; k < D; ++k)
           settled = settled && q[k] - reach > own.lo[k] && q[k] + reach < own.hi[k];
+        // Else the parent's cell, likewise, for the parent's other children.
+        if (!settled) {
+          bool inParent = true;
+          for (int k = 0; k < D; ++k)
+            inParent = inParent && q[k] - reach > own.outerLo[k] && q[k] + reach < own.outerHi[k];
+          if (inParent) {
+            nearest(nodes_[own.parent], q, best, searched);
+            settled = true;
+          }
+        }
       }
       if (!settled)
         search(q, best, searched);
@@ -236,9 +246,10 @@ private:
   };
 
   struct LeafCell {
-    std::uint64_t first, last; // the cell keys of the leaf's cell, first to last
-    double lo[D], hi[D];       // its box, narrowed by the margin of key rounding
-    std::uint32_t node;
+    std::uint64_t first, last;     // the cell keys of the leaf's cell, first to last
+    double lo[D], hi[D];           // its box, narrowed by the margin of key rounding
+    double outerLo[D], outerHi[D]; // the same of its parent's cell (the leaf's for the root)
+    std::uint32_t node, parent;
   };
 
   struct Best {
@@ -413,7 +424,7 @@ private:
     leafCells_.clear();
     nodes_.reserve(2 * n / capacity_ + 1);
     nodes_.push_back({});
-    divide(0, 0, n, 0, keyed, scratch);
+    divide(0, 0, 0, n, 0, keyed, scratch);
     place(keyed, entries);
     makeTable(keyed);
   }
@@ -509,8 +520,8 @@ private:
   // digits: a leaf when they fit or cannot be divided further, otherwise a branch whose children
   // are the non-empty cells of the next digit that sets them apart. Counting sorts are stable,
   // so entries of a leaf keep their insertion order.
-  void divide(std::size_t self, std::size_t b, std::size_t e, int level, std::vector<Keyed>& keyed,
-              std::vector<Keyed>& scratch) const {
+  void divide(std::size_t parent, std::size_t self, std::size_t b, std::size_t e, int level,
+              std::vector<Keyed>& keyed, std::vector<Keyed>& scratch) const {
     constexpr int Cells = 1 << D;
     std::array<std::size_t, Cells + 1> start{};
     for (; e - b > capacity_ && level < Levels; ++level) {
@@ -538,7 +549,7 @@ private:
       std::size_t child = first;
       for (int c = 0; c < Cells; ++c)
         if (start[c + 1] > start[c])
-          divide(child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch);
+          divide(self, child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch);
       Node& node = nodes_[self];
       node.first = first;
       node.count = children;
@@ -557,6 +568,7 @@ private:
     cell.first = (keyed[b].key >> shift) << shift;
     cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
     cell.node = static_cast<std::uint32_t>(self);
+    cell.parent = static_cast<std::uint32_t>(parent);
     leafCells_.push_back(cell);
   }
 
@@ -596,12 +608,16 @@ private:
       }
       const double c[3] = {x_[b], y_[b], z_[b]};
       const auto finest = finestCell(c);
-      const double width = side_ / double(std::uint64_t{1} << leaf.level);
-      for (int k = 0; k < D; ++k) {
-        const double lo = origin_[k] + double(finest[k] >> (Levels - leaf.level)) * width;
-        cell.lo[k] = lo + margin_[k];
-        cell.hi[k] = lo + width - margin_[k];
-      }
+      const auto cellBox = [&](int level, double* lo, double* hi) {
+        const double width = side_ / double(std::uint64_t{1} << level);
+        for (int k = 0; k < D; ++k) {
+          const double start = origin_[k] + double(finest[k] >> (Levels - level)) * width;
+          lo[k] = start + margin_[k];
+          hi[k] = start + width - margin_[k];
+        }
+      };
+      cellBox(leaf.level, cell.lo, cell.hi);
+      cellBox(nodes_[cell.parent].level, cell.outerLo, cell.outerHi);
     }
     // Children come after their parent, so a backward pass meets them first.
     for (std::size_t j = nodes_.size(); j-- > 0;) {
