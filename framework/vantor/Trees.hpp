@@ -2,6 +2,7 @@
 // (QuadTree), keyed by point index.
 #pragma once
 
+#include "basalt/RadixSort.hpp"
 #include "basalt/StrongPtr.hpp"
 #include "tarrow/OcTreeStd.hpp"
 #include "vantor/BoundingBox.hpp"
@@ -128,6 +129,8 @@ public:
         best = {d2, found.index, NoEntry, true};
     }
     const double c[3] = {q.x, q.y, q.z};
+    if (!finite(c))
+      return false;
     search(c, best);
     return record(best, found);
   }
@@ -161,6 +164,8 @@ public:
     std::size_t cell = 0;
     for (std::size_t j = 0; j < count; ++j) {
       const double q[3] = {points[j].x, points[j].y, points[j].z};
+      if (!finite(q))
+        continue;
       Best best{r2, Index{}, NoEntry, false};
       if (known) {
         const double d2 = squaredDistance(last.position, points[j]);
@@ -301,6 +306,15 @@ private:
     return dx * dx + dy * dy + dz * dz;
   }
 
+  // False for a point with a coordinate that is not finite on the D axes: it is within no
+  // distance of any entry, and would only make a search visit every node.
+  static bool finite(const double* q) {
+    for (int k = 0; k < D; ++k)
+      if (!std::isfinite(q[k]))
+        return false;
+    return true;
+  }
+
   // Completes best from the start nodes of q's ball, passing over a leaf already searched.
   void search(const double* q, Best& best, const Node* searched = nullptr) const {
     forStartNodes(q, best.squared, [&](const Node& from) {
@@ -337,27 +351,11 @@ private:
       key |= spread(cell[k]) << k;
     return key;
   }
-  // Sorts by key down to two levels below the median leaf (finer order gains nothing): a
-  // least-significant-digit radix sort in as few passes of at most 14-bit digits as it takes.
+  // Sorts by key down to two levels below the median leaf: finer order gains nothing.
   void sortByCell(std::vector<Keyed>& items) const {
     const int levels = std::min(Levels, medianLevel_ + 2);
-    const int low = (Levels - levels) * D, bits = levels * D;
-    const int passes = (bits + 13) / 14, width = passes > 0 ? (bits + passes - 1) / passes : 0;
-    std::vector<Keyed> buffer(items.size());
-    std::vector<std::size_t> counts(std::size_t{1} << width);
-    for (int pass = 0; pass < passes; ++pass) {
-      const int shift = low + pass * width;
-      const std::uint64_t mask = (std::uint64_t{1} << width) - 1;
-      std::fill(counts.begin(), counts.end(), 0);
-      for (const Keyed& item : items)
-        ++counts[(item.key >> shift) & mask];
-      std::size_t offset = 0;
-      for (auto& c : counts)
-        offset += std::exchange(c, offset);
-      for (const Keyed& item : items)
-        buffer[counts[(item.key >> shift) & mask]++] = item;
-      items.swap(buffer);
-    }
+    Basalt::radixSort(items, (Levels - levels) * D, Levels * D,
+                      [](const Keyed& item) { return item.key; });
   }
 
   // True once the division is built and holds at least one entry.
@@ -740,6 +738,8 @@ private:
       return;
     const double q[3] = {p.x, p.y, p.z};
     const double r2 = radius * radius;
+    if (!finite(q))
+      return;
     forStartNodes(q, r2, [&](const Node& from) {
       walk(
           from, [&](const Node& n) { return !(boxDistance(n, q) <= r2); },

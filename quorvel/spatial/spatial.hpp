@@ -27,18 +27,9 @@
 
 namespace Quorvel {
 
-// Sorts (key, index) pairs by key, stably, with a least-significant-digit radix sort: linear
-// time, passes only over the digits that the largest key uses. For voxel and cell keys of
-// millions of points, several times faster than a comparison sort.
+// Sorts (key, index) pairs by key, stably, with a radix sort over the bits that the largest key
+// uses.
 void sortByKey(std::vector<std::pair<std::uint64_t, std::uint32_t>>& items);
-
-// The indices 0 .. n-1 of positions in Morton (Z-curve) order of their x and y within box: a
-// loop that queries a tree point by point in this order visits neighbouring leaves one after
-// the other and keeps them in cache. Points outside the box or not finite come last, in index
-// order.
-std::vector<std::uint32_t>
-spatialOrder(const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
-             const Vantor::BoundingBox& box);
 
 } // namespace Quorvel
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <map>
 #include <random>
 #include <set>
@@ -420,7 +421,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
         asked.push_back(xyz[i]);
       asked.push_back({bbox->min().x - 0.2, bbox->min().y, bbox->max().z + 0.1});
       asked.push_back({std::nan(""), bbox->min().y, 0.0});
-      for (const double r : {0.25, 1.5}) {
+      for (const double r : {0.25, 1.5, std::numeric_limits<double>::infinity()}) {
         std::vector<std::pair<double, Index>> answers(asked.size(), {-1.0, Index{}});
         tree.findNearestEach(
             asked.size(), [&](std::size_t k) { return asked[k]; }, r,
