@@ -1,8 +1,10 @@
-// The bucket tree against nanoflann on the same cloud: building, and one radius query per point
-// with a radius that gives about 30 neighbours, results into a reused vector.
+// The bucket tree and the framework trees against nanoflann on the same cloud: building, one
+// radius query per point with a radius that gives about 30 neighbours (results into a reused
+// vector), and the nearest neighbour of each of 1M points beside the cloud's.
 #include "AirborneCloud.hpp"
 #include "Nanoflann.hpp"
 #include "tarrow/OcTreeStd.hpp"
+#include "vantor/Trees.hpp"
 
 #include <benchmark/benchmark.h>
 
@@ -98,6 +100,84 @@ void BM_NanoflannRadius(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(adaptor.points.size()));
 }
 
+// The cloud's points moved by a fraction of the spacing: questions near, not on, the entries.
+const std::vector<point>& besideCloud() {
+  static const std::vector<point> points = [] {
+    std::vector<point> out = bench::airborneCloud();
+    for (point& p : out)
+      p = {p.x + 0.17, p.y - 0.11, p.z + 0.05};
+    return out;
+  }();
+  return points;
+}
+
+template <int D>
+std::shared_ptr<Vantor::BucketTree<unsigned, D>> buildFrameworkTree() {
+  auto box = std::make_shared<Vantor::BoundingBox>();
+  for (const point& p : bench::airborneCloud())
+    box->expand(p);
+  auto tree = std::make_shared<Vantor::BucketTree<unsigned, D>>(box, 64);
+  tree->reserve(bench::airborneCloud().size());
+  for (unsigned i = 0; i < bench::airborneCloud().size(); ++i)
+    tree->insert(bench::airborneCloud()[i], i);
+  return tree;
+}
+
+// Insertion, the division (made by the first question) and every nearest neighbour within 2 m.
+template <int D>
+void BM_FrameworkTreeNearestEach(benchmark::State& state) {
+  const auto& asked = besideCloud();
+  std::vector<unsigned> nearest(asked.size());
+  for (auto _ : state) {
+    auto tree = buildFrameworkTree<D>();
+    tree->findNearestEach(
+        asked.size(), [&](std::size_t k) { return asked[k]; }, 2.0,
+        [&](std::size_t k, const auto& found) { nearest[k] = found.index; });
+    benchmark::DoNotOptimize(nearest.data());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(asked.size()));
+}
+
+// The same with nanoflann: build, then one nearest-neighbour search per point.
+template <int D>
+void BM_NanoflannNearestEach(benchmark::State& state) {
+  CloudAdaptor adaptor{bench::airborneCloud()};
+  const auto& asked = besideCloud();
+  std::vector<unsigned> nearest(asked.size());
+  for (auto _ : state) {
+    KdTree<D> index(D, adaptor, nanoflann::KDTreeSingleIndexAdaptorParams(10));
+    index.buildIndex();
+    for (std::size_t k = 0; k < asked.size(); ++k) {
+      const double q[3] = {asked[k].x, asked[k].y, asked[k].z};
+      double squared = 0;
+      if (index.knnSearch(q, 1, &nearest[k], &squared) == 1 && squared > 4.0)
+        nearest[k] = 0;
+    }
+    benchmark::DoNotOptimize(nearest.data());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(asked.size()));
+}
+
+// One radius query per point of the cloud, as for the bucket tree.
+template <int D>
+void BM_FrameworkTreeRadius(benchmark::State& state) {
+  const auto tree = buildFrameworkTree<D>();
+  const auto& xyz = bench::airborneCloud();
+  std::vector<unsigned> found;
+  found.reserve(256);
+  std::size_t total = 0;
+  for (auto _ : state) {
+    total = 0;
+    for (const point& p : xyz) {
+      found.clear();
+      tree->getRange(p, radiusFor<D>(), found);
+      total += found.size();
+    }
+  }
+  state.counters["neighbours"] = static_cast<double>(total) / static_cast<double>(xyz.size());
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+
 BENCHMARK(BM_OcTreeStdBuild<2>)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_OcTreeStdBuild<3>)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_NanoflannBuild<2>)->Unit(benchmark::kMillisecond);
@@ -106,6 +186,12 @@ BENCHMARK(BM_OcTreeStdRadius<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_OcTreeStdRadius<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_NanoflannRadius<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_NanoflannRadius<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_FrameworkTreeRadius<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_FrameworkTreeRadius<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_FrameworkTreeNearestEach<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_FrameworkTreeNearestEach<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_NanoflannNearestEach<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(BM_NanoflannNearestEach<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
 
 } // namespace
 
