@@ -44,10 +44,10 @@ void BM_OcTreeStdBuild(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * 1'000'000);
 }
 
-template <int D>
-void BM_OcTreeStdRadius(benchmark::State& state) {
+// One radius query per point of the cloud: query(p, radius, found) appends p's neighbours.
+template <int D, class Query>
+void radiusPerPoint(benchmark::State& state, const Query& query) {
   const auto& xyz = bench::airborneCloud();
-  const auto tree = buildTree<D>();
   std::vector<unsigned> found;
   found.reserve(256);
   std::size_t total = 0;
@@ -55,12 +55,20 @@ void BM_OcTreeStdRadius(benchmark::State& state) {
     total = 0;
     for (const point& p : xyz) {
       found.clear();
-      tree->getEuclideanRangeFine(p, radiusFor<D>(), found);
+      query(p, radiusFor<D>(), found);
       total += found.size();
     }
   }
   state.counters["neighbours"] = static_cast<double>(total) / static_cast<double>(xyz.size());
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+
+template <int D>
+void BM_OcTreeStdRadius(benchmark::State& state) {
+  const auto tree = buildTree<D>();
+  radiusPerPoint<D>(state, [&](const point& p, double r, std::vector<unsigned>& found) {
+    tree->getEuclideanRangeFine(p, r, found);
+  });
 }
 
 using bench::CloudAdaptor;
@@ -158,24 +166,13 @@ void BM_NanoflannNearestEach(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(asked.size()));
 }
 
-// One radius query per point of the cloud, as for the bucket tree.
+// The radius queries of the bucket tree's benchmark.
 template <int D>
 void BM_FrameworkTreeRadius(benchmark::State& state) {
   const auto tree = buildFrameworkTree<D>();
-  const auto& xyz = bench::airborneCloud();
-  std::vector<unsigned> found;
-  found.reserve(256);
-  std::size_t total = 0;
-  for (auto _ : state) {
-    total = 0;
-    for (const point& p : xyz) {
-      found.clear();
-      tree->getRange(p, radiusFor<D>(), found);
-      total += found.size();
-    }
-  }
-  state.counters["neighbours"] = static_cast<double>(total) / static_cast<double>(xyz.size());
-  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+  radiusPerPoint<D>(state, [&](const point& p, double r, std::vector<unsigned>& found) {
+    tree->getRange(p, r, found);
+  });
 }
 
 BENCHMARK(BM_OcTreeStdBuild<2>)->Unit(benchmark::kMillisecond);
