@@ -37,8 +37,11 @@ namespace Vantor {
 // splits into 2^D children, down to cells 2^-21 of the cube's side, which hold any number (so
 // duplicates cannot split without end). A cube keeps cells cube-shaped where a flat airborne
 // box would be cut into thin slabs. Every node keeps the tight box of its entries, and leaves
-// hold their coordinates in contiguous arrays: queries prune by where the points really are
-// and scan a leaf without following pointers.
+// hold their coordinates in contiguous arrays, in index order: queries prune by where the
+// points really are, scan a leaf without following pointers or branches, and find the smallest
+// of equally near indices first. A table of the cells one level above most leaves lets a
+// search start there instead of at the root; findNearestEach answers many points in the tree's
+// own order, most of them from the leaf of their own cell.
 //
 // Thread-safety: insert from one thread; afterwards const queries from many threads at once (the
 // first of them builds the division under a lock, the others wait for it).
