@@ -148,30 +148,30 @@ public:
                        const Answer& answer) const {
     if (count == 0 || !prepared())
       return;
+    std::vector<point> points(count);
     std::vector<Keyed> order(count);
     for (std::size_t k = 0; k < count; ++k) {
-      const point p = pointAt(k);
-      const double c[3] = {p.x, p.y, p.z};
+      points[k] = pointAt(k);
+      const double c[3] = {points[k].x, points[k].y, points[k].z};
       order[k] = {cellKey(c), k};
     }
     sortByCell(order);
-    // The points gathered in that order first: independent loads overlap, where a load at each
-    // search would wait for the search before.
-    std::vector<point> points(count);
-    for (std::size_t j = 0; j < count; ++j)
-      points[j] = pointAt(order[j].source);
 
     const double r2 = radius * radius;
     Neighbour last;
     bool known = false;
     std::size_t cell = 0;
+    constexpr std::size_t Ahead = 8; // questions whose point is fetched during earlier searches
     for (std::size_t j = 0; j < count; ++j) {
-      const double q[3] = {points[j].x, points[j].y, points[j].z};
+      if (j + Ahead < count)
+        __builtin_prefetch(&points[order[j + Ahead].source]);
+      const point& p = points[order[j].source];
+      const double q[3] = {p.x, p.y, p.z};
       if (!finite(q))
         continue;
       Best best{r2, Index{}, NoEntry, false};
       if (known) {
-        const double d2 = squaredDistance(last.position, points[j]);
+        const double d2 = squaredDistance(last.position, p);
         if (d2 <= r2)
           best = {d2, last.index, NoEntry, true};
       }
