@@ -3,6 +3,7 @@
 #include "quorvel/classification/detail/transfer.hpp"
 
 #include <chrono>
+#include <vector>
 
 namespace Quorvel {
 
@@ -27,21 +28,28 @@ void classificationTransfer(const StrongPtr<Tree>& tree,
   if (!tree->valid() || tree->size() == 0)
     return;
 
-  const long long targetCount =
-      static_cast<long long>(std::min(targetPositions.size(), targetClasses.size()));
-#pragma omp parallel for schedule(dynamic, 1) num_threads(maximumThreadsMinusOne())
-  for (long long i = 0; i < targetCount; ++i) {
-    unsigned char& c = targetClasses[static_cast<std::size_t>(i)];
-    if (!target(c))
-      continue;
-    point& p = targetPositions[static_cast<std::size_t>(i)];
-    unsigned nearest = 0;
-    double squared = 0.0;
-    if (!tree->findNearest(p, box.radius, nearest, squared))
-      continue;
-    c = sourceClasses[nearest];
-    if (box.positions)
-      p = sourcePositions[nearest];
+  // The target points that ask, in as many parts as there are threads; the tree answers each
+  // part in its own order.
+  const std::size_t targetCount = std::min(targetPositions.size(), targetClasses.size());
+  std::vector<std::size_t> asking;
+  for (std::size_t i = 0; i < targetCount; ++i)
+    if (target(targetClasses[i]))
+      asking.push_back(i);
+  const int parts = maximumThreadsMinusOne();
+  const std::size_t part =
+      (asking.size() + static_cast<std::size_t>(parts) - 1) / static_cast<std::size_t>(parts);
+#pragma omp parallel for schedule(static, 1) num_threads(parts)
+  for (int t = 0; t < parts; ++t) {
+    const std::size_t b = std::min(asking.size(), static_cast<std::size_t>(t) * part);
+    const std::size_t e = std::min(asking.size(), b + part);
+    tree->findNearestEach(
+        e - b, [&](std::size_t k) { return targetPositions[asking[b + k]]; }, box.radius,
+        [&](std::size_t k, const typename Tree::Neighbour& found) {
+          const std::size_t i = asking[b + k];
+          targetClasses[i] = sourceClasses[found.index];
+          if (box.positions)
+            targetPositions[i] = found.position;
+        });
   }
 }
 

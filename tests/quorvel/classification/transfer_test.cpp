@@ -449,6 +449,69 @@ TEST(ClassificationTransferOLD, OneTreeStepsAndSetUpErrors) {
   }
 }
 
+// The tree-typed step split over several threads: every target point against brute force, in
+// 2-D and 3-D, with the source position carried.
+TEST(ClassificationTransferOLD, TreeTypedStepOverThreadsMatchesBruteForce) {
+  std::mt19937 random(21);
+  std::uniform_real_distribution<double> u(0.0, 30.0);
+  std::vector<point> sourcePoints(2000), targetPoints(3000);
+  for (auto& p : sourcePoints)
+    p = {u(random), u(random), u(random) / 10};
+  for (auto& p : targetPoints)
+    p = {u(random), u(random), u(random) / 10};
+  Tressel::MemArray<1, point> sourceXYZ(Tressel::MultiIndex<1>(sourcePoints.size()));
+  Tressel::MemArray<1, unsigned char> sourceCls(Tressel::MultiIndex<1>(sourcePoints.size()));
+  for (std::size_t i = 0; i < sourcePoints.size(); ++i) {
+    sourceXYZ[i] = sourcePoints[i];
+    sourceCls[i] = static_cast<unsigned char>(2 + i % 5);
+  }
+  auto bbox = std::make_shared<Vantor::BoundingBox>();
+  for (const point& p : sourcePoints)
+    bbox->expand(p);
+  const int saved = omp_get_max_threads();
+  omp_set_num_threads(5); // four parts
+  for (int dimension : {2, 3}) {
+    Tressel::MemArray<1, point> targetXYZ(Tressel::MultiIndex<1>(targetPoints.size()));
+    Tressel::MemArray<1, unsigned char> targetCls(Tressel::MultiIndex<1>(targetPoints.size()));
+    for (std::size_t i = 0; i < targetPoints.size(); ++i) {
+      targetXYZ[i] = targetPoints[i];
+      targetCls[i] = i % 7 == 0 ? 9 : 1; // class 9 is outside the target range
+    }
+    Box box("0.4");
+    box.target = MultiRange<double>("0:8");
+    box.positions = true;
+    const auto run = [&](auto tree) {
+      classificationTransfer(tree, box, MultiArray<1, const point>(sourceXYZ.view()),
+                             MultiArray<1, const unsigned char>(sourceCls.view()), targetXYZ.view(),
+                             targetCls.view());
+    };
+    if (dimension == 2)
+      run(std::make_shared<Vantor::QuadTree<unsigned>>(bbox, 64));
+    else
+      run(std::make_shared<Vantor::OcTree<unsigned>>(bbox, 64));
+    for (std::size_t i = 0; i < targetPoints.size(); ++i) {
+      const point& q = targetPoints[i];
+      std::size_t best = sourcePoints.size();
+      double bestSquared = 0.16;
+      for (std::size_t j = 0; j < sourcePoints.size(); ++j) {
+        const double dx = sourcePoints[j].x - q.x, dy = sourcePoints[j].y - q.y;
+        const double dz = dimension == 3 ? sourcePoints[j].z - q.z : 0.0;
+        const double d2 = dx * dx + dy * dy + dz * dz;
+        if (d2 < bestSquared || (d2 == bestSquared && j < best))
+          best = j, bestSquared = d2;
+      }
+      if (i % 7 == 0 || best == sourcePoints.size()) {
+        EXPECT_EQ(targetCls[i], i % 7 == 0 ? 9 : 1) << i;
+        EXPECT_EQ(targetXYZ[i], q) << i;
+      } else {
+        EXPECT_EQ(targetCls[i], sourceCls[best]) << i;
+        EXPECT_EQ(targetXYZ[i], sourcePoints[best]) << i;
+      }
+    }
+  }
+  omp_set_num_threads(saved);
+}
+
 TEST(ClassificationTransferOLD, TreeTypedStepCopiesTheNearestClass) {
   Tressel::MemArray<1, point> sourceXYZ(Tressel::MultiIndex<1>(2),
                                         {point{0, 0, 0}, point{5, 0, 0}});
