@@ -156,10 +156,7 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
     box.classReference = cls;
 
     withTree(box.dimension, sourceBox, [&](const auto& tree) {
-      tree->reserve(xyz->size());
-      for (std::size_t i = 0; i < xyz->size(); ++i)
-        if (sourceSet((*cls)[i]))
-          tree->insert((*xyz)[i], static_cast<unsigned>(i));
+      fillTree(*tree, sourceSet, *xyz, *cls, xyz->size());
       if (tree->size() == 0)
         return;
       BoundingBox reachable = *sourceBox;

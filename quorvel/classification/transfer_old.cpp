@@ -20,11 +20,8 @@ void classificationTransfer(const StrongPtr<Tree>& tree,
   if (!tree)
     return;
   const ClassSet source(box.source), target(box.target);
-  const std::size_t sourceCount = std::min(sourcePositions.size(), sourceClasses.size());
-  tree->reserve(sourceCount);
-  for (std::size_t i = 0; i < sourceCount; ++i)
-    if (source(sourceClasses[i]))
-      tree->insert(sourcePositions[i], static_cast<unsigned>(i));
+  fillTree(*tree, source, sourcePositions, sourceClasses,
+           std::min(sourcePositions.size(), sourceClasses.size()));
   if (!tree->valid() || tree->size() == 0)
     return;
 

@@ -40,6 +40,16 @@ inline bool offsetApplies(const Vantor::PhysicalSpace::vector& offset) {
   return offset.x > 0 || offset.y > 0;
 }
 
+// Inserts the first count source points whose class is in `classes`, under their index.
+template <class Tree, class Positions, class Classes>
+void fillTree(Tree& tree, const ClassSet& classes, const Positions& xyz, const Classes& cls,
+              std::size_t count) {
+  tree.reserve(count);
+  for (std::size_t i = 0; i < count; ++i)
+    if (classes(cls[i]))
+      tree.insert(xyz[i], static_cast<unsigned>(i));
+}
+
 // Calls f with a fresh tree of the box's dimension (QuadTree for 2, OcTree for 3) over bbox;
 // false, without calling f, for any other dimension.
 template <class F>
