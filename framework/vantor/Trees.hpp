@@ -125,12 +125,7 @@ public:
   bool findNearest(const point& q, double radius, Neighbour& found, bool start) const {
     if (!prepared())
       return false;
-    Best best{radius * radius, Index{}, NoEntry, false};
-    if (start) {
-      const double d2 = squaredDistance(found.position, q);
-      if (d2 <= best.squared)
-        best = {d2, found.index, NoEntry, true};
-    }
+    Best best = startFrom(found, start, q, radius * radius);
     const double c[3] = {q.x, q.y, q.z};
     if (!finite(c))
       return false;
@@ -169,12 +164,7 @@ public:
       const double q[3] = {p.x, p.y, p.z};
       if (!finite(q))
         continue;
-      Best best{r2, Index{}, NoEntry, false};
-      if (known) {
-        const double d2 = squaredDistance(last.position, p);
-        if (d2 <= r2)
-          best = {d2, last.index, NoEntry, true};
-      }
+      Best best = startFrom(last, known, p, r2);
       // The leaf of q's own cell decides alone when the ball of the best distance lies inside
       // that cell: every entry of the cell is in the leaf, no other entry is so near.
       const std::uint64_t key = order[j].key;
@@ -324,6 +314,14 @@ private:
       if (boxDistance(from, q) <= best.squared)
         nearest(from, q, best, searched);
     });
+  }
+  // The best before a search for q: the known entry when there is one within the squared
+  // radius r2, else nothing yet.
+  static Best startFrom(const Neighbour& known, bool start, const point& q, double r2) {
+    if (start)
+      if (const double d2 = squaredDistance(known.position, q); d2 <= r2)
+        return {d2, known.index, NoEntry, true};
+    return {r2, Index{}, NoEntry, false};
   }
   // Writes a found best into found (whose position already holds a starting entry's point).
   bool record(const Best& best, Neighbour& found) const {
