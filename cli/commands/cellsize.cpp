@@ -1,0 +1,30 @@
+// quorvel cellsize: the voxel-density cell size of every point ("CellTensor").
+#include "cli/commands/command.hpp"
+#include "quorvel/metadata/metadata.hpp"
+
+#include <iostream>
+
+namespace Quorvel::Cli {
+
+namespace {
+
+class CellSize final : public CloudCommand {
+public:
+  CellSize() : CloudCommand("cellsize") {}
+
+  void addStageOptions(CLI::App&) override {}
+
+  void apply(Cloud& cloud, const Host& host) override {
+    std::string report;
+    host.run("cellsize", pointCount(*cloud.grid), [&] { report = setCellSize(cloud.grid, {}); });
+    std::cout << report << "\n";
+  }
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeCellSize() {
+  return std::make_unique<CellSize>();
+}
+
+} // namespace Quorvel::Cli

@@ -1,0 +1,59 @@
+// quorvel host: what every command shares: the cloud-changing command's run and the binding of
+// box fields to options.
+#include "cli/commands/command.hpp"
+
+#include "basalt/Text.hpp"
+
+namespace Quorvel::Cli {
+
+void CloudCommand::addOptions(CLI::App& app) {
+  addStageOptions(app);
+  app.add_option(inputName(), input_, "the point cloud to change (LAS or bundle)")->required();
+  app.add_option("-o,--output", output_, "where to write the result (LAS or bundle)")->required();
+}
+
+int CloudCommand::run(const Host& host) {
+  Cloud cloud = host.load(input_);
+  apply(cloud, host);
+  host.save(output_, cloud);
+  host.summary(name_, *cloud.grid);
+  return 0;
+}
+
+CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange<double>& range,
+                      const std::string& help) {
+  return app
+      .add_option_function<std::string>(
+          name, [&range](const std::string& text) { range = Vantor::MultiRange<double>(text); },
+          help)
+      ->default_str(range.to_string());
+}
+
+CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalSpace::vector& v,
+                       const std::string& help) {
+  return app
+      .add_option_function<std::string>(
+          name,
+          [&v, name](const std::string& text) {
+            const auto parts = Basalt::splitAt(text, ",");
+            if (parts.size() != 3)
+              throw CLI::ValidationError(name, "takes X,Y,Z, not \"" + text + "\"");
+            v = {Basalt::cAtof(parts[0]), Basalt::cAtof(parts[1]), Basalt::cAtof(parts[2])};
+          },
+          help)
+      ->default_str(Basalt::format("%g,%g,%g", v[0], v[1], v[2]));
+}
+
+CLI::Option* addThreads(CLI::App& app, std::int32_t& threads) {
+  return app
+      .add_option("--threads", threads,
+                  "worker threads (0 or less, or more than the machine has: all but one)")
+      ->capture_default_str();
+}
+
+void applyCommonThreads(const CLI::Option* own, const Host& host, std::int32_t& threads) {
+  if (host.common().threads && own->count() == 0)
+    threads = *host.common().threads;
+}
+
+} // namespace Quorvel::Cli

@@ -1,0 +1,90 @@
+// quorvel host: the shape of a command. Each command lives in one file of cli/commands/ and is
+// listed once in the table of commands.cpp.
+#pragma once
+
+#include "cli/host.hpp"
+#include "vantor/MultiRange.hpp"
+#include "vantor/PhysicalSpace.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Quorvel::Cli {
+
+// A command: its options, bound straight to the fields of a default-built parameter box (so that
+// defaults and help text come from the box), and its run.
+class Command {
+public:
+  virtual ~Command() = default;
+  // Adds the command's options and operands to its sub-application.
+  virtual void addOptions(CLI::App& app) = 0;
+  // Runs the command once its options are parsed; returns the exit code.
+  virtual int run(const Host& host) = 0;
+};
+
+// A command that changes a loaded cloud. Alone it reads IN (or what inputName() calls it),
+// changes the cloud and writes -o OUT; in a pipeline it is one stage on the pipeline's cloud.
+class CloudCommand : public Command {
+public:
+  explicit CloudCommand(std::string name) : name_(std::move(name)) {}
+
+  // The options of the change itself: all a pipeline stage may set.
+  virtual void addStageOptions(CLI::App& app) = 0;
+  // Options naming files that must exist before anything runs.
+  virtual std::vector<const CLI::Option*> inputFiles() const { return {}; }
+  // Changes the cloud; throws Error on failure.
+  virtual void apply(Cloud& cloud, const Host& host) = 0;
+
+  void addOptions(CLI::App& app) final;
+  int run(const Host& host) final;
+
+protected:
+  // What the operand of the cloud to change is called in the help.
+  virtual std::string inputName() const { return "IN"; }
+  const std::string& name() const { return name_; }
+
+private:
+  std::string name_;
+  std::string input_, output_;
+};
+
+// One entry of the table of commands.
+struct CommandEntry {
+  const char* name;
+  const char* help;
+  std::function<std::unique_ptr<Command>()> make;
+};
+
+// Every command of the host, in the order of the help.
+const std::vector<CommandEntry>& commands();
+
+// The factories, one per file of cli/commands/.
+std::unique_ptr<Command> makeInfo();
+std::unique_ptr<Command> makeConvert();
+std::unique_ptr<Command> makeCompare();
+std::unique_ptr<Command> makeTransfer();
+std::unique_ptr<Command> makeCellSize();
+std::unique_ptr<Command> makeDate();
+std::unique_ptr<Command> makePipeline();
+
+// ---- Binding helpers for parameter-box fields ---------------------------------------------
+
+// A MultiRange field set from its text form ("2:5,9").
+CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange<double>& range,
+                      const std::string& help);
+// A vector field set from "X,Y,Z".
+CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalSpace::vector& v,
+                       const std::string& help);
+// A box's thread count: set by --threads after the command name, or by the common --threads
+// before it.
+CLI::Option* addThreads(CLI::App& app, std::int32_t& threads);
+// Applies the common --threads to a box's thread count unless the command's own option (own)
+// was given.
+void applyCommonThreads(const CLI::Option* own, const Host& host, std::int32_t& threads);
+
+} // namespace Quorvel::Cli

@@ -1,0 +1,20 @@
+// quorvel host: the table of commands. A new command is one file of cli/commands/ with its
+// factory, declared in command.hpp and listed here.
+#include "cli/commands/command.hpp"
+
+namespace Quorvel::Cli {
+
+const std::vector<CommandEntry>& commands() {
+  static const std::vector<CommandEntry> table = {
+      {"info", "points, fragments, fields with types, bbox, classes", makeInfo},
+      {"convert", "LAS <-> bundle (.h5), by extension", makeConvert},
+      {"compare", "agreement of a per-point field, overall and per class", makeCompare},
+      {"transfer", "classes from SOURCE onto TARGET by nearest neighbours", makeTransfer},
+      {"cellsize", "voxel-density cell size of every point", makeCellSize},
+      {"date", "acquisition date and GPS week of file names", makeDate},
+      {"pipeline", "several commands on one cloud, read once and written once", makePipeline},
+  };
+  return table;
+}
+
+} // namespace Quorvel::Cli

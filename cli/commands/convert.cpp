@@ -1,0 +1,33 @@
+// quorvel convert: LAS <-> bundle (.h5), chosen by the file extensions.
+#include "cli/commands/command.hpp"
+
+namespace Quorvel::Cli {
+
+namespace {
+
+class Convert final : public Command {
+public:
+  void addOptions(CLI::App& app) override {
+    app.add_option("IN", in_, "a LAS or bundle file")->required();
+    app.add_option("OUT", out_, "the file to write: .h5 or .hdf5 for a bundle, else LAS")
+        ->required();
+  }
+
+  int run(const Host& host) override {
+    const Cloud cloud = host.load(in_);
+    host.save(out_, cloud);
+    host.summary("convert", *cloud.grid);
+    return 0;
+  }
+
+private:
+  std::string in_, out_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeConvert() {
+  return std::make_unique<Convert>();
+}
+
+} // namespace Quorvel::Cli

@@ -1,0 +1,69 @@
+// quorvel transfer: classes from a classified SOURCE cloud onto TARGET by nearest neighbours.
+#include "cli/commands/command.hpp"
+#include "quorvel/classification/classification.hpp"
+
+namespace Quorvel::Cli {
+
+namespace {
+
+class Transfer final : public CloudCommand {
+public:
+  Transfer() : CloudCommand("transfer") {}
+
+  void addStageOptions(CLI::App& app) override {
+    source_ = app.add_option("SOURCE,--source", sourcePath_, "the classified cloud")->required();
+    // The distance/class text builds the whole box, so it comes first: the options after it
+    // then set their fields on the box it made.
+    app.add_option_function<std::string>(
+        "--bands",
+        [this](const std::string& text) { box_ = ClassificationTransferParameterBox(text); },
+        "distance/class text, e.g. 1 or 0.5=2;1=3 (empty: 0.001)");
+    app.add_option("--dimension", box_.dimension, "3: search in x, y, z; 2: in x, y")
+        ->capture_default_str();
+    addRange(app, "--source-classes", box_.source, "source classes that are searched");
+    addRange(app, "--target-classes", box_.target, "target classes that are rewritten");
+    app.add_flag("--unclassify", box_.unclassify, "set target classes to 0 first");
+    addVector(app, "--offset", box_.offset, "translation from source to target, X,Y,Z");
+    threads_ = addThreads(app, box_.threads);
+    app.add_option("--field", box_.fieldname, "per-point class field")->capture_default_str();
+    app.add_flag("--old", old_, "run classificationTransferOLD");
+    app.add_flag("--onetree", box_.onetree, "one tree over the whole source (with --old)");
+    app.add_flag("--expand", box_.expand, "grow the radius up to --maxradius (with --onetree)");
+    app.add_option("--maxradius", box_.maxradius, "largest radius of --expand")
+        ->capture_default_str();
+    app.add_flag("--positions", box_.positions, "also carry the nearest source position");
+  }
+
+  std::vector<const CLI::Option*> inputFiles() const override { return {source_}; }
+
+  void apply(Cloud& target, const Host& host) override {
+    applyCommonThreads(threads_, host, box_.threads);
+    const Cloud source = host.load(sourcePath_);
+    box_.sourcefilename = sourcePath_;
+    std::string message;
+    host.run("transfer", pointCount(*target.grid), [&] {
+      message = old_ ? classificationTransferOLD(source.grid, target.grid, box_)
+                     : classificationTransfer(source.grid, target.grid, box_);
+    });
+    if (!message.empty())
+      throw Error("transfer: " + message);
+  }
+
+protected:
+  std::string inputName() const override { return "TARGET"; }
+
+private:
+  ClassificationTransferParameterBox box_;
+  std::string sourcePath_;
+  bool old_ = false;
+  const CLI::Option* source_ = nullptr;
+  const CLI::Option* threads_ = nullptr;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeTransfer() {
+  return std::make_unique<Transfer>();
+}
+
+} // namespace Quorvel::Cli

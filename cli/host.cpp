@@ -1,0 +1,140 @@
+// quorvel host: loading, saving, progress and the summary line.
+#include "cli/host.hpp"
+
+#include "cli/progress.hpp"
+#include "tressel/Bundle.hpp"
+#include "tressel/PointCloud.hpp"
+
+#include <cstdio>
+#include <filesystem>
+#include <unistd.h>
+
+namespace Quorvel::Cli {
+
+void addCommonOptions(CLI::App& app, Common& common) {
+  app.add_option("--fragment-points", common.fragmentPoints,
+                 "split files into x-y tiles of about N points; every neighbourhood algorithm "
+                 "then sees only the points of a point's own tile, so results change with N "
+                 "(0: one fragment per file)")
+      ->capture_default_str();
+  app.add_flag("-q,--quiet", common.quiet, "no progress bar and no summary line");
+}
+
+bool isBundle(const std::string& path) {
+  const auto extension = std::filesystem::path(path).extension().string();
+  return extension == ".h5" || extension == ".hdf5";
+}
+
+std::size_t pointCount(const Tressel::Grid& grid) {
+  std::size_t n = 0;
+  if (auto positions = grid.CartesianPositions())
+    positions->iterate([&](const auto&, const auto& creator) {
+      if (creator && creator->peekData())
+        n += creator->peekData()->nElements();
+      return true;
+    });
+  return n;
+}
+
+std::vector<unsigned char> classesOf(const Tressel::Grid& grid, const std::string& field,
+                                     const std::string& path) {
+  auto classes = grid(Tressel::StandardCartesianChart3D, field);
+  if (!classes)
+    throw Error(path + ": no field " + field);
+  auto values = Tressel::readField<unsigned char>(*classes);
+  if (auto index = grid(Tressel::StandardCartesianChart3D, "PointIndex")) {
+    const auto order = Tressel::readField<unsigned long long>(*index);
+    std::vector<unsigned char> sorted(values.size());
+    for (std::size_t k = 0; k < values.size() && k < order.size(); ++k)
+      if (order[k] < sorted.size())
+        sorted[order[k]] = values[k];
+    return sorted;
+  }
+  return values;
+}
+
+Host::Host(const Common& common)
+    : common_(common), terminal_(::isatty(STDERR_FILENO) == 1),
+      start_(std::chrono::steady_clock::now()) {}
+
+Basalt::StrongPtr<Basalt::LoaderProgress> Host::progress(const std::string& what) const {
+  if (common_.quiet || !terminal_)
+    return {};
+  return std::make_shared<Phase>(what);
+}
+
+namespace {
+
+// Ends a step's progress line with its point count, when there is one.
+void finish(const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, std::size_t points) {
+  if (auto* phase = dynamic_cast<Phase*>(progress.get())) {
+    phase->setPoints(points);
+    phase->finish();
+  }
+}
+
+Cloud loadBundle(const std::string& path) {
+  Tressel::Bundle bundle;
+  if (!bundle.bindTo(path))
+    throw Error(bundle.lastError());
+  const auto ids = bundle.getGridIdentifiers();
+  if (ids.empty())
+    throw Error(path + ": the bundle holds no grid");
+  return {(*bundle.findSlice(ids.front().time))[ids.front().grid], std::nullopt};
+}
+
+void saveBundle(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid) {
+  Tressel::Bundle bundle;
+  // The base policy writes every field as it is: positions stay double, so a bundle keeps the
+  // coordinates of the file it came from.
+  if (!bundle.bindToNew(path, std::make_shared<Tressel::StorageTransformations>()))
+    throw Error(bundle.lastError());
+  bundle[0.0]->setGrid(grid->Name().empty() ? "cloud" : grid->Name(), grid);
+  if (!bundle.save())
+    throw Error(bundle.lastError());
+}
+
+} // namespace
+
+Cloud Host::load(const std::string& path) const {
+  const auto shown = progress("read " + path);
+  Cloud cloud;
+  if (isBundle(path)) {
+    cloud = loadBundle(path);
+  } else {
+    auto read = Las::read(path, common_.fragmentPoints);
+    cloud = {read.grid, std::move(read.info)};
+  }
+  finish(shown, pointCount(*cloud.grid));
+  return cloud;
+}
+
+void Host::save(const std::string& path, const Cloud& cloud) const {
+  const auto shown = progress("write " + path);
+  if (isBundle(path))
+    saveBundle(path, cloud.grid);
+  else
+    Las::write(path, *cloud.grid, cloud.las ? &*cloud.las : nullptr);
+  finish(shown, pointCount(*cloud.grid));
+}
+
+void Host::run(const std::string& what, std::size_t count,
+               const std::function<void()>& step) const {
+  const auto shown = progress(what);
+  step();
+  finish(shown, count);
+}
+
+void Host::summary(const std::string& command, const Tressel::Grid& grid) const {
+  if (common_.quiet)
+    return;
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  const std::size_t n = pointCount(grid);
+  const auto positions = grid.CartesianPositions();
+  std::fprintf(stderr, "quorvel %s: %zu points, %zu fragments, %.3f s, %.0f points/s\n",
+               command.c_str(), n, positions ? positions->nFragments() : 0, seconds,
+               seconds > 0 ? static_cast<double>(n) / seconds : 0.0);
+}
+
+} // namespace Quorvel::Cli

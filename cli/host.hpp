@@ -1,0 +1,77 @@
+// quorvel host: what every command shares: the common options, loading and saving clouds,
+// progress on the terminal and the summary line.
+#pragma once
+
+#include "basalt/LoaderProgress.hpp"
+#include "io/las.hpp"
+#include "tressel/Grid.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Quorvel::Cli {
+
+// A failure the host reports as "quorvel: error: <text>" with exit code 1.
+struct Error : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Options every command accepts, before or after its name.
+struct Common {
+  // 0: a file is one fragment, so no result depends on tiling; N: x-y tiles of about N points.
+  std::size_t fragmentPoints = 0;
+  // No progress bar and no summary line.
+  bool quiet = false;
+  // Worker threads for commands whose parameter box has a thread count; unset keeps the box's.
+  std::optional<int> threads;
+};
+
+// Adds the common options to a command line (the host's and every command's, bound to the same
+// settings, so that they are accepted in both places).
+void addCommonOptions(CLI::App& app, Common& common);
+
+// A point cloud as loaded, with what writing it back as LAS needs.
+struct Cloud {
+  Basalt::StrongPtr<Tressel::Grid> grid;
+  std::optional<Las::FileInfo> las;
+};
+
+// Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
+bool isBundle(const std::string& path);
+
+std::size_t pointCount(const Tressel::Grid& grid);
+
+// The values of a one-byte field in file order (by "PointIndex" where the file gave one).
+std::vector<unsigned char> classesOf(const Tressel::Grid& grid, const std::string& field,
+                                     const std::string& path);
+
+// The running host: common settings, the clock, and the progress shown while it works.
+class Host {
+public:
+  explicit Host(const Common& common);
+
+  const Common& common() const { return common_; }
+  // Progress of long steps on standard error when it is a terminal; empty otherwise.
+  Basalt::StrongPtr<Basalt::LoaderProgress> progress(const std::string& what) const;
+
+  Cloud load(const std::string& path) const;
+  void save(const std::string& path, const Cloud& cloud) const;
+  // Runs step, showing the elapsed time and the points/s over count points while it runs.
+  void run(const std::string& what, std::size_t count, const std::function<void()>& step) const;
+  // "quorvel <command>: <points> points, <fragments> fragments, <s> s, <points/s> points/s" on
+  // standard error, unless quiet.
+  void summary(const std::string& command, const Tressel::Grid& grid) const;
+
+private:
+  Common common_;
+  bool terminal_;
+  std::chrono::steady_clock::time_point start_;
+};
+
+} // namespace Quorvel::Cli
