@@ -1,10 +1,12 @@
-# Installs the built project into a scratch prefix, then configures, builds and runs the example
-# host against it with find_package(Quorvel).
+# Installs the built project into a scratch prefix, runs the installed host, then configures,
+# builds and runs the example host (which links only Quorvel::quorvel) against it with
+# find_package(Quorvel). Both run with no library path set: the installed files must find their
+# libraries by themselves.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
 function(run)
-  execute_process(COMMAND ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH ${ARGV} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT result EQUAL 0)
     message(FATAL_ERROR "failed: ${ARGV}\n${out}\n${err}")
   endif()
@@ -21,6 +23,20 @@ endforeach()
 file(GLOB_RECURSE detail_headers ${prefix}/include/*/detail/*)
 if(detail_headers)
   message(FATAL_ERROR "detail headers were installed: ${detail_headers}")
+endif()
+
+find_program(READELF readelf)
+if(READELF)
+  foreach(library libquorvel.so libquorvel_framework.so libquorvel_io.so)
+    execute_process(COMMAND ${READELF} -d ${prefix}/lib/${library} OUTPUT_VARIABLE dynamic)
+    if(NOT dynamic MATCHES "PATH.*\\$ORIGIN")
+      message(FATAL_ERROR "${library} does not find its libraries relative to itself:\n${dynamic}")
+    endif()
+  endforeach()
+endif()
+run(${prefix}/bin/quorvel info ${SOURCE_DIR}/data/sample_c.las)
+if(NOT last_output MATCHES "points: 14408")
+  message(FATAL_ERROR "unexpected output of the installed quorvel:\n${last_output}")
 endif()
 
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/host -B ${WORK_DIR}/build
