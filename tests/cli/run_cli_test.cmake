@@ -1,21 +1,7 @@
 # End-to-end runs of the quorvel host on the sample data: each step's output is checked, and a
 # failing command must leave no output file behind.
-file(REMOVE_RECURSE ${WORK_DIR})
-file(MAKE_DIRECTORY ${WORK_DIR})
+include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
 
-function(quorvel expected_code expected_output)
-  execute_process(COMMAND ${QUORVEL} ${ARGN} RESULT_VARIABLE code OUTPUT_VARIABLE out
-                  ERROR_VARIABLE err)
-  if(NOT code EQUAL expected_code)
-    message(FATAL_ERROR "quorvel ${ARGN}: exit ${code}, ${expected_code} expected\n${out}\n${err}")
-  endif()
-  string(FIND "${out}${err}" "${expected_output}" at)
-  if(at EQUAL -1)
-    message(FATAL_ERROR "quorvel ${ARGN}: no \"${expected_output}\" in\n${out}\n${err}")
-  endif()
-endfunction()
-
-set(data ${SOURCE_DIR}/data)
 quorvel(0 "classes: 2:1368 3:93 4:29 5:7 6:12525 11:2 14:45 31:339" info ${data}/sample_c.las)
 quorvel(0 "points: 14408" info ${data}/sample_nc.las)
 
@@ -45,3 +31,30 @@ quorvel(1 "not a LAS file" cellsize ${WORK_DIR}/foreign.las -o ${WORK_DIR}/never
 if(EXISTS ${WORK_DIR}/never.las)
   message(FATAL_ERROR "a failed command left an output file")
 endif()
+
+# Common options work before and after the command name; a file is one fragment by default.
+quorvel(0 "fragments: 1" info ${data}/sample_c.las)
+quorvel(0 "setCellSize: CellTensor for 14408 points in 4 fragments" cellsize
+        ${data}/sample_c.las -o ${WORK_DIR}/cells.las --fragment-points 5000)
+quorvel(0 "setCellSize: CellTensor for 14408 points in 1 fragments" cellsize
+        ${data}/sample_c.las -o ${WORK_DIR}/cells.las)
+quorvel(0 "threads: 1" --threads 1 transfer ${data}/sample_c_thin.las ${data}/sample_nc.las
+        -o ${WORK_DIR}/t1.las)
+quorvel(0 "threads: 2" --threads 1 transfer ${data}/sample_c_thin.las ${data}/sample_nc.las
+        -o ${WORK_DIR}/t1.las --threads 2)
+quorvel(0 "dimension: 2" transfer --dimension 2 --bands 1 ${data}/sample_c_thin.las
+        ${data}/sample_nc.las -o ${WORK_DIR}/t1.las)
+quorvel(0 "setCellSize" cellsize ${data}/sample_c.las -o ${WORK_DIR}/cells.las --quiet)
+if(quorvel_output MATCHES "quorvel cellsize:")
+  message(FATAL_ERROR "--quiet still printed the summary line:\n${quorvel_output}")
+endif()
+
+# A command's help shows the defaults of its parameter box.
+quorvel(0 "--dimension INT=3" transfer --help)
+foreach(default "--maxradius FLOAT=250" "--threads INT=-1" "--field TEXT=Classification"
+                "--source-classes TEXT=0.000000:255.000000" "--offset TEXT=0,0,0")
+  string(FIND "${quorvel_output}" "${default}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "transfer --help does not show ${default}:\n${quorvel_output}")
+  endif()
+endforeach()
