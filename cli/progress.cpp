@@ -74,13 +74,15 @@ void Phase::draw(bool final) {
             std::string(static_cast<std::size_t>(BarWidth - filled), '.') + "] " +
             std::to_string(static_cast<int>(fraction * 100.0)) + "%";
   }
+  const std::size_t points = points_;
+  if (final && points > 0)
+    line += ": " + grouped(points) + " points,";
   char tail[96];
-  std::snprintf(tail, sizeof tail, final ? ": %.2f s" : " %.1f s", seconds);
+  std::snprintf(tail, sizeof tail, " %.*f s", final ? 2 : 1, seconds);
   line += tail;
-  if (const std::size_t points = points_; points > 0 && seconds > 0.0) {
-    std::snprintf(tail, sizeof tail, ", %.0f points/s", static_cast<double>(points) / seconds);
-    line += (final ? ", " + grouped(points) + " points" : std::string()) + tail;
-  }
+  if (points > 0 && seconds > 0.0)
+    line += ", " + grouped(static_cast<std::size_t>(static_cast<double>(points) / seconds)) +
+            " points/s";
   if (final)
     line += "\n";
   std::fputs(line.c_str(), stderr);

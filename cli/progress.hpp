@@ -28,7 +28,7 @@ public:
   void progress(double fraction, const std::string& what) override;
   // Sets the points the step handles, for the rate.
   void setPoints(std::size_t points) { points_ = points; }
-  // Stops the redrawing and writes the final line "<label>: <points> points, <s> s, <rate>".
+  // Stops the redrawing and writes the final line "<label>: <points> points, <s> s, <n> points/s".
   void finish();
 
 private:
