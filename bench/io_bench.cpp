@@ -47,7 +47,7 @@ void BM_WriteLas(benchmark::State& state) {
   const auto cloud = Quorvel::Las::read(sampleFile());
   const std::string out = sampleFile() + ".out";
   for (auto _ : state)
-    Quorvel::Las::write(out, *cloud.grid, &cloud.info);
+    Quorvel::Las::write(out, *cloud.grid);
   state.SetBytesProcessed(state.iterations() *
                           static_cast<long long>(std::filesystem::file_size(out)));
   state.SetItemsProcessed(state.iterations() * 1'000'000);

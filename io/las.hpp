@@ -1,17 +1,20 @@
 // Quorvel: LAS files (versions 1.0 to 1.4, point formats 0 to 10) to point-cloud grids and back.
 #pragma once
 
+#include "basalt/LoaderProgress.hpp"
 #include "tressel/Grid.hpp"
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Quorvel::Las {
 
-// A file that cannot be read or written; the text names the file and the problem.
+// A file that cannot be read or written; the text names the file and every problem found.
 struct Error : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -19,19 +22,19 @@ struct Error : std::runtime_error {
 // A variable-length record (or an extended one, after the points), kept as read.
 struct Vlr {
   std::uint16_t reserved = 0;
-  std::string userId; // 16 bytes, zero padded
+  std::string userId; // up to 16 bytes
   std::uint16_t recordId = 0;
-  std::string description; // 32 bytes, zero padded
+  std::string description; // up to 32 bytes
   std::vector<std::uint8_t> data;
 };
 
 // One extra-bytes dimension: its 192-byte descriptor and what the reader made of it.
 struct ExtraBytes {
   std::array<std::uint8_t, 192> descriptor{};
-  std::string name;
-  int dataType =
-      0; // 1 to 10: uchar, char, ushort, short, ulong, long, ulonglong, longlong, float, double
-  int size = 0; // bytes per point
+  std::string name; // the field it becomes (the descriptor's name, made unique)
+  int dataType = 0; // 1 to 10: uint8, int8, uint16, int16, uint32, int32, uint64, int64,
+                    // float32, float64; 0: undescribed bytes, kept in no field
+  int size = 0;     // bytes per point
 };
 
 // The public header block, as plain values.
@@ -42,7 +45,7 @@ struct Header {
   std::uint8_t versionMajor = 1, versionMinor = 4;
   std::string systemId = "Quorvel";
   std::string software = "Quorvel";
-  std::uint16_t day = 0, year = 0;
+  std::uint16_t day = 0, year = 0; // creation day of year (1 to 366) and year
   std::uint16_t headerSize = 375;
   std::uint32_t pointOffset = 375;
   std::uint32_t vlrCount = 0;
@@ -66,26 +69,67 @@ struct FileInfo {
 };
 
 struct ReadResult {
-  FileInfo info;
+  FileInfo info; // the same as fileInfo(*grid), for convenience
   Basalt::StrongPtr<Tressel::Grid> grid;
 };
 
-// Reads a LAS file into a point-cloud grid: "Positions" (scale and offset applied),
-// "Classification" (the whole byte for formats 6 to 10, five bits otherwise), "Intensity",
-// "ReturnNumber", "NumberOfReturns", "LastReturn", "ScanDirectionFlag", "EdgeOfFlightLine",
-// "Synthetic", "KeyPoint", "Withheld", "ScanAngle" (degrees), "UserData", "PointSourceId",
-// "GpsTime", "Overlap", "ScannerChannel", "RGB", "NIR", the wave-packet values, every
-// extra-bytes dimension under its own name and type, and "PointIndex" (the place of the point in
-// the file). Points are split into x-y tiles of about fragmentPoints points each (one fragment
-// when fragmentPoints is at or above the point count), keeping file order within a tile.
-// Throws Error naming the file and every problem found.
-ReadResult read(const std::string& path, std::size_t fragmentPoints = 250000);
+// Reads a LAS file into a point-cloud grid: "Positions" (scale and offset applied), "Intensity",
+// "ReturnNumber", "NumberOfReturns", the flags, "Classification" (the whole byte for formats 6
+// to 10, five bits otherwise), "UserData", "PointSourceId", "GpsTime", "Overlap",
+// "ScannerChannel", "NIR", the wave-packet values, every extra-bytes dimension under its own name
+// and type, then "ScanAngle" (degrees), "LastReturn", "PointIndex" (the place of the point in the
+// file) and "RGB". The header, VLRs and EVLRs travel on the grid as attributes (see
+// docs/bundle-format.md), so a bundle keeps them. One fragment when fragmentPoints is 0 (no
+// result then depends on tiling); otherwise x-y tiles of about fragmentPoints points
+// (Tressel::tilePartitionByCount), file order kept within a tile. Throws Error naming the file
+// and every problem found; warnings about tolerated oddities go to standard error.
+ReadResult read(const std::string& path, std::size_t fragmentPoints = 0,
+                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
 
-// Writes a grid as LAS 1.4 in file order ("PointIndex" where present). With info, its scale,
-// offset, point format, VLRs and EVLRs are kept; a class above 31 moves formats 0 to 5 to 6, 7,
-// 9 or 10; per-point fields without a place in the format become extra-bytes dimensions.
-// Coordinates that do not fit (NaN, out of range) are an error. The file appears only when
-// completely written.
-void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* info = nullptr);
+// How write() places the integer coordinates.
+struct WriteOptions {
+  // Per-axis scale; nullopt keeps the grid's LAS scale, or 0.001 when it has none. Finite and
+  // positive.
+  std::optional<std::array<double, 3>> scale;
+  // Per-axis offset; nullopt keeps the grid's LAS offset, or the floor of the points' minimum
+  // when it has none.
+  std::optional<std::array<double, 3>> offset;
+  bool autoScale = false;  // 0.001 even when the grid has a LAS scale (scale must be nullopt)
+  bool autoOffset = false; // the floor of the minimum even when the grid has a LAS offset
+};
+
+// Writes a grid as LAS in file order ("PointIndex" where present, else fragment after
+// fragment). The grid's LAS attributes (from read() or a bundle) give the version, point format,
+// scale, offset, header fields, VLRs and EVLRs; a grid without them gets LAS 1.4 and format 6, 7
+// or 8 (by RGB and NIR). A field or class that the format cannot hold moves the file to the
+// smallest format (and version) that holds it, said in one line on standard error. Per-point
+// fields without a place in the record become extra-bytes dimensions. A coordinate or value that
+// does not fit is an error, never truncated. The file appears only when completely written; a
+// failed write leaves an earlier file intact.
+void write(const std::string& path, const Tressel::Grid& grid, const WriteOptions& options = {},
+           const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
+
+// Writes with info as the LAS origin instead of the grid's attributes (nullptr: none at all).
+void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* info);
+
+// What one pass over a file's records tells without building a grid.
+struct Summary {
+  Header header;
+  std::uint64_t pointCount = 0;
+  // The fields read() makes, in its order: name and element type ("uint8", "point", ...).
+  std::vector<std::pair<std::string, std::string>> fields;
+  std::array<double, 3> min{0, 0, 0}, max{0, 0, 0}; // of the points (zeros when there are none)
+  std::array<std::uint64_t, 256> classCounts{};     // points per "Classification" value
+};
+
+// Summarizes a file: header checks as read(), then one pass over the mapped records reading only
+// coordinates and classes.
+Summary summarize(const std::string& path);
+
+// The LAS origin a grid carries as attributes; nullopt when it has none.
+std::optional<FileInfo> fileInfo(const Tressel::Grid& grid);
+
+// Puts info on the grid as attributes (replacing any LAS attributes it had).
+void setFileInfo(Tressel::Grid& grid, const FileInfo& info);
 
 } // namespace Quorvel::Las

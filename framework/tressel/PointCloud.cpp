@@ -155,4 +155,32 @@ StrongPtr<Grid> PointCloudBuilder::build(const Partition& partition,
   return grid;
 }
 
+FragmentArrays::FragmentArrays(std::vector<std::size_t> fragmentSizes)
+    : sizes_(std::move(fragmentSizes)) {}
+
+StrongPtr<Grid> FragmentArrays::build(const std::string& gridName) const {
+  auto grid = std::make_shared<Grid>(gridName);
+  auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
+  auto layout = std::make_shared<FragmentIDCollection>();
+  std::vector<StrongPtr<FragmentID>> ids;
+  for (std::size_t k = 0; k < sizes_.size(); ++k)
+    ids.push_back(layout->makeFragmentID("fragment_" + std::to_string(k)));
+  for (const Column& column : columns_) {
+    StrongPtr<Field> field;
+    for (std::size_t k = 0; k < sizes_.size(); ++k) {
+      const StrongPtr<MemBase>& data = column.arrays[k];
+      if (!field)
+        field = rep->makeField(rep->makeFieldID(column.name), layout, *data);
+      auto creator = field->setPersistentData(data, ids[k]);
+      if (column.name == PositionsFieldName) {
+        StrongPtr<BoundingBox> box;
+        ExpandBBox(box, creator, BBoxStore);
+      }
+    }
+    if (!field)
+      rep->makeField(rep->makeFieldID(column.name), layout, *column.prototype);
+  }
+  return grid;
+}
+
 } // namespace Tressel

@@ -75,6 +75,49 @@ private:
   std::vector<Column> fields_;
 };
 
+// Builds a point cloud whose fragment arrays are filled in place, for file readers that decode
+// straight into them: each field gets one typed array per fragment, the caller writes the values
+// through the pointers returned, and build() attaches the arrays to a grid without copying them.
+// Fields appear in the order they were added; "Positions" gets each fragment's stored bounding
+// box when built.
+//
+//   Tressel::FragmentArrays cloud({fragment0Points, fragment1Points});
+//   const std::vector<point*> xyz = cloud.addField<point>(Tressel::PositionsFieldName);
+//   const std::vector<unsigned char*> classes = cloud.addField<unsigned char>("Classification");
+//   ... xyz[k][i] = ...;
+//   auto grid = cloud.build("tile");
+class FragmentArrays {
+public:
+  explicit FragmentArrays(std::vector<std::size_t> fragmentSizes);
+
+  const std::vector<std::size_t>& fragmentSizes() const { return sizes_; }
+
+  // The arrays of a new field, one per fragment (value-initialised by their chunks).
+  template <class T>
+  std::vector<T*> addField(const std::string& name) {
+    Column column{name, {}, std::make_shared<MemArray<1, T>>(MultiIndex<1>(0))};
+    std::vector<T*> out;
+    for (std::size_t size : sizes_) {
+      auto array = std::make_shared<MemArray<1, T>>(MultiIndex<1>(size));
+      out.push_back(array->data());
+      column.arrays.push_back(std::move(array));
+    }
+    columns_.push_back(std::move(column));
+    return out;
+  }
+
+  StrongPtr<Grid> build(const std::string& gridName = "PointCloud") const;
+
+private:
+  struct Column {
+    std::string name;
+    std::vector<StrongPtr<MemBase>> arrays;
+    StrongPtr<MemBase> prototype; // types the field when there are no fragments
+  };
+  std::vector<std::size_t> sizes_;
+  std::vector<Column> columns_;
+};
+
 // A field's values as one array, fragment after fragment in layout order. Throws
 // std::runtime_error when a fragment holds no array of element type T.
 template <class T>

@@ -1,6 +1,8 @@
-// Tests of LAS reading and writing: lossless round trips of real files, format promotion, new
-// fields as extra bytes, and one clear error for each kind of damaged file.
+// Tests of LAS reading and writing: lossless round trips of real files directly and through a
+// bundle, tiles against one fragment, format changes, new fields as extra bytes, write options,
+// safe replacement of files, progress and the summary.
 #include "io/las.hpp"
+#include "tressel/Bundle.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include "support/ScratchDirectory.hpp"
@@ -10,17 +12,23 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 namespace {
 
 namespace fs = std::filesystem;
 using Vantor::PhysicalSpace::point;
 
-const fs::path RealData = QUORVEL_REAL_DATA;
+const fs::path SampleData = QUORVEL_SAMPLE_DATA;
 
 using LasFiles = ScratchDirectory;
 
-// Every field's bytes, fragment after fragment.
+std::vector<char> bytesOf(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Every field's element type and bytes, fragment after fragment.
 std::map<std::string, std::pair<std::string, std::vector<std::uint8_t>>>
 contents(const Tressel::Grid& grid) {
   std::map<std::string, std::pair<std::string, std::vector<std::uint8_t>>> out;
@@ -38,157 +46,268 @@ contents(const Tressel::Grid& grid) {
   return out;
 }
 
-TEST_F(LasFiles, RealFilesRoundTripWithoutLoss) {
-  for (const char* name : {"sample_c.las", "autzen_trim_7.las", "lidarhd_pf8_extrabytes.las",
-                           "nebraska_wkt_geotiff.las", "vegetation_1_3.las"}) {
-    const auto path = RealData / name;
-    if (!fs::exists(path))
-      GTEST_SKIP() << "sample data not found at " << RealData;
-    const auto first = Quorvel::Las::read(path.string(), 5000);
-    Quorvel::Las::write(file("copy.las"), *first.grid, &first.info);
-    const auto second = Quorvel::Las::read(file("copy.las"), 5000);
-    EXPECT_EQ(second.info.header.pointFormat, first.info.header.pointFormat) << name;
-    EXPECT_EQ(second.info.header.scale, first.info.header.scale) << name;
-    EXPECT_EQ(second.info.header.offset, first.info.header.offset) << name;
-    // The extra-bytes records are written as one; every other VLR is kept as it was.
-    auto others = [](const Quorvel::Las::FileInfo& info) {
-      std::vector<std::vector<std::uint8_t>> kept;
-      for (const auto& v : info.vlrs)
-        if (!(v.userId == "LASF_Spec" && v.recordId == 4))
-          kept.push_back(v.data);
-      return kept;
-    };
-    EXPECT_EQ(others(second.info), others(first.info)) << name;
-    ASSERT_EQ(second.info.extraBytes.size(), first.info.extraBytes.size()) << name;
-    for (std::size_t k = 0; k < first.info.extraBytes.size(); ++k)
-      EXPECT_EQ(second.info.extraBytes[k].descriptor, first.info.extraBytes[k].descriptor) << name;
+template <class T>
+std::vector<T> values(const Tressel::Grid& grid, const std::string& name) {
+  return Tressel::readField<T>(*grid(Tressel::StandardCartesianChart3D, name));
+}
+
+// Saves a grid in a bundle and loads it back.
+Basalt::StrongPtr<Tressel::Grid> throughBundle(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                               const std::string& path) {
+  auto out = std::make_shared<Tressel::Bundle>();
+  EXPECT_TRUE(out->bindToNew(path, nullptr));
+  (*out)[0.0]->setGrid("cloud", grid);
+  EXPECT_TRUE(out->save()) << out->lastError();
+  auto in = std::make_shared<Tressel::Bundle>();
+  EXPECT_TRUE(in->bindTo(path)) << in->lastError();
+  return (*in->findSlice(0.0))["cloud"];
+}
+
+TEST_F(LasFiles, SampleFilesRoundTripWithoutLossDirectlyAndThroughABundle) {
+  // LAS 1.2 format 3; LAS 1.4 format 6 with WKT and GeoTIFF records; LAS 1.3 format 1 with
+  // negative coordinates; a z scale of 1e-5.
+  for (const char* name :
+       {"sample_c.las", "nebraska_wkt_geotiff.las", "vegetation_1_3.las", "hexbin-crop.las"}) {
+    const std::string path = (SampleData / name).string();
+    const auto first = Quorvel::Las::read(path);
+    Quorvel::Las::write(file("direct.las"), *first.grid);
+    Quorvel::Las::write(file("bundled.las"), *throughBundle(first.grid, file("cloud.h5")));
+    // Both copies are the same bytes: the bundle kept everything LAS needs.
+    EXPECT_TRUE(bytesOf(file("direct.las")) == bytesOf(file("bundled.las"))) << name;
+
+    const auto second = Quorvel::Las::read(file("bundled.las"));
+    const Quorvel::Las::Header &a = first.info.header, &b = second.info.header;
+    EXPECT_EQ(b.versionMinor, a.versionMinor) << name;
+    EXPECT_EQ(b.pointFormat, a.pointFormat) << name;
+    EXPECT_EQ(b.scale, a.scale) << name;
+    EXPECT_EQ(b.offset, a.offset) << name;
+    EXPECT_EQ(b.recordLength, a.recordLength) << name;
+    EXPECT_EQ(
+        std::tie(b.systemId, b.software, b.fileSourceId, b.globalEncoding, b.guid, b.day, b.year),
+        std::tie(a.systemId, a.software, a.fileSourceId, a.globalEncoding, a.guid, a.day, a.year))
+        << name;
+    ASSERT_EQ(second.info.vlrs.size(), first.info.vlrs.size()) << name;
+    for (std::size_t k = 0; k < first.info.vlrs.size(); ++k) {
+      const auto &v = first.info.vlrs[k], &w = second.info.vlrs[k];
+      EXPECT_EQ(std::tie(w.userId, w.recordId, w.description, w.data),
+                std::tie(v.userId, v.recordId, v.description, v.data))
+          << name << " VLR " << k;
+    }
     EXPECT_EQ(second.info.evlrs.size(), first.info.evlrs.size()) << name;
-    const auto a = contents(*first.grid), b = contents(*second.grid);
-    ASSERT_EQ(a.size(), b.size()) << name;
-    for (const auto& [field, value] : a) {
-      ASSERT_TRUE(b.count(field)) << name << " " << field;
-      EXPECT_EQ(b.at(field).first, value.first) << name << " " << field;
-      EXPECT_TRUE(b.at(field).second == value.second) << name << " " << field;
+    const auto before = contents(*first.grid), after = contents(*second.grid);
+    ASSERT_EQ(after.size(), before.size()) << name;
+    for (const auto& [field, value] : before) {
+      ASSERT_TRUE(after.count(field)) << name << " " << field;
+      EXPECT_EQ(after.at(field).first, value.first) << name << " " << field;
+      EXPECT_TRUE(after.at(field).second == value.second) << name << " " << field;
     }
   }
 }
 
-TEST_F(LasFiles, FieldsFragmentsAndOrder) {
-  const auto path = RealData / "lidarhd_pf8_extrabytes.las";
-  if (!fs::exists(path))
-    GTEST_SKIP() << "sample data not found";
-  const auto cloud = Quorvel::Las::read(path.string(), 1000);
-  auto& grid = *cloud.grid;
-  auto positions = grid.CartesianPositions();
-  ASSERT_NE(positions, nullptr);
-  EXPECT_GT(positions->nFragments(), 1u);
-  for (const char* field : {"Classification", "Intensity", "ReturnNumber", "NumberOfReturns",
-                            "LastReturn", "GpsTime", "RGB", "NIR", "PointIndex", "ScanAngle"})
-    EXPECT_NE(grid(Tressel::StandardCartesianChart3D, field), nullptr) << field;
-  EXPECT_FALSE(cloud.info.extraBytes.empty());
-  for (const auto& extra : cloud.info.extraBytes)
-    EXPECT_NE(grid(Tressel::StandardCartesianChart3D, extra.name), nullptr) << extra.name;
-  // LastReturn is 1 exactly where the return number equals the number of returns.
-  const auto rn =
-      Tressel::readField<unsigned char>(*grid(Tressel::StandardCartesianChart3D, "ReturnNumber"));
-  const auto nr = Tressel::readField<unsigned char>(
-      *grid(Tressel::StandardCartesianChart3D, "NumberOfReturns"));
-  const auto last =
-      Tressel::readField<unsigned char>(*grid(Tressel::StandardCartesianChart3D, "LastReturn"));
-  for (std::size_t i = 0; i < rn.size(); ++i)
-    ASSERT_EQ(last[i], rn[i] == nr[i] ? 1 : 0);
-  // One fragment when the target is at or above the point count.
-  EXPECT_EQ(Quorvel::Las::read(path.string(), 1u << 30).grid->CartesianPositions()->nFragments(),
-            1u);
+TEST_F(LasFiles, TilesHoldTheValuesOfOneFragmentInFileOrder) {
+  const std::string path = (SampleData / "sample_c.las").string();
+  const auto whole = Quorvel::Las::read(path);
+  const auto tiled = Quorvel::Las::read(path, 1000);
+  ASSERT_EQ(whole.grid->CartesianPositions()->nFragments(), 1u);
+  ASSERT_GT(tiled.grid->CartesianPositions()->nFragments(), 5u);
+  const auto index = values<unsigned long long>(*tiled.grid, "PointIndex");
+  EXPECT_EQ(values<unsigned long long>(*whole.grid, "PointIndex")[100], 100u);
+  // Each field of the tiles, put back in file order, is the field of the whole file.
+  const auto w = contents(*whole.grid), t = contents(*tiled.grid);
+  ASSERT_EQ(w.size(), t.size());
+  for (const auto& [field, value] : w) {
+    const auto& [type, tiles] = t.at(field);
+    const std::size_t size = value.second.size() / index.size();
+    std::vector<std::uint8_t> ordered(value.second.size());
+    for (std::size_t g = 0; g < index.size(); ++g)
+      std::memcpy(ordered.data() + index[g] * size, tiles.data() + g * size, size);
+    EXPECT_TRUE(ordered == value.second) << field;
+  }
+  // Within a tile, file order; and the tiles written back give the file of the whole.
+  tiled.grid->CartesianPositions()->iterate(
+      [&, g = std::size_t(0)](const auto&, const auto& creator) mutable {
+        const std::size_t n = creator->peekData()->nElements();
+        for (std::size_t j = 1; j < n; ++j)
+          EXPECT_LT(index[g + j - 1], index[g + j]);
+        g += n;
+        return true;
+      });
+  Quorvel::Las::write(file("whole.las"), *whole.grid);
+  Quorvel::Las::write(file("tiled.las"), *tiled.grid);
+  EXPECT_TRUE(bytesOf(file("whole.las")) == bytesOf(file("tiled.las")));
 }
 
-TEST_F(LasFiles, HighClassesPromoteTheFormatAndNewFieldsBecomeExtraBytes) {
+TEST_F(LasFiles, FormatsMoveOnlyWhereAFieldNeedsIt) {
+  const std::string path = (SampleData / "vegetation_1_3.las").string(); // LAS 1.3, format 1
+  auto cloud = Quorvel::Las::read(path);
+  ASSERT_EQ(cloud.info.header.pointFormat, 1);
+  const std::size_t n = values<point>(*cloud.grid, "Positions").size();
+
+  struct Case {
+    const char* what;
+    std::function<void(Tressel::Grid&)> change;
+    int format, minor;
+  };
+  auto setField = [n](const char* name, auto value) {
+    return [=](Tressel::Grid& grid) {
+      auto field = grid(Tressel::StandardCartesianChart3D, name);
+      field->iterate([&](const auto&, const auto& creator) {
+        auto* data = static_cast<decltype(value)*>(creator->peekData()->myChunk()->rawData());
+        std::fill(data, data + n, value);
+        return true;
+      });
+    };
+  };
+  const std::vector<Case> cases = {
+      {"unchanged", [](Tressel::Grid&) {}, 1, 3},
+      {"class 32", setField("Classification", static_cast<unsigned char>(32)), 6, 4},
+      {"return 8", setField("ReturnNumber", static_cast<unsigned char>(8)), 6, 4},
+  };
+  for (const Case& c : cases) {
+    auto copy = Quorvel::Las::read(path).grid;
+    c.change(*copy);
+    Quorvel::Las::write(file("out.las"), *copy);
+    const auto back = Quorvel::Las::read(file("out.las"));
+    EXPECT_EQ(back.info.header.pointFormat, c.format) << c.what;
+    EXPECT_EQ(back.info.header.versionMinor, c.minor) << c.what;
+    EXPECT_EQ(values<unsigned char>(*back.grid, "Classification"),
+              values<unsigned char>(*copy, "Classification"))
+        << c.what;
+    EXPECT_EQ(values<point>(*back.grid, "Positions"), values<point>(*copy, "Positions")) << c.what;
+  }
+
+  // RGB on a format-1 grid: format 3, the smallest with GPS time and colour.
   Tressel::PointCloudBuilder builder({{1.5, 2.25, 3.125}, {4, 5, 6}});
-  builder.addField("Classification", std::vector<unsigned char>{2, 200});
+  builder.addField("RGB", std::vector<Vantor::RGB16>{{1, 2, 3}, {4, 5, 6}});
   builder.addField("Planarity", std::vector<float>{0.25f, 0.75f});
+  builder.addField("Classification", std::vector<unsigned char>{2, 40});
   auto grid = builder.build({{1}, {0}});
-  Quorvel::Las::FileInfo info;
-  info.header.pointFormat = 1;
-  info.header.recordLength = 28;
-  Quorvel::Las::write(file("new.las"), *grid, &info);
+  Quorvel::Las::FileInfo info = cloud.info;
+  Quorvel::Las::setFileInfo(*grid, info);
+  Quorvel::Las::write(file("new.las"), *grid);
   const auto back = Quorvel::Las::read(file("new.las"));
-  EXPECT_EQ(back.info.header.pointFormat, 6);
+  EXPECT_EQ(back.info.header.pointFormat, 7); // colour and a class above 31
   ASSERT_EQ(back.info.extraBytes.size(), 1u);
   EXPECT_EQ(back.info.extraBytes[0].name, "Planarity");
   // Without "PointIndex" the points are written fragment after fragment.
-  EXPECT_EQ(Tressel::readField<unsigned char>(
-                *(*back.grid)(Tressel::StandardCartesianChart3D, "Classification")),
-            (std::vector<unsigned char>{200, 2}));
-  EXPECT_EQ(
-      Tressel::readField<float>(*(*back.grid)(Tressel::StandardCartesianChart3D, "Planarity")),
-      (std::vector<float>{0.75f, 0.25f}));
-  EXPECT_EQ(Tressel::readField<point>(*back.grid->CartesianPositions())[1],
-            (point{1.5, 2.25, 3.125}));
-
-  Tressel::PointCloudBuilder bad({{std::nan(""), 0, 0}});
-  EXPECT_THROW(Quorvel::Las::write(file("nan.las"), *bad.build({{0}})), Quorvel::Las::Error);
-  EXPECT_FALSE(fs::exists(file("nan.las")));
+  EXPECT_EQ(values<unsigned char>(*back.grid, "Classification"),
+            (std::vector<unsigned char>{40, 2}));
+  EXPECT_EQ(values<float>(*back.grid, "Planarity"), (std::vector<float>{0.75f, 0.25f}));
+  EXPECT_EQ(values<Vantor::RGB16>(*back.grid, "RGB")[0], (Vantor::RGB16{4, 5, 6}));
+  EXPECT_EQ(values<point>(*back.grid, "Positions")[1], (point{1.5, 2.25, 3.125}));
 }
 
-// A copy of sample_c.las with some bytes changed or the file cut.
-std::string damaged(const std::string& to, std::size_t keep,
-                    const std::function<void(std::vector<char>&)>& change) {
-  std::ifstream in(RealData / "sample_c.las", std::ios::binary);
-  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  bytes.resize(std::min(keep, bytes.size()));
-  if (change)
-    change(bytes);
-  std::ofstream(to, std::ios::binary)
-      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return to;
+TEST_F(LasFiles, ScaleAndOffsetFollowTheGridOrTheOptions) {
+  Tressel::PointCloudBuilder builder({{1000.25, -20.5, 3.125}, {1010.75, 4, 6}});
+  auto grid = builder.build({{0, 1}});
+  Quorvel::Las::write(file("plain.las"), *grid);
+  auto back = Quorvel::Las::read(file("plain.las"));
+  EXPECT_EQ(back.info.header.versionMinor, 4);
+  EXPECT_EQ(back.info.header.pointFormat, 6);
+  EXPECT_EQ(back.info.header.scale, (std::array<double, 3>{0.001, 0.001, 0.001}));
+  EXPECT_EQ(back.info.header.offset, (std::array<double, 3>{1000, -21, 3}));
+  EXPECT_EQ(back.info.header.min, (std::array<double, 3>{1000.25, -20.5, 3.125}));
+
+  // A grid from LAS keeps its origin unless the options say otherwise.
+  Quorvel::Las::WriteOptions options;
+  options.scale = std::array<double, 3>{0.25, 0.5, 0.125};
+  Quorvel::Las::write(file("scaled.las"), *back.grid, options);
+  const auto scaled = Quorvel::Las::read(file("scaled.las"));
+  EXPECT_EQ(scaled.info.header.scale, *options.scale);
+  EXPECT_EQ(scaled.info.header.offset, back.info.header.offset);
+  EXPECT_EQ(values<point>(*scaled.grid, "Positions")[0], (point{1000.25, -20.5, 3.125}));
+  Quorvel::Las::setFileInfo(*scaled.grid, [&] {
+    auto info = scaled.info;
+    info.header.offset = {7, 7, 7};
+    return info;
+  }());
+  Quorvel::Las::WriteOptions automatic;
+  automatic.autoOffset = true;
+  Quorvel::Las::write(file("auto.las"), *scaled.grid, automatic);
+  EXPECT_EQ(Quorvel::Las::read(file("auto.las")).info.header.offset,
+            (std::array<double, 3>{1000, -21, 3}));
+  EXPECT_EQ(Quorvel::Las::read(file("auto.las")).info.header.scale, *options.scale);
+
+  options.scale = std::array<double, 3>{0, 1, 1};
+  EXPECT_THROW(Quorvel::Las::write(file("zero.las"), *grid, options), Quorvel::Las::Error);
 }
 
-TEST_F(LasFiles, DamagedFilesGiveOneClearError) {
-  if (!fs::exists(RealData / "sample_c.las"))
-    GTEST_SKIP() << "sample data not found";
-  auto message = [](const std::string& path) {
+TEST_F(LasFiles, AFailedWriteLeavesTheEarlierFileIntact) {
+  const std::string target = file("kept.las");
+  Tressel::PointCloudBuilder good({{1, 2, 3}});
+  Quorvel::Las::write(target, *good.build({{0}}));
+  const auto earlier = bytesOf(target);
+  auto expectError = [&](const Tressel::Grid& grid, const std::string& text) {
     try {
-      Quorvel::Las::read(path);
+      Quorvel::Las::write(target, grid);
+      ADD_FAILURE() << "no error for " << text;
     } catch (const Quorvel::Las::Error& e) {
-      return std::string(e.what());
+      EXPECT_NE(std::string(e.what()).find(text), std::string::npos) << e.what();
     }
-    return std::string("no error");
+    EXPECT_TRUE(bytesOf(target) == earlier) << text;
+    EXPECT_EQ(filesInDir(), 1u) << text; // no temporary left behind
   };
-  const std::size_t all = 1u << 30;
-  auto setU16 = [](std::size_t at, std::uint16_t v) {
-    return [=](std::vector<char>& b) { std::memcpy(b.data() + at, &v, 2); };
-  };
-  const std::string header = damaged(file("header.las"), 100, nullptr);
-  EXPECT_EQ(message(header), header + ": truncated header (100 of 227 bytes)");
-  const std::string points = damaged(file("points.las"), 227 + 34 * 100, nullptr);
-  EXPECT_EQ(message(points), points + ": point count 14408 is larger than the file holds (100)");
-  const std::string record = damaged(file("record.las"), all, setU16(105, 20));
-  EXPECT_EQ(message(record),
-            record + ": point record length 20 is shorter than point format 3 needs (34)");
-  const std::string format11 =
-      damaged(file("format11.las"), all, [](std::vector<char>& b) { b[104] = 11; });
-  EXPECT_EQ(message(format11), format11 + ": point format 11 is not supported");
-  const std::string foreign = file("foreign.las");
-  std::ofstream(foreign) << "x,y,z\n1,2,3\n";
-  EXPECT_EQ(message(foreign), foreign + ": not a LAS file (no LASF signature)");
-  EXPECT_EQ(message(file("absent.las")), file("absent.las") + ": no such file");
-  const std::string vlr = damaged(file("vlr.las"), all, [](std::vector<char>& b) {
-    const std::uint32_t count = 1;
-    std::memcpy(b.data() + 100, &count, 4); // a VLR that does not fit before the points
-  });
-  EXPECT_EQ(message(vlr), vlr + ": truncated VLR 0");
+  Tressel::PointCloudBuilder nan({{std::nan(""), 0, 0}});
+  expectError(*nan.build({{0}}), "coordinate nan of point 0 does not fit");
+  Tressel::PointCloudBuilder far({{1, 2, 3}, {1e12, 0, 0}});
+  expectError(*far.build({{0, 1}}), "coordinate 1000000000000 of point 1 does not fit");
+  Tressel::PointCloudBuilder angle({{1, 2, 3}});
+  angle.addField("ScanAngle", std::vector<float>{500.0f});
+  expectError(*angle.build({{0}}), "ScanAngle 500 of point 0 does not fit point format 6");
+  Tressel::PointCloudBuilder flag({{1, 2, 3}});
+  flag.addField("Synthetic", std::vector<unsigned char>{2});
+  expectError(*flag.build({{0}}), "Synthetic 2 of point 0 does not fit point format 6");
+  Tressel::PointCloudBuilder wrongType({{1, 2, 3}});
+  wrongType.addField("Intensity", std::vector<float>{2});
+  expectError(*wrongType.build({{0}}), "field \"Intensity\" holds float32");
+  Tressel::PointCloudBuilder normals({{1, 2, 3}});
+  normals.addField("NormalVector", std::vector<Vantor::PhysicalSpace::vector>{{0, 0, 1}});
+  expectError(*normals.build({{0}}), "field \"NormalVector\" of vector has no LAS representation");
+}
 
-  // A record that is too short for its extra-bytes dimensions.
-  Tressel::PointCloudBuilder builder({{1, 2, 3}, {4, 5, 6}});
-  builder.addField("Planarity", std::vector<double>{0.5, 0.25});
-  const std::string extra = file("extra.las");
-  Quorvel::Las::write(extra, *builder.build({{0, 1}}));
-  std::fstream patch(extra, std::ios::in | std::ios::out | std::ios::binary);
-  const std::uint16_t base = 30;
-  patch.seekp(105);
-  patch.write(reinterpret_cast<const char*>(&base), 2);
-  patch.close();
-  EXPECT_EQ(message(extra), extra + ": extra-bytes descriptors overrun the point record");
+struct CountingProgress : Basalt::LoaderProgress {
+  void progress(double fraction, const std::string& what) override {
+    EXPECT_GE(fraction, last);
+    last = fraction;
+    ++calls[what];
+  }
+  double last = 0;
+  std::map<std::string, int> calls;
+};
+
+TEST_F(LasFiles, ProgressAndSummary) {
+  const std::string path = (SampleData / "sample_c.las").string();
+  auto progress = std::make_shared<CountingProgress>();
+  const auto cloud = Quorvel::Las::read(path, 0, progress);
+  EXPECT_EQ(progress->last, 1.0);
+  EXPECT_GE(progress->calls["reading"], 1);
+  EXPECT_LE(progress->calls["reading"], 101);
+  progress->last = 0;
+  Quorvel::Las::write(file("copy.las"), *cloud.grid, {}, progress);
+  EXPECT_EQ(progress->last, 1.0);
+  EXPECT_LE(progress->calls["writing"], 101);
+
+  const auto summary = Quorvel::Las::summarize(path);
+  const auto xyz = values<point>(*cloud.grid, "Positions");
+  EXPECT_EQ(summary.pointCount, xyz.size());
+  for (int a = 0; a < 3; ++a) {
+    double lo = xyz[0][a], hi = xyz[0][a];
+    for (const point& p : xyz) {
+      lo = std::min(lo, p[a]);
+      hi = std::max(hi, p[a]);
+    }
+    EXPECT_EQ(summary.min[static_cast<std::size_t>(a)], lo);
+    EXPECT_EQ(summary.max[static_cast<std::size_t>(a)], hi);
+  }
+  std::array<std::uint64_t, 256> classes{};
+  for (unsigned char c : values<unsigned char>(*cloud.grid, "Classification"))
+    ++classes[c];
+  EXPECT_EQ(summary.classCounts, classes);
+  EXPECT_EQ(summary.classCounts[31], 339u);
+  const auto fields = contents(*cloud.grid);
+  ASSERT_EQ(summary.fields.size(), fields.size());
+  for (const auto& [name, type] : summary.fields)
+    EXPECT_EQ(fields.at(name).first, type) << name;
 }
 
 } // namespace

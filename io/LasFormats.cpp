@@ -1,0 +1,142 @@
+// Quorvel: the LAS point-format table.
+#include "io/detail/LasFormats.hpp"
+
+#include <array>
+
+namespace Quorvel::Las::detail {
+
+namespace {
+
+constexpr std::array<const char*, 10> KindNames = {
+    "uint8", "int8", "uint16", "int16", "uint32", "int32", "uint64", "int64", "float32", "float64"};
+
+constexpr Format Formats[FormatCount] = {
+    // length, version, gps, extended, rgb, nir, wave
+    {20, 0, false, false, -1, -1, -1}, {28, 0, true, false, -1, -1, -1},
+    {26, 2, false, false, 20, -1, -1}, {34, 2, true, false, 28, -1, -1},
+    {57, 3, true, false, -1, -1, 28},  {63, 3, true, false, 28, -1, 34},
+    {30, 4, true, true, -1, -1, -1},   {36, 4, true, true, 30, -1, -1},
+    {38, 4, true, true, 30, 36, -1},   {59, 4, true, true, -1, -1, 30},
+    {67, 4, true, true, 30, 36, 38}};
+
+std::vector<Dim> makeDims(int id) {
+  const Format& f = Formats[id];
+  std::vector<Dim> d;
+  d.push_back({"Intensity", 12, Kind::U16});
+  if (!f.extended) {
+    d.push_back({"ReturnNumber", 14, Kind::U8, 0, 3});
+    d.push_back({"NumberOfReturns", 14, Kind::U8, 3, 3});
+    d.push_back({"ScanDirectionFlag", 14, Kind::U8, 6, 1});
+    d.push_back({"EdgeOfFlightLine", 14, Kind::U8, 7, 1});
+    d.push_back({"Classification", 15, Kind::U8, 0, 5});
+    d.push_back({"Synthetic", 15, Kind::U8, 5, 1});
+    d.push_back({"KeyPoint", 15, Kind::U8, 6, 1});
+    d.push_back({"Withheld", 15, Kind::U8, 7, 1});
+    d.push_back({"UserData", 17, Kind::U8});
+    d.push_back({"PointSourceId", 18, Kind::U16});
+    if (f.gps)
+      d.push_back({"GpsTime", 20, Kind::F64});
+  } else {
+    d.push_back({"ReturnNumber", 14, Kind::U8, 0, 4});
+    d.push_back({"NumberOfReturns", 14, Kind::U8, 4, 4});
+    d.push_back({"Synthetic", 15, Kind::U8, 0, 1});
+    d.push_back({"KeyPoint", 15, Kind::U8, 1, 1});
+    d.push_back({"Withheld", 15, Kind::U8, 2, 1});
+    d.push_back({"Overlap", 15, Kind::U8, 3, 1});
+    d.push_back({"ScannerChannel", 15, Kind::U8, 4, 2});
+    d.push_back({"ScanDirectionFlag", 15, Kind::U8, 6, 1});
+    d.push_back({"EdgeOfFlightLine", 15, Kind::U8, 7, 1});
+    d.push_back({"Classification", 16, Kind::U8});
+    d.push_back({"UserData", 17, Kind::U8});
+    d.push_back({"PointSourceId", 20, Kind::U16});
+    d.push_back({"GpsTime", 22, Kind::F64});
+  }
+  if (f.nir >= 0)
+    d.push_back({"NIR", f.nir, Kind::U16});
+  if (f.wave >= 0) {
+    d.push_back({"WavePacketIndex", f.wave, Kind::U8});
+    d.push_back({"WaveformOffset", f.wave + 1, Kind::U64});
+    d.push_back({"WaveformSize", f.wave + 9, Kind::U32});
+    d.push_back({"ReturnPointLocation", f.wave + 13, Kind::F32});
+    d.push_back({"WaveXt", f.wave + 17, Kind::F32});
+    d.push_back({"WaveYt", f.wave + 21, Kind::F32});
+    d.push_back({"WaveZt", f.wave + 25, Kind::F32});
+  }
+  return d;
+}
+
+} // namespace
+
+int kindSize(Kind kind) {
+  static constexpr int sizes[] = {1, 1, 2, 2, 4, 4, 8, 8, 4, 8};
+  return sizes[static_cast<int>(kind)];
+}
+
+const char* kindName(Kind kind) {
+  return KindNames[static_cast<std::size_t>(kind)];
+}
+
+std::optional<Kind> kindOf(const std::string& typeName) {
+  for (std::size_t k = 0; k < KindNames.size(); ++k)
+    if (typeName == KindNames[k])
+      return static_cast<Kind>(k);
+  return std::nullopt;
+}
+
+Kind extraKind(int dataType) {
+  return static_cast<Kind>(dataType - 1);
+}
+
+int extraType(Kind kind) {
+  return static_cast<int>(kind) + 1;
+}
+
+const Format& format(int id) {
+  return Formats[id];
+}
+
+const std::vector<Dim>& dims(int id) {
+  static const std::array<std::vector<Dim>, FormatCount> all = [] {
+    std::array<std::vector<Dim>, FormatCount> a;
+    for (int f = 0; f < FormatCount; ++f)
+      a[static_cast<std::size_t>(f)] = makeDims(f);
+    return a;
+  }();
+  return all[static_cast<std::size_t>(id)];
+}
+
+const std::set<std::string>& recordNames() {
+  static const std::set<std::string> names = [] {
+    std::set<std::string> s = {"Positions", "PointIndex", "LastReturn", "ScanAngle", "RGB"};
+    for (int f = 0; f < FormatCount; ++f)
+      for (const Dim& d : dims(f))
+        s.insert(d.name);
+    return s;
+  }();
+  return names;
+}
+
+Needs needsOf(int id) {
+  const Format& f = Formats[id];
+  return {f.gps, f.extended, f.rgb >= 0, f.nir >= 0, f.wave >= 0};
+}
+
+int formatFor(int id, const Needs& needs) {
+  auto holds = [](int candidate, const Needs& n) {
+    const Needs has = needsOf(candidate);
+    return (has.gps || !n.gps) && (has.extended || !n.extended) && (has.rgb || !n.rgb) &&
+           (has.nir || !n.nir) && (has.wave || !n.wave);
+  };
+  if (holds(id, needs))
+    return id;
+  const Needs had = needsOf(id);
+  const Needs all{had.gps || needs.gps, had.extended || needs.extended, had.rgb || needs.rgb,
+                  had.nir || needs.nir, had.wave || needs.wave};
+  int best = -1;
+  for (int f = 0; f < FormatCount; ++f)
+    if (holds(f, all) && (best < 0 || Formats[f].length < Formats[best].length))
+      best = f;
+  return best;
+}
+
+} // namespace Quorvel::Las::detail

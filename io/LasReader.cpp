@@ -1,0 +1,329 @@
+// Quorvel: reading LAS files straight into fragment arrays, and summarizing them.
+#include "io/detail/LasFile.hpp"
+#include "io/detail/LasHeader.hpp"
+
+#include "tressel/PointCloud.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <iostream>
+#include <limits>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Quorvel::Las {
+
+using Vantor::PhysicalSpace::point;
+
+namespace detail {
+
+MappedFile::MappedFile(const std::string& path, bool sequential) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    throw Error(path + (errno == ENOENT ? ": no such file" : ": cannot open"));
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    ::close(fd);
+    throw Error(path + ": not a regular file");
+  }
+  size_ = static_cast<std::uint64_t>(status.st_size);
+  if (size_ > 0) {
+    void* m =
+        ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE | (sequential ? 0 : MAP_POPULATE), fd, 0);
+    if (m == MAP_FAILED) {
+      ::close(fd);
+      throw Error(path + ": cannot map the file");
+    }
+    if (sequential)
+      ::madvise(m, size_, MADV_SEQUENTIAL);
+    mapping_ = m;
+    data_ = static_cast<const std::uint8_t*>(m);
+  }
+  ::close(fd);
+}
+
+MappedFile::~MappedFile() {
+  if (mapping_)
+    ::munmap(mapping_, size_);
+}
+
+OpenedFile::OpenedFile(const std::string& path, bool sequential) : file(path, sequential) {
+  const std::uint8_t* b = file.data();
+  const std::uint64_t size = file.size();
+  const RawHeader raw =
+      decodeHeader(b, static_cast<std::size_t>(std::min<std::uint64_t>(size, 375)));
+  Findings findings;
+  validate(raw, size, findings);
+  if (!findings.problems.empty())
+    throw Error(describe(path, findings.problems));
+  info.header = raw.header;
+  const Header& h = info.header;
+  info.vlrs = parseRecords(b, h.headerSize, h.pointOffset, h.vlrCount, false, findings);
+  if (h.versionMinor >= 4 && h.evlrCount > 0)
+    info.evlrs = parseRecords(b, h.evlrOffset, size, h.evlrCount, true, findings);
+  info.extraBytes = parseExtraBytes(info, findings);
+  if (!findings.problems.empty())
+    throw Error(describe(path, findings.problems));
+  for (const std::string& warning : findings.warnings)
+    std::cerr << path << ": warning: " << warning << "\n";
+  records = b + h.pointOffset;
+  pointCount = h.pointCount;
+}
+
+std::vector<FieldPlan> fieldsOf(const FileInfo& info) {
+  const int f = info.header.pointFormat;
+  std::vector<FieldPlan> out{{Tressel::PositionsFieldName, "point"}};
+  for (const Dim& d : dims(f))
+    out.push_back({d.name, kindName(d.kind)});
+  for (const ExtraBytes& e : info.extraBytes)
+    if (e.dataType != 0)
+      out.push_back({e.name, kindName(extraKind(e.dataType))});
+  out.push_back({"ScanAngle", "float32"});
+  out.push_back({"LastReturn", "uint8"});
+  out.push_back({"PointIndex", "uint64"});
+  if (format(f).rgb >= 0)
+    out.push_back({"RGB", "rgb16"});
+  return out;
+}
+
+} // namespace detail
+
+namespace {
+
+using namespace detail;
+
+// Allocates the arrays of a field of the given kind; byte pointers to them, one per fragment.
+std::vector<std::uint8_t*> addOfKind(Tressel::FragmentArrays& cloud, const std::string& name,
+                                     Kind kind) {
+  auto bytes = [](auto pointers) {
+    std::vector<std::uint8_t*> out;
+    for (auto* p : pointers)
+      out.push_back(reinterpret_cast<std::uint8_t*>(p));
+    return out;
+  };
+  switch (kind) {
+  case Kind::U8:
+    return bytes(cloud.addField<unsigned char>(name));
+  case Kind::I8:
+    return bytes(cloud.addField<signed char>(name));
+  case Kind::U16:
+    return bytes(cloud.addField<unsigned short>(name));
+  case Kind::I16:
+    return bytes(cloud.addField<short>(name));
+  case Kind::U32:
+    return bytes(cloud.addField<unsigned int>(name));
+  case Kind::I32:
+    return bytes(cloud.addField<int>(name));
+  case Kind::U64:
+    return bytes(cloud.addField<unsigned long long>(name));
+  case Kind::I64:
+    return bytes(cloud.addField<long long>(name));
+  case Kind::F32:
+    return bytes(cloud.addField<float>(name));
+  case Kind::F64:
+    break;
+  }
+  return bytes(cloud.addField<double>(name));
+}
+
+// One value copied from the record into a field: bits of a byte, or a whole number of bytes.
+struct Copy {
+  int from;  // offset in the record
+  int size;  // bytes; 0 for bits
+  int shift; // bits: position
+  std::uint8_t mask;
+  std::vector<std::uint8_t*> to; // per fragment
+};
+
+// Everything the decoding loop writes, per fragment.
+struct Plan {
+  std::vector<Copy> copies;
+  std::vector<point*> xyz;
+  std::vector<float*> scanAngle;
+  std::vector<unsigned char*> lastReturn;
+  std::vector<unsigned long long*> pointIndex;
+  std::vector<Vantor::RGB16*> rgb;
+};
+
+Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info) {
+  const int f = info.header.pointFormat;
+  Plan plan;
+  plan.xyz = cloud.addField<point>(Tressel::PositionsFieldName);
+  for (const Dim& d : dims(f))
+    plan.copies.push_back({d.offset, d.bits > 0 ? 0 : kindSize(d.kind), d.shift,
+                           static_cast<std::uint8_t>((1 << d.bits) - 1),
+                           addOfKind(cloud, d.name, d.kind)});
+  int at = format(f).length;
+  for (const ExtraBytes& e : info.extraBytes) {
+    if (e.dataType != 0) {
+      const Kind kind = extraKind(e.dataType);
+      plan.copies.push_back({at, kindSize(kind), 0, 0, addOfKind(cloud, e.name, kind)});
+    }
+    at += e.size;
+  }
+  plan.scanAngle = cloud.addField<float>("ScanAngle");
+  plan.lastReturn = cloud.addField<unsigned char>("LastReturn");
+  plan.pointIndex = cloud.addField<unsigned long long>("PointIndex");
+  if (format(f).rgb >= 0)
+    plan.rgb = cloud.addField<Vantor::RGB16>("RGB");
+  return plan;
+}
+
+// Decodes the records index(j) for j in [from, to) into slot j of fragment k's arrays.
+template <class Index>
+void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t from, std::size_t to,
+            Index index) {
+  const Header& h = in.info.header;
+  const std::size_t length = h.recordLength;
+  const bool extended = format(h.pointFormat).extended;
+  const int rgbAt = format(h.pointFormat).rgb;
+  const double sx = h.scale[0], sy = h.scale[1], sz = h.scale[2];
+  const double ox = h.offset[0], oy = h.offset[1], oz = h.offset[2];
+  point* xyz = plan.xyz[k];
+  float* angle = plan.scanAngle[k];
+  unsigned char* last = plan.lastReturn[k];
+  unsigned long long* place = plan.pointIndex[k];
+  Vantor::RGB16* rgb = rgbAt >= 0 ? plan.rgb[k] : nullptr;
+  for (std::size_t j = from; j < to; ++j) {
+    const std::uint64_t i = index(j);
+    const std::uint8_t* r = in.records + i * length;
+    std::int32_t raw[3];
+    std::memcpy(raw, r, 12);
+    xyz[j] = point(raw[0] * sx + ox, raw[1] * sy + oy, raw[2] * sz + oz);
+    const std::uint8_t returns = r[14];
+    if (extended) {
+      std::int16_t a;
+      std::memcpy(&a, r + 18, 2);
+      angle[j] = static_cast<float>(a * 0.006);
+      last[j] = (returns & 15) == (returns >> 4) ? 1 : 0;
+    } else {
+      angle[j] = static_cast<float>(static_cast<std::int8_t>(r[16]));
+      last[j] = (returns & 7) == ((returns >> 3) & 7) ? 1 : 0;
+    }
+    place[j] = i;
+    if (rgb)
+      std::memcpy(&rgb[j], r + rgbAt, 6);
+    for (const Copy& c : plan.copies) {
+      std::uint8_t* out = c.to[k];
+      switch (c.size) {
+      case 0:
+        out[j] = static_cast<std::uint8_t>((r[c.from] >> c.shift) & c.mask);
+        break;
+      case 1:
+        out[j] = r[c.from];
+        break;
+      case 2:
+        std::memcpy(out + 2 * j, r + c.from, 2);
+        break;
+      case 4:
+        std::memcpy(out + 4 * j, r + c.from, 4);
+        break;
+      default:
+        std::memcpy(out + 8 * j, r + c.from, 8);
+        break;
+      }
+    }
+  }
+}
+
+// Calls step(from, to) over [0, count) in blocks, reporting progress after each.
+template <class Step>
+void inBlocks(std::size_t count, std::size_t done, std::size_t total,
+              const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, const char* what,
+              Step step) {
+  const std::size_t block = progress ? std::max<std::size_t>(total / 100, 4096) : count;
+  for (std::size_t from = 0; from < count; from += block) {
+    const std::size_t to = std::min(count, from + block);
+    step(from, to);
+    if (progress)
+      progress->progress(static_cast<double>(done + to) / static_cast<double>(total), what);
+  }
+}
+
+} // namespace
+
+ReadResult read(const std::string& path, std::size_t fragmentPoints,
+                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  const OpenedFile in(path, false);
+  const Header& h = in.info.header;
+  const std::size_t n = static_cast<std::size_t>(in.pointCount);
+  const std::string name = std::filesystem::path(path).stem().string();
+  ReadResult result;
+  result.info = in.info;
+
+  if (fragmentPoints == 0 || fragmentPoints >= n) {
+    Tressel::FragmentArrays cloud({n});
+    const Plan plan = allocate(cloud, in.info);
+    inBlocks(n, 0, std::max<std::size_t>(n, 1), progress, "reading",
+             [&](std::size_t from, std::size_t to) {
+               decode(plan, in, 0, from, to, [](std::size_t j) { return j; });
+             });
+    result.grid = cloud.build(name);
+  } else {
+    // Tiles from x and y first, then each tile's records decoded into its own arrays.
+    std::vector<point> xy(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      std::int32_t raw[2];
+      std::memcpy(raw, in.records + i * h.recordLength, 8);
+      xy[i] = point(raw[0] * h.scale[0] + h.offset[0], raw[1] * h.scale[1] + h.offset[1], 0.0);
+    }
+    const Tressel::Partition tiles = Tressel::tilePartitionByCount(xy, fragmentPoints);
+    xy = {};
+    std::vector<std::size_t> sizes;
+    for (const auto& tile : tiles)
+      sizes.push_back(tile.size());
+    Tressel::FragmentArrays cloud(sizes);
+    const Plan plan = allocate(cloud, in.info);
+    std::size_t done = 0;
+    for (std::size_t k = 0; k < tiles.size(); ++k) {
+      const auto& tile = tiles[k];
+      inBlocks(tile.size(), done, n, progress, "reading", [&](std::size_t from, std::size_t to) {
+        decode(plan, in, k, from, to, [&tile](std::size_t j) { return tile[j]; });
+      });
+      done += tile.size();
+    }
+    result.grid = cloud.build(name);
+  }
+  setFileInfo(*result.grid, in.info);
+  return result;
+}
+
+Summary summarize(const std::string& path) {
+  const OpenedFile in(path, true);
+  const Header& h = in.info.header;
+  Summary s;
+  s.header = h;
+  s.pointCount = in.pointCount;
+  for (const FieldPlan& f : fieldsOf(in.info))
+    s.fields.emplace_back(f.name, f.type);
+  const std::size_t length = h.recordLength;
+  const int classAt = format(h.pointFormat).extended ? 16 : 15;
+  const std::uint8_t classMask = format(h.pointFormat).extended ? 0xFF : 0x1F;
+  std::array<std::int32_t, 3> lo{}, hi{};
+  lo.fill(std::numeric_limits<std::int32_t>::max());
+  hi.fill(std::numeric_limits<std::int32_t>::min());
+  const std::uint8_t* r = in.records;
+  for (std::uint64_t i = 0; i < in.pointCount; ++i, r += length) {
+    std::int32_t raw[3];
+    std::memcpy(raw, r, 12);
+    for (std::size_t k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], raw[k]);
+      hi[k] = std::max(hi[k], raw[k]);
+    }
+    ++s.classCounts[r[classAt] & classMask];
+  }
+  if (in.pointCount > 0)
+    for (std::size_t k = 0; k < 3; ++k) {
+      const double a = lo[k] * h.scale[k] + h.offset[k], b = hi[k] * h.scale[k] + h.offset[k];
+      s.min[k] = std::min(a, b);
+      s.max[k] = std::max(a, b);
+    }
+  return s;
+}
+
+} // namespace Quorvel::Las

@@ -1,0 +1,49 @@
+// Quorvel: a LAS file opened for reading: mapped once, its header, VLRs, EVLRs and extra-bytes
+// dimensions checked and decoded, its point records in place.
+#pragma once
+
+#include "io/detail/LasFormats.hpp"
+#include "io/las.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Quorvel::Las::detail {
+
+// A read-only mapping of a whole file.
+class MappedFile {
+public:
+  // sequential: the pages are read as they are touched, in order, instead of all at once.
+  MappedFile(const std::string& path, bool sequential);
+  ~MappedFile();
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  const std::uint8_t* data() const { return data_; }
+  std::uint64_t size() const { return size_; }
+
+private:
+  const std::uint8_t* data_ = nullptr;
+  std::uint64_t size_ = 0;
+  void* mapping_ = nullptr;
+};
+
+struct OpenedFile {
+  OpenedFile(const std::string& path, bool sequential);
+
+  MappedFile file;
+  FileInfo info;
+  const std::uint8_t* records = nullptr; // pointCount records of info.header.recordLength bytes
+  std::uint64_t pointCount = 0;
+};
+
+// A field the reader makes: name, kind (or a framework type name for the grouped fields).
+struct FieldPlan {
+  std::string name;
+  std::string type;
+};
+// The fields read() makes of a file, in its order.
+std::vector<FieldPlan> fieldsOf(const FileInfo& info);
+
+} // namespace Quorvel::Las::detail

@@ -1,0 +1,66 @@
+// Quorvel: the LAS header codec. One table of byte offsets serves decoding and encoding; the
+// checks list every problem of a header at once, each bound tested without overflow.
+#pragma once
+
+#include "io/las.hpp"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Quorvel::Las::detail {
+
+constexpr std::size_t VlrHeaderSize = 54;
+constexpr std::size_t EvlrHeaderSize = 60;
+constexpr std::size_t DescriptorSize = 192;
+constexpr std::size_t SmallestHeader = 227;
+
+// The header size of LAS 1.minor (227, 235 or 375 bytes).
+std::size_t headerSizeFor(int versionMinor);
+
+// The header as stored: Header with the counts it merges kept apart.
+struct RawHeader {
+  std::array<char, 4> signature{'L', 'A', 'S', 'F'};
+  Header header;
+  std::uint32_t legacyPointCount = 0;
+  std::array<std::uint32_t, 5> legacyByReturn{};
+  std::uint64_t pointCount = 0; // the 64-bit count of LAS 1.4
+  std::array<std::uint64_t, 15> byReturn{};
+};
+
+// Decodes what the first size bytes hold of the header of the version they name; header.
+// pointCount becomes the count a reader should use.
+RawHeader decodeHeader(const std::uint8_t* bytes, std::size_t size);
+// Encodes the header of its version (headerSizeFor(versionMinor) bytes) into out.
+void encodeHeader(const RawHeader& raw, std::uint8_t* out);
+
+// Problems make a file unreadable; warnings name oddities that real writers produce and that
+// the reader can work around.
+struct Findings {
+  std::vector<std::string> problems;
+  std::vector<std::string> warnings;
+};
+
+// Checks a decoded header against the file size: version, sizes, format, scale and offset,
+// where the VLRs, points and EVLRs lie.
+void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings);
+
+// Reads count records from start (extended: EVLRs) that must end by end; problems name each
+// record that does not fit.
+std::vector<Vlr> parseRecords(const std::uint8_t* file, std::uint64_t start, std::uint64_t end,
+                              std::uint64_t count, bool extended, Findings& findings);
+// Appends a record as stored.
+void encodeRecord(const Vlr& record, bool extended, std::vector<std::uint8_t>& out);
+
+// The extra-bytes dimensions of a file (its "LASF_Spec" record 4, among the VLRs or EVLRs), with
+// field names made unique against the format's values; problems when the descriptors do not fit
+// the record or the record's length is not a whole number of descriptors.
+std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings);
+bool isExtraBytesRecord(const Vlr& record);
+
+// "path: problem; problem; ..."
+std::string describe(const std::string& path, const std::vector<std::string>& problems);
+
+} // namespace Quorvel::Las::detail

@@ -1,0 +1,272 @@
+// Tests of the LAS header checks: every class of hostile header gives its own message, all
+// problems of a header come in one error naming the file, and nothing is read outside the file.
+// The files are built here byte by byte, independently of the writer.
+#include "io/las.hpp"
+
+#include "support/ScratchDirectory.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+using LasHeaders = ScratchDirectory;
+
+template <class T>
+void set(std::vector<std::uint8_t>& b, std::size_t at, T value) {
+  std::memcpy(b.data() + at, &value, sizeof(T));
+}
+
+// A valid LAS 1.4 file of format 6 with three points: one VLR (GeoKeys, 16 bytes), optionally
+// an extra-bytes VLR with `extra` bytes of descriptors and per-point room for a float32, then one
+// EVLR of 8 bytes.
+struct Synthetic {
+  std::vector<std::uint8_t> bytes;
+  std::size_t vlrStart = 375, pointStart = 0, evlrStart = 0;
+
+  explicit Synthetic(std::size_t extra = 0) {
+    const std::size_t record = 30 + (extra ? 4 : 0);
+    bytes.assign(375, 0);
+    std::memcpy(bytes.data(), "LASF", 4);
+    bytes[24] = 1;
+    bytes[25] = 4;
+    set<std::uint16_t>(bytes, 94, 375);
+    set<std::uint32_t>(bytes, 100, extra ? 2 : 1);
+    bytes[104] = 6;
+    set<std::uint16_t>(bytes, 105, static_cast<std::uint16_t>(record));
+    for (std::size_t k = 0; k < 3; ++k)
+      set<double>(bytes, 131 + 8 * k, 0.01);
+    set<std::uint64_t>(bytes, 247, 3);
+    addVlr("LASF_Projection", 34735, std::vector<std::uint8_t>(16, 1), false);
+    if (extra) {
+      std::vector<std::uint8_t> descriptor(extra, 0);
+      descriptor[2] = 9; // float32
+      std::memcpy(descriptor.data() + 4, "Amplitude", 9);
+      addVlr("LASF_Spec", 4, descriptor, false);
+    }
+    pointStart = bytes.size();
+    set<std::uint32_t>(bytes, 96, static_cast<std::uint32_t>(pointStart));
+    for (std::int32_t i = 0; i < 3; ++i) {
+      std::vector<std::uint8_t> r(record, 0);
+      const std::int32_t xyz[3] = {100 * i, 200 * i, 300 * i};
+      std::memcpy(r.data(), xyz, 12);
+      r[14] = 0x11; // return 1 of 1
+      r[16] = 2;
+      bytes.insert(bytes.end(), r.begin(), r.end());
+    }
+    evlrStart = bytes.size();
+    set<std::uint64_t>(bytes, 235, evlrStart);
+    set<std::uint32_t>(bytes, 243, 1);
+    addVlr("Quorvel", 1, std::vector<std::uint8_t>(8, 7), true);
+  }
+
+  void addVlr(const char* user, std::uint16_t id, const std::vector<std::uint8_t>& data,
+              bool extended) {
+    std::vector<std::uint8_t> h(extended ? 60 : 54, 0);
+    std::memcpy(h.data() + 2, user, std::strlen(user));
+    std::memcpy(h.data() + 18, &id, 2);
+    if (extended)
+      set<std::uint64_t>(h, 20, data.size());
+    else
+      set<std::uint16_t>(h, 20, static_cast<std::uint16_t>(data.size()));
+    bytes.insert(bytes.end(), h.begin(), h.end());
+    bytes.insert(bytes.end(), data.begin(), data.end());
+  }
+};
+
+class HostileHeaders : public LasHeaders {
+protected:
+  std::string save(const std::vector<std::uint8_t>& bytes) {
+    const std::string path = file("f" + std::to_string(count++) + ".las");
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+    return path;
+  }
+  // The error of reading (and of summarizing, which must agree), or "no error".
+  std::string message(const std::vector<std::uint8_t>& bytes) {
+    const std::string path = save(bytes);
+    std::string read = "no error", summary = "no error";
+    try {
+      Quorvel::Las::read(path);
+    } catch (const Quorvel::Las::Error& e) {
+      read = e.what();
+    }
+    try {
+      Quorvel::Las::summarize(path);
+    } catch (const Quorvel::Las::Error& e) {
+      summary = e.what();
+    }
+    EXPECT_EQ(read, summary);
+    const std::string prefix = path + ": ";
+    return read.rfind(prefix, 0) == 0 ? read.substr(prefix.size()) : "(no file name) " + read;
+  }
+  int count = 0;
+};
+
+TEST_F(HostileHeaders, TheSyntheticFileIsValid) {
+  const Synthetic s(192);
+  const auto back = Quorvel::Las::read(save(s.bytes));
+  ASSERT_EQ(back.info.vlrs.size(), 2u);
+  ASSERT_EQ(back.info.evlrs.size(), 1u);
+  EXPECT_EQ(back.info.evlrs[0].data, std::vector<std::uint8_t>(8, 7));
+  ASSERT_EQ(back.info.extraBytes.size(), 1u);
+  EXPECT_EQ(back.info.extraBytes[0].name, "Amplitude");
+  EXPECT_EQ(back.grid->CartesianPositions()->nFragments(), 1u);
+}
+
+TEST_F(HostileHeaders, OffsetsAndCountsBeyondTheFile) {
+  const Synthetic s;
+  const std::string size = std::to_string(s.bytes.size());
+  auto b = s.bytes;
+  // The EVLR offset near 2^64: a bound written as start + length would wrap around.
+  set<std::uint64_t>(b, 235, 0xFFFFFFFFFFFFFFF0ull);
+  EXPECT_EQ(message(b),
+            "1 EVLRs from byte 18446744073709551600 do not fit in the file (" + size + " bytes)");
+  b = s.bytes;
+  set<std::uint32_t>(b, 243, 0xFFFFFFFFu);
+  EXPECT_EQ(message(b), "4294967295 EVLRs from byte " + std::to_string(s.evlrStart) +
+                            " do not fit in the file (" + size + " bytes)");
+  b = s.bytes;
+  set<std::uint64_t>(b, 235, 100); // inside the header
+  EXPECT_EQ(message(b), "start of the EVLRs 100 lies inside the header, VLRs or points (which end "
+                        "at byte " +
+                            std::to_string(s.evlrStart) + ")");
+  b = s.bytes;
+  set<std::uint64_t>(b, 235, s.pointStart + 30); // inside the points
+  EXPECT_EQ(message(b), "start of the EVLRs " + std::to_string(s.pointStart + 30) +
+                            " lies inside the header, VLRs or points (which end at byte " +
+                            std::to_string(s.evlrStart) + ")");
+  b = s.bytes;
+  set<std::uint64_t>(b, 247, 1000);
+  EXPECT_EQ(message(b), "point count 1000 is larger than the file holds (5)");
+  b = s.bytes;
+  set<std::uint64_t>(b, 247, ~0ull);
+  EXPECT_EQ(message(b), "point count 18446744073709551615 is larger than the file holds (5)");
+  b = s.bytes;
+  set<std::uint32_t>(b, 96, 0xFFFFFFF0u);
+  EXPECT_EQ(message(b),
+            "offset to point data 4294967280 lies beyond the end of the file (" + size + " bytes)");
+  b = s.bytes;
+  set<std::uint32_t>(b, 100, 0xFFFFFFFFu);
+  EXPECT_EQ(message(b), "4294967295 VLRs do not fit in the 70 bytes between the header and the "
+                        "point data");
+  b = s.bytes;
+  set<std::uint16_t>(b, 94, 60000);
+  EXPECT_EQ(message(b), "header size 60000 is larger than the file (" + size +
+                            " bytes); offset to point data 445 lies inside the header (60000 "
+                            "bytes)");
+}
+
+TEST_F(HostileHeaders, RecordsThatOverlapTheirNeighbours) {
+  const Synthetic s;
+  auto b = s.bytes;
+  // The point data moved back one byte: the VLR now runs into it.
+  set<std::uint32_t>(b, 96, static_cast<std::uint32_t>(s.pointStart - 1));
+  EXPECT_EQ(message(b), "VLR 0 (\"LASF_Projection\" 34735) of 16 bytes runs past the start of "
+                        "the point data at byte 444");
+  b = s.bytes;
+  set<std::uint16_t>(b, 375 + 20, 60000); // a VLR length beyond everything
+  EXPECT_EQ(message(b), "VLR 0 (\"LASF_Projection\" 34735) of 60000 bytes runs past the start "
+                        "of the point data at byte 445");
+  b = s.bytes;
+  set<std::uint64_t>(b, s.evlrStart + 20, ~0ull - 10); // an EVLR length that wraps the sum
+  EXPECT_EQ(message(b), "EVLR 0 (\"Quorvel\" 1) of 18446744073709551605 bytes runs past the end "
+                        "of the file at byte " +
+                            std::to_string(s.bytes.size()));
+  b = s.bytes;
+  b.resize(s.evlrStart + 30); // an EVLR header cut short
+  EXPECT_EQ(message(b), "1 EVLRs from byte " + std::to_string(s.evlrStart) +
+                            " do not fit in the file (" + std::to_string(b.size()) + " bytes)");
+}
+
+TEST_F(HostileHeaders, AbsurdValues) {
+  const Synthetic s;
+  auto b = s.bytes;
+  set<double>(b, 131, 1e300);
+  set<double>(b, 155 + 16, std::numeric_limits<double>::quiet_NaN());
+  EXPECT_EQ(message(b), "scale of x 1.0000000000000001e+300 is not usable (magnitude from 1e-12 "
+                        "to 1e6); offset of z nan is not usable (magnitude up to 1e12)");
+  b = s.bytes;
+  set<double>(b, 139, 0.0);
+  EXPECT_EQ(message(b), "scale of y 0 is not usable (magnitude from 1e-12 to 1e6)");
+  b = s.bytes;
+  b[25] = 2; // format 6 labelled LAS 1.2: the point count has no place there
+  EXPECT_EQ(message(b), "point format 6 needs LAS 1.4, the header says 1.2");
+  b[104] = 8;
+  EXPECT_EQ(message(b), "point record length 30 is shorter than point format 8 needs (38); point "
+                        "format 8 needs LAS 1.4, the header says 1.2");
+  b = s.bytes;
+  set<std::uint16_t>(b, 105, 0xFFFF);
+  EXPECT_EQ(message(b), "point count 3 is larger than the file holds (0)");
+  b = s.bytes;
+  b[104] = 11;
+  EXPECT_EQ(message(b), "point format 11 is not supported");
+  b[104] = 0x86;
+  EXPECT_EQ(message(b), "compressed (LAZ) point data is not supported");
+  b = s.bytes;
+  b[24] = 2;
+  set<std::uint16_t>(b, 94, 100);
+  EXPECT_EQ(message(b), "LAS version 2.4 is not supported; header size 100 is smaller than LAS "
+                        "1.4 needs (375)");
+}
+
+TEST_F(HostileHeaders, ExtraBytesDescriptorsThatDoNotFit) {
+  EXPECT_EQ(message(Synthetic(191).bytes),
+            "extra-bytes record holds 191 bytes, not a whole number of 192-byte descriptors");
+  EXPECT_EQ(message(Synthetic(193).bytes),
+            "extra-bytes record holds 193 bytes, not a whole number of 192-byte descriptors");
+  Synthetic s(192);
+  s.bytes[375 + 54 + 16 + 54 + 2] = 10; // float64 where the record has room for four bytes
+  EXPECT_EQ(message(s.bytes), "extra-bytes descriptors overrun the point record (8 bytes after "
+                              "the 30 of point format 6, record length 34)");
+  s.bytes[375 + 54 + 16 + 54 + 2] = 31;
+  EXPECT_EQ(message(s.bytes), "extra-bytes dimension \"Amplitude\" has unknown type 31");
+}
+
+TEST_F(HostileHeaders, TruncatedForeignAndAbsentFiles) {
+  const Synthetic s;
+  EXPECT_EQ(message(std::vector<std::uint8_t>(s.bytes.begin(), s.bytes.begin() + 100)),
+            "truncated header (100 of 227 bytes)");
+  EXPECT_EQ(message(std::vector<std::uint8_t>(s.bytes.begin(), s.bytes.begin() + 300)),
+            "truncated header (300 of 375 bytes); header size 375 is larger than the file (300 "
+            "bytes); offset to point data 445 lies beyond the end of the file (300 bytes); 1 EVLRs "
+            "from byte 535 do not fit in the file (300 bytes)");
+  EXPECT_EQ(message(std::vector<std::uint8_t>(s.bytes.begin(), s.bytes.begin() + 2)),
+            "not a LAS file (no LASF signature)");
+  EXPECT_EQ(message({}), "not a LAS file (no LASF signature)");
+  const std::string csv = "x,y,z\n1,2,3\n";
+  EXPECT_EQ(message(std::vector<std::uint8_t>(csv.begin(), csv.end())),
+            "not a LAS file (no LASF signature)");
+  const std::string absent = file("absent.las");
+  EXPECT_THROW(
+      {
+        try {
+          Quorvel::Las::read(absent);
+        } catch (const Quorvel::Las::Error& e) {
+          EXPECT_EQ(std::string(e.what()), absent + ": no such file");
+          throw;
+        }
+      },
+      Quorvel::Las::Error);
+}
+
+TEST_F(HostileHeaders, OdditiesOfRealWritersAreRead) {
+  const Synthetic s;
+  auto b = s.bytes;
+  set<std::uint32_t>(b, 107, 5); // a legacy count that disagrees: the 64-bit count wins
+  EXPECT_EQ(message(b), "(no file name) no error");
+  b = s.bytes;
+  b[104] = 3; // format 3 in a LAS 1.4 file with room for it
+  set<std::uint16_t>(b, 105, 34);
+  b.insert(b.begin() + static_cast<std::ptrdiff_t>(s.evlrStart), 12, 0);
+  set<std::uint64_t>(b, 235, s.evlrStart + 12);
+  set<std::uint32_t>(b, 107, 3);
+  EXPECT_EQ(message(b), "(no file name) no error");
+  b[25] = 1; // format 3 labelled LAS 1.1: records read the same, so only a warning
+  EXPECT_EQ(message(b), "(no file name) no error");
+}
+
+} // namespace
