@@ -440,7 +440,10 @@ void write(const std::string& path, const Tressel::Grid& grid, const WriteOption
 }
 
 void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* info) {
-  writeGrid(path, grid, info, {}, {});
+  if (!info)
+    write(path, grid);
+  else
+    writeGrid(path, grid, info, {}, {});
 }
 
 } // namespace Quorvel::Las

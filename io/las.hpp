@@ -109,7 +109,7 @@ struct WriteOptions {
 void write(const std::string& path, const Tressel::Grid& grid, const WriteOptions& options = {},
            const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
 
-// Writes with info as the LAS origin instead of the grid's attributes (nullptr: none at all).
+// Writes with info as the LAS origin instead of the grid's attributes (nullptr: the grid's).
 void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* info);
 
 // What one pass over a file's records tells without building a grid.
