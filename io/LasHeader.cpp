@@ -291,27 +291,27 @@ bool isExtraBytesRecord(const Vlr& record) {
 }
 
 std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings) {
-  const Vlr* record = nullptr;
+  // Some writers split the descriptors over several records; they follow one another.
+  std::vector<std::uint8_t> descriptors;
   for (const auto* list : {&info.vlrs, &info.evlrs})
     for (const Vlr& v : *list)
-      if (!record && isExtraBytesRecord(v))
-        record = &v;
-  if (!record)
-    return {};
-  const std::size_t length = record->data.size();
-  if (length % DescriptorSize != 0) {
-    findings.problems.push_back("extra-bytes record holds " + std::to_string(length) +
-                                " bytes, not a whole number of " + std::to_string(DescriptorSize) +
-                                "-byte descriptors");
-    return {};
-  }
+      if (isExtraBytesRecord(v)) {
+        if (v.data.size() % DescriptorSize != 0) {
+          findings.problems.push_back("extra-bytes record holds " + std::to_string(v.data.size()) +
+                                      " bytes, not a whole number of " +
+                                      std::to_string(DescriptorSize) + "-byte descriptors");
+          return {};
+        }
+        descriptors.insert(descriptors.end(), v.data.begin(), v.data.end());
+      }
+  const std::size_t length = descriptors.size();
   const int format = info.header.pointFormat;
   std::set<std::string> taken = recordNames();
   std::vector<ExtraBytes> extras;
   std::size_t total = 0;
   for (std::size_t at = 0; at < length; at += DescriptorSize) {
     ExtraBytes e;
-    std::memcpy(e.descriptor.data(), record->data.data() + at, DescriptorSize);
+    std::memcpy(e.descriptor.data(), descriptors.data() + at, DescriptorSize);
     e.dataType = e.descriptor[2];
     Decoder{e.descriptor.data(), DescriptorSize}.text(4, 32, e.name);
     const std::string label = "extra-bytes dimension \"" + e.name + "\"";

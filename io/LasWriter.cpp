@@ -117,19 +117,26 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   if (auto index = sourceOf(grid, "PointIndex", sizes, path)) {
     if (index->type != "uint64")
       throw Error(path + ": field \"PointIndex\" holds " + index->type + ", not uint64");
-    std::vector<std::uint64_t> values;
-    values.reserve(n);
-    for (std::size_t k = 0; k < sizes.size(); ++k) {
+    // The usual cases first: the file order as read (nothing to place), or a permutation of it.
+    bool identity = true;
+    for (std::size_t k = 0, g = 0; k < sizes.size() && identity; ++k) {
       const auto* v = reinterpret_cast<const std::uint64_t*>(index->fragments[k]);
-      values.insert(values.end(), v, v + sizes[k]);
+      for (std::size_t j = 0; j < sizes[k] && identity; ++j, ++g)
+        identity = v[j] == g;
     }
-    bool identity = true, permutation = true;
-    std::vector<std::uint8_t> seen(n, 0);
-    for (std::size_t g = 0; g < n; ++g) {
-      identity = identity && values[g] == g;
-      permutation = permutation && values[g] < n && !seen[values[g]]++;
+    std::vector<std::uint64_t> values;
+    bool permutation = true;
+    if (!identity) {
+      values.reserve(n);
+      for (std::size_t k = 0; k < sizes.size(); ++k) {
+        const auto* v = reinterpret_cast<const std::uint64_t*>(index->fragments[k]);
+        values.insert(values.end(), v, v + sizes[k]);
+      }
+      std::vector<std::uint8_t> seen(n, 0);
+      for (std::size_t g = 0; g < n && permutation; ++g)
+        permutation = values[g] < n && !seen[values[g]]++;
     }
-    if (!permutation) {
+    if (!identity && !permutation) {
       // Gaps or repeats (points removed or merged): rank by the value, ties in layout order.
       std::vector<std::uint64_t> order(n);
       for (std::size_t g = 0; g < n; ++g)
@@ -262,7 +269,14 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
                 " extra-bytes dimensions do not fit a point record");
   h.recordLength = static_cast<std::uint16_t>(recordLength);
 
-  // VLRs: the origin's, with the extra-bytes record made anew in its place.
+  // VLRs: the origin's as they were when the grid keeps exactly its extra-bytes dimensions,
+  // otherwise with one extra-bytes record made anew in place of the first.
+  std::size_t described = 0;
+  for (const ExtraBytes& e : info.extraBytes)
+    described += e.dataType != 0 ? 1 : 0;
+  bool sameExtras = described == info.extraBytes.size() && extras.size() == described;
+  for (std::size_t k = 0; k < extras.size() && sameExtras; ++k)
+    sameExtras = extras[k].descriptor == info.extraBytes[k].descriptor;
   std::vector<Vlr> vlrs, evlrs;
   Vlr extraRecord;
   extraRecord.userId = "LASF_Spec";
@@ -272,18 +286,22 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
     extraRecord.data.insert(extraRecord.data.end(), e.descriptor.begin(), e.descriptor.end());
   bool extraPlaced = extras.empty();
   for (const Vlr& v : info.vlrs) {
-    if (!isExtraBytesRecord(v))
+    if (!isExtraBytesRecord(v) || sameExtras)
       vlrs.push_back(v);
     else if (!extraPlaced) {
       vlrs.push_back(extraRecord);
       extraPlaced = true;
     }
   }
-  if (!extraPlaced)
-    vlrs.push_back(extraRecord);
   for (const Vlr& v : info.evlrs)
-    if (!isExtraBytesRecord(v))
+    if (!isExtraBytesRecord(v) || sameExtras)
       evlrs.push_back(v);
+    else if (!extraPlaced && minor >= 4) {
+      evlrs.push_back(extraRecord);
+      extraPlaced = true;
+    }
+  if (!extraPlaced && !sameExtras)
+    vlrs.push_back(extraRecord);
 
   // Puts: every value of the format that the grid has, then the extra bytes.
   std::vector<std::optional<Source>> standard;
@@ -345,14 +363,14 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
       std::memset(r, 0, recordLength);
       for (int a = 0; a < 3; ++a) {
         const double shifted = p[j][a] - h.offset[a];
-        const double v = std::round(exactInverse ? shifted * inverse[a] : shifted / h.scale[a]);
-        if (!(v >= std::numeric_limits<std::int32_t>::min() &&
-              v <= std::numeric_limits<std::int32_t>::max()))
+        const double v = exactInverse ? shifted * inverse[a] : shifted / h.scale[a];
+        // Rounded half away from zero once the range is known (NaN fails the test).
+        if (!(v > -2147483648.5 && v < 2147483647.5))
           throw Error(path + ": coordinate " + Basalt::format("%.17g", p[j][a]) + " of point " +
                       std::to_string(g) +
                       " does not fit the LAS integer coordinates (an automatic offset or another "
                       "scale may help)");
-        const auto i = static_cast<std::int32_t>(v);
+        const auto i = static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
         std::memcpy(r + 4 * a, &i, 4);
         lo[a] = std::min(lo[a], i);
         hi[a] = std::max(hi[a], i);
