@@ -1,0 +1,205 @@
+// Round trips of every file of the shared LAS corpus, LAS -> LAS and LAS -> bundle -> LAS, judged
+// on the files themselves by the independent parser of LasBytes.hpp: the copy must keep the
+// version, point format, scale, offset, header identity, VLRs, EVLRs and every point record byte.
+// The corpus tests are named Corpus* and skip when the corpus is absent; the parser's own test
+// runs on the sample files of data/.
+#include "LasBytes.hpp"
+
+#include "io/las.hpp"
+#include "tressel/Bundle.hpp"
+
+#include "support/ScratchDirectory.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path SampleData = QUORVEL_SAMPLE_DATA;
+const fs::path RealData = QUORVEL_REAL_DATA;
+
+std::vector<fs::path> corpusFiles() {
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(RealData, error))
+    if (entry.path().extension() == ".las")
+      files.push_back(entry.path());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+LasBytes::File parseFile(const std::string& path, std::string& error) {
+  return LasBytes::parse(LasBytes::bytesOf(path), error);
+}
+
+// Copies each corpus file with copy(input, output) and compares the two files, one failure
+// (the first class of difference) per file.
+class Corpus : public ScratchDirectory {
+protected:
+  void roundTrip(const std::function<void(const std::string&, const std::string&)>& copy) {
+    const auto files = corpusFiles();
+    if (files.empty())
+      GTEST_SKIP() << "shared LAS corpus not present (" << RealData.string() << ")";
+    for (const auto& path : files) {
+      SCOPED_TRACE(path.filename().string());
+      std::string error;
+      const auto input = parseFile(path.string(), error);
+      ASSERT_EQ(error, "") << "the test's parser rejects the corpus file";
+      const std::string output = file("copy.las");
+      fs::remove(output);
+      try {
+        copy(path.string(), output);
+      } catch (const std::exception& e) {
+        ADD_FAILURE() << "copying failed: " << e.what();
+        continue;
+      }
+      if (!fs::exists(output)) {
+        ADD_FAILURE() << "no copy was written";
+        continue;
+      }
+      const auto copied = parseFile(output, error);
+      if (!error.empty()) {
+        ADD_FAILURE() << "the copy is not a readable LAS file: " << error;
+        continue;
+      }
+      const std::string difference = LasBytes::firstDifference(input, copied);
+      EXPECT_EQ(difference, "") << "the copy lost something";
+    }
+  }
+};
+
+TEST_F(Corpus, LasToLasKeepsEveryRecordAndPointByte) {
+  roundTrip([](const std::string& input, const std::string& output) {
+    Quorvel::Las::write(output, *Quorvel::Las::read(input).grid);
+  });
+}
+
+TEST_F(Corpus, LasToBundleToLasKeepsEveryRecordAndPointByte) {
+  roundTrip([this](const std::string& input, const std::string& output) {
+    const std::string bundlePath = file("cloud.h5");
+    {
+      Tressel::Bundle out;
+      ASSERT_TRUE(out.bindToNew(bundlePath, std::make_shared<Tressel::StorageTransformations>()));
+      out[0.0]->setGrid("cloud", Quorvel::Las::read(input).grid);
+      ASSERT_TRUE(out.save()) << out.lastError();
+    }
+    Tressel::Bundle in;
+    ASSERT_TRUE(in.bindTo(bundlePath)) << in.lastError();
+    const auto slice = in.findSlice(0.0);
+    ASSERT_TRUE(slice && (*slice)["cloud"]) << "the bundle lost its grid";
+    Quorvel::Las::write(output, *(*slice)["cloud"]);
+  });
+}
+
+// Sets bytes of a copy of a file at a position.
+template <class T>
+std::vector<std::uint8_t> patched(std::vector<std::uint8_t> bytes, std::size_t pos, T value) {
+  std::memcpy(bytes.data() + pos, &value, sizeof value);
+  return bytes;
+}
+
+// The oracle is only as good as its parser and its comparison: each kind of change made to the
+// bytes of a real file must be found and named, and the file must be found equal to itself.
+TEST(LasBytesOracle, FindsEachKindOfChangeAndNamesIt) {
+  // LAS 1.4 format 6 with four VLRs (WKT and GeoTIFF).
+  const auto original = LasBytes::bytesOf((SampleData / "nebraska_wkt_geotiff.las").string());
+  std::string error;
+  const auto a = LasBytes::parse(original, error);
+  ASSERT_EQ(error, "");
+  ASSERT_EQ(a.vlrs.size(), 4u);
+  ASSERT_EQ(a.pointFormat, 6);
+  ASSERT_GT(a.pointCount, 1000u);
+  EXPECT_EQ(LasBytes::firstDifference(a, a), "");
+
+  const std::size_t headerSize = LasBytes::at<std::uint16_t>(original, 94);
+  const std::size_t pointOffset = LasBytes::at<std::uint32_t>(original, 96);
+  const std::size_t firstPayload = headerSize + 54;
+  const std::size_t point7 = pointOffset + 7 * a.recordLength;
+  const struct {
+    const char* change;
+    std::vector<std::uint8_t> bytes;
+    const char* expected; // the start of the message
+  } cases[] = {
+      {"version", patched<std::uint8_t>(original, 25, 2),
+       "LAS 1.4 format 6 of 30 bytes became LAS 1.2"},
+      {"y scale", patched(original, 139, 0.0123), "scale "},
+      {"z offset", patched(original, 171, 1.0), "scale "},
+      {"system identifier", patched(original, 26, 'Q'), "header identity: "},
+      {"GUID", patched<std::uint8_t>(original, 20, 0xAB), "header identity: "},
+      {"creation year", patched<std::uint16_t>(original, 92, 1999), "header identity: "},
+      {"VLR record id", patched<std::uint16_t>(original, headerSize + 18, 9999), "VLR 0: "},
+      {"VLR description", patched(original, headerSize + 22, 'x'), "VLR 0: "},
+      {"VLR payload", patched<std::uint8_t>(original, firstPayload, 0xFF), "VLR 0: "},
+      {"point count", patched<std::uint64_t>(original, 247, a.pointCount - 1), "" /* below */},
+      {"X of point 7", patched<std::int32_t>(original, point7, a.integer(7, 0) + 1), "1 of "},
+      {"intensity of point 7", patched<std::uint16_t>(original, point7 + 12, 12345), "1 of "},
+      {"last byte of point 7", patched<std::uint8_t>(original, point7 + a.recordLength - 1, 0x5A),
+       "1 of "},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.change);
+    const auto b = LasBytes::parse(c.bytes, error);
+    ASSERT_EQ(error, "");
+    const std::string difference = LasBytes::firstDifference(a, b);
+    ASSERT_NE(difference, "");
+    EXPECT_EQ(difference.rfind(c.expected, 0), 0u) << difference;
+  }
+  // Where each point change is reported.
+  EXPECT_NE(LasBytes::firstDifference(a, LasBytes::parse(cases[10].bytes, error))
+                .find("integer coordinates; point 7:"),
+            std::string::npos);
+  EXPECT_NE(LasBytes::firstDifference(a, LasBytes::parse(cases[11].bytes, error))
+                .find("differ after X, Y, Z; record 7:"),
+            std::string::npos);
+  EXPECT_EQ(LasBytes::firstDifference(a, LasBytes::parse(cases[9].bytes, error)),
+            std::to_string(a.pointCount) + " points became " + std::to_string(a.pointCount - 1));
+}
+
+TEST(LasBytesOracle, ReadsThePointsOfEverySampleFileWithinItsBoundingBox) {
+  // Records read at the wrong place or with the wrong length would scatter outside the box the
+  // file declares; a coordinate rounded by the writer of the file may sit half a step outside.
+  for (const char* name :
+       {"sample_c.las", "nebraska_wkt_geotiff.las", "vegetation_1_3.las", "hexbin-crop.las"}) {
+    SCOPED_TRACE(name);
+    std::string error;
+    const auto f = parseFile((SampleData / name).string(), error);
+    ASSERT_EQ(error, "");
+    ASSERT_GT(f.pointCount, 0u);
+    std::uint64_t outside = 0;
+    for (std::uint64_t k = 0; k < f.pointCount; ++k)
+      for (int axis = 0; axis < 3; ++axis) {
+        const double v = f.integer(k, axis) * f.scale[axis] + f.offset[axis];
+        const double slack = f.scale[axis];
+        outside += v < f.min[axis] - slack || v > f.max[axis] + slack;
+      }
+    EXPECT_EQ(outside, 0u);
+  }
+}
+
+TEST(LasBytesOracle, RejectsRecordsBeyondTheFile) {
+  const auto original = LasBytes::bytesOf((SampleData / "nebraska_wkt_geotiff.las").string());
+  std::string error;
+  const std::size_t headerSize = LasBytes::at<std::uint16_t>(original, 94);
+  const struct {
+    std::vector<std::uint8_t> bytes;
+    const char* expected;
+  } cases[] = {
+      {{original.begin(), original.begin() + 200}, "not a LAS file"},
+      {{original.begin(), original.end() - 1}, "point records past the end of the file"},
+      {patched<std::uint16_t>(original, headerSize + 20, 0xFFFF),
+       "VLR 0 payload past the offset to point data"},
+      {patched<std::uint32_t>(original, 100, 1000), "VLR 4 header past the offset to point data"},
+      {patched<std::uint32_t>(original, 243, 1), "EVLR start outside the bytes after the points"},
+  };
+  for (const auto& c : cases) {
+    LasBytes::parse(c.bytes, error);
+    EXPECT_EQ(error, c.expected);
+  }
+}
+
+} // namespace
