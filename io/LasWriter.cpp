@@ -440,7 +440,8 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   raw.byReturn = byReturn;
   encodeHeader(raw, head.data());
   std::memcpy(file.get(), head.data(), head.size());
-  std::memcpy(records + recordBytes, tail.data(), tail.size());
+  if (!tail.empty())
+    std::memcpy(records + recordBytes, tail.data(), tail.size());
   writeAll(path, file.get(), total);
 }
 
