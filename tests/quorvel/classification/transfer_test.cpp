@@ -3,6 +3,7 @@
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
 #include "tressel/PointCloud.hpp"
+#include "vantor/Trees.hpp"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,7 @@
 #include <limits>
 #include <omp.h>
 #include <random>
+#include <sstream>
 
 namespace {
 
@@ -335,6 +337,23 @@ TEST(ClassificationTransfer, FragmentErrorsSkipOrStopAsDefined) {
   GetCapturedStdout();
 }
 
+// Everything the transfer writes, in order: the box, the fragment count line and one progress
+// line per source fragment, each overwritten by the next.
+TEST(ClassificationTransfer, WritesTheBoxAndOneProgressLinePerSourceFragment) {
+  const Cloud source(17, 300, 10.0), target(18, 300, 15.0);
+  Box box("1.5");
+  box.threads = 1;
+  const std::string boxLines = printed(box);
+  CaptureStdout();
+  EXPECT_EQ(classificationTransfer(source.grid, target.grid, box), "");
+  std::string expected = boxLines + "bboxes: " + std::to_string(target.partition.size()) + " vs. " +
+                         std::to_string(target.partition.size()) + "\n";
+  for (std::size_t k = 1; k <= source.partition.size(); ++k)
+    expected += "source: " + std::to_string(k) + " / " + std::to_string(source.partition.size()) +
+                "      \r";
+  EXPECT_EQ(GetCapturedStdout(), expected);
+}
+
 // ---- The earlier version --------------------------------------------------------------------
 
 TEST(ClassificationTransferOLD, PerFragmentModeCarriesClassesAndPositions) {
@@ -374,6 +393,96 @@ TEST(ClassificationTransferOLD, PerFragmentModeCarriesClassesAndPositions) {
     }
   EXPECT_EQ(target.classes(), cls);
   EXPECT_EQ(Tressel::readField<point>(*target.grid->CartesianPositions(), target.partition), xyz);
+}
+
+// The earlier version's output up to its running time: in one-tree mode one line per source
+// fragment while the tree fills, then one line per target fragment; each overwritten by the next.
+TEST(ClassificationTransferOLD, WritesOneProgressLinePerFragmentAndTheTime) {
+  const Cloud source(19, 300, 10.0), target(20, 300, 15.0);
+  const int saved = omp_get_max_threads();
+  omp_set_num_threads(2); // one worker: the lines come in fragment order
+  std::string computing;
+  for (std::size_t k = 1; k <= target.partition.size(); ++k)
+    computing += "... computing fragment " + std::to_string(k) + " / " +
+                 std::to_string(target.partition.size()) + "            \r";
+  std::string filling;
+  for (std::size_t k = 1; k <= source.partition.size(); ++k)
+    filling += "filling tree in mode onetree: " + std::to_string(k) + " / " +
+               std::to_string(source.partition.size()) + "\r";
+  const std::string timing = "\nClassificationTransfer: time needed: ";
+  for (bool onetree : {false, true}) {
+    Box box("1.5");
+    box.onetree = onetree;
+    CaptureStdout();
+    EXPECT_EQ(classificationTransferOLD(source.grid, target.grid, box), "");
+    const std::string out = GetCapturedStdout();
+    const auto at = out.rfind(timing);
+    ASSERT_NE(at, std::string::npos) << out;
+    EXPECT_EQ(out.substr(0, at), (onetree ? filling : "") + computing) << onetree;
+  }
+  omp_set_num_threads(saved);
+}
+
+// Per-fragment mode: a source fragment without a class array is passed over with a note naming
+// the target fragment, one with an unreadable array is reported; a target fragment whose class
+// array cannot be read is reported and left; the other fragments are computed.
+TEST(ClassificationTransferOLD, PerFragmentProblemsAreReportedAndPassedOver) {
+  Cloud source(22, 400, 10.0);
+  Cloud target(23, 400, 100.0);
+  auto sourceClasses = (*source.grid)(Tressel::StandardCartesianChart3D, "Classification");
+  const auto sourceIDs = sourceClasses->getFragmentIDs().fragments();
+  ASSERT_GE(sourceIDs.size(), 3u);
+  // Source fragment 0 has no class array, fragment 1 a creator without data.
+  auto swapped = std::make_shared<Tressel::Field>(sourceClasses->getFragmentIDCollection());
+  for (std::size_t k = 1; k < sourceIDs.size(); ++k)
+    swapped->setCreator(sourceIDs[k], k == 1 ? sourceClasses->createCreator(nullptr, "empty")
+                                             : sourceClasses->getCreator(sourceIDs[k]));
+  (*source.grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D))["Classification"] =
+      swapped;
+  const std::string targetName = (*target.grid)(Tressel::StandardCartesianChart3D, "Classification")
+                                     ->getFragmentIDs()
+                                     .fragments()[0]
+                                     ->Name();
+  const int saved = omp_get_max_threads();
+  omp_set_num_threads(2);
+  Box box("1.5");
+  CaptureStdout();
+  EXPECT_EQ(classificationTransferOLD(source.grid, target.grid, box),
+            "ERROR: no m_sourceclassification");
+  const std::string out = GetCapturedStdout();
+  EXPECT_EQ(out.substr(0, out.find("\nClassificationTransfer: time")),
+            "... computing fragment 1 / 1            \r"
+            "INFO: no cab_source_classification for target fragment: " +
+                targetName +
+                "\n"
+                "ClassificationTransfer: ERROR: no m_sourceclassification\n");
+  // The remaining source fragments against brute force.
+  std::vector<unsigned char> expected = target.cls;
+  for (std::size_t f = 2; f < source.partition.size(); ++f)
+    for (std::size_t t = 0; t < expected.size(); ++t) {
+      double best = box.radius * box.radius;
+      std::size_t nearest = source.xyz.size();
+      for (std::size_t s : source.partition[f]) {
+        const double d2 = Vantor::PhysicalSpace::squaredDistance(source.xyz[s], target.xyz[t]);
+        if (d2 < best || (d2 == best && s < nearest))
+          best = d2, nearest = s;
+      }
+      if (nearest != source.xyz.size())
+        expected[t] = source.cls[nearest];
+    }
+  EXPECT_EQ(target.classes(), expected);
+
+  // A target fragment whose class array cannot be read.
+  Cloud unreadable(24, 50, 100.0);
+  auto targetClasses = (*unreadable.grid)(Tressel::StandardCartesianChart3D, "Classification");
+  const auto id = targetClasses->getFragmentIDs().fragments()[0];
+  targetClasses->setCreator(id, targetClasses->createCreator(nullptr, "empty"));
+  Box second("1.5");
+  CaptureStdout();
+  EXPECT_EQ(classificationTransferOLD(Cloud(25, 50, 100.0).grid, unreadable.grid, second),
+            "ERROR: no m_targetclassification");
+  GetCapturedStdout();
+  omp_set_num_threads(saved);
 }
 
 TEST(ClassificationTransferOLD, OneTreeModeWithExpandAndHeights) {
