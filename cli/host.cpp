@@ -5,7 +5,11 @@
 #include "tressel/Bundle.hpp"
 #include "tressel/PointCloud.hpp"
 
+#include "basalt/Text.hpp"
+
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <unistd.h>
 
@@ -18,6 +22,51 @@ void addCommonOptions(CLI::App& app, Common& common) {
                  "(0: one fragment per file)")
       ->capture_default_str();
   app.add_flag("-q,--quiet", common.quiet, "no progress bar and no summary line");
+}
+
+namespace {
+
+// "auto", one number, or three separated by commas, into a per-axis setting.
+void parseAxes(const std::string& name, const std::string& text,
+               std::optional<std::array<double, 3>>& axes, bool& automatic, bool positive) {
+  if (text == "auto") {
+    axes.reset();
+    automatic = true;
+    return;
+  }
+  const auto parts = Basalt::splitAt(text, ",");
+  if (parts.size() != 1 && parts.size() != 3)
+    throw CLI::ValidationError(name, "takes auto, one number or X,Y,Z, not \"" + text + "\"");
+  std::array<double, 3> values{};
+  for (std::size_t k = 0; k < 3; ++k) {
+    const std::string part(parts[parts.size() == 1 ? 0 : k]);
+    char* end = nullptr;
+    values[k] = std::strtod(part.c_str(), &end);
+    if (part.empty() || *end != '\0' || !std::isfinite(values[k]) ||
+        (positive && !(values[k] > 0.0)))
+      throw CLI::ValidationError(name, "\"" + part + "\" is not a " +
+                                           (positive ? "positive " : "") + "finite number");
+  }
+  axes = values;
+  automatic = false;
+}
+
+} // namespace
+
+void addWriteOptions(CLI::App& app, Las::WriteOptions& options) {
+  app.add_option_function<std::string>(
+      "--scale,--las-scale",
+      [&options](const std::string& text) {
+        parseAxes("--scale", text, options.scale, options.autoScale, true);
+      },
+      "LAS coordinate scale: auto (0.001), S or X,Y,Z (default: the input's)");
+  const bool taken = app.get_option_no_throw("--offset") != nullptr;
+  app.add_option_function<std::string>(
+      taken ? "--las-offset" : "--offset,--las-offset",
+      [&options](const std::string& text) {
+        parseAxes("--offset", text, options.offset, options.autoOffset, false);
+      },
+      "LAS coordinate offset: auto (the rounded minimum), O or X,Y,Z (default: the input's)");
 }
 
 bool isBundle(const std::string& path) {
@@ -80,7 +129,7 @@ Cloud loadBundle(const std::string& path) {
   const auto ids = bundle.getGridIdentifiers();
   if (ids.empty())
     throw Error(path + ": the bundle holds no grid");
-  return {(*bundle.findSlice(ids.front().time))[ids.front().grid], std::nullopt};
+  return {(*bundle.findSlice(ids.front().time))[ids.front().grid]};
 }
 
 void saveBundle(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid) {
@@ -102,19 +151,19 @@ Cloud Host::load(const std::string& path) const {
   if (isBundle(path)) {
     cloud = loadBundle(path);
   } else {
-    auto read = Las::read(path, common_.fragmentPoints);
-    cloud = {read.grid, std::move(read.info)};
+    cloud = {Las::read(path, common_.fragmentPoints, shown).grid};
   }
   finish(shown, pointCount(*cloud.grid));
   return cloud;
 }
 
-void Host::save(const std::string& path, const Cloud& cloud) const {
+void Host::save(const std::string& path, const Cloud& cloud,
+                const Las::WriteOptions& options) const {
   const auto shown = progress("write " + path);
   if (isBundle(path))
     saveBundle(path, cloud.grid);
   else
-    Las::write(path, *cloud.grid, cloud.las ? &*cloud.las : nullptr);
+    Las::write(path, *cloud.grid, options, shown);
   finish(shown, pointCount(*cloud.grid));
 }
 

@@ -36,11 +36,16 @@ struct Common {
 // settings, so that they are accepted in both places).
 void addCommonOptions(CLI::App& app, Common& common);
 
-// A point cloud as loaded, with what writing it back as LAS needs.
+// A point cloud as loaded. A grid read from LAS carries its LAS origin (header, VLRs, EVLRs) as
+// attributes, so that writing it back, directly or through a bundle, keeps them.
 struct Cloud {
   Basalt::StrongPtr<Tressel::Grid> grid;
-  std::optional<Las::FileInfo> las;
 };
+
+// Adds --scale and --offset (with the aliases --las-scale and --las-offset; only the alias for an
+// offset when the command's own --offset means something else): "auto", one number for all
+// three axes, or X,Y,Z.
+void addWriteOptions(CLI::App& app, Las::WriteOptions& options);
 
 // Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
 bool isBundle(const std::string& path);
@@ -61,7 +66,8 @@ public:
   Basalt::StrongPtr<Basalt::LoaderProgress> progress(const std::string& what) const;
 
   Cloud load(const std::string& path) const;
-  void save(const std::string& path, const Cloud& cloud) const;
+  void save(const std::string& path, const Cloud& cloud,
+            const Las::WriteOptions& options = {}) const;
   // Runs step, showing the elapsed time and the points/s over count points while it runs.
   void run(const std::string& what, std::size_t count, const std::function<void()>& step) const;
   // "quorvel <command>: <points> points, <fragments> fragments, <s> s, <points/s> points/s" on

@@ -51,6 +51,7 @@ protected:
 private:
   std::string name_;
   std::string input_, output_;
+  Las::WriteOptions write_;
 };
 
 // One entry of the table of commands.

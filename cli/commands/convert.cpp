@@ -11,17 +11,19 @@ public:
     app.add_option("IN", in_, "a LAS or bundle file")->required();
     app.add_option("OUT", out_, "the file to write: .h5 or .hdf5 for a bundle, else LAS")
         ->required();
+    addWriteOptions(app, write_);
   }
 
   int run(const Host& host) override {
     const Cloud cloud = host.load(in_);
-    host.save(out_, cloud);
+    host.save(out_, cloud, write_);
     host.summary("convert", *cloud.grid);
     return 0;
   }
 
 private:
   std::string in_, out_;
+  Las::WriteOptions write_;
 };
 
 } // namespace

@@ -17,6 +17,10 @@ public:
   }
 
   int run(const Host& host) override {
+    // A LAS file read as one fragment is described from one pass over its records, without
+    // building a grid: seconds for a file of a gigabyte.
+    if (!isBundle(path_) && host.common().fragmentPoints == 0)
+      return describe(Las::summarize(path_));
     const Cloud cloud = host.load(path_);
     const Tressel::Grid& grid = *cloud.grid;
     std::cout << "file: " << path_ << "\n";
@@ -45,6 +49,31 @@ public:
   }
 
 private:
+  int describe(const Las::Summary& summary) const {
+    std::cout << "file: " << path_ << "\n";
+    std::cout << "points: " << summary.pointCount << "\n";
+    std::cout << "fragments: 1\n";
+    const auto& lo = summary.min;
+    const auto& hi = summary.max;
+    if (summary.pointCount > 0)
+      std::cout << Basalt::format("bbox: %.3f %.3f %.3f - %.3f %.3f %.3f\n", lo[0], lo[1], lo[2],
+                                  hi[0], hi[1], hi[2]);
+    std::cout << "fields:\n";
+    bool classes = false;
+    for (const auto& [name, type] : summary.fields) {
+      std::cout << "  " << name << ": " << type << "\n";
+      classes = classes || name == "Classification";
+    }
+    if (classes) {
+      std::cout << "classes:";
+      for (std::size_t c = 0; c < summary.classCounts.size(); ++c)
+        if (summary.classCounts[c] > 0)
+          std::cout << " " << c << ":" << summary.classCounts[c];
+      std::cout << "\n";
+    }
+    return 0;
+  }
+
   std::string path_;
 };
 

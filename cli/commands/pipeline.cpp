@@ -34,6 +34,7 @@ class Pipeline final : public Command {
 public:
   void addOptions(CLI::App& app) override {
     app.add_option("FILE", path_, "the pipeline, a JSON array")->required();
+    addWriteOptions(app, write_);
     app.footer(Example);
   }
 
@@ -54,7 +55,7 @@ public:
     Cloud cloud = host.load(input);
     for (Stage& stage : parsed)
       stage.command->apply(cloud, host);
-    host.save(output, cloud);
+    host.save(output, cloud, write_);
     host.summary("pipeline", *cloud.grid);
     return 0;
   }
@@ -140,6 +141,7 @@ private:
   }
 
   std::string path_;
+  Las::WriteOptions write_;
 };
 
 } // namespace
