@@ -58,3 +58,20 @@ foreach(default "--maxradius FLOAT=250" "--threads INT=-1" "--field TEXT=Classif
     message(FATAL_ERROR "transfer --help does not show ${default}:\n${quorvel_output}")
   endif()
 endforeach()
+
+# Writing commands place LAS coordinates by --scale and --offset (or keep the input's).
+quorvel(0 "quorvel convert" convert ${data}/sample_c.las ${WORK_DIR}/coarse.las --scale 0.5
+        --offset 674000,1206000,600)
+quorvel(0 "bbox: 674522.000 1206740.000 627.500 - 674605.500 1206815.000 656.000" info
+        ${WORK_DIR}/coarse.las)
+quorvel(0 "quorvel transfer" transfer ${data}/sample_c_thin.las ${data}/sample_nc.las -o
+        ${WORK_DIR}/coarse.las --scale 0.5 --las-offset auto)
+quorvel(0 "bbox: 674522.000 1206740.000 627.500 - 674605.500 1206815.000 656.000" info
+        ${WORK_DIR}/coarse.las)
+quorvel(105 "--scale: takes auto, one number or X,Y,Z, not \"0,1\"" convert
+        ${data}/sample_c.las ${WORK_DIR}/never.las --scale 0,1)
+quorvel(105 "--offset: \"x\" is not a finite number" cellsize ${data}/sample_c.las
+        -o ${WORK_DIR}/never.las --offset 1,x,3)
+if(EXISTS ${WORK_DIR}/never.las)
+  message(FATAL_ERROR "a refused command wrote its output")
+endif()
