@@ -73,24 +73,50 @@ std::string axisText(const std::array<double, 3>& v) {
   return Basalt::format("%.17g %.17g %.17g", v[0], v[1], v[2]);
 }
 
-void writeAll(const std::string& path, const std::uint8_t* data, std::size_t size) {
-  // A temporary beside the target, renamed over it only when complete.
-  const std::string temporary = path + ".tmp." + std::to_string(::getpid());
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0)
-    throw Error(path + ": cannot create " + temporary);
-  bool ok = true;
-  for (std::size_t done = 0; ok && done < size;) {
-    const ssize_t wrote = ::write(fd, data + done, std::min<std::size_t>(size - done, 1u << 30));
-    ok = wrote > 0;
-    done += ok ? static_cast<std::size_t>(wrote) : 0;
+// A temporary file beside the target, renamed over it by commit() only when complete; removed
+// when dropped before, so a failed write leaves an earlier file as it was.
+class TemporaryFile {
+public:
+  explicit TemporaryFile(const std::string& path)
+      : path_(path), temporary_(path + ".tmp." + std::to_string(::getpid())) {
+    fd_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd_ < 0)
+      throw Error(path + ": cannot create " + temporary_);
   }
-  ok = (::close(fd) == 0) && ok;
-  if (!ok || std::rename(temporary.c_str(), path.c_str()) != 0) {
-    ::unlink(temporary.c_str());
-    throw Error(path + ": cannot write the file");
+  ~TemporaryFile() {
+    if (fd_ >= 0)
+      ::close(fd_);
+    if (!committed_)
+      ::unlink(temporary_.c_str());
   }
-}
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  void write(const std::uint8_t* data, std::size_t size) {
+    for (std::size_t done = 0; done < size;) {
+      const ssize_t wrote = ::write(fd_, data + done, std::min<std::size_t>(size - done, 1u << 30));
+      if (wrote <= 0)
+        throw Error(path_ + ": cannot write the file");
+      done += static_cast<std::size_t>(wrote);
+    }
+  }
+  void writeAt(std::uint64_t at, const std::uint8_t* data, std::size_t size) {
+    if (::pwrite(fd_, data, size, static_cast<off_t>(at)) != static_cast<ssize_t>(size))
+      throw Error(path_ + ": cannot write the file");
+  }
+  void commit() {
+    const int fd = fd_;
+    fd_ = -1;
+    if (::close(fd) != 0 || std::rename(temporary_.c_str(), path_.c_str()) != 0)
+      throw Error(path_ + ": cannot write the file");
+    committed_ = true;
+  }
+
+private:
+  std::string path_, temporary_;
+  int fd_ = -1;
+  bool committed_ = false;
+};
 
 void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInfo* origin,
                const WriteOptions& options,
@@ -340,9 +366,17 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   for (const Vlr& v : evlrs)
     encodeRecord(v, true, tail);
   const std::size_t recordBytes = n * recordLength;
-  const std::size_t total = head.size() + recordBytes + tail.size();
-  std::unique_ptr<std::uint8_t[]> file(new std::uint8_t[total]); // every byte is written below
-  std::uint8_t* records = file.get() + head.size();
+
+  // Records in file order go out in blocks of about 1 MB that stay in cache; placed ones (after
+  // "PointIndex") are assembled whole. The header is written last, when the bounds are known.
+  const bool streaming = place.empty();
+  const std::size_t blockPoints =
+      streaming ? std::max<std::size_t>(1, (std::size_t(1) << 20) / recordLength) : n;
+  std::unique_ptr<std::uint8_t[]> records( // every byte of a record is written below
+      new std::uint8_t[std::max<std::size_t>(std::min(n, blockPoints), 1) * recordLength]);
+  std::size_t filled = 0;
+  TemporaryFile out(path);
+  out.write(head.data(), head.size());
 
   std::array<std::int32_t, 3> lo, hi;
   lo.fill(std::numeric_limits<std::int32_t>::max());
@@ -359,7 +393,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
     const std::uint8_t* rgb = rgbSource ? rgbSource->fragments[k] : nullptr;
     for (std::size_t j = 0; j < sizes[k]; ++j) {
       const std::size_t g = g0 + j;
-      std::uint8_t* r = records + (place.empty() ? g : place[g]) * recordLength;
+      std::uint8_t* r = records.get() + (streaming ? filled++ : place[g]) * recordLength;
       std::memset(r, 0, recordLength);
       for (int a = 0; a < 3; ++a) {
         const double shifted = p[j][a] - h.offset[a];
@@ -383,35 +417,54 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
             throw Error(path + ": " + u.from->name + " " + std::to_string(v) + " of point " +
                         std::to_string(g) + " does not fit point format " + std::to_string(chosen));
           r[u.to] = static_cast<std::uint8_t>(r[u.to] | (v << u.shift));
-        } else {
-          std::memcpy(r + u.to, from + static_cast<std::size_t>(u.size) * j,
-                      static_cast<std::size_t>(u.size));
+          continue;
+        }
+        // Fixed sizes, so that each copy is one move rather than a library call.
+        switch (u.size) {
+        case 1:
+          r[u.to] = from[j];
+          break;
+        case 2:
+          std::memcpy(r + u.to, from + 2 * j, 2);
+          break;
+        case 4:
+          std::memcpy(r + u.to, from + 4 * j, 4);
+          break;
+        default:
+          std::memcpy(r + u.to, from + 8 * j, 8);
+          break;
         }
       }
       if (angle) {
-        const double a = f.extended ? std::round(angle[j] / 0.006) : std::round(angle[j]);
-        const double limit = f.extended ? 32767 : 127;
-        if (!(std::fabs(a) <= limit))
+        const double v = f.extended ? angle[j] / 0.006 : angle[j];
+        const double limit = f.extended ? 32767.5 : 127.5; // int16 or int8 after rounding
+        if (!(v > -limit - 1 && v < limit))
           throw Error(path + ": ScanAngle " + Basalt::format("%g", angle[j]) + " of point " +
                       std::to_string(g) + " does not fit point format " + std::to_string(chosen));
-        if (f.extended) {
-          const auto v = static_cast<std::int16_t>(a);
-          std::memcpy(r + 18, &v, 2);
-        } else {
+        const auto a = static_cast<std::int16_t>(v + (v < 0 ? -0.5 : 0.5));
+        if (f.extended)
+          std::memcpy(r + 18, &a, 2);
+        else
           r[16] = static_cast<std::uint8_t>(static_cast<std::int8_t>(a));
-        }
       }
       if (rgb)
         std::memcpy(r + f.rgb, rgb + 6 * j, 6);
       const int returnNumber = r[14] & returnBits;
       if (returnNumber >= 1)
         ++byReturn[static_cast<std::size_t>(returnNumber - 1)];
+      if (streaming && filled == blockPoints) {
+        out.write(records.get(), filled * recordLength);
+        filled = 0;
+      }
     }
     g0 += sizes[k];
     if (progress)
       progress->progress(static_cast<double>(g0) / static_cast<double>(std::max<std::size_t>(n, 1)),
                          "writing");
   }
+
+  out.write(records.get(), (streaming ? filled : n) * recordLength);
+  out.write(tail.data(), tail.size());
 
   // The header, now that the records tell the bounds and the counts per return.
   RawHeader raw;
@@ -439,10 +492,8 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   raw.pointCount = n;
   raw.byReturn = byReturn;
   encodeHeader(raw, head.data());
-  std::memcpy(file.get(), head.data(), head.size());
-  if (!tail.empty())
-    std::memcpy(records + recordBytes, tail.data(), tail.size());
-  writeAll(path, file.get(), total);
+  out.writeAt(0, head.data(), o.headerSize);
+  out.commit();
 }
 
 } // namespace
