@@ -4,6 +4,7 @@
 
 #include "basalt/Console.hpp"
 #include "vantor/PhysicalSpace.hpp"
+#include "vantor/TreeBase.hpp"
 
 #include <algorithm>
 #include <array>
@@ -23,21 +24,6 @@ std::string indexText(const Index& index) {
   return std::to_string(index);
 }
 } // namespace detail
-
-// True when p lies in [min, max] on the first D axes (bounds inclusive). Otherwise, and for a
-// NaN coordinate, writes "OcTreeStd::insert() ERROR out of bounds!   <coordinate>   outside of
-// [<min>;<max>]" for the first failing axis and answers false.
-template <int D, class Point>
-bool acceptsPoint(const Point& p, const Point& min, const Point& max) {
-  for (int k = 0; k < D; ++k)
-    if (!(p[k] >= min[k] && p[k] <= max[k])) {
-      Basalt::Console::write(Basalt::format(
-          "OcTreeStd::insert() ERROR out of bounds!   %.12f   outside of [%.12f;%.12f]\n", p[k],
-          min[k], max[k]));
-      return false;
-    }
-  return true;
-}
 
 // A region tree that stores (point, index) pairs in leaf buckets of a fixed capacity and splits
 // a full leaf into 2^D children around its centre. Child number: (p.x < c.x ? 1 : 0) +
@@ -237,7 +223,7 @@ public:
   // is refused with the line "OcTreeStd::insert() ERROR out of bounds!   <coordinate>   outside
   // of [<min>;<max>]" on standard output. True when the point was stored.
   bool insert(const Point p, const Index i) {
-    if (!acceptsPoint<D>(p, min, max))
+    if (!Vantor::acceptsPoint<D>(p, min, max))
       return false;
     if (root->insert(p, i))
       return true;

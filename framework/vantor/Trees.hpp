@@ -4,8 +4,8 @@
 
 #include "basalt/RadixSort.hpp"
 #include "basalt/StrongPtr.hpp"
-#include "tarrow/OcTreeStd.hpp"
 #include "vantor/BoundingBox.hpp"
+#include "vantor/TreeBase.hpp"
 
 #include <algorithm>
 #include <array>
@@ -80,7 +80,7 @@ public:
 
   // Stores p under index; a point outside the box is refused with the tree's message.
   bool insert(const point& p, const Index& index) {
-    if (!valid_ || !Tarrow::acceptsPoint<D>(p, box_.min(), box_.max()))
+    if (!valid_ || !acceptsPoint<D>(p, box_.min(), box_.max()))
       return false;
     pending_.emplace_back(p, index);
     ++count_;
@@ -790,10 +790,6 @@ private:
   mutable std::mutex building_;
 };
 
-template <class Index>
-using OcTree = BucketTree<Index, 3>;
-
-template <class Index>
-using QuadTree = BucketTree<Index, 2>;
+// OcTree<Index> and QuadTree<Index> name the two forms; they are declared in vantor/TreeBase.hpp.
 
 } // namespace Vantor

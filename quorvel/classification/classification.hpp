@@ -7,7 +7,7 @@
 #include "tressel/MemArray.hpp"
 #include "vantor/MultiRange.hpp"
 #include "vantor/PhysicalSpace.hpp"
-#include "vantor/Trees.hpp"
+#include "vantor/TreeBase.hpp"
 
 #include <cstdint>
 #include <map>

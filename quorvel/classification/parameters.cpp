@@ -1,5 +1,6 @@
 // Quorvel: the parameter box of the classification transfer.
 #include "quorvel/classification/classification.hpp"
+#include "quorvel/core/core.hpp"
 
 #include "basalt/Console.hpp"
 #include "basalt/Text.hpp"
@@ -34,22 +35,22 @@ ClassificationTransferParameterBox::ClassificationTransferParameterBox(const std
 }
 
 void ClassificationTransferParameterBox::print() const {
-  Basalt::Console() << "radius: " << radius;
+  printField("radius: ", radius);
   Basalt::Console() << "\nassignment:";
   for (const auto& [key, cls] : assignment)
     Basalt::Console() << "\t" << std::sqrt(key) << " --> " << cls;
-  Basalt::Console() << "has assignment: " << hasAssignment;
-  Basalt::Console() << "maxradius: " << maxradius;
-  Basalt::Console() << "dimension: " << dimension;
-  Basalt::Console() << "fieldname: " << fieldname;
-  Basalt::Console() << "onetree: " << onetree;
-  Basalt::Console() << "positions: " << positions;
-  Basalt::Console() << "expand: " << expand;
-  Basalt::Console() << "unclassify: " << unclassify;
-  Basalt::Console() << "source: " << source.to_string();
-  Basalt::Console() << "target: " << target.to_string();
-  Basalt::Console() << "sourcefilename: " << sourcefilename;
-  Basalt::Console() << "threads: " << threads;
+  printField("has assignment: ", hasAssignment);
+  printField("maxradius: ", maxradius);
+  printField("dimension: ", dimension);
+  printField("fieldname: ", fieldname);
+  printField("onetree: ", onetree);
+  printField("positions: ", positions);
+  printField("expand: ", expand);
+  printField("unclassify: ", unclassify);
+  printField("source: ", source);
+  printField("target: ", target);
+  printField("sourcefilename: ", sourcefilename);
+  printField("threads: ", threads);
 }
 
 } // namespace Quorvel

@@ -1,6 +1,7 @@
-// Quorvel: the fragment-driven classification transfer.
+// Quorvel: the fragment-driven classification transfer. It runs in three steps: the inputs are
+// looked up, a target pass resets classes and notes where each target fragment lies, and a source
+// pass builds one tree per source fragment and answers the target fragments it can reach.
 #include "quorvel/classification/detail/transfer.hpp"
-#include "quorvel/spatial/spatial.hpp"
 
 #include "tressel/DataRange.hpp"
 
@@ -13,9 +14,66 @@ using namespace detail;
 
 namespace {
 
+// The fields a transfer reads and writes.
+struct Inputs {
+  StrongPtr<Field> sourcePositions, sourceClasses, targetPositions, targetClasses;
+  bool created = false; // the target class field was made by this transfer
+};
+
+// Looks the inputs up in the order their absence is reported; false after the first report.
+bool lookUpInputs(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target, const Box& box,
+                  Messages& log, Inputs& in) {
+  in.sourcePositions = findPositions(source, log, "ERROR: no f_vertices source found");
+  if (!in.sourcePositions ||
+      !findChart(source, log, "ERROR: no chart source StandardCartesianChart3D found"))
+    return false;
+  in.sourceClasses =
+      findField(source, box.fieldname, log, "ERROR: no f_classification source found");
+  if (!in.sourceClasses)
+    return false;
+  in.targetPositions = findPositions(target, log, "ERROR: no f_vertices target found");
+  if (!in.targetPositions ||
+      !findChart(target, log, "ERROR: no chart target StandardCartesianChart3D found"))
+    return false;
+  if (!dimensionHasTree(box, log))
+    return false;
+  in.targetClasses = targetClassField(target, box.fieldname, in.created);
+  return true;
+}
+
+// The target fragments in layout order, each with its box widened by the radius: a source
+// fragment only visits the target fragments whose widened box meets its own.
+struct Targets {
+  std::vector<FragmentSlot> slots;
+  std::vector<BoundingBox> reach;
+};
+
+// Target pass: resets the classes of every target fragment where asked (or where the field is
+// new) and collects the fragments with their reach. Stops at a fragment without a box.
+Targets targetPass(const Inputs& in, const Box& box, Messages& log) {
+  Targets targets;
+  in.targetPositions->iterate(
+      [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        const FragmentSlot slot{id, creator};
+        if (box.unclassify || in.created) {
+          const auto xyz = fragmentArray<point>(*in.targetPositions, slot);
+          zeroClasses(in.targetClasses, id, xyz ? xyz->size() : 0);
+        }
+        auto bbox = fragmentBBox(slot);
+        if (!bbox) {
+          log.report("ERROR: no fragment_bbox target found");
+          return false;
+        }
+        targets.reach.push_back(widened(*bbox, box.radius));
+        targets.slots.push_back(slot);
+        return true;
+      });
+  return targets;
+}
+
 // Everything a pass over one source fragment shares between the target fragments.
 struct SourcePass {
-  const ClassificationTransferParameterBox& box;
+  const Box& box;
   const MemArray<1, unsigned char>& classes; // the source fragment's classes
   const ClassSet& target;                    // the classes a target point may have to ask
   BoundingBox reach; // the source box widened by the radius: no query point outside finds a point
@@ -75,6 +133,52 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   underCriticalSection([&] { creator->touch(); });
 }
 
+// Source pass over one source fragment: a tree over its points whose class is in `sources`,
+// then, in parallel, every target fragment it can reach. False, after the report, when the
+// fragment cannot be read; the pass then stops.
+bool sourcePass(const FragmentSlot& slot, const Inputs& in, Box& box, const Targets& targets,
+                const ClassSet& sources, const ClassSet& targetClasses, Messages& log) {
+  const ClassedPoints points =
+      readClassedPoints(slot, *in.sourceClasses, log, "ERROR: no m_vertices source found",
+                        "ERROR: no m_classification source found");
+  if (!points.xyz)
+    return false;
+  auto sourceBox = fragmentBBox(slot);
+  if (!sourceBox) {
+    log.report("ERROR: no fragment_bbox source found");
+    return false;
+  }
+  box.treeReference = points.xyz;
+  box.classReference = points.cls;
+
+  withTree(box.dimension, sourceBox, [&](const auto& tree) {
+    fillTree(*tree, sources, *points.xyz, *points.cls, points.xyz->size());
+    if (tree->size() == 0)
+      return;
+    // The target fragments are tested against the source box moved to target coordinates.
+    BoundingBox reachable = *sourceBox;
+    if (offsetApplies(box.offset))
+      reachable = BoundingBox(sourceBox->min() + box.offset, sourceBox->max() + box.offset);
+    const SourcePass pass{box, *points.cls, targetClasses, widened(*sourceBox, box.radius), log};
+    forEachFragment(targets.slots.size(), box.threads, log, [&](std::size_t t) {
+      if (targets.reach[t].inside(reachable, BoundingBox::Intersects))
+        transferOnto(*tree, pass, targets.slots[t], *in.targetClasses);
+    });
+  });
+  return true;
+}
+
+// The field's stored value range follows the new classes.
+void updateClassRange(Field& classes, Messages& log) {
+  classes.iterate([&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+    if (!Tressel::DataRange<unsigned char>::compute(creator))
+      log.report("ERROR: no cab_classification");
+    return true;
+  });
+  std::string rangeText;
+  Tressel::getRange<unsigned char>(classes, rangeText);
+}
+
 } // namespace
 
 std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target,
@@ -82,108 +186,25 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
   box.threads = correctedThreadCount(box.threads);
   box.print();
   Messages log(TransferTag, &box.message);
+  Inputs in;
+  if (!lookUpInputs(source, target, box, log, in))
+    return box.message;
 
-  auto sourcePositions = findPositions(source, log, "ERROR: no f_vertices source found");
-  if (!sourcePositions ||
-      !findChart(source, log, "ERROR: no chart source StandardCartesianChart3D found"))
-    return box.message;
-  auto sourceClasses =
-      findField(source, box.fieldname, log, "ERROR: no f_classification source found");
-  if (!sourceClasses)
-    return box.message;
-  auto targetPositions = findPositions(target, log, "ERROR: no f_vertices target found");
-  if (!targetPositions ||
-      !findChart(target, log, "ERROR: no chart target StandardCartesianChart3D found"))
-    return box.message;
-  if (box.dimension != 2 && box.dimension != 3) {
-    log.report("ERROR: no tree");
-    return box.message;
-  }
-  auto targetClasses = findOptionalField(target, box.fieldname);
-  // A class field made here starts at class 0 everywhere, as if unclassified.
-  const bool created = !targetClasses;
-  if (created)
-    targetClasses = outputField<unsigned char>(target, box.fieldname);
+  const Targets targets = targetPass(in, box, log);
+  Basalt::Console() << "bboxes: " << targets.reach.size() << " vs. "
+                    << in.targetClasses->nFragments();
 
-  // Target pass: reset classes where asked, and collect every target fragment's box widened by
-  // the radius, so that each source fragment only visits the target fragments it can reach.
-  std::vector<BoundingBox> reach;
-  std::vector<FragmentSlot> targets;
-  targetPositions->iterate(
+  const ClassSet sources(box.source), targetClasses(box.target);
+  FragmentProgress progress(in.sourcePositions->nFragments(), "source: ", "      \r");
+  in.sourcePositions->iterate(
       [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        const FragmentSlot slot{id, creator};
-        if (box.unclassify || created) {
-          const auto xyz = fragmentArray<point>(*targetPositions, slot);
-          FragmentOutput<unsigned char> zero(targetClasses, id, xyz ? xyz->size() : 0);
-          std::fill(zero.data(), zero.data() + zero.size(), 0);
-          zero.commit();
-        }
-        auto bbox = fragmentBBox(slot);
-        if (!bbox) {
-          log.report("ERROR: no fragment_bbox target found");
-          return false;
-        }
-        const Vantor::PhysicalSpace::vector widen(box.radius, box.radius, box.radius);
-        reach.emplace_back(bbox->min() - widen, bbox->max() + widen);
-        targets.push_back(slot);
-        return true;
+        progress.step();
+        return sourcePass({id, creator}, in, box, targets, sources, targetClasses, log);
       });
-  Basalt::Console() << "bboxes: " << reach.size() << " vs. " << targetClasses->nFragments();
-
-  const ClassSet sourceSet(box.source), targetSet(box.target);
-  const std::size_t sourceCount = sourcePositions->nFragments();
-  std::size_t done = 0;
-  sourcePositions->iterate([&](const StrongPtr<FragmentID>& id,
-                               const StrongPtr<CreativeArrayBase>& creator) {
-    Basalt::Console::write("source: " + std::to_string(++done) + " / " +
-                           std::to_string(sourceCount) + "      \r");
-    auto xyz = arrayCast<1, point>(creator ? creator->getData() : nullptr);
-    if (!xyz) {
-      log.report("ERROR: no m_vertices source found");
-      return false;
-    }
-    auto cls = fragmentArray<unsigned char>(*sourceClasses, *id);
-    if (!cls || cls->size() != xyz->size()) {
-      log.report("ERROR: no m_classification source found");
-      return false;
-    }
-    auto sourceBox = fragmentBBox({id, creator});
-    if (!sourceBox) {
-      log.report("ERROR: no fragment_bbox source found");
-      return false;
-    }
-    box.treeReference = xyz;
-    box.classReference = cls;
-
-    withTree(box.dimension, sourceBox, [&](const auto& tree) {
-      fillTree(*tree, sourceSet, *xyz, *cls, xyz->size());
-      if (tree->size() == 0)
-        return;
-      BoundingBox reachable = *sourceBox;
-      if (offsetApplies(box.offset))
-        reachable = BoundingBox(sourceBox->min() + box.offset, sourceBox->max() + box.offset);
-      const Vantor::PhysicalSpace::vector widen(box.radius, box.radius, box.radius);
-      const SourcePass pass{box, *cls, targetSet,
-                            BoundingBox(sourceBox->min() - widen, sourceBox->max() + widen), log};
-      forEachFragment(targets.size(), box.threads, log, [&](std::size_t t) {
-        if (reach[t].inside(reachable, BoundingBox::Intersects))
-          transferOnto(*tree, pass, targets[t], *targetClasses);
-      });
-    });
-    return true;
-  });
   box.treeReference.reset();
   box.classReference.reset();
 
-  // The field's stored value range follows the new classes.
-  targetClasses->iterate(
-      [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
-        if (!Tressel::DataRange<unsigned char>::compute(creator))
-          log.report("ERROR: no cab_classification");
-        return true;
-      });
-  std::string rangeText;
-  Tressel::getRange<unsigned char>(*targetClasses, rangeText);
+  updateClassRange(*in.targetClasses, log);
   return box.message;
 }
 

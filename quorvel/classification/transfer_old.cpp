@@ -1,143 +1,109 @@
-// Quorvel: the earlier classification transfer, with one tree over the whole source as an
-// option, and its per-fragment and per-point steps.
+// Quorvel: the earlier classification transfer. Its inputs are looked up, in one-tree mode a
+// single tree over the whole source is filled, and then one parallel pass over the target
+// fragments answers each of them from that tree or from a tree per source fragment.
 #include "quorvel/classification/detail/transfer.hpp"
 
 #include <chrono>
-#include <vector>
 
 namespace Quorvel {
 
 using Tressel::arrayCast;
 using namespace detail;
 
-template <class Tree>
-void classificationTransfer(const StrongPtr<Tree>& tree,
-                            const ClassificationTransferParameterBox& box,
-                            const MultiArray<1, const point>& sourcePositions,
-                            const MultiArray<1, const unsigned char>& sourceClasses,
-                            const MultiArray<1, point>& targetPositions,
-                            const MultiArray<1, unsigned char>& targetClasses) {
-  if (!tree)
-    return;
-  const ClassSet source(box.source), target(box.target);
-  fillTree(*tree, source, sourcePositions, sourceClasses,
-           std::min(sourcePositions.size(), sourceClasses.size()));
-  if (!tree->valid() || tree->size() == 0)
-    return;
-
-  // The target points that ask, in as many parts as there are threads; the tree answers each
-  // part in its own order.
-  const std::size_t targetCount = std::min(targetPositions.size(), targetClasses.size());
-  std::vector<std::size_t> asking;
-  for (std::size_t i = 0; i < targetCount; ++i)
-    if (target(targetClasses[i]))
-      asking.push_back(i);
-  const int parts = maximumThreadsMinusOne();
-  const std::size_t part =
-      (asking.size() + static_cast<std::size_t>(parts) - 1) / static_cast<std::size_t>(parts);
-#pragma omp parallel for schedule(static, 1) num_threads(parts)
-  for (int t = 0; t < parts; ++t) {
-    const std::size_t b = std::min(asking.size(), static_cast<std::size_t>(t) * part);
-    const std::size_t e = std::min(asking.size(), b + part);
-    tree->findNearestEach(
-        e - b, [&](std::size_t k) { return targetPositions[asking[b + k]]; }, box.radius,
-        [&](std::size_t k, const typename Tree::Neighbour& found) {
-          const std::size_t i = asking[b + k];
-          targetClasses[i] = sourceClasses[found.index];
-          if (box.positions)
-            targetPositions[i] = found.position;
-        });
-  }
-}
-
-template <class Tree>
-void classificationTransferOneTree(const StrongPtr<Tree>& tree,
-                                   const ClassificationTransferParameterBox& box, point& p,
-                                   unsigned char& cls) {
-  if (!tree)
-    return;
-  unsigned nearest = 0;
-  double squared = 0.0;
-  bool found = false;
-  if (!box.expand) {
-    found = tree->findNearest(p - box.offset, box.radius, nearest, squared);
-  } else {
-    // The first try is at twice the radius; the radius that first reaches maxradius is still
-    // tried. A radius that cannot grow (0, or not finite) is tried once.
-    double r = box.radius;
-    for (;;) {
-      const double previous = r;
-      r = 2 * r;
-      found = tree->findNearest(p, r, nearest, squared);
-      if (found || r >= box.maxradius || !(r > previous))
-        break;
-    }
-  }
-  if (!found)
-    return;
-  if (box.hasAssignment)
-    bandClass(box.assignment, squared, cls);
-  else if (nearest < box.sourceClasses.size())
-    cls = static_cast<unsigned char>(box.sourceClasses[nearest]);
-  if (box.positions && nearest < box.sourceHeights.size())
-    p.z = box.sourceHeights[nearest];
-}
-
-#define QUORVEL_TRANSFER_INSTANCES(TREE)                                                           \
-  template void classificationTransfer<TREE>(                                                      \
-      const StrongPtr<TREE>&, const ClassificationTransferParameterBox&,                           \
-      const MultiArray<1, const point>&, const MultiArray<1, const unsigned char>&,                \
-      const MultiArray<1, point>&, const MultiArray<1, unsigned char>&);                           \
-  template void classificationTransferOneTree<TREE>(                                               \
-      const StrongPtr<TREE>&, const ClassificationTransferParameterBox&, point&, unsigned char&);
-QUORVEL_TRANSFER_INSTANCES(Vantor::OcTree<unsigned>)
-QUORVEL_TRANSFER_INSTANCES(Vantor::QuadTree<unsigned>)
-#undef QUORVEL_TRANSFER_INSTANCES
-
 namespace {
+
+// The fields the earlier transfer reads and writes.
+struct Inputs {
+  StrongPtr<Field> sourcePositions, sourceClasses, targetPositions, targetClasses;
+  bool created = false; // the target class field was made by this transfer
+};
+
+// Looks the inputs up in the order their absence is reported; false after the first report. The
+// target class field is always "Classification", whatever the box names.
+bool lookUpInputs(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target, const Box& box,
+                  Messages& log, Inputs& in) {
+  if (!source) {
+    log.report("ERROR: no sourcegrid found");
+    return false;
+  }
+  in.sourcePositions = source->CartesianPositions();
+  if (!in.sourcePositions) {
+    log.report("ERROR: no source vertices");
+    return false;
+  }
+  in.sourceClasses = findField(source, box.fieldname, log, "ERROR: no source classification");
+  if (!in.sourceClasses)
+    return false;
+  in.targetPositions = findPositions(target, log, "ERROR: no target f_vertices");
+  if (!in.targetPositions || !dimensionHasTree(box, log))
+    return false;
+  in.targetClasses = targetClassField(target, "Classification", in.created);
+  return true;
+}
 
 // Fills the single tree of one-tree mode, fragment by fragment, keeping tree index k, entry k of
 // sourceClasses and (with positions) of sourceHeights in step.
 template <class Tree>
-bool fillOneTree(Tree& tree, ClassificationTransferParameterBox& box, const Field& positions,
-                 const Field& classes, Messages& log) {
-  const std::size_t count = positions.nFragments();
-  std::size_t done = 0;
+bool fillOneTree(Tree& tree, Box& box, const Inputs& in, Messages& log) {
+  FragmentProgress progress(in.sourcePositions->nFragments(),
+                            "filling tree in mode onetree: ", "\r");
   const ClassSet source(box.source);
-  return positions.iterate(
+  return in.sourcePositions->iterate(
       [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        Basalt::Console::write("filling tree in mode onetree: " + std::to_string(++done) + " / " +
-                               std::to_string(count) + "\r");
-        auto xyz = arrayCast<1, point>(creator ? creator->getData() : nullptr);
-        if (!xyz) {
-          log.report("ERROR: no m_vertices");
+        progress.step();
+        const ClassedPoints points =
+            readClassedPoints({id, creator}, *in.sourceClasses, log, "ERROR: no m_vertices",
+                              "ERROR: no m_classification");
+        if (!points.xyz)
           return false;
-        }
-        auto cls = fragmentArray<unsigned char>(classes, *id);
-        if (!cls || cls->size() != xyz->size()) {
-          log.report("ERROR: no m_classification");
-          return false;
-        }
-        for (std::size_t i = 0; i < xyz->size(); ++i) {
-          if (!source((*cls)[i]))
+        const auto& xyz = *points.xyz;
+        const auto& cls = *points.cls;
+        for (std::size_t i = 0; i < xyz.size(); ++i) {
+          if (!source(cls[i]))
             continue;
-          tree.insert((*xyz)[i], static_cast<unsigned>(box.sourceClasses.size()));
-          box.sourceClasses.push_back((*cls)[i]);
+          tree.insert(xyz[i], static_cast<unsigned>(box.sourceClasses.size()));
+          box.sourceClasses.push_back(cls[i]);
           if (box.positions)
-            box.sourceHeights.push_back(static_cast<float>((*xyz)[i].z));
+            box.sourceHeights.push_back(static_cast<float>(xyz[i].z));
         }
         return true;
       });
 }
 
-// Per-fragment mode of one target fragment: a tree per source fragment, nearest class (and
-// position) copied onto the target points.
-void transferFromEachSourceFragment(ClassificationTransferParameterBox& box,
-                                    const Field& sourcePositions, const Field& sourceClasses,
-                                    const FragmentID& targetID, MemArray<1, point>& targetXYZ,
+// One-tree mode: makes the single tree over the whole source box in `tree` and fills it. False
+// after a report when a source fragment cannot be read or no source point entered.
+template <class Tree>
+bool buildOneTree(StrongPtr<Tree>& tree, Box& box, const Inputs& in, Messages& log) {
+  tree =
+      std::make_shared<Tree>(Tressel::getBoundingBox(*in.sourcePositions), TransferBucketCapacity);
+  box.sourceClasses.clear();
+  box.sourceHeights.clear();
+  if (!fillOneTree(*tree, box, in, log))
+    return false;
+  if (tree->size() == 0) {
+    log.report("ERROR: empty tree");
+    return false;
+  }
+  return true;
+}
+
+// Calls f with the single tree of the box's dimension.
+template <class F>
+void withOneTree(const Box& box, F&& f) {
+  if (box.dimension == 2)
+    f(box.oneQuadTree);
+  else
+    f(box.oneOcTree);
+}
+
+// Source pass of per-fragment mode, for one target fragment: a tree per source fragment, the
+// nearest class (and position) copied onto the target points. A source fragment that cannot be
+// read is reported and passed over.
+void transferFromEachSourceFragment(const Box& box, const Inputs& in, const FragmentID& targetID,
+                                    MemArray<1, point>& targetXYZ,
                                     MemArray<1, unsigned char>& targetCls, Messages& log) {
-  sourcePositions.iterate([&](const StrongPtr<FragmentID>& id,
-                              const StrongPtr<CreativeArrayBase>& creator) {
+  in.sourcePositions->iterate([&](const StrongPtr<FragmentID>& id,
+                                  const StrongPtr<CreativeArrayBase>& creator) {
     if (!creator) {
       log.report("ERROR: no cab_source_vertices");
       return true;
@@ -147,12 +113,12 @@ void transferFromEachSourceFragment(ClassificationTransferParameterBox& box,
       log.report("ERROR: no m_sourcevertices");
       return true;
     }
-    if (!sourceClasses.getCreator(*id)) {
+    if (!in.sourceClasses->getCreator(*id)) {
       Basalt::Console() << "INFO: no cab_source_classification for target fragment: "
                         << targetID.Name();
       return true;
     }
-    auto cls = fragmentArray<unsigned char>(sourceClasses, *id);
+    auto cls = fragmentArray<unsigned char>(*in.sourceClasses, *id);
     if (!cls || cls->size() != xyz->size()) {
       log.report("ERROR: no m_sourceclassification");
       return true;
@@ -171,109 +137,72 @@ void transferFromEachSourceFragment(ClassificationTransferParameterBox& box,
   });
 }
 
+// Target pass, one target fragment: its points and classes (reset first where asked, or where
+// the field is new), answered from the single tree point by point or from each source fragment.
+void transferOntoTargetFragment(const FragmentSlot& slot, Box& box, const Inputs& in,
+                                Messages& log) {
+  const auto xyzCreator = slot.creator;
+  if (!xyzCreator)
+    return log.report("ERROR: no cab_target of vertices found");
+  auto xyz = arrayCast<1, point>(xyzCreator->getData());
+  if (!xyz)
+    return log.report("ERROR: no m_targetvertices");
+  if (in.created || box.unclassify)
+    zeroClasses(in.targetClasses, slot.id, xyz->size());
+  auto clsCreator = in.targetClasses->getCreator(slot.id);
+  auto cls = arrayCast<1, unsigned char>(clsCreator ? clsCreator->getData() : nullptr);
+  if (!cls || cls->size() != xyz->size())
+    return log.report("ERROR: no m_targetclassification");
+  if (!fragmentBBox(slot))
+    return log.report("ERROR: no fragment_bbox of targetvertices");
+
+  if (box.onetree) {
+    withOneTree(box, [&](const auto& tree) {
+      for (std::size_t i = 0; i < xyz->size(); ++i)
+        classificationTransferOneTree(tree, box, (*xyz)[i], (*cls)[i]);
+    });
+  } else {
+    transferFromEachSourceFragment(box, in, *slot.id, *xyz, *cls, log);
+  }
+  underCriticalSection([&] {
+    clsCreator->touch();
+    if (box.positions)
+      xyzCreator->touch();
+  });
+}
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  return static_cast<double>(
+             std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count()) *
+         1e-9;
+}
+
 } // namespace
 
 std::string classificationTransferOLD(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target,
                                       ClassificationTransferParameterBox& box) {
   const auto start = std::chrono::steady_clock::now();
   Messages log(TransferTag, &box.message);
-
-  if (!source) {
-    log.report("ERROR: no sourcegrid found");
+  Inputs in;
+  if (!lookUpInputs(source, target, box, log, in))
     return box.message;
-  }
-  auto sourcePositions = source->CartesianPositions();
-  if (!sourcePositions) {
-    log.report("ERROR: no source vertices");
-    return box.message;
-  }
-  auto sourceClasses = findField(source, box.fieldname, log, "ERROR: no source classification");
-  if (!sourceClasses)
-    return box.message;
-  auto targetPositions = findPositions(target, log, "ERROR: no target f_vertices");
-  if (!targetPositions)
-    return box.message;
-  if (box.dimension != 2 && box.dimension != 3) {
-    log.report("ERROR: no tree");
-    return box.message;
-  }
-  auto targetClasses = findOptionalField(target, "Classification");
-  const bool created = !targetClasses;
-  if (created)
-    targetClasses = outputField<unsigned char>(target, "Classification");
 
   if (box.onetree) {
-    auto whole = Tressel::getBoundingBox(*sourcePositions);
-    box.sourceClasses.clear();
-    box.sourceHeights.clear();
-    bool filled = true;
-    std::size_t entries = 0;
-    if (box.dimension == 2) {
-      box.oneQuadTree = std::make_shared<Vantor::QuadTree<unsigned>>(whole, TransferBucketCapacity);
-      filled = fillOneTree(*box.oneQuadTree, box, *sourcePositions, *sourceClasses, log);
-      entries = box.oneQuadTree->size();
-    } else {
-      box.oneOcTree = std::make_shared<Vantor::OcTree<unsigned>>(whole, TransferBucketCapacity);
-      filled = fillOneTree(*box.oneOcTree, box, *sourcePositions, *sourceClasses, log);
-      entries = box.oneOcTree->size();
-    }
-    if (!filled)
+    const bool built = box.dimension == 2 ? buildOneTree(box.oneQuadTree, box, in, log)
+                                          : buildOneTree(box.oneOcTree, box, in, log);
+    if (!built)
       return box.message;
-    if (entries == 0) {
-      log.report("ERROR: empty tree");
-      return box.message;
-    }
   }
 
-  const auto targets = fragmentsOf(*targetPositions);
-  const std::size_t count = targets.size();
-  forEachFragment(count, maximumThreadsMinusOne(), log, [&](std::size_t k) {
-    underCriticalSection([&] {
-      Basalt::Console::write("... computing fragment " + std::to_string(k + 1) + " / " +
-                             std::to_string(count) + "            \r");
-    });
-    const FragmentSlot& slot = targets[k];
-    const auto xyzCreator = slot.creator;
-    if (!xyzCreator)
-      return log.report("ERROR: no cab_target of vertices found");
-    auto xyz = arrayCast<1, point>(xyzCreator->getData());
-    if (!xyz)
-      return log.report("ERROR: no m_targetvertices");
-    if (created || box.unclassify) {
-      FragmentOutput<unsigned char> zero(targetClasses, slot.id, xyz->size());
-      std::fill(zero.data(), zero.data() + zero.size(), 0);
-      zero.commit();
-    }
-    auto clsCreator = targetClasses->getCreator(slot.id);
-    auto cls = arrayCast<1, unsigned char>(clsCreator ? clsCreator->getData() : nullptr);
-    if (!cls || cls->size() != xyz->size())
-      return log.report("ERROR: no m_targetclassification");
-    if (!fragmentBBox(slot))
-      return log.report("ERROR: no fragment_bbox of targetvertices");
-
-    if (box.onetree) {
-      for (std::size_t i = 0; i < xyz->size(); ++i) {
-        if (box.dimension == 2)
-          classificationTransferOneTree(box.oneQuadTree, box, (*xyz)[i], (*cls)[i]);
-        else
-          classificationTransferOneTree(box.oneOcTree, box, (*xyz)[i], (*cls)[i]);
-      }
-    } else {
-      transferFromEachSourceFragment(box, *sourcePositions, *sourceClasses, *slot.id, *xyz, *cls,
-                                     log);
-    }
-    underCriticalSection([&] {
-      clsCreator->touch();
-      if (box.positions)
-        xyzCreator->touch();
-    });
+  const auto targets = fragmentsOf(*in.targetPositions);
+  FragmentProgress progress(targets.size());
+  forEachFragment(targets.size(), maximumThreadsMinusOne(), log, [&](std::size_t k) {
+    progress.step();
+    transferOntoTargetFragment(targets[k], box, in, log);
   });
 
-  const double seconds = static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                                 std::chrono::steady_clock::now() - start)
-                                                 .count()) *
-                         1e-9;
-  Basalt::Console() << "\nClassificationTransfer: time needed: " << seconds;
+  Basalt::Console() << "\nClassificationTransfer: time needed: " << secondsSince(start);
   return box.message;
 }
 

@@ -15,7 +15,6 @@
 namespace Quorvel {
 
 using Vantor::PhysicalSpace::point;
-using Vantor::PhysicalSpace::vector;
 
 // A plane's c from this value on marks the absence of a plane.
 inline constexpr double NoPlaneC = 1e7;
@@ -24,37 +23,40 @@ inline constexpr double NoPlaneC = 1e7;
 // (so georeferenced coordinates keep their precision) and solved by Cramer's rule. False for
 // fewer than 3 points or a determinant below 1e-6 in magnitude (collinear points, all points at
 // one x and y); the plane is then left as it was.
-bool planarRegression(const std::vector<point>& points, vector& plane);
+bool planarRegression(const std::vector<point>& points, Vantor::PhysicalSpace::vector& plane);
 
 // The same fit without the lowest points: k = percent * n * 0.01 truncated (at least 1 when
 // percent is not 0) lowest points are moved to the front in ascending height and left out; the
 // local origin is the lowest point. False when fewer than 3 points remain. points is reordered.
-bool planarRegression(std::vector<point> points, vector& plane, unsigned percent);
+bool planarRegression(std::vector<point> points, Vantor::PhysicalSpace::vector& plane,
+                      unsigned percent);
 
 // The fit over the points that indices name in positions, in list order; at least 3 indices.
 template <class Index>
 bool planarRegression(const std::vector<Index>& indices,
-                      const Tressel::MultiArray<1, point>& positions, vector& plane);
+                      const Tressel::MultiArray<1, point>& positions,
+                      Vantor::PhysicalSpace::vector& plane);
 extern template bool planarRegression<unsigned long long>(const std::vector<unsigned long long>&,
                                                           const Tressel::MultiArray<1, point>&,
-                                                          vector&);
+                                                          Vantor::PhysicalSpace::vector&);
 
 // Fits the plane and gives every point its signed distance from it. False for fewer than 3
 // points or a failed fit.
 bool getDistancesToRegressionPlane(const std::vector<point>& points, std::vector<double>& distances,
-                                   vector& plane);
+                                   Vantor::PhysicalSpace::vector& plane);
 
 // Signed perpendicular distance of p from the plane, positive above it.
-double computeDistanceOfPointFromPlane(const vector& plane, point p);
+double computeDistanceOfPointFromPlane(const Vantor::PhysicalSpace::vector& plane, point p);
 
 // The plane's normal (a, b, -1): not normalised, pointing down.
-vector getNormalVectorOfPlane(const vector& plane);
+Vantor::PhysicalSpace::vector getNormalVectorOfPlane(const Vantor::PhysicalSpace::vector& plane);
 
 // Height of the plane at (x, y).
-double getHeightFromPlane(const vector& plane, const double x, const double y);
+double getHeightFromPlane(const Vantor::PhysicalSpace::vector& plane, const double x,
+                          const double y);
 
 // Signed distance of p from the plane as float, or -1000 when the plane's c marks no plane.
-float computeHeight(const vector& plane, const point& p);
+float computeHeight(const Vantor::PhysicalSpace::vector& plane, const point& p);
 
 // Orders points by ascending height: true when q lies higher than p.
 bool sortPoint(const point p, const point q);

@@ -7,6 +7,8 @@
 
 namespace Quorvel {
 
+using Vantor::PhysicalSpace::vector;
+
 namespace {
 
 // Sums of the normal equations about a local origin.

@@ -7,6 +7,8 @@
 
 namespace Quorvel {
 
+using Vantor::PhysicalSpace::vector;
+
 bool weightedMean(point& result, const std::vector<point>& points,
                   const std::vector<double>& weights) {
   if (points.size() == 1) {

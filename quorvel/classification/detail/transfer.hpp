@@ -1,12 +1,17 @@
-// Quorvel: rules shared by the classification transfer entry points.
+// Quorvel: what the classification transfer drivers share: class tests, band lookup, trees over
+// source points, and the steps both drivers take on their inputs.
 #pragma once
 
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
+#include "vantor/Trees.hpp"
 
+#include <algorithm>
 #include <array>
 
 namespace Quorvel::detail {
+
+using Box = ClassificationTransferParameterBox;
 
 inline constexpr const char* TransferTag = "ClassificationTransfer: ";
 inline constexpr unsigned TransferBucketCapacity = 64;
@@ -40,6 +45,12 @@ inline bool offsetApplies(const Vantor::PhysicalSpace::vector& offset) {
   return offset.x > 0 || offset.y > 0;
 }
 
+// The box grown by r on every side.
+inline BoundingBox widened(const BoundingBox& box, double r) {
+  const Vantor::PhysicalSpace::vector by(r, r, r);
+  return BoundingBox(box.min() - by, box.max() + by);
+}
+
 // Inserts the first count source points whose class is in `classes`, under their index.
 template <class Tree, class Positions, class Classes>
 void fillTree(Tree& tree, const ClassSet& classes, const Positions& xyz, const Classes& cls,
@@ -63,6 +74,57 @@ bool withTree(int dimension, const StrongPtr<BoundingBox>& bbox, F&& f) {
     return true;
   }
   return false;
+}
+
+// Both drivers refuse a dimension without a tree before they change anything on the target.
+inline bool dimensionHasTree(const Box& box, Messages& log) {
+  if (box.dimension == 2 || box.dimension == 3)
+    return true;
+  log.report("ERROR: no tree");
+  return false;
+}
+
+// The target's class field of that name. A missing one is made here, and `created` says so: its
+// classes then start at 0 everywhere, as if unclassified.
+inline StrongPtr<Field> targetClassField(const StrongPtr<Grid>& target, const std::string& name,
+                                         bool& created) {
+  auto classes = findOptionalField(target, name);
+  created = !classes;
+  return created ? outputField<unsigned char>(target, name) : classes;
+}
+
+// Sets the count classes of a target fragment to 0.
+inline void zeroClasses(const StrongPtr<Field>& classes, const StrongPtr<FragmentID>& id,
+                        std::size_t count) {
+  FragmentOutput<unsigned char> zero(classes, id, count);
+  std::fill(zero.data(), zero.data() + zero.size(), 0);
+  zero.commit();
+}
+
+// A fragment's positions and classes, read together.
+struct ClassedPoints {
+  StrongPtr<MemArray<1, point>> xyz;
+  StrongPtr<MemArray<1, unsigned char>> cls;
+};
+
+// Reads the positions of a source fragment and its classes from `classes`; empty after reporting
+// noPositions, or noClasses when the classes are missing or not one per point.
+inline ClassedPoints readClassedPoints(const FragmentSlot& positions, const Field& classes,
+                                       Messages& log, const char* noPositions,
+                                       const char* noClasses) {
+  ClassedPoints read;
+  read.xyz =
+      Tressel::arrayCast<1, point>(positions.creator ? positions.creator->getData() : nullptr);
+  if (!read.xyz) {
+    log.report(noPositions);
+    return {};
+  }
+  read.cls = fragmentArray<unsigned char>(classes, *positions.id);
+  if (!read.cls || read.cls->size() != read.xyz->size()) {
+    log.report(noClasses);
+    return {};
+  }
+  return read;
 }
 
 } // namespace Quorvel::detail

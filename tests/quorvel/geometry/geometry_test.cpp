@@ -11,6 +11,7 @@ namespace {
 using namespace Quorvel;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
+using Vantor::PhysicalSpace::vector;
 
 // Points exactly on z = 2x - y + 5 around (x0, y0).
 std::vector<point> onPlane(double x0, double y0, std::size_t n, unsigned seed) {
