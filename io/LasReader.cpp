@@ -189,6 +189,16 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
   unsigned char* last = plan.lastReturn[k];
   unsigned long long* place = plan.pointIndex[k];
   Vantor::RGB16* rgb = rgbAt >= 0 ? plan.rgb[k] : nullptr;
+  // This fragment's destinations beside their sources, so the loop reads one small array.
+  struct Op {
+    int from, size, shift;
+    std::uint8_t mask;
+    std::uint8_t* out;
+  };
+  std::vector<Op> ops;
+  ops.reserve(plan.copies.size());
+  for (const Copy& c : plan.copies)
+    ops.push_back({c.from, c.size, c.shift, c.mask, c.to[k]});
   for (std::size_t j = from; j < to; ++j) {
     const std::uint64_t i = index(j);
     const std::uint8_t* r = in.records + i * length;
@@ -208,8 +218,8 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
     place[j] = i;
     if (rgb)
       std::memcpy(&rgb[j], r + rgbAt, 6);
-    for (const Copy& c : plan.copies) {
-      std::uint8_t* out = c.to[k];
+    for (const Op& c : ops) {
+      std::uint8_t* out = c.out;
       switch (c.size) {
       case 0:
         out[j] = static_cast<std::uint8_t>((r[c.from] >> c.shift) & c.mask);
