@@ -2,6 +2,7 @@
 // problems of a header come in one error naming the file, and nothing is read outside the file.
 // The files are built here byte by byte, independently of the writer.
 #include "io/las.hpp"
+#include "tressel/PointCloud.hpp"
 
 #include "support/ScratchDirectory.hpp"
 
@@ -115,6 +116,72 @@ TEST_F(HostileHeaders, TheSyntheticFileIsValid) {
   ASSERT_EQ(back.info.extraBytes.size(), 1u);
   EXPECT_EQ(back.info.extraBytes[0].name, "Amplitude");
   EXPECT_EQ(back.grid->CartesianPositions()->nFragments(), 1u);
+}
+
+TEST_F(HostileHeaders, ExtraBytesRecordsAreKeptOrMadeAnew) {
+  // Descriptors split over two records (as some writers do): both read, both written back as
+  // they were while the grid keeps the same dimensions.
+  Synthetic s(192);
+  std::vector<std::uint8_t> second(192, 0);
+  second[2] = 1; // uint8
+  std::memcpy(second.data() + 4, "Confidence", 10);
+  s.bytes.insert(s.bytes.begin() + static_cast<std::ptrdiff_t>(s.pointStart), 54 + 192, 0);
+  std::memcpy(s.bytes.data() + s.pointStart + 2, "LASF_Spec", 9);
+  set<std::uint16_t>(s.bytes, s.pointStart + 18, 4);
+  set<std::uint16_t>(s.bytes, s.pointStart + 20, 192);
+  std::memcpy(s.bytes.data() + s.pointStart + 54, second.data(), 192);
+  set<std::uint32_t>(s.bytes, 100, 3);
+  set<std::uint32_t>(s.bytes, 96, static_cast<std::uint32_t>(s.pointStart + 54 + 192));
+  set<std::uint64_t>(s.bytes, 235, s.evlrStart + 54 + 192);
+  // Records of 35 bytes now: move each point's bytes into its place.
+  std::vector<std::uint8_t> points;
+  const std::size_t start = s.pointStart + 54 + 192;
+  for (std::size_t i = 0; i < 3; ++i) {
+    points.insert(points.end(), s.bytes.begin() + static_cast<std::ptrdiff_t>(start + 34 * i),
+                  s.bytes.begin() + static_cast<std::ptrdiff_t>(start + 34 * i + 34));
+    points.push_back(static_cast<std::uint8_t>(10 + i));
+  }
+  s.bytes.erase(s.bytes.begin() + static_cast<std::ptrdiff_t>(start),
+                s.bytes.begin() + static_cast<std::ptrdiff_t>(start + 3 * 34));
+  s.bytes.insert(s.bytes.begin() + static_cast<std::ptrdiff_t>(start), points.begin(),
+                 points.end());
+  set<std::uint16_t>(s.bytes, 105, 35);
+  set<std::uint64_t>(s.bytes, 235, start + 3 * 35);
+
+  const auto cloud = Quorvel::Las::read(save(s.bytes));
+  ASSERT_EQ(cloud.info.extraBytes.size(), 2u);
+  EXPECT_EQ(Tressel::readField<unsigned char>(
+                *(*cloud.grid)(Tressel::StandardCartesianChart3D, "Confidence")),
+            (std::vector<unsigned char>{10, 11, 12}));
+  Quorvel::Las::write(file("same.las"), *cloud.grid);
+  std::ifstream in(file("same.las"), std::ios::binary);
+  const std::vector<std::uint8_t> copy((std::istreambuf_iterator<char>(in)),
+                                       std::istreambuf_iterator<char>());
+  // Records and points as they were (the header gains the bounds and counts per return).
+  ASSERT_EQ(copy.size(), s.bytes.size());
+  EXPECT_TRUE(std::equal(copy.begin() + 375, copy.end(), s.bytes.begin() + 375));
+
+  // A new field: one record of all three descriptors replaces the two.
+  auto grid = Quorvel::Las::read(save(s.bytes)).grid;
+  auto rep = grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  auto positions = grid->CartesianPositions();
+  auto planarity =
+      rep->makeField(rep->makeFieldID("Planarity"), positions->getFragmentIDCollection(),
+                     Tressel::MemArray<1, float>(Tressel::MultiIndex<1>(3)));
+  positions->iterate([&](const auto& id, const auto&) {
+    planarity->setPersistentData(std::make_shared<Tressel::MemArray<1, float>>(
+                                     Tressel::MultiIndex<1>(3), std::vector<float>{1, 2, 3}),
+                                 id);
+    return true;
+  });
+  Quorvel::Las::write(file("more.las"), *grid);
+  const auto more = Quorvel::Las::read(file("more.las"));
+  ASSERT_EQ(more.info.vlrs.size(), 2u);
+  EXPECT_EQ(more.info.vlrs[1].description, "Extra bytes");
+  ASSERT_EQ(more.info.extraBytes.size(), 3u);
+  EXPECT_EQ(more.info.extraBytes[0].descriptor, cloud.info.extraBytes[0].descriptor);
+  EXPECT_EQ(more.info.extraBytes[2].name, "Planarity");
+  EXPECT_EQ(more.info.header.recordLength, 39);
 }
 
 TEST_F(HostileHeaders, OffsetsAndCountsBeyondTheFile) {
