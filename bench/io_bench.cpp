@@ -1,4 +1,5 @@
-// Reading and writing 1M points of LAS (point format 6, 30 bytes a point), in MB/s of file.
+// Reading, summarizing and writing 1M points of LAS (point format 6, 30 bytes a point), in points
+// and MB of file per second.
 #include "AirborneCloud.hpp"
 #include "io/las.hpp"
 #include "tressel/PointCloud.hpp"
@@ -42,6 +43,21 @@ void BM_ReadLas(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * 1'000'000);
 }
 BENCHMARK(BM_ReadLas)->Unit(benchmark::kMillisecond);
+
+// The same file split into x-y tiles of about 250,000 points.
+void BM_ReadLasTiled(benchmark::State& state) {
+  for (auto _ : state)
+    benchmark::DoNotOptimize(Quorvel::Las::read(sampleFile(), 250000));
+  state.SetItemsProcessed(state.iterations() * 1'000'000);
+}
+BENCHMARK(BM_ReadLasTiled)->Unit(benchmark::kMillisecond);
+
+void BM_SummarizeLas(benchmark::State& state) {
+  for (auto _ : state)
+    benchmark::DoNotOptimize(Quorvel::Las::summarize(sampleFile()));
+  state.SetItemsProcessed(state.iterations() * 1'000'000);
+}
+BENCHMARK(BM_SummarizeLas)->Unit(benchmark::kMillisecond);
 
 void BM_WriteLas(benchmark::State& state) {
   const auto cloud = Quorvel::Las::read(sampleFile());
