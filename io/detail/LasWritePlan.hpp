@@ -1,0 +1,49 @@
+// Quorvel: what a grid is written as in LAS: the file order of its points, the version and point
+// format that hold its fields, scale and offset, the extra-bytes dimensions and the records.
+#pragma once
+
+#include "io/las.hpp"
+
+#include "vantor/PhysicalSpace.hpp"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Quorvel::Las::detail {
+
+// A field's arrays, one per fragment of the positions' layout, as raw element pointers.
+struct Source {
+  std::string name;
+  std::string type;
+  std::vector<const std::uint8_t*> fragments;
+};
+
+// The positions of a grid, fragment by fragment.
+struct Layout {
+  std::vector<std::size_t> sizes;
+  std::vector<const Vantor::PhysicalSpace::point*> xyz;
+  std::size_t count = 0;
+};
+Layout layoutOf(const Tressel::Grid& grid, const std::string& path);
+
+// The field of that name laid out like the positions; nullopt when the grid has none. Throws
+// Error when its fragments differ from the positions'.
+std::optional<Source> sourceOf(const Tressel::Grid& grid, const std::string& name,
+                               const Layout& layout, const std::string& path);
+
+struct WritePlan {
+  // The header as written (version, format, scale, offset, record length, identity), the VLRs
+  // and EVLRs as written, and the extra-bytes dimensions in record order.
+  FileInfo info;
+  std::vector<Source> extraSources; // one per info.extraBytes
+  // The file slot of each point in layout order; empty when the layout order is the file order.
+  std::vector<std::uint64_t> place;
+};
+
+// Plans the file: origin is the grid's LAS origin (or an explicit one), nullptr for none. A
+// change of version or format is said in one line on standard error.
+WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const Layout& layout,
+                    const FileInfo* origin, const WriteOptions& options);
+
+} // namespace Quorvel::Las::detail
