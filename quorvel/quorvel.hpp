@@ -24,3 +24,4 @@
 #include "quorvel/metadata/metadata.hpp"
 #include "quorvel/spatial/spatial.hpp"
 #include "quorvel/storage/storage.hpp"
+#include "quorvel/terrain/terrain.hpp"

@@ -1,0 +1,80 @@
+// Quorvel, terrain: the per-point kernels of the planar regression and of the square terrain
+// measures, kept apart from the drivers so that they can be tested on plain arrays.
+#pragma once
+
+#include "quorvel/geometry/geometry.hpp"
+#include "tressel/MemArray.hpp"
+#include "vantor/MultiRange.hpp"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace Quorvel::detail {
+
+using Plane = Vantor::PhysicalSpace::vector;
+
+// The fit of planarRegression(points, plane, percent), done in the caller's buffer so that the
+// point loop allocates nothing: the k = percent * n * 0.01 lowest points (at least one for a
+// non-zero percent) are moved to the front and left out, the sums are taken about the lowest
+// point, and the plane is solved by Cramer's rule. The same arithmetic in the same order, so the
+// plane is the exported function's to the last bit. False for fewer than 3 points left or a
+// determinant below 1e-6 in magnitude; points is reordered.
+bool planeWithoutLowest(std::vector<point>& points, Plane& plane, unsigned percent);
+
+// The contiguous block of n items that thread t of `threads` works on: n / threads items each,
+// the first n % threads threads one more.
+inline std::pair<std::size_t, std::size_t> staticBlock(std::size_t n, std::size_t threads,
+                                                       std::size_t t) {
+  const std::size_t base = n / threads, extra = n % threads;
+  const std::size_t begin = t * base + std::min(t, extra);
+  return {begin, begin + base + (t < extra ? 1 : 0)};
+}
+
+// What a round of the regression does with one candidate, given the indices of its neighbours
+// (itself included when it is in the tree).
+struct RegressionStep {
+  const Tressel::MultiArray<1, point>& positions;
+  const Vantor::MultiRange<double>& range;
+  int target;
+  unsigned quantile;
+
+  // Updates the candidate's class, radius and last neighbour count. scratch is the caller's
+  // reusable buffer.
+  void operator()(std::size_t i, const std::vector<unsigned>& neighbours, unsigned char& cls,
+                  double& radius, std::uint32_t& lastCount, std::vector<point>& scratch) const;
+};
+
+// The half width of a square neighbourhood as it is used: rounded to single precision.
+inline double squareHalfWidthInUse(double halfWidth) {
+  return static_cast<double>(static_cast<float>(halfWidth));
+}
+
+// Height of z above the lowest of the listed points; 0 for an empty list.
+template <class Index>
+float heightAboveLowest(double z, const std::vector<Index>& square,
+                        const Tressel::MultiArray<1, const point>& positions) {
+  if (square.empty())
+    return 0.0f;
+  double lowest = positions[static_cast<std::size_t>(square.front())].z;
+  for (const Index j : square)
+    lowest = std::min(lowest, positions[static_cast<std::size_t>(j)].z);
+  return static_cast<float>(z - lowest);
+}
+
+// int(255 * (listed points strictly below z) / (listed points)); 255 for an empty list.
+template <class Index>
+unsigned char shareBelow(double z, const std::vector<Index>& square,
+                         const Tressel::MultiArray<1, const point>& positions) {
+  if (square.empty())
+    return 255;
+  std::size_t below = 0;
+  for (const Index j : square)
+    below += positions[static_cast<std::size_t>(j)].z < z ? 1 : 0;
+  return static_cast<unsigned char>(static_cast<double>(below) /
+                                    static_cast<double>(square.size()) * 255.0);
+}
+
+} // namespace Quorvel::detail

@@ -1,0 +1,137 @@
+// Quorvel: terrain algorithms. Planar regression of grids reclassifies points by their distance
+// from a plane fitted to their neighbours, in rounds with growing per-point radii (typically to
+// grow a ground class from seed points); the relative height and below boxes give every point its
+// height above the lowest point of its square x-y neighbourhood and the share of that square's
+// points lying below it.
+#pragma once
+
+#include "basalt/LoaderProgress.hpp"
+#include "basalt/StrongPtr.hpp"
+#include "tressel/Grid.hpp"
+#include "tressel/MemArray.hpp"
+#include "vantor/BoundingBox.hpp"
+#include "vantor/MultiRange.hpp"
+#include "vantor/PhysicalSpace.hpp"
+
+#include <string>
+
+namespace Quorvel {
+
+// Settings of a planar regression, its working range and its result text. The defaults grow a
+// ground class: class 2 points are the seeds that carry the planes, and a candidate within 0.2 m
+// of the plane through its seed neighbours becomes ground. Candidates are the classes of `source`
+// unless the host puts others into working_range first (growing from seeds: "0:1").
+struct PlanarRegressionParameterBox {
+  // Signed distances from the fitted plane (positive above it, units of the positions) that
+  // reclassify a candidate. 0.2 m is about twice the height noise of airborne ground returns.
+  Vantor::MultiRange<double> range{"-0.2:0.2"};
+  // Classes whose points enter the search tree and, while working_range is empty, the classes of
+  // the candidates. 2 is the ground class of the LAS classification.
+  Vantor::MultiRange<double> source{"2"};
+  // Further classes whose points enter the search tree as neighbours only. None by default, so
+  // that only ground carries the planes.
+  Vantor::MultiRange<double> additional;
+  // Classes of the candidates processed in every round; copied from `source` by the first call
+  // that finds it empty, and kept from then on. Not printed.
+  Vantor::MultiRange<double> working_range;
+  // Starting search radius of every candidate (units of the positions). 1 m holds about 20
+  // points of an airborne cloud of 0.4 m spacing; sparser places double it round by round.
+  double radius = 1.0;
+  // Class given to a candidate whose distance lies in range; negative: 100 is added to its class
+  // instead (8-bit, wrapping), which marks points without choosing their class.
+  int target = 2;
+  // Largest number of rounds (0 changes nothing but the reset). Every round moves the grown
+  // front by about one radius; 10 also lets a lonely point's radius grow 512-fold.
+  int maximum_iteration = 10;
+  // 0 or more: every class of a fragment is set to this value first. -1 keeps the classes, as
+  // the seeds must be kept.
+  int reset = -1;
+  // Percentage of the lowest neighbours that the plane fit leaves out (0 to 100; any non-zero
+  // value leaves out at least one). 0: seed ground points are trusted as they are.
+  int quantile = 0;
+  // "2D": neighbours within the radius in x and y (terrain is a height field); "3D": in x, y
+  // and z. Any other text builds no tree, and every candidate finds nothing.
+  std::string dimension = "2D";
+  // Printed only: the regression always rewrites "Classification".
+  std::string fieldname = "Classification";
+  // Result text of planarRegressionOfGrid: the last per-fragment error, or empty.
+  std::string message;
+
+  // One line each, in this order: "ParameterBox.fieldname: ", ".range: ", ".source: ",
+  // ".additional: ", ".radius: ", ".target: ", ".maximum_iteration: ", ".reset: ",
+  // ".quantile: ", ".dimension: " (all with the "ParameterBox" prefix) and the value.
+  void print() const;
+};
+
+// Reclassifies every fragment of grid's "Classification" field (created when the grid has none)
+// one fragment after the other with planarRegressionOfMultiArray. A fragment without a class
+// array gets a new one of zeros, and `source` becomes "0" in the box for the rest of the call
+// and after it. A fragment without positions or without a bounding box is skipped, its error
+// text replacing box.message. Returns box.message, or "ERROR: no f_vertices found" when the grid
+// has no positions. progress, when given, hears the share of fragments done.
+std::string planarRegressionOfGrid(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                   PlanarRegressionParameterBox& box,
+                                   const Basalt::StrongPtr<Basalt::LoaderProgress>& progress);
+
+// The rounds over one fragment: reset, then per round a tree (2-D or 3-D by box.dimension, over
+// bbox) of the points whose class is in source or additional, and for every candidate whose
+// neighbour count changed since its last round a plane fit over its neighbours and, when its
+// distance from that plane lies in range, the target class. Candidates with 3 neighbours or fewer
+// double their radius. Stops after maximum_iteration rounds, or when neither the largest radius
+// nor the tree's size changed. The candidates are split into equal contiguous blocks over the
+// library's threads, so the result does not depend on their number. Always true.
+bool planarRegressionOfMultiArray(
+    const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& positions,
+    const Basalt::StrongPtr<Vantor::BoundingBox>& bbox, PlanarRegressionParameterBox& box,
+    Tressel::MultiArray<1, unsigned char>& classes);
+
+} // namespace Quorvel
+
+namespace Tressel {
+
+// The square neighbourhood of both terrain measures: every point whose x and y lie within
+// squareHalfWidth of the point's own (a closed square, the point itself included). The half width
+// is rounded to single precision before use, as stored half widths always were; so 0.1 reaches
+// a point 0.100000001 away. Each compute builds a quad tree over all points of the fragment
+// (within bbox) and releases it when it returns; results are written by point index, so they do
+// not depend on the thread count.
+
+// Height of every point above the lowest point of its square.
+struct RelativeHeightBox {
+  // Half the side of the square (units of the positions).
+  double squareHalfWidth = 1.0;
+
+  // result[i] = z of point i minus the lowest z of its square (0 for a point that is not in the
+  // tree: outside bbox or not finite). result must hold one value per position.
+  bool compute(const MultiArray<1, float>& result,
+               const MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
+               const Basalt::StrongPtr<Vantor::BoundingBox>& bbox) const;
+  // The same among the points whose class lies in classes (tolerance 1e-9) only: the others
+  // neither enter the tree nor get a result (theirs is left as it was).
+  bool compute(const MultiArray<1, float>& result,
+               const MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
+               const MultiArray<1, const unsigned char>& pointClasses,
+               const Vantor::MultiRange<double>& classes,
+               const Basalt::StrongPtr<Vantor::BoundingBox>& bbox) const;
+};
+
+// Share of the points of every point's square that lie strictly below it, as a byte.
+struct RelativeBelowsBox {
+  // Half the side of the square (units of the positions).
+  double squareHalfWidth = 1.0;
+
+  // result[i] = int(255 * (points of the square strictly lower than point i) / (points of the
+  // square)); 255 for a point that is not in the tree. A point never counts itself, so the
+  // highest of a square stays below 255 and a lonely point gets 0.
+  bool compute(const MultiArray<1, unsigned char>& result,
+               const MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
+               const Basalt::StrongPtr<Vantor::BoundingBox>& bbox) const;
+  // The same, but points of class 4 (medium vegetation, fixed on purpose) get no result: theirs is
+  // left as it was. They still count as neighbours of the others.
+  bool compute(const MultiArray<1, unsigned char>& result,
+               const MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
+               const MultiArray<1, const unsigned char>& pointClasses,
+               const Basalt::StrongPtr<Vantor::BoundingBox>& bbox) const;
+};
+
+} // namespace Tressel
