@@ -120,26 +120,37 @@ TEST(LasBytesOracle, FindsEachKindOfChangeAndNamesIt) {
   const std::size_t pointOffset = LasBytes::at<std::uint32_t>(original, 96);
   const std::size_t firstPayload = headerSize + 54;
   const std::size_t point7 = pointOffset + 7 * a.recordLength;
+  const std::string n = std::to_string(a.pointCount);
   const struct {
     const char* change;
     std::vector<std::uint8_t> bytes;
-    const char* expected; // the start of the message
+    std::string expected; // a part of the message
   } cases[] = {
       {"version", patched<std::uint8_t>(original, 25, 2),
-       "LAS 1.4 format 6 of 30 bytes became LAS 1.2"},
-      {"y scale", patched(original, 139, 0.0123), "scale "},
-      {"z offset", patched(original, 171, 1.0), "scale "},
+       "LAS 1.4 format 6 of 30 bytes became LAS 1.2 format 6 of 30 bytes"},
+      {"y scale", patched(original, 139, 0.0123), "became scale 0.001 0.0123 0.001"},
+      {"z offset", patched(original, 171, 1.0), "offset 2445000 603000 1"},
       {"system identifier", patched(original, 26, 'Q'), "header identity: "},
       {"GUID", patched<std::uint8_t>(original, 20, 0xAB), "header identity: "},
       {"creation year", patched<std::uint16_t>(original, 92, 1999), "header identity: "},
-      {"VLR record id", patched<std::uint16_t>(original, headerSize + 18, 9999), "VLR 0: "},
+      {"VLR record id", patched<std::uint16_t>(original, headerSize + 18, 9999),
+       "VLR 0: \"LASF_Projection\" 34735 \"Georeferencing Information\" (112 bytes) became "
+       "\"LASF_Projection\" 9999"},
       {"VLR description", patched(original, headerSize + 22, 'x'), "VLR 0: "},
-      {"VLR payload", patched<std::uint8_t>(original, firstPayload, 0xFF), "VLR 0: "},
-      {"point count", patched<std::uint64_t>(original, 247, a.pointCount - 1), "" /* below */},
-      {"X of point 7", patched<std::int32_t>(original, point7, a.integer(7, 0) + 1), "1 of "},
-      {"intensity of point 7", patched<std::uint16_t>(original, point7 + 12, 12345), "1 of "},
+      {"VLR payload", patched<std::uint8_t>(original, firstPayload, 0xFF),
+       "(112 bytes) with other payload bytes"},
+      {"point count", patched<std::uint64_t>(original, 247, a.pointCount - 1),
+       n + " points became " + std::to_string(a.pointCount - 1)},
+      {"X of point 7", patched<std::int32_t>(original, point7, a.integer(7, 0) + 1),
+       "1 of " + n + " points have other integer coordinates; point 7: "},
+      {"intensity of point 7", patched<std::uint16_t>(original, point7 + 12, 12345),
+       "1 of " + n + " point records differ after X, Y, Z; record 7: "},
       {"last byte of point 7", patched<std::uint8_t>(original, point7 + a.recordLength - 1, 0x5A),
-       "1 of "},
+       "1 of " + n + " point records differ after X, Y, Z; record 7: "},
+      // Every record then starts one byte early: the fault of a writer that miscounts the VLRs.
+      {"offset to point data one byte back",
+       patched<std::uint32_t>(original, 96, static_cast<std::uint32_t>(pointOffset - 1)),
+       " points have other integer coordinates; point 0: "},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.change);
@@ -147,17 +158,8 @@ TEST(LasBytesOracle, FindsEachKindOfChangeAndNamesIt) {
     ASSERT_EQ(error, "");
     const std::string difference = LasBytes::firstDifference(a, b);
     ASSERT_NE(difference, "");
-    EXPECT_EQ(difference.rfind(c.expected, 0), 0u) << difference;
+    EXPECT_NE(difference.find(c.expected), std::string::npos) << difference;
   }
-  // Where each point change is reported.
-  EXPECT_NE(LasBytes::firstDifference(a, LasBytes::parse(cases[10].bytes, error))
-                .find("integer coordinates; point 7:"),
-            std::string::npos);
-  EXPECT_NE(LasBytes::firstDifference(a, LasBytes::parse(cases[11].bytes, error))
-                .find("differ after X, Y, Z; record 7:"),
-            std::string::npos);
-  EXPECT_EQ(LasBytes::firstDifference(a, LasBytes::parse(cases[9].bytes, error)),
-            std::to_string(a.pointCount) + " points became " + std::to_string(a.pointCount - 1));
 }
 
 TEST(LasBytesOracle, ReadsThePointsOfEverySampleFileWithinItsBoundingBox) {
