@@ -91,8 +91,9 @@ void setFileInfo(Tressel::Grid& grid, const FileInfo& info) {
   putRecords(a, "Evlr", info.evlrs);
   std::string names;
   for (const ExtraBytes& e : info.extraBytes)
-    names += (e.dataType != 0 ? e.name : std::string()) + "\n";
+    names += e.name + "\n";
   putText(a, "ExtraBytesFields", names);
+  put(a, "RecordLength", std::vector<std::uint16_t>{h.recordLength});
 }
 
 std::optional<FileInfo> fileInfo(const Tressel::Grid& grid) {
@@ -126,14 +127,19 @@ std::optional<FileInfo> fileInfo(const Tressel::Grid& grid) {
   // The descriptors come from the extra-bytes record; the field names from the list, which
   // keeps the names the reader made unique.
   detail::Findings ignored;
-  h.recordLength = 0xFFFF;
+  bool known = true;
+  h.recordLength = get<std::uint16_t>(a, "RecordLength", 1, known)[0];
+  if (!known) // without it, no bytes beyond the descriptors
+    h.recordLength = 0xFFFF;
   info.extraBytes = detail::parseExtraBytes(info, ignored);
+  if (!known)
+    std::erase_if(info.extraBytes, [](const ExtraBytes& e) { return !e.described; });
   std::string names = getText(a, "ExtraBytesFields", complete);
   for (ExtraBytes& e : info.extraBytes) {
     const auto end = names.find('\n');
     if (end == std::string::npos)
       break;
-    if (e.dataType != 0 && end > 0)
+    if (end > 0)
       e.name = names.substr(0, end);
     names.erase(0, end + 1);
   }

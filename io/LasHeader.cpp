@@ -324,31 +324,66 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
       const int base = (e.dataType - 1) % 10 + 1;
       e.size = kindSize(extraKind(base)) * ((e.dataType - 1) / 10 + 1);
       findings.warnings.push_back(label + " of withdrawn type " + std::to_string(e.dataType) +
-                                  " is read into no field");
+                                  " is read as plain bytes");
       e.dataType = 0;
     } else {
       findings.problems.push_back(label + " has unknown type " + std::to_string(e.dataType));
       return {};
     }
     total += static_cast<std::size_t>(e.size);
-    if (e.dataType != 0) {
-      if (e.name.empty())
-        e.name = "ExtraBytes" + std::to_string(at / DescriptorSize);
-      // A dimension named like a value of the record (or like another one) gets a suffix, so
-      // that no two fields share a name; its descriptor keeps the file's name.
-      while (!taken.insert(e.name).second)
-        e.name += "_extra";
-    }
+    if (e.name.empty())
+      e.name = "ExtraBytes" + std::to_string(at / DescriptorSize);
+    // A dimension named like a value of the record (or like another one) gets a suffix, so
+    // that no two fields share a name; its descriptor keeps the file's name.
+    while (!taken.insert(e.name).second)
+      e.name += "_extra";
     extras.push_back(std::move(e));
   }
-  if (format < FormatCount &&
-      total + static_cast<std::size_t>(detail::format(format).length) > info.header.recordLength)
+  if (format >= FormatCount)
+    return extras;
+  const std::size_t used = total + static_cast<std::size_t>(detail::format(format).length);
+  // Bytes after the last descriptor (some writers pad records) are kept as plain bytes too.
+  for (std::size_t rest = info.header.recordLength > used ? info.header.recordLength - used : 0;
+       rest > 0;) {
+    ExtraBytes e;
+    e.size = static_cast<int>(std::min<std::size_t>(rest, 255));
+    e.described = false;
+    e.descriptor[3] = static_cast<std::uint8_t>(e.size);
+    e.name = "UndescribedBytes";
+    while (!taken.insert(e.name).second)
+      e.name += "_extra";
+    std::memcpy(e.descriptor.data() + 4, e.name.data(), std::min<std::size_t>(32, e.name.size()));
+    rest -= static_cast<std::size_t>(e.size);
+    extras.push_back(std::move(e));
+  }
+  if (used > info.header.recordLength)
     findings.problems.push_back("extra-bytes descriptors overrun the point record (" +
                                 std::to_string(total) + " bytes after the " +
                                 std::to_string(detail::format(format).length) +
                                 " of point format " + std::to_string(format) + ", record length " +
                                 std::to_string(info.header.recordLength) + ")");
   return extras;
+}
+
+std::vector<ExtraField> extraFields(const ExtraBytes& extra) {
+  if (extra.dataType != 0)
+    return {{extra.name, extraKind(extra.dataType), 0}};
+  switch (extra.size) {
+  case 1:
+    return {{extra.name, Kind::U8, 0}};
+  case 2:
+    return {{extra.name, Kind::U16, 0}};
+  case 4:
+    return {{extra.name, Kind::U32, 0}};
+  case 8:
+    return {{extra.name, Kind::U64, 0}};
+  default:
+    break;
+  }
+  std::vector<ExtraField> bytes;
+  for (int i = 0; i < extra.size; ++i)
+    bytes.push_back({extra.name + "_" + std::to_string(i), Kind::U8, i});
+  return bytes;
 }
 
 std::string describe(const std::string& path, const std::vector<std::string>& problems) {

@@ -81,8 +81,8 @@ std::vector<FieldPlan> fieldsOf(const FileInfo& info) {
   for (const Dim& d : dims(f))
     out.push_back({d.name, kindName(d.kind)});
   for (const ExtraBytes& e : info.extraBytes)
-    if (e.dataType != 0)
-      out.push_back({e.name, kindName(extraKind(e.dataType))});
+    for (const ExtraField& x : extraFields(e))
+      out.push_back({x.name, kindName(x.kind)});
   out.push_back({"ScanAngle", "float32"});
   out.push_back({"LastReturn", "uint8"});
   out.push_back({"PointIndex", "uint64"});
@@ -160,10 +160,9 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info) {
                            addOfKind(cloud, d.name, d.kind)});
   int at = format(f).length;
   for (const ExtraBytes& e : info.extraBytes) {
-    if (e.dataType != 0) {
-      const Kind kind = extraKind(e.dataType);
-      plan.copies.push_back({at, kindSize(kind), 0, 0, addOfKind(cloud, e.name, kind)});
-    }
+    for (const ExtraField& x : extraFields(e))
+      plan.copies.push_back(
+          {at + x.offset, kindSize(x.kind), 0, 0, addOfKind(cloud, x.name, x.kind)});
     at += e.size;
   }
   plan.scanAngle = cloud.addField<float>("ScanAngle");

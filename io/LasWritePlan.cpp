@@ -205,16 +205,22 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
 
   // Extra bytes: those of the origin that the grid still has, then every other scalar field.
   std::vector<ExtraBytes> extras;
-  std::vector<Source>& extraSources = plan.extraSources;
+  auto& extraSources = plan.extraSources;
   std::set<std::string> used = recordNames();
   for (const ExtraBytes& e : info.extraBytes) {
-    if (e.dataType == 0)
-      continue;
-    auto s = sourceOf(grid, e.name, layout, path);
-    if (s && s->type == kindName(extraKind(e.dataType)) && used.insert(e.name).second) {
-      extras.push_back(e);
-      extraSources.push_back(std::move(*s));
+    std::vector<Source> sources;
+    for (const ExtraField& x : extraFields(e)) {
+      auto s = sourceOf(grid, x.name, layout, path);
+      if (!s || s->type != kindName(x.kind) || used.count(x.name))
+        break;
+      sources.push_back(std::move(*s));
     }
+    if (sources.size() != extraFields(e).size())
+      continue;
+    for (const Source& s : sources)
+      used.insert(s.name);
+    extras.push_back(e);
+    extraSources.push_back(std::move(sources));
   }
   auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
   for (const auto& [id, field] : rep->snapshot()) {
@@ -233,7 +239,7 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
     const char comment[] = "Quorvel result";
     std::memcpy(e.descriptor.data() + 160, comment, sizeof comment - 1);
     extras.push_back(e);
-    extraSources.push_back(*sourceOf(grid, e.name, layout, path));
+    extraSources.push_back({*sourceOf(grid, e.name, layout, path)});
     used.insert(e.name);
   }
   std::size_t recordLength = static_cast<std::size_t>(f.length);
@@ -246,19 +252,22 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
 
   // VLRs: the origin's as they were when the grid keeps exactly its extra-bytes dimensions,
   // otherwise with one extra-bytes record made anew in place of the first.
-  std::size_t described = 0;
-  for (const ExtraBytes& e : info.extraBytes)
-    described += e.dataType != 0 ? 1 : 0;
-  bool sameExtras = described == info.extraBytes.size() && extras.size() == described;
+  bool sameExtras = extras.size() == info.extraBytes.size();
   for (std::size_t k = 0; k < extras.size() && sameExtras; ++k)
-    sameExtras = extras[k].descriptor == info.extraBytes[k].descriptor;
+    sameExtras = extras[k].descriptor == info.extraBytes[k].descriptor &&
+                 extras[k].described == info.extraBytes[k].described;
+  // A record made anew describes every byte: bytes no descriptor covered get one of plain bytes.
+  if (!sameExtras)
+    for (ExtraBytes& e : extras)
+      e.described = true;
   std::vector<Vlr> vlrs, evlrs;
   Vlr extraRecord;
   extraRecord.userId = "LASF_Spec";
   extraRecord.recordId = 4;
   extraRecord.description = "Extra bytes";
   for (const ExtraBytes& e : extras)
-    extraRecord.data.insert(extraRecord.data.end(), e.descriptor.begin(), e.descriptor.end());
+    if (e.described)
+      extraRecord.data.insert(extraRecord.data.end(), e.descriptor.begin(), e.descriptor.end());
   bool extraPlaced = extras.empty();
   for (const Vlr& v : info.vlrs) {
     if (!isExtraBytesRecord(v) || sameExtras)

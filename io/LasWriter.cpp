@@ -110,7 +110,10 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   }
   int at = f.length;
   for (std::size_t e = 0; e < extras.size(); ++e) {
-    puts.push_back({&plan.extraSources[e], at, extras[e].size, 0, 0});
+    const auto fields = extraFields(extras[e]);
+    for (std::size_t i = 0; i < fields.size(); ++i)
+      puts.push_back(
+          {&plan.extraSources[e][i], at + fields[i].offset, kindSize(fields[i].kind), 0, 0});
     at += extras[e].size;
   }
   const auto angles = sourceOf(grid, "ScanAngle", layout, path);

@@ -31,10 +31,11 @@ struct Vlr {
 // One extra-bytes dimension: its 192-byte descriptor and what the reader made of it.
 struct ExtraBytes {
   std::array<std::uint8_t, 192> descriptor{};
-  std::string name; // the field it becomes (the descriptor's name, made unique)
-  int dataType = 0; // 1 to 10: uint8, int8, uint16, int16, uint32, int32, uint64, int64,
-                    // float32, float64; 0: undescribed bytes, kept in no field
-  int size = 0;     // bytes per point
+  std::string name;      // the field it becomes (the descriptor's name, made unique)
+  int dataType = 0;      // 1 to 10: uint8, int8, uint16, int16, uint32, int32, uint64, int64,
+                         // float32, float64; 0: plain bytes (type 0 or a withdrawn array type)
+  int size = 0;          // bytes per point
+  bool described = true; // false for record bytes that no descriptor covers
 };
 
 // The public header block, as plain values.

@@ -2,6 +2,7 @@
 // checks list every problem of a header at once, each bound tested without overflow.
 #pragma once
 
+#include "io/detail/LasFormats.hpp"
 #include "io/las.hpp"
 
 #include <array>
@@ -59,6 +60,16 @@ void encodeRecord(const Vlr& record, bool extended, std::vector<std::uint8_t>& o
 // the record or the record's length is not a whole number of descriptors.
 std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings);
 bool isExtraBytesRecord(const Vlr& record);
+
+// The fields an extra-bytes dimension is read into: one of its type; for plain bytes one unsigned
+// number of their size when that is 1, 2, 4 or 8 bytes, otherwise one uint8 per byte ("name_0",
+// "name_1", ...). Offsets are within the dimension.
+struct ExtraField {
+  std::string name;
+  Kind kind;
+  int offset;
+};
+std::vector<ExtraField> extraFields(const ExtraBytes& extra);
 
 // "path: problem; problem; ..."
 std::string describe(const std::string& path, const std::vector<std::string>& problems);

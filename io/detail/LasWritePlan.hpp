@@ -36,7 +36,7 @@ struct WritePlan {
   // The header as written (version, format, scale, offset, record length, identity), the VLRs
   // and EVLRs as written, and the extra-bytes dimensions in record order.
   FileInfo info;
-  std::vector<Source> extraSources; // one per info.extraBytes
+  std::vector<std::vector<Source>> extraSources; // per info.extraBytes, per extraFields()
   // The file slot of each point in layout order; empty when the layout order is the file order.
   std::vector<std::uint64_t> place;
 };

@@ -21,14 +21,14 @@ void set(std::vector<std::uint8_t>& b, std::size_t at, T value) {
 }
 
 // A valid LAS 1.4 file of format 6 with three points: one VLR (GeoKeys, 16 bytes), optionally
-// an extra-bytes VLR with `extra` bytes of descriptors and per-point room for a float32, then one
-// EVLR of 8 bytes.
+// an extra-bytes VLR with `extra` bytes of descriptors and per-point room for a float32, `pad`
+// bytes no descriptor covers (point i holding 16 * i + k in its byte k), then one EVLR of 8 bytes.
 struct Synthetic {
   std::vector<std::uint8_t> bytes;
   std::size_t vlrStart = 375, pointStart = 0, evlrStart = 0;
 
-  explicit Synthetic(std::size_t extra = 0) {
-    const std::size_t record = 30 + (extra ? 4 : 0);
+  explicit Synthetic(std::size_t extra = 0, std::size_t pad = 0) {
+    const std::size_t record = 30 + (extra ? 4 : 0) + pad;
     bytes.assign(375, 0);
     std::memcpy(bytes.data(), "LASF", 4);
     bytes[24] = 1;
@@ -55,6 +55,8 @@ struct Synthetic {
       std::memcpy(r.data(), xyz, 12);
       r[14] = 0x11; // return 1 of 1
       r[16] = 2;
+      for (std::size_t k = 0; k < pad; ++k)
+        r[record - pad + k] = static_cast<std::uint8_t>(16 * i + static_cast<std::int32_t>(k));
       bytes.insert(bytes.end(), r.begin(), r.end());
     }
     evlrStart = bytes.size();
@@ -182,6 +184,53 @@ TEST_F(HostileHeaders, ExtraBytesRecordsAreKeptOrMadeAnew) {
   EXPECT_EQ(more.info.extraBytes[0].descriptor, cloud.info.extraBytes[0].descriptor);
   EXPECT_EQ(more.info.extraBytes[2].name, "Planarity");
   EXPECT_EQ(more.info.header.recordLength, 39);
+}
+
+TEST_F(HostileHeaders, BytesNoDescriptorCoversAreKept) {
+  auto bytesOf = [](const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<std::uint8_t>((std::istreambuf_iterator<char>(in)),
+                                     std::istreambuf_iterator<char>());
+  };
+  // Two bytes of padding: one uint16 field; three: one uint8 field per byte.
+  const Synthetic two(0, 2), three(192, 3);
+  const auto a = Quorvel::Las::read(save(two.bytes));
+  EXPECT_EQ(Tressel::readField<unsigned short>(
+                *(*a.grid)(Tressel::StandardCartesianChart3D, "UndescribedBytes")),
+            (std::vector<unsigned short>{0x100, 0x1110, 0x2120}));
+  const auto b = Quorvel::Las::read(save(three.bytes));
+  EXPECT_EQ(Tressel::readField<unsigned char>(
+                *(*b.grid)(Tressel::StandardCartesianChart3D, "UndescribedBytes_2")),
+            (std::vector<unsigned char>{2, 18, 34}));
+  // Written back as they were: no descriptor added, every record byte kept.
+  for (const auto* s : {&two, &three}) {
+    Quorvel::Las::write(file("same.las"), *Quorvel::Las::read(save(s->bytes)).grid);
+    const auto copy = bytesOf(file("same.las"));
+    ASSERT_EQ(copy.size(), s->bytes.size());
+    EXPECT_TRUE(std::equal(copy.begin() + 375, copy.end(), s->bytes.begin() + 375));
+  }
+  // With a new field the record is described anew, the padding by a descriptor of plain bytes.
+  auto grid = Quorvel::Las::read(save(three.bytes)).grid;
+  auto rep = grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  auto positions = grid->CartesianPositions();
+  auto flag = rep->makeField(rep->makeFieldID("Flag"), positions->getFragmentIDCollection(),
+                             Tressel::MemArray<1, signed char>(Tressel::MultiIndex<1>(3)));
+  positions->iterate([&](const auto& id, const auto&) {
+    flag->setPersistentData(std::make_shared<Tressel::MemArray<1, signed char>>(
+                                Tressel::MultiIndex<1>(3), std::vector<signed char>{-1, 0, 1}),
+                            id);
+    return true;
+  });
+  Quorvel::Las::write(file("more.las"), *grid);
+  const auto more = Quorvel::Las::read(file("more.las"));
+  ASSERT_EQ(more.info.extraBytes.size(), 3u);
+  EXPECT_TRUE(more.info.extraBytes[1].described);
+  EXPECT_EQ(more.info.extraBytes[1].dataType, 0);
+  EXPECT_EQ(more.info.extraBytes[1].size, 3);
+  EXPECT_EQ(more.info.header.recordLength, 30 + 4 + 3 + 1);
+  EXPECT_EQ(Tressel::readField<unsigned char>(
+                *(*more.grid)(Tressel::StandardCartesianChart3D, "UndescribedBytes_2")),
+            (std::vector<unsigned char>{2, 18, 34}));
 }
 
 TEST_F(HostileHeaders, OffsetsAndCountsBeyondTheFile) {
