@@ -1,6 +1,7 @@
 // Quorvel: reading LAS files straight into fragment arrays, and summarizing them.
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasHeader.hpp"
+#include "io/detail/LasProgress.hpp"
 
 #include "tressel/PointCloud.hpp"
 
@@ -240,17 +241,14 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
   }
 }
 
-// Calls step(from, to) over [0, count) in blocks, reporting progress after each.
+// Calls step(from, to) over [0, count) in blocks of about a percent of the points.
 template <class Step>
-void inBlocks(std::size_t count, std::size_t done, std::size_t total,
-              const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, const char* what,
-              Step step) {
-  const std::size_t block = progress ? std::max<std::size_t>(total / 100, 4096) : count;
-  for (std::size_t from = 0; from < count; from += block) {
-    const std::size_t to = std::min(count, from + block);
+void inBlocks(std::size_t count, std::size_t done, Percent& percent, Step step) {
+  for (std::size_t from = 0; from < count;) {
+    const std::size_t to = count - from > percent.step() ? from + percent.step() : count;
     step(from, to);
-    if (progress)
-      progress->progress(static_cast<double>(done + to) / static_cast<double>(total), what);
+    percent.reached(done + to);
+    from = to;
   }
 }
 
@@ -268,10 +266,11 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
   if (fragmentPoints == 0 || fragmentPoints >= n) {
     Tressel::FragmentArrays cloud({n});
     const Plan plan = allocate(cloud, in.info);
-    inBlocks(n, 0, std::max<std::size_t>(n, 1), progress, "reading",
-             [&](std::size_t from, std::size_t to) {
-               decode(plan, in, 0, from, to, [](std::size_t j) { return j; });
-             });
+    Percent percent(progress, n, "reading");
+    inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
+      decode(plan, in, 0, from, to, [](std::size_t j) { return j; });
+    });
+    percent.finish();
     result.grid = cloud.build(name);
   } else {
     // Tiles from x and y first, then each tile's records decoded into its own arrays.
@@ -289,13 +288,15 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
     Tressel::FragmentArrays cloud(sizes);
     const Plan plan = allocate(cloud, in.info);
     std::size_t done = 0;
+    Percent percent(progress, n, "reading");
     for (std::size_t k = 0; k < tiles.size(); ++k) {
       const auto& tile = tiles[k];
-      inBlocks(tile.size(), done, n, progress, "reading", [&](std::size_t from, std::size_t to) {
+      inBlocks(tile.size(), done, percent, [&](std::size_t from, std::size_t to) {
         decode(plan, in, k, from, to, [&tile](std::size_t j) { return tile[j]; });
       });
       done += tile.size();
     }
+    percent.finish();
     result.grid = cloud.build(name);
   }
   setFileInfo(*result.grid, in.info);

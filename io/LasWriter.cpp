@@ -1,6 +1,7 @@
 // Quorvel: writing point-cloud grids as LAS, fragment arrays encoded straight into the records.
 #include "io/detail/LasFormats.hpp"
 #include "io/detail/LasHeader.hpp"
+#include "io/detail/LasProgress.hpp"
 #include "io/detail/LasWritePlan.hpp"
 
 #include "basalt/Text.hpp"
@@ -155,6 +156,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
       inverse[0] * h.scale[0] == 1 && inverse[1] * h.scale[1] == 1 && inverse[2] * h.scale[2] == 1;
   const int returnBits = f.extended ? 15 : 7;
   std::size_t g0 = 0;
+  Percent percent(progress, n, "writing");
   for (std::size_t k = 0; k < sizes.size(); ++k) {
     const point* p = layout.xyz[k];
     const float* angle = angles ? reinterpret_cast<const float*>(angles->fragments[k]) : nullptr;
@@ -223,14 +225,14 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
       if (streaming && filled == blockPoints) {
         out.write(records.get(), filled * recordLength);
         filled = 0;
+        percent.reached(g + 1);
       }
     }
     g0 += sizes[k];
-    if (progress)
-      progress->progress(static_cast<double>(g0) / static_cast<double>(std::max<std::size_t>(n, 1)),
-                         "writing");
+    percent.reached(g0);
   }
 
+  percent.finish();
   out.write(records.get(), (streaming ? filled : n) * recordLength);
   out.write(tail.data(), tail.size());
 

@@ -286,6 +286,17 @@ TEST_F(LasFiles, ProgressAndSummary) {
   Quorvel::Las::write(file("copy.las"), *cloud.grid, {}, progress);
   EXPECT_EQ(progress->last, 1.0);
   EXPECT_LE(progress->calls["writing"], 101);
+  // Hundreds of small tiles still give a report per percent at most.
+  progress->last = 0;
+  progress->calls.clear();
+  const auto tiles = Quorvel::Las::read(path, 50, progress);
+  ASSERT_GT(tiles.grid->CartesianPositions()->nFragments(), 101u);
+  EXPECT_EQ(progress->last, 1.0);
+  EXPECT_LE(progress->calls["reading"], 101);
+  progress->last = 0;
+  Quorvel::Las::write(file("tiles.las"), *tiles.grid, {}, progress);
+  EXPECT_EQ(progress->last, 1.0);
+  EXPECT_LE(progress->calls["writing"], 101);
 
   const auto summary = Quorvel::Las::summarize(path);
   const auto xyz = values<point>(*cloud.grid, "Positions");
