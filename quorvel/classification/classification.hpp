@@ -47,7 +47,9 @@ struct ClassificationTransferParameterBox {
   Vantor::MultiRange<double> source{"0:255"};
   // Target classes that are searched for and rewritten.
   Vantor::MultiRange<double> target{"0:255"};
-  // Translation from source to target coordinates (target = source + offset).
+  // Translation from source to target coordinates (target = source + offset). The per-fragment
+  // transfer applies it only when x or y is positive; the one-tree search subtracts it whatever
+  // its sign, except in expand mode, which never applies it (see classificationTransferOneTree).
   Vantor::PhysicalSpace::vector offset{0.0, 0.0, 0.0};
   // Name of the source file, for the printout only.
   std::string sourcefilename;
@@ -104,7 +106,10 @@ void classificationTransfer(
     const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& targetPositions,
     const Tressel::MultiArray<1, unsigned char>& targetClasses);
 
-// One target point against the single tree of one-tree mode (see expand, offset, positions).
+// One target point against the single tree of one-tree mode. Without expand the query is at
+// p - offset with radius; with expand it is at p itself, never shifted, with 2 radius, 4 radius,
+// ... up to the first radius that reaches maxradius (kept on purpose: results of expand runs stay
+// as they were). A found entry sets cls (its class, or its band class) and, with positions, p.z.
 template <class Tree>
 void classificationTransferOneTree(const Basalt::StrongPtr<Tree>& tree,
                                    const ClassificationTransferParameterBox& box,

@@ -14,15 +14,9 @@ using namespace detail;
 
 namespace {
 
-// The fields a transfer reads and writes.
-struct Inputs {
-  StrongPtr<Field> sourcePositions, sourceClasses, targetPositions, targetClasses;
-  bool created = false; // the target class field was made by this transfer
-};
-
 // Looks the inputs up in the order their absence is reported; false after the first report.
 bool lookUpInputs(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target, const Box& box,
-                  Messages& log, Inputs& in) {
+                  Messages& log, TransferInputs& in) {
   in.sourcePositions = findPositions(source, log, "ERROR: no f_vertices source found");
   if (!in.sourcePositions ||
       !findChart(source, log, "ERROR: no chart source StandardCartesianChart3D found"))
@@ -35,10 +29,7 @@ bool lookUpInputs(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target, 
   if (!in.targetPositions ||
       !findChart(target, log, "ERROR: no chart target StandardCartesianChart3D found"))
     return false;
-  if (!dimensionHasTree(box, log))
-    return false;
-  in.targetClasses = targetClassField(target, box.fieldname, in.created);
-  return true;
+  return lookUpTargetClasses(target, box.fieldname, box, log, in);
 }
 
 // The target fragments in layout order, each with its box widened by the radius: a source
@@ -50,7 +41,7 @@ struct Targets {
 
 // Target pass: resets the classes of every target fragment where asked (or where the field is
 // new) and collects the fragments with their reach. Stops at a fragment without a box.
-Targets targetPass(const Inputs& in, const Box& box, Messages& log) {
+Targets targetPass(const TransferInputs& in, const Box& box, Messages& log) {
   Targets targets;
   in.targetPositions->iterate(
       [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
@@ -136,8 +127,9 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
 // Source pass over one source fragment: a tree over its points whose class is in `sources`,
 // then, in parallel, every target fragment it can reach. False, after the report, when the
 // fragment cannot be read; the pass then stops.
-bool sourcePass(const FragmentSlot& slot, const Inputs& in, Box& box, const Targets& targets,
-                const ClassSet& sources, const ClassSet& targetClasses, Messages& log) {
+bool sourcePass(const FragmentSlot& slot, const TransferInputs& in, Box& box,
+                const Targets& targets, const ClassSet& sources, const ClassSet& targetClasses,
+                Messages& log) {
   const ClassedPoints points =
       readClassedPoints(slot, *in.sourceClasses, log, "ERROR: no m_vertices source found",
                         "ERROR: no m_classification source found");
@@ -186,7 +178,7 @@ std::string classificationTransfer(const StrongPtr<Grid>& source, const StrongPt
   box.threads = correctedThreadCount(box.threads);
   box.print();
   Messages log(TransferTag, &box.message);
-  Inputs in;
+  TransferInputs in;
   if (!lookUpInputs(source, target, box, log, in))
     return box.message;
 

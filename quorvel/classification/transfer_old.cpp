@@ -12,16 +12,10 @@ using namespace detail;
 
 namespace {
 
-// The fields the earlier transfer reads and writes.
-struct Inputs {
-  StrongPtr<Field> sourcePositions, sourceClasses, targetPositions, targetClasses;
-  bool created = false; // the target class field was made by this transfer
-};
-
 // Looks the inputs up in the order their absence is reported; false after the first report. The
 // target class field is always "Classification", whatever the box names.
 bool lookUpInputs(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target, const Box& box,
-                  Messages& log, Inputs& in) {
+                  Messages& log, TransferInputs& in) {
   if (!source) {
     log.report("ERROR: no sourcegrid found");
     return false;
@@ -35,16 +29,13 @@ bool lookUpInputs(const StrongPtr<Grid>& source, const StrongPtr<Grid>& target, 
   if (!in.sourceClasses)
     return false;
   in.targetPositions = findPositions(target, log, "ERROR: no target f_vertices");
-  if (!in.targetPositions || !dimensionHasTree(box, log))
-    return false;
-  in.targetClasses = targetClassField(target, "Classification", in.created);
-  return true;
+  return in.targetPositions && lookUpTargetClasses(target, "Classification", box, log, in);
 }
 
 // Fills the single tree of one-tree mode, fragment by fragment, keeping tree index k, entry k of
 // sourceClasses and (with positions) of sourceHeights in step.
 template <class Tree>
-bool fillOneTree(Tree& tree, Box& box, const Inputs& in, Messages& log) {
+bool fillOneTree(Tree& tree, Box& box, const TransferInputs& in, Messages& log) {
   FragmentProgress progress(in.sourcePositions->nFragments(),
                             "filling tree in mode onetree: ", "\r");
   const ClassSet source(box.source);
@@ -73,7 +64,7 @@ bool fillOneTree(Tree& tree, Box& box, const Inputs& in, Messages& log) {
 // One-tree mode: makes the single tree over the whole source box in `tree` and fills it. False
 // after a report when a source fragment cannot be read or no source point entered.
 template <class Tree>
-bool buildOneTree(StrongPtr<Tree>& tree, Box& box, const Inputs& in, Messages& log) {
+bool buildOneTree(StrongPtr<Tree>& tree, Box& box, const TransferInputs& in, Messages& log) {
   tree =
       std::make_shared<Tree>(Tressel::getBoundingBox(*in.sourcePositions), TransferBucketCapacity);
   box.sourceClasses.clear();
@@ -99,8 +90,8 @@ void withOneTree(const Box& box, F&& f) {
 // Source pass of per-fragment mode, for one target fragment: a tree per source fragment, the
 // nearest class (and position) copied onto the target points. A source fragment that cannot be
 // read is reported and passed over.
-void transferFromEachSourceFragment(const Box& box, const Inputs& in, const FragmentID& targetID,
-                                    MemArray<1, point>& targetXYZ,
+void transferFromEachSourceFragment(const Box& box, const TransferInputs& in,
+                                    const FragmentID& targetID, MemArray<1, point>& targetXYZ,
                                     MemArray<1, unsigned char>& targetCls, Messages& log) {
   in.sourcePositions->iterate([&](const StrongPtr<FragmentID>& id,
                                   const StrongPtr<CreativeArrayBase>& creator) {
@@ -139,7 +130,7 @@ void transferFromEachSourceFragment(const Box& box, const Inputs& in, const Frag
 
 // Target pass, one target fragment: its points and classes (reset first where asked, or where
 // the field is new), answered from the single tree point by point or from each source fragment.
-void transferOntoTargetFragment(const FragmentSlot& slot, Box& box, const Inputs& in,
+void transferOntoTargetFragment(const FragmentSlot& slot, Box& box, const TransferInputs& in,
                                 Messages& log) {
   const auto xyzCreator = slot.creator;
   if (!xyzCreator)
@@ -184,7 +175,7 @@ std::string classificationTransferOLD(const StrongPtr<Grid>& source, const Stron
                                       ClassificationTransferParameterBox& box) {
   const auto start = std::chrono::steady_clock::now();
   Messages log(TransferTag, &box.message);
-  Inputs in;
+  TransferInputs in;
   if (!lookUpInputs(source, target, box, log, in))
     return box.message;
 

@@ -76,21 +76,26 @@ bool withTree(int dimension, const StrongPtr<BoundingBox>& bbox, F&& f) {
   return false;
 }
 
-// Both drivers refuse a dimension without a tree before they change anything on the target.
-inline bool dimensionHasTree(const Box& box, Messages& log) {
-  if (box.dimension == 2 || box.dimension == 3)
-    return true;
-  log.report("ERROR: no tree");
-  return false;
-}
+// The fields a transfer reads and writes, looked up once by its driver.
+struct TransferInputs {
+  StrongPtr<Field> sourcePositions, sourceClasses, targetPositions, targetClasses;
+  bool created = false; // the target class field was made by this transfer
+};
 
-// The target's class field of that name. A missing one is made here, and `created` says so: its
-// classes then start at 0 everywhere, as if unclassified.
-inline StrongPtr<Field> targetClassField(const StrongPtr<Grid>& target, const std::string& name,
-                                         bool& created) {
-  auto classes = findOptionalField(target, name);
-  created = !classes;
-  return created ? outputField<unsigned char>(target, name) : classes;
+// The last step of both drivers' lookup. A dimension without a tree is refused before anything
+// on the target changes; then the target's class field of that name is found, or made here (its
+// classes then start at 0 everywhere, as if unclassified, and in.created says so).
+inline bool lookUpTargetClasses(const StrongPtr<Grid>& target, const std::string& name,
+                                const Box& box, Messages& log, TransferInputs& in) {
+  if (box.dimension != 2 && box.dimension != 3) {
+    log.report("ERROR: no tree");
+    return false;
+  }
+  in.targetClasses = findOptionalField(target, name);
+  in.created = !in.targetClasses;
+  if (in.created)
+    in.targetClasses = outputField<unsigned char>(target, name);
+  return true;
 }
 
 // Sets the count classes of a target fragment to 0.

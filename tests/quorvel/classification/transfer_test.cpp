@@ -293,19 +293,25 @@ TEST(ClassificationTransfer, WholeGridErrorsEndTheCall) {
   }
 }
 
+// Replaces the grid's class field by one in which fragment 0 has no array and fragment 1 an
+// array creator without data; the other fragments keep theirs. Returns the new field.
+StrongPtr<Field> breakFirstTwoClassArrays(const StrongPtr<Grid>& grid) {
+  auto classes = (*grid)(Tressel::StandardCartesianChart3D, "Classification");
+  const auto ids = classes->getFragmentIDs().fragments();
+  auto broken = std::make_shared<Field>(classes->getFragmentIDCollection());
+  for (std::size_t k = 1; k < ids.size(); ++k)
+    broken->setCreator(ids[k], k == 1 ? classes->createCreator(nullptr, "empty")
+                                      : classes->getCreator(ids[k]));
+  (*grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D))["Classification"] = broken;
+  return broken;
+}
+
 TEST(ClassificationTransfer, FragmentErrorsSkipOrStopAsDefined) {
   const Cloud source(10, 600, 10.0);
   Cloud target(11, 600, 10.0);
-  auto classes = (*target.grid)(Tressel::StandardCartesianChart3D, "Classification");
-  const auto ids = classes->getFragmentIDs().fragments();
   // Target fragment 0 loses its class array, fragment 1 keeps a creator without data.
-  classes->setCreator(ids[0], nullptr);
-  auto swapped = std::make_shared<Tressel::Field>(classes->getFragmentIDCollection());
-  for (std::size_t k = 1; k < ids.size(); ++k)
-    swapped->setCreator(ids[k], k == 1 ? classes->createCreator(nullptr, "empty")
-                                       : classes->getCreator(ids[k]));
-  (*target.grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D))["Classification"] =
-      swapped;
+  auto swapped = breakFirstTwoClassArrays(target.grid);
+  const auto ids = swapped->getFragmentIDs().fragments();
   Box box("1.5");
   box.threads = 1;
   CaptureStdout();
@@ -429,16 +435,9 @@ TEST(ClassificationTransferOLD, WritesOneProgressLinePerFragmentAndTheTime) {
 TEST(ClassificationTransferOLD, PerFragmentProblemsAreReportedAndPassedOver) {
   Cloud source(22, 400, 10.0);
   Cloud target(23, 400, 100.0);
-  auto sourceClasses = (*source.grid)(Tressel::StandardCartesianChart3D, "Classification");
-  const auto sourceIDs = sourceClasses->getFragmentIDs().fragments();
-  ASSERT_GE(sourceIDs.size(), 3u);
   // Source fragment 0 has no class array, fragment 1 a creator without data.
-  auto swapped = std::make_shared<Tressel::Field>(sourceClasses->getFragmentIDCollection());
-  for (std::size_t k = 1; k < sourceIDs.size(); ++k)
-    swapped->setCreator(sourceIDs[k], k == 1 ? sourceClasses->createCreator(nullptr, "empty")
-                                             : sourceClasses->getCreator(sourceIDs[k]));
-  (*source.grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D))["Classification"] =
-      swapped;
+  ASSERT_GE(source.partition.size(), 3u);
+  breakFirstTwoClassArrays(source.grid);
   const std::string targetName = (*target.grid)(Tressel::StandardCartesianChart3D, "Classification")
                                      ->getFragmentIDs()
                                      .fragments()[0]
