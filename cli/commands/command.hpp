@@ -72,6 +72,8 @@ std::unique_ptr<Command> makeTransfer();
 std::unique_ptr<Command> makeCellSize();
 std::unique_ptr<Command> makeDate();
 std::unique_ptr<Command> makePipeline();
+std::unique_ptr<Command> makeRegress();
+std::unique_ptr<Command> makeRelHeight();
 
 // ---- Binding helpers for parameter-box fields ---------------------------------------------
 

@@ -13,6 +13,9 @@ const std::vector<CommandEntry>& commands() {
       {"cellsize", "voxel-density cell size of every point", makeCellSize},
       {"date", "acquisition date and GPS week of file names", makeDate},
       {"pipeline", "several commands on one cloud, read once and written once", makePipeline},
+      {"regress", "classes by the distance from local planes, in rounds (ground growing)",
+       makeRegress},
+      {"relheight", "height above the lowest point and share below, in x-y squares", makeRelHeight},
   };
   return table;
 }

@@ -127,16 +127,18 @@ void pointStep(const Tree* tree, const MultiArray<1, point>& positions,
   }
 }
 
-// The rounds with a tree of type Tree (none when Tree is void).
+// The rounds with a tree of type Tree (none when Tree is void); returns how many ran their point
+// step.
 template <class Tree>
-void rounds(const MultiArray<1, point>& positions, MultiArray<1, unsigned char>& classes,
-            const StrongPtr<BoundingBox>& bbox, Box& box) {
+int rounds(const MultiArray<1, point>& positions, MultiArray<1, unsigned char>& classes,
+           const StrongPtr<BoundingBox>& bbox, Box& box) {
   const std::size_t n = positions.size();
   std::vector<double> radii(n, box.radius);
   std::vector<std::uint32_t> counts(n, 0);
   double previousMaximum = box.radius;
   std::size_t previousSize = 0;
-  for (int round = 0; round < box.maximum_iteration; ++round) {
+  int round = 0;
+  for (; round < box.maximum_iteration; ++round) {
     const double maximum = n ? *std::max_element(radii.begin(), radii.end()) : box.radius;
     using Built = std::conditional_t<std::is_void_v<Tree>, Vantor::QuadTree<unsigned>, Tree>;
     StrongPtr<Built> tree;
@@ -149,6 +151,7 @@ void rounds(const MultiArray<1, point>& positions, MultiArray<1, unsigned char>&
     pointStep(tree.get(), positions, classes, box, radii, counts);
     previousMaximum = maximum;
   }
+  return round;
 }
 
 } // namespace
@@ -166,9 +169,9 @@ void PlanarRegressionParameterBox::print() const {
   printField("ParameterBox.dimension: ", dimension);
 }
 
-bool planarRegressionOfMultiArray(const MultiArray<1, point>& positions,
-                                  const StrongPtr<BoundingBox>& bbox, Box& box,
-                                  MultiArray<1, unsigned char>& classes) {
+int detail::regressFragment(const MultiArray<1, point>& positions,
+                            const StrongPtr<BoundingBox>& bbox, Box& box,
+                            MultiArray<1, unsigned char>& classes) {
   const std::size_t n = std::min(positions.size(), classes.size());
   const MultiArray<1, point> xyz =
       positions.subarray(Tressel::MultiIndex<1>(0), Tressel::MultiIndex<1>(n));
@@ -178,11 +181,16 @@ bool planarRegressionOfMultiArray(const MultiArray<1, point>& positions,
   if (box.working_range.empty())
     box.working_range = box.source;
   if (box.dimension == "2D")
-    rounds<Vantor::QuadTree<unsigned>>(xyz, classes, bbox, box);
-  else if (box.dimension == "3D")
-    rounds<Vantor::OcTree<unsigned>>(xyz, classes, bbox, box);
-  else
-    rounds<void>(xyz, classes, bbox, box);
+    return rounds<Vantor::QuadTree<unsigned>>(xyz, classes, bbox, box);
+  if (box.dimension == "3D")
+    return rounds<Vantor::OcTree<unsigned>>(xyz, classes, bbox, box);
+  return rounds<void>(xyz, classes, bbox, box);
+}
+
+bool planarRegressionOfMultiArray(const MultiArray<1, point>& positions,
+                                  const StrongPtr<BoundingBox>& bbox, Box& box,
+                                  MultiArray<1, unsigned char>& classes) {
+  detail::regressFragment(positions, bbox, box, classes);
   return true;
 }
 

@@ -1,64 +1,64 @@
 // Quorvel: the square-neighbourhood terrain measures, relative height and share of points below.
-// Each compute builds its own quad tree over the fragment and asks it for every point's closed
-// x-y square; the height loop runs on the library's threads with chunks of one point, the belows
-// loop on the runtime's default threads with chunks of 15000 points.
+// Each compute indexes the fragment's points in a cell grid (detail/square_index.hpp) and answers
+// every point's closed x-y square from it; points are visited in the grid's order, so that
+// neighbouring squares read neighbouring memory. The height loop runs on the library's threads
+// with chunks of one point, the belows loop on the runtime's default threads with chunks of
+// 15000 points; every result is written by point index.
 #include "quorvel/core/core.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
+#include "quorvel/terrain/detail/square_index.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
-#include "tressel/Trees.hpp"
+#include <limits>
 
 namespace Tressel {
 
 namespace {
 
 using Quorvel::point;
-using Index = unsigned long long;
-using Square = std::vector<Index>;
+using Quorvel::detail::SquareIndex;
 
-// A quad tree over the points that `takes` accepts, keyed by position index; over all points
-// when everyPoint.
-template <class Takes>
-StrongPtr<Vantor::QuadTree<Index>> treeOf(const MultiArray<1, const point>& positions,
-                                          const StrongPtr<Vantor::BoundingBox>& bbox,
-                                          bool everyPoint, const Takes& takes) {
-  if (everyPoint)
-    return createQuadTree<Index>(positions, positions.size(), bbox);
-  auto tree = std::make_shared<Vantor::QuadTree<Index>>(bbox, 64);
-  if (!tree->valid())
-    return tree;
-  tree->reserve(positions.size());
-  for (std::size_t i = 0; i < positions.size(); ++i)
-    if (takes(i))
-      tree->insert(positions[i], static_cast<Index>(i));
-  return tree;
+// The point that the k-th step of a loop over the index visits, and its position: the entries in
+// cell order (their coordinates read from the index, one after the other), then the refused
+// points (which are in no square but still ask for their own).
+std::size_t visited(const SquareIndex& index, std::size_t k,
+                    const MultiArray<1, const point>& positions, point& p) {
+  if (k < index.size()) {
+    p = point{index.x()[k], index.y()[k], index.z()[k]};
+    return index.ids()[k];
+  }
+  const std::size_t i = index.refused()[k - index.size()];
+  p = positions[i];
+  return i;
 }
 
-// The indices of every point of the tree in the closed square of half width h about p.
-void squareOf(const Vantor::QuadTree<Index>& tree, const point& p, double h, Square& out) {
-  out.clear();
-  tree.getRectangle(point{p.x - h, p.y - h, p.z}, point{p.x + h, p.y + h, p.z}, out);
+long long steps(const SquareIndex& index) {
+  return static_cast<long long>(index.size() + index.refused().size());
 }
 
 // Relative heights of the points that `takes` accepts, among those points.
 template <class Takes>
 void heights(double halfWidth, const MultiArray<1, float>& result,
              const MultiArray<1, const point>& positions,
-             const StrongPtr<Vantor::BoundingBox>& bbox, bool everyPoint, const Takes& takes) {
-  const auto tree = treeOf(positions, bbox, everyPoint, takes);
+             const StrongPtr<Vantor::BoundingBox>& bbox, const Takes& takes) {
   const double h = Quorvel::detail::squareHalfWidthInUse(halfWidth);
-  const long long n = static_cast<long long>(std::min(positions.size(), result.size()));
-#pragma omp parallel num_threads(Quorvel::maximumThreadsMinusOne())
-  {
-    Square square;
-#pragma omp for schedule(dynamic, 1)
-    for (long long i = 0; i < n; ++i) {
-      const auto k = static_cast<std::size_t>(i);
-      if (!takes(k))
-        continue;
-      squareOf(*tree, positions[k], h, square);
-      result[k] = Quorvel::detail::heightAboveLowest(positions[k].z, square, positions);
-    }
+  const std::size_t n = result.size();
+  const SquareIndex index(positions, bbox.get(), h, takes);
+  const long long m = steps(index);
+#pragma omp parallel for schedule(dynamic, 1) num_threads(Quorvel::maximumThreadsMinusOne())
+  for (long long k = 0; k < m; ++k) {
+    point p;
+    const std::size_t i = visited(index, static_cast<std::size_t>(k), positions, p);
+    if (i >= n)
+      continue;
+    const double loX = p.x - h, hiX = p.x + h, loY = p.y - h, hiY = p.y + h;
+    double lowest = std::numeric_limits<double>::infinity();
+    index.runs(loX, hiX, loY, hiY, [&](std::size_t b, std::size_t e) {
+      lowest = Quorvel::detail::lowestInSquare(index, b, e, loX, hiX, loY, hiY, lowest);
+    });
+    // An empty square has no lowest point (and a point's z is never infinite in one).
+    result[i] =
+        lowest < std::numeric_limits<double>::infinity() ? static_cast<float>(p.z - lowest) : 0.0f;
   }
 }
 
@@ -67,20 +67,22 @@ template <class Computes>
 void belows(double halfWidth, const MultiArray<1, unsigned char>& result,
             const MultiArray<1, const point>& positions, const StrongPtr<Vantor::BoundingBox>& bbox,
             const Computes& computes) {
-  const auto tree = createQuadTree<Index>(positions, positions.size(), bbox);
   const double h = Quorvel::detail::squareHalfWidthInUse(halfWidth);
-  const long long n = static_cast<long long>(std::min(positions.size(), result.size()));
-#pragma omp parallel
-  {
-    Square square;
-#pragma omp for schedule(dynamic, 15000)
-    for (long long i = 0; i < n; ++i) {
-      const auto k = static_cast<std::size_t>(i);
-      if (!computes(k))
-        continue;
-      squareOf(*tree, positions[k], h, square);
-      result[k] = Quorvel::detail::shareBelow(positions[k].z, square, positions);
-    }
+  const std::size_t n = result.size();
+  const SquareIndex index(positions, bbox.get(), h, [](std::size_t) { return true; });
+  const long long m = steps(index);
+#pragma omp parallel for schedule(dynamic, 15000)
+  for (long long k = 0; k < m; ++k) {
+    point p;
+    const std::size_t i = visited(index, static_cast<std::size_t>(k), positions, p);
+    if (i >= n || !computes(i))
+      continue;
+    const double loX = p.x - h, hiX = p.x + h, loY = p.y - h, hiY = p.y + h;
+    std::size_t inside = 0, below = 0;
+    index.runs(loX, hiX, loY, hiY, [&](std::size_t b, std::size_t e) {
+      Quorvel::detail::countInSquare(index, b, e, loX, hiX, loY, hiY, p.z, inside, below);
+    });
+    result[i] = Quorvel::detail::shareOf(below, inside);
   }
 }
 
@@ -89,7 +91,7 @@ void belows(double halfWidth, const MultiArray<1, unsigned char>& result,
 bool RelativeHeightBox::compute(const MultiArray<1, float>& result,
                                 const MultiArray<1, const point>& positions,
                                 const StrongPtr<Vantor::BoundingBox>& bbox) const {
-  heights(squareHalfWidth, result, positions, bbox, true, [](std::size_t) { return true; });
+  heights(squareHalfWidth, result, positions, bbox, [](std::size_t) { return true; });
   return true;
 }
 
@@ -98,7 +100,7 @@ bool RelativeHeightBox::compute(const MultiArray<1, float>& result,
                                 const MultiArray<1, const unsigned char>& pointClasses,
                                 const Vantor::MultiRange<double>& classes,
                                 const StrongPtr<Vantor::BoundingBox>& bbox) const {
-  heights(squareHalfWidth, result, positions, bbox, false, [&](std::size_t i) {
+  heights(squareHalfWidth, result, positions, bbox, [&](std::size_t i) {
     return i < pointClasses.size() &&
            classes.contains(static_cast<double>(pointClasses[i]), Quorvel::RangeTolerance);
   });

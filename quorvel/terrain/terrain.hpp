@@ -92,9 +92,10 @@ namespace Tressel {
 // The square neighbourhood of both terrain measures: every point whose x and y lie within
 // squareHalfWidth of the point's own (a closed square, the point itself included). The half width
 // is rounded to single precision before use, as stored half widths always were; so 0.1 reaches
-// a point 0.100000001 away. Each compute builds a quad tree over all points of the fragment
-// (within bbox) and releases it when it returns; results are written by point index, so they do
-// not depend on the thread count.
+// a point 0.100000001 away. Each compute indexes the points of the fragment that lie within bbox
+// (others are refused with the trees' out-of-bounds message, are in no square, but still get
+// their own) and releases the index when it returns. Results are written by point index, so they
+// do not depend on the thread count.
 
 // Height of every point above the lowest point of its square.
 struct RelativeHeightBox {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "quorvel/geometry/geometry.hpp"
+#include "quorvel/terrain/terrain.hpp"
 #include "tressel/MemArray.hpp"
 #include "vantor/MultiRange.hpp"
 
@@ -47,34 +48,23 @@ struct RegressionStep {
                   double& radius, std::uint32_t& lastCount, std::vector<point>& scratch) const;
 };
 
+// planarRegressionOfMultiArray, returning the number of rounds whose point step ran.
+int regressFragment(const Tressel::MultiArray<1, point>& positions,
+                    const Basalt::StrongPtr<Vantor::BoundingBox>& bbox,
+                    PlanarRegressionParameterBox& box,
+                    Tressel::MultiArray<1, unsigned char>& classes);
+
 // The half width of a square neighbourhood as it is used: rounded to single precision.
 inline double squareHalfWidthInUse(double halfWidth) {
   return static_cast<double>(static_cast<float>(halfWidth));
 }
 
-// Height of z above the lowest of the listed points; 0 for an empty list.
-template <class Index>
-float heightAboveLowest(double z, const std::vector<Index>& square,
-                        const Tressel::MultiArray<1, const point>& positions) {
-  if (square.empty())
-    return 0.0f;
-  double lowest = positions[static_cast<std::size_t>(square.front())].z;
-  for (const Index j : square)
-    lowest = std::min(lowest, positions[static_cast<std::size_t>(j)].z);
-  return static_cast<float>(z - lowest);
-}
-
-// int(255 * (listed points strictly below z) / (listed points)); 255 for an empty list.
-template <class Index>
-unsigned char shareBelow(double z, const std::vector<Index>& square,
-                         const Tressel::MultiArray<1, const point>& positions) {
-  if (square.empty())
+// The below value of a square: int(255 * below / inside), 255 for an empty square.
+inline unsigned char shareOf(std::size_t below, std::size_t inside) {
+  if (inside == 0)
     return 255;
-  std::size_t below = 0;
-  for (const Index j : square)
-    below += positions[static_cast<std::size_t>(j)].z < z ? 1 : 0;
-  return static_cast<unsigned char>(static_cast<double>(below) /
-                                    static_cast<double>(square.size()) * 255.0);
+  return static_cast<unsigned char>(static_cast<double>(below) / static_cast<double>(inside) *
+                                    255.0);
 }
 
 } // namespace Quorvel::detail

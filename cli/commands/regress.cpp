@@ -1,0 +1,54 @@
+// quorvel regress: reclassifies points by their distance from the plane through their neighbours,
+// in rounds (planar regression; by default it grows the ground class from class 2 seeds).
+#include "cli/commands/command.hpp"
+#include "quorvel/terrain/terrain.hpp"
+
+namespace Quorvel::Cli {
+
+namespace {
+
+class Regress final : public CloudCommand {
+public:
+  Regress() : CloudCommand("regress") {}
+
+  void addStageOptions(CLI::App& app) override {
+    addRange(app, "--range", box_.range,
+             "distances from the plane that reclassify a candidate (negative: use --range=)");
+    addRange(app, "--source", box_.source, "classes of the tree points, and of the candidates");
+    addRange(app, "--additional", box_.additional, "further classes of the tree points");
+    // The box's working range: without it the candidates are the --source classes.
+    addRange(app, "--candidates", box_.working_range,
+             "classes of the candidates, when not those of --source (growing: 0:1)");
+    app.add_option("--radius", box_.radius, "starting search radius")->capture_default_str();
+    app.add_option("--target", box_.target, "class given; negative: add 100 to the class")
+        ->capture_default_str();
+    app.add_option("--maximum-iteration", box_.maximum_iteration, "largest number of rounds")
+        ->capture_default_str();
+    app.add_option("--reset", box_.reset, "0 or more: set every class to this first")
+        ->capture_default_str();
+    app.add_option("--quantile", box_.quantile, "percentage of the lowest neighbours left out")
+        ->capture_default_str();
+    app.add_option("--dimension", box_.dimension, "2D: neighbours in x, y; 3D: in x, y, z")
+        ->check(CLI::IsMember({"2D", "3D"}))
+        ->capture_default_str();
+  }
+
+  void apply(Cloud& cloud, const Host& host) override {
+    std::string message;
+    host.run("regress", pointCount(*cloud.grid),
+             [&] { message = planarRegressionOfGrid(cloud.grid, box_, host.progress("regress")); });
+    if (!message.empty())
+      throw Error("regress: " + message);
+  }
+
+private:
+  PlanarRegressionParameterBox box_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeRegress() {
+  return std::make_unique<Regress>();
+}
+
+} // namespace Quorvel::Cli
