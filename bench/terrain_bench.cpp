@@ -6,6 +6,7 @@
 
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/terrain.hpp"
+#include "vantor/Trees.hpp"
 
 #include <benchmark/benchmark.h>
 
@@ -136,6 +137,26 @@ void BM_RegressionRoundVsNanoflann(benchmark::State& state) {
   state.counters["seeds/query"] = static_cast<double>(found) / static_cast<double>(candidates);
 }
 BENCHMARK(BM_RegressionRoundVsNanoflann)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+
+// What a round spends on its tree: filling a 2-D tree with the seeds of the first round (the
+// classes test of every point included) and dividing it, which the first query does.
+void BM_RegressionRoundTree(benchmark::State& state) {
+  const TerrainCloud& cloud = terrainCloud();
+  const Vantor::MultiRange<double> source("2");
+  std::vector<unsigned> found;
+  for (auto _ : state) {
+    auto tree = std::make_shared<Vantor::QuadTree<unsigned>>(cloud.bbox, 64);
+    tree->reserve(cloud.xyz.size());
+    for (std::size_t i = 0; i < cloud.xyz.size(); ++i)
+      if (source.contains(cloud.classes[i], 1e-9))
+        tree->insert(cloud.xyz[i], static_cast<unsigned>(i));
+    found.clear();
+    tree->getRange(cloud.xyz.front(), 1.0, found);
+    benchmark::DoNotOptimize(found.data());
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(cloud.xyz.size()));
+}
+BENCHMARK(BM_RegressionRoundTree)->Unit(benchmark::kMillisecond);
 
 // The whole growing until it stops by itself (or after 50 rounds) on the library's threads.
 void BM_RegressionGrowing(benchmark::State& state) {

@@ -207,13 +207,6 @@ TEST(PlaneWithoutLowest, IsThePercentFitToTheLastBit) {
   EXPECT_FALSE(detail::planeWithoutLowest(line, plane, 0));
 }
 
-TEST(StaticBlock, SplitsEveryPointOnceWithTheRemainderFirst) {
-  EXPECT_EQ(detail::staticBlock(10, 3, 0), std::make_pair(std::size_t{0}, std::size_t{4}));
-  EXPECT_EQ(detail::staticBlock(10, 3, 1), std::make_pair(std::size_t{4}, std::size_t{7}));
-  EXPECT_EQ(detail::staticBlock(10, 3, 2), std::make_pair(std::size_t{7}, std::size_t{10}));
-  EXPECT_EQ(detail::staticBlock(2, 4, 3), std::make_pair(std::size_t{2}, std::size_t{2}));
-}
-
 // ---- Rounds against the oracle --------------------------------------------------------------
 
 TEST(PlanarRegression, MatchesTheOracleInEveryVariant) {
