@@ -76,7 +76,7 @@ OpenedFile::OpenedFile(const std::string& path, bool sequential) : file(path, se
   pointCount = h.pointCount;
 }
 
-std::vector<FieldPlan> fieldsOf(const FileInfo& info) {
+std::vector<FieldPlan> fieldsOf(const FileInfo& info, bool tiled) {
   const int f = info.header.pointFormat;
   std::vector<FieldPlan> out{{Tressel::PositionsFieldName, "point"}};
   for (const Dim& d : dims(f))
@@ -86,7 +86,8 @@ std::vector<FieldPlan> fieldsOf(const FileInfo& info) {
       out.push_back({x.name, kindName(x.kind)});
   out.push_back({"ScanAngle", "float32"});
   out.push_back({"LastReturn", "uint8"});
-  out.push_back({"PointIndex", "uint64"});
+  if (tiled)
+    out.push_back({"PointIndex", "uint64"});
   if (format(f).rgb >= 0)
     out.push_back({"RGB", "rgb16"});
   return out;
@@ -151,7 +152,7 @@ struct Plan {
   std::vector<Vantor::RGB16*> rgb;
 };
 
-Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info) {
+Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled) {
   const int f = info.header.pointFormat;
   Plan plan;
   plan.xyz = cloud.addField<point>(Tressel::PositionsFieldName);
@@ -168,7 +169,8 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info) {
   }
   plan.scanAngle = cloud.addField<float>("ScanAngle");
   plan.lastReturn = cloud.addField<unsigned char>("LastReturn");
-  plan.pointIndex = cloud.addField<unsigned long long>("PointIndex");
+  if (tiled)
+    plan.pointIndex = cloud.addField<unsigned long long>("PointIndex");
   if (format(f).rgb >= 0)
     plan.rgb = cloud.addField<Vantor::RGB16>("RGB");
   return plan;
@@ -187,7 +189,7 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
   point* xyz = plan.xyz[k];
   float* angle = plan.scanAngle[k];
   unsigned char* last = plan.lastReturn[k];
-  unsigned long long* place = plan.pointIndex[k];
+  unsigned long long* place = plan.pointIndex.empty() ? nullptr : plan.pointIndex[k];
   Vantor::RGB16* rgb = rgbAt >= 0 ? plan.rgb[k] : nullptr;
   // This fragment's destinations beside their sources, so the loop reads one small array.
   struct Op {
@@ -215,7 +217,8 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
       angle[j] = static_cast<float>(static_cast<std::int8_t>(r[16]));
       last[j] = (returns & 7) == ((returns >> 3) & 7) ? 1 : 0;
     }
-    place[j] = i;
+    if (place)
+      place[j] = i;
     if (rgb)
       std::memcpy(&rgb[j], r + rgbAt, 6);
     for (const Op& c : ops) {
@@ -265,7 +268,7 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
 
   if (fragmentPoints == 0 || fragmentPoints >= n) {
     Tressel::FragmentArrays cloud({n});
-    const Plan plan = allocate(cloud, in.info);
+    const Plan plan = allocate(cloud, in.info, false);
     Percent percent(progress, n, "reading");
     inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
       decode(plan, in, 0, from, to, [](std::size_t j) { return j; });
@@ -286,7 +289,7 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
     for (const auto& tile : tiles)
       sizes.push_back(tile.size());
     Tressel::FragmentArrays cloud(sizes);
-    const Plan plan = allocate(cloud, in.info);
+    const Plan plan = allocate(cloud, in.info, true);
     std::size_t done = 0;
     Percent percent(progress, n, "reading");
     for (std::size_t k = 0; k < tiles.size(); ++k) {
@@ -309,7 +312,7 @@ Summary summarize(const std::string& path) {
   Summary s;
   s.header = h;
   s.pointCount = in.pointCount;
-  for (const FieldPlan& f : fieldsOf(in.info))
+  for (const FieldPlan& f : fieldsOf(in.info, false))
     s.fields.emplace_back(f.name, f.type);
   const std::size_t length = h.recordLength;
   const int classAt = format(h.pointFormat).extended ? 16 : 15;

@@ -79,11 +79,12 @@ struct ReadResult {
 // to 10, five bits otherwise), "UserData", "PointSourceId", "GpsTime", "Overlap",
 // "ScannerChannel", "NIR", the wave-packet values, every extra-bytes dimension under its own name
 // and type, then "ScanAngle" (degrees), "LastReturn", "PointIndex" (the place of the point in the
-// file) and "RGB". The header, VLRs and EVLRs travel on the grid as attributes (see
-// docs/bundle-format.md), so a bundle keeps them. One fragment when fragmentPoints is 0 (no
-// result then depends on tiling); otherwise x-y tiles of about fragmentPoints points
-// (Tressel::tilePartitionByCount), file order kept within a tile. Throws Error naming the file
-// and every problem found; warnings about tolerated oddities go to standard error.
+// file; only in tiles, since one fragment holds the points in file order) and "RGB". The header,
+// VLRs and EVLRs travel on the grid as attributes (see docs/bundle-format.md), so a bundle keeps
+// them. One fragment when fragmentPoints is 0 (no result then depends on tiling); otherwise x-y
+// tiles of about fragmentPoints points (Tressel::tilePartitionByCount), file order kept within a
+// tile. Throws Error naming the file and every problem found; warnings about tolerated oddities go
+// to standard error.
 ReadResult read(const std::string& path, std::size_t fragmentPoints = 0,
                 const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
 
@@ -117,7 +118,8 @@ void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* i
 struct Summary {
   Header header;
   std::uint64_t pointCount = 0;
-  // The fields read() makes, in its order: name and element type ("uint8", "point", ...).
+  // The fields read() makes (in one fragment), in its order: name and element type ("uint8",
+  // "point", ...).
   std::vector<std::pair<std::string, std::string>> fields;
   std::array<double, 3> min{0, 0, 0}, max{0, 0, 0}; // of the points (zeros when there are none)
   std::array<std::uint64_t, 256> classCounts{};     // points per "Classification" value

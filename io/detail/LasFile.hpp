@@ -43,7 +43,7 @@ struct FieldPlan {
   std::string name;
   std::string type;
 };
-// The fields read() makes of a file, in its order.
-std::vector<FieldPlan> fieldsOf(const FileInfo& info);
+// The fields read() makes of a file, in its order; "PointIndex" only when tiled.
+std::vector<FieldPlan> fieldsOf(const FileInfo& info, bool tiled);
 
 } // namespace Quorvel::Las::detail
