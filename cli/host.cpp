@@ -145,13 +145,13 @@ void saveBundle(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>&
 
 } // namespace
 
-Cloud Host::load(const std::string& path) const {
+Cloud Host::load(const std::string& path, const std::set<std::string>& only) const {
   const auto shown = progress("read " + path);
   Cloud cloud;
   if (isBundle(path)) {
     cloud = loadBundle(path);
   } else {
-    cloud = {Las::read(path, common_.fragmentPoints, shown).grid};
+    cloud = {Las::read(path, common_.fragmentPoints, shown, only).grid};
   }
   finish(shown, pointCount(*cloud.grid));
   return cloud;

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -65,7 +66,9 @@ public:
   // Progress of long steps on standard error when it is a terminal; empty otherwise.
   Basalt::StrongPtr<Basalt::LoaderProgress> progress(const std::string& what) const;
 
-  Cloud load(const std::string& path) const;
+  // Reads a LAS or bundle file; only, when not empty, limits the fields made from a LAS file
+  // (besides "Positions") for a cloud that is searched and not written back.
+  Cloud load(const std::string& path, const std::set<std::string>& only = {}) const;
   void save(const std::string& path, const Cloud& cloud,
             const Las::WriteOptions& options = {}) const;
   // Runs step, showing the elapsed time and the points/s over count points while it runs.

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <iostream>
 #include <limits>
+#include <set>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -152,26 +153,34 @@ struct Plan {
   std::vector<Vantor::RGB16*> rgb;
 };
 
-Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled) {
+Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
+              const std::set<std::string>& only) {
+  const auto wanted = [&only](const std::string& name) {
+    return only.empty() || only.count(name) > 0;
+  };
   const int f = info.header.pointFormat;
   Plan plan;
   plan.xyz = cloud.addField<point>(Tressel::PositionsFieldName);
   for (const Dim& d : dims(f))
-    plan.copies.push_back({d.offset, d.bits > 0 ? 0 : kindSize(d.kind), d.shift,
-                           static_cast<std::uint8_t>((1 << d.bits) - 1),
-                           addOfKind(cloud, d.name, d.kind)});
+    if (wanted(d.name))
+      plan.copies.push_back({d.offset, d.bits > 0 ? 0 : kindSize(d.kind), d.shift,
+                             static_cast<std::uint8_t>((1 << d.bits) - 1),
+                             addOfKind(cloud, d.name, d.kind)});
   int at = format(f).length;
   for (const ExtraBytes& e : info.extraBytes) {
     for (const ExtraField& x : extraFields(e))
-      plan.copies.push_back(
-          {at + x.offset, kindSize(x.kind), 0, 0, addOfKind(cloud, x.name, x.kind)});
+      if (wanted(x.name))
+        plan.copies.push_back(
+            {at + x.offset, kindSize(x.kind), 0, 0, addOfKind(cloud, x.name, x.kind)});
     at += e.size;
   }
-  plan.scanAngle = cloud.addField<float>("ScanAngle");
-  plan.lastReturn = cloud.addField<unsigned char>("LastReturn");
+  if (wanted("ScanAngle"))
+    plan.scanAngle = cloud.addField<float>("ScanAngle");
+  if (wanted("LastReturn"))
+    plan.lastReturn = cloud.addField<unsigned char>("LastReturn");
   if (tiled)
     plan.pointIndex = cloud.addField<unsigned long long>("PointIndex");
-  if (format(f).rgb >= 0)
+  if (format(f).rgb >= 0 && wanted("RGB"))
     plan.rgb = cloud.addField<Vantor::RGB16>("RGB");
   return plan;
 }
@@ -187,10 +196,10 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
   const double sx = h.scale[0], sy = h.scale[1], sz = h.scale[2];
   const double ox = h.offset[0], oy = h.offset[1], oz = h.offset[2];
   point* xyz = plan.xyz[k];
-  float* angle = plan.scanAngle[k];
-  unsigned char* last = plan.lastReturn[k];
+  float* angle = plan.scanAngle.empty() ? nullptr : plan.scanAngle[k];
+  unsigned char* last = plan.lastReturn.empty() ? nullptr : plan.lastReturn[k];
   unsigned long long* place = plan.pointIndex.empty() ? nullptr : plan.pointIndex[k];
-  Vantor::RGB16* rgb = rgbAt >= 0 ? plan.rgb[k] : nullptr;
+  Vantor::RGB16* rgb = plan.rgb.empty() ? nullptr : plan.rgb[k];
   // This fragment's destinations beside their sources, so the loop reads one small array.
   struct Op {
     int from, size, shift;
@@ -211,11 +220,15 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
     if (extended) {
       std::int16_t a;
       std::memcpy(&a, r + 18, 2);
-      angle[j] = static_cast<float>(a * 0.006);
-      last[j] = (returns & 15) == (returns >> 4) ? 1 : 0;
+      if (angle)
+        angle[j] = static_cast<float>(a * 0.006);
+      if (last)
+        last[j] = (returns & 15) == (returns >> 4) ? 1 : 0;
     } else {
-      angle[j] = static_cast<float>(static_cast<std::int8_t>(r[16]));
-      last[j] = (returns & 7) == ((returns >> 3) & 7) ? 1 : 0;
+      if (angle)
+        angle[j] = static_cast<float>(static_cast<std::int8_t>(r[16]));
+      if (last)
+        last[j] = (returns & 7) == ((returns >> 3) & 7) ? 1 : 0;
     }
     if (place)
       place[j] = i;
@@ -258,7 +271,8 @@ void inBlocks(std::size_t count, std::size_t done, Percent& percent, Step step) 
 } // namespace
 
 ReadResult read(const std::string& path, std::size_t fragmentPoints,
-                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
+                const std::set<std::string>& only) {
   const OpenedFile in(path, false);
   const Header& h = in.info.header;
   const std::size_t n = static_cast<std::size_t>(in.pointCount);
@@ -268,7 +282,7 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
 
   if (fragmentPoints == 0 || fragmentPoints >= n) {
     Tressel::FragmentArrays cloud({n});
-    const Plan plan = allocate(cloud, in.info, false);
+    const Plan plan = allocate(cloud, in.info, false, only);
     Percent percent(progress, n, "reading");
     inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
       decode(plan, in, 0, from, to, [](std::size_t j) { return j; });
@@ -289,7 +303,7 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
     for (const auto& tile : tiles)
       sizes.push_back(tile.size());
     Tressel::FragmentArrays cloud(sizes);
-    const Plan plan = allocate(cloud, in.info, true);
+    const Plan plan = allocate(cloud, in.info, true, only);
     std::size_t done = 0;
     Percent percent(progress, n, "reading");
     for (std::size_t k = 0; k < tiles.size(); ++k) {

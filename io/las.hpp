@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -85,8 +86,13 @@ struct ReadResult {
 // tiles of about fragmentPoints points (Tressel::tilePartitionByCount), file order kept within a
 // tile. Throws Error naming the file and every problem found; warnings about tolerated oddities go
 // to standard error.
+//
+// only, when not empty, names the fields to make besides "Positions" (and "PointIndex" for
+// tiles): a cloud that is read to be searched, not written back, then takes less memory and
+// time. The LAS origin is still attached.
 ReadResult read(const std::string& path, std::size_t fragmentPoints = 0,
-                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
+                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {},
+                const std::set<std::string>& only = {});
 
 // How write() places the integer coordinates.
 struct WriteOptions {

@@ -38,7 +38,8 @@ public:
 
   void apply(Cloud& target, const Host& host) override {
     applyCommonThreads(threads_, host, box_.threads);
-    const Cloud source = host.load(sourcePath_);
+    // The source is only searched: its positions and classes are all it needs.
+    const Cloud source = host.load(sourcePath_, {box_.fieldname});
     box_.sourcefilename = sourcePath_;
     std::string message;
     host.run("transfer", pointCount(*target.grid), [&] {

@@ -407,12 +407,13 @@ private:
     }
     const std::size_t n = entries.size();
     nodes_.clear();
-    x_.resize(n);
-    y_.resize(n);
-    z_.resize(n);
-    ids_.resize(n);
-    if (n == 0)
+    if (n == 0) {
+      x_.clear();
+      y_.clear();
+      z_.clear();
+      ids_.clear();
       return;
+    }
 
     std::vector<Keyed> keyed(n), scratch(n);
     for (std::size_t i = 0; i < n; ++i) {
@@ -424,6 +425,12 @@ private:
     nodes_.reserve(2 * n / capacity_ + 1);
     nodes_.push_back({});
     divide(0, 0, 0, n, 0, keyed, scratch);
+    // The leaves' arrays take the room of the sorting scratch, so a build peaks lower.
+    std::vector<Keyed>().swap(scratch);
+    x_.resize(n);
+    y_.resize(n);
+    z_.resize(n);
+    ids_.resize(n);
     place(keyed, entries);
     makeTable(keyed);
   }

@@ -82,7 +82,11 @@ struct Synthetic {
 class HostileHeaders : public LasHeaders {
 protected:
   std::string save(const std::vector<std::uint8_t>& bytes) {
-    const std::string path = file("f" + std::to_string(count++) + ".las");
+    // Built piece by piece: GCC 12 warns falsely (-Wrestrict) on "f" + std::to_string(...).
+    std::string name = std::to_string(count++);
+    name.insert(0, 1, 'f');
+    name += ".las";
+    const std::string path = file(name);
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));

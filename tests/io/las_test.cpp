@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -135,6 +136,29 @@ TEST_F(LasFiles, TilesHoldTheValuesOfOneFragmentInFileOrder) {
   Quorvel::Las::write(file("whole.las"), *whole.grid);
   Quorvel::Las::write(file("tiled.las"), *tiled.grid);
   EXPECT_TRUE(bytesOf(file("whole.las")) == bytesOf(file("tiled.las")));
+}
+
+TEST_F(LasFiles, ACloudReadForSearchingHoldsOnlyTheFieldsAsked) {
+  const std::string path = (SampleData / "sample_c.las").string();
+  const auto w = contents(*Quorvel::Las::read(path).grid);
+  for (std::size_t points : {std::size_t(0), std::size_t(1000)}) {
+    const auto some = Quorvel::Las::read(path, points, {}, {"Classification", "GpsTime", "RGB"});
+    const auto s = contents(*some.grid);
+    std::vector<std::string> names;
+    for (const auto& [field, value] : s)
+      names.push_back(field);
+    std::vector<std::string> expected = {"Classification", "GpsTime", "Positions", "RGB"};
+    if (points > 0)
+      expected.push_back("PointIndex");
+    std::sort(names.begin(), names.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(names, expected) << points;
+    if (points == 0) {
+      for (const auto& field : {"Classification", "GpsTime", "Positions", "RGB"})
+        EXPECT_TRUE(s.at(field) == w.at(field)) << field;
+    }
+    EXPECT_TRUE(Quorvel::Las::fileInfo(*some.grid).has_value());
+  }
 }
 
 TEST_F(LasFiles, FormatsMoveOnlyWhereAFieldNeedsIt) {
