@@ -115,6 +115,42 @@ PointCloudBuilder::PointCloudBuilder(std::vector<point> positions) : count_(posi
   addField(PositionsFieldName, std::move(positions));
 }
 
+namespace {
+
+// The grid of a point cloud: one fragment ID per fragment, and per column a field whose array for
+// fragment k is arrayOf(column, k) (a field without fragments is typed by prototypeOf(column));
+// every fragment of "Positions" gets its stored bounding box.
+template <class NameOf, class ArrayOf, class PrototypeOf>
+StrongPtr<Grid> makeCloud(const std::string& gridName, std::size_t fragments, std::size_t columns,
+                          const NameOf& nameOf, const ArrayOf& arrayOf,
+                          const PrototypeOf& prototypeOf) {
+  auto grid = std::make_shared<Grid>(gridName);
+  auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
+  auto layout = std::make_shared<FragmentIDCollection>();
+  std::vector<StrongPtr<FragmentID>> ids;
+  for (std::size_t k = 0; k < fragments; ++k)
+    ids.push_back(layout->makeFragmentID("fragment_" + std::to_string(k)));
+  for (std::size_t c = 0; c < columns; ++c) {
+    const std::string& name = nameOf(c);
+    StrongPtr<Field> field;
+    for (std::size_t k = 0; k < fragments; ++k) {
+      const StrongPtr<MemBase> data = arrayOf(c, k);
+      if (!field)
+        field = rep->makeField(rep->makeFieldID(name), layout, *data);
+      auto creator = field->setPersistentData(data, ids[k]);
+      if (name == PositionsFieldName) {
+        StrongPtr<BoundingBox> box;
+        ExpandBBox(box, creator, BBoxStore);
+      }
+    }
+    if (!field)
+      rep->makeField(rep->makeFieldID(name), layout, *prototypeOf(c));
+  }
+  return grid;
+}
+
+} // namespace
+
 StrongPtr<Grid> PointCloudBuilder::build(const Partition& partition,
                                          const std::string& gridName) const {
   std::vector<unsigned char> seen(count_, 0);
@@ -130,57 +166,22 @@ StrongPtr<Grid> PointCloudBuilder::build(const Partition& partition,
     if (!seen[i])
       throw std::invalid_argument("point " + std::to_string(i) + " is in no fragment");
 
-  auto grid = std::make_shared<Grid>(gridName);
-  auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
-  auto layout = std::make_shared<FragmentIDCollection>();
-  std::vector<StrongPtr<FragmentID>> ids;
-  for (std::size_t k = 0; k < partition.size(); ++k)
-    ids.push_back(layout->makeFragmentID("fragment_" + std::to_string(k)));
-
-  for (const Column& column : fields_) {
-    StrongPtr<Field> field;
-    for (std::size_t k = 0; k < partition.size(); ++k) {
-      auto data = column.gather(partition[k]);
-      if (!field)
-        field = rep->makeField(rep->makeFieldID(column.name), layout, *data);
-      auto creator = field->setPersistentData(data, ids[k]);
-      if (column.name == PositionsFieldName) {
-        StrongPtr<BoundingBox> box;
-        ExpandBBox(box, creator, BBoxStore);
-      }
-    }
-    if (!field) // no fragments: the field still exists, typed by an empty array
-      field = rep->makeField(rep->makeFieldID(column.name), layout, *column.gather({}));
-  }
-  return grid;
+  return makeCloud(
+      gridName, partition.size(), fields_.size(),
+      [&](std::size_t c) -> const std::string& { return fields_[c].name; },
+      [&](std::size_t c, std::size_t k) { return fields_[c].gather(partition[k]); },
+      [&](std::size_t c) { return fields_[c].gather({}); });
 }
 
 FragmentArrays::FragmentArrays(std::vector<std::size_t> fragmentSizes)
     : sizes_(std::move(fragmentSizes)) {}
 
 StrongPtr<Grid> FragmentArrays::build(const std::string& gridName) const {
-  auto grid = std::make_shared<Grid>(gridName);
-  auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
-  auto layout = std::make_shared<FragmentIDCollection>();
-  std::vector<StrongPtr<FragmentID>> ids;
-  for (std::size_t k = 0; k < sizes_.size(); ++k)
-    ids.push_back(layout->makeFragmentID("fragment_" + std::to_string(k)));
-  for (const Column& column : columns_) {
-    StrongPtr<Field> field;
-    for (std::size_t k = 0; k < sizes_.size(); ++k) {
-      const StrongPtr<MemBase>& data = column.arrays[k];
-      if (!field)
-        field = rep->makeField(rep->makeFieldID(column.name), layout, *data);
-      auto creator = field->setPersistentData(data, ids[k]);
-      if (column.name == PositionsFieldName) {
-        StrongPtr<BoundingBox> box;
-        ExpandBBox(box, creator, BBoxStore);
-      }
-    }
-    if (!field)
-      rep->makeField(rep->makeFieldID(column.name), layout, *column.prototype);
-  }
-  return grid;
+  return makeCloud(
+      gridName, sizes_.size(), columns_.size(),
+      [&](std::size_t c) -> const std::string& { return columns_[c].name; },
+      [&](std::size_t c, std::size_t k) { return columns_[c].arrays[k]; },
+      [&](std::size_t c) { return columns_[c].prototype; });
 }
 
 } // namespace Tressel

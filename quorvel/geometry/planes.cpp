@@ -1,4 +1,5 @@
 // Quorvel: least-squares height planes and distances from them.
+#include "quorvel/geometry/detail/planes.hpp"
 #include "quorvel/geometry/geometry.hpp"
 
 #include <algorithm>
@@ -59,7 +60,7 @@ bool planarRegression(const std::vector<point>& points, vector& plane) {
   return sums.solve(points.front(), plane);
 }
 
-bool planarRegression(std::vector<point> points, vector& plane, unsigned percent) {
+bool detail::planarRegressionInPlace(std::vector<point>& points, vector& plane, unsigned percent) {
   const std::size_t n = points.size();
   std::size_t k = static_cast<std::uint32_t>(static_cast<double>(percent * n) * 0.01);
   if (percent != 0 && k == 0)
@@ -73,6 +74,10 @@ bool planarRegression(std::vector<point> points, vector& plane, unsigned percent
   for (std::size_t i = k; i < n; ++i)
     sums.add(points[i], points.front());
   return sums.solve(points.front(), plane);
+}
+
+bool planarRegression(std::vector<point> points, vector& plane, unsigned percent) {
+  return detail::planarRegressionInPlace(points, plane, percent);
 }
 
 template <class Index>

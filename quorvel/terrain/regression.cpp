@@ -3,6 +3,7 @@
 // from the classes at the start of every round, so a point that a round reclassifies enters or
 // leaves the tree in the next one, and candidates with too few neighbours search twice as far.
 #include "quorvel/core/core.hpp"
+#include "quorvel/geometry/detail/planes.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
@@ -15,45 +16,6 @@
 namespace Quorvel {
 
 namespace detail {
-
-bool planeWithoutLowest(std::vector<point>& points, Plane& plane, unsigned percent) {
-  const std::size_t n = points.size();
-  std::size_t k = static_cast<std::uint32_t>(static_cast<double>(percent * n) * 0.01);
-  if (percent != 0 && k == 0)
-    k = 1;
-  if (k > n || n - k < 3)
-    return false;
-  if (k > 0)
-    std::partial_sort(points.begin(), points.begin() + static_cast<std::ptrdiff_t>(k), points.end(),
-                      sortPoint);
-  const point& o = points.front();
-  double x = 0, y = 0, z = 0, xx = 0, xy = 0, yy = 0, xz = 0, yz = 0, count = 0;
-  for (std::size_t j = k; j < n; ++j) {
-    const double dx = points[j].x - o.x, dy = points[j].y - o.y, dz = points[j].z - o.z;
-    x += dx;
-    y += dy;
-    z += dz;
-    xx += dx * dx;
-    xy += dx * dy;
-    yy += dy * dy;
-    xz += dx * dz;
-    yz += dy * dz;
-    count += 1;
-  }
-  const auto det3 = [](double a11, double a12, double a13, double a21, double a22, double a23,
-                       double a31, double a32, double a33) {
-    return a11 * (a22 * a33 - a23 * a32) - a12 * (a21 * a33 - a23 * a31) +
-           a13 * (a21 * a32 - a22 * a31);
-  };
-  const double det = det3(xx, xy, x, xy, yy, y, x, y, count);
-  if (!(std::fabs(det) >= 1e-6))
-    return false;
-  const double a = det3(xz, xy, x, yz, yy, y, z, y, count) / det;
-  const double b = det3(xx, xz, x, xy, yz, y, x, z, count) / det;
-  const double c = det3(xx, xy, xz, xy, yy, yz, x, y, z) / det;
-  plane = Plane(a, b, c + o.z - (a * o.x + b * o.y));
-  return true;
-}
 
 void RegressionStep::operator()(std::size_t i, const std::vector<unsigned>& neighbours,
                                 unsigned char& cls, double& radius, std::uint32_t& lastCount,
@@ -71,7 +33,7 @@ void RegressionStep::operator()(std::size_t i, const std::vector<unsigned>& neig
     if (j != i)
       scratch.push_back(positions[j]);
   Plane plane;
-  if (!planeWithoutLowest(scratch, plane, quantile))
+  if (!planarRegressionInPlace(scratch, plane, quantile))
     return;
   if (range.contains(computeDistanceOfPointFromPlane(plane, positions[i]), RangeTolerance))
     cls = target < 0 ? static_cast<unsigned char>(cls + 100) : static_cast<unsigned char>(target);

@@ -17,14 +17,6 @@ namespace Quorvel::detail {
 
 using Plane = Vantor::PhysicalSpace::vector;
 
-// The fit of planarRegression(points, plane, percent), done in the caller's buffer so that the
-// point loop allocates nothing: the k = percent * n * 0.01 lowest points (at least one for a
-// non-zero percent) are moved to the front and left out, the sums are taken about the lowest
-// point, and the plane is solved by Cramer's rule. The same arithmetic in the same order, so the
-// plane is the exported function's to the last bit. False for fewer than 3 points left or a
-// determinant below 1e-6 in magnitude; points is reordered.
-bool planeWithoutLowest(std::vector<point>& points, Plane& plane, unsigned percent);
-
 // The contiguous block of n items that thread t of `threads` works on: n / threads items each,
 // the first n % threads threads one more.
 inline std::pair<std::size_t, std::size_t> staticBlock(std::size_t n, std::size_t threads,

@@ -183,30 +183,6 @@ Box growing() {
   return box;
 }
 
-// ---- The kernel ----------------------------------------------------------------------------
-
-TEST(PlaneWithoutLowest, IsThePercentFitToTheLastBit) {
-  std::mt19937 random(3);
-  std::uniform_real_distribution<double> u(-10, 10);
-  for (unsigned percent : {0u, 5u, 30u, 80u}) {
-    std::vector<point> pts;
-    for (int k = 0; k < 17; ++k)
-      pts.push_back({1e6 + u(random), 5e6 + u(random), 0.3 * u(random)});
-    Plane expected, got;
-    const bool ok = planarRegression(pts, expected, percent);
-    std::vector<point> scratch = pts;
-    EXPECT_EQ(detail::planeWithoutLowest(scratch, got, percent), ok) << percent;
-    if (ok) {
-      EXPECT_TRUE(got.x == expected.x && got.y == expected.y && got.z == expected.z) << percent;
-    }
-  }
-  Plane plane;
-  std::vector<point> four{{0, 0, 0}, {1, 0, 1}, {0, 1, 2}, {1, 1, 3}};
-  EXPECT_FALSE(detail::planeWithoutLowest(four, plane, 50)); // 2 left
-  std::vector<point> line{{0, 0, 0}, {1, 1, 1}, {2, 2, 2}, {3, 3, 3}};
-  EXPECT_FALSE(detail::planeWithoutLowest(line, plane, 0));
-}
-
 // ---- Rounds against the oracle --------------------------------------------------------------
 
 TEST(PlanarRegression, MatchesTheOracleInEveryVariant) {
