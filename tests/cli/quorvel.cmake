@@ -17,3 +17,11 @@ function(quorvel expected_code expected_output)
   endif()
   set(quorvel_output "${out}${err}" PARENT_SCOPE)
 endfunction()
+
+# Fails unless the files A and B hold the same bytes; what names them in the message.
+function(expect_same_file a b what)
+  execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${a} ${b} RESULT_VARIABLE differs)
+  if(differs)
+    message(FATAL_ERROR "${what}: ${a} and ${b} differ")
+  endif()
+endfunction()

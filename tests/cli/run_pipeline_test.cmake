@@ -21,11 +21,7 @@ file(WRITE ${WORK_DIR}/three.json "[
   \"${WORK_DIR}/piped.las\"
 ]")
 quorvel(0 "quorvel pipeline: 14408 points" pipeline ${WORK_DIR}/three.json)
-execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${WORK_DIR}/steps.las
-                ${WORK_DIR}/piped.las RESULT_VARIABLE differs)
-if(differs)
-  message(FATAL_ERROR "the pipeline's file differs from the three commands' file")
-endif()
+expect_same_file(${WORK_DIR}/steps.las ${WORK_DIR}/piped.las "the pipeline against the three commands")
 quorvel(0 "CellTensor: float32" info ${WORK_DIR}/piped.las)
 quorvel(0 "quorvel pipeline" pipeline --help)
 string(FIND "${quorvel_output}" "{\"command\": \"transfer\"" at)

@@ -56,8 +56,4 @@ file(WRITE ${WORK_DIR}/terrain.json "[
   \"${WORK_DIR}/piped.las\"
 ]")
 quorvel(0 "quorvel pipeline: 14408 points" pipeline ${WORK_DIR}/terrain.json)
-execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${WORK_DIR}/steps.las
-                ${WORK_DIR}/piped.las RESULT_VARIABLE differs)
-if(differs)
-  message(FATAL_ERROR "the pipeline's file differs from the two commands' file")
-endif()
+expect_same_file(${WORK_DIR}/steps.las ${WORK_DIR}/piped.las "the pipeline against the two commands")
