@@ -108,22 +108,35 @@ inline File parse(const std::vector<std::uint8_t>& bytes, std::string& error) {
   if (f.recordLength < 20)
     return fail("point record length below 20 bytes");
 
-  std::size_t pos = headerSize;
-  for (std::uint32_t k = 0; k < vlrCount; ++k) {
-    if (pointOffset - pos < 54)
-      return fail("VLR " + std::to_string(k) + " header past the offset to point data");
-    Record r{text(bytes, pos + 2, 16),
-             at<std::uint16_t>(bytes, pos + 18),
-             text(bytes, pos + 22, 32),
-             {}};
-    const std::size_t length = at<std::uint16_t>(bytes, pos + 20);
-    pos += 54;
-    if (pointOffset - pos < length)
-      return fail("VLR " + std::to_string(k) + " payload past the offset to point data");
-    r.payload.assign(bytes.begin() + pos, bytes.begin() + pos + length);
-    pos += length;
-    f.vlrs.push_back(std::move(r));
-  }
+  // Records (extended: the 60-byte headers after the points) from pos up to end; an empty text
+  // when they fit, else what does not.
+  const auto records = [&](std::uint32_t count, std::size_t pos, std::size_t end, bool extended,
+                           std::vector<Record>& into) -> std::string {
+    const std::string what = extended ? "EVLR " : "VLR ";
+    const std::string limit = extended ? "the end of the file" : "the offset to point data";
+    const std::size_t headerBytes = extended ? 60 : 54;
+    for (std::uint32_t k = 0; k < count; ++k) {
+      if (end - pos < headerBytes)
+        return what + std::to_string(k) + " header past " + limit;
+      Record r{text(bytes, pos + 2, 16),
+               at<std::uint16_t>(bytes, pos + 18),
+               text(bytes, pos + (extended ? 28 : 22), 32),
+               {}};
+      const std::uint64_t length =
+          extended ? at<std::uint64_t>(bytes, pos + 20) : at<std::uint16_t>(bytes, pos + 20);
+      pos += headerBytes;
+      if (end - pos < length)
+        return what + std::to_string(k) + " payload past " + limit;
+      r.payload.assign(bytes.begin() + static_cast<std::ptrdiff_t>(pos),
+                       bytes.begin() + static_cast<std::ptrdiff_t>(pos + length));
+      pos += length;
+      into.push_back(std::move(r));
+    }
+    return {};
+  };
+  if (const std::string wrong = records(vlrCount, headerSize, pointOffset, false, f.vlrs);
+      !wrong.empty())
+    return fail(wrong);
 
   if (f.pointCount > (size - pointOffset) / f.recordLength)
     return fail("point records past the end of the file");
@@ -132,22 +145,8 @@ inline File parse(const std::vector<std::uint8_t>& bytes, std::string& error) {
 
   if (evlrCount > 0 && (evlrStart < pointOffset + f.points.size() || evlrStart > size))
     return fail("EVLR start outside the bytes after the points");
-  pos = evlrStart;
-  for (std::uint32_t k = 0; k < evlrCount; ++k) {
-    if (size - pos < 60)
-      return fail("EVLR " + std::to_string(k) + " header past the end of the file");
-    Record r{text(bytes, pos + 2, 16),
-             at<std::uint16_t>(bytes, pos + 18),
-             text(bytes, pos + 28, 32),
-             {}};
-    const std::uint64_t length = at<std::uint64_t>(bytes, pos + 20);
-    pos += 60;
-    if (size - pos < length)
-      return fail("EVLR " + std::to_string(k) + " payload past the end of the file");
-    r.payload.assign(bytes.begin() + pos, bytes.begin() + pos + length);
-    pos += length;
-    f.evlrs.push_back(std::move(r));
-  }
+  if (const std::string wrong = records(evlrCount, evlrStart, size, true, f.evlrs); !wrong.empty())
+    return fail(wrong);
   error.clear();
   return f;
 }
