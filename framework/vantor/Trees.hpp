@@ -10,11 +10,13 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -82,14 +84,22 @@ public:
   bool insert(const point& p, const Index& index) {
     if (!valid_ || !acceptsPoint<D>(p, box_.min(), box_.max()))
       return false;
-    pending_.emplace_back(p, index);
+    x_.push_back(p.x);
+    y_.push_back(p.y);
+    z_.push_back(p.z);
+    ids_.push_back(index);
     ++count_;
     built_.store(false, std::memory_order_relaxed);
     return true;
   }
 
   // Room for n more insertions, so that filling a large tree does not copy what it holds.
-  void reserve(std::size_t n) { pending_.reserve(pending_.size() + n); }
+  void reserve(std::size_t n) {
+    x_.reserve(x_.size() + n);
+    y_.reserve(y_.size() + n);
+    z_.reserve(z_.size() + n);
+    ids_.reserve(ids_.size() + n);
+  }
 
   // Number of entries.
   std::size_t size() const { return count_; }
@@ -143,60 +153,20 @@ public:
                        const Answer& answer) const {
     if (count == 0 || !prepared())
       return;
-    std::vector<point> points(count);
-    std::vector<Keyed> order(count);
-    for (std::size_t k = 0; k < count; ++k) {
-      points[k] = pointAt(k);
-      const double c[3] = {points[k].x, points[k].y, points[k].z};
-      order[k] = {cellKey(c), k};
-    }
-    sortByCell(order);
-
-    const double r2 = radius * radius;
-    Neighbour last;
-    bool known = false;
-    std::size_t cell = 0;
-    constexpr std::size_t Ahead = 8; // questions whose point is fetched during earlier searches
-    for (std::size_t j = 0; j < count; ++j) {
-      if (j + Ahead < count)
-        __builtin_prefetch(&points[order[j + Ahead].source]);
-      const point& p = points[order[j].source];
-      const double q[3] = {p.x, p.y, p.z};
-      if (!finite(q))
-        continue;
-      Best best = startFrom(last, known, p, r2);
-      // The leaf of q's own cell decides alone when the ball of the best distance lies inside
-      // that cell: every entry of the cell is in the leaf, no other entry is so near.
-      const std::uint64_t key = order[j].key;
-      while (cell < leafCells_.size() && leafCells_[cell].last < key)
-        ++cell;
-      bool settled = false;
-      const Node* searched = nullptr;
-      if (cell < leafCells_.size() && leafCells_[cell].first <= key) {
-        const LeafCell& own = leafCells_[cell];
-        searched = &nodes_[own.node];
-        nearestInLeaf(*searched, q, best);
-        const double reach = std::sqrt(best.squared);
-        settled = true;
-        for (int k = 0; k < D; ++k)
-          settled = settled && q[k] - reach > own.lo[k] && q[k] + reach < own.hi[k];
-        // Else the parent's cell, likewise, for the parent's other children.
-        if (!settled) {
-          bool inParent = true;
-          for (int k = 0; k < D; ++k)
-            inParent = inParent && q[k] - reach > own.outerLo[k] && q[k] + reach < own.outerHi[k];
-          if (inParent) {
-            nearest(nodes_[own.parent], q, best, searched);
-            settled = true;
-          }
-        }
-      }
-      if (!settled)
-        search(q, best, searched);
-      if (record(best, last)) {
-        known = true;
-        answer(order[j].source, static_cast<const Neighbour&>(last));
-      }
+    const std::vector<std::uint64_t> order = questionOrder(count, pointAt);
+    const std::uint64_t questionMask = (std::uint64_t{1} << questionBits(count)) - 1;
+    // The points of a block of questions are fetched in one pass, whose loads overlap, and then
+    // searched in sequence.
+    constexpr std::size_t Block = 2048;
+    std::vector<point> points(std::min(count, Block));
+    InOrder walk{radius * radius};
+    for (std::size_t b = 0; b < count; b += Block) {
+      const std::size_t e = std::min(count, b + Block);
+      for (std::size_t j = b; j < e; ++j)
+        points[j - b] = pointAt(order[j] & questionMask);
+      for (std::size_t j = b; j < e; ++j)
+        if (nearestInOrder(points[j - b], walk))
+          answer(order[j] & questionMask, static_cast<const Neighbour&>(walk.last));
     }
   }
 
@@ -352,11 +322,77 @@ private:
       key |= spread(cell[k]) << k;
     return key;
   }
-  // Sorts by key down to two levels below the median leaf: finer order gains nothing.
-  void sortByCell(std::vector<Keyed>& items) const {
-    const int levels = std::min(Levels, medianLevel_ + 2);
-    Basalt::radixSort(items, (Levels - levels) * D, Levels * D,
-                      [](const Keyed& item) { return item.key; });
+  // A search of questions in the tree's order: the squared radius, the last answer (where the
+  // next search starts) and the leaf cell the questions have reached.
+  struct InOrder {
+    double r2;
+    Neighbour last{};
+    bool known = false;
+    std::size_t cell = 0;
+  };
+  // The nearest entry of p as findNearest gives it, into walk.last; p comes at or after the cell
+  // of the previous question.
+  bool nearestInOrder(const point& p, InOrder& walk) const {
+    const double q[3] = {p.x, p.y, p.z};
+    if (!finite(q))
+      return false;
+    Best best = startFrom(walk.last, walk.known, p, walk.r2);
+    // The leaf of q's own cell decides alone when the ball of the best distance lies inside
+    // that cell: every entry of the cell is in the leaf, no other entry is so near.
+    const std::uint64_t key = cellKey(q);
+    std::size_t& cell = walk.cell;
+    while (cell < leafCells_.size() && leafCells_[cell].last < key)
+      ++cell;
+    bool settled = false;
+    const Node* searched = nullptr;
+    if (cell < leafCells_.size() && leafCells_[cell].first <= key) {
+      const LeafCell& own = leafCells_[cell];
+      searched = &nodes_[own.node];
+      nearestInLeaf(*searched, q, best);
+      const double reach = std::sqrt(best.squared);
+      settled = inside(q, reach, own.lo, own.hi);
+      // Else the parent's cell, likewise, for the parent's other children.
+      if (!settled && inside(q, reach, own.outerLo, own.outerHi)) {
+        nearest(nodes_[own.parent], q, best, searched);
+        settled = true;
+      }
+    }
+    if (!settled)
+      search(q, best, searched);
+    if (!record(best, walk.last))
+      return false;
+    walk.known = true;
+    return true;
+  }
+  // True when the ball of radius reach about q lies inside the open box lo .. hi.
+  static bool inside(const double* q, double reach, const double* lo, const double* hi) {
+    bool in = true;
+    for (int k = 0; k < D; ++k)
+      in = in && q[k] - reach > lo[k] && q[k] + reach < hi[k];
+    return in;
+  }
+
+  // Bits that number `count` questions.
+  static int questionBits(std::size_t count) {
+    return std::max(1, static_cast<int>(std::bit_width(count - 1)));
+  }
+  // The questions 0 .. count - 1 in the order of their points' cells, each as its cell key's
+  // leading digits above its own number: one word a question, sorted down to two levels below
+  // the median leaf (finer order gains nothing), fewer when the numbers need the room.
+  template <class PointAt>
+  std::vector<std::uint64_t> questionOrder(std::size_t count, const PointAt& pointAt) const {
+    const int numberBits = questionBits(count);
+    const int levels = std::min({Levels, medianLevel_ + 2, (64 - numberBits) / D});
+    std::vector<std::uint64_t> order(count);
+    for (std::size_t k = 0; k < count; ++k) {
+      const point p = pointAt(k);
+      const double c[3] = {p.x, p.y, p.z};
+      const std::uint64_t digits = cellKey(c) >> ((Levels - levels) * D);
+      order[k] = digits << numberBits | k;
+    }
+    Basalt::radixSort(order, numberBits, numberBits + levels * D,
+                      [](std::uint64_t item) { return item; });
+    return order;
   }
 
   // True once the division is built and holds at least one entry.
@@ -392,46 +428,27 @@ private:
     return v;
   }
 
-  // Divides every entry (those of an earlier division and the new ones) into nodes.
+  // Divides every entry (those of an earlier division, then the new ones) into nodes. Entries
+  // wait in the coordinate arrays in insertion order; only their keys are sorted, and the arrays
+  // are then put in leaf order one at a time, so a build holds little more than the entries.
   void build() const {
-    // The earlier division's entries and then the new ones (often only new ones: no copy).
-    std::vector<std::pair<point, Index>> entries;
-    if (ids_.empty()) {
-      entries.swap(pending_);
-    } else {
-      entries.reserve(count_);
-      for (std::size_t j = 0; j < ids_.size(); ++j)
-        entries.emplace_back(point{x_[j], y_[j], z_[j]}, ids_[j]);
-      entries.insert(entries.end(), pending_.begin(), pending_.end());
-      std::vector<std::pair<point, Index>>().swap(pending_);
-    }
-    const std::size_t n = entries.size();
+    const std::size_t n = ids_.size();
     nodes_.clear();
-    if (n == 0) {
-      x_.clear();
-      y_.clear();
-      z_.clear();
-      ids_.clear();
+    leafCells_.clear();
+    if (n == 0)
       return;
-    }
-
-    std::vector<Keyed> keyed(n), scratch(n);
+    std::vector<Keyed> keyed(n);
     for (std::size_t i = 0; i < n; ++i) {
-      const point& p = entries[i].first;
-      const double c[3] = {p.x, p.y, p.z};
+      const double c[3] = {x_[i], y_[i], z_[i]};
       keyed[i] = {cellKey(c), i};
     }
-    leafCells_.clear();
     nodes_.reserve(2 * n / capacity_ + 1);
     nodes_.push_back({});
-    divide(0, 0, 0, n, 0, keyed, scratch);
-    // The leaves' arrays take the room of the sorting scratch, so a build peaks lower.
-    std::vector<Keyed>().swap(scratch);
-    x_.resize(n);
-    y_.resize(n);
-    z_.resize(n);
-    ids_.resize(n);
-    place(keyed, entries);
+    {
+      std::vector<Keyed> scratch(n);
+      divide(0, 0, 0, n, 0, keyed, scratch);
+    }
+    place(keyed);
     makeTable(keyed);
   }
 
@@ -578,21 +595,14 @@ private:
     leafCells_.push_back(cell);
   }
 
-  // Fills the entries in leaf order from `keyed` (their data fetched ahead), puts each leaf's
-  // entries in index order, and sets the boxes: of each leaf's cell, narrowed by the margin of
-  // key rounding, and the tight boxes of all nodes.
-  void place(const std::vector<Keyed>& keyed,
-             const std::vector<std::pair<point, Index>>& entries) const {
-    constexpr std::size_t Ahead = 16;
-    for (std::size_t i = 0, n = keyed.size(); i < n; ++i) {
-      if (i + Ahead < n)
-        __builtin_prefetch(&entries[keyed[i + Ahead].source]);
-      const auto& [p, index] = entries[keyed[i].source];
-      x_[i] = p.x;
-      y_[i] = p.y;
-      z_[i] = p.z;
-      ids_[i] = index;
-    }
+  // Puts the entries in leaf order (the order of `keyed`), then each leaf's entries in index
+  // order, and sets the boxes: of each leaf's cell, narrowed by the margin of key rounding, and
+  // the tight boxes of all nodes.
+  void place(const std::vector<Keyed>& keyed) const {
+    inLeafOrder(keyed, x_);
+    inLeafOrder(keyed, y_);
+    inLeafOrder(keyed, z_);
+    inLeafOrder(keyed, ids_);
     std::vector<std::size_t> order;
     for (LeafCell& cell : leafCells_) {
       Node& leaf = nodes_[cell.node];
@@ -640,6 +650,20 @@ private:
           node.hi[k] = std::max(node.hi[k], nodes_[c].hi[k]);
         }
     }
+  }
+  // Rearranges one array of entries into the order of `keyed`, through one uninitialised
+  // buffer (its sources fetched ahead).
+  template <class T>
+  static void inLeafOrder(const std::vector<Keyed>& keyed, std::vector<T>& values) {
+    constexpr std::size_t Ahead = 16;
+    const std::size_t n = keyed.size();
+    const auto moved = std::make_unique_for_overwrite<T[]>(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      if (i + Ahead < n)
+        __builtin_prefetch(&values[keyed[i + Ahead].source]);
+      moved[i] = values[keyed[i].source];
+    }
+    std::copy(moved.get(), moved.get() + n, values.begin());
   }
   // Reorders entries b .. e - 1 by index, stably.
   void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const {
@@ -779,9 +803,8 @@ private:
   std::array<double, D> margin_{}; // far above the rounding of cell keys, per axis
   std::size_t count_ = 0;
 
-  // Insertions not yet divided, then the division: nodes (the root first) and the entries in
-  // leaf order, coordinates one array per axis.
-  mutable std::vector<std::pair<point, Index>> pending_;
+  // The division: nodes (the root first) and the entries, coordinates one array per axis, in
+  // leaf order followed by the insertions not yet divided.
   mutable std::vector<Node> nodes_;
   mutable std::vector<double> x_, y_, z_;
   mutable std::vector<Index> ids_;
