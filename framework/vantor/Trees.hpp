@@ -437,19 +437,42 @@ private:
     leafCells_.clear();
     if (n == 0)
       return;
-    std::vector<Keyed> keyed(n);
-    for (std::size_t i = 0; i < n; ++i) {
-      const double c[3] = {x_[i], y_[i], z_[i]};
-      keyed[i] = {cellKey(c), i};
-    }
+    std::vector<Keyed> scratch;
+    std::vector<Keyed> keyed = keyedByLeadingCells(scratch);
     nodes_.reserve(2 * n / capacity_ + 1);
     nodes_.push_back({});
-    {
-      std::vector<Keyed> scratch(n);
-      divide(0, 0, 0, n, 0, keyed, scratch);
-    }
+    divide(0, 0, 0, n, 0, keyed, scratch);
+    std::vector<Keyed>().swap(scratch);
     place(keyed);
     makeTable(keyed);
+  }
+
+  // The entries' keys in the order of their cells LeadingLevels levels down (insertion order
+  // within each), counted and placed straight from the coordinates: the division then needs room
+  // to sort only the largest of those cells, not every entry once more. `scratch` gets that room.
+  std::vector<Keyed> keyedByLeadingCells(std::vector<Keyed>& scratch) const {
+    constexpr int LeadingLevels = 12 / D; // 4,096 cells
+    constexpr int shift = (Levels - LeadingLevels) * D;
+    const std::size_t n = ids_.size();
+    const auto keyOf = [this](std::size_t i) {
+      const double c[3] = {x_[i], y_[i], z_[i]};
+      return cellKey(c);
+    };
+    std::vector<std::size_t> next((std::size_t{1} << (LeadingLevels * D)) + 1);
+    for (std::size_t i = 0; i < n; ++i)
+      ++next[(keyOf(i) >> shift) + 1];
+    std::size_t largest = 0;
+    for (std::size_t c = 1; c < next.size(); ++c) {
+      largest = std::max(largest, next[c]);
+      next[c] += next[c - 1];
+    }
+    std::vector<Keyed> keyed(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      const std::uint64_t key = keyOf(i);
+      keyed[next[key >> shift]++] = {key, i};
+    }
+    scratch.resize(largest);
+    return keyed;
   }
 
   // The look-up table: cells one level above where most entries' leaves are, so that a search
@@ -556,13 +579,7 @@ private:
         continue; // one cell holds them all: look at the next digit
       for (int c = 0; c < Cells; ++c)
         start[c + 1] += start[c];
-      std::array<std::size_t, Cells> next{};
-      std::copy(start.begin(), start.end() - 1, next.begin());
-      for (std::size_t i = b; i < e; ++i)
-        scratch[b + next[(keyed[i].key >> shift) & (Cells - 1)]++] = keyed[i];
-      std::copy(scratch.begin() + static_cast<std::ptrdiff_t>(b),
-                scratch.begin() + static_cast<std::ptrdiff_t>(e),
-                keyed.begin() + static_cast<std::ptrdiff_t>(b));
+      toCells(keyed.data() + b, e - b, start, shift, scratch);
 
       const std::size_t first = nodes_.size();
       std::size_t children = 0;
@@ -593,6 +610,25 @@ private:
     cell.node = static_cast<std::uint32_t>(self);
     cell.parent = static_cast<std::uint32_t>(parent);
     leafCells_.push_back(cell);
+  }
+
+  // Orders count entries by their digit at `shift` into the cells that `start` gives, stably;
+  // entries already in that order (the leading levels are) stay where they are.
+  static void toCells(Keyed* items, std::size_t count,
+                      const std::array<std::size_t, (1 << D) + 1>& start, int shift,
+                      std::vector<Keyed>& scratch) {
+    constexpr int Cells = 1 << D;
+    const auto digit = [shift](const Keyed& item) { return (item.key >> shift) & (Cells - 1); };
+    if (std::is_sorted(items, items + count,
+                       [&](const Keyed& u, const Keyed& v) { return digit(u) < digit(v); }))
+      return;
+    if (scratch.size() < count)
+      scratch.resize(count);
+    std::array<std::size_t, Cells> next{};
+    std::copy(start.begin(), start.end() - 1, next.begin());
+    for (std::size_t i = 0; i < count; ++i)
+      scratch[next[digit(items[i])]++] = items[i];
+    std::copy(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(count), items);
   }
 
   // Puts the entries in leaf order (the order of `keyed`), then each leaf's entries in index
