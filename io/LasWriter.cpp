@@ -4,6 +4,7 @@
 #include "io/detail/LasProgress.hpp"
 #include "io/detail/LasWritePlan.hpp"
 
+#include "basalt/ReplacingFile.hpp"
 #include "basalt/Text.hpp"
 #include "tressel/PointCloud.hpp"
 
@@ -32,49 +33,34 @@ struct Put {
   std::uint8_t mask;
 };
 
-// A temporary file beside the target, renamed over it by commit() only when complete; removed
-// when dropped before, so a failed write leaves an earlier file as it was.
+// The file being written, put in the target's place only when complete (Basalt::ReplacingFile),
+// its errors the LAS writer's.
 class TemporaryFile {
 public:
-  explicit TemporaryFile(const std::string& path)
-      : path_(path), temporary_(path + ".tmp." + std::to_string(::getpid())) {
-    fd_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd_ < 0)
-      throw Error(path + ": cannot create " + temporary_);
+  explicit TemporaryFile(const std::string& path) try : file_(path) {
+  } catch (const Basalt::ReplacingFile::Error& e) {
+    throw Error(e.what());
   }
-  ~TemporaryFile() {
-    if (fd_ >= 0)
-      ::close(fd_);
-    if (!committed_)
-      ::unlink(temporary_.c_str());
-  }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-
   void write(const std::uint8_t* data, std::size_t size) {
-    for (std::size_t done = 0; done < size;) {
-      const ssize_t wrote = ::write(fd_, data + done, std::min<std::size_t>(size - done, 1u << 30));
-      if (wrote <= 0)
-        throw Error(path_ + ": cannot write the file");
-      done += static_cast<std::size_t>(wrote);
-    }
+    translate([&] { file_.write(data, size); });
   }
   void writeAt(std::uint64_t at, const std::uint8_t* data, std::size_t size) {
-    if (::pwrite(fd_, data, size, static_cast<off_t>(at)) != static_cast<ssize_t>(size))
-      throw Error(path_ + ": cannot write the file");
+    translate([&] { file_.writeAt(at, data, size); });
   }
   void commit() {
-    const int fd = fd_;
-    fd_ = -1;
-    if (::close(fd) != 0 || std::rename(temporary_.c_str(), path_.c_str()) != 0)
-      throw Error(path_ + ": cannot write the file");
-    committed_ = true;
+    translate([&] { file_.commit(); });
   }
 
 private:
-  std::string path_, temporary_;
-  int fd_ = -1;
-  bool committed_ = false;
+  template <class F>
+  static void translate(const F& f) {
+    try {
+      f();
+    } catch (const Basalt::ReplacingFile::Error& e) {
+      throw Error(e.what());
+    }
+  }
+  Basalt::ReplacingFile file_;
 };
 
 void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInfo* origin,

@@ -5,6 +5,7 @@
 #include "tressel/detail/Hdf5.hpp"
 
 #include "basalt/Console.hpp"
+#include "basalt/ReplacingFile.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -489,8 +490,6 @@ struct Reader {
   }
 };
 
-std::atomic<unsigned> temporaryCounter{0};
-
 } // namespace
 
 StrongPtr<Grid> Slice::operator[](const std::string& gridName) const {
@@ -579,11 +578,11 @@ bool Bundle::save() {
   if (path_.empty())
     return fail("no file bound");
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
-  const std::string temporary =
-      path_ + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(temporaryCounter++);
   StorageTransformations fallback;
   Writer writer{policy_ ? *policy_ : fallback};
   try {
+    Basalt::ReplacingFile output(path_);
+    const std::string& temporary = output.temporary();
     Handle file(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose,
                 "cannot create " + temporary);
     writeText(file, "Format", FormatName);
@@ -600,10 +599,10 @@ bool Bundle::save() {
     }
     if (H5Fflush(file, H5F_SCOPE_GLOBAL) < 0 || !file.reset())
       throw Hdf5Error("cannot finish writing " + temporary);
-    std::filesystem::rename(temporary, path_);
+    output.commit();
+  } catch (const Basalt::ReplacingFile::Error& e) {
+    return fail("not written: " + e.problem);
   } catch (const std::exception& e) {
-    std::error_code ignored;
-    std::filesystem::remove(temporary, ignored);
     return fail(std::string("not written: ") + e.what());
   }
   error_.clear();

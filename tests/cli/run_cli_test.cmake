@@ -31,6 +31,12 @@ quorvel(1 "not a LAS file" cellsize ${WORK_DIR}/foreign.las -o ${WORK_DIR}/never
 if(EXISTS ${WORK_DIR}/never.las)
   message(FATAL_ERROR "a failed command left an output file")
 endif()
+# Outputs that are no regular files are refused, for LAS and bundles alike.
+file(MAKE_DIRECTORY ${WORK_DIR}/folder.las ${WORK_DIR}/folder.h5)
+quorvel(1 "quorvel: error: ${WORK_DIR}/folder.las: is a directory" convert
+        ${data}/sample_nc.las ${WORK_DIR}/folder.las)
+quorvel(1 "quorvel: error: bundle file ${WORK_DIR}/folder.h5: not written: is a directory"
+        convert ${data}/sample_nc.las ${WORK_DIR}/folder.h5)
 
 # Common options work before and after the command name; a file is one fragment by default.
 quorvel(0 "fragments: 1" info ${data}/sample_c.las)
