@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -207,8 +208,9 @@ private:
   struct Node {
     double lo[D]; // the tight box of the node's entries
     double hi[D];
-    std::size_t first; // leaf: its first entry; branch: its first child node
-    std::size_t count; // leaf: its entries; branch: its children (stored one after the other)
+    std::size_t first;    // leaf: its first entry; branch: its first child node
+    std::size_t count;    // leaf: its entries; branch: its children (stored one after the other)
+    std::size_t distinct; // leaf: its first entries that hold every position once (see place)
     bool leaf;
     unsigned char level; // how many digits of the cell keys all its entries share
   };
@@ -600,6 +602,7 @@ private:
     Node& leaf = nodes_[self];
     leaf.first = b;
     leaf.count = e - b;
+    leaf.distinct = e - b;
     leaf.leaf = true;
     leaf.level = static_cast<unsigned char>(level);
     // Its cell: the keys sharing the first `level` digits with its entries'.
@@ -647,6 +650,8 @@ private:
       if (!std::is_sorted(ids_.begin() + static_cast<std::ptrdiff_t>(b),
                           ids_.begin() + static_cast<std::ptrdiff_t>(e)))
         sortByIndex(b, e, order);
+      if (leaf.count > capacity_)
+        distinctFirst(leaf, order);
       for (int k = 0; k < D; ++k) {
         leaf.lo[k] = std::numeric_limits<double>::infinity();
         leaf.hi[k] = -std::numeric_limits<double>::infinity();
@@ -704,12 +709,46 @@ private:
   // Reorders entries b .. e - 1 by index, stably.
   void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const {
     order.resize(e - b);
-    for (std::size_t i = 0; i < order.size(); ++i)
-      order[i] = b + i;
+    std::iota(order.begin(), order.end(), b);
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t u, std::size_t v) { return ids_[u] < ids_[v]; });
+    rearrange(b, order);
+  }
+  // Only a leaf of the finest cells holds more than `capacity` entries, and then mostly copies
+  // of a few positions (a scan repeated, points stored twice, a pole in a quadtree). Its entries
+  // of distinct positions
+  // come first, each the first of its position, then the copies, both in index order; a nearest
+  // search looks at the first part only, since no copy is nearer than its first, nor has a
+  // smaller index. Searches among many copies then cost what searches among distinct points do.
+  void distinctFirst(Node& leaf, std::vector<std::size_t>& order) const {
+    const std::size_t b = leaf.first, e = b + leaf.count;
+    // Positions over the tree's D axes: copies in a quadtree may differ in z.
+    const auto position = [&](std::size_t i) {
+      std::array<double, D> c{};
+      for (int k = 0; k < D; ++k)
+        c[static_cast<std::size_t>(k)] = k == 0 ? x_[i] : k == 1 ? y_[i] : z_[i];
+      return c;
+    };
+    order.resize(e - b);
+    std::iota(order.begin(), order.end(), b);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t u, std::size_t v) { return position(u) < position(v); });
+    std::vector<bool> first(e - b);
+    for (std::size_t k = 0; k < order.size(); ++k)
+      first[order[k] - b] = k == 0 || position(order[k]) != position(order[k - 1]);
+    order.clear();
+    for (const bool wanted : {true, false})
+      for (std::size_t i = b; i < e; ++i)
+        if (first[i - b] == wanted)
+          order.push_back(i);
+    leaf.distinct = static_cast<std::size_t>(std::count(first.begin(), first.end(), true));
+    rearrange(b, order);
+  }
+  // Puts the entries at `order` (positions from b on) at b, b + 1, ...
+  void rearrange(std::size_t b, const std::vector<std::size_t>& order) const {
     const auto permute = [&](auto& values) {
       std::vector<std::decay_t<decltype(values[0])>> sorted;
+      sorted.reserve(order.size());
       for (std::size_t i : order)
         sorted.push_back(values[i]);
       std::copy(sorted.begin(), sorted.end(), values.begin() + static_cast<std::ptrdiff_t>(b));
@@ -720,11 +759,11 @@ private:
     permute(ids_);
   }
 
-  // The nearest of the leaf's entries, two at a time and without a branch: per lane the least
-  // distance and where it first occurs. Entries are in index order, so of equally near ones
-  // the first has the smallest index. A NaN distance never counts.
+  // The nearest of the leaf's entries of distinct positions, two at a time and without a branch:
+  // per lane the least distance and where it first occurs. Entries are in index order, so of
+  // equally near ones the first has the smallest index. A NaN distance never counts.
   void nearestInLeaf(const Node& leaf, const double* q, Best& best) const {
-    const std::size_t b = leaf.first, n = leaf.count;
+    const std::size_t b = leaf.first, n = leaf.distinct;
     std::size_t j = 0, at = 0;
     double least = std::numeric_limits<double>::infinity();
 #if defined(__SSE2__)

@@ -319,8 +319,12 @@ std::vector<point> frameworkCloud(int kind, std::size_t n, unsigned seed) {
     return makeCloud(kind == 1, n, seed);
   std::mt19937 random(seed);
   std::vector<point> out(n);
+  // Kind 2: a grid with some copies; kind 3: thousands of copies of a few positions, some of
+  // them one above the other (copies in x-y), beside a few single points.
   for (auto& p : out)
-    p = {double(random() % 65), double(random() % 65), double(random() % 3)};
+    p = kind == 2 ? point{double(random() % 65), double(random() % 65), double(random() % 3)}
+        : random() % 50 == 0 ? point{double(random() % 65), double(random() % 65), 0.5}
+                             : point{double(random() % 2), 7.0, double(random() % 3)};
   return out;
 }
 
@@ -331,7 +335,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
   using Index = typename TypeParam::Index;
   constexpr int D = TypeParam::D;
   using Tree = Vantor::BucketTree<Index, D>;
-  for (int kind : {0, 1, 2}) {
+  for (int kind : {0, 1, 2, 3}) {
     auto xyz = frameworkCloud(kind, 6000, 5 + kind);
     auto bbox = std::make_shared<Vantor::BoundingBox>();
     for (const point& p : xyz)
