@@ -49,9 +49,18 @@ Partition tilePartitionByCount(const std::vector<point>& positions, std::size_t 
   if (pointsPerTile == 0 || pointsPerTile >= positions.size() ||
       !finiteExtent(positions, x0, y0, x1, y1))
     return sequentialPartition(positions.size(), 0);
-  const double area = std::max((x1 - x0) * (y1 - y0), 1e-12);
-  return tilePartition(positions, std::sqrt(area * static_cast<double>(pointsPerTile) /
-                                            static_cast<double>(positions.size())));
+  // Square tiles, as many as the count asks for; a strip (all x or all y nearly alike: a scan
+  // line, a wall seen from above) is cut along its length only, and one x-y position is one tile.
+  const double width = x1 - x0, depth = y1 - y0;
+  const double tiles =
+      std::ceil(static_cast<double>(positions.size()) / static_cast<double>(pointsPerTile));
+  double side = std::sqrt(width * depth / tiles);
+  if (!(side < std::min(width, depth)))
+    side = std::max(width, depth) / tiles;
+  if (!(side > 0.0))
+    return sequentialPartition(positions.size(), 0);
+  // A hair wider, so that the farthest points do not open a row or column of their own.
+  return tilePartition(positions, side * (1.0 + 1e-9));
 }
 
 Partition tilePartition(const std::vector<point>& positions, double tileSize) {

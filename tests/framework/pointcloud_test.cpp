@@ -101,4 +101,28 @@ TEST(Partitions, SequentialAndTiled) {
   EXPECT_EQ(tilePartition(wide, 1e-6), (Partition{{0, 4}, {1}, {2}, {3}}));
 }
 
+// Tiles by point count stay about as many as the count asks for, whatever the shape: a square
+// area, a strip with one constant coordinate, a single position, NaN among the points.
+TEST(Partitions, TilesByCountStayFewOnDegenerateExtents) {
+  const auto fragmentsOf = [](const std::vector<point>& xyz, std::size_t perTile) {
+    const Partition tiles = tilePartitionByCount(xyz, perTile);
+    std::size_t points = 0;
+    for (const auto& tile : tiles)
+      points += tile.size();
+    EXPECT_EQ(points, xyz.size());
+    return tiles.size();
+  };
+  std::vector<point> square, strip, column, one;
+  for (int i = 0; i < 40000; ++i) {
+    square.push_back({double(i % 200), double(i / 200), 0});
+    strip.push_back({5.0, i * 0.01, 0}); // constant x
+    column.push_back({5.0, 3.0, i * 0.01});
+  }
+  EXPECT_EQ(fragmentsOf(square, 10000), 4u);
+  EXPECT_EQ(fragmentsOf(strip, 10000), 4u);
+  EXPECT_EQ(fragmentsOf(column, 10000), 1u);
+  strip.push_back({std::nan(""), 1.0, 0});
+  EXPECT_EQ(fragmentsOf(strip, 10000), 6u); // five tiles for 40,001 points, the NaN apart
+}
+
 } // namespace
