@@ -240,11 +240,49 @@ void writeArray(hid_t group, const std::string& name, const TresselTypeBase& typ
     writeAttribute(dataset, "NumericalShift", H5T_NATIVE_DOUBLE, offset, 3);
 }
 
+// The stored scalar type in words: "float32", "int16", "uint8", or its class.
+std::string storedName(hid_t stored) {
+  const std::size_t bits = H5Tget_size(stored) * 8;
+  switch (H5Tget_class(stored)) {
+  case H5T_FLOAT:
+    return "float" + std::to_string(bits);
+  case H5T_INTEGER:
+    return (H5Tget_sign(stored) == H5T_SGN_NONE ? "uint" : "int") + std::to_string(bits);
+  case H5T_STRING:
+    return "text";
+  default:
+    return "compound or other";
+  }
+}
+
+// A dataset must store the scalars its element type declares: reading other ones would convert
+// them silently (1.5 to 1, 300 to 255). Floating types may be stored narrower (single
+// precision, shifted coordinates); whole numbers must be stored as they are.
+void checkStoredType(hid_t dataset, const TresselTypeBase& type, const std::string& where) {
+  if (type.scalar() == ScalarKind::Opaque)
+    return;
+  const int nativeBits = static_cast<int>(H5Tget_size(nativeType(type.scalar())) * 8);
+  Handle stored(H5Dget_type(dataset), H5Tclose, "type of " + where);
+  const bool floating = type.scalar() == ScalarKind::Float32 ||
+                        type.scalar() == ScalarKind::Float64 ||
+                        type.scalar() == ScalarKind::Float80;
+  const H5T_class_t cls = H5Tget_class(stored);
+  const bool fits = floating ? cls == H5T_FLOAT
+                             : cls == H5T_INTEGER &&
+                                   static_cast<int>(H5Tget_size(stored) * 8) == nativeBits &&
+                                   (H5Tget_sign(stored) == H5T_SGN_NONE) ==
+                                       (H5Tget_sign(nativeType(type.scalar())) == H5T_SGN_NONE);
+  if (!fits)
+    throw Hdf5Error("dataset " + where + " stores " + storedName(stored) + " values, not the " +
+                    type.name() + " elements its field declares");
+}
+
 // Reads one array of the given element type and rank, undoing a stored shift.
 StrongPtr<MemBase> readArray(hid_t group, const std::string& name, const TresselTypeBase& type,
                              int rank, const std::string& where) {
   Handle dataset(H5Dopen2(group, name.c_str(), H5P_DEFAULT), H5Dclose,
                  "cannot open dataset " + where);
+  checkStoredType(dataset, type, where);
   Handle space(H5Dget_space(dataset), H5Sclose, "dataspace of " + where);
   const int ndims = H5Sget_simple_extent_ndims(space);
   const int expected = rank + (type.components() > 1 ? 1 : 0);
@@ -398,8 +436,12 @@ struct Writer {
 struct Reader {
   std::string file;
 
+  // Point counts of the fragments of a representation's "Positions", by fragment name: every
+  // other field's fragment must have its positions and as many elements.
+  using Counts = std::map<std::string, std::size_t>;
+
   void field(hid_t group, const std::string& name, Representation& rep,
-             std::map<std::string, StrongPtr<FragmentIDCollection>>& layouts,
+             std::map<std::string, StrongPtr<FragmentIDCollection>>& layouts, Counts& positions,
              const std::string& where) {
     const std::string typeName = readText(group, "ElementType", where);
     const int rank = readNumbers<int>(group, "Rank", H5T_NATIVE_INT, 1, where)[0];
@@ -437,6 +479,7 @@ struct Reader {
       if (!type)
         throw Hdf5Error("field " + where + " holds data but no element type");
       auto array = readArray(data, member, *type, rank, where + "/Data/" + member);
+      fitsPositions(name, ids[k]->Name(), array->nElements(), positions, where + "/Data/" + member);
       Handle dataset(H5Dopen2(data, member.c_str(), H5P_DEFAULT), H5Dclose, "dataset " + member);
       const std::string creatorName =
           hasAttribute(dataset, "Name") ? readText(dataset, "Name", where) : ids[k]->Name();
@@ -449,6 +492,22 @@ struct Reader {
         ExpandBBox(box, creator, BBoxStore);
       }
     }
+  }
+
+  static void fitsPositions(const std::string& name, const std::string& fragment, std::size_t count,
+                            Counts& positions, const std::string& where) {
+    if (name == PositionsFieldName) {
+      positions[fragment] = count;
+      return;
+    }
+    if (positions.empty())
+      return; // a grid without points: nothing to agree with
+    const auto found = positions.find(fragment);
+    if (found == positions.end())
+      throw Hdf5Error("dataset " + where + ": its fragment " + fragment + " has no positions");
+    if (found->second != count)
+      throw Hdf5Error("dataset " + where + " holds " + std::to_string(count) +
+                      " elements, its fragment's positions " + std::to_string(found->second));
   }
 
   StrongPtr<Grid> grid(hid_t group, const std::string& name, const std::string& where) {
@@ -476,13 +535,14 @@ struct Reader {
         Handle r = openGroup(representations, chart, at + "/Representations");
         Handle fields = openGroup(r, "Fields", at + "/Representations/" + chart);
         std::map<std::string, StrongPtr<FragmentIDCollection>> layouts;
+        Counts positions;
         // "Positions" first, so that fields made later take its layout.
         auto names = members(fields);
         std::stable_partition(names.begin(), names.end(),
                               [](const std::string& n) { return n == PositionsFieldName; });
         for (const auto& fieldName : names) {
           Handle f = openGroup(fields, fieldName, at);
-          field(f, fieldName, *rep, layouts, at + "/" + chart + "/" + fieldName);
+          field(f, fieldName, *rep, layouts, positions, at + "/" + chart + "/" + fieldName);
         }
       }
     }
@@ -583,7 +643,11 @@ bool Bundle::save() {
   try {
     Basalt::ReplacingFile output(path_);
     const std::string& temporary = output.temporary();
-    Handle file(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose,
+    // The newest object formats carry checksums of the file's metadata, so that damage is
+    // found before anything is parsed from it.
+    Handle access(H5Pcreate(H5P_FILE_ACCESS), H5Pclose, "file access properties");
+    H5Pset_libver_bounds(access, H5F_LIBVER_LATEST, H5F_LIBVER_LATEST);
+    Handle file(H5Fcreate(temporary.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access), H5Fclose,
                 "cannot create " + temporary);
     writeText(file, "Format", FormatName);
     writeAttribute(file, "FormatVersion", H5T_NATIVE_INT, &FormatVersion);

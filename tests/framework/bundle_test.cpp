@@ -329,4 +329,81 @@ TEST_F(BundleFiles, UnreadableFilesGiveOneClearError) {
             std::string::npos);
 }
 
+// Replaces the dataset whose path ends with `suffix` by count values of the given HDF5 type.
+template <class T>
+void replaceDataset(const std::string& path, const std::string& suffix, hid_t type,
+                    const std::vector<T>& values) {
+  hid_t file = H5Fopen(path.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
+  std::pair<std::string, std::string> search{suffix, ""}; // the suffix, the path found
+  H5Lvisit(
+      file, H5_INDEX_NAME, H5_ITER_NATIVE,
+      [](hid_t, const char* name, const H5L_info_t*, void* data) {
+        auto& [wanted, at] = *static_cast<std::pair<std::string, std::string>*>(data);
+        const std::string n = name;
+        if (n.size() >= wanted.size() &&
+            n.compare(n.size() - wanted.size(), wanted.size(), wanted) == 0)
+          at = n;
+        return 0;
+      },
+      &search);
+  const std::string& found = search.second;
+  ASSERT_FALSE(found.empty()) << suffix;
+  H5Ldelete(file, found.c_str(), H5P_DEFAULT);
+  const hsize_t count = values.size();
+  hid_t space = H5Screate_simple(1, &count, nullptr);
+  hid_t dataset =
+      H5Dcreate2(file, found.c_str(), type, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+  if (count > 0)
+    H5Dwrite(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
+  H5Dclose(dataset);
+  H5Sclose(space);
+  H5Fclose(file);
+}
+
+// Fields that disagree with their positions in length, or store other scalars than they
+// declare, are refused on loading with the dataset's name, before anything reads them.
+TEST_F(BundleFiles, InconsistentFieldsAreRefusedOnLoading) {
+  PointCloudBuilder builder({{1, 1, 1}, {2, 2, 2}, {3, 3, 3}});
+  builder.addField("Classification", std::vector<unsigned char>{2, 3, 4});
+  builder.addField("Intensity", std::vector<unsigned short>{7, 8, 9});
+  Bundle out;
+  ASSERT_TRUE(out.bindToNew(file("good.h5"), nullptr));
+  out[0.0]->setGrid("cloud", builder.build({{0, 1, 2}}));
+  ASSERT_TRUE(out.save());
+  const auto damaged = [&](const std::string& name, auto change) {
+    fs::copy_file(file("good.h5"), file(name));
+    change(file(name));
+    Bundle in;
+    EXPECT_FALSE(in.bindTo(file(name)));
+    return in.lastError();
+  };
+  const std::string classes = "Classification/Data/Fragment0";
+  const auto fieldError = [](const std::string& text) {
+    return text.substr(text.find(": dataset ") + 2);
+  };
+  std::string error = damaged("float.h5", [&](const std::string& path) {
+    replaceDataset(path, classes, H5T_NATIVE_DOUBLE, std::vector<double>{1.5, 2, 3});
+  });
+  EXPECT_NE(error.find("Classification/Data/Fragment0 stores float64 values, not the uint8 "
+                       "elements its field declares"),
+            std::string::npos)
+      << error;
+  error = damaged("wide.h5", [&](const std::string& path) {
+    replaceDataset(path, classes, H5T_NATIVE_USHORT, std::vector<unsigned short>{300, 2, 3});
+  });
+  EXPECT_NE(error.find("stores uint16 values, not the uint8"), std::string::npos) << error;
+  error = damaged("long.h5", [&](const std::string& path) {
+    replaceDataset(path, "Intensity/Data/Fragment0", H5T_NATIVE_USHORT,
+                   std::vector<unsigned short>{1, 2, 3, 4});
+  });
+  EXPECT_NE(fieldError(error).find("Intensity/Data/Fragment0 holds 4 elements, its fragment's "
+                                   "positions 3"),
+            std::string::npos)
+      << error;
+  error = damaged("short.h5", [&](const std::string& path) {
+    replaceDataset(path, classes, H5T_NATIVE_UCHAR, std::vector<unsigned char>{1, 2});
+  });
+  EXPECT_NE(error.find("holds 2 elements, its fragment's positions 3"), std::string::npos) << error;
+}
+
 } // namespace
