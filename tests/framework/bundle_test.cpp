@@ -11,9 +11,13 @@
 #include <hdf5.h>
 
 #include <cmath>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -271,6 +275,30 @@ TEST_F(BundleFiles, AFailedWriteLeavesTheEarlierFileIntact) {
   Bundle nowhere;
   EXPECT_FALSE(nowhere.bindToNew(file("missing/dir/out.h5"), nullptr));
   EXPECT_NE(nowhere.lastError().find("does not exist"), std::string::npos);
+}
+
+// A write that meets the file-size limit fails with its message, and the process then ends
+// normally (HDF5 used to crash while closing the failed file at exit).
+TEST_F(BundleFiles, AWriteBeyondTheSizeLimitFailsAndTheProcessEndsCleanly) {
+  std::vector<point> xyz(20000, point(1, 2, 3));
+  auto cloud = PointCloudBuilder(xyz).build(sequentialPartition(xyz.size(), 0));
+  const pid_t child = ::fork();
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{50000, 50000};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    Bundle out;
+    out.bindToNew(file("big.h5"), nullptr);
+    out[0.0]->setGrid("cloud", cloud);
+    const bool failed =
+        !out.save() &&
+        out.lastError().rfind("bundle file " + file("big.h5") + ": not written: ", 0) == 0;
+    std::exit(failed ? 7 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+  EXPECT_EQ(filesInDir(), 0u);
 }
 
 // Writes an HDF5 file by hand: a root attribute "Format" (when given) and one group.
