@@ -1,14 +1,17 @@
 // Quorvel: the LAS point-format table.
 #include "io/detail/LasFormats.hpp"
 
+#include <algorithm>
 #include <array>
 
 namespace Quorvel::Las::detail {
 
 namespace {
 
-constexpr std::array<const char*, 10> KindNames = {
-    "uint8", "int8", "uint16", "int16", "uint32", "int32", "uint64", "int64", "float32", "float64"};
+// The kinds of the extra-bytes data types 1 to 10.
+constexpr std::array<Kind, 10> ExtraKinds = {Kind::UInt8,   Kind::Int8,   Kind::UInt16, Kind::Int16,
+                                             Kind::UInt32,  Kind::Int32,  Kind::UInt64, Kind::Int64,
+                                             Kind::Float32, Kind::Float64};
 
 constexpr Format Formats[FormatCount] = {
     // length, version, gps, extended, rgb, nir, wave
@@ -22,73 +25,59 @@ constexpr Format Formats[FormatCount] = {
 std::vector<Dim> makeDims(int id) {
   const Format& f = Formats[id];
   std::vector<Dim> d;
-  d.push_back({"Intensity", 12, Kind::U16});
+  d.push_back({"Intensity", 12, Kind::UInt16});
   if (!f.extended) {
-    d.push_back({"ReturnNumber", 14, Kind::U8, 0, 3});
-    d.push_back({"NumberOfReturns", 14, Kind::U8, 3, 3});
-    d.push_back({"ScanDirectionFlag", 14, Kind::U8, 6, 1});
-    d.push_back({"EdgeOfFlightLine", 14, Kind::U8, 7, 1});
-    d.push_back({"Classification", 15, Kind::U8, 0, 5});
-    d.push_back({"Synthetic", 15, Kind::U8, 5, 1});
-    d.push_back({"KeyPoint", 15, Kind::U8, 6, 1});
-    d.push_back({"Withheld", 15, Kind::U8, 7, 1});
-    d.push_back({"UserData", 17, Kind::U8});
-    d.push_back({"PointSourceId", 18, Kind::U16});
+    d.push_back({"ReturnNumber", 14, Kind::UInt8, 0, 3});
+    d.push_back({"NumberOfReturns", 14, Kind::UInt8, 3, 3});
+    d.push_back({"ScanDirectionFlag", 14, Kind::UInt8, 6, 1});
+    d.push_back({"EdgeOfFlightLine", 14, Kind::UInt8, 7, 1});
+    d.push_back({"Classification", 15, Kind::UInt8, 0, 5});
+    d.push_back({"Synthetic", 15, Kind::UInt8, 5, 1});
+    d.push_back({"KeyPoint", 15, Kind::UInt8, 6, 1});
+    d.push_back({"Withheld", 15, Kind::UInt8, 7, 1});
+    d.push_back({"UserData", 17, Kind::UInt8});
+    d.push_back({"PointSourceId", 18, Kind::UInt16});
     if (f.gps)
-      d.push_back({"GpsTime", 20, Kind::F64});
+      d.push_back({"GpsTime", 20, Kind::Float64});
   } else {
-    d.push_back({"ReturnNumber", 14, Kind::U8, 0, 4});
-    d.push_back({"NumberOfReturns", 14, Kind::U8, 4, 4});
-    d.push_back({"Synthetic", 15, Kind::U8, 0, 1});
-    d.push_back({"KeyPoint", 15, Kind::U8, 1, 1});
-    d.push_back({"Withheld", 15, Kind::U8, 2, 1});
-    d.push_back({"Overlap", 15, Kind::U8, 3, 1});
-    d.push_back({"ScannerChannel", 15, Kind::U8, 4, 2});
-    d.push_back({"ScanDirectionFlag", 15, Kind::U8, 6, 1});
-    d.push_back({"EdgeOfFlightLine", 15, Kind::U8, 7, 1});
-    d.push_back({"Classification", 16, Kind::U8});
-    d.push_back({"UserData", 17, Kind::U8});
-    d.push_back({"PointSourceId", 20, Kind::U16});
-    d.push_back({"GpsTime", 22, Kind::F64});
+    d.push_back({"ReturnNumber", 14, Kind::UInt8, 0, 4});
+    d.push_back({"NumberOfReturns", 14, Kind::UInt8, 4, 4});
+    d.push_back({"Synthetic", 15, Kind::UInt8, 0, 1});
+    d.push_back({"KeyPoint", 15, Kind::UInt8, 1, 1});
+    d.push_back({"Withheld", 15, Kind::UInt8, 2, 1});
+    d.push_back({"Overlap", 15, Kind::UInt8, 3, 1});
+    d.push_back({"ScannerChannel", 15, Kind::UInt8, 4, 2});
+    d.push_back({"ScanDirectionFlag", 15, Kind::UInt8, 6, 1});
+    d.push_back({"EdgeOfFlightLine", 15, Kind::UInt8, 7, 1});
+    d.push_back({"Classification", 16, Kind::UInt8});
+    d.push_back({"UserData", 17, Kind::UInt8});
+    d.push_back({"PointSourceId", 20, Kind::UInt16});
+    d.push_back({"GpsTime", 22, Kind::Float64});
   }
   if (f.nir >= 0)
-    d.push_back({"NIR", f.nir, Kind::U16});
+    d.push_back({"NIR", f.nir, Kind::UInt16});
   if (f.wave >= 0) {
-    d.push_back({"WavePacketIndex", f.wave, Kind::U8});
-    d.push_back({"WaveformOffset", f.wave + 1, Kind::U64});
-    d.push_back({"WaveformSize", f.wave + 9, Kind::U32});
-    d.push_back({"ReturnPointLocation", f.wave + 13, Kind::F32});
-    d.push_back({"WaveXt", f.wave + 17, Kind::F32});
-    d.push_back({"WaveYt", f.wave + 21, Kind::F32});
-    d.push_back({"WaveZt", f.wave + 25, Kind::F32});
+    d.push_back({"WavePacketIndex", f.wave, Kind::UInt8});
+    d.push_back({"WaveformOffset", f.wave + 1, Kind::UInt64});
+    d.push_back({"WaveformSize", f.wave + 9, Kind::UInt32});
+    d.push_back({"ReturnPointLocation", f.wave + 13, Kind::Float32});
+    d.push_back({"WaveXt", f.wave + 17, Kind::Float32});
+    d.push_back({"WaveYt", f.wave + 21, Kind::Float32});
+    d.push_back({"WaveZt", f.wave + 25, Kind::Float32});
   }
   return d;
 }
 
 } // namespace
 
-int kindSize(Kind kind) {
-  static constexpr int sizes[] = {1, 1, 2, 2, 4, 4, 8, 8, 4, 8};
-  return sizes[static_cast<int>(kind)];
-}
-
-const char* kindName(Kind kind) {
-  return KindNames[static_cast<std::size_t>(kind)];
-}
-
-std::optional<Kind> kindOf(const std::string& typeName) {
-  for (std::size_t k = 0; k < KindNames.size(); ++k)
-    if (typeName == KindNames[k])
-      return static_cast<Kind>(k);
-  return std::nullopt;
-}
-
 Kind extraKind(int dataType) {
-  return static_cast<Kind>(dataType - 1);
+  return ExtraKinds[static_cast<std::size_t>(dataType - 1)];
 }
 
 int extraType(Kind kind) {
-  return static_cast<int>(kind) + 1;
+  return static_cast<int>(std::find(ExtraKinds.begin(), ExtraKinds.end(), kind) -
+                          ExtraKinds.begin()) +
+         1;
 }
 
 const Format& format(int id) {

@@ -370,19 +370,19 @@ std::vector<ExtraField> extraFields(const ExtraBytes& extra) {
     return {{extra.name, extraKind(extra.dataType), 0}};
   switch (extra.size) {
   case 1:
-    return {{extra.name, Kind::U8, 0}};
+    return {{extra.name, Kind::UInt8, 0}};
   case 2:
-    return {{extra.name, Kind::U16, 0}};
+    return {{extra.name, Kind::UInt16, 0}};
   case 4:
-    return {{extra.name, Kind::U32, 0}};
+    return {{extra.name, Kind::UInt32, 0}};
   case 8:
-    return {{extra.name, Kind::U64, 0}};
+    return {{extra.name, Kind::UInt64, 0}};
   default:
     break;
   }
   std::vector<ExtraField> bytes;
   for (int i = 0; i < extra.size; ++i)
-    bytes.push_back({extra.name + "_" + std::to_string(i), Kind::U8, i});
+    bytes.push_back({extra.name + "_" + std::to_string(i), Kind::UInt8, i});
   return bytes;
 }
 

@@ -109,29 +109,8 @@ std::vector<std::uint8_t*> addOfKind(Tressel::FragmentArrays& cloud, const std::
       out.push_back(reinterpret_cast<std::uint8_t*>(p));
     return out;
   };
-  switch (kind) {
-  case Kind::U8:
-    return bytes(cloud.addField<unsigned char>(name));
-  case Kind::I8:
-    return bytes(cloud.addField<signed char>(name));
-  case Kind::U16:
-    return bytes(cloud.addField<unsigned short>(name));
-  case Kind::I16:
-    return bytes(cloud.addField<short>(name));
-  case Kind::U32:
-    return bytes(cloud.addField<unsigned int>(name));
-  case Kind::I32:
-    return bytes(cloud.addField<int>(name));
-  case Kind::U64:
-    return bytes(cloud.addField<unsigned long long>(name));
-  case Kind::I64:
-    return bytes(cloud.addField<long long>(name));
-  case Kind::F32:
-    return bytes(cloud.addField<float>(name));
-  case Kind::F64:
-    break;
-  }
-  return bytes(cloud.addField<double>(name));
+  return Tressel::withScalar(kind,
+                             [&](auto v) { return bytes(cloud.addField<decltype(v)>(name)); });
 }
 
 // One value copied from the record into a field: bits of a byte, or a whole number of bytes.

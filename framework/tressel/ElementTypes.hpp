@@ -82,6 +82,46 @@ QUORVEL_ELEMENT_TRAITS(Vantor::RGB16, "rgb16", 3, UInt16)
 
 #undef QUORVEL_ELEMENT_TRAITS
 
+// The one-component element types by scalar kind, the table that file formats share: calls
+// f(T(0)) with the C++ type of the kind and returns its result; false for Opaque.
+template <class F>
+decltype(auto) withScalar(ScalarKind kind, F&& f) {
+  switch (kind) {
+  case ScalarKind::Int8:
+    return f(static_cast<signed char>(0));
+  case ScalarKind::UInt8:
+    return f(static_cast<unsigned char>(0));
+  case ScalarKind::Int16:
+    return f(static_cast<short>(0));
+  case ScalarKind::UInt16:
+    return f(static_cast<unsigned short>(0));
+  case ScalarKind::Int32:
+    return f(0);
+  case ScalarKind::UInt32:
+    return f(0U);
+  case ScalarKind::Int64:
+    return f(0LL);
+  case ScalarKind::UInt64:
+    return f(0ULL);
+  case ScalarKind::Float32:
+    return f(0.0F);
+  case ScalarKind::Float64:
+    return f(0.0);
+  case ScalarKind::Float80:
+  case ScalarKind::Opaque:
+    break;
+  }
+  return f(0.0L);
+}
+
+// Bytes of one scalar of the kind (0 for Opaque).
+std::size_t scalarSize(ScalarKind kind);
+// The element type name of a one-component type of the kind ("uint8", ..., "float64").
+const std::string& scalarName(ScalarKind kind);
+// The kind of a one-component element type with a plain scalar, by its name; Opaque for any
+// other name.
+ScalarKind plainScalar(const std::string& typeName);
+
 // Run-time description of an element type. One object per type, obtained with
 // TresselType<T>(); compare types by address.
 class TresselTypeBase {

@@ -109,4 +109,26 @@ std::size_t MemBase::registeredCreators() {
   return table.factories.size();
 }
 
+std::size_t scalarSize(ScalarKind kind) {
+  return kind == ScalarKind::Opaque ? 0 : withScalar(kind, [](auto v) { return sizeof(v); });
+}
+
+const std::string& scalarName(ScalarKind kind) {
+  static const std::string opaque = "opaque";
+  if (kind == ScalarKind::Opaque)
+    return opaque;
+  return withScalar(kind,
+                    [](auto v) -> const std::string& { return TresselType<decltype(v)>().name(); });
+}
+
+ScalarKind plainScalar(const std::string& typeName) {
+  for (ScalarKind kind :
+       {ScalarKind::Int8, ScalarKind::UInt8, ScalarKind::Int16, ScalarKind::UInt16,
+        ScalarKind::Int32, ScalarKind::UInt32, ScalarKind::Int64, ScalarKind::UInt64,
+        ScalarKind::Float32, ScalarKind::Float64})
+    if (scalarName(kind) == typeName)
+      return kind;
+  return ScalarKind::Opaque;
+}
+
 } // namespace Tressel

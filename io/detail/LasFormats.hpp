@@ -2,6 +2,8 @@
 // which formats hold which values, and the element kinds shared with extra-bytes dimensions.
 #pragma once
 
+#include "tressel/ElementTypes.hpp"
+
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -10,13 +12,21 @@
 
 namespace Quorvel::Las::detail {
 
-// Element kinds of record values and extra-bytes dimensions; their names are the framework's
-// element type names ("uint8", ...), so a field's type tells its kind.
-enum class Kind : std::uint8_t { U8, I8, U16, I16, U32, I32, U64, I64, F32, F64 };
+// Element kinds of record values and extra-bytes dimensions: the framework's scalar kinds, whose
+// names are the element type names ("uint8", ...), so a field's type tells its kind.
+using Kind = Tressel::ScalarKind;
 
-int kindSize(Kind kind);
-const char* kindName(Kind kind);
-std::optional<Kind> kindOf(const std::string& typeName);
+inline int kindSize(Kind kind) {
+  return static_cast<int>(Tressel::scalarSize(kind));
+}
+inline const std::string& kindName(Kind kind) {
+  return Tressel::scalarName(kind);
+}
+// The kind of a field's element type; nullopt for types that are no plain scalar.
+inline std::optional<Kind> kindOf(const std::string& typeName) {
+  const Kind kind = Tressel::plainScalar(typeName);
+  return kind == Kind::Opaque ? std::nullopt : std::optional<Kind>(kind);
+}
 // Extra-bytes data types 1 to 10 and back.
 Kind extraKind(int dataType);
 int extraType(Kind kind);

@@ -126,6 +126,26 @@ TEST(TypeRegistration, EveryStandardArrayKindIsRegisteredExactlyOnce) {
   EXPECT_EQ(TresselTypeBase::find("point")->size(), 3 * sizeof(double));
 }
 
+// The table of plain scalar kinds that file formats share agrees with the element types: names,
+// sizes, the C++ type handed out, and no kind for types of several components.
+TEST(TypeRegistration, ScalarKindsMatchTheirElementTypes) {
+  for (ScalarKind kind :
+       {ScalarKind::Int8, ScalarKind::UInt8, ScalarKind::Int16, ScalarKind::UInt16,
+        ScalarKind::Int32, ScalarKind::UInt32, ScalarKind::Int64, ScalarKind::UInt64,
+        ScalarKind::Float32, ScalarKind::Float64}) {
+    const TresselTypeBase& type = withScalar(
+        kind, [](auto v) -> const TresselTypeBase& { return TresselType<decltype(v)>(); });
+    EXPECT_EQ(type.scalar(), kind);
+    EXPECT_EQ(type.components(), 1);
+    EXPECT_EQ(scalarName(kind), type.name());
+    EXPECT_EQ(scalarSize(kind), type.size());
+    EXPECT_EQ(plainScalar(type.name()), kind);
+  }
+  EXPECT_EQ(plainScalar("point"), ScalarKind::Opaque);
+  EXPECT_EQ(plainScalar("rgb16"), ScalarKind::Opaque);
+  EXPECT_EQ(plainScalar("no-such-type"), ScalarKind::Opaque);
+}
+
 // A grid with "Positions" and "Classification" in three fragments of 2, 0 and 3 points.
 struct SmallGrid {
   StrongPtr<Grid> grid = std::make_shared<Grid>("cloud");
