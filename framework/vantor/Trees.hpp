@@ -14,11 +14,13 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -104,6 +106,10 @@ public:
 
   // Number of entries.
   std::size_t size() const { return count_; }
+
+  // Divides the entries now instead of at the first query, so that a caller can build the tree
+  // before it sets up the questions, and the two never hold their working memory at once.
+  void prepare() const { prepared(); }
 
   // Every entry within radius of q, keyed by squared distance, nearest first; equally near
   // entries by ascending index, so the first entry is the one findNearest gives.
@@ -385,15 +391,25 @@ private:
   std::vector<std::uint64_t> questionOrder(std::size_t count, const PointAt& pointAt) const {
     const int numberBits = questionBits(count);
     const int levels = std::min({Levels, medianLevel_ + 2, (64 - numberBits) / D});
-    std::vector<std::uint64_t> order(count);
-    for (std::size_t k = 0; k < count; ++k) {
-      const point p = pointAt(k);
-      const double c[3] = {p.x, p.y, p.z};
-      const std::uint64_t digits = cellKey(c) >> ((Levels - levels) * D);
-      order[k] = digits << numberBits | k;
+    const int below = (Levels - levels) * D; // key bits finer than the order needs
+    std::vector<std::size_t> starts;
+    std::vector<std::uint64_t> order = inLeadingCells<std::uint64_t>(
+        count,
+        [&](std::size_t k) {
+          const point p = pointAt(k);
+          const double c[3] = {p.x, p.y, p.z};
+          return cellKey(c);
+        },
+        [&](std::size_t k, std::uint64_t key) { return (key >> below) << numberBits | k; }, starts);
+    // Within each leading cell, by the digits below the leading ones.
+    const int finer = levels * D - LeadingLevels * D;
+    if (finer > 0) {
+      std::vector<std::uint64_t> buffer;
+      for (std::size_t c = 0; c + 1 < starts.size(); ++c)
+        Basalt::radixSort(
+            order.data() + starts[c], starts[c + 1] - starts[c], numberBits, numberBits + finer,
+            [](std::uint64_t item) { return item; }, buffer, 11);
     }
-    Basalt::radixSort(order, numberBits, numberBits + levels * D,
-                      [](std::uint64_t item) { return item; });
     return order;
   }
 
@@ -441,40 +457,58 @@ private:
       return;
     std::vector<Keyed> scratch;
     std::vector<Keyed> keyed = keyedByLeadingCells(scratch);
-    nodes_.reserve(2 * n / capacity_ + 1);
+    // Room for more nodes than a division usually makes: a reserve that is never touched costs
+    // no memory, a vector that grows holds its old and new room at once.
+    nodes_.reserve(4 * n / capacity_ + 16);
+    leafCells_.reserve(4 * n / capacity_ + 16);
     nodes_.push_back({});
     divide(0, 0, 0, n, 0, keyed, scratch);
     std::vector<Keyed>().swap(scratch);
-    place(keyed);
     makeTable(keyed);
+    place(keyed);
   }
 
-  // The entries' keys in the order of their cells LeadingLevels levels down (insertion order
-  // within each), counted and placed straight from the coordinates: the division then needs room
-  // to sort only the largest of those cells, not every entry once more. `scratch` gets that room.
+  // The entries' keys in the order of their leading cells (insertion order within each): the
+  // division then needs room to sort only the largest of those cells, not every entry once more.
+  // `scratch` gets that room.
   std::vector<Keyed> keyedByLeadingCells(std::vector<Keyed>& scratch) const {
-    constexpr int LeadingLevels = 12 / D; // 4,096 cells
-    constexpr int shift = (Levels - LeadingLevels) * D;
-    const std::size_t n = ids_.size();
     const auto keyOf = [this](std::size_t i) {
       const double c[3] = {x_[i], y_[i], z_[i]};
       return cellKey(c);
     };
-    std::vector<std::size_t> next((std::size_t{1} << (LeadingLevels * D)) + 1);
-    for (std::size_t i = 0; i < n; ++i)
-      ++next[(keyOf(i) >> shift) + 1];
+    std::vector<std::size_t> starts;
+    std::vector<Keyed> keyed = inLeadingCells<Keyed>(
+        ids_.size(), keyOf,
+        [](std::size_t i, std::uint64_t key) {
+          return Keyed{key, i};
+        },
+        starts);
     std::size_t largest = 0;
-    for (std::size_t c = 1; c < next.size(); ++c) {
-      largest = std::max(largest, next[c]);
-      next[c] += next[c - 1];
-    }
-    std::vector<Keyed> keyed(n);
-    for (std::size_t i = 0; i < n; ++i) {
-      const std::uint64_t key = keyOf(i);
-      keyed[next[key >> shift]++] = {key, i};
-    }
+    for (std::size_t c = 1; c < starts.size(); ++c)
+      largest = std::max(largest, starts[c] - starts[c - 1]);
     scratch.resize(largest);
     return keyed;
+  }
+
+  // Items 0 .. count - 1, each made by make(i, key) from its cell key keyOf(i), in the order of
+  // their cells LeadingLevels levels down (in item order within each): counted first, then put
+  // in place, with no second array. `starts` gets where each of those cells begins, and the end.
+  static constexpr int LeadingLevels = 12 / D; // 4,096 cells
+  static constexpr int LeadingShift = (Levels - LeadingLevels) * D;
+  template <class T, class KeyOf, class Make>
+  static std::vector<T> inLeadingCells(std::size_t count, const KeyOf& keyOf, const Make& make,
+                                       std::vector<std::size_t>& starts) {
+    starts.assign((std::size_t{1} << (LeadingLevels * D)) + 1, 0);
+    for (std::size_t i = 0; i < count; ++i)
+      ++starts[(keyOf(i) >> LeadingShift) + 1];
+    std::partial_sum(starts.begin(), starts.end(), starts.begin());
+    std::vector<std::size_t> next(starts.begin(), starts.end() - 1);
+    std::vector<T> items(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::uint64_t key = keyOf(i);
+      items[next[key >> LeadingShift]++] = make(i, key);
+    }
+    return items;
   }
 
   // The look-up table: cells one level above where most entries' leaves are, so that a search
@@ -637,7 +671,7 @@ private:
   // Puts the entries in leaf order (the order of `keyed`), then each leaf's entries in index
   // order, and sets the boxes: of each leaf's cell, narrowed by the margin of key rounding, and
   // the tight boxes of all nodes.
-  void place(const std::vector<Keyed>& keyed) const {
+  void place(std::vector<Keyed>& keyed) const {
     inLeafOrder(keyed, x_);
     inLeafOrder(keyed, y_);
     inLeafOrder(keyed, z_);
@@ -692,19 +726,24 @@ private:
         }
     }
   }
-  // Rearranges one array of entries into the order of `keyed`, through one uninitialised
-  // buffer (its sources fetched ahead).
+  // Rearranges one array of entries into the order of `keyed`, through the room of its keys
+  // (no longer needed once the table is made), its sources fetched ahead.
   template <class T>
-  static void inLeafOrder(const std::vector<Keyed>& keyed, std::vector<T>& values) {
+  static void inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values) {
+    static_assert(sizeof(T) <= sizeof(std::uint64_t) && std::is_trivially_copyable_v<T>);
     constexpr std::size_t Ahead = 16;
     const std::size_t n = keyed.size();
-    const auto moved = std::make_unique_for_overwrite<T[]>(n);
     for (std::size_t i = 0; i < n; ++i) {
       if (i + Ahead < n)
         __builtin_prefetch(&values[keyed[i + Ahead].source]);
-      moved[i] = values[keyed[i].source];
+      std::uint64_t word = 0;
+      std::memcpy(&word, &values[keyed[i].source], sizeof(T));
+      keyed[i].key = word;
     }
-    std::copy(moved.get(), moved.get() + n, values.begin());
+    for (std::size_t i = 0; i < n; ++i) {
+      const std::uint64_t word = keyed[i].key;
+      std::memcpy(&values[i], &word, sizeof(T));
+    }
   }
   // Reorders entries b .. e - 1 by index, stably.
   void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const {

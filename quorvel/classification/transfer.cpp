@@ -147,6 +147,7 @@ bool sourcePass(const FragmentSlot& slot, const TransferInputs& in, Box& box,
     fillTree(*tree, sources, *points.xyz, *points.cls, points.xyz->size());
     if (tree->size() == 0)
       return;
+    tree->prepare();
     // The target fragments are tested against the source box moved to target coordinates.
     BoundingBox reachable = *sourceBox;
     if (offsetApplies(box.offset))
