@@ -1,6 +1,8 @@
 // quorvel host: loading, saving, progress and the summary line.
 #include "cli/host.hpp"
 
+#include "cli/checks.hpp"
+
 #include "cli/progress.hpp"
 #include "tressel/Bundle.hpp"
 #include "tressel/PointCloud.hpp"
@@ -40,12 +42,11 @@ void parseAxes(const std::string& name, const std::string& text,
   std::array<double, 3> values{};
   for (std::size_t k = 0; k < 3; ++k) {
     const std::string part(parts[parts.size() == 1 ? 0 : k]);
-    char* end = nullptr;
-    values[k] = std::strtod(part.c_str(), &end);
-    if (part.empty() || *end != '\0' || !std::isfinite(values[k]) ||
-        (positive && !(values[k] > 0.0)))
+    const auto value = finiteNumber(part);
+    if (!value || (positive && !(*value > 0.0)))
       throw CLI::ValidationError(name, "\"" + part + "\" is not a " +
                                            (positive ? "positive " : "") + "finite number");
+    values[k] = *value;
   }
   axes = values;
   automatic = false;

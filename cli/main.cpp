@@ -27,6 +27,27 @@ void restartWithHugePages(char** argv) {
     ::execv("/proc/self/exe", argv);
 }
 
+// Prints a usage error in CLI11's words, or names an unknown command with the known ones, and
+// gives the exit code of usage errors, 2 (help and version: 0).
+int usageError(CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0)
+    return app.exit(error);
+  const std::vector<std::string> left = app.remaining();
+  bool chosen = false;
+  for (const CLI::App* sub : app.get_subcommands({}))
+    chosen = chosen || sub->parsed();
+  if (!chosen && !left.empty() && left.front().rfind('-', 0) != 0) {
+    std::string names;
+    for (const CLI::App* sub : app.get_subcommands({}))
+      names += (names.empty() ? "" : ", ") + sub->get_name();
+    std::fprintf(stderr, "quorvel: unknown command \"%s\" (the commands: %s)\n",
+                 left.front().c_str(), names.c_str());
+    return 2;
+  }
+  app.exit(error);
+  return 2;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -56,7 +77,11 @@ int main(int argc, char** argv) {
     addCommonOptions(*sub, common);
     table.emplace_back(sub, std::move(command));
   }
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return usageError(app, e);
+  }
   try {
     const Host host(common);
     for (auto& [sub, command] : table)

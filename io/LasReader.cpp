@@ -25,9 +25,11 @@ using Vantor::PhysicalSpace::point;
 namespace detail {
 
 MappedFile::MappedFile(const std::string& path, bool sequential) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Not blocking: a pipe given as input would wait for a writer; it is refused below.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0)
-    throw Error(path + (errno == ENOENT ? ": no such file" : ": cannot open"));
+    throw Error(path + (errno == ENOENT ? ": no such file"
+                                        : std::string(": cannot open: ") + std::strerror(errno)));
   struct stat status {};
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     ::close(fd);

@@ -2,14 +2,21 @@
 // box fields to options.
 #include "cli/commands/command.hpp"
 
+#include "cli/checks.hpp"
+
 #include "basalt/Text.hpp"
+
+#include <array>
+#include <optional>
 
 namespace Quorvel::Cli {
 
 void CloudCommand::addOptions(CLI::App& app) {
   addStageOptions(app);
   app.add_option(inputName(), input_, "the point cloud to change (LAS or bundle)")->required();
-  app.add_option("-o,--output", output_, "where to write the result (LAS or bundle)")->required();
+  app.add_option("-o,--output", output_, "where to write the result (LAS or bundle)")
+      ->required()
+      ->check(outputFile());
   addWriteOptions(app, write_);
 }
 
@@ -25,7 +32,11 @@ CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange
                       const std::string& help) {
   return app
       .add_option_function<std::string>(
-          name, [&range](const std::string& text) { range = Vantor::MultiRange<double>(text); },
+          name,
+          [&range, name](const std::string& text) {
+            checkRange(name, text);
+            range = Vantor::MultiRange<double>(text);
+          },
           help)
       ->default_str(range.to_string());
 }
@@ -37,9 +48,13 @@ CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalS
           name,
           [&v, name](const std::string& text) {
             const auto parts = Basalt::splitAt(text, ",");
-            if (parts.size() != 3)
-              throw CLI::ValidationError(name, "takes X,Y,Z, not \"" + text + "\"");
-            v = {Basalt::cAtof(parts[0]), Basalt::cAtof(parts[1]), Basalt::cAtof(parts[2])};
+            std::array<std::optional<double>, 3> xyz;
+            for (std::size_t k = 0; k < 3 && parts.size() == 3; ++k)
+              xyz[k] = finiteNumber(parts[k]);
+            if (!xyz[0] || !xyz[1] || !xyz[2])
+              throw CLI::ValidationError(name,
+                                         "takes X,Y,Z of finite numbers, not \"" + text + "\"");
+            v = {*xyz[0], *xyz[1], *xyz[2]};
           },
           help)
       ->default_str(Basalt::format("%g,%g,%g", v[0], v[1], v[2]));

@@ -2,6 +2,7 @@
 // listed once in the table of commands.cpp.
 #pragma once
 
+#include "cli/checks.hpp"
 #include "cli/host.hpp"
 #include "vantor/MultiRange.hpp"
 #include "vantor/PhysicalSpace.hpp"

@@ -9,8 +9,9 @@ class Convert final : public Command {
 public:
   void addOptions(CLI::App& app) override {
     app.add_option("IN", in_, "a LAS or bundle file")->required();
-    app.add_option("OUT", out_, "the file to write: .h5 or .hdf5 for a bundle, else LAS")
-        ->required();
+    app.add_option("OUT", out_, "the file to write: .h5 or .hdf5 for a bundle, .las for LAS")
+        ->required()
+        ->check(outputFile());
     addWriteOptions(app, write_);
   }
 

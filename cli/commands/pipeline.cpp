@@ -45,6 +45,8 @@ public:
     const std::string output = fileName(stages, last, "output");
     if (!std::filesystem::exists(input))
       fail(0, "no such file: " + input);
+    if (const auto problem = unwritableName(output))
+      fail(last, *problem);
     const auto directory = std::filesystem::path(output).parent_path();
     if (!directory.empty() && !std::filesystem::is_directory(directory))
       fail(last, "no such directory for the output: " + directory.string());

@@ -19,7 +19,9 @@ public:
     // The box's working range: without it the candidates are the --source classes.
     addRange(app, "--candidates", box_.working_range,
              "classes of the candidates, when not those of --source (growing: 0:1)");
-    app.add_option("--radius", box_.radius, "starting search radius")->capture_default_str();
+    app.add_option("--radius", box_.radius, "starting search radius")
+        ->capture_default_str()
+        ->check(positiveNumber());
     app.add_option("--target", box_.target, "class given; negative: add 100 to the class")
         ->capture_default_str();
     app.add_option("--maximum-iteration", box_.maximum_iteration, "largest number of rounds")
@@ -27,7 +29,8 @@ public:
     app.add_option("--reset", box_.reset, "0 or more: set every class to this first")
         ->capture_default_str();
     app.add_option("--quantile", box_.quantile, "percentage of the lowest neighbours left out")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(numberWithin(0, 100));
     app.add_option("--dimension", box_.dimension, "2D: neighbours in x, y; 3D: in x, y, z")
         ->check(CLI::IsMember({"2D", "3D"}))
         ->capture_default_str();

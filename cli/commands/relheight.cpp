@@ -17,6 +17,7 @@ public:
 
   void addStageOptions(CLI::App& app) override {
     app.add_option("--half-width", height_.squareHalfWidth, "half the side of the square")
+        ->check(positiveNumber())
         ->required()
         ->check(CLI::PositiveNumber);
     app.add_option_function<std::string>(

@@ -16,10 +16,14 @@ public:
     // then set their fields on the box it made.
     app.add_option_function<std::string>(
         "--bands",
-        [this](const std::string& text) { box_ = ClassificationTransferParameterBox(text); },
+        [this](const std::string& text) {
+          checkBands("--bands", text);
+          box_ = ClassificationTransferParameterBox(text);
+        },
         "distance/class text, e.g. 1 or 0.5=2;1=3 (empty: 0.001)");
     app.add_option("--dimension", box_.dimension, "3: search in x, y, z; 2: in x, y")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(CLI::IsMember(std::vector<std::string>{"2", "3"}));
     addRange(app, "--source-classes", box_.source, "source classes that are searched");
     addRange(app, "--target-classes", box_.target, "target classes that are rewritten");
     app.add_flag("--unclassify", box_.unclassify, "set target classes to 0 first");
@@ -30,7 +34,8 @@ public:
     app.add_flag("--onetree", box_.onetree, "one tree over the whole source (with --old)");
     app.add_flag("--expand", box_.expand, "grow the radius up to --maxradius (with --onetree)");
     app.add_option("--maxradius", box_.maxradius, "largest radius of --expand")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(positiveNumber());
     app.add_flag("--positions", box_.positions, "also carry the nearest source position");
   }
 

@@ -6,9 +6,11 @@
 
 #include "basalt/Console.hpp"
 #include "basalt/ReplacingFile.hpp"
+#include "basalt/Text.hpp"
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -282,6 +284,21 @@ void checkStoredType(hid_t dataset, const TresselTypeBase& type, const std::stri
                     type.name() + " elements its field declares");
 }
 
+// A dataset may declare no more values than the file holds for it (many times more when it is
+// compressed): a hostile shape would otherwise make a reader allocate without bound.
+void checkStoredSize(hid_t dataset, const std::vector<hsize_t>& dims, const std::string& where) {
+  Handle stored(H5Dget_type(dataset), H5Tclose, "type of " + where);
+  long double bytes = static_cast<long double>(H5Tget_size(stored));
+  for (const hsize_t d : dims)
+    bytes *= static_cast<long double>(d);
+  Handle creation(H5Dget_create_plist(dataset), H5Pclose, "properties of " + where);
+  const long double ratio = H5Pget_nfilters(creation) > 0 ? 1000.0L : 1.0L;
+  const auto held = static_cast<long double>(H5Dget_storage_size(dataset));
+  if (bytes > held * ratio + (ratio > 1 ? 1e6L : 0.0L))
+    throw Hdf5Error("dataset " + where + " declares " + Basalt::format("%.0Lf", bytes) +
+                    " bytes, more than the file holds for it");
+}
+
 // Reads one array of the given element type and rank, undoing a stored shift.
 StrongPtr<MemBase> readArray(hid_t group, const std::string& name, const TresselTypeBase& type,
                              int rank, const std::string& where) {
@@ -298,6 +315,7 @@ StrongPtr<MemBase> readArray(hid_t group, const std::string& name, const Tressel
   H5Sget_simple_extent_dims(space, dims.data(), nullptr);
   if (type.components() > 1 && dims.back() != static_cast<hsize_t>(type.components()))
     throw Hdf5Error("dataset " + where + " does not hold " + type.name() + " elements");
+  checkStoredSize(dataset, dims, where);
   MemBase::Extents extents(dims.rend() - rank, dims.rend());
   auto data = MemBase::create(rank, type.name(), extents);
   if (!data)
@@ -606,6 +624,8 @@ bool Bundle::load() {
     return fail("no such file");
   if (!std::filesystem::is_regular_file(path_, code))
     return fail("not a regular file");
+  if (::access(path_.c_str(), R_OK) != 0)
+    return fail(std::string("cannot be read: ") + std::strerror(errno));
   if (H5Fis_hdf5(path_.c_str()) <= 0)
     return fail("not an HDF5 file");
 

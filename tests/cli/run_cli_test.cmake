@@ -56,8 +56,8 @@ if(quorvel_output MATCHES "quorvel cellsize:")
 endif()
 
 # A command's help shows the defaults of its parameter box.
-quorvel(0 "--dimension INT=3" transfer --help)
-foreach(default "--maxradius FLOAT=250" "--threads INT=-1" "--field TEXT=Classification"
+quorvel(0 "--dimension INT:{2,3}=3" transfer --help)
+foreach(default "--maxradius FLOAT:POSITIVE=250" "--threads INT=-1" "--field TEXT=Classification"
                 "--source-classes TEXT=0.000000:255.000000" "--offset TEXT=0,0,0")
   string(FIND "${quorvel_output}" "${default}" at)
   if(at EQUAL -1)
@@ -74,10 +74,41 @@ quorvel(0 "quorvel transfer" transfer ${data}/sample_c_thin.las ${data}/sample_n
         ${WORK_DIR}/coarse.las --scale 0.5 --las-offset auto)
 quorvel(0 "bbox: 674522.000 1206740.000 627.500 - 674605.500 1206815.000 656.000" info
         ${WORK_DIR}/coarse.las)
-quorvel(105 "--scale: takes auto, one number or X,Y,Z, not \"0,1\"" convert
+quorvel(2 "--scale: takes auto, one number or X,Y,Z, not \"0,1\"" convert
         ${data}/sample_c.las ${WORK_DIR}/never.las --scale 0,1)
-quorvel(105 "--offset: \"x\" is not a finite number" cellsize ${data}/sample_c.las
+quorvel(2 "--offset: \"x\" is not a finite number" cellsize ${data}/sample_c.las
         -o ${WORK_DIR}/never.las --offset 1,x,3)
-if(EXISTS ${WORK_DIR}/never.las)
+# Every option value is checked before anything runs; usage errors exit with 2.
+set(s ${data}/sample_c_thin.las)
+set(t ${data}/sample_nc.las)
+foreach(case
+    "--offset;a,b,c;--offset: takes X,Y,Z of finite numbers, not \"a,b,c\""
+    "--offset;nan,0,0;--offset: takes X,Y,Z of finite numbers, not \"nan,0,0\""
+    "--source-classes;abc;--source-classes: \"abc\" is not a value or low:high of finite numbers"
+    "--target-classes;2:5,nan:nan;--target-classes: \"nan:nan\" in \"2:5,nan:nan\" is not a value"
+    "--source-classes;1e-5;--source-classes: \"1e-5\" is not a range the library reads"
+    "--maxradius;-1;--maxradius: \"-1\" is not a positive finite number"
+    "--bands;0.5=2,1=x;--bands: \"1=x\" in \"0.5=2,1=x\" is not a distance or distance=class"
+    "--dimension;5;--dimension: 5 not in {2,3}")
+  list(GET case 0 option)
+  list(GET case 1 value)
+  list(GET case 2 text)
+  quorvel(2 "${text}" transfer ${s} ${t} -o ${WORK_DIR}/never.las ${option} ${value})
+endforeach()
+quorvel(2 "--radius: \"0\" is not a positive finite number" regress ${s} -o ${WORK_DIR}/never.las
+        --radius 0)
+quorvel(2 "--quantile: \"101\" is not a number from 0 to 100" regress ${s}
+        -o ${WORK_DIR}/never.las --quantile 101)
+quorvel(2 "--half-width: \"nan\" is not a positive finite number" relheight ${s}
+        -o ${WORK_DIR}/never.las --half-width nan)
+quorvel(2 "--output: \"${WORK_DIR}/never.xyz\" names no file type the host writes" cellsize ${s}
+        -o ${WORK_DIR}/never.xyz)
+quorvel(2 "OUT: \"${WORK_DIR}/never.txt\" names no file type" convert ${s} ${WORK_DIR}/never.txt)
+quorvel(2 "quorvel: unknown command \"bogus\" (the commands: info, convert," bogus x)
+if(EXISTS ${WORK_DIR}/never.las OR EXISTS ${WORK_DIR}/never.xyz OR EXISTS ${WORK_DIR}/never.txt)
   message(FATAL_ERROR "a refused command wrote its output")
 endif()
+# Inputs that are no regular files are refused at once (a pipe used to block the reader).
+execute_process(COMMAND mkfifo ${WORK_DIR}/pipe.las)
+quorvel(1 "quorvel: error: ${WORK_DIR}/pipe.las: not a regular file" info ${WORK_DIR}/pipe.las)
+quorvel(1 "quorvel: error: ${data}: not a regular file" info ${data})

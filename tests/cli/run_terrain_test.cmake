@@ -24,7 +24,7 @@ foreach(line "additional: 6.000000:6.000000" "radius: 2" "target: -1" "maximum_i
   endif()
 endforeach()
 quorvel(0 "classes: 5:14408" info ${WORK_DIR}/reset.las)
-quorvel(105 "--dimension: 4D not in {2D,3D}" regress ${WORK_DIR}/seeds.las
+quorvel(2 "--dimension: 4D not in {2D,3D}" regress ${WORK_DIR}/seeds.las
         -o ${WORK_DIR}/never.las --dimension 4D)
 
 # Relative height and belows: both fields, the class forms, and per fragment (tiles change the
@@ -41,7 +41,7 @@ quorvel(0 "quorvel relheight: 14408 points, 4 fragments" --fragment-points 5000 
         ${data}/sample_c.las -o ${WORK_DIR}/rh4.las --half-width 1)
 quorvel(0 "agreement: 13396 of 14408" compare ${WORK_DIR}/rh4.las ${WORK_DIR}/rh.las
         --field RelativeBelows)
-quorvel(106 "--half-width is required" relheight ${data}/sample_c.las -o ${WORK_DIR}/never.las)
+quorvel(2 "--half-width is required" relheight ${data}/sample_c.las -o ${WORK_DIR}/never.las)
 if(EXISTS ${WORK_DIR}/never.las)
   message(FATAL_ERROR "a refused command wrote its output")
 endif()

@@ -357,10 +357,11 @@ TEST_F(BundleFiles, UnreadableFilesGiveOneClearError) {
             std::string::npos);
 }
 
-// Replaces the dataset whose path ends with `suffix` by count values of the given HDF5 type.
+// Replaces the dataset whose path ends with `suffix` by the values, of the given HDF5 type; or,
+// with `declared`, by a dataset of that many values that were never written.
 template <class T>
 void replaceDataset(const std::string& path, const std::string& suffix, hid_t type,
-                    const std::vector<T>& values) {
+                    const std::vector<T>& values, hsize_t declared = 0) {
   hid_t file = H5Fopen(path.c_str(), H5F_ACC_RDWR, H5P_DEFAULT);
   std::pair<std::string, std::string> search{suffix, ""}; // the suffix, the path found
   H5Lvisit(
@@ -377,11 +378,11 @@ void replaceDataset(const std::string& path, const std::string& suffix, hid_t ty
   const std::string& found = search.second;
   ASSERT_FALSE(found.empty()) << suffix;
   H5Ldelete(file, found.c_str(), H5P_DEFAULT);
-  const hsize_t count = values.size();
+  const hsize_t count = declared > 0 ? declared : values.size();
   hid_t space = H5Screate_simple(1, &count, nullptr);
   hid_t dataset =
       H5Dcreate2(file, found.c_str(), type, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
-  if (count > 0)
+  if (!values.empty())
     H5Dwrite(dataset, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data());
   H5Dclose(dataset);
   H5Sclose(space);
@@ -432,6 +433,13 @@ TEST_F(BundleFiles, InconsistentFieldsAreRefusedOnLoading) {
     replaceDataset(path, classes, H5T_NATIVE_UCHAR, std::vector<unsigned char>{1, 2});
   });
   EXPECT_NE(error.find("holds 2 elements, its fragment's positions 3"), std::string::npos) << error;
+  error = damaged("huge.h5", [&](const std::string& path) {
+    replaceDataset(path, classes, H5T_NATIVE_UCHAR, std::vector<unsigned char>{}, hsize_t{1} << 40);
+  });
+  EXPECT_NE(error.find("Classification/Data/Fragment0 declares 1099511627776 bytes, more than "
+                       "the file holds for it"),
+            std::string::npos)
+      << error;
 }
 
 } // namespace
