@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 SOURCES := $(shell git ls-files '*.cpp' '*.hpp' 2>/dev/null)
 
-.PHONY: all deps build test asan-test bench format format-check demo clean
+.PHONY: all deps build test asan-test fuzz bench format format-check demo clean
 
 all: build
 
@@ -22,6 +22,14 @@ asan-test: deps
 	@cmake --preset asan >/dev/null
 	@cmake --build --preset asan -j $(JOBS)
 	@ctest --preset asan -j $(JOBS)
+
+# Every fuzz target (clang's libFuzzer, sanitizers on) for FUZZ_SECONDS each from fuzz/seeds;
+# FUZZ_RUNS=N instead runs N inputs per target with a fixed seed (the same every time: CI).
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+	@FUZZ_RUNS=$(FUZZ_RUNS) bash fuzz/run $(FUZZ_SECONDS)
 
 # Google Benchmark programs (Release build).
 bench: build

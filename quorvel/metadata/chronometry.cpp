@@ -5,7 +5,9 @@
 
 // The date library's parser leaves a seconds field unset on paths that GCC 12 cannot prove
 // unreachable; the warning is about the library, not this file.
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 #include <algorithm>
 #include <cmath>

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <date/date.h>
 #include <limits>
+#include <omp.h>
 
 namespace {
 
@@ -94,6 +95,22 @@ TEST(CellSize, ArraysReportAndAttributes) {
   EXPECT_EQ((*attribute)[0], 1.0);
 
   EXPECT_EQ(setCellSize(nullptr, nullptr), "No Grid");
+}
+
+// Fragments are measured in parallel on all processors but one; how many there are never
+// changes a cell size.
+TEST(CellSize, ResultsDoNotDependOnThreads) {
+  std::vector<point> xyz;
+  for (int i = 0; i < 4000; ++i)
+    xyz.push_back({std::fmod(i * 0.37, 40.0), std::fmod(i * 0.61, 30.0), (i % 7) * 0.2});
+  const auto partition = Tressel::sequentialPartition(xyz.size(), 250);
+  const int before = omp_get_max_threads();
+  omp_set_num_threads(2); // one worker
+  const auto one = cellSizesOf(xyz, partition);
+  omp_set_num_threads(6);
+  const auto several = cellSizesOf(xyz, partition);
+  omp_set_num_threads(before);
+  EXPECT_EQ(one, several);
 }
 
 TEST(CellSize, AttributeSettersStoreTheirValues) {

@@ -1,0 +1,16 @@
+// Fuzz target: acquisition dates read from file names, and their GPS weeks.
+#include "fuzz/FuzzInput.hpp"
+
+#include "quorvel/metadata/metadata.hpp"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  Quorvel::Fuzz::quietConsole();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Quorvel::Chronometry date(Quorvel::Fuzz::text(data, size));
+  date.print();
+  (void)date.yyyymmdd('-');
+  return 0;
+}
