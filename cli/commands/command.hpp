@@ -73,6 +73,9 @@ std::unique_ptr<Command> makeTransfer();
 std::unique_ptr<Command> makeCellSize();
 std::unique_ptr<Command> makeDate();
 std::unique_ptr<Command> makePipeline();
+// Reads and checks a pipeline file as `quorvel pipeline` does before anything runs; throws
+// Error naming the file and the element.
+void checkPipeline(const std::string& path);
 std::unique_ptr<Command> makeRegress();
 std::unique_ptr<Command> makeRelHeight();
 

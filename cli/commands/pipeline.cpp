@@ -32,6 +32,8 @@ struct Stage {
 
 class Pipeline final : public Command {
 public:
+  explicit Pipeline(std::string path = {}) : path_(std::move(path)) {}
+
   void addOptions(CLI::App& app) override {
     app.add_option("FILE", path_, "the pipeline, a JSON array")->required();
     addWriteOptions(app, write_);
@@ -39,27 +41,34 @@ public:
   }
 
   int run(const Host& host) override {
-    const nlohmann::json stages = readFile();
-    const std::size_t last = stages.size() - 1;
-    const std::string input = fileName(stages, 0, "input");
-    const std::string output = fileName(stages, last, "output");
-    if (!std::filesystem::exists(input))
-      fail(0, "no such file: " + input);
-    if (const auto problem = unwritableName(output))
-      fail(last, *problem);
-    const auto directory = std::filesystem::path(output).parent_path();
-    if (!directory.empty() && !std::filesystem::is_directory(directory))
-      fail(last, "no such directory for the output: " + directory.string());
-    std::vector<Stage> parsed;
-    for (std::size_t k = 1; k < last; ++k)
-      parsed.push_back(parse(stages[k], k));
-
-    Cloud cloud = host.load(input);
-    for (Stage& stage : parsed)
+    Checked checked = check();
+    Cloud cloud = host.load(checked.input);
+    for (Stage& stage : checked.stages)
       stage.command->apply(cloud, host);
-    host.save(output, cloud, write_);
+    host.save(checked.output, cloud, write_);
     host.summary("pipeline", *cloud.grid);
     return 0;
+  }
+
+  // The file read and every element checked, nothing run yet.
+  struct Checked {
+    std::string input, output;
+    std::vector<Stage> stages;
+  };
+  Checked check() const {
+    const nlohmann::json stages = readFile();
+    const std::size_t last = stages.size() - 1;
+    Checked checked{fileName(stages, 0, "input"), fileName(stages, last, "output"), {}};
+    if (!std::filesystem::exists(checked.input))
+      fail(0, "no such file: " + checked.input);
+    if (const auto problem = unwritableName(checked.output))
+      fail(last, *problem);
+    const auto directory = std::filesystem::path(checked.output).parent_path();
+    if (!directory.empty() && !std::filesystem::is_directory(directory))
+      fail(last, "no such directory for the output: " + directory.string());
+    for (std::size_t k = 1; k < last; ++k)
+      checked.stages.push_back(parse(stages[k], k));
+    return checked;
   }
 
 private:
@@ -147,6 +156,10 @@ private:
 };
 
 } // namespace
+
+void checkPipeline(const std::string& path) {
+  Pipeline(path).check();
+}
 
 std::unique_ptr<Command> makePipeline() {
   return std::make_unique<Pipeline>();
