@@ -290,6 +290,19 @@ bool isExtraBytesRecord(const Vlr& record) {
   return record.userId == "LASF_Spec" && record.recordId == 4;
 }
 
+namespace {
+
+// base, or base with "_extra", "_extra2", ... when a field already has that name; the name
+// found is taken.
+std::string unique(const std::string& base, std::set<std::string>& taken) {
+  std::string name = base;
+  for (int n = 1; !taken.insert(name).second; ++n)
+    name = base + "_extra" + (n > 1 ? std::to_string(n) : "");
+  return name;
+}
+
+} // namespace
+
 std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings) {
   // Some writers split the descriptors over several records; they follow one another.
   std::vector<std::uint8_t> descriptors;
@@ -335,8 +348,7 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
       e.name = "ExtraBytes" + std::to_string(at / DescriptorSize);
     // A dimension named like a value of the record (or like another one) gets a suffix, so
     // that no two fields share a name; its descriptor keeps the file's name.
-    while (!taken.insert(e.name).second)
-      e.name += "_extra";
+    e.name = unique(e.name, taken);
     extras.push_back(std::move(e));
   }
   if (format >= FormatCount)
@@ -349,9 +361,7 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
     e.size = static_cast<int>(std::min<std::size_t>(rest, 255));
     e.described = false;
     e.descriptor[3] = static_cast<std::uint8_t>(e.size);
-    e.name = "UndescribedBytes";
-    while (!taken.insert(e.name).second)
-      e.name += "_extra";
+    e.name = unique("UndescribedBytes", taken);
     std::memcpy(e.descriptor.data() + 4, e.name.data(), std::min<std::size_t>(32, e.name.size()));
     rest -= static_cast<std::size_t>(e.size);
     extras.push_back(std::move(e));
@@ -368,22 +378,20 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
 std::vector<ExtraField> extraFields(const ExtraBytes& extra) {
   if (extra.dataType != 0)
     return {{extra.name, extraKind(extra.dataType), 0}};
-  switch (extra.size) {
-  case 1:
-    return {{extra.name, Kind::UInt8, 0}};
-  case 2:
-    return {{extra.name, Kind::UInt16, 0}};
-  case 4:
-    return {{extra.name, Kind::UInt32, 0}};
-  case 8:
-    return {{extra.name, Kind::UInt64, 0}};
-  default:
-    break;
+  constexpr Kind Words[] = {Kind::UInt8, Kind::UInt16, Kind::UInt8, Kind::UInt32,
+                            Kind::UInt8, Kind::UInt8,  Kind::UInt8, Kind::UInt64};
+  if (extra.size == 1 || extra.size == 2 || extra.size == 4 || extra.size == 8)
+    return {{extra.name, Words[extra.size - 1], 0}};
+  // Other sizes as few whole numbers as fit, 8 bytes first, named by their byte offset: a
+  // record of 255 plain bytes makes 34 fields, not 255.
+  std::vector<ExtraField> words;
+  for (int at = 0; at < extra.size;) {
+    const int left = extra.size - at;
+    const int size = left >= 8 ? 8 : left >= 4 ? 4 : left >= 2 ? 2 : 1;
+    words.push_back({extra.name + "_" + std::to_string(at), Words[size - 1], at});
+    at += size;
   }
-  std::vector<ExtraField> bytes;
-  for (int i = 0; i < extra.size; ++i)
-    bytes.push_back({extra.name + "_" + std::to_string(i), Kind::UInt8, i});
-  return bytes;
+  return words;
 }
 
 std::string describe(const std::string& path, const std::vector<std::string>& problems) {

@@ -196,7 +196,7 @@ TEST_F(HostileHeaders, BytesNoDescriptorCoversAreKept) {
     return std::vector<std::uint8_t>((std::istreambuf_iterator<char>(in)),
                                      std::istreambuf_iterator<char>());
   };
-  // Two bytes of padding: one uint16 field; three: one uint8 field per byte.
+  // Two bytes of padding: one uint16 field; three: a uint16 and a uint8, named by offset.
   const Synthetic two(0, 2), three(192, 3);
   const auto a = Quorvel::Las::read(save(two.bytes));
   EXPECT_EQ(Tressel::readField<unsigned short>(
@@ -206,8 +206,16 @@ TEST_F(HostileHeaders, BytesNoDescriptorCoversAreKept) {
   EXPECT_EQ(Tressel::readField<unsigned char>(
                 *(*b.grid)(Tressel::StandardCartesianChart3D, "UndescribedBytes_2")),
             (std::vector<unsigned char>{2, 18, 34}));
+  // The longest records a header can declare make as few fields as whole numbers allow, with
+  // unique names (a fuzzed header of 65,535-byte records once made 65,000 fields).
+  const Synthetic wide(0, 65505);
+  const auto c = Quorvel::Las::read(save(wide.bytes));
+  const auto fields =
+      c.grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D)->snapshot().size();
+  EXPECT_LT(fields, 20 + 65505 / 8 + 3 * (65505 / 255 + 1));
+  EXPECT_NE((*c.grid)(Tressel::StandardCartesianChart3D, "UndescribedBytes_extra2_248"), nullptr);
   // Written back as they were: no descriptor added, every record byte kept.
-  for (const auto* s : {&two, &three}) {
+  for (const auto* s : {&two, &three, &wide}) {
     Quorvel::Las::write(file("same.las"), *Quorvel::Las::read(save(s->bytes)).grid);
     const auto copy = bytesOf(file("same.las"));
     ASSERT_EQ(copy.size(), s->bytes.size());
