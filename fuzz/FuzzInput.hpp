@@ -1,5 +1,5 @@
-// Shared by the fuzz targets: the library's console lines kept off the terminal, and fuzz bytes
-// as a text or as a file the readers can open by name.
+// Shared by the fuzz targets: standard output closed, and fuzz bytes as a text or as a file the
+// readers can open by name.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,6 @@
 
 namespace Quorvel::Fuzz {
 
-// Diagnostics on standard output would cost more than the parsing they report on.
 inline void quietConsole() {
   if (!std::freopen("/dev/null", "w", stdout))
     std::perror("fuzz: /dev/null");

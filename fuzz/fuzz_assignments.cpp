@@ -4,11 +4,6 @@
 
 #include "quorvel/core/core.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  Quorvel::Fuzz::quietConsole();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0)
     return 0;

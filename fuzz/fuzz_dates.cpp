@@ -3,11 +3,6 @@
 
 #include "quorvel/metadata/metadata.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  Quorvel::Fuzz::quietConsole();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Quorvel::Chronometry date(Quorvel::Fuzz::text(data, size));
   date.print();

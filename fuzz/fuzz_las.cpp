@@ -3,11 +3,6 @@
 
 #include "io/las.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  Quorvel::Fuzz::quietConsole();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Quorvel::Fuzz::MemoryFile file(data, size);
   try {

@@ -4,11 +4,6 @@
 
 #include "cli/commands/command.hpp"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  Quorvel::Fuzz::quietConsole();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Quorvel::Fuzz::MemoryFile file(data, size);
   try {

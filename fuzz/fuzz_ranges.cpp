@@ -5,11 +5,6 @@
 
 #include <cmath>
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  Quorvel::Fuzz::quietConsole();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Vantor::MultiRange<double> range(Quorvel::Fuzz::text(data, size));
   for (double x : {0.0, 2.0, -1.0, 255.0, 1e300, std::nan("")})
