@@ -4,7 +4,7 @@
 #include "cli/checks.hpp"
 
 #include "cli/progress.hpp"
-#include "tressel/Bundle.hpp"
+#include "io/files.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include "basalt/Text.hpp"
@@ -70,11 +70,6 @@ void addWriteOptions(CLI::App& app, Las::WriteOptions& options) {
       "LAS coordinate offset: auto (the rounded minimum), O or X,Y,Z (default: the input's)");
 }
 
-bool isBundle(const std::string& path) {
-  const auto extension = std::filesystem::path(path).extension().string();
-  return extension == ".h5" || extension == ".hdf5";
-}
-
 std::size_t pointCount(const Tressel::Grid& grid) {
   std::size_t n = 0;
   if (auto positions = grid.CartesianPositions())
@@ -123,37 +118,12 @@ void finish(const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, std::size
   }
 }
 
-Cloud loadBundle(const std::string& path) {
-  Tressel::Bundle bundle;
-  if (!bundle.bindTo(path))
-    throw Error(bundle.lastError());
-  const auto ids = bundle.getGridIdentifiers();
-  if (ids.empty())
-    throw Error(path + ": the bundle holds no grid");
-  return {(*bundle.findSlice(ids.front().time))[ids.front().grid]};
-}
-
-void saveBundle(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid) {
-  Tressel::Bundle bundle;
-  // The base policy writes every field as it is: positions stay double, so a bundle keeps the
-  // coordinates of the file it came from.
-  if (!bundle.bindToNew(path, std::make_shared<Tressel::StorageTransformations>()))
-    throw Error(bundle.lastError());
-  bundle[0.0]->setGrid(grid->Name().empty() ? "cloud" : grid->Name(), grid);
-  if (!bundle.save())
-    throw Error(bundle.lastError());
-}
-
 } // namespace
 
 Cloud Host::load(const std::string& path, const std::set<std::string>& only) const {
   const auto shown = progress("read " + path);
   Cloud cloud;
-  if (isBundle(path)) {
-    cloud = loadBundle(path);
-  } else {
-    cloud = {Las::read(path, common_.fragmentPoints, shown, only).grid};
-  }
+  cloud.grid = Files::load(path, common_.fragmentPoints, shown, only);
   finish(shown, pointCount(*cloud.grid));
   return cloud;
 }
@@ -161,10 +131,7 @@ Cloud Host::load(const std::string& path, const std::set<std::string>& only) con
 void Host::save(const std::string& path, const Cloud& cloud,
                 const Las::WriteOptions& options) const {
   const auto shown = progress("write " + path);
-  if (isBundle(path))
-    saveBundle(path, cloud.grid);
-  else
-    Las::write(path, *cloud.grid, options, shown);
+  Files::save(path, cloud.grid, options, shown);
   finish(shown, pointCount(*cloud.grid));
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "basalt/LoaderProgress.hpp"
+#include "io/files.hpp"
 #include "io/las.hpp"
 #include "tressel/Grid.hpp"
 
@@ -48,8 +49,7 @@ struct Cloud {
 // three axes, or X,Y,Z.
 void addWriteOptions(CLI::App& app, Las::WriteOptions& options);
 
-// Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
-bool isBundle(const std::string& path);
+using Files::isBundle;
 
 std::size_t pointCount(const Tressel::Grid& grid);
 

@@ -20,6 +20,7 @@
 
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
+#include "quorvel/features/features.hpp"
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/metadata/metadata.hpp"
 #include "quorvel/spatial/spatial.hpp"

@@ -4,6 +4,7 @@
 
 #include "cli/checks.hpp"
 #include "cli/host.hpp"
+#include "quorvel/features/features.hpp"
 #include "vantor/MultiRange.hpp"
 #include "vantor/PhysicalSpace.hpp"
 
@@ -78,6 +79,17 @@ std::unique_ptr<Command> makePipeline();
 void checkPipeline(const std::string& path);
 std::unique_ptr<Command> makeRegress();
 std::unique_ptr<Command> makeRelHeight();
+std::unique_ptr<Command> makeShapeFactors();
+std::unique_ptr<Command> makeWeights();
+std::unique_ptr<Command> makeReduce();
+
+// The options of shape factors and of reduction weights, shared by the commands that compute
+// them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages
+// become an Error.
+void addShapeFactorOptions(CLI::App& app, ShapeFactorComputationParameterBox& box);
+void computeShapeFactors(Cloud& cloud, const Host& host, ShapeFactorComputationParameterBox& box);
+void addWeightOptions(CLI::App& app, PointCloudReductionParameterBox& box);
+void computeWeights(Cloud& cloud, const Host& host, PointCloudReductionParameterBox& box);
 
 // ---- Binding helpers for parameter-box fields ---------------------------------------------
 

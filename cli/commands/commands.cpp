@@ -16,6 +16,10 @@ const std::vector<CommandEntry>& commands() {
       {"regress", "classes by the distance from local planes, in rounds (ground growing)",
        makeRegress},
       {"relheight", "height above the lowest point and share below, in x-y squares", makeRelHeight},
+      {"shapefactors", "planarity, linearity, sphericity and normals of every point",
+       makeShapeFactors},
+      {"weights", "how much every point matters when thinning (from shape factors)", makeWeights},
+      {"reduce", "thin a cloud to the points of highest weight", makeReduce},
   };
   return table;
 }

@@ -185,6 +185,24 @@ StrongPtr<Grid> PointCloudBuilder::build(const Partition& partition,
 FragmentArrays::FragmentArrays(std::vector<std::size_t> fragmentSizes)
     : sizes_(std::move(fragmentSizes)) {}
 
+std::vector<std::uint8_t*> FragmentArrays::addField(const std::string& name,
+                                                    const std::string& typeName) {
+  auto make = [&](std::size_t size) {
+    auto array = MemBase::create(1, typeName, {size});
+    if (!array)
+      throw std::invalid_argument("field \"" + name + "\": no arrays of " + typeName);
+    return array;
+  };
+  Column column{name, {}, make(0)};
+  std::vector<std::uint8_t*> out;
+  for (std::size_t size : sizes_) {
+    column.arrays.push_back(make(size));
+    out.push_back(static_cast<std::uint8_t*>(column.arrays.back()->myChunk()->rawData()));
+  }
+  columns_.push_back(std::move(column));
+  return out;
+}
+
 StrongPtr<Grid> FragmentArrays::build(const std::string& gridName) const {
   return makeCloud(
       gridName, sizes_.size(), columns_.size(),

@@ -6,6 +6,7 @@
 #include "tressel/MemArray.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -105,6 +106,11 @@ public:
     columns_.push_back(std::move(column));
     return out;
   }
+
+  // The same for an element type known by name at run time (any type registered with
+  // MemBase::registerCreator): byte pointers to the arrays, one per fragment. Throws
+  // std::invalid_argument for a type without a maker.
+  std::vector<std::uint8_t*> addField(const std::string& name, const std::string& typeName);
 
   StrongPtr<Grid> build(const std::string& gridName = "PointCloud") const;
 

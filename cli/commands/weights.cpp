@@ -1,0 +1,44 @@
+// quorvel weights: how much every point matters when the cloud is thinned ("Weights"), from the
+// "Planarity" and "NormalVector" that `quorvel shapefactors --normals` writes.
+#include "cli/commands/command.hpp"
+#include "quorvel/features/features.hpp"
+
+namespace Quorvel::Cli {
+
+void addWeightOptions(CLI::App& app, PointCloudReductionParameterBox& box) {
+  app.add_option("--radius", box.radius, "start radius of the neighbour search (doubles to 5)")
+      ->capture_default_str()
+      ->check(positiveNumber());
+  app.add_option("--neighbours", box.neighbours, "nearest neighbours in a weight")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000000));
+}
+
+void computeWeights(Cloud& cloud, const Host& host, PointCloudReductionParameterBox& box) {
+  box.message.clear();
+  host.run("weights", pointCount(*cloud.grid),
+           [&] { computePointCloudReductionWeights(cloud.grid, box); });
+  if (!box.message.empty())
+    throw Error("weights: " + box.message);
+}
+
+namespace {
+
+class Weights final : public CloudCommand {
+public:
+  Weights() : CloudCommand("weights") {}
+
+  void addStageOptions(CLI::App& app) override { addWeightOptions(app, box_); }
+  void apply(Cloud& cloud, const Host& host) override { computeWeights(cloud, host, box_); }
+
+private:
+  PointCloudReductionParameterBox box_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeWeights() {
+  return std::make_unique<Weights>();
+}
+
+} // namespace Quorvel::Cli

@@ -1,0 +1,44 @@
+// Quorvel: point-cloud files of either kind.
+#include "io/files.hpp"
+
+#include "tressel/Bundle.hpp"
+
+#include <filesystem>
+
+namespace Quorvel::Files {
+
+bool isBundle(const std::string& path) {
+  const auto extension = std::filesystem::path(path).extension().string();
+  return extension == ".h5" || extension == ".hdf5";
+}
+
+Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragmentPoints,
+                                      const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
+                                      const std::set<std::string>& only) {
+  if (!isBundle(path))
+    return Las::read(path, fragmentPoints, progress, only).grid;
+  Tressel::Bundle bundle;
+  if (!bundle.bindTo(path))
+    throw Las::Error(bundle.lastError());
+  const auto ids = bundle.getGridIdentifiers();
+  if (ids.empty())
+    throw Las::Error(path + ": the bundle holds no grid");
+  return (*bundle.findSlice(ids.front().time))[ids.front().grid];
+}
+
+void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
+          const Las::WriteOptions& options,
+          const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  if (!isBundle(path))
+    return Las::write(path, *grid, options, progress);
+  Tressel::Bundle bundle;
+  // The base policy writes every field as it is: positions stay double, so a bundle keeps the
+  // coordinates of the file it came from.
+  if (!bundle.bindToNew(path, std::make_shared<Tressel::StorageTransformations>()))
+    throw Las::Error(bundle.lastError());
+  bundle[0.0]->setGrid(grid->Name().empty() ? "cloud" : grid->Name(), grid);
+  if (!bundle.save())
+    throw Las::Error(bundle.lastError());
+}
+
+} // namespace Quorvel::Files

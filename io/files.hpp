@@ -1,0 +1,30 @@
+// Quorvel: point-cloud files of either kind, LAS or bundle, told apart by their extension.
+#pragma once
+
+#include "io/las.hpp"
+
+#include "tressel/Grid.hpp"
+
+#include <set>
+#include <string>
+
+namespace Quorvel::Files {
+
+// Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
+bool isBundle(const std::string& path);
+
+// Reads the first grid of a bundle, or a LAS file as Las::read does (fragmentPoints and only
+// apply to LAS files). Throws Las::Error naming the file and the problem.
+Basalt::StrongPtr<Tressel::Grid>
+load(const std::string& path, std::size_t fragmentPoints = 0,
+     const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {},
+     const std::set<std::string>& only = {});
+
+// Writes a grid as a bundle (every field as it is, positions in double precision) or as LAS
+// (Las::write with options); the file is replaced only once completely written. Throws
+// Las::Error naming the file and the problem.
+void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
+          const Las::WriteOptions& options = {},
+          const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
+
+} // namespace Quorvel::Files

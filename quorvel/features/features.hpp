@@ -1,0 +1,128 @@
+// Quorvel: shape factors and cloud reduction. Shape factors describe every point's neighbourhood
+// by the eigenvalues of its second moments (planarity, linearity, sphericity and the normal), at
+// the scale that makes it most planar; reduction weights turn planarity and normals into how much
+// a point matters when the cloud is thinned; reduced clouds keep the points that matter most.
+#pragma once
+
+#include "basalt/LoaderProgress.hpp"
+#include "basalt/StrongPtr.hpp"
+#include "tressel/Grid.hpp"
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace Quorvel {
+
+// Settings of a shape-factor run and its result text.
+struct ShapeFactorComputationParameterBox {
+  // Number of scales; scale k (1 to maxstep) takes the neighbours whose squared distance is at
+  // most k * step, and the query reaches maxstep * step. 4 scales of 0.25: neighbourhoods of
+  // about 0.5 m to 1 m, which an airborne cloud of 5 to 30 points per square metre fills well.
+  std::uint32_t maxstep = 4;
+  // Scale increment (units of the positions; compared with squared distances).
+  double step = 0.25;
+  // 2: neighbours by x and y only; anything else: by x, y and z.
+  int dimension = 3;
+  // Return filters (see shapeFactorComputation); all off: every return takes part.
+  bool use_only_firstreturns = false;
+  bool use_only_singlereturns = false;
+  bool use_only_lastreturns = false;
+  // Points whose "Amplitude" (else "Intensity") is below this take no part; 0 or less: off.
+  double intensity_threshold = 0.0;
+  // Bounding boxes and the filter steps on standard output.
+  bool verbose = false;
+  // Chart of "Positions" and of every field read and written.
+  std::string chartname = "StandardCartesianChart3D";
+  // Also write "NormalVector", "Linearity", "Sphericity".
+  bool normalvector = false;
+  bool linearity = false;
+  bool sphericity = false;
+  // Messages of the run, returned by shapeFactorComputation.
+  std::string message;
+
+  // One line per field but the message, in order: "maxstep: ", "step: ", "dimension: ",
+  // "use first returns: ", "use single returns: ", "use last returns: ", "intensity threshold: ",
+  // "verbose: ", "chartname: ", "normalvector: ", "linearity: ", "sphericity: " and the value.
+  void print() const;
+};
+
+// Gives every selected point of every fragment "Planarity" (float) and, on request, "Linearity",
+// "Sphericity" (float) and "NormalVector" (unit, z >= 0). One radius query per point (radius
+// maxstep * step, 2-D or 3-D tree of the selected points over the fragment's box enlarged 1.1
+// times) serves every scale; scale k moments d d^T about the point over the first n_k neighbours
+// in distance order beyond the near-duplicates (squared distance below 0.0001), n_k counting
+// every neighbour with squared distance <= k * step; the most planar scale wins, the smallest on
+// ties. Return filter: with "LastReturn", last returns (value 1) and/or returns of more than one
+// (value above 1); else with "ReturnNumber" and "NumberOfReturns", the union of last, first and
+// single returns asked for. Points filtered out are no one's neighbours and keep 0 (no normal
+// written). Messages are printed after "ShapeFactorComputation: " and returned; a missing chart,
+// representation or "Positions" ends the run, a missing box or filter array skips its fragment.
+// progress is accepted and not used.
+std::string shapeFactorComputation(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                   ShapeFactorComputationParameterBox& box,
+                                   const Basalt::StrongPtr<Basalt::LoaderProgress>& progress);
+
+// Settings of a reduction-weight run, its per-fragment statistics and its result text.
+struct PointCloudReductionParameterBox {
+  // Messages of the run.
+  std::string message;
+  // Start radius of the neighbour search; it doubles until K + 1 entries are found or it reaches
+  // 5.0. 0.5 m holds about 8 neighbours in an airborne cloud of 10 points per square metre.
+  double radius = 0.5;
+  // K: the number of nearest neighbours that enter a weight (1 or more).
+  int neighbours = 8;
+  // One entry per fragment processed, by this call and earlier calls with the same box: the
+  // fragment's largest and median weight. They are never emptied, so a reused box lets earlier
+  // fragments enter the maximum and the median.
+  std::vector<float> fragmentMaxWeights;
+  std::vector<float> fragmentMedianWeights;
+
+  // "radius: " and "neighbours: " lines.
+  void print() const;
+};
+
+// Gives every point "Weights" (float): -1 for planarity below 0.001 or no neighbour, otherwise
+// (S_d / K) (S_n + S_p) + S_m + S_d + S_t over its first K neighbours in distance order (S_d the
+// squared distances, S_t the squared offsets from its tangent plane, S_n the squared changes of
+// unit upward normal, S_m the squared offsets along the summed normals, S_p the planarity
+// changes); repeated queries of a growing radius add their neighbours again. All weights are then
+// divided by the median of the fragments' median weights. Needs "Planarity" and "NormalVector"
+// (shapeFactorComputation with normalvector). Messages go to standard output after
+// "PointCloudReductionWithWeights: " and to box.message; returns an empty string.
+std::string computePointCloudReductionWeights(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                              PointCloudReductionParameterBox& box);
+
+// Settings of a thinning by "Weights".
+struct PointCloudSizeReductionParameterBox {
+  // Share of each fragment's points kept, those of highest weight first (0 to 1). Used when
+  // threshold is not set.
+  double keep = 0.25;
+  // Keep the points whose normalised weight is at least this instead of a share; NaN: unset.
+  double threshold = std::numeric_limits<double>::quiet_NaN();
+  // Also keep every point marked negative (no smooth surface around it: edges, isolated points,
+  // rough places), which a share or threshold alone would drop first.
+  bool keep_unweighted = true;
+  // Messages of the run.
+  std::string message;
+
+  // "keep: ", "threshold: ", "keep unweighted: " lines.
+  void print() const;
+};
+
+// The points of grid that the box keeps, in a new grid: every per-point field of the
+// "StandardCartesianChart3D" representation with the kept points in their order, one fragment per
+// fragment of grid, and grid's attributes (so a LAS origin travels along). Empty, with the reason
+// in box.message, when grid has no positions or no "Weights" laid out like them.
+Basalt::StrongPtr<Tressel::Grid> reducedPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                                   PointCloudSizeReductionParameterBox& box);
+
+// Writes reducedPointCloud(grid, box) to path: a bundle for ".h5" and ".hdf5", LAS otherwise, the
+// file replaced only once completely written. Returns "reduced <in> points to <kept> (<share>%)"
+// on success; on failure "ERROR: " and the reason, also appended to box.message.
+std::string reduceSizeOfPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                   PointCloudSizeReductionParameterBox& box,
+                                   const std::string& path);
+
+} // namespace Quorvel

@@ -1,0 +1,278 @@
+// Quorvel: shape factors of point clouds. Per fragment: the points that the return and intensity
+// filters select, a tree of them over the fragment's enlarged box, and per point one radius query
+// whose ordered neighbours serve every scale.
+#include "quorvel/core/core.hpp"
+#include "quorvel/features/detail/shape.hpp"
+#include "quorvel/features/features.hpp"
+#include "quorvel/spatial/spatial.hpp"
+#include "quorvel/terrain/detail/kernels.hpp"
+
+#include "basalt/Text.hpp"
+
+#include <algorithm>
+#include <omp.h>
+
+namespace Quorvel {
+
+using Box = ShapeFactorComputationParameterBox;
+using Vantor::PhysicalSpace::vector;
+
+void ShapeFactorComputationParameterBox::print() const {
+  printField("maxstep: ", maxstep);
+  printField("step: ", step);
+  printField("dimension: ", dimension);
+  printField("use first returns: ", use_only_firstreturns);
+  printField("use single returns: ", use_only_singlereturns);
+  printField("use last returns: ", use_only_lastreturns);
+  printField("intensity threshold: ", intensity_threshold);
+  printField("verbose: ", verbose);
+  printField("chartname: ", chartname);
+  printField("normalvector: ", normalvector);
+  printField("linearity: ", linearity);
+  printField("sphericity: ", sphericity);
+}
+
+namespace {
+
+// The fields of one run, found once.
+struct Fields {
+  StrongPtr<Field> positions, intensity, lastReturn, returnNumber, numberOfReturns;
+  StrongPtr<Field> planarity, linearity, sphericity, normal;
+};
+
+// One bit per point, bit i % 32 of word i / 32.
+class Mask {
+public:
+  explicit Mask(std::size_t n) : words_((n + 31) / 32, ~0u) {}
+  bool test(std::size_t i) const { return (words_[i / 32] >> (i % 32)) & 1u; }
+  void set(std::size_t i) { words_[i / 32] |= 1u << (i % 32); }
+  void clear(std::size_t i) { words_[i / 32] &= ~(1u << (i % 32)); }
+  void clearAll() { std::fill(words_.begin(), words_.end(), 0u); }
+
+private:
+  std::vector<std::uint32_t> words_;
+};
+
+// The fragment's array of a field when it holds T for every point; empty otherwise.
+template <class T>
+StrongPtr<MemArray<1, T>> pointArray(const StrongPtr<Field>& field, const FragmentSlot& slot,
+                                     std::size_t n) {
+  auto array = field ? fragmentArray<T>(*field, slot) : nullptr;
+  return array && array->size() == n ? array : nullptr;
+}
+
+// Clears the bits of the points that the return filter leaves out; false (reported) when a
+// filter array is missing or of another type.
+bool filterReturns(const Fields& f, const FragmentSlot& slot, const Box& box, Mask& mask,
+                   std::size_t n, Messages& log) {
+  if (box.verbose)
+    Basalt::Console() << "parameterbox.use_only_lastreturns or parameterbox.use_only_singlereturns";
+  if (f.lastReturn) {
+    const auto last = pointArray<unsigned char>(f.lastReturn, slot, n);
+    if (!last)
+      return log.report("ERROR: no m_lastreturn"), false;
+    // First returns cannot be told from this field alone, so that flag has no effect here.
+    for (std::size_t i = 0; i < n; ++i)
+      if ((box.use_only_lastreturns && (*last)[i] == 0) ||
+          (box.use_only_singlereturns && (*last)[i] <= 1))
+        mask.clear(i);
+    return true;
+  }
+  if (!f.returnNumber || !f.numberOfReturns)
+    return true;
+  const auto rn = pointArray<unsigned char>(f.returnNumber, slot, n);
+  if (!rn)
+    return log.report("ERROR: no m_returnnumber"), false;
+  const auto nr = pointArray<unsigned char>(f.numberOfReturns, slot, n);
+  if (!nr)
+    return log.report("ERROR: no m_numberofreturns"), false;
+  mask.clearAll();
+  for (std::size_t i = 0; i < n; ++i)
+    if ((box.use_only_lastreturns && (*rn)[i] == (*nr)[i]) ||
+        (box.use_only_firstreturns && (*rn)[i] < 2) || (box.use_only_singlereturns && (*nr)[i] < 2))
+      mask.set(i);
+  return true;
+}
+
+// Clears the bits of the points whose intensity lies below the threshold (equal values stay).
+bool filterIntensity(const Fields& f, const FragmentSlot& slot, const Box& box, Mask& mask,
+                     std::size_t n, Messages& log) {
+  if (box.verbose)
+    Basalt::Console() << "parameterbox.intensity_threshold: " << box.intensity_threshold;
+  if (!f.intensity)
+    return log.report("ERROR: no f_intensity"), false;
+  const auto values = pointArray<unsigned short>(f.intensity, slot, n);
+  if (!values)
+    return log.report("ERROR: no m_intensity"), false;
+  for (std::size_t i = 0; i < n; ++i)
+    if (static_cast<double>((*values)[i]) < box.intensity_threshold)
+      mask.clear(i);
+  return true;
+}
+
+// The fragment's box grown about its centre to 1.1 times its extent on every axis (a copy: the
+// stored box stays as it is).
+StrongPtr<BoundingBox> enlargedBox(const FragmentSlot& slot, const Box& box) {
+  const auto stored = fragmentBBox(slot);
+  if (!stored)
+    return nullptr;
+  auto grown = std::make_shared<BoundingBox>(*stored);
+  if (!grown->empty()) {
+    const point c = grown->center();
+    const vector e = grown->extent();
+    grown->setCorners(point(c.x - 0.55 * e.x, c.y - 0.55 * e.y, c.z - 0.55 * e.z),
+                      point(c.x + 0.55 * e.x, c.y + 0.55 * e.y, c.z + 0.55 * e.z));
+    grown->expand(*stored);
+    grown->updateBall();
+    if (box.verbose)
+      for (const point& p : {grown->min(), grown->max()})
+        Basalt::Console::write(Basalt::format("%.3f,%.3f,%.3f\n", p.x, p.y, p.z));
+  }
+  return grown;
+}
+
+// The result arrays of one fragment; arrays reused from an earlier run start from zero again.
+struct Outputs {
+  Outputs(const Fields& f, const Box& box, const StrongPtr<FragmentID>& id, std::size_t n)
+      : planarity(f.planarity, id, n), linearity(f.linearity, id, box.linearity ? n : 0),
+        sphericity(f.sphericity, id, box.sphericity ? n : 0),
+        normal(f.normal, id, box.normalvector ? n : 0) {
+    zeroIfReused(planarity);
+    zeroIfReused(linearity);
+    zeroIfReused(sphericity);
+    zeroIfReused(normal);
+  }
+  template <class T>
+  static void zeroIfReused(FragmentOutput<T>& out) {
+    if (out.reused())
+      std::fill(out.data(), out.data() + out.size(), T{});
+  }
+  void commit(const Box& box) {
+    planarity.commit();
+    if (box.linearity)
+      linearity.commit();
+    if (box.sphericity)
+      sphericity.commit();
+    if (box.normalvector)
+      normal.commit();
+  }
+
+  FragmentOutput<float> planarity, linearity, sphericity;
+  FragmentOutput<vector> normal;
+};
+
+// Every selected point of the fragment, in static blocks of n / threads points.
+template <int D>
+void computePoints(const point* positions, std::size_t n, const Mask& mask, const BoundingBox& bbox,
+                   const Box& box, Outputs& out, int threads) {
+  Tarrow::OcTreeStd<unsigned, point, D> tree(bbox.min(), bbox.max(), 64);
+  for (std::size_t i = 0; i < n; ++i)
+    if (mask.test(i))
+      tree.insert(positions[i], static_cast<unsigned>(i));
+  const double radius = static_cast<double>(box.maxstep) * box.step;
+  omp_set_dynamic(0);
+#pragma omp parallel num_threads(threads)
+  {
+    const auto [begin, end] =
+        detail::staticBlock(n, static_cast<std::size_t>(omp_get_num_threads()),
+                            static_cast<std::size_t>(omp_get_thread_num()));
+    detail::SortedNeighbours neighbours;
+    for (std::size_t i = begin; i < end; ++i) {
+      if (!mask.test(i))
+        continue;
+      tree.getEuclideanRangeSorted(positions[i], radius, neighbours);
+      const detail::PointShape s =
+          detail::shapeOfPoint(positions, positions[i], neighbours, box.maxstep, box.step);
+      out.planarity[i] = s.planarity;
+      if (box.linearity)
+        out.linearity[i] = s.linearity;
+      if (box.sphericity)
+        out.sphericity[i] = s.sphericity;
+      if (box.normalvector)
+        out.normal[i] = s.normal;
+    }
+  }
+}
+
+// One fragment: box, filters, tree, points, hand-over.
+void computeFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages& log,
+                     FragmentProgress& progress, int threads) {
+  const auto xyz = fragmentArray<point>(*f.positions, slot);
+  if (!xyz)
+    return log.report("ERROR: no m_vertices");
+  const std::size_t n = xyz->size();
+  const auto bbox = enlargedBox(slot, box);
+  if (!bbox)
+    return log.report("ERROR, no fragment_bbox found");
+  Mask mask(n);
+  const bool returns =
+      box.use_only_firstreturns || box.use_only_singlereturns || box.use_only_lastreturns;
+  if (returns && !filterReturns(f, slot, box, mask, n, log))
+    return;
+  if (box.intensity_threshold > 0 && !filterIntensity(f, slot, box, mask, n, log))
+    return;
+  if (box.verbose)
+    Basalt::Console() << "computePlanarity";
+  Outputs out(f, box, slot.id, n);
+  if (box.dimension == 2)
+    computePoints<2>(xyz->data(), n, mask, *bbox, box, out, threads);
+  else
+    computePoints<3>(xyz->data(), n, mask, *bbox, box, out, threads);
+  out.commit(box);
+  progress.step();
+}
+
+} // namespace
+
+std::string shapeFactorComputation(const StrongPtr<Grid>& grid, Box& box,
+                                   const StrongPtr<Basalt::LoaderProgress>&) {
+  Messages log("ShapeFactorComputation: ", &box.message);
+  const std::string& chart = box.chartname;
+  if (!findChart(grid, log, "ERROR: no chart " + chart + " found", chart))
+    return box.message;
+  const auto rep =
+      findRepresentation(grid, log, "ERROR: no representation " + chart + " found", chart);
+  if (!rep)
+    return box.message;
+  Fields f;
+  if (!(f.positions = findPositions(grid, log, "ERROR: no f_vertices", chart)))
+    return box.message;
+  f.intensity = findOptionalField(grid, "Amplitude", chart);
+  if (!f.intensity)
+    f.intensity = findOptionalField(grid, "Intensity", chart);
+  f.returnNumber = findOptionalField(grid, "ReturnNumber", chart);
+  f.numberOfReturns = findOptionalField(grid, "NumberOfReturns", chart);
+  f.lastReturn = findOptionalField(grid, "LastReturn", chart);
+  f.planarity = outputField<float>(*rep, "Planarity");
+  if (box.linearity)
+    f.linearity = outputField<float>(*rep, "Linearity");
+  if (box.sphericity)
+    f.sphericity = outputField<float>(*rep, "Sphericity");
+  if (box.normalvector)
+    f.normal = outputField<vector>(*rep, "NormalVector");
+  // An output name already taken by a field of another element type ends the run.
+  for (const auto& [field, name, asked] : {std::tuple{f.planarity, "Planarity", true},
+                                           {f.linearity, "Linearity", box.linearity},
+                                           {f.sphericity, "Sphericity", box.sphericity},
+                                           {f.normal, "NormalVector", box.normalvector}})
+    if (asked && !field) {
+      log.report(std::string("ERROR: field ") + name + " exists with another element type");
+      return box.message;
+    }
+
+  const std::vector<FragmentSlot> fragments = fragmentsOf(*f.positions);
+  // Threads go to the fragments first; what one fragment's share leaves goes to its points.
+  const int threads = maximumThreadsMinusOne();
+  const int outer = static_cast<int>(std::min<std::size_t>(
+      static_cast<std::size_t>(threads), std::max<std::size_t>(1, fragments.size())));
+  const int inner = std::max(1, threads / outer);
+  if (inner > 1)
+    omp_set_max_active_levels(std::max(omp_get_max_active_levels(), 2));
+  FragmentProgress progress(fragments.size(), "shapeFactorComputation: compute ", "       \r");
+  forEachFragment(fragments.size(), outer, log, [&](std::size_t k) {
+    computeFragment(f, fragments[k], box, log, progress, inner);
+  });
+  return box.message;
+}
+
+} // namespace Quorvel

@@ -1,0 +1,153 @@
+// Quorvel: reduction weights of point clouds. A first pass weighs fragment after fragment and
+// notes each fragment's largest and median weight; a second pass divides every weight by the
+// median of the fragments' medians, so that a typical point weighs about 1.
+#include "quorvel/features/detail/weights.hpp"
+#include "quorvel/core/core.hpp"
+#include "quorvel/features/features.hpp"
+#include "quorvel/spatial/spatial.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Quorvel {
+
+using Box = PointCloudReductionParameterBox;
+using Vantor::PhysicalSpace::vector;
+
+void PointCloudReductionParameterBox::print() const {
+  printField("radius: ", radius);
+  printField("neighbours: ", neighbours);
+}
+
+namespace {
+
+// The point loops of both passes: dynamic schedule in chunks of 25000 points.
+template <class Body>
+void forEachPoint(std::size_t n, const Body& body) {
+  const long long count = static_cast<long long>(n);
+#pragma omp parallel for schedule(dynamic, 25000) num_threads(maximumThreadsMinusOne())
+  for (long long i = 0; i < count; ++i)
+    body(static_cast<std::size_t>(i));
+}
+
+struct Fields {
+  StrongPtr<Field> positions, normals, planarity, weights;
+};
+
+// The fragment's normals, unit length where they have one and turned upward.
+std::vector<vector> upwardNormals(const MemArray<1, vector>& normals) {
+  std::vector<vector> out(normals.data(), normals.data() + normals.size());
+  forEachPoint(out.size(), [&](std::size_t i) {
+    vector& v = out[i];
+    const double length2 = v.x * v.x + v.y * v.y + v.z * v.z;
+    if (length2 > 0)
+      v = v * (1.0 / std::sqrt(length2));
+    if (v.z < 0)
+      v = -v;
+  });
+  return out;
+}
+
+// The weight at index n / 2 of the sorted weights.
+float medianOf(std::vector<float> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+// The first pass over one fragment: its weights, stored, and its largest and median weight
+// noted in the box.
+void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages& log) {
+  const auto xyz = fragmentArray<point>(*f.positions, slot);
+  const auto normals = fragmentArray<vector>(*f.normals, slot);
+  const auto planarity = fragmentArray<float>(*f.planarity, slot);
+  if (!xyz || !normals || !planarity || normals->size() != xyz->size() ||
+      planarity->size() != xyz->size())
+    return log.report("ERROR: no m_vertices, m_normalvector or m_planarity");
+  const auto bbox = xyz->size() > 0 ? fragmentBBox(slot) : nullptr;
+  if (!bbox)
+    return log.report("ERROR, no fragment_bbox");
+  Tarrow::OcTreeStd<unsigned, point, 3> tree(bbox->min(), bbox->max(), 64);
+  const std::size_t n = xyz->size();
+  for (std::size_t i = 0; i < n; ++i)
+    tree.insert((*xyz)[i], static_cast<unsigned>(i));
+  const std::vector<vector> upward = upwardNormals(*normals);
+  const detail::WeightInputs in{xyz->data(),       upward.data(),
+                                planarity->data(), tree,
+                                box.radius,        static_cast<std::size_t>(box.neighbours)};
+  FragmentOutput<float> weights(f.weights, slot.id, n);
+  float* w = weights.data();
+#pragma omp parallel num_threads(maximumThreadsMinusOne())
+  {
+    detail::WeightScratch scratch;
+#pragma omp for schedule(dynamic, 25000)
+    for (long long i = 0; i < static_cast<long long>(n); ++i)
+      w[i] = detail::weightOfPoint(in, static_cast<std::size_t>(i), scratch);
+  }
+  box.fragmentMaxWeights.push_back(*std::max_element(w, w + n));
+  weights.commit();
+  box.fragmentMedianWeights.push_back(medianOf(std::vector<float>(w, w + n)));
+}
+
+// The second pass: every fragment's weights divided by the median.
+void normalise(const Fields& f, const std::vector<FragmentSlot>& fragments, float median,
+               Messages& log) {
+  for (const FragmentSlot& slot : fragments) {
+    const auto weights = fragmentArray<float>(*f.weights, slot);
+    if (!weights) {
+      log.report("ERROR: no m_weight found");
+      continue;
+    }
+    FragmentOutput<float> out(f.weights, slot.id, weights->size()); // in place
+    float* w = out.data();
+    forEachPoint(out.size(), [&](std::size_t i) { w[i] /= median; });
+    out.commit();
+  }
+}
+
+} // namespace
+
+std::string computePointCloudReductionWeights(const StrongPtr<Grid>& grid, Box& box) {
+  Messages log("PointCloudReductionWithWeights: ", &box.message);
+  Fields f;
+  if (!(f.positions = findPositions(grid, log, "ERROR: no f_vertices")) ||
+      !(f.normals = findField(grid, "NormalVector", log, "ERROR: no f_normalvector")) ||
+      !(f.planarity = findField(grid, "Planarity", log, "ERROR: no f_planarity")))
+    return "";
+  if (box.neighbours < 1) {
+    log.report("ERROR: neighbours must be at least 1");
+    return "";
+  }
+  if (!(f.weights = outputField<float>(grid, "Weights"))) {
+    log.report("ERROR: field Weights exists with another element type");
+    return "";
+  }
+  const std::vector<FragmentSlot> fragments = fragmentsOf(*f.positions);
+  std::size_t counter = 0;
+  for (const FragmentSlot& slot : fragments) {
+    Basalt::Console::write("_____ computing frag no. " + std::to_string(++counter) + " / " +
+                           std::to_string(fragments.size()) + "\r");
+    weighFragment(f, slot, box, log);
+  }
+  if (box.fragmentMedianWeights.empty()) {
+    log.report("ERROR: no fragment could be weighted");
+    return "";
+  }
+  Basalt::Console() << "max weight: "
+                    << *std::max_element(box.fragmentMaxWeights.begin(),
+                                         box.fragmentMaxWeights.end());
+  std::vector<float> medians = box.fragmentMedianWeights;
+  std::sort(medians.begin(), medians.end());
+  const float median = medians[medians.size() / 2];
+  Basalt::Console() << "median weight: " << median;
+  // A zero median (most points weigh 0: sparse or perfectly flat ground) would turn every weight
+  // into an infinity; the weights then stay as computed.
+  if (median == 0.0f || !std::isfinite(median)) {
+    log.report("ERROR: median weight 0, weights left unnormalised");
+    return "";
+  }
+  normalise(f, fragments, median, log);
+  return "";
+}
+
+} // namespace Quorvel
