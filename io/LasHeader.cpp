@@ -394,6 +394,35 @@ std::vector<ExtraField> extraFields(const ExtraBytes& extra) {
   return words;
 }
 
+std::array<std::string, 3> componentNames(const std::string& field) {
+  const std::string suffix = "Vector";
+  const bool named = field.size() > suffix.size() && field.ends_with(suffix);
+  const std::string stem = named ? field.substr(0, field.size() - suffix.size()) : field;
+  return {stem + "X", stem + "Y", stem + "Z"};
+}
+
+int VectorDims::component(std::size_t i) const {
+  const auto found = std::find(at.begin(), at.end(), i);
+  return found == at.end() ? -1 : static_cast<int>(found - at.begin());
+}
+
+std::optional<VectorDims> normalsOf(const std::vector<ExtraBytes>& extras) {
+  const auto names = componentNames(NormalField);
+  VectorDims dims;
+  dims.at.fill(extras.size());
+  for (std::size_t i = 0; i < extras.size(); ++i) {
+    const ExtraBytes& e = extras[i];
+    if (e.name == NormalField)
+      return std::nullopt;
+    const auto c = std::find(names.begin(), names.end(), e.name) - names.begin();
+    if (c < 3 && (e.dataType == 9 || e.dataType == 10))
+      dims.at[static_cast<std::size_t>(c)] = i;
+  }
+  if (std::count(dims.at.begin(), dims.at.end(), extras.size()) > 0)
+    return std::nullopt;
+  return dims;
+}
+
 std::string describe(const std::string& path, const std::vector<std::string>& problems) {
   std::string all = path + ":";
   for (std::size_t i = 0; i < problems.size(); ++i)

@@ -84,9 +84,16 @@ std::vector<FieldPlan> fieldsOf(const FileInfo& info, bool tiled) {
   std::vector<FieldPlan> out{{Tressel::PositionsFieldName, "point"}};
   for (const Dim& d : dims(f))
     out.push_back({d.name, kindName(d.kind)});
-  for (const ExtraBytes& e : info.extraBytes)
-    for (const ExtraField& x : extraFields(e))
+  const auto normals = normalsOf(info.extraBytes);
+  for (std::size_t i = 0; i < info.extraBytes.size(); ++i) {
+    const int c = normals ? normals->component(i) : -1;
+    if (c == 0)
+      out.push_back({NormalField, "vector"});
+    if (c >= 0)
+      continue;
+    for (const ExtraField& x : extraFields(info.extraBytes[i]))
       out.push_back({x.name, kindName(x.kind)});
+  }
   out.push_back({"ScanAngle", "float32"});
   out.push_back({"LastReturn", "uint8"});
   if (tiled)
@@ -102,26 +109,29 @@ namespace {
 
 using namespace detail;
 
+// Byte pointers to the arrays of a field, skip bytes into each.
+template <class T>
+std::vector<std::uint8_t*> bytesOf(const std::vector<T*>& arrays, std::size_t skip = 0) {
+  std::vector<std::uint8_t*> out;
+  for (T* p : arrays)
+    out.push_back(reinterpret_cast<std::uint8_t*>(p) + skip);
+  return out;
+}
+
 // Allocates the arrays of a field of the given kind; byte pointers to them, one per fragment.
 std::vector<std::uint8_t*> addOfKind(Tressel::FragmentArrays& cloud, const std::string& name,
                                      Kind kind) {
-  auto bytes = [](auto pointers) {
-    std::vector<std::uint8_t*> out;
-    for (auto* p : pointers)
-      out.push_back(reinterpret_cast<std::uint8_t*>(p));
-    return out;
-  };
   return Tressel::withScalar(kind,
-                             [&](auto v) { return bytes(cloud.addField<decltype(v)>(name)); });
+                             [&](auto v) { return bytesOf(cloud.addField<decltype(v)>(name)); });
 }
 
 // One value copied from the record into a field: bits of a byte, or a whole number of bytes.
 struct Copy {
   int from;  // offset in the record
-  int size;  // bytes; 0 for bits
+  int size;  // bytes; 0 for bits; -4 or -8 for a float32 or float64 into a component of a vector
   int shift; // bits: position
   std::uint8_t mask;
-  std::vector<std::uint8_t*> to; // per fragment
+  std::vector<std::uint8_t*> to; // per fragment; for a component, its first double
 };
 
 // Everything the decoding loop writes, per fragment.
@@ -147,13 +157,30 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
       plan.copies.push_back({d.offset, d.bits > 0 ? 0 : kindSize(d.kind), d.shift,
                              static_cast<std::uint8_t>((1 << d.bits) - 1),
                              addOfKind(cloud, d.name, d.kind)});
-  int at = format(f).length;
-  for (const ExtraBytes& e : info.extraBytes) {
-    for (const ExtraField& x : extraFields(e))
+  const auto& extras = info.extraBytes;
+  std::vector<int> starts; // of each extra-bytes dimension in the record
+  for (int at = format(f).length; const ExtraBytes& e : extras) {
+    starts.push_back(at);
+    at += e.size;
+  }
+  // Normals become one field of vectors, in the place of their x component.
+  const auto normals = normalsOf(extras);
+  for (std::size_t i = 0; i < extras.size(); ++i) {
+    const int c = normals ? normals->component(i) : -1;
+    if (c == 0 && wanted(NormalField)) {
+      const auto vectors = cloud.addField<Vantor::PhysicalSpace::vector>(NormalField);
+      for (std::size_t k = 0; k < 3; ++k) {
+        const ExtraBytes& e = extras[normals->at[k]];
+        plan.copies.push_back(
+            {starts[normals->at[k]], -e.size, 0, 0, bytesOf(vectors, sizeof(double) * k)});
+      }
+    }
+    if (c >= 0)
+      continue;
+    for (const ExtraField& x : extraFields(extras[i]))
       if (wanted(x.name))
         plan.copies.push_back(
-            {at + x.offset, kindSize(x.kind), 0, 0, addOfKind(cloud, x.name, x.kind)});
-    at += e.size;
+            {starts[i] + x.offset, kindSize(x.kind), 0, 0, addOfKind(cloud, x.name, x.kind)});
   }
   if (wanted("ScanAngle"))
     plan.scanAngle = cloud.addField<float>("ScanAngle");
@@ -230,8 +257,18 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
       case 4:
         std::memcpy(out + 4 * j, r + c.from, 4);
         break;
-      default:
+      case 8:
         std::memcpy(out + 8 * j, r + c.from, 8);
+        break;
+      case -4: { // a vector component of three doubles
+        float value;
+        std::memcpy(&value, r + c.from, 4);
+        const double wide = value;
+        std::memcpy(out + 24 * j, &wide, 8);
+        break;
+      }
+      default:
+        std::memcpy(out + 24 * j, r + c.from, 8);
         break;
       }
     }

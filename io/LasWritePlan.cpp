@@ -41,7 +41,7 @@ std::optional<Source> sourceOf(const Tressel::Grid& grid, const std::string& nam
   auto field = grid(Tressel::StandardCartesianChart3D, name);
   if (!field || !field->getElementType())
     return std::nullopt;
-  Source s{name, field->getElementType()->name(), {}};
+  Source s{name, field->getElementType()->name(), {}, -1};
   std::size_t k = 0;
   field->iterate([&](const auto&, const auto& creator) {
     const auto data = creator ? creator->peekData() : nullptr;
@@ -115,6 +115,114 @@ std::vector<std::uint64_t> fileOrder(const Tressel::Grid& grid, const Layout& la
       place = std::move(values);
   }
   return place;
+}
+
+// The extra-bytes dimensions planned so far, with the sources of their fields (as
+// WritePlan::extraSources), and the names of the fields they write.
+struct Extras {
+  std::vector<ExtraBytes> dims;
+  std::vector<std::vector<Source>> sources;
+  std::set<std::string> used = recordNames();
+
+  void add(const ExtraBytes& e, std::vector<Source> of) {
+    for (const Source& s : of)
+      used.insert(s.name);
+    dims.push_back(e);
+    sources.push_back(std::move(of));
+  }
+};
+
+// Component c of a field of vectors.
+Source componentOf(Source vectors, int c) {
+  vectors.component = c;
+  for (const std::uint8_t*& p : vectors.fragments)
+    p += sizeof(double) * static_cast<std::size_t>(c);
+  return vectors;
+}
+
+// The origin's dimensions whose fields the grid still has, with their descriptors. Its normals
+// are the components of NormalField when the grid has that and no fields of their own names, so
+// that normals read from a file are written back as they were, float64 ones too.
+void keepExtras(Extras& extras, const std::vector<ExtraBytes>& origin, const Tressel::Grid& grid,
+                const Layout& layout, const std::string& path) {
+  const auto normals = normalsOf(origin);
+  std::optional<Source> vectors;
+  if (normals && std::none_of(normals->at.begin(), normals->at.end(), [&](std::size_t i) {
+        return grid(Tressel::StandardCartesianChart3D, origin[i].name) != nullptr;
+      }))
+    vectors = sourceOf(grid, NormalField, layout, path);
+  if (vectors && vectors->type != "vector")
+    vectors.reset();
+  for (std::size_t i = 0; i < origin.size(); ++i) {
+    const ExtraBytes& e = origin[i];
+    const int c = vectors ? normals->component(i) : -1;
+    std::vector<Source> sources;
+    if (c >= 0)
+      sources.push_back(componentOf(*vectors, c));
+    else
+      for (const ExtraField& x : extraFields(e)) {
+        auto s = sourceOf(grid, x.name, layout, path);
+        if (!s || s->type != kindName(x.kind) || extras.used.count(x.name))
+          break;
+        sources.push_back(std::move(*s));
+      }
+    if (sources.size() == extraFields(e).size())
+      extras.add(e, std::move(sources));
+  }
+}
+
+// The descriptor of a new dimension.
+ExtraBytes newDimension(const std::string& name, Kind kind) {
+  ExtraBytes e;
+  e.name = name;
+  e.dataType = extraType(kind);
+  e.size = kindSize(kind);
+  e.descriptor[2] = static_cast<std::uint8_t>(e.dataType);
+  std::memcpy(e.descriptor.data() + 4, e.name.data(), std::min<std::size_t>(32, e.name.size()));
+  const char comment[] = "Quorvel result";
+  std::memcpy(e.descriptor.data() + 160, comment, sizeof comment - 1);
+  return e;
+}
+
+// A field of vectors as three float32 dimensions, named as componentNames() says: whole names
+// that no other field or dimension has.
+void addVectors(Extras& extras, const Source& vectors, const Tressel::Grid& grid,
+                const std::string& path) {
+  const auto names = componentNames(vectors.name);
+  for (const std::string& name : names) {
+    const bool taken = extras.used.count(name) ||
+                       grid(Tressel::StandardCartesianChart3D, name) != nullptr ||
+                       std::any_of(extras.dims.begin(), extras.dims.end(),
+                                   [&](const ExtraBytes& e) { return e.name == name; });
+    if (taken || name.size() > 32)
+      throw Error(path + ": field \"" + vectors.name + "\" cannot be written as extra-bytes " +
+                  "dimension \"" + name + "\": " +
+                  (taken ? "another field has that name" : "longer than the 32 bytes of a name"));
+  }
+  for (int c = 0; c < 3; ++c)
+    extras.add(newDimension(names[static_cast<std::size_t>(c)], Kind::Float32),
+               {componentOf(vectors, c)});
+}
+
+// Every field of the grid that no dimension writes yet: a number as a dimension of its kind, a
+// vector as three float32 ones.
+void addExtras(Extras& extras, const Tressel::Grid& grid, const Layout& layout,
+               const std::string& path) {
+  auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  for (const auto& [id, field] : rep->snapshot()) {
+    if (extras.used.count(id->Name()) || !field || !field->getElementType())
+      continue;
+    const std::string& type = field->getElementType()->name();
+    const auto kind = kindOf(type);
+    if (!kind && type != "vector")
+      throw Error(path + ": field \"" + id->Name() + "\" of " + type +
+                  " has no LAS representation");
+    const Source source = *sourceOf(grid, id->Name(), layout, path);
+    if (kind)
+      extras.add(newDimension(id->Name(), *kind), {source});
+    else
+      addVectors(extras, source, grid, path);
+  }
 }
 
 } // namespace
@@ -203,45 +311,12 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
       throw Error(path + ": scale " + axisText(h.scale) + " and offset " + axisText(h.offset) +
                   " cannot place coordinates (scales finite and positive, offsets finite)");
 
-  // Extra bytes: those of the origin that the grid still has, then every other scalar field.
-  std::vector<ExtraBytes> extras;
-  auto& extraSources = plan.extraSources;
-  std::set<std::string> used = recordNames();
-  for (const ExtraBytes& e : info.extraBytes) {
-    std::vector<Source> sources;
-    for (const ExtraField& x : extraFields(e)) {
-      auto s = sourceOf(grid, x.name, layout, path);
-      if (!s || s->type != kindName(x.kind) || used.count(x.name))
-        break;
-      sources.push_back(std::move(*s));
-    }
-    if (sources.size() != extraFields(e).size())
-      continue;
-    for (const Source& s : sources)
-      used.insert(s.name);
-    extras.push_back(e);
-    extraSources.push_back(std::move(sources));
-  }
-  auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
-  for (const auto& [id, field] : rep->snapshot()) {
-    if (used.count(id->Name()) || !field || !field->getElementType())
-      continue;
-    const auto kind = kindOf(field->getElementType()->name());
-    if (!kind)
-      throw Error(path + ": field \"" + id->Name() + "\" of " + field->getElementType()->name() +
-                  " has no LAS representation");
-    ExtraBytes e;
-    e.name = id->Name();
-    e.dataType = extraType(*kind);
-    e.size = kindSize(*kind);
-    e.descriptor[2] = static_cast<std::uint8_t>(e.dataType);
-    std::memcpy(e.descriptor.data() + 4, e.name.data(), std::min<std::size_t>(32, e.name.size()));
-    const char comment[] = "Quorvel result";
-    std::memcpy(e.descriptor.data() + 160, comment, sizeof comment - 1);
-    extras.push_back(e);
-    extraSources.push_back({*sourceOf(grid, e.name, layout, path)});
-    used.insert(e.name);
-  }
+  // Extra bytes: those of the origin that the grid still has, then every other field.
+  Extras planned;
+  keepExtras(planned, info.extraBytes, grid, layout, path);
+  addExtras(planned, grid, layout, path);
+  std::vector<ExtraBytes> extras = std::move(planned.dims);
+  plan.extraSources = std::move(planned.sources);
   std::size_t recordLength = static_cast<std::size_t>(f.length);
   for (const ExtraBytes& e : extras)
     recordLength += static_cast<std::size_t>(e.size);

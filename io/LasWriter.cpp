@@ -28,10 +28,54 @@ using namespace detail;
 struct Put {
   const Source* from;
   int to;    // offset in the record
-  int size;  // bytes; 0 for bits
+  int size;  // bytes; 0 for bits; -4 or -8 for a vector component as float32 or float64
   int shift; // bits: position
   std::uint8_t mask;
 };
+
+// Encodes the values of point j of fragment k (point g of the file) into its record r.
+inline void encode(const std::vector<Put>& puts, std::size_t k, std::size_t j, std::size_t g,
+                   std::uint8_t* r, const std::string& path, int chosen) {
+  for (const Put& u : puts) {
+    const std::uint8_t* from = u.from->fragments[k];
+    if (u.size == 0) {
+      const std::uint8_t v = from[j];
+      if (v > u.mask)
+        throw Error(path + ": " + u.from->name + " " + std::to_string(v) + " of point " +
+                    std::to_string(g) + " does not fit point format " + std::to_string(chosen));
+      r[u.to] = static_cast<std::uint8_t>(r[u.to] | (v << u.shift));
+      continue;
+    }
+    // Fixed sizes, so that each copy is one move rather than a library call.
+    switch (u.size) {
+    case 1:
+      r[u.to] = from[j];
+      break;
+    case 2:
+      std::memcpy(r + u.to, from + 2 * j, 2);
+      break;
+    case 4:
+      std::memcpy(r + u.to, from + 4 * j, 4);
+      break;
+    case 8:
+      std::memcpy(r + u.to, from + 8 * j, 8);
+      break;
+    case -4: { // a vector component of three doubles
+      double wide;
+      std::memcpy(&wide, from + 24 * j, 8);
+      const auto value = static_cast<float>(wide);
+      if (std::isinf(value) && std::isfinite(wide))
+        throw Error(path + ": " + u.from->name + " " + Basalt::format("%.17g", wide) +
+                    " of point " + std::to_string(g) + " does not fit float32");
+      std::memcpy(r + u.to, &value, 4);
+      break;
+    }
+    default:
+      std::memcpy(r + u.to, from + 24 * j, 8);
+      break;
+    }
+  }
+}
 
 // The file being written, put in the target's place only when complete (Basalt::ReplacingFile),
 // its errors the LAS writer's.
@@ -98,9 +142,11 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   int at = f.length;
   for (std::size_t e = 0; e < extras.size(); ++e) {
     const auto fields = extraFields(extras[e]);
-    for (std::size_t i = 0; i < fields.size(); ++i)
-      puts.push_back(
-          {&plan.extraSources[e][i], at + fields[i].offset, kindSize(fields[i].kind), 0, 0});
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      const Source& s = plan.extraSources[e][i];
+      const int size = kindSize(fields[i].kind);
+      puts.push_back({&s, at + fields[i].offset, s.component >= 0 ? -size : size, 0, 0});
+    }
     at += extras[e].size;
   }
   const auto angles = sourceOf(grid, "ScanAngle", layout, path);
@@ -165,32 +211,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
         lo[a] = std::min(lo[a], i);
         hi[a] = std::max(hi[a], i);
       }
-      for (const Put& u : puts) {
-        const std::uint8_t* from = u.from->fragments[k];
-        if (u.size == 0) {
-          const std::uint8_t v = from[j];
-          if (v > u.mask)
-            throw Error(path + ": " + u.from->name + " " + std::to_string(v) + " of point " +
-                        std::to_string(g) + " does not fit point format " + std::to_string(chosen));
-          r[u.to] = static_cast<std::uint8_t>(r[u.to] | (v << u.shift));
-          continue;
-        }
-        // Fixed sizes, so that each copy is one move rather than a library call.
-        switch (u.size) {
-        case 1:
-          r[u.to] = from[j];
-          break;
-        case 2:
-          std::memcpy(r + u.to, from + 2 * j, 2);
-          break;
-        case 4:
-          std::memcpy(r + u.to, from + 4 * j, 4);
-          break;
-        default:
-          std::memcpy(r + u.to, from + 8 * j, 8);
-          break;
-        }
-      }
+      encode(puts, k, j, g, r, path, chosen);
       if (angle) {
         const double v = f.extended ? angle[j] / 0.006 : angle[j];
         const double limit = f.extended ? 32767.5 : 127.5; // int16 or int8 after rounding

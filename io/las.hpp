@@ -80,7 +80,10 @@ struct ReadResult {
 // to 10, five bits otherwise), "UserData", "PointSourceId", "GpsTime", "Overlap",
 // "ScannerChannel", "NIR", the wave-packet values, every extra-bytes dimension under its own name
 // and type, then "ScanAngle" (degrees), "LastReturn", "PointIndex" (the place of the point in the
-// file; only in tiles, since one fragment holds the points in file order) and "RGB". The header,
+// file; only in tiles, since one fragment holds the points in file order) and "RGB". Normals as
+// PDAL and CloudCompare write them, the dimensions "NormalX", "NormalY" and "NormalZ" of float32
+// or float64, become one field "NormalVector" of vectors in the place of "NormalX" (unless a
+// dimension is named "NormalVector" itself). The header,
 // VLRs and EVLRs travel on the grid as attributes (see docs/bundle-format.md), so a bundle keeps
 // them. One fragment when fragmentPoints is 0 (no result then depends on tiling); otherwise x-y
 // tiles of about fragmentPoints points (Tressel::tilePartitionByCount), file order kept within a
@@ -88,8 +91,8 @@ struct ReadResult {
 // to standard error.
 //
 // only, when not empty, names the fields to make besides "Positions" (and "PointIndex" for
-// tiles): a cloud that is read to be searched, not written back, then takes less memory and
-// time. The LAS origin is still attached.
+// tiles), normals as "NormalVector": a cloud that is read to be searched, not written back, then
+// takes less memory and time. The LAS origin is still attached.
 ReadResult read(const std::string& path, std::size_t fragmentPoints = 0,
                 const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {},
                 const std::set<std::string>& only = {});
@@ -111,9 +114,12 @@ struct WriteOptions {
 // scale, offset, header fields, VLRs and EVLRs; a grid without them gets LAS 1.4 and format 6, 7
 // or 8 (by RGB and NIR). A field or class that the format cannot hold moves the file to the
 // smallest format (and version) that holds it, said in one line on standard error. Per-point
-// fields without a place in the record become extra-bytes dimensions. A coordinate or value that
-// does not fit is an error, never truncated. The file appears only when completely written; a
-// failed write leaves an earlier file intact.
+// fields without a place in the record become extra-bytes dimensions; a field of vectors becomes
+// three of float32, named for its name without a trailing "Vector" and X, Y, Z ("NormalVector":
+// "NormalX", "NormalY", "NormalZ"), except that normals read from the origin's dimensions go
+// back into them, float64 ones too. A coordinate or value that does not fit is an error, never
+// truncated (a vector component only rounded to float32). The file appears only when
+// completely written; a failed write leaves an earlier file intact.
 void write(const std::string& path, const Tressel::Grid& grid, const WriteOptions& options = {},
            const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
 

@@ -5,9 +5,12 @@
 #include "io/detail/LasFormats.hpp"
 #include "io/las.hpp"
 
+#include "vantor/PhysicalSpace.hpp"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,6 +73,28 @@ struct ExtraField {
   int offset;
 };
 std::vector<ExtraField> extraFields(const ExtraBytes& extra);
+
+// The names a field of vectors has as three extra-bytes dimensions: the field's name without a
+// trailing "Vector", then X, Y and Z ("NormalVector": "NormalX", "NormalY", "NormalZ", the names
+// PDAL and CloudCompare give normals).
+std::array<std::string, 3> componentNames(const std::string& field);
+
+// Normals are read into one field of vectors instead of three of numbers.
+inline const std::string NormalField = "NormalVector";
+// The codecs step over vectors as three doubles in a row: component c of element j lies at byte
+// 24 * j + 8 * c.
+static_assert(sizeof(Vantor::PhysicalSpace::vector) == 24);
+
+// The extra-bytes dimensions that hold the components of one field of vectors.
+struct VectorDims {
+  std::array<std::size_t, 3> at; // their places in the list of dimensions, for x, y and z
+  // The component that dimension i holds; -1 for none.
+  int component(std::size_t i) const;
+};
+// Where a file keeps its normals: the dimensions named for NormalField's components, each a
+// float32 or float64. nullopt when one is missing or of another type, and when a dimension of
+// the file is named NormalField itself (its numbers then stay as they are).
+std::optional<VectorDims> normalsOf(const std::vector<ExtraBytes>& extras);
 
 // "path: problem; problem; ..."
 std::string describe(const std::string& path, const std::vector<std::string>& problems);

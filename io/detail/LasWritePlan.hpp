@@ -12,11 +12,13 @@
 
 namespace Quorvel::Las::detail {
 
-// A field's arrays, one per fragment of the positions' layout, as raw element pointers.
+// A field's arrays, one per fragment of the positions' layout, as raw element pointers; for one
+// component of a field of vectors, pointers to the component's first double.
 struct Source {
   std::string name;
   std::string type;
   std::vector<const std::uint8_t*> fragments;
+  int component = -1; // 0, 1 or 2 for x, y or z of a vector; -1 for the whole element
 };
 
 // The positions of a grid, fragment by fragment.

@@ -284,9 +284,20 @@ TEST_F(LasFiles, AFailedWriteLeavesTheEarlierFileIntact) {
   Tressel::PointCloudBuilder wrongType({{1, 2, 3}});
   wrongType.addField("Intensity", std::vector<float>{2});
   expectError(*wrongType.build({{0}}), "field \"Intensity\" holds float32");
-  Tressel::PointCloudBuilder normals({{1, 2, 3}});
-  normals.addField("NormalVector", std::vector<Vantor::PhysicalSpace::vector>{{0, 0, 1}});
-  expectError(*normals.build({{0}}), "field \"NormalVector\" of vector has no LAS representation");
+  Tressel::PointCloudBuilder planes({{1, 2, 3}});
+  planes.addField("Plane", std::vector<Vantor::PhysicalSpace::bivector>{{0, 0, 1}});
+  expectError(*planes.build({{0}}), "field \"Plane\" of bivector has no LAS representation");
+  // Vectors go out as float32 components named after the field, which must be free.
+  using Vantor::PhysicalSpace::vector;
+  Tressel::PointCloudBuilder huge({{1, 2, 3}});
+  huge.addField("NormalVector", std::vector<vector>{{0, 1e300, 0}});
+  expectError(*huge.build({{0}}),
+              "NormalVector 1.0000000000000001e+300 of point 0 does not fit float32");
+  Tressel::PointCloudBuilder clash({{1, 2, 3}});
+  clash.addField("Gradient", std::vector<vector>{{0, 0, 1}});
+  clash.addField("GradientZ", std::vector<float>{1});
+  expectError(*clash.build({{0}}), "field \"Gradient\" cannot be written as extra-bytes dimension "
+                                   "\"GradientZ\": another field has that name");
 }
 
 struct CountingProgress : Basalt::LoaderProgress {
