@@ -112,10 +112,7 @@ public:
   class Leaf final : public Node {
   public:
     Leaf(const Point& min_, const Point& max_, unsigned long long capacity_, unsigned depth_)
-        : Node(min_, max_, capacity_, depth_, true) {
-      indices.reserve(capacity_);
-      points.reserve(capacity_);
-    }
+        : Node(min_, max_, capacity_, depth_, true) {}
 
     bool insert(const Point& p, const Index& i) override {
       if (indices.size() >= this->capacity && divisible(p))
@@ -272,8 +269,16 @@ public:
               out.emplace_back(d2, leaf.indices[j]);
           }
         });
-    std::stable_sort(out.begin(), out.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    sortByDistance(out);
+  }
+
+  // Visits the leaves in tree order with their points and indices: f(points, indices). Points
+  // visited in this order lie near each other, so queries about them touch the same nodes.
+  template <class F>
+  void forEachLeaf(const F& f) const {
+    walk(
+        *root, [](const Node&) { return false; },
+        [&](const Leaf& leaf) { f(leaf.points, leaf.indices); });
   }
 
   // The nearest point within radius of centre (squared distance over the D axes, inclusive);
@@ -323,6 +328,22 @@ public:
   std::unique_ptr<Node> root;
 
 private:
+  // Stable sort by squared distance: by insertion for the short lists that most queries give
+  // (no buffer to allocate), by the library otherwise.
+  static void sortByDistance(std::vector<std::pair<double, Index>>& out) {
+    if (out.size() > 48) {
+      std::stable_sort(out.begin(), out.end(),
+                       [](const auto& a, const auto& b) { return a.first < b.first; });
+      return;
+    }
+    for (std::size_t i = 1; i < out.size(); ++i) {
+      const auto entry = out[i];
+      std::size_t j = i;
+      for (; j > 0 && out[j - 1].first > entry.first; --j)
+        out[j] = out[j - 1];
+      out[j] = entry;
+    }
+  }
   // Squared distance over the D axes.
   static double squaredDistance(const Point& a, const Point& b) {
     double s = 0.0;

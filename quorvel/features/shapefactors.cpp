@@ -169,17 +169,23 @@ void computePoints(const point* positions, std::size_t n, const Mask& mask, cons
   for (std::size_t i = 0; i < n; ++i)
     if (mask.test(i))
       tree.insert(positions[i], static_cast<unsigned>(i));
+  // The selected points in the tree's order, so that consecutive queries touch the same nodes
+  // and points; each point's result is the same in any order.
+  std::vector<unsigned> order;
+  order.reserve(n);
+  tree.forEachLeaf([&](const auto&, const std::vector<unsigned>& indices) {
+    order.insert(order.end(), indices.begin(), indices.end());
+  });
   const double radius = static_cast<double>(box.maxstep) * box.step;
   omp_set_dynamic(0);
 #pragma omp parallel num_threads(threads)
   {
     const auto [begin, end] =
-        detail::staticBlock(n, static_cast<std::size_t>(omp_get_num_threads()),
+        detail::staticBlock(order.size(), static_cast<std::size_t>(omp_get_num_threads()),
                             static_cast<std::size_t>(omp_get_thread_num()));
     detail::SortedNeighbours neighbours;
-    for (std::size_t i = begin; i < end; ++i) {
-      if (!mask.test(i))
-        continue;
+    for (std::size_t at = begin; at < end; ++at) {
+      const std::size_t i = order[at];
       tree.getEuclideanRangeSorted(positions[i], radius, neighbours);
       const detail::PointShape s =
           detail::shapeOfPoint(positions, positions[i], neighbours, box.maxstep, box.step);

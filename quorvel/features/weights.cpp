@@ -77,12 +77,22 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
                                 box.radius,        static_cast<std::size_t>(box.neighbours)};
   FragmentOutput<float> weights(f.weights, slot.id, n);
   float* w = weights.data();
+  // Points outside the tree (no finite position) have no neighbours: -1 like any such point.
+  std::fill(w, w + n, -1.0f);
+  // The points in the tree's order, so that consecutive queries touch the same nodes; each
+  // weight is the same in any order.
+  std::vector<unsigned> order;
+  order.reserve(n);
+  tree.forEachLeaf([&](const auto&, const std::vector<unsigned>& indices) {
+    order.insert(order.end(), indices.begin(), indices.end());
+  });
 #pragma omp parallel num_threads(maximumThreadsMinusOne())
   {
     detail::WeightScratch scratch;
 #pragma omp for schedule(dynamic, 25000)
-    for (long long i = 0; i < static_cast<long long>(n); ++i)
-      w[i] = detail::weightOfPoint(in, static_cast<std::size_t>(i), scratch);
+    for (long long at = 0; at < static_cast<long long>(order.size()); ++at)
+      w[order[static_cast<std::size_t>(at)]] =
+          detail::weightOfPoint(in, order[static_cast<std::size_t>(at)], scratch);
   }
   box.fragmentMaxWeights.push_back(*std::max_element(w, w + n));
   weights.commit();
