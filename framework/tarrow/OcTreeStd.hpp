@@ -112,7 +112,10 @@ public:
   class Leaf final : public Node {
   public:
     Leaf(const Point& min_, const Point& max_, unsigned long long capacity_, unsigned depth_)
-        : Node(min_, max_, capacity_, depth_, true) {}
+        : Node(min_, max_, capacity_, depth_, true) {
+      indices.reserve(capacity_);
+      points.reserve(capacity_);
+    }
 
     bool insert(const Point& p, const Index& i) override {
       if (indices.size() >= this->capacity && divisible(p))
