@@ -14,16 +14,18 @@ namespace Quorvel::Cli {
 void CloudCommand::addOptions(CLI::App& app) {
   addStageOptions(app);
   app.add_option(inputName(), input_, "the point cloud to change (LAS or bundle)")->required();
-  app.add_option("-o,--output", output_, "where to write the result (LAS or bundle)")
-      ->required()
-      ->check(outputFile());
+  auto* output = app.add_option("-o,--output", output_, "where to write the result (LAS or bundle)")
+                     ->check(outputFile());
+  if (outputRequired())
+    output->required();
   addWriteOptions(app, write_);
 }
 
 int CloudCommand::run(const Host& host) {
   Cloud cloud = host.load(input_);
   apply(cloud, host);
-  host.save(output_, cloud, write_);
+  if (!output_.empty())
+    host.save(output_, cloud, write_);
   host.summary(name_, *cloud.grid);
   return 0;
 }

@@ -46,6 +46,8 @@ public:
   int run(const Host& host) final;
 
 protected:
+  // False for a command that may run for what it prints alone (then -o is optional).
+  virtual bool outputRequired() const { return true; }
   // What the operand of the cloud to change is called in the help.
   virtual std::string inputName() const { return "IN"; }
   const std::string& name() const { return name_; }
@@ -82,6 +84,7 @@ std::unique_ptr<Command> makeRelHeight();
 std::unique_ptr<Command> makeShapeFactors();
 std::unique_ptr<Command> makeWeights();
 std::unique_ptr<Command> makeReduce();
+std::unique_ptr<Command> makeSelect();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute
 // them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages

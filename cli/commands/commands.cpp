@@ -20,6 +20,7 @@ const std::vector<CommandEntry>& commands() {
        makeShapeFactors},
       {"weights", "how much every point matters when thinning (from shape factors)", makeWeights},
       {"reduce", "thin a cloud to the points of highest weight", makeReduce},
+      {"select", "the points whose value in a field lies in ranges (or outside them)", makeSelect},
   };
   return table;
 }

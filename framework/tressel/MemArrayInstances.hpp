@@ -9,10 +9,13 @@
 #define QUORVEL_FOR_EACH_RANK(MACRO, T) MACRO(1, T) MACRO(2, T) MACRO(3, T) MACRO(4, T)
 
 #define QUORVEL_FOR_EACH_STANDARD_ARRAY(MACRO)                                                     \
+  QUORVEL_FOR_EACH_RANK(MACRO, signed char)                                                        \
   QUORVEL_FOR_EACH_RANK(MACRO, unsigned char)                                                      \
+  QUORVEL_FOR_EACH_RANK(MACRO, short)                                                              \
   QUORVEL_FOR_EACH_RANK(MACRO, unsigned short)                                                     \
   QUORVEL_FOR_EACH_RANK(MACRO, int)                                                                \
   QUORVEL_FOR_EACH_RANK(MACRO, unsigned int)                                                       \
+  QUORVEL_FOR_EACH_RANK(MACRO, long long)                                                          \
   QUORVEL_FOR_EACH_RANK(MACRO, unsigned long long)                                                 \
   QUORVEL_FOR_EACH_RANK(MACRO, float)                                                              \
   QUORVEL_FOR_EACH_RANK(MACRO, double)                                                             \

@@ -245,6 +245,17 @@ private:
   StrongPtr<MemArray<1, T>> array_;
 };
 
+// ---- Subsets --------------------------------------------------------------------------------
+
+// A new point cloud of the chosen points: fragment k of slots (fragments of grid's positions)
+// keeps the points chosen[k] (ascending), with every per-point field of the
+// "StandardCartesianChart3D" representation, stored bounding boxes and grid's attributes (so a
+// LAS origin travels along). A "PointIndex" field (the file order of a tiled read) is numbered
+// again from 0 in the same order. dropEmpty leaves out fragments with nothing chosen. Throws
+// std::runtime_error when a field holds no array for a fragment.
+StrongPtr<Grid> subsetOf(const Grid& grid, const std::vector<FragmentSlot>& slots,
+                         const std::vector<std::vector<std::size_t>>& chosen, bool dropEmpty);
+
 // ---- Class assignments ---------------------------------------------------------------------
 //
 // Texts split into items at every ';' and ','; only the text before a first NUL counts. Class

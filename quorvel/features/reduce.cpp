@@ -4,11 +4,9 @@
 
 #include "basalt/Text.hpp"
 #include "io/files.hpp"
-#include "tressel/PointCloud.hpp"
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <numeric>
 
 namespace Quorvel {
@@ -54,45 +52,6 @@ std::vector<std::size_t> keptPoints(const float* w, std::size_t n, const Box& bo
   return weighted;
 }
 
-// Copies the kept elements of every fragment of a field into the new cloud's arrays.
-void copyField(const Field& field, const std::vector<FragmentSlot>& slots,
-               const std::vector<std::vector<std::size_t>>& kept, Tressel::FragmentArrays& out,
-               const std::string& name) {
-  const auto& type = *field.getElementType();
-  const std::size_t size = type.size();
-  const std::vector<std::uint8_t*> to = out.addField(name, type.name());
-  for (std::size_t k = 0; k < slots.size(); ++k) {
-    const auto data = field.getData(*slots[k].id);
-    if (!data)
-      throw std::runtime_error("field " + name + " has no values in a fragment");
-    const auto* from = static_cast<const std::uint8_t*>(data->myChunk()->rawData());
-    for (std::size_t j = 0; j < kept[k].size(); ++j)
-      std::memcpy(to[k] + j * size, from + kept[k][j] * size, size);
-  }
-}
-
-// A tiled read numbers the points by their place in the file; the kept ones are numbered again,
-// 0 up in the same order, so that the file order survives and has no gaps.
-void renumber(Tressel::Grid& grid) {
-  auto field = grid(Tressel::StandardCartesianChart3D, "PointIndex");
-  if (!field || field->getElementType() != &Tressel::TresselType<unsigned long long>())
-    return;
-  std::vector<unsigned long long*> arrays;
-  std::vector<std::size_t> sizes;
-  std::vector<unsigned long long> all;
-  for (const FragmentSlot& slot : fragmentsOf(*field))
-    if (auto a = fragmentArray<unsigned long long>(*field, slot)) {
-      arrays.push_back(a->data());
-      sizes.push_back(a->size());
-      all.insert(all.end(), a->data(), a->data() + a->size());
-    }
-  std::sort(all.begin(), all.end());
-  for (std::size_t k = 0; k < arrays.size(); ++k)
-    for (std::size_t j = 0; j < sizes[k]; ++j)
-      arrays[k][j] = static_cast<unsigned long long>(
-          std::lower_bound(all.begin(), all.end(), arrays[k][j]) - all.begin());
-}
-
 } // namespace
 
 StrongPtr<Grid> reducedPointCloud(const StrongPtr<Grid>& grid, Box& box) {
@@ -107,7 +66,6 @@ StrongPtr<Grid> reducedPointCloud(const StrongPtr<Grid>& grid, Box& box) {
   }
   const std::vector<FragmentSlot> slots = fragmentsOf(*positions);
   std::vector<std::vector<std::size_t>> kept;
-  std::vector<std::size_t> sizes;
   for (const FragmentSlot& slot : slots) {
     const auto xyz = fragmentArray<point>(*positions, slot);
     const auto w = fragmentArray<float>(*weights, slot);
@@ -116,18 +74,13 @@ StrongPtr<Grid> reducedPointCloud(const StrongPtr<Grid>& grid, Box& box) {
       return nullptr;
     }
     kept.push_back(keptPoints(w->data(), w->size(), box));
-    sizes.push_back(kept.back().size());
   }
-  Tressel::FragmentArrays cloud(sizes);
-  const auto rep = grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D);
-  copyField(*positions, slots, kept, cloud, Tressel::PositionsFieldName);
-  for (const auto& [id, field] : rep->snapshot())
-    if (field && field->getElementType() && id->Name() != Tressel::PositionsFieldName)
-      copyField(*field, slots, kept, cloud, id->Name());
-  auto reduced = cloud.build(grid->Name());
-  reduced->attributes() = grid->attributes();
-  renumber(*reduced);
-  return reduced;
+  try {
+    return subsetOf(*grid, slots, kept, false);
+  } catch (const std::exception& e) {
+    log.report(std::string("ERROR: ") + e.what());
+    return nullptr;
+  }
 }
 
 std::string reduceSizeOfPointCloud(const StrongPtr<Grid>& grid, Box& box, const std::string& path) {

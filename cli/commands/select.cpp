@@ -1,0 +1,53 @@
+// quorvel select: the points whose value in one field lies in value ranges (or outside them),
+// with all their fields; --count prints how many instead of (or besides) writing them.
+#include "cli/commands/command.hpp"
+#include "quorvel/selection/selection.hpp"
+
+#include <cstdio>
+
+namespace Quorvel::Cli {
+
+namespace {
+
+class Select final : public CloudCommand {
+public:
+  Select() : CloudCommand("select") {}
+
+  void addStageOptions(CLI::App& app) override {
+    app.add_option("--field", box_.fieldname, "the field whose values decide")
+        ->capture_default_str();
+    addRange(app, "--range", box_.selection, "value ranges, e.g. 2:5,9")->required();
+    app.add_flag("--inverse", box_.inverse, "select the points outside the ranges");
+    app.add_option("--coordinate", box_.coordinate, "component of points and vectors (z: 2)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({0, 1, 2}));
+    app.add_flag("--count", count_, "print how many points are selected");
+  }
+
+  void apply(Cloud& cloud, const Host& host) override {
+    box_.message.clear();
+    Basalt::StrongPtr<Tressel::Grid> selected;
+    host.run("select", pointCount(*cloud.grid),
+             [&] { selected = computeSelection(cloud.grid, box_); });
+    if (!selected)
+      throw Error("select: " + box_.message);
+    cloud.grid = selected;
+    if (count_)
+      std::printf("%zu\n", pointCount(*selected));
+  }
+
+protected:
+  bool outputRequired() const override { return false; }
+
+private:
+  SelectionParameterBox box_;
+  bool count_ = false;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeSelect() {
+  return std::make_unique<Select>();
+}
+
+} // namespace Quorvel::Cli

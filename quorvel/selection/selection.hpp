@@ -1,0 +1,213 @@
+// Quorvel: selection of points by the value of one field in value ranges. The field's arrays may
+// hold any of fourteen element types, known only at run time: typed members (one per type) are
+// offered each array in a fixed order by a type-list walker, and only the member of the array's
+// real type does the work. On top of them: selection grids (the selected points with all their
+// fields) and tables (the selected points' values as rows).
+#pragma once
+
+#include "basalt/StrongPtr.hpp"
+#include "tressel/Grid.hpp"
+#include "tressel/MemArray.hpp"
+#include "vantor/MultiRange.hpp"
+#include "vantor/PhysicalSpace.hpp"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace META {
+
+// A list of types.
+template <class... T>
+struct LIST {};
+
+// Offers a context to F::exec<Head>::Break, then to the members of the types of Tail in order,
+// stopping at the first member that returns true. exec returns false after such a stop and true
+// when the walk ran through.
+template <class F, class Head, class Tail>
+struct FOREACH;
+
+template <class F, class Head>
+struct FOREACH<F, Head, LIST<>> {
+  template <class Context>
+  static bool exec(Context& context) {
+    return !F::template exec<Head>::Break(context);
+  }
+};
+
+template <class F, class Head, class Next, class... Rest>
+struct FOREACH<F, Head, LIST<Next, Rest...>> {
+  template <class Context>
+  static bool exec(Context& context) {
+    if (F::template exec<Head>::Break(context))
+      return false;
+    return FOREACH<F, Next, LIST<Rest...>>::exec(context);
+  }
+};
+
+} // namespace META
+
+namespace Quorvel {
+
+// Settings of a selection and its result text.
+struct SelectionParameterBox {
+  // The field whose values decide.
+  std::string fieldname = "Classification";
+  // The value ranges ("2:5,9"); tested with a tolerance of 1e-9. Empty: nothing is inside.
+  Vantor::MultiRange<double> selection;
+  // Select the points outside the ranges instead.
+  bool inverse = false;
+  // Component (0, 1 or 2) that decides for three-component elements (points and vectors): z by
+  // default, heights being what is most often selected by.
+  int coordinate = 2;
+  // Fields whose values array2D puts into its columns after x, y and z, in this order; empty: every
+  // per-point field with numeric elements but the positions, in the representation's order.
+  std::vector<std::string> columns;
+  // Column names of the last array2D, in column order.
+  std::vector<std::string> columnNames;
+  // Messages of the run.
+  std::string message;
+
+  // "fieldname: ", "selection: ", "inverse: ", "coordinate: " lines.
+  void print() const;
+};
+
+// The element types in the order both families offer an array to their members.
+using SelectionTypes =
+    META::LIST<float, double, long double, unsigned char, unsigned short, unsigned int,
+               unsigned long long, signed char, short, int, long long, Vantor::PhysicalSpace::point,
+               Vantor::PhysicalSpace::vector, Vantor::PhysicalSpace::bivector>;
+
+// The value of one element that a selection tests: a number as double, a component of a
+// three-component element.
+template <class T>
+double selectionValue(const T& element, int coordinate) {
+  if constexpr (std::is_arithmetic_v<T>)
+    return static_cast<double>(element);
+  else
+    return element[coordinate];
+}
+
+// Whether a value lies in the box's ranges (with 1e-9 tolerance) differs from inverse. Built once
+// per array: the bounds with their tolerance are kept, so an element costs a few comparisons.
+class SelectionRule {
+public:
+  explicit SelectionRule(const SelectionParameterBox& box);
+  bool selected(double v) const {
+    bool inside = false;
+    if (v >= low_ && v <= high_)
+      for (const auto& [a, b] : intervals_)
+        if (a <= v && v <= b) {
+          inside = true;
+          break;
+        }
+    return inside != inverse_;
+  }
+
+private:
+  std::vector<std::pair<double, double>> intervals_;
+  double low_, high_;
+  bool inverse_;
+};
+
+// Whether any element of a view (contiguous or strided) is selected; stops at the first.
+template <class T>
+bool anySelected(const Tressel::MultiArray<1, const T>& values, const SelectionParameterBox& box) {
+  const SelectionRule rule(box);
+  for (std::size_t i = 0; i < values.size(); ++i)
+    if (rule.selected(selectionValue(values[i], box.coordinate)))
+      return true;
+  return false;
+}
+
+// Appends the indices of the selected elements of a view (ascending).
+template <class T>
+void appendSelected(const Tressel::MultiArray<1, const T>& values, const SelectionParameterBox& box,
+                    std::vector<std::uint32_t>& out) {
+  const SelectionRule rule(box);
+  const std::size_t n = values.size(), start = out.size();
+  out.resize(start + n);
+  std::uint32_t* to = out.data() + start;
+  std::size_t count = 0;
+  if (values.stride(0) == 1) {
+    const T* v = &values[0];
+    for (std::size_t i = 0; i < n; ++i) {
+      to[count] = static_cast<std::uint32_t>(i); // written always, kept when selected
+      count += rule.selected(selectionValue(v[i], box.coordinate)) ? 1 : 0;
+    }
+  } else {
+    for (std::size_t i = 0; i < n; ++i) {
+      to[count] = static_cast<std::uint32_t>(i);
+      count += rule.selected(selectionValue(values[i], box.coordinate)) ? 1 : 0;
+    }
+  }
+  out.resize(start + count);
+}
+
+// Whether a fragment array holds at least one selected element.
+struct SelectionTesting {
+  struct Context {
+    Basalt::StrongPtr<Tressel::MemBase> data;
+    const SelectionParameterBox& box;
+    bool& found;
+  };
+  template <class T>
+  struct exec {
+    // Sets found when data is a rank-1 array of T with a selected element; always false, so a
+    // walk offers the array to every member.
+    static bool Break(Context& c) {
+      const auto array = Tressel::arrayCast<1, T>(c.data);
+      if (array && array->size() > 0 && anySelected<T>(std::as_const(*array).view(), c.box))
+        c.found = true;
+      return false;
+    }
+  };
+};
+
+// The indices of the selected elements of a fragment array.
+struct SelectionSelectOverTypes {
+  struct Context {
+    Basalt::StrongPtr<Tressel::MemBase> data;
+    std::vector<std::uint32_t>& indices;
+    const SelectionParameterBox& box;
+  };
+  template <class T>
+  struct exec {
+    // Appends the indices when data is a rank-1 array of T; always false.
+    static bool Break(Context& c) {
+      const auto array = Tressel::arrayCast<1, T>(c.data);
+      if (array && array->size() > 0)
+        appendSelected<T>(std::as_const(*array).view(), c.box, c.indices);
+      return false;
+    }
+  };
+};
+
+// Whether data holds a selected element: float, double, extended precision and the unsigned 8-,
+// 16- and 32-bit members first, then the walker over the rest.
+bool selectionTest(const Basalt::StrongPtr<Tressel::MemBase>& data,
+                   const SelectionParameterBox& box);
+
+// The indices of the selected elements of data, ascending; none for an element type outside
+// the list.
+std::vector<std::uint32_t> selectedIndices(const Basalt::StrongPtr<Tressel::MemBase>& data,
+                                           const SelectionParameterBox& box);
+
+// A new point cloud of the selected points of grid ("StandardCartesianChart3D"), with every
+// per-point field, in input order, one fragment per fragment with a selected point, each with its
+// bounding box; grid is not changed. Nothing selected: an empty cloud, no error. Empty, with the
+// reason in box.message (printed after "Selection: "), when grid has no positions, no field
+// box.fieldname, or the ranges are empty and not inverted.
+Basalt::StrongPtr<Tressel::Grid> computeSelection(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                                  SelectionParameterBox& box);
+
+// The selected points as one table of doubles: one row per selected point (in input order), one
+// column per component: x, y, z, then the fields of box.columns (a three-component field gives
+// three columns named <field>[0], <field>[1], <field>[2]; RGB and other non-numeric elements are
+// refused). Extents are (columns, rows) with the first index fastest, so the buffer is row-major
+// rows x columns as numpy reads it. Column names go to box.columnNames. Empty on the errors of
+// computeSelection or a column field that is missing or not numeric.
+Basalt::StrongPtr<Tressel::MemArray<2, double>>
+array2D(const Basalt::StrongPtr<Tressel::Grid>& grid, SelectionParameterBox& box);
+
+} // namespace Quorvel
