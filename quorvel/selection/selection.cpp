@@ -26,8 +26,11 @@ SelectionRule::SelectionRule(const SelectionParameterBox& box)
     return;
   low_ = range.minimum - RangeTolerance;
   high_ = range.maximum + RangeTolerance;
-  for (const auto& [a, b] : range.intervals)
+  for (const auto& [a, b] : range.intervals) {
     intervals_.emplace_back(a - RangeTolerance, b + RangeTolerance);
+    boundsMatter_ = boundsMatter_ || !(low_ <= intervals_.back().first) ||
+                    !(intervals_.back().second <= high_);
+  }
 }
 
 bool selectionTest(const StrongPtr<Tressel::MemBase>& data, const SelectionParameterBox& box) {
