@@ -28,8 +28,8 @@ SelectionRule::SelectionRule(const SelectionParameterBox& box)
   high_ = range.maximum + RangeTolerance;
   for (const auto& [a, b] : range.intervals) {
     intervals_.emplace_back(a - RangeTolerance, b + RangeTolerance);
-    boundsMatter_ = boundsMatter_ || !(low_ <= intervals_.back().first) ||
-                    !(intervals_.back().second <= high_);
+    boundsMatter_ =
+        boundsMatter_ || !(low_ <= intervals_.back().first) || !(intervals_.back().second <= high_);
   }
 }
 

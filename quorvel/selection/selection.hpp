@@ -12,8 +12,13 @@
 #include "vantor/PhysicalSpace.hpp"
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <limits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace META {
@@ -135,39 +140,69 @@ public:
   }
 
 private:
-  // In blocks: a mask loop the compiler can vectorize, then the indices of the mask's ones.
+  // Contiguous numbers, in blocks: a mask of bytes in a loop the compiler vectorizes (floats
+  // compared with the bounds rounded outward to float, which decides exactly as the comparison
+  // in double), then the indices of the mask's ones, eight bytes at a time. Other elements: every
+  // index is written and kept when selected, so that random data costs no mispredicted branches.
   template <int K, class T>
   std::size_t compactOver(const T* values, std::size_t n, std::ptrdiff_t stride, int coordinate,
                           std::uint32_t* to) const {
-    double a[K], b[K];
-    for (int k = 0; k < K; ++k)
-      a[k] = intervals_[static_cast<std::size_t>(k)].first,
-      b[k] = intervals_[static_cast<std::size_t>(k)].second;
-    constexpr std::size_t Block = 2048;
-    unsigned char mask[Block];
-    const unsigned char flip = inverse_ ? 1 : 0;
+    using Compared = std::conditional_t<std::is_same_v<T, float>, float, double>;
+    Compared a[K], b[K];
+    for (int k = 0; k < K; ++k) {
+      a[k] = roundedUp<Compared>(intervals_[static_cast<std::size_t>(k)].first);
+      b[k] = roundedDown<Compared>(intervals_[static_cast<std::size_t>(k)].second);
+    }
+    const bool flip = inverse_;
+    const auto test = [&](Compared v) {
+      bool inside = false;
+      for (int k = 0; k < K; ++k)
+        inside |= (a[k] <= v) & (v <= b[k]);
+      return inside != flip;
+    };
     std::size_t count = 0;
+    if (stride != 1 || !std::is_arithmetic_v<T>) {
+      for (std::size_t i = 0; i < n; ++i) {
+        to[count] = static_cast<std::uint32_t>(i);
+        count += test(static_cast<Compared>(
+            selectionValue(values[static_cast<std::ptrdiff_t>(i) * stride], coordinate)));
+      }
+      return count;
+    }
+    constexpr std::size_t Block = 4096;
+    alignas(8) unsigned char mask[Block];
     for (std::size_t begin = 0; begin < n; begin += Block) {
       const std::size_t size = std::min(Block, n - begin);
-      const T* from = values + static_cast<std::ptrdiff_t>(begin) * stride;
-      const auto test = [&](double v) {
-        unsigned char inside = 0;
-        for (int k = 0; k < K; ++k)
-          inside |= static_cast<unsigned char>((a[k] <= v) & (v <= b[k]));
-        return static_cast<unsigned char>(inside ^ flip);
-      };
-      if (stride == 1)
-        for (std::size_t i = 0; i < size; ++i) // contiguous: vectorized for numbers
-          mask[i] = test(selectionValue(from[i], coordinate));
-      else
-        for (std::size_t i = 0; i < size; ++i)
-          mask[i] = test(selectionValue(from[static_cast<std::ptrdiff_t>(i) * stride], coordinate));
-      for (std::size_t i = 0; i < size; ++i) {
-        to[count] = static_cast<std::uint32_t>(begin + i);
-        count += mask[i];
+      for (std::size_t i = 0; i < size; ++i)
+        mask[i] = test(static_cast<Compared>(selectionValue(values[begin + i], coordinate)));
+      std::size_t i = 0;
+      for (; i + 8 <= size; i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, mask + i, 8);
+        for (; word != 0; word &= word - 1)
+          to[count++] = static_cast<std::uint32_t>(begin + i + (std::countr_zero(word) >> 3));
       }
+      for (; i < size; ++i)
+        if (mask[i])
+          to[count++] = static_cast<std::uint32_t>(begin + i);
     }
     return count;
+  }
+  // The nearest value of type C at or above (roundedUp) or at or below (roundedDown) x; beyond
+  // C's finite range the infinity or the largest finite value on that side.
+  template <class C>
+  static C roundedUp(double x) {
+    constexpr C top = std::numeric_limits<C>::max();
+    if (x > top)
+      return std::numeric_limits<C>::infinity();
+    if (x < -static_cast<double>(top))
+      return -top;
+    const C c = static_cast<C>(x);
+    return static_cast<double>(c) < x ? std::nextafter(c, std::numeric_limits<C>::infinity()) : c;
+  }
+  template <class C>
+  static C roundedDown(double x) {
+    return -roundedUp<C>(-x);
   }
 
   std::vector<std::pair<double, double>> intervals_;
@@ -186,16 +221,25 @@ bool anySelected(const Tressel::MultiArray<1, const T>& values, const SelectionP
   return false;
 }
 
-// Appends the indices of the selected elements of a view (ascending).
+// Appends the indices of the selected elements of a view (ascending). Block by block through
+// a small buffer, so that no array of the view's length is allocated and zero-filled.
 template <class T>
 void appendSelected(const Tressel::MultiArray<1, const T>& values, const SelectionParameterBox& box,
                     std::vector<std::uint32_t>& out) {
-  const std::size_t n = values.size(), start = out.size();
-  out.resize(start + n);
-  const std::size_t count = n == 0 ? 0
-                                   : SelectionRule(box).compact(&values[0], n, values.stride(0),
-                                                                box.coordinate, out.data() + start);
-  out.resize(start + count);
+  const SelectionRule rule(box);
+  constexpr std::size_t Block = 4096;
+  std::uint32_t room[Block];
+  const std::size_t n = values.size();
+  out.reserve(out.size() + n); // room only: the pages that stay unused are never touched
+  for (std::size_t begin = 0; begin < n; begin += Block) {
+    const std::size_t size = std::min(Block, n - begin);
+    const std::size_t count =
+        rule.compact(&values[begin], size, values.stride(0), box.coordinate, room);
+    const std::size_t at = out.size();
+    out.resize(at + count);
+    for (std::size_t j = 0; j < count; ++j)
+      out[at + j] = static_cast<std::uint32_t>(begin + room[j]);
+  }
 }
 
 // Whether a fragment array holds at least one selected element.

@@ -121,6 +121,17 @@ TEST(SelectionTypes, ToleranceLargeUnsignedValuesComponentsAndUnlistedTypes) {
       Tressel::MultiIndex<1>(4), std::vector<double>{2 - 1e-9, 5 + 1e-9, 2 - 3e-9, 5 + 3e-9});
   EXPECT_EQ(selectedIndices(doubles, box), (std::vector<std::uint32_t>{0, 1}));
 
+  // Floats are compared with the bounds rounded outward to float: the same decisions as in double,
+  // also next to a bound and beyond float's range.
+  const auto floats = std::make_shared<Tressel::MemArray<1, float>>(
+      Tressel::MultiIndex<1>(5), std::vector<float>{2.0f, std::nextafter(2.0f, 0.0f), 5.0f,
+                                                    std::nextafter(5.0f, 9.0f), 3e38f});
+  EXPECT_EQ(selectedIndices(floats, box), (std::vector<std::uint32_t>{0, 2}));
+  box.selection = Vantor::MultiRange<double>("1e38:1e300");
+  EXPECT_EQ(selectedIndices(floats, box), (std::vector<std::uint32_t>{4}));
+  box.selection = Vantor::MultiRange<double>("-1e300:2.0000001");
+  EXPECT_EQ(selectedIndices(floats, box), (std::vector<std::uint32_t>{0, 1}));
+
   box.selection = Vantor::MultiRange<double>("1.7e19:1.8e19");
   const auto big = std::make_shared<Tressel::MemArray<1, unsigned long long>>(
       Tressel::MultiIndex<1>(2), std::vector<unsigned long long>{17'500'000'000'000'000'000ULL, 5});
