@@ -10,6 +10,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <omp.h>
@@ -176,6 +177,70 @@ void BM_RegressionGrowing(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
 }
 BENCHMARK(BM_RegressionGrowing)->Unit(benchmark::kMillisecond)->Iterations(1);
+
+// One extrapolation round of each mode (0 planarregression, 1 threshold, 2 classification,
+// 3 constant; radius 1 m in x and y, seeds class 2, candidates class 0), one thread, beside a
+// nanoflann pass in the same iteration: a k-d tree over the same seeds and a radius search of
+// every candidate. ratio = round / nanoflann. Then the whole extrapolation until it stops
+// (at most 50 rounds): rounds and points/s.
+void BM_ExtrapolationRoundVsNanoflann(benchmark::State& state) {
+  const TerrainCloud& cloud = terrainCloud();
+  const int saved = omp_get_max_threads();
+  omp_set_num_threads(2); // the library leaves one out
+  auto xyz = cloud.xyz;
+  Quorvel::ExtrapolationParameterBox box;
+  box.mode = std::array<const char*, 4>{"planarregression", "threshold", "classification",
+                                        "constant"}[static_cast<std::size_t>(state.range(0))];
+  box.maximum_iteration = 1;
+  std::vector<point> seeds;
+  for (std::size_t i = 0; i < xyz.size(); ++i)
+    if (cloud.classes[i] == 2)
+      seeds.push_back(xyz[i]);
+  double roundSeconds = 0, nanoflannSeconds = 0;
+  for (auto _ : state) {
+    auto classes = cloud.classes;
+    auto view = viewOf<unsigned char>(classes);
+    const auto start = std::chrono::steady_clock::now();
+    Quorvel::detail::extrapolateFragment(viewOf<point>(xyz), cloud.bbox, box, view);
+    const auto middle = std::chrono::steady_clock::now();
+    bench::CloudAdaptor adaptor{seeds};
+    bench::KdTree<2> index(2, adaptor, nanoflann::KDTreeSingleIndexAdaptorParams(10));
+    index.buildIndex();
+    std::vector<std::pair<unsigned, double>> matches;
+    nanoflann::SearchParams params;
+    params.sorted = false;
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < xyz.size(); ++i)
+      if (cloud.classes[i] == 0) {
+        const double q[2] = {xyz[i].x, xyz[i].y};
+        found += index.radiusSearch(q, 1.0, matches, params);
+      }
+    benchmark::DoNotOptimize(found);
+    const auto end = std::chrono::steady_clock::now();
+    roundSeconds += std::chrono::duration<double>(middle - start).count();
+    nanoflannSeconds += std::chrono::duration<double>(end - middle).count();
+  }
+  auto classes = cloud.classes;
+  auto view = viewOf<unsigned char>(classes);
+  box.maximum_iteration = 50;
+  const auto start = std::chrono::steady_clock::now();
+  const int rounds =
+      Quorvel::detail::extrapolateFragment(viewOf<point>(xyz), cloud.bbox, box, view);
+  const double whole =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  omp_set_num_threads(saved);
+  const double iterations = static_cast<double>(state.iterations());
+  state.counters["round_s"] = roundSeconds / iterations;
+  state.counters["nanoflann_s"] = nanoflannSeconds / iterations;
+  state.counters["ratio"] = roundSeconds / nanoflannSeconds;
+  state.counters["rounds"] = rounds;
+  state.counters["whole_s"] = whole;
+  state.counters["points/s"] = static_cast<double>(xyz.size()) * rounds / whole;
+}
+BENCHMARK(BM_ExtrapolationRoundVsNanoflann)
+    ->DenseRange(0, 3)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
 
 } // namespace
 

@@ -85,6 +85,7 @@ std::unique_ptr<Command> makeShapeFactors();
 std::unique_ptr<Command> makeWeights();
 std::unique_ptr<Command> makeReduce();
 std::unique_ptr<Command> makeSelect();
+std::unique_ptr<Command> makeExtrapolate();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute
 // them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages

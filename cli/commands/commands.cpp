@@ -15,6 +15,7 @@ const std::vector<CommandEntry>& commands() {
       {"pipeline", "several commands on one cloud, read once and written once", makePipeline},
       {"regress", "classes by the distance from local planes, in rounds (ground growing)",
        makeRegress},
+      {"extrapolate", "spread a class from seeds into nearby points, in rounds", makeExtrapolate},
       {"relheight", "height above the lowest point and share below, in x-y squares", makeRelHeight},
       {"shapefactors", "planarity, linearity, sphericity and normals of every point",
        makeShapeFactors},

@@ -5,6 +5,7 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/detail/planes.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
+#include "quorvel/terrain/detail/rounds.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
 #include "vantor/Trees.hpp"
@@ -45,20 +46,15 @@ namespace {
 
 using Box = PlanarRegressionParameterBox;
 
-// The tree of one round over the points whose class is in source or additional; empty for a
-// dimension that names no tree.
+// The tree of one round over the points whose class is in source or additional.
 template <class Tree>
 StrongPtr<Tree> roundTree(const MultiArray<1, point>& positions,
                           const MultiArray<1, unsigned char>& classes, const Box& box,
                           const StrongPtr<BoundingBox>& bbox) {
-  auto tree = std::make_shared<Tree>(bbox, 64);
-  tree->reserve(positions.size());
-  for (std::size_t i = 0; i < positions.size(); ++i) {
+  return detail::treeOf<Tree>(positions, bbox, [&](std::size_t i) {
     const double c = classes[i];
-    if (box.source.contains(c, RangeTolerance) || box.additional.contains(c, RangeTolerance))
-      tree->insert(positions[i], static_cast<unsigned>(i));
-  }
-  return tree;
+    return box.source.contains(c, RangeTolerance) || box.additional.contains(c, RangeTolerance);
+  });
 }
 
 // One round's point step over all candidates, in static blocks of n / threads points.
@@ -68,14 +64,7 @@ void pointStep(const Tree* tree, const MultiArray<1, point>& positions,
                std::vector<std::uint32_t>& counts) {
   const detail::RegressionStep step{positions, box.range, box.target,
                                     static_cast<unsigned>(box.quantile)};
-  const std::size_t n = positions.size();
-  const int threads = maximumThreadsMinusOne();
-  omp_set_dynamic(0);
-#pragma omp parallel num_threads(threads)
-  {
-    const auto [begin, end] =
-        detail::staticBlock(n, static_cast<std::size_t>(omp_get_num_threads()),
-                            static_cast<std::size_t>(omp_get_thread_num()));
+  detail::inStaticBlocks(positions.size(), [&](std::size_t begin, std::size_t end) {
     std::vector<unsigned> neighbours;
     std::vector<point> scratch;
     for (std::size_t i = begin; i < end; ++i) {
@@ -86,7 +75,7 @@ void pointStep(const Tree* tree, const MultiArray<1, point>& positions,
         tree->getRange(positions[i], radii[i], neighbours);
       step(i, neighbours, classes[i], radii[i], counts[i], scratch);
     }
-  }
+  });
 }
 
 // The rounds with a tree of type Tree (none when Tree is void); returns how many ran their point

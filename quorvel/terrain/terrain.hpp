@@ -85,6 +85,62 @@ bool planarRegressionOfMultiArray(
     const Basalt::StrongPtr<Vantor::BoundingBox>& bbox, PlanarRegressionParameterBox& box,
     Tressel::MultiArray<1, unsigned char>& classes);
 
+// Settings of an extrapolation, which spreads a class from seed points into the candidates near
+// them, round after round, and its result text.
+struct ExtrapolationParameterBox {
+  // How a candidate decides: "planarregression" (within range of the plane through at least 3
+  // seeds within radius: ground grows along the terrain and stops at steps), "threshold" (within
+  // threshold in height of its nearest seed: flat surfaces such as roads or water grow, walls do
+  // not), "classification" (the class of its nearest seed: several classes grow at once),
+  // "constant" (any seed within radius).
+  std::string mode = "planarregression";
+  // The class a grown candidate takes (all modes but "classification"). 2: ground.
+  int extrapolation_class = 2;
+  // Classes of the seeds; points grown in earlier rounds are seeds as well.
+  Vantor::MultiRange<double> source{"2"};
+  // Classes that may change: the unclassified (0).
+  Vantor::MultiRange<double> target{"0"};
+  // Search radius of every candidate (units of the positions).
+  double radius = 1.0;
+  // Largest number of rounds; each grows the front by about one radius.
+  int maximum_iteration = 10;
+  // "2D": seeds within the radius in x and y; "3D": in x, y and z.
+  std::string dimension = "2D";
+  // planarregression: signed distances from the plane (positive above) that let a candidate grow.
+  Vantor::MultiRange<double> range{"-0.2:0.2"};
+  // planarregression: percentage of the lowest seeds left out of the plane fit.
+  int quantile = 0;
+  // threshold: largest height difference from the nearest seed.
+  double threshold = 0.2;
+  // Messages of the run.
+  std::string message;
+
+  // One line per field but the message, in order: "mode: ", "extrapolation_class: ",
+  // "source: ", "target: ", "radius: ", "maximum_iteration: ", "dimension: ", "range: ",
+  // "quantile: ", "threshold: " and the value.
+  void print() const;
+};
+
+// Extrapolates "Classification" fragment by fragment with extrapolationOfMultiArray; afterwards
+// the field's value range is computed again. Messages after "Extrapolation: ": "ERROR: no
+// f_vertices" or "ERROR: no f_classification" end the run, "ERROR: no m_vertices", "ERROR: no
+// m_classification" and "ERROR: no fragment bbox" skip a fragment, "ERROR: unknown mode <mode>"
+// ends it before anything changes. Returns box.message. progress, when given, hears the share of
+// fragments done.
+std::string extrapolation(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                          ExtrapolationParameterBox& box,
+                          const Basalt::StrongPtr<Basalt::LoaderProgress>& progress);
+
+// The rounds over one fragment: per round a tree (2-D or 3-D by box.dimension, capacity 64, over
+// bbox) of the seeds (class in source, or grown in an earlier round), and every candidate (class
+// in target, not a seed) decides by box.mode against the classes as they stood at the round's
+// start, so the result does not depend on threads or order. Stops when a round changes nothing
+// or after maximum_iteration rounds. False for an unknown mode or dimension (nothing changes).
+bool extrapolationOfMultiArray(
+    const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& positions,
+    const Basalt::StrongPtr<Vantor::BoundingBox>& bbox, ExtrapolationParameterBox& box,
+    Tressel::MultiArray<1, unsigned char>& classes);
+
 } // namespace Quorvel
 
 namespace Tressel {

@@ -1,5 +1,6 @@
-# quorvel regress and quorvel relheight on the sample data: ground grown from seeds, every option
-# reaching its box field, the per-fragment measures, and a pipeline of both giving the same file.
+# quorvel regress, relheight and extrapolate on the sample data: ground grown from seeds, every
+# option reaching its box field, the per-fragment measures, and a pipeline of regress and
+# relheight giving the same file.
 include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
 
 # Seeds: the thinned cloud's ground within 0.3 m, 550 of the 1368 true ground points. Growing
@@ -57,3 +58,19 @@ file(WRITE ${WORK_DIR}/terrain.json "[
 ]")
 quorvel(0 "quorvel pipeline: 14408 points" pipeline ${WORK_DIR}/terrain.json)
 expect_same_file(${WORK_DIR}/steps.las ${WORK_DIR}/piped.las "the pipeline against the two commands")
+
+# Extrapolation from the same seeds: ground grown along the terrain (nearly all of it, few
+# others), flat ground by height threshold, the options reaching the box, a refused mode.
+quorvel(0 "quorvel extrapolate: 14408 points" extrapolate ${WORK_DIR}/seeds.las
+        -o ${WORK_DIR}/extrapolated.las --target 0:1)
+quorvel(0 "class 2: 1353 of 1368" compare ${WORK_DIR}/extrapolated.las ${data}/sample_c.las)
+quorvel(0 "classes: 0:12998 2:1410" info ${WORK_DIR}/extrapolated.las)
+quorvel(0 "quorvel extrapolate" extrapolate ${WORK_DIR}/seeds.las -o ${WORK_DIR}/flat.las
+        --mode threshold --threshold 0.2 --target 0:1 --radius 1 --dimension 2D)
+quorvel(0 "class 2: 1361 of 1368" compare ${WORK_DIR}/flat.las ${data}/sample_c.las)
+quorvel(0 "quorvel extrapolate" extrapolate ${WORK_DIR}/seeds.las -o ${WORK_DIR}/five.las
+        --mode constant --class 5 --source 2 --target 0 --radius 0.5 --maximum-iteration 1
+        --dimension 3D)
+quorvel(0 "classes: 0:13450 2:554 5:404" info ${WORK_DIR}/five.las)
+quorvel(2 "--mode: grow not in {planarregression,threshold,classification,constant}" extrapolate
+        ${WORK_DIR}/seeds.las -o ${WORK_DIR}/never.las --mode grow)

@@ -46,6 +46,13 @@ int regressFragment(const Tressel::MultiArray<1, point>& positions,
                     PlanarRegressionParameterBox& box,
                     Tressel::MultiArray<1, unsigned char>& classes);
 
+// extrapolationOfMultiArray, returning the number of rounds whose point step ran, or -1 for an
+// unknown mode or dimension.
+int extrapolateFragment(const Tressel::MultiArray<1, point>& positions,
+                        const Basalt::StrongPtr<Vantor::BoundingBox>& bbox,
+                        const ExtrapolationParameterBox& box,
+                        Tressel::MultiArray<1, unsigned char>& classes);
+
 // The half width of a square neighbourhood as it is used: rounded to single precision.
 inline double squareHalfWidthInUse(double halfWidth) {
   return static_cast<double>(static_cast<float>(halfWidth));

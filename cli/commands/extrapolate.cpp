@@ -1,0 +1,64 @@
+// quorvel extrapolate: spreads a class from seed points into the unclassified points near them,
+// in rounds, by one of four modes (ground along the terrain, flat surfaces, nearest classes, any
+// seed near).
+#include "cli/commands/command.hpp"
+#include "quorvel/terrain/terrain.hpp"
+
+#include <limits>
+
+namespace Quorvel::Cli {
+
+namespace {
+
+class Extrapolate final : public CloudCommand {
+public:
+  Extrapolate() : CloudCommand("extrapolate") {}
+
+  void addStageOptions(CLI::App& app) override {
+    app.add_option("--mode", box_.mode, "planarregression, threshold, classification, constant")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"planarregression", "threshold", "classification", "constant"}));
+    app.add_option("--class", box_.extrapolation_class, "class given to grown points")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 255));
+    addRange(app, "--source", box_.source, "classes of the seeds");
+    addRange(app, "--target", box_.target, "classes that may change");
+    app.add_option("--radius", box_.radius, "search radius of every candidate")
+        ->capture_default_str()
+        ->check(positiveNumber());
+    app.add_option("--maximum-iteration", box_.maximum_iteration, "largest number of rounds")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1000000));
+    app.add_option("--dimension", box_.dimension, "2D: seeds in x, y; 3D: in x, y, z")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"2D", "3D"}));
+    addRange(app, "--range", box_.range,
+             "planarregression: distances from the plane that grow (negative: use --range=)");
+    app.add_option("--quantile", box_.quantile,
+                   "planarregression: percentage of lowest seeds left out")
+        ->capture_default_str()
+        ->check(numberWithin(0, 100));
+    app.add_option("--threshold", box_.threshold, "threshold: largest height difference")
+        ->capture_default_str()
+        ->check(numberWithin(0, std::numeric_limits<double>::max()));
+  }
+
+  void apply(Cloud& cloud, const Host& host) override {
+    box_.message.clear();
+    host.run("extrapolate", pointCount(*cloud.grid),
+             [&] { extrapolation(cloud.grid, box_, host.progress("extrapolate")); });
+    if (!box_.message.empty())
+      throw Error("extrapolate: " + box_.message);
+  }
+
+private:
+  ExtrapolationParameterBox box_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeExtrapolate() {
+  return std::make_unique<Extrapolate>();
+}
+
+} // namespace Quorvel::Cli
