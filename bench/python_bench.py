@@ -1,0 +1,38 @@
+#!/usr/bin/env python3
+"""Python overhead: 1M points with 16 more fields from numpy arrays into a cloud and back,
+against a plain numpy copy of the same arrays; and shape factors of 1M points run from Python
+(one algorithm thread), to set beside features_bench's C++ figure for the same cloud kind.
+Run with PYTHONPATH=build/release/python. Best of 5 runs each."""
+import time
+
+import numpy as np
+
+import quorvel
+
+
+def best(f, runs=5):
+    times = []
+    for _ in range(runs):
+        start = time.perf_counter()
+        f()
+        times.append(time.perf_counter() - start)
+    return min(times)
+
+
+n = 1_000_000
+rng = np.random.default_rng(11)
+xyz = np.column_stack([rng.uniform(0, 350, (n, 2)) + [5e5, 5.4e6], 300 + rng.normal(0, 0.05, n)])
+fields = {f"U{k}": np.ones(n, np.uint8) for k in range(9)}
+fields.update({f"S{k}": np.ones(n, np.uint16) for k in range(2)})
+fields.update({"GpsTime": np.ones(n), "A": np.ones(n, np.float32), "B": np.ones(n, np.float32),
+               "C": np.ones(n, np.float32), "NormalVector": np.zeros((n, 3))})
+
+copy_s = best(lambda: [xyz.copy()] + [a.copy() for a in fields.values()])
+ours_s = best(lambda: (lambda c: [c.xyz] + [c[name] for name in fields])(quorvel.Cloud(xyz, **fields)))
+print(f"numpy copy of 17 arrays: {copy_s * 1e3:.1f} ms; into a cloud and back: {ours_s * 1e3:.1f} ms;"
+      f" ratio {ours_s / copy_s:.2f}")
+
+cloud = quorvel.Cloud(xyz)
+box = quorvel.ShapeFactorComputationParameterBox(normalvector=True, linearity=True, sphericity=True)
+shape_s = best(lambda: quorvel.shapeFactorComputation(cloud, box), runs=3)
+print(f"shape factors of 1M points from Python: {shape_s:.3f} s")

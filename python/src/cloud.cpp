@@ -1,0 +1,217 @@
+// Quorvel for Python: clouds from numpy arrays and back, LAS and bundle files.
+#include "cloud.hpp"
+
+#include "io/files.hpp"
+#include "tressel/PointCloud.hpp"
+
+#include <pybind11/stl.h>
+
+#include <cstring>
+#include <map>
+#include <numeric>
+
+namespace Quorvel::Python {
+
+namespace {
+
+using Tressel::TresselTypeBase;
+
+// numpy's dtype code of a framework scalar kind.
+std::string dtypeOf(Tressel::ScalarKind kind) {
+  using K = Tressel::ScalarKind;
+  static const std::map<K, std::string> codes{
+      {K::Int8, "i1"},    {K::UInt8, "u1"},   {K::Int16, "i2"}, {K::UInt16, "u2"},
+      {K::Int32, "i4"},   {K::UInt32, "u4"},  {K::Int64, "i8"}, {K::UInt64, "u8"},
+      {K::Float32, "f4"}, {K::Float64, "f8"}, {K::Float80, "g"}};
+  const auto found = codes.find(kind);
+  return found == codes.end() ? std::string() : found->second;
+}
+
+// The framework's element type of an array given from Python: its scalar by dtype, and "vector"
+// (or "point" for the positions, "rgb16" for "RGB") for n x 3 arrays.
+std::string elementTypeOf(const std::string& name, const py::array& a, std::size_t n) {
+  const py::dtype d = a.dtype();
+  const char kind = d.kind();
+  const auto size = static_cast<int>(d.itemsize());
+  std::string scalar;
+  for (const auto& [k, code] :
+       std::vector<std::pair<std::pair<char, int>, std::string>>{{{'u', 1}, "uint8"},
+                                                                 {{'b', 1}, "uint8"},
+                                                                 {{'i', 1}, "int8"},
+                                                                 {{'u', 2}, "uint16"},
+                                                                 {{'i', 2}, "int16"},
+                                                                 {{'u', 4}, "uint32"},
+                                                                 {{'i', 4}, "int32"},
+                                                                 {{'u', 8}, "uint64"},
+                                                                 {{'i', 8}, "int64"},
+                                                                 {{'f', 4}, "float32"},
+                                                                 {{'f', 8}, "float64"}})
+    if (k.first == kind && k.second == size)
+      scalar = code;
+  if (a.ndim() == 1 && static_cast<std::size_t>(a.shape(0)) == n && !scalar.empty())
+    return scalar;
+  if (a.ndim() == 2 && static_cast<std::size_t>(a.shape(0)) == n && a.shape(1) == 3) {
+    if (name == Tressel::PositionsFieldName && scalar == "float64")
+      return "point";
+    if (scalar == "float64")
+      return "vector";
+    if (name == "RGB" && scalar == "uint16")
+      return "rgb16";
+  }
+  std::string shape;
+  for (py::ssize_t k = 0; k < a.ndim(); ++k)
+    shape += (k ? " x " : "") + std::to_string(a.shape(k));
+  raise("field \"" + name + "\": an array of " + std::to_string(n) +
+        " numbers, or n x 3 float64 values, is needed, not " +
+        py::cast<std::string>(py::str(static_cast<const py::handle&>(d))) + " of shape " + shape);
+}
+
+// A cloud of the arrays, in fragments of at most fragmentPoints consecutive points (one for 0).
+Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& fields) {
+  const std::size_t n = xyz.ndim() == 2 ? static_cast<std::size_t>(xyz.shape(0)) : 0;
+  std::vector<std::pair<std::string, py::array>> columns{
+      {Tressel::PositionsFieldName, py::array::ensure(xyz, py::array::c_style)}};
+  for (const auto& [key, value] : fields)
+    columns.emplace_back(py::cast<std::string>(key), py::array::ensure(value, py::array::c_style));
+  std::vector<std::size_t> sizes;
+  for (const auto& part : Tressel::sequentialPartition(n, fragmentPoints))
+    sizes.push_back(part.size());
+  Tressel::FragmentArrays arrays(sizes);
+  for (const auto& [name, a] : columns) {
+    if (!a)
+      throw std::runtime_error("field \"" + name + "\" is not an array");
+    const std::string type = elementTypeOf(name, a, n);
+    const std::size_t bytes = TresselTypeBase::find(type)->size();
+    const auto* from = static_cast<const std::uint8_t*>(a.data());
+    const auto to = arrays.addField(name, type);
+    for (std::size_t k = 0, at = 0; k < sizes.size(); at += sizes[k], ++k)
+      std::memcpy(to[k], from + at * bytes, sizes[k] * bytes);
+  }
+  return {arrays.build("PointCloud")};
+}
+
+// The field's values as a numpy array in input (or file) order: one row per point, n x 3 for
+// three-component elements.
+py::array fieldOf(const Cloud& cloud, const std::string& name) {
+  const auto field = (*cloud.grid)(Tressel::StandardCartesianChart3D, name);
+  const auto* type = field ? field->getElementType() : nullptr;
+  if (!type) {
+    PyErr_SetString(PyExc_KeyError, ("no field \"" + name + "\"").c_str());
+    throw py::error_already_set();
+  }
+  const std::string code = dtypeOf(type->scalar());
+  if (code.empty())
+    throw std::runtime_error("field \"" + name + "\" holds " + type->name() +
+                             ", which has no numpy form");
+  std::vector<const Tressel::MemBase*> parts;
+  std::size_t n = 0;
+  field->iterate([&](const auto&, const auto& creator) {
+    const auto data = creator ? creator->peekData() : nullptr;
+    if (!data)
+      throw std::runtime_error("field \"" + name + "\" has a fragment without values");
+    parts.push_back(data.get());
+    n += data->nElements();
+    return true;
+  });
+  std::vector<py::ssize_t> shape{static_cast<py::ssize_t>(n)};
+  if (type->components() > 1)
+    shape.push_back(type->components());
+  py::array out(py::dtype(code), shape);
+  auto* to = static_cast<std::uint8_t*>(out.mutable_data());
+  const std::size_t bytes = type->size();
+  // A tiled LAS read numbers the points by their place in the file: rows follow that order.
+  const auto index = (*cloud.grid)(Tressel::StandardCartesianChart3D, "PointIndex");
+  std::vector<unsigned long long> order;
+  if (index && name != "PointIndex")
+    order = Tressel::readField<unsigned long long>(*index);
+  std::size_t row = 0;
+  for (const auto* part : parts) {
+    const auto* from = static_cast<const std::uint8_t*>(part->myChunk()->rawData());
+    if (order.empty()) { // input order: the fragment's values in one piece
+      std::memcpy(to + row * bytes, from, part->nElements() * bytes);
+      row += part->nElements();
+      continue;
+    }
+    for (std::size_t j = 0; j < part->nElements(); ++j, ++row) {
+      const std::size_t place = order.empty() ? row : order[row];
+      if (place >= n)
+        throw std::runtime_error("\"PointIndex\" names a point beyond the cloud");
+      std::memcpy(to + place * bytes, from + j * bytes, bytes);
+    }
+  }
+  return out;
+}
+
+std::size_t pointsOf(const Cloud& cloud) {
+  std::size_t n = 0;
+  if (const auto positions = cloud.grid->CartesianPositions())
+    positions->iterate([&](const auto&, const auto& creator) {
+      if (const auto data = creator ? creator->peekData() : nullptr)
+        n += data->nElements();
+      return true;
+    });
+  return n;
+}
+
+} // namespace
+
+void bindCloud(py::module_& m) {
+  py::class_<Cloud>(m, "Cloud", "A point cloud: positions and per-point fields, in fragments.")
+      .def(py::init([](const py::array& xyz, std::size_t fragmentPoints, const py::kwargs& fields) {
+             return cloudOf(xyz, fragmentPoints, fields);
+           }),
+           py::arg("xyz"), py::arg("fragment_points") = 0,
+           "A cloud of n x 3 positions and named per-point arrays (keywords), in fragments of "
+           "at most fragment_points consecutive points (0: one fragment).")
+      .def_static(
+          "from_dict",
+          [](const py::dict& fields, std::size_t fragmentPoints) {
+            py::dict rest;
+            for (const auto& [key, value] : fields)
+              if (py::cast<std::string>(key) != Tressel::PositionsFieldName)
+                rest[key] = value;
+            if (!fields.contains(Tressel::PositionsFieldName))
+              throw std::runtime_error("the dict has no \"Positions\"");
+            return cloudOf(fields[Tressel::PositionsFieldName], fragmentPoints, rest);
+          },
+          py::arg("fields"), py::arg("fragment_points") = 0)
+      .def("__getitem__", &fieldOf, py::arg("name"))
+      .def_property_readonly("xyz",
+                             [](const Cloud& c) { return fieldOf(c, Tressel::PositionsFieldName); })
+      .def("__len__", &pointsOf)
+      .def_property_readonly("fragments",
+                             [](const Cloud& c) {
+                               const auto p = c.grid->CartesianPositions();
+                               return p ? p->nFragments() : 0;
+                             })
+      .def_property_readonly(
+          "fields",
+          [](const Cloud& c) {
+            py::dict out;
+            const auto rep = c.grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+            if (rep)
+              for (const auto& [id, field] : rep->snapshot())
+                if (field && field->getElementType())
+                  out[py::str(id->Name())] = field->getElementType()->name();
+            return out;
+          },
+          "Field names and their element types, in the cloud's order.")
+      .def(
+          "write",
+          [](const Cloud& c, const std::string& path) {
+            py::gil_scoped_release released;
+            Files::save(path, c.grid);
+          },
+          py::arg("path"), "Writes a LAS file, or a bundle for .h5 and .hdf5.");
+  m.def(
+      "read",
+      [](const std::string& path, std::size_t fragmentPoints) {
+        py::gil_scoped_release released;
+        return Cloud{Files::load(path, fragmentPoints)};
+      },
+      py::arg("path"), py::arg("fragment_points") = 0,
+      "Reads a LAS file or a bundle (.h5, .hdf5); fragment_points N splits a LAS file into x-y "
+      "tiles of about N points.");
+}
+
+} // namespace Quorvel::Python
