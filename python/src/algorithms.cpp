@@ -59,6 +59,17 @@ std::string checked(std::string& message, F&& f) {
   return result;
 }
 
+// A run that makes a new grid, as a new cloud; raises like checked().
+template <class F>
+Cloud newCloud(std::string& message, F&& f) {
+  Cloud out;
+  checked(message, [&] {
+    out.grid = f();
+    return std::string();
+  });
+  return out;
+}
+
 void bindFeatures(py::module_& m) {
   using Shape = ShapeFactorComputationParameterBox;
   BoxBinding<Shape>(m, "ShapeFactorComputationParameterBox", "Settings of shape factors.")
@@ -106,12 +117,7 @@ void bindFeatures(py::module_& m) {
   m.def(
       "reducedPointCloud",
       [](Cloud& c, Reduce& box) {
-        Cloud out;
-        checked(box.message, [&] {
-          out.grid = reducedPointCloud(c.grid, box);
-          return std::string();
-        });
-        return out;
+        return newCloud(box.message, [&] { return reducedPointCloud(c.grid, box); });
       },
       py::arg("cloud"), py::arg("box"), "The points a thinning keeps, as a new cloud.");
   m.def(
@@ -135,12 +141,7 @@ void bindSelection(py::module_& m) {
   m.def(
       "computeSelection",
       [](Cloud& c, Box& box) {
-        Cloud out;
-        checked(box.message, [&] {
-          out.grid = computeSelection(c.grid, box);
-          return std::string();
-        });
-        return out;
+        return newCloud(box.message, [&] { return computeSelection(c.grid, box); });
       },
       py::arg("cloud"), py::arg("box"), "The selected points with all their fields.");
   m.def(
