@@ -23,6 +23,7 @@
 #include "quorvel/features/features.hpp"
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/metadata/metadata.hpp"
+#include "quorvel/raster/raster.hpp"
 #include "quorvel/selection/selection.hpp"
 #include "quorvel/spatial/spatial.hpp"
 #include "quorvel/storage/storage.hpp"

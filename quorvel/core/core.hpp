@@ -200,19 +200,22 @@ void forEachFragment(std::size_t count, int threads, Messages& log, Body&& body)
 
 // The result array of one fragment of an output field. Where the field already holds an array
 // of the right type and size for the fragment, that array is written in place; otherwise a new
-// zero-filled one is made. commit() then marks the reused array changed (touch) or attaches the
-// new one as persistent data in the default memory cache, inside the critical section.
+// one filled with `fill` (zeros by default) is made. commit() then marks the reused array changed
+// (touch) or attaches the new one as persistent data in the default memory cache, inside the
+// critical section.
 template <class T>
 class FragmentOutput {
 public:
-  FragmentOutput(StrongPtr<Field> field, StrongPtr<FragmentID> id, std::size_t count)
+  FragmentOutput(StrongPtr<Field> field, StrongPtr<FragmentID> id, std::size_t count,
+                 const T& fill = T())
       : field_(std::move(field)), id_(std::move(id)) {
     if (field_ && id_) {
       creator_ = field_->getCreator(*id_);
       array_ = Tressel::arrayCast<1, T>(creator_ ? creator_->peekData() : nullptr);
     }
     if (!array_ || array_->size() != count) {
-      array_ = std::make_shared<MemArray<1, T>>(Tressel::MultiIndex<1>(count));
+      array_ = std::make_shared<MemArray<1, T>>(Tressel::MultiIndex<1>(count),
+                                                std::vector<T>(count, fill));
       creator_.reset();
     }
   }

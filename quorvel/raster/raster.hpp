@@ -1,0 +1,117 @@
+// Quorvel: ground rasters mapped onto point clouds, and fields carried from grid to grid.
+//
+// A raster is a regularly fragmented uniform 3-D grid (Tressel::UniformGridView) whose cells
+// carry a "CellType" (unsigned 8-bit; 0 and 4 are ground cells, every other value is left alone)
+// and a ground height (float or double, named by the box). prepareRaster gives every ground cell
+// the plane through its 3 x 3 block of ground cells and the block's highest and lowest ground;
+// mapData then finds the cell under every point of a cloud and either assigns classes by height
+// bands above that ground or writes the point's height above it ("CanopyHeight").
+#pragma once
+
+#include "basalt/StrongPtr.hpp"
+#include "tressel/Grid.hpp"
+#include "vantor/BoundingBox.hpp"
+#include "vantor/MultiRange.hpp"
+#include "vantor/PhysicalSpace.hpp"
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Quorvel {
+
+// A band of heights above the ground and the class it assigns.
+struct HeightBand {
+  double low = 0.0;
+  double high = 0.0;
+  std::uint32_t cls = 0;
+};
+
+// A band that applies only to points whose current class c lies in classFrom <= c <= classTo.
+struct ClassConditionalBand {
+  std::uint32_t cls = 0;
+  double low = 0.0;
+  double high = 0.0;
+  double classFrom = 0.0;
+  double classTo = 0.0;
+};
+
+// Settings shared by raster preparation and mapping; prepareRaster stores the raster's box.
+struct MapRasterOnPointCloudParameterBox {
+  // Bands decide by the height above the cell's ground alone (mapClassificationStep) instead of
+  // also by the distance from the cell's plane.
+  bool step = false;
+  // Every mapped point's class is set to 0 before the bands assign.
+  bool unclassify = false;
+  // Writes "CanopyHeight" (height above the cell's plane) instead of assigning classes.
+  bool height = false;
+  // The raster's field of ground heights.
+  std::string heightfieldname = "Height";
+  // Edge lengths of one raster cell along x, y, z; an axis with 0 or less is not indexed (a
+  // raster of one layer has z 0).
+  std::array<double, 3> cellsize{1.0, 1.0, 0.0};
+  // Cells of one raster fragment along x, y, z.
+  std::array<std::uint64_t, 3> rastersize{256, 256, 1};
+  // Classes that the mapping never changes.
+  Vantor::MultiRange<double> constantclasses;
+  // The whole raster's box, set by prepareRaster.
+  Basalt::StrongPtr<Vantor::BoundingBox> raster_bbox;
+  // Height bands in list order; a later match overrides an earlier one.
+  std::vector<HeightBand> assignment;
+  // Bands applied after `assignment`, each only to points of its class interval (read anew for
+  // every band). Not printed.
+  std::vector<ClassConditionalBand> class_assignment;
+
+  // "constantclasses: ", "cellsize: (x ,y ,z)", "height: ", "step: ", "heightfieldname: ",
+  // "unclassify: ", "rastersize: XxYxZ", "raster bbox: min | max", then "assignment: " and one
+  // "low:high=class" line per band.
+  void print() const;
+};
+
+// Loads the first grid of the bundle file as the raster, fills "PlanarRegression" (the height
+// plane (a, b, c) of the cell's 3 x 3 block, (0, 0, 1e7) where no plane was fitted), "MaxGround"
+// and "MinGround" (NaN where not computed) for every cell of type 0 or 4 from the ground cells of
+// its block inside its own fragment, and stores the raster's box in box.raster_bbox. False, after
+// its message, on any failure.
+bool prepareRaster(const std::string& fileName, Basalt::StrongPtr<Tressel::Grid>& raster,
+                   MapRasterOnPointCloudParameterBox& box);
+
+// The band rule with both tests: the plane test (when the plane exists: plane c below 1e7) needs
+// low <= distance from the plane <= high and minGround + low < p.z < high + maxGround; then the
+// ground-height test low + groundHeight < p.z < groundHeight + high. Either test that holds sets
+// cls_out = cls (8 bits); otherwise cls_out stays.
+void mapClassification(const double& low, const double& high,
+                       const Vantor::PhysicalSpace::vector& planeNormal,
+                       const Vantor::PhysicalSpace::point& p, const double& maxGround,
+                       const double& minGround, const double& groundHeight, const int& cls,
+                       std::uint8_t& cls_out);
+
+// The step rule: cls_out = cls when low + groundHeight < p.z < groundHeight + high.
+void mapClassificationStep(const double& low, const double& high,
+                           const Vantor::PhysicalSpace::point& p, const double& groundHeight,
+                           const int& cls, std::uint8_t& cls_out);
+
+// Maps a prepared raster onto every point of the cloud: classes by the box's bands, or with
+// box.height the "CanopyHeight" above the cell's plane (-1000 where the cell has none). Points
+// outside the raster, of constant classes or of classes outside the class-conditional bands keep
+// their class. False when the cloud has no chart, no positions or no points.
+bool mapData(const Basalt::StrongPtr<Tressel::Grid>& pointCloud,
+             const Basalt::StrongPtr<Tressel::Grid>& raster,
+             const MapRasterOnPointCloudParameterBox& box);
+
+// Prepares rasterFile and maps it onto every grid of every bundle file named, writing each file
+// back in place (positions in single precision, numerically shifted) once all its grids are
+// mapped; a file that fails keeps its old contents and the next file goes on. False when the
+// raster or any file failed.
+bool mapData(std::vector<std::string> files, const std::string& rasterFile,
+             MapRasterOnPointCloudParameterBox& box);
+
+// Gives every target point the value of sourceFieldName at the nearest source point in x and y
+// within radius (targetFieldName, float, a 3-D array per target fragment shaped like its
+// positions; fragments of other ranks are reported and left out); points with no source point
+// within radius get NaN. Returns the error text of a missing input, empty on success.
+std::string mapSourceToTarget(const Tressel::Grid& source, std::string sourceFieldName,
+                              Tressel::Grid& target, std::string targetFieldName, double radius);
+
+} // namespace Quorvel
