@@ -1,0 +1,86 @@
+// Rasters made for the raster tests: a small fragmented grid of sloped, noisy ground heights
+// and cell types, written as a bundle, and reading prepared cells back.
+#pragma once
+
+#include "quorvel/core/core.hpp"
+#include "quorvel/raster/raster.hpp"
+#include "tressel/Bundle.hpp"
+#include "tressel/UniformGrid.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace TestRaster {
+
+using Quorvel::point;
+using Vantor::PhysicalSpace::vector;
+
+// A raster of 2 x 2 fragments of 4 x 3 cells of 2 m at (1000, 2000): heights on a slope with
+// noise, cell types 0 and 4 with a few 1, 2 and 5 among them.
+struct RasterSpec {
+  Tressel::MultiIndex<3> fragments{2, 2, 1}, cells{4, 3, 1};
+  point origin{1000.0, 2000.0, 0.0};
+  double size = 2.0;
+
+  std::size_t width() const { return fragments[0] * cells[0]; }
+  std::size_t depth() const { return fragments[1] * cells[1]; }
+  double height(std::size_t gx, std::size_t gy) const {
+    return 50.0 + 0.1 * static_cast<double>(gx) - 0.05 * static_cast<double>(gy) +
+           0.3 * std::sin(static_cast<double>(gx * 7 + gy * 3));
+  }
+  unsigned char type(std::size_t gx, std::size_t gy) const {
+    const std::size_t k = gx * 5 + gy * 11;
+    return k % 13 == 3 ? 1 : k % 17 == 5 ? 2 : k % 19 == 7 ? 5 : k % 3 == 0 ? 4 : 0;
+  }
+};
+
+template <class T, class F>
+void addCells(Tressel::Grid& grid, const char* name, const RasterSpec& r, F value) {
+  auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  auto field =
+      rep->makeField(rep->makeFieldID(name), rep->fragmentLayout(), &Tressel::TresselType<T>(), 3);
+  for (std::size_t b = 0; b < r.fragments[1]; ++b)
+    for (std::size_t a = 0; a < r.fragments[0]; ++a) {
+      auto array = std::make_shared<Tressel::MemArray<3, T>>(r.cells);
+      for (std::size_t j = 0; j < r.cells[1]; ++j)
+        for (std::size_t i = 0; i < r.cells[0]; ++i)
+          array->view()(i, j, 0) = value(a * r.cells[0] + i, b * r.cells[1] + j);
+      const auto id =
+          rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(a + r.fragments[0] * b));
+      field->setPersistentData(array, id);
+    }
+}
+
+inline void writeRaster(const std::string& path, const RasterSpec& r, bool withTypes = true) {
+  auto bundle = std::make_shared<Tressel::Bundle>();
+  ASSERT_TRUE(bundle->bindToNew(path, nullptr));
+  auto grid = Tressel::createRegularlyFragmentedGridWithCartesianVertices3D(
+      *bundle, 0.0, "raster", r.fragments, r.cells, r.origin, vector(r.size, r.size, 0.0));
+  if (withTypes)
+    addCells<unsigned char>(*grid, "CellType", r, [&](auto x, auto y) { return r.type(x, y); });
+  addCells<float>(*grid, "Height", r,
+                  [&](auto x, auto y) { return static_cast<float>(r.height(x, y)); });
+  ASSERT_TRUE(bundle->save()) << bundle->lastError();
+}
+
+inline Quorvel::MapRasterOnPointCloudParameterBox boxFor(const RasterSpec& r) {
+  Quorvel::MapRasterOnPointCloudParameterBox box;
+  box.cellsize = {r.size, r.size, 0.0};
+  box.rastersize = {r.cells[0], r.cells[1], 1};
+  return box;
+}
+
+// The value of a prepared field at global cell (gx, gy).
+template <class T>
+T cellValue(const Tressel::Grid& raster, const char* name, const RasterSpec& r, std::size_t gx,
+            std::size_t gy) {
+  auto rep = raster.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  auto field = rep->findField(name);
+  const auto id = rep->fragmentLayout()->findFragmentID(
+      static_cast<unsigned>(gx / r.cells[0] + r.fragments[0] * (gy / r.cells[1])));
+  auto array = Tressel::arrayCast<3, T>(field->getData(id));
+  return array->view()(gx % r.cells[0], gy % r.cells[1], 0);
+}
+
+} // namespace TestRaster
