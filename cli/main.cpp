@@ -87,6 +87,9 @@ int main(int argc, char** argv) {
     for (auto& [sub, command] : table)
       if (*sub)
         return command->run(host);
+  } catch (const CLI::ParseError& e) {
+    // A command line that only the command itself can judge (one of two forms).
+    return usageError(app, e);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "quorvel: error: %s\n", e.what());
     return 1;

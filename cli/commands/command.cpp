@@ -13,15 +13,22 @@ namespace Quorvel::Cli {
 
 void CloudCommand::addOptions(CLI::App& app) {
   addStageOptions(app);
-  app.add_option(inputName(), input_, "the point cloud to change (LAS or bundle)")->required();
+  auto* input = app.add_option(inputName(), input_, "the point cloud to change (LAS or bundle)");
+  addOperandsAfterInput(app);
   auto* output = app.add_option("-o,--output", output_, "where to write the result (LAS or bundle)")
                      ->check(outputFile());
-  if (outputRequired())
+  if (!hasFilesForm())
+    input->required();
+  if (outputRequired() && !hasFilesForm())
     output->required();
   addWriteOptions(app, write_);
 }
 
 int CloudCommand::run(const Host& host) {
+  if (hasFilesForm() && input_.empty())
+    return runFiles(host);
+  if (outputRequired() && output_.empty())
+    throw CLI::RequiredError("--output");
   Cloud cloud = host.load(input_);
   apply(cloud, host);
   if (!output_.empty())

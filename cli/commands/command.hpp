@@ -48,6 +48,13 @@ public:
 protected:
   // False for a command that may run for what it prints alone (then -o is optional).
   virtual bool outputRequired() const { return true; }
+  // Operands that follow the input on the command line (quorvel map CLOUD RASTER).
+  virtual void addOperandsAfterInput(CLI::App&) {}
+  // True for a command with a second form that reads and writes files itself (map --files):
+  // IN and -o are then optional, and runFiles() runs when IN is not given.
+  virtual bool hasFilesForm() const { return false; }
+  virtual int runFiles(const Host&) { return 0; }
+  const std::string& input() const { return input_; }
   // What the operand of the cloud to change is called in the help.
   virtual std::string inputName() const { return "IN"; }
   const std::string& name() const { return name_; }
@@ -86,6 +93,8 @@ std::unique_ptr<Command> makeWeights();
 std::unique_ptr<Command> makeReduce();
 std::unique_ptr<Command> makeSelect();
 std::unique_ptr<Command> makeExtrapolate();
+std::unique_ptr<Command> makeMap();
+std::unique_ptr<Command> makeMapField();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute
 // them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages

@@ -21,6 +21,9 @@ const std::vector<CommandEntry>& commands() {
        makeShapeFactors},
       {"weights", "how much every point matters when thinning (from shape factors)", makeWeights},
       {"reduce", "thin a cloud to the points of highest weight", makeReduce},
+      {"map", "a ground raster onto clouds: height-band classes or heights above ground", makeMap},
+      {"mapfield", "a field of SOURCE onto the cells of a TARGET raster, by nearest x-y",
+       makeMapField},
       {"select", "the points whose value in a field lies in ranges (or outside them)", makeSelect},
   };
   return table;

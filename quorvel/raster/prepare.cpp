@@ -151,8 +151,13 @@ bool prepareRaster(const std::string& fileName, StrongPtr<Grid>& raster,
                    MapRasterOnPointCloudParameterBox& box) {
   Messages log(RasterTag);
   raster = loadRaster(fileName, log);
+  return raster && prepareRaster(raster, box);
+}
+
+bool prepareRaster(const StrongPtr<Grid>& raster, MapRasterOnPointCloudParameterBox& box) {
+  Messages log(RasterTag);
   if (!raster)
-    return false;
+    return log.report("prepareRaster, ERROR: no grid found"), false;
   auto rep = raster->getCartesianRepresentation(Tressel::StandardCartesianChart3D);
   auto positions = rep ? rep->findField(Tressel::PositionsFieldName) : nullptr;
   if (!positions || positions->getRank() != 3)

@@ -76,6 +76,9 @@ struct MapRasterOnPointCloudParameterBox {
 // its message, on any failure.
 bool prepareRaster(const std::string& fileName, Basalt::StrongPtr<Tressel::Grid>& raster,
                    MapRasterOnPointCloudParameterBox& box);
+// The same for a raster grid already loaded (the first grid of a bundle, or one made in memory).
+bool prepareRaster(const Basalt::StrongPtr<Tressel::Grid>& raster,
+                   MapRasterOnPointCloudParameterBox& box);
 
 // The band rule with both tests: the plane test (when the plane exists: plane c below 1e7) needs
 // low <= distance from the plane <= high and minGround + low < p.z < high + maxGround; then the

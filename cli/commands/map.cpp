@@ -1,0 +1,100 @@
+// quorvel map: a ground raster onto a cloud, as height-band classes or as heights above ground;
+// or onto every grid of a list of bundle files, each rewritten in place.
+#include "cli/commands/command.hpp"
+#include "cli/commands/raster_input.hpp"
+#include "quorvel/core/core.hpp"
+#include "quorvel/raster/raster.hpp"
+
+namespace Quorvel::Cli {
+
+namespace {
+
+const char* const Footer = R"(Forms:
+  quorvel map CLOUD RASTER -o OUT [options]      one cloud (LAS or bundle)
+  quorvel map --files A.h5 B.h5 ... --raster R   every grid of every bundle file, rewritten in
+                                                 place with positions in single precision
+                                                 (numerically shifted); a file that fails stays
+                                                 as it was
+The cell size and the fragment size come from the raster itself. A point takes the cell under it
+(cells are centred on the raster's vertices). --bands assign classes by the height above the
+cell's ground, either test accepting: the distance from the plane of the cell's 3 x 3 block
+(within the block's lowest and highest ground) or the height above the cell; --step uses only the
+latter. --height writes "CanopyHeight" (distance from the cell's plane; -1000 where the cell has
+no plane, NaN outside the raster) and changes no class.)";
+
+class Map final : public CloudCommand {
+public:
+  Map() : CloudCommand("map") {}
+
+  void addStageOptions(CLI::App& app) override {
+    raster_ = app.add_option("--raster", rasterPath_, "the prepared or unprepared ground raster");
+    app.add_option_function<std::string>(
+        "--bands",
+        [this](const std::string& text) { box_.assignment = heightBands("--bands", text); },
+        "height bands and their classes, low:high=class;... (e.g. 0.2:2=3;2:5=4)");
+    app.add_option_function<std::string>(
+        "--class-bands",
+        [this](const std::string& text) {
+          box_.class_assignment = classConditionalBands("--class-bands", text);
+        },
+        "bands for points of some classes only, low:high=from:to=class;... (the classes "
+        "from..to are then the only ones mapped)");
+    app.add_flag("--height", box_.height, "write \"CanopyHeight\" instead of classes");
+    app.add_flag("--step", box_.step, "bands by the height above the cell's ground alone");
+    app.add_flag("--unclassify", box_.unclassify, "set every mapped point's class to 0 first");
+    addRange(app, "--constant-classes", box_.constantclasses,
+             "classes never changed (a point of such a class that would be mapped is reported)");
+    app.add_option("--height-field", box_.heightfieldname, "the raster's field of ground heights")
+        ->capture_default_str();
+  }
+
+  void addOperandsAfterInput(CLI::App& app) override {
+    app.add_option("RASTER", rasterPath_, "the ground raster (bundle)");
+    app.add_option("--files", files_, "bundle files to map in place (the second form)")
+        ->excludes(app.get_option("CLOUD"));
+    app.footer(Footer);
+  }
+
+  std::vector<const CLI::Option*> inputFiles() const override { return {raster_}; }
+
+  void apply(Cloud& cloud, const Host& host) override {
+    if (rasterPath_.empty())
+      throw CLI::RequiredError("RASTER");
+    auto raster = loadRaster(rasterPath_, host, box_);
+    bool ok = false;
+    host.run("map", pointCount(*cloud.grid), [&] { ok = mapData(cloud.grid, raster, box_); });
+    if (!ok)
+      throw Error("map: the raster could not be mapped onto " + input());
+  }
+
+protected:
+  std::string inputName() const override { return "CLOUD"; }
+  bool hasFilesForm() const override { return true; }
+
+  int runFiles(const Host& host) override {
+    if (files_.empty())
+      throw CLI::RequiredError("CLOUD or --files");
+    if (rasterPath_.empty())
+      throw CLI::RequiredError("--raster");
+    takeRasterLayout(rasterPath_, box_);
+    bool ok = false;
+    host.run("map", files_.size(), [&] { ok = mapData(files_, rasterPath_, box_); });
+    if (!ok)
+      throw Error("map: not every file could be mapped (see the messages above)");
+    return 0;
+  }
+
+private:
+  MapRasterOnPointCloudParameterBox box_;
+  std::string rasterPath_;
+  std::vector<std::string> files_;
+  const CLI::Option* raster_ = nullptr;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeMap() {
+  return std::make_unique<Map>();
+}
+
+} // namespace Quorvel::Cli
