@@ -3,20 +3,12 @@
 against a plain numpy copy of the same arrays; and shape factors of 1M points run from Python
 (one algorithm thread), to set beside features_bench's C++ figure for the same cloud kind.
 Run with PYTHONPATH=build/release/python. Best of 5 runs each."""
-import time
 
 import numpy as np
 
+from timing import best
+
 import quorvel
-
-
-def best(f, runs=5):
-    times = []
-    for _ in range(runs):
-        start = time.perf_counter()
-        f()
-        times.append(time.perf_counter() - start)
-    return min(times)
 
 
 n = 1_000_000

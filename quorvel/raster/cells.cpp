@@ -57,12 +57,22 @@ PreparedCells preparedCells(const Representation& rep, const FragmentID& id,
 
 } // namespace
 
-RasterCells::RasterCells(const Grid& raster, const MapRasterOnPointCloudParameterBox& box)
-    : box_(box) {
-  if (box.raster_bbox)
-    bbox_ = *box.raster_bbox;
+RasterCells::RasterCells(const Grid& raster, const MapRasterOnPointCloudParameterBox& box) {
+  const BoundingBox bbox = box.raster_bbox ? *box.raster_bbox : BoundingBox();
+  if (!bbox.empty())
+    for (int a = 0; a < 3; ++a) {
+      min_[a] = bbox.min()[a];
+      max_[a] = bbox.max()[a];
+    }
+  for (int a = 0; a < 3; ++a) {
+    size_[a] = box.cellsize[static_cast<std::size_t>(a)];
+    half_[a] = size_[a] / 2;
+    indexed_[a] = size_[a] > 0;
+    const std::uint64_t cells = box.rastersize[static_cast<std::size_t>(a)];
+    fragmentCells_[a] = cells <= 0xFFFFFFFFu ? static_cast<std::uint32_t>(cells) : 0;
+  }
   const auto view = Tressel::uniformGridView(raster);
-  counts_ = view ? view->fragments : countsFromBox(bbox_, box);
+  counts_ = view ? view->fragments : countsFromBox(bbox, box);
   auto rep = raster.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
   auto positions = rep ? rep->findField(Tressel::PositionsFieldName) : nullptr;
   cells_.resize(counts_.product());
@@ -74,35 +84,6 @@ RasterCells::RasterCells(const Grid& raster, const MapRasterOnPointCloudParamete
     else
       cells_[k].missing = "!raster";
   }
-}
-
-bool RasterCells::locate(const point& p, CellPlace& place) const {
-  const point q(p.x + box_.cellsize[0] / 2, p.y + box_.cellsize[1] / 2, p.z + box_.cellsize[2] / 2);
-  if (!bbox_.inside(q, Vantor::BoundingBox::PointPlanar))
-    return false;
-  const double offset[3] = {q.x - bbox_.min().x, q.y - bbox_.min().y, q.z - bbox_.min().z};
-  std::uint32_t fragment[3] = {0, 0, 0}, cell[3] = {0, 0, 0};
-  for (int a = 0; a < 3; ++a) {
-    if (!(box_.cellsize[a] > 0))
-      continue;
-    const double g = std::floor(offset[a] / box_.cellsize[a]);
-    // Below the box in z, or a fragment size of 0: no cell.
-    if (!(g >= 0) || g >= 4294967296.0 || box_.rastersize[a] == 0)
-      return place.fragment = CellPlace::NoFragment, true;
-    const auto global = static_cast<std::uint32_t>(g);
-    fragment[a] = static_cast<std::uint32_t>(global / box_.rastersize[a]);
-    cell[a] = static_cast<std::uint32_t>(global % box_.rastersize[a]);
-  }
-  place.fragment = CellPlace::NoFragment;
-  if (fragment[0] >= counts_[0] || fragment[1] >= counts_[1] || fragment[2] >= counts_[2])
-    return true;
-  const std::size_t number = fragment[0] + counts_[0] * (fragment[1] + counts_[1] * fragment[2]);
-  const Tressel::MultiIndex<3>& n = cells_[number].extents;
-  if (cell[0] >= n[0] || cell[1] >= n[1] || cell[2] >= n[2])
-    return true;
-  place.fragment = static_cast<std::uint32_t>(number);
-  place.cell = static_cast<std::uint32_t>(cell[0] + n[0] * (cell[1] + n[1] * cell[2]));
-  return true;
 }
 
 } // namespace Quorvel::detail

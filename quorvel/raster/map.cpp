@@ -111,6 +111,20 @@ private:
   std::set<std::uint32_t> reported_;
 };
 
+// How many points ahead the second pass fetches the cells.
+constexpr long long Ahead = 64;
+
+void prefetch(const Run& run, const CellPlace& place) {
+  if (place.fragment >= CellPlace::NoFragment)
+    return;
+  const PreparedCells& cells = run.raster[place.fragment];
+  if (!cells.missing.empty())
+    return;
+  __builtin_prefetch(cells.planes->data() + place.cell);
+  if (!run.box.height)
+    __builtin_prefetch(cells.types->data() + place.cell);
+}
+
 void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace>& places) {
   auto xyz = fragmentArray<point>(*run.positions, slot);
   if (!xyz)
@@ -131,27 +145,31 @@ void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace
   FragmentOutput<float> canopy(run.canopy, slot.id, run.canopy ? n : 0,
                                std::numeric_limits<float>::quiet_NaN());
   const point* p = xyz->data();
+  unsigned char* classes = cls.data();
+  float* heights = canopy.data();
   places.assign(n, CellPlace());
   const long long count = static_cast<long long>(n);
   const int threads = maximumThreadsMinusOne();
 #pragma omp parallel for schedule(static) num_threads(threads)
   for (long long i = 0; i < count; ++i) {
-    if (!run.classes.mapped(cls[i], run.log,
-                            "ERROR: constant class ... but still computing !? "
-                            "- class: ") ||
+    if (!run.classes.mapped(classes[i], run.log,
+                            "ERROR: constant class ... but still computing !? - class: ") ||
         !run.raster.locate(p[i], places[i]))
       continue;
     if (run.box.unclassify)
-      cls[i] = 0;
+      classes[i] = 0;
   }
   MissingReports missing;
 #pragma omp parallel for schedule(static) num_threads(threads)
   for (long long i = 0; i < count; ++i) {
+    // The cells of points a little ahead are fetched while this one is worked on: points of a
+    // file lie near each other, but not always in the same cache lines of the raster.
+    if (i + Ahead < count)
+      prefetch(run, places[static_cast<std::size_t>(i + Ahead)]);
     const CellPlace place = places[i];
     if (place.fragment == CellPlace::Unmapped ||
-        !run.classes.mapped(cls[i], run.log,
-                            "ERROR CRC: constant class ... but still computing "
-                            "!? - class: "))
+        !run.classes.mapped(classes[i], run.log,
+                            "ERROR CRC: constant class ... but still computing !? - class: "))
       continue;
     if (place.fragment == CellPlace::NoFragment) {
       missing.report(run.log, place.fragment, "!raster");
@@ -163,9 +181,9 @@ void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace
       continue;
     }
     if (run.box.height)
-      canopy[i] = computeHeight((*cells.planes)[place.cell], p[i]);
-    else if (groundCell((*cells.types)[place.cell]))
-      assignBands(run.box, cells, place.cell, p[i], cls[i]);
+      heights[i] = computeHeight(cells.planes->data()[place.cell], p[i]);
+    else if (groundCell(cells.types->data()[place.cell]))
+      assignBands(run.box, cells, place.cell, p[i], classes[i]);
   }
   cls.commit();
   if (run.canopy)

@@ -4,6 +4,7 @@
 
 #include "quorvel/raster/detail/raster.hpp"
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -42,11 +43,39 @@ public:
   // The cell under p: p shifted by half a cell must lie in the raster's box in x and y (else
   // false, place untouched); an axis of cell size 0 or less is not indexed. A cell outside every
   // fragment's arrays gives fragment NoFragment.
-  bool locate(const Vantor::PhysicalSpace::point& p, CellPlace& place) const;
+  bool locate(const Vantor::PhysicalSpace::point& p, CellPlace& place) const {
+    const double q[3] = {p.x + half_[0], p.y + half_[1], p.z + half_[2]};
+    if (!(q[0] >= min_[0] && q[0] <= max_[0] && q[1] >= min_[1] && q[1] <= max_[1]))
+      return false;
+    std::uint32_t fragment[3] = {0, 0, 0}, cell[3] = {0, 0, 0};
+    place.fragment = CellPlace::NoFragment;
+    for (int a = 0; a < 3; ++a) {
+      if (!indexed_[a])
+        continue;
+      const double g = std::floor((q[a] - min_[a]) / size_[a]);
+      // Below the box in z, or a fragment size of 0: no cell.
+      if (!(g >= 0) || g >= 4294967296.0 || fragmentCells_[a] == 0)
+        return true;
+      const auto global = static_cast<std::uint32_t>(g);
+      fragment[a] = global / fragmentCells_[a];
+      cell[a] = global - fragment[a] * fragmentCells_[a];
+    }
+    if (fragment[0] >= counts_[0] || fragment[1] >= counts_[1] || fragment[2] >= counts_[2])
+      return true;
+    const std::size_t number = fragment[0] + counts_[0] * (fragment[1] + counts_[1] * fragment[2]);
+    const Tressel::MultiIndex<3>& n = cells_[number].extents;
+    if (cell[0] >= n[0] || cell[1] >= n[1] || cell[2] >= n[2])
+      return true;
+    place.fragment = static_cast<std::uint32_t>(number);
+    place.cell = static_cast<std::uint32_t>(cell[0] + n[0] * (cell[1] + n[1] * cell[2]));
+    return true;
+  }
 
 private:
-  const MapRasterOnPointCloudParameterBox& box_;
-  Vantor::BoundingBox bbox_;
+  double min_[3] = {0, 0, 0}, max_[3] = {-1, -1, -1}; // the box of the cell centres
+  double size_[3], half_[3];                          // cell sizes and their halves
+  bool indexed_[3];                                   // cell size above 0
+  std::uint32_t fragmentCells_[3];                    // rastersize, 0 when it does not fit
   Tressel::MultiIndex<3> counts_;
   std::vector<PreparedCells> cells_;
 };

@@ -1,0 +1,109 @@
+// Raster benchmarks on one thread: preparing a 2000 x 2000 ground raster of 1 m cells (fragments
+// of 250 x 250 cells; a tenth of the cells gap-filled, a fiftieth without data), and mapping it
+// onto the 1M airborne points (1 km x 1 km) as heights above ground, in random and in scan
+// order. The yardstick of the mapping
+// is numpy's plain cell lookup and subtraction over the same points (bench/raster_yardstick.py).
+#include "AirborneCloud.hpp"
+
+#include "quorvel/raster/raster.hpp"
+#include "tressel/Bundle.hpp"
+#include "tressel/PointCloud.hpp"
+#include "tressel/UniformGrid.hpp"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cmath>
+#include <omp.h>
+
+namespace {
+
+using Vantor::PhysicalSpace::point;
+
+constexpr std::size_t Cells = 2000, FragmentCells = 250;
+
+template <class T, class F>
+void addCells(Tressel::Grid& grid, const char* name, F value) {
+  auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  auto field =
+      rep->makeField(rep->makeFieldID(name), rep->fragmentLayout(), &Tressel::TresselType<T>(), 3);
+  const std::size_t n = Cells / FragmentCells;
+  for (std::size_t b = 0; b < n; ++b)
+    for (std::size_t a = 0; a < n; ++a) {
+      auto array = std::make_shared<Tressel::MemArray<3, T>>(
+          Tressel::MultiIndex<3>(FragmentCells, FragmentCells, 1));
+      for (std::size_t j = 0; j < FragmentCells; ++j)
+        for (std::size_t i = 0; i < FragmentCells; ++i)
+          array->view()(i, j, 0) = value(a * FragmentCells + i, b * FragmentCells + j);
+      field->setPersistentData(
+          array, rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(a + n * b)));
+    }
+}
+
+Basalt::StrongPtr<Tressel::Grid> groundRaster() {
+  Tressel::Bundle bundle;
+  const std::size_t n = Cells / FragmentCells;
+  auto grid = Tressel::createRegularlyFragmentedGridWithCartesianVertices3D(
+      bundle, 0.0, "dtm", {n, n, 1}, {FragmentCells, FragmentCells, 1}, point(5.0e5, 5.4e6, 0),
+      Vantor::PhysicalSpace::vector(1, 1, 0));
+  addCells<unsigned char>(*grid, "CellType", [](std::size_t x, std::size_t y) {
+    const std::size_t k = (x * 7919 + y * 104729) % 100;
+    return static_cast<unsigned char>(k < 2 ? 1 : k < 12 ? 4 : 0);
+  });
+  addCells<float>(*grid, "Height", [](std::size_t x, std::size_t y) {
+    return static_cast<float>(200.0 + 0.02 * static_cast<double>(x) +
+                              std::sin(static_cast<double>(x * 3 + y)));
+  });
+  return grid;
+}
+
+Quorvel::MapRasterOnPointCloudParameterBox boxFor() {
+  Quorvel::MapRasterOnPointCloudParameterBox box;
+  box.cellsize = {1, 1, 0};
+  box.rastersize = {FragmentCells, FragmentCells, 1};
+  return box;
+}
+
+void BM_PrepareRaster(benchmark::State& state) {
+  omp_set_num_threads(1);
+  auto raster = groundRaster();
+  auto box = boxFor();
+  for (auto _ : state)
+    benchmark::DoNotOptimize(Quorvel::prepareRaster(raster, box));
+  state.counters["cells/s"] = benchmark::Counter(static_cast<double>(Cells * Cells),
+                                                 benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(BM_PrepareRaster)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The airborne points in their random order (argument 0), or as a scanner delivers them
+// (argument 1): in strips of 20 m along x, each swept in y.
+std::vector<point> mappedPoints(bool scanOrder) {
+  std::vector<point> xyz = bench::airborneCloud();
+  if (scanOrder)
+    std::sort(xyz.begin(), xyz.end(), [](const point& a, const point& b) {
+      const double sa = std::floor(a.x / 20), sb = std::floor(b.x / 20);
+      return sa != sb ? sa < sb : a.y < b.y;
+    });
+  return xyz;
+}
+
+void BM_MapHeights(benchmark::State& state) {
+  omp_set_num_threads(2); // the library's loops keep one core for the host: one thread
+  auto raster = groundRaster();
+  auto box = boxFor();
+  Quorvel::prepareRaster(raster, box);
+  box.height = true;
+  const auto xyz = mappedPoints(state.range(0) == 1);
+  auto cloud = Tressel::PointCloudBuilder(xyz)
+                   .addField("Classification", std::vector<unsigned char>(xyz.size(), 1))
+                   .build(Tressel::sequentialPartition(xyz.size(), 0));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(Quorvel::mapData(cloud, raster, box));
+  state.counters["points/s"] = benchmark::Counter(static_cast<double>(xyz.size()),
+                                                  benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(BM_MapHeights)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+BENCHMARK_MAIN();
