@@ -26,5 +26,6 @@ struct Cloud {
 void bindCloud(py::module_& m);
 void bindAlgorithms(py::module_& m);
 void bindKernels(py::module_& m);
+void bindRaster(py::module_& m);
 
 } // namespace Quorvel::Python

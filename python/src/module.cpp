@@ -12,4 +12,5 @@ PYBIND11_MODULE(_quorvel, m) {
   Quorvel::Python::bindCloud(m);
   Quorvel::Python::bindAlgorithms(m);
   Quorvel::Python::bindKernels(m);
+  Quorvel::Python::bindRaster(m);
 }
