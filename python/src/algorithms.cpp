@@ -11,6 +11,8 @@
 
 #include <pybind11/stl.h>
 
+#include <optional>
+
 namespace Quorvel::Python {
 
 namespace {
@@ -148,6 +150,23 @@ void bindTerrain(py::module_& m) {
         return checked(box.message, [&] { return extrapolation(c.grid, box, nullptr); });
       },
       py::arg("cloud"), py::arg("box"), "A class spread from seeds into nearby points.");
+  m.def(
+      "relativeHeightAndBelows",
+      [](Cloud& c, double squareHalfWidth, const std::optional<std::string>& classes) {
+        std::optional<Vantor::MultiRange<double>> range;
+        if (classes)
+          range.emplace(*classes);
+        std::string message;
+        {
+          py::gil_scoped_release released;
+          message = relativeHeightAndBelows(c.grid, squareHalfWidth, range ? &*range : nullptr);
+        }
+        if (!message.empty())
+          raise(message);
+      },
+      py::arg("cloud"), py::arg("squareHalfWidth"), py::arg("classes") = std::nullopt,
+      "\"RelativeHeight\" above the lowest point and \"RelativeBelows\" of every point's x-y "
+      "square.");
 }
 
 void bindTransferAndMetadata(py::module_& m) {
@@ -178,6 +197,14 @@ void bindTransferAndMetadata(py::module_& m) {
       },
       py::arg("source"), py::arg("target"), py::arg("box"),
       "Classes from source onto target by nearest neighbours.");
+  m.def(
+      "classificationTransferOLD",
+      [](Cloud& source, Cloud& target, Transfer& box) {
+        return checked(box.message,
+                       [&] { return classificationTransferOLD(source.grid, target.grid, box); });
+      },
+      py::arg("source"), py::arg("target"), py::arg("box"),
+      "The earlier transfer (one tree, expand and positions).");
   m.def(
       "setCellSize",
       [](Cloud& c) {

@@ -98,7 +98,21 @@ void bindDates(py::module_& m) {
   py::class_<Chronometry>(m, "Chronometry", "The acquisition date read from a file name.")
       .def(py::init<const std::string&>(), py::arg("file_name"))
       .def("print", &Chronometry::print)
-      .def("ddmmyy", &Chronometry::ddmmyy, py::arg("sep") = '.');
+      .def("ddmmyy", &Chronometry::ddmmyy, py::arg("sep") = '.')
+      .def("ddmmyyyy", &Chronometry::ddmmyyyy, py::arg("sep") = '.')
+      .def("yyyymmdd", &Chronometry::yyyymmdd, py::arg("sep") = '.')
+      .def("yymmdd", &Chronometry::yymmdd, py::arg("sep") = '.')
+      .def_readonly("year", &Chronometry::year)
+      .def_readonly("month", &Chronometry::month)
+      .def_readonly("day", &Chronometry::day)
+      .def_readonly("hour", &Chronometry::hour)
+      .def_readonly("minute", &Chronometry::minute)
+      .def_readonly("second", &Chronometry::second)
+      .def_readonly("day_of_week", &Chronometry::day_of_week)
+      .def_readonly("gps_week", &Chronometry::gps_week);
+  m.def("current_date_and_time", &current_date_and_time, py::arg("sep") = ' ',
+        "The present local time as asctime writes it, without colons (blanks become underscores "
+        "unless sep is a blank).");
   m.def("compute_gps_week", &compute_gps_week, py::arg("day"), py::arg("month"), py::arg("year"),
         "The GPS week of a civil date.");
 }

@@ -141,6 +141,17 @@ bool extrapolationOfMultiArray(
     const Basalt::StrongPtr<Vantor::BoundingBox>& bbox, ExtrapolationParameterBox& box,
     Tressel::MultiArray<1, unsigned char>& classes);
 
+// Both terrain measures over every fragment of a cloud (Tressel::RelativeHeightBox and
+// Tressel::RelativeBelowsBox with this half width): "RelativeHeight" (float) and
+// "RelativeBelows" (unsigned 8-bit), created or rewritten. With classes, only points of those
+// classes take part in the height, and class 4 gets no below value. Fragments without positions
+// or without a finite point are left out. Returns the error that stopped the run (no positions,
+// no "Classification" for classes, a fragment without a class for every point, a result field
+// of another type), empty on success.
+std::string relativeHeightAndBelows(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                    double squareHalfWidth,
+                                    const Vantor::MultiRange<double>* classes = nullptr);
+
 } // namespace Quorvel
 
 namespace Tressel {

@@ -154,6 +154,46 @@ def test_terrain_and_transfer():
     assert (ground["Classification"] == 2).sum() > 200
 
 
+def test_relative_height_and_belows_against_a_scan_of_every_square():
+    pts = surface(200, seed=5)
+    classes = (np.arange(200) % 3).astype(np.uint8)
+    cloud = quorvel.Cloud(pts, Classification=classes)
+    quorvel.relativeHeightAndBelows(cloud, 1.0)
+    near = (np.abs(pts[:, None, 0] - pts[None, :, 0]) <= 1.0) & \
+        (np.abs(pts[:, None, 1] - pts[None, :, 1]) <= 1.0)
+    lowest = np.where(near, pts[None, :, 2], np.inf).min(axis=1)
+    np.testing.assert_allclose(cloud["RelativeHeight"], (pts[:, 2] - lowest).astype(np.float32),
+                               atol=1e-4)
+    below = (near & (pts[None, :, 2] < pts[:, None, 2])).sum(axis=1)
+    np.testing.assert_array_equal(cloud["RelativeBelows"], (255 * below // near.sum(axis=1)))
+    with pytest.raises(quorvel.Error, match="Classification"):
+        quorvel.relativeHeightAndBelows(quorvel.Cloud(pts), 1.0, classes="1")
+
+
+def test_the_earlier_transfer_and_dates():
+    line = np.column_stack([np.arange(10.0), np.zeros(10), np.zeros(10)])
+    source = quorvel.Cloud(line, Classification=(np.arange(10) % 3).astype(np.uint8))
+    target = quorvel.Cloud(line + [0.2, 0, 0], Classification=np.zeros(10, np.uint8))
+    quorvel.classificationTransferOLD(source, target, quorvel.ClassificationTransferParameterBox("0.5"))
+    np.testing.assert_array_equal(target["Classification"], source["Classification"])
+    date = quorvel.Chronometry("strip_210617_134502.las")
+    assert (date.year, date.month, date.day, date.hour, date.minute) == (2021, 6, 17, 13, 45)
+    assert date.yyyymmdd("-") == "2021-06-17" and date.ddmmyyyy(".") == "17.06.2021"
+    assert date.gps_week == quorvel.compute_gps_week(17, 6, 2021)
+    assert ":" not in quorvel.current_date_and_time(" ")
+
+
+def test_band_rules_are_strict_and_skip_planeless_cells():
+    # Ground test alone: ground 10, band 0.5 to 2, strictly inside.
+    planeless = (0, 0, 1e7)
+    assert quorvel.mapClassification(0.5, 2, planeless, (0, 0, 10.5), 0, 0, 10, 5, 1) == 1
+    assert quorvel.mapClassification(0.5, 2, planeless, (0, 0, 11), 0, 0, 10, 5, 1) == 5
+    # Plane test alone: distance 1 from z = 10, within the block's ground.
+    assert quorvel.mapClassification(0.5, 2, (0, 0, 10), (0, 0, 11), 10, 10, 0, 6, 1) == 6
+    assert quorvel.mapClassificationStep(0.5, 2, (0, 0, 12), 10, 9, 1) == 1
+    assert quorvel.mapClassificationStep(0.5, 2, (0, 0, 11.9), 10, 9, 1) == 9
+
+
 def test_kernels_and_parsers_against_numpy():
     pts = surface(30)
     ok, (a, b, c) = quorvel.planarRegression(pts)
@@ -177,12 +217,13 @@ def test_kernels_and_parsers_against_numpy():
 
 def test_boxes_print_their_defaults_and_take_keywords(capfd):
     for name in ("ShapeFactorComputationParameterBox", "PointCloudReductionParameterBox",
-                 "SelectionParameterBox", "ExtrapolationParameterBox"):
+                 "SelectionParameterBox", "ExtrapolationParameterBox",
+                 "MapRasterOnPointCloudParameterBox"):
         box = getattr(quorvel, name)()
         box.print()
         printed = capfd.readouterr().out
         for field in ("maxstep", "step", "radius", "neighbours", "fieldname", "inverse",
-                      "mode", "quantile"):
+                      "mode", "quantile", "height", "heightfieldname", "unclassify"):
             if field in box._fields:
                 value = getattr(box, field)
                 text = (str(int(value)) if isinstance(value, bool)

@@ -1,0 +1,45 @@
+// Quorvel: the terrain measures over every fragment of a cloud.
+#include "quorvel/core/core.hpp"
+#include "quorvel/terrain/terrain.hpp"
+
+namespace Quorvel {
+
+std::string relativeHeightAndBelows(const StrongPtr<Grid>& grid, double squareHalfWidth,
+                                    const MultiRange<double>* classes) {
+  const StrongPtr<Field> positions = grid ? grid->CartesianPositions() : nullptr;
+  if (!positions)
+    return "the cloud has no positions";
+  StrongPtr<Field> classField;
+  if (classes && !(classField = findOptionalField(grid, "Classification")))
+    return "classes need a \"Classification\" field";
+  const StrongPtr<Field> heights = outputField<float>(grid, "RelativeHeight");
+  const StrongPtr<Field> belows = outputField<unsigned char>(grid, "RelativeBelows");
+  if (!heights || !belows)
+    return "\"RelativeHeight\" or \"RelativeBelows\" exists with another type";
+  Tressel::RelativeHeightBox height;
+  Tressel::RelativeBelowsBox below;
+  height.squareHalfWidth = below.squareHalfWidth = squareHalfWidth;
+  for (const FragmentSlot& slot : fragmentsOf(*positions)) {
+    const auto xyz = fragmentArray<point>(*positions, slot);
+    const auto bbox = xyz ? fragmentBBox(slot) : nullptr;
+    if (!bbox)
+      continue; // nothing to compute: no positions, or none of them finite
+    const auto cls = classField ? fragmentArray<unsigned char>(*classField, slot) : nullptr;
+    if (classField && (!cls || cls->size() != xyz->size()))
+      return "a fragment has no class of every point";
+    FragmentOutput<float> h(heights, slot.id, xyz->size());
+    FragmentOutput<unsigned char> b(belows, slot.id, xyz->size());
+    if (cls) {
+      height.compute(h.view(), xyz->view(), cls->view(), *classes, bbox);
+      below.compute(b.view(), xyz->view(), cls->view(), bbox);
+    } else {
+      height.compute(h.view(), xyz->view(), bbox);
+      below.compute(b.view(), xyz->view(), bbox);
+    }
+    h.commit();
+    b.commit();
+  }
+  return "";
+}
+
+} // namespace Quorvel
