@@ -41,17 +41,21 @@ bool fragmentBox(const CreativeArrayBase& creator, BoundingBox& out) {
   if (!chunk)
     return false;
   constexpr double inf = std::numeric_limits<double>::infinity();
-  point lo{inf, inf, inf}, hi{-inf, -inf, -inf};
-  bool any = false;
+  // Per coordinate, not through point's indexed access, so that the loop stays branch-free but
+  // for the finiteness test (v - v is 0 exactly when v is finite).
+  double lx = inf, ly = inf, lz = inf, hx = -inf, hy = -inf, hz = -inf;
   for (const point& p : chunk->values()) {
-    if (!p.isFinite())
+    if (!(p.x - p.x == 0 && p.y - p.y == 0 && p.z - p.z == 0))
       continue;
-    any = true;
-    for (int k = 0; k < 3; ++k) {
-      lo[k] = std::min(lo[k], p[k]);
-      hi[k] = std::max(hi[k], p[k]);
-    }
+    lx = std::min(lx, p.x);
+    ly = std::min(ly, p.y);
+    lz = std::min(lz, p.z);
+    hx = std::max(hx, p.x);
+    hy = std::max(hy, p.y);
+    hz = std::max(hz, p.z);
   }
+  const bool any = lx <= hx;
+  const point lo{lx, ly, lz}, hi{hx, hy, hz};
   out = any ? BoundingBox(lo, hi) : BoundingBox();
   return true;
 }

@@ -90,6 +90,24 @@ Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& 
   return {arrays.build("PointCloud")};
 }
 
+// Arrays of a cloud's values are read-only, whether they share its storage or not: a change is
+// made by building a cloud.
+py::array readOnly(py::array a) {
+  py::detail::array_proxy(a.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
+  return a;
+}
+
+// The values of a one-fragment field without copying them: a read-only array over the fragment's
+// storage, which it keeps alive.
+py::array viewOf(const Tressel::MemBase& part, const std::string& code,
+                 const std::vector<py::ssize_t>& shape) {
+  auto* keep = new Basalt::StrongPtr<Basalt::ChunkBase>(part.myChunk());
+  py::capsule owner(keep,
+                    [](void* p) { delete static_cast<Basalt::StrongPtr<Basalt::ChunkBase>*>(p); });
+  py::array out(py::dtype(code), shape, {}, (*keep)->rawData(), owner);
+  return readOnly(out);
+}
+
 // The field's values as a numpy array in input (or file) order: one row per point, n x 3 for
 // three-component elements.
 py::array fieldOf(const Cloud& cloud, const std::string& name) {
@@ -116,11 +134,13 @@ py::array fieldOf(const Cloud& cloud, const std::string& name) {
   std::vector<py::ssize_t> shape{static_cast<py::ssize_t>(n)};
   if (type->components() > 1)
     shape.push_back(type->components());
+  const auto index = (*cloud.grid)(Tressel::StandardCartesianChart3D, "PointIndex");
+  if (parts.size() == 1 && !(index && name != "PointIndex"))
+    return viewOf(*parts.front(), code, shape);
   py::array out(py::dtype(code), shape);
   auto* to = static_cast<std::uint8_t*>(out.mutable_data());
   const std::size_t bytes = type->size();
   // A tiled LAS read numbers the points by their place in the file: rows follow that order.
-  const auto index = (*cloud.grid)(Tressel::StandardCartesianChart3D, "PointIndex");
   std::vector<unsigned long long> order;
   if (index && name != "PointIndex")
     order = Tressel::readField<unsigned long long>(*index);
@@ -139,7 +159,7 @@ py::array fieldOf(const Cloud& cloud, const std::string& name) {
       std::memcpy(to + place * bytes, from + j * bytes, bytes);
     }
   }
-  return out;
+  return readOnly(out);
 }
 
 std::size_t pointsOf(const Cloud& cloud) {

@@ -41,6 +41,13 @@ def test_clouds_from_arrays_give_them_back_with_every_element_type():
             np.testing.assert_array_equal(got, values, err_msg=name)
         assert cloud.fields["NormalVector"] == "vector"
         assert cloud.fields["Positions"] == "point"
+    # Values come back read-only, shared with a one-fragment cloud and kept after it is gone.
+    cloud = quorvel.Cloud(xyz, Classification=fields["f_u1"])
+    classes = cloud["Classification"]
+    with pytest.raises(ValueError, match="read-only"):
+        classes[0] = 9
+    del cloud
+    np.testing.assert_array_equal(classes, fields["f_u1"])
     from_dict = quorvel.Cloud.from_dict({"Positions": xyz, "Classification": fields["f_u1"]})
     np.testing.assert_array_equal(from_dict["Classification"], fields["f_u1"])
     with pytest.raises(quorvel.Error, match="field \"Bad\""):
