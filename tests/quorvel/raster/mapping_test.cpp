@@ -341,6 +341,22 @@ TEST(SourceToTarget, MissingInputsReturnTheirTexts) {
             "mapSourceToTarget::No target field: TRESSEL_POSITIONS");
   EXPECT_EQ(mapSourceToTarget(*noPositions, "Height", *cloud, "Out", 1.0),
             "mapSourceToTarget::No source field: TRESSEL_POSITIONS");
+
+  // A target fragment without positions, and a source whose field holds nothing, are reported
+  // and passed over.
+  auto rep = noPositions->getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  auto positions = rep->makeField(rep->makeFieldID(Tressel::PositionsFieldName),
+                                  rep->fragmentLayout(), &Tressel::TresselType<point>(), 3);
+  positions->makeFragmentID("empty");
+  auto source = Tressel::PointCloudBuilder({point(0, 0, 0)}).build(Tressel::Partition{{0}});
+  auto sourceRep = source->getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  sourceRep->makeField(sourceRep->makeFieldID("Height"), sourceRep->fragmentLayout(),
+                       &Tressel::TresselType<float>(), 1);
+  CaptureStdout();
+  EXPECT_EQ(mapSourceToTarget(*source, "Height", *noPositions, "Out", 1.0), "");
+  const std::string out = GetCapturedStdout();
+  EXPECT_TRUE(holds(out, "Can not read mem array for source height\n"));
+  EXPECT_TRUE(holds(out, "No target chunk points!?!\n"));
 }
 
 } // namespace
