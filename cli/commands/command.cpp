@@ -27,8 +27,8 @@ void CloudCommand::addOptions(CLI::App& app) {
 int CloudCommand::run(const Host& host) {
   if (hasFilesForm() && input_.empty())
     return runFiles(host);
-  if (outputRequired() && output_.empty())
-    throw CLI::RequiredError("--output");
+  if (output_.empty() && !printsResult())
+    throw CLI::RequiredError(resultOptions());
   Cloud cloud = host.load(input_);
   apply(cloud, host);
   if (!output_.empty())

@@ -48,6 +48,10 @@ public:
 protected:
   // False for a command that may run for what it prints alone (then -o is optional).
   virtual bool outputRequired() const { return true; }
+  // Once parsed, whether such a command prints a result; without it and without -o a run would
+  // leave nothing, and is refused naming what it needs.
+  virtual bool printsResult() const { return false; }
+  virtual std::string resultOptions() const { return "--output"; }
   // Operands that follow the input on the command line (quorvel map CLOUD RASTER).
   virtual void addOperandsAfterInput(CLI::App&) {}
   // True for a command with a second form that reads and writes files itself (map --files):

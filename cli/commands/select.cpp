@@ -38,6 +38,8 @@ public:
 
 protected:
   bool outputRequired() const override { return false; }
+  bool printsResult() const override { return count_; }
+  std::string resultOptions() const override { return "--output or --count"; }
 
 private:
   SelectionParameterBox box_;
