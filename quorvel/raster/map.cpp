@@ -125,32 +125,74 @@ void prefetch(const Run& run, const CellPlace& place) {
     __builtin_prefetch(cells.types->data() + place.cell);
 }
 
-void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace>& places) {
+// The second pass over one point: the class tested again, then the bands or the height.
+struct SecondPass {
+  const Run& run;
+  const CellPlace* places;
+  const point* p;
+  unsigned char* classes;
+  float* heights;
+  MissingReports& missing;
+
+  void operator()(std::size_t i) const {
+    const CellPlace place = places[i];
+    if (place.fragment == CellPlace::Unmapped ||
+        !run.classes.mapped(classes[i], run.log,
+                            "ERROR CRC: constant class ... but still computing !? - class: "))
+      return;
+    if (place.fragment == CellPlace::NoFragment)
+      return missing.report(run.log, place.fragment, "!raster");
+    const PreparedCells& cells = run.raster[place.fragment];
+    if (!cells.missing.empty())
+      return missing.report(run.log, place.fragment, cells.missing);
+    if (run.box.height)
+      heights[i] = computeHeight(cells.planes->data()[place.cell], p[i]);
+    else if (groundCell(cells.types->data()[place.cell]))
+      assignBands(run.box, cells, place.cell, p[i], classes[i]);
+  }
+};
+
+void secondPass(const SecondPass& pass, std::size_t n) {
+  const long long count = static_cast<long long>(n);
+#pragma omp parallel for schedule(static) num_threads(maximumThreadsMinusOne())
+  for (long long i = 0; i < count; ++i) {
+    // The cells of points a little ahead (known from the first pass) are fetched while this one
+    // is worked on.
+    if (i + Ahead < count)
+      prefetch(pass.run, pass.places[i + Ahead]);
+    pass(static_cast<std::size_t>(i));
+  }
+}
+
+bool outsideRaster(const Run& run, const FragmentSlot& slot) {
+  auto box = fragmentBBox(slot);
+  if (!box || !run.box.raster_bbox)
+    return false;
+  const auto& r = *run.box.raster_bbox;
+  const auto& c = run.box.cellsize;
+  const BoundingBox shifted(point(r.min().x - c[0] / 2, r.min().y - c[1] / 2, r.min().z),
+                            point(r.max().x - c[0] / 2, r.max().y - c[1] / 2, r.max().z));
+  return !shifted.inside(*box, Vantor::BoundingBox::IntersectsPlanar);
+}
+
+void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace>& buffer) {
   auto xyz = fragmentArray<point>(*run.positions, slot);
   if (!xyz)
     return run.log.report("ERROR, no m_vertices");
   const std::size_t n = xyz->size();
   if (!run.classesCreated && !fragmentArray<unsigned char>(*run.classification, slot))
     return run.log.report("ERROR, no m_classification");
-  auto box = fragmentBBox(slot);
-  if (box && run.box.raster_bbox) {
-    const auto& r = *run.box.raster_bbox;
-    const auto& c = run.box.cellsize;
-    const BoundingBox shifted(point(r.min().x - c[0] / 2, r.min().y - c[1] / 2, r.min().z),
-                              point(r.max().x - c[0] / 2, r.max().y - c[1] / 2, r.max().z));
-    if (!shifted.inside(*box, Vantor::BoundingBox::IntersectsPlanar))
-      return run.log.report("INFO, skip");
-  }
+  if (outsideRaster(run, slot))
+    return run.log.report("INFO, skip");
   FragmentOutput<unsigned char> cls(run.classification, slot.id, n);
   FragmentOutput<float> canopy(run.canopy, slot.id, run.canopy ? n : 0,
                                std::numeric_limits<float>::quiet_NaN());
   const point* p = xyz->data();
   unsigned char* classes = cls.data();
-  float* heights = canopy.data();
-  places.assign(n, CellPlace());
+  buffer.assign(n, CellPlace());
+  CellPlace* places = buffer.data();
   const long long count = static_cast<long long>(n);
-  const int threads = maximumThreadsMinusOne();
-#pragma omp parallel for schedule(static) num_threads(threads)
+#pragma omp parallel for schedule(static) num_threads(maximumThreadsMinusOne())
   for (long long i = 0; i < count; ++i) {
     if (!run.classes.mapped(classes[i], run.log,
                             "ERROR: constant class ... but still computing !? - class: ") ||
@@ -160,31 +202,7 @@ void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace
       classes[i] = 0;
   }
   MissingReports missing;
-#pragma omp parallel for schedule(static) num_threads(threads)
-  for (long long i = 0; i < count; ++i) {
-    // The cells of points a little ahead are fetched while this one is worked on: points of a
-    // file lie near each other, but not always in the same cache lines of the raster.
-    if (i + Ahead < count)
-      prefetch(run, places[static_cast<std::size_t>(i + Ahead)]);
-    const CellPlace place = places[i];
-    if (place.fragment == CellPlace::Unmapped ||
-        !run.classes.mapped(classes[i], run.log,
-                            "ERROR CRC: constant class ... but still computing !? - class: "))
-      continue;
-    if (place.fragment == CellPlace::NoFragment) {
-      missing.report(run.log, place.fragment, "!raster");
-      continue;
-    }
-    const PreparedCells& cells = run.raster[place.fragment];
-    if (!cells.missing.empty()) {
-      missing.report(run.log, place.fragment, cells.missing);
-      continue;
-    }
-    if (run.box.height)
-      heights[i] = computeHeight(cells.planes->data()[place.cell], p[i]);
-    else if (groundCell(cells.types->data()[place.cell]))
-      assignBands(run.box, cells, place.cell, p[i], classes[i]);
-  }
+  secondPass({run, places, p, classes, canopy.data(), missing}, n);
   cls.commit();
   if (run.canopy)
     canopy.commit();
@@ -229,7 +247,7 @@ bool mapData(const StrongPtr<Grid>& pointCloud, const StrongPtr<Grid>& raster,
                 box.height ? outputField<float>(pointCloud, "CanopyHeight") : nullptr,
                 created,
                 log};
-  std::vector<CellPlace> places;
+  std::vector<CellPlace> places; // kept between fragments, so that none allocates
   for (std::size_t k = 0; k < fragments.size(); ++k) {
     Basalt::Console::write("mapData: " + std::to_string(k + 1) + " / " +
                            std::to_string(fragments.size()) + "            \r");
