@@ -24,20 +24,12 @@ constexpr std::size_t Cells = 2000, FragmentCells = 250;
 
 template <class T, class F>
 void addCells(Tressel::Grid& grid, const char* name, F value) {
-  auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
-  auto field =
-      rep->makeField(rep->makeFieldID(name), rep->fragmentLayout(), &Tressel::TresselType<T>(), 3);
-  const std::size_t n = Cells / FragmentCells;
-  for (std::size_t b = 0; b < n; ++b)
-    for (std::size_t a = 0; a < n; ++a) {
-      auto array = std::make_shared<Tressel::MemArray<3, T>>(
-          Tressel::MultiIndex<3>(FragmentCells, FragmentCells, 1));
-      for (std::size_t j = 0; j < FragmentCells; ++j)
-        for (std::size_t i = 0; i < FragmentCells; ++i)
-          array->view()(i, j, 0) = value(a * FragmentCells + i, b * FragmentCells + j);
-      field->setPersistentData(
-          array, rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(a + n * b)));
-    }
+  std::vector<T> cells;
+  cells.reserve(Cells * Cells);
+  for (std::size_t y = 0; y < Cells; ++y)
+    for (std::size_t x = 0; x < Cells; ++x)
+      cells.push_back(value(x, y));
+  Tressel::setUniformCells<T>(grid, name, cells.data(), Cells, Cells, T());
 }
 
 Basalt::StrongPtr<Tressel::Grid> groundRaster() {

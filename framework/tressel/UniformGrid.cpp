@@ -3,6 +3,9 @@
 
 #include "tressel/BoundingBoxes.hpp"
 
+#include <algorithm>
+#include <stdexcept>
+
 namespace Tressel {
 
 using Vantor::PhysicalSpace::point;
@@ -76,5 +79,81 @@ std::optional<UniformGridView> uniformGridView(const Grid& grid) {
   view.fragments = MultiIndex<3>(fragments[0], fragments[1], fragments[2]);
   return view;
 }
+
+namespace {
+
+// The layout of a one-layer uniform grid; throws when there is none.
+UniformGridView oneLayer(const Grid& grid, const std::string& name) {
+  const auto view = uniformGridView(grid);
+  if (!view || view->cells[2] != 1 || view->fragments[2] != 1)
+    throw std::invalid_argument("field \"" + name +
+                                "\": the grid is not a uniform grid of one layer of cells");
+  return *view;
+}
+
+// Calls f(fragment number, fragment's first column, first row) for every fragment.
+template <class F>
+void forEachFragmentOf(const UniformGridView& view, F&& f) {
+  for (std::size_t b = 0; b < view.fragments[1]; ++b)
+    for (std::size_t a = 0; a < view.fragments[0]; ++a)
+      f(view.fragmentNumber(a, b, 0), a * view.cells[0], b * view.cells[1]);
+}
+
+} // namespace
+
+template <class T>
+void setUniformCells(Grid& grid, const std::string& name, const T* values, std::size_t nx,
+                     std::size_t ny, T pad) {
+  const UniformGridView view = oneLayer(grid, name);
+  if (nx > view.cells[0] * view.fragments[0] || ny > view.cells[1] * view.fragments[1])
+    throw std::invalid_argument("field \"" + name + "\": " + std::to_string(nx) + " x " +
+                                std::to_string(ny) + " cells do not fit the grid");
+  auto rep = grid.getCartesianRepresentation(StandardCartesianChart3D);
+  auto field =
+      rep ? rep->makeField(rep->makeFieldID(name), rep->fragmentLayout(), &TresselType<T>(), 3)
+          : nullptr;
+  if (!field)
+    throw std::invalid_argument("field \"" + name + "\" exists with another element type");
+  forEachFragmentOf(view, [&](std::size_t number, std::size_t x0, std::size_t y0) {
+    std::vector<T> cells(view.cells.product(), pad);
+    for (std::size_t j = 0; j < view.cells[1] && y0 + j < ny; ++j)
+      for (std::size_t i = 0; i < view.cells[0] && x0 + i < nx; ++i)
+        cells[j * view.cells[0] + i] = values[(y0 + j) * nx + x0 + i];
+    field->setPersistentData(std::make_shared<MemArray<3, T>>(view.cells, std::move(cells)),
+                             rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(number)));
+  });
+}
+
+template <class T>
+std::vector<T> uniformCells(const Grid& grid, const std::string& name) {
+  const UniformGridView view = oneLayer(grid, name);
+  auto rep = grid.getCartesianRepresentation(StandardCartesianChart3D);
+  auto field = rep ? rep->findField(name) : nullptr;
+  if (!field)
+    throw std::invalid_argument("no field \"" + name + "\"");
+  const std::size_t width = view.cells[0] * view.fragments[0];
+  std::vector<T> out(width * view.cells[1] * view.fragments[1]);
+  forEachFragmentOf(view, [&](std::size_t number, std::size_t x0, std::size_t y0) {
+    auto id = rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(number));
+    auto cells = id ? arrayCast<3, T>(field->getData(id)) : nullptr;
+    if (!cells || cells->size() != view.cells.product())
+      throw std::invalid_argument("field \"" + name + "\": a fragment holds no cells of " +
+                                  TresselType<T>().name());
+    for (std::size_t j = 0; j < view.cells[1]; ++j)
+      std::copy_n(cells->data() + j * view.cells[0], view.cells[0],
+                  out.data() + (y0 + j) * width + x0);
+  });
+  return out;
+}
+
+#define QUORVEL_UNIFORM_CELLS(T)                                                                   \
+  template void setUniformCells<T>(Grid&, const std::string&, const T*, std::size_t, std::size_t,  \
+                                   T);                                                             \
+  template std::vector<T> uniformCells<T>(const Grid&, const std::string&);
+QUORVEL_UNIFORM_CELLS(unsigned char)
+QUORVEL_UNIFORM_CELLS(float)
+QUORVEL_UNIFORM_CELLS(double)
+QUORVEL_UNIFORM_CELLS(Vantor::PhysicalSpace::vector)
+#undef QUORVEL_UNIFORM_CELLS
 
 } // namespace Tressel

@@ -5,6 +5,8 @@
 #include "tressel/MemArray.hpp"
 
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace Tressel {
 
@@ -34,5 +36,20 @@ StrongPtr<Grid> createRegularlyFragmentedGridWithCartesianVertices3D(
 // The uniform layout of a grid made as above (also after a save and load); empty for any other
 // grid.
 std::optional<UniformGridView> uniformGridView(const Grid& grid);
+
+// Sets the per-vertex field name of a grid made as above (one layer of cells) from row-major
+// values: cell (i, j) of the whole grid takes values[j * nx + i] for i < nx and j < ny, and pad
+// beyond (the cells that fill up the last fragments). One 3-D array per fragment, attached as
+// persistent data. Throws std::invalid_argument when the grid is not uniform, has more than one
+// layer, is smaller than nx x ny, or holds a field of that name with another element type.
+template <class T>
+void setUniformCells(Grid& grid, const std::string& name, const T* values, std::size_t nx,
+                     std::size_t ny, T pad);
+
+// The per-vertex field name of such a grid as row-major values over the whole grid (padding
+// included: fragments * cells on each axis). Throws std::invalid_argument when the grid is not
+// uniform, has more than one layer, or a fragment holds no array of T of the fragment's size.
+template <class T>
+std::vector<T> uniformCells(const Grid& grid, const std::string& name);
 
 } // namespace Tressel

@@ -236,6 +236,36 @@ TEST_F(BundleFiles, UniformGridsKeepTheirLayout) {
   EXPECT_FALSE(uniformGridView(Grid()).has_value());
 }
 
+TEST_F(BundleFiles, RowMajorCellsGoIntoFragmentsAndComeBackPadded) {
+  Bundle out;
+  // 2 x 2 fragments of 3 x 2 cells hold a 5 x 3 image; the rest is padding.
+  auto raster = createRegularlyFragmentedGridWithCartesianVertices3D(
+      out, 0.0, "raster", MultiIndex<3>(2, 2, 1), MultiIndex<3>(3, 2, 1), point{0, 0, 0},
+      Vantor::PhysicalSpace::vector(1, 1, 0));
+  std::vector<float> image(15);
+  for (std::size_t k = 0; k < image.size(); ++k)
+    image[k] = static_cast<float>(k);
+  setUniformCells<float>(*raster, "Height", image.data(), 5, 3, -1.0f);
+  // Cell (4, 2) of the image, image[2 * 5 + 4] = 14, is cell (1, 0) of fragment (1, 1).
+  auto heights = (*raster)(StandardCartesianChart3D, "Height");
+  auto block = arrayCast<3, float>(heights->getData(heights->getFragmentIDs().findFragmentID(3u)));
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(block->view()(1, 0, 0), 14.0f);
+  EXPECT_EQ(block->view()(2, 0, 0), -1.0f);
+  const std::vector<float> whole = uniformCells<float>(*raster, "Height");
+  ASSERT_EQ(whole.size(), 24u);
+  for (std::size_t j = 0; j < 4; ++j)
+    for (std::size_t i = 0; i < 6; ++i)
+      EXPECT_EQ(whole[j * 6 + i], i < 5 && j < 3 ? image[j * 5 + i] : -1.0f) << i << "," << j;
+
+  EXPECT_THROW(setUniformCells<float>(*raster, "Height", image.data(), 7, 3, 0.0f),
+               std::invalid_argument);
+  EXPECT_THROW(setUniformCells<double>(*raster, "Height", nullptr, 0, 0, 0.0),
+               std::invalid_argument);
+  EXPECT_THROW(uniformCells<unsigned char>(*raster, "Height"), std::invalid_argument);
+  EXPECT_THROW(uniformCells<float>(Grid(), "Height"), std::invalid_argument);
+}
+
 // A policy that fails after a number of fields, as a disk or a host callback might.
 struct FailingPolicy : StorageTransformations {
   int left;

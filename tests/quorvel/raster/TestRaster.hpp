@@ -35,21 +35,14 @@ struct RasterSpec {
   }
 };
 
+// The row-major values of every cell of the raster.
 template <class T, class F>
 void addCells(Tressel::Grid& grid, const char* name, const RasterSpec& r, F value) {
-  auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
-  auto field =
-      rep->makeField(rep->makeFieldID(name), rep->fragmentLayout(), &Tressel::TresselType<T>(), 3);
-  for (std::size_t b = 0; b < r.fragments[1]; ++b)
-    for (std::size_t a = 0; a < r.fragments[0]; ++a) {
-      auto array = std::make_shared<Tressel::MemArray<3, T>>(r.cells);
-      for (std::size_t j = 0; j < r.cells[1]; ++j)
-        for (std::size_t i = 0; i < r.cells[0]; ++i)
-          array->view()(i, j, 0) = value(a * r.cells[0] + i, b * r.cells[1] + j);
-      const auto id =
-          rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(a + r.fragments[0] * b));
-      field->setPersistentData(array, id);
-    }
+  std::vector<T> cells;
+  for (std::size_t y = 0; y < r.depth(); ++y)
+    for (std::size_t x = 0; x < r.width(); ++x)
+      cells.push_back(value(x, y));
+  Tressel::setUniformCells<T>(grid, name, cells.data(), r.width(), r.depth(), T());
 }
 
 inline void writeRaster(const std::string& path, const RasterSpec& r, bool withTypes = true) {
