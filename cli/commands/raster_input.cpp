@@ -2,7 +2,6 @@
 #include "cli/commands/raster_input.hpp"
 
 #include "quorvel/core/core.hpp"
-#include "tressel/UniformGrid.hpp"
 
 #include <cmath>
 #include <initializer_list>
@@ -56,14 +55,9 @@ std::vector<ClassConditionalBand> classConditionalBands(const std::string& optio
 
 void takeRasterLayout(const Tressel::Grid& raster, const std::string& path,
                       MapRasterOnPointCloudParameterBox& box) {
-  const auto view = Tressel::uniformGridView(raster);
-  if (!view)
+  if (!Quorvel::takeRasterLayout(raster, box))
     throw Error(path + ": not a raster (its first grid is not a regularly fragmented uniform "
                        "grid)");
-  for (int a = 0; a < 3; ++a) {
-    box.cellsize[static_cast<std::size_t>(a)] = view->cellSize[a];
-    box.rastersize[static_cast<std::size_t>(a)] = view->cells[a];
-  }
 }
 
 void takeRasterLayout(const std::string& path, MapRasterOnPointCloudParameterBox& box) {

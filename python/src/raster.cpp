@@ -2,10 +2,15 @@
 #include "boxes.hpp"
 
 #include "quorvel/raster/raster.hpp"
+#include "tressel/Bundle.hpp"
+#include "tressel/UniformGrid.hpp"
 
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <array>
+#include <cmath>
+#include <limits>
 #include <optional>
 #include <tuple>
 
@@ -115,6 +120,11 @@ void bindRuns(py::module_& m) {
       },
       py::arg("path"), py::arg("box"), "The raster of a bundle file, prepared.");
   m.def(
+      "takeRasterLayout",
+      [](Cloud& raster, Box& box) { return takeRasterLayout(*raster.grid, box); },
+      py::arg("raster"), py::arg("box"),
+      "Sets the box's cellsize and rastersize from the raster's layout.");
+  m.def(
       "prepareRaster",
       [](Cloud& raster, Box& box) {
         py::gil_scoped_release released;
@@ -153,12 +163,86 @@ void bindRuns(py::module_& m) {
       py::arg("radius"), "A field of source onto target's cells by the nearest point in x-y.");
 }
 
+using Heights = py::array_t<float, py::array::c_style | py::array::forcecast>;
+using Types = py::array_t<std::uint8_t, py::array::c_style | py::array::forcecast>;
+
+// A raster of one layer from a (rows, columns) array of heights: cell (i, j) at origin + (i, j)
+// * cellSize takes height[j, i]; cell types 0 (1 where the height is NaN) unless given; cells
+// that fill up the last fragments get type 1 and NaN.
+Cloud rasterOf(const Heights& height, const std::optional<Types>& types, const Triple& origin,
+               double cellSize, std::size_t fragmentCells, const std::string& heightField) {
+  if (height.ndim() != 2 || (types && (types->ndim() != 2 || types->shape(0) != height.shape(0) ||
+                                       types->shape(1) != height.shape(1))))
+    raise("a raster needs a 2-D array of heights and cell types of the same shape");
+  if (!(cellSize > 0) || fragmentCells == 0)
+    raise("a raster needs a positive cell size and fragment size");
+  const auto ny = static_cast<std::size_t>(height.shape(0));
+  const auto nx = static_cast<std::size_t>(height.shape(1));
+  const std::size_t cx = std::max<std::size_t>(1, std::min(fragmentCells, nx));
+  const std::size_t cy = std::max<std::size_t>(1, std::min(fragmentCells, ny));
+  Tressel::Bundle bundle;
+  Cloud out{Tressel::createRegularlyFragmentedGridWithCartesianVertices3D(
+      bundle, 0.0, "raster", {(nx + cx - 1) / cx, (ny + cy - 1) / cy, 1}, {cx, cy, 1},
+      pointOf(origin), vector(cellSize, cellSize, 0.0))};
+  const float* h = height.data();
+  std::vector<std::uint8_t> cellTypes(nx * ny);
+  for (std::size_t k = 0; k < cellTypes.size(); ++k)
+    cellTypes[k] = types ? types->data()[k] : static_cast<std::uint8_t>(std::isnan(h[k]) ? 1 : 0);
+  Tressel::setUniformCells<std::uint8_t>(*out.grid, "CellType", cellTypes.data(), nx, ny, 1);
+  Tressel::setUniformCells<float>(*out.grid, heightField, h, nx, ny,
+                                  std::numeric_limits<float>::quiet_NaN());
+  return out;
+}
+
+// A cell field of a raster as a (rows, columns) array over the whole raster, padding included;
+// vectors as (rows, columns, 3).
+py::array cellsOf(const Cloud& raster, const std::string& name) {
+  const auto view = Tressel::uniformGridView(*raster.grid);
+  if (!view)
+    raise("not a raster");
+  const auto rows = static_cast<py::ssize_t>(view->cells[1] * view->fragments[1]);
+  const auto columns = static_cast<py::ssize_t>(view->cells[0] * view->fragments[0]);
+  const auto field = (*raster.grid)(Tressel::StandardCartesianChart3D, name);
+  // Types compared by name: the module's own type objects are not the library's.
+  const std::string type = field && field->getElementType() ? field->getElementType()->name() : "";
+  try {
+    if (type == "uint8")
+      return py::array_t<std::uint8_t>(
+          {rows, columns}, Tressel::uniformCells<std::uint8_t>(*raster.grid, name).data());
+    if (type == "float32")
+      return py::array_t<float>({rows, columns},
+                                Tressel::uniformCells<float>(*raster.grid, name).data());
+    if (type == "float64")
+      return py::array_t<double>({rows, columns},
+                                 Tressel::uniformCells<double>(*raster.grid, name).data());
+    if (type == "vector") {
+      const auto cells = Tressel::uniformCells<vector>(*raster.grid, name);
+      return py::array_t<double>({rows, columns, py::ssize_t(3)},
+                                 reinterpret_cast<const double*>(cells.data()));
+    }
+  } catch (const std::invalid_argument& e) {
+    raise(e.what());
+  }
+  raise("the raster has no cell field \"" + name + "\" of uint8, float, double or vectors");
+}
+
+void bindRasters(py::module_& m) {
+  m.def("raster", &rasterOf, py::arg("height"), py::arg("cell_type") = std::nullopt,
+        py::arg("origin") = Triple{0, 0, 0}, py::arg("cell_size") = 1.0,
+        py::arg("fragment_cells") = 256, py::arg("height_field") = "Height",
+        "A raster from a (rows, columns) array of heights: cell (i, j) at origin + (i, j) * "
+        "cell_size takes height[j, i]; cell types 0, or 1 where the height is NaN, unless given.");
+  m.def("cells", &cellsOf, py::arg("raster"), py::arg("name"),
+        "A cell field of a raster as a (rows, columns) array, padding included.");
+}
+
 } // namespace
 
 void bindRaster(py::module_& m) {
   bindBox(m);
   bindRules(m);
   bindRuns(m);
+  bindRasters(m);
 }
 
 } // namespace Quorvel::Python

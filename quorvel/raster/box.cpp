@@ -2,6 +2,7 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/raster/detail/raster.hpp"
+#include "tressel/UniformGrid.hpp"
 
 #include <locale>
 #include <sstream>
@@ -39,6 +40,17 @@ void MapRasterOnPointCloudParameterBox::print() const {
   Basalt::Console() << "assignment: ";
   for (const HeightBand& band : assignment)
     Basalt::Console() << band.low << ":" << band.high << "=" << band.cls;
+}
+
+bool takeRasterLayout(const Tressel::Grid& raster, MapRasterOnPointCloudParameterBox& box) {
+  const auto view = Tressel::uniformGridView(raster);
+  if (!view)
+    return false;
+  for (std::size_t a = 0; a < 3; ++a) {
+    box.cellsize[a] = view->cellSize[static_cast<int>(a)];
+    box.rastersize[a] = view->cells[a];
+  }
+  return true;
 }
 
 void mapClassification(const double& low, const double& high,

@@ -69,6 +69,10 @@ struct MapRasterOnPointCloudParameterBox {
   void print() const;
 };
 
+// Sets box.cellsize and box.rastersize from the raster's uniform layout (what prepareRaster and
+// mapData expect the caller to have set); false, leaving the box alone, for a grid without one.
+bool takeRasterLayout(const Tressel::Grid& raster, MapRasterOnPointCloudParameterBox& box);
+
 // Loads the first grid of the bundle file as the raster, fills "PlanarRegression" (the height
 // plane (a, b, c) of the cell's 3 x 3 block, (0, 0, 1e7) where no plane was fitted), "MaxGround"
 // and "MinGround" (NaN where not computed) for every cell of type 0 or 4 from the ground cells of

@@ -201,6 +201,55 @@ def test_band_rules_are_strict_and_skip_planeless_cells():
     assert quorvel.mapClassificationStep(0.5, 2, (0, 0, 11.9), 10, 9, 1) == 9
 
 
+def test_rasters_prepared_and_mapped_against_numpy():
+    rng = np.random.default_rng(6)
+    rows, columns = 12, 10
+    height = (100 + 0.2 * np.arange(columns)[None, :] - 0.1 * np.arange(rows)[:, None]
+              + rng.uniform(0, 0.05, (rows, columns))).astype(np.float32)
+    types = np.zeros((rows, columns), np.uint8)
+    types[3, 4] = 1
+    types[::4, ::3] = 4
+    raster = quorvel.raster(height, types, origin=(500.0, 800.0, 0.0), cell_size=2.0,
+                            fragment_cells=5)
+    box = quorvel.MapRasterOnPointCloudParameterBox(height=True)
+    assert quorvel.takeRasterLayout(raster, box)
+    assert box.cellsize == [2.0, 2.0, 0.0] and box.rastersize == [5, 5, 1]
+    assert quorvel.prepareRaster(raster, box)
+    assert box.raster_bbox == ([500.0, 800.0, 0.0], [518.0, 828.0, 0.0])
+    highest = quorvel.cells(raster, "MaxGround")[:rows, :columns]
+    ground = types != 1
+    for j in range(rows):
+        for i in range(columns):
+            # The 3 x 3 block inside the cell's fragment of 5 x 5 cells.
+            fj, fi = j // 5 * 5, i // 5 * 5
+            block = (slice(max(j - 1, fj), min(j + 2, fj + 5)), slice(max(i - 1, fi), min(i + 2, fi + 5)))
+            if ground[j, i]:
+                assert highest[j, i] == height[block][ground[block]].max()
+            else:
+                assert np.isnan(highest[j, i])
+    assert quorvel.cells(raster, "CellType")[rows:, :].tolist() == [[1] * 10] * 3
+
+    # Heights of points above the plane of the cell under them.
+    xy = np.column_stack([rng.uniform(500, 517, 200), rng.uniform(800, 821, 200)])
+    z = 100 + 0.1 * (xy[:, 0] - 500) + rng.uniform(0, 5, 200)
+    cloud = quorvel.Cloud(np.column_stack([xy, z]), Classification=np.ones(200, np.uint8))
+    assert quorvel.mapData(cloud, raster, box)
+    planes = quorvel.cells(raster, "PlanarRegression")
+    i = np.floor((xy[:, 0] + 1 - 500) / 2).astype(int)
+    j = np.floor((xy[:, 1] + 1 - 800) / 2).astype(int)
+    a, b, c = planes[j, i, 0], planes[j, i, 1], planes[j, i, 2]
+    expected = np.where(c < 1e7, (z - (a * xy[:, 0] + b * xy[:, 1] + c)) / np.sqrt(a * a + b * b + 1),
+                        -1000.0)
+    np.testing.assert_allclose(cloud["CanopyHeight"], expected.astype(np.float32), rtol=1e-6)
+
+    # The raster's heights carried onto its own cells from the points, nearest within 1.5.
+    quorvel.mapSourceToTarget(cloud, "Classification", raster, "Near", 1.5)
+    near = quorvel.cells(raster, "Near")[:rows, :columns]
+    assert np.nanmax(near) == 1.0 and np.isnan(near).any()
+    with pytest.raises(quorvel.Error, match="No source field: Nothing"):
+        quorvel.mapSourceToTarget(cloud, "Nothing", raster, "Near", 1.5)
+
+
 def test_kernels_and_parsers_against_numpy():
     pts = surface(30)
     ok, (a, b, c) = quorvel.planarRegression(pts)
