@@ -86,6 +86,20 @@ CLI::Validator outputFile() {
       [](std::string& path) -> std::string { return unwritableName(path).value_or(""); }, "FILE");
 }
 
+CLI::Validator rasterOutputFile() {
+  return CLI::Validator(
+      [](std::string& path) -> std::string {
+        const std::string extension = std::filesystem::path(path).extension().string();
+        if (extension == ".h5" || extension == ".hdf5" || extension == ".tif" ||
+            extension == ".tiff")
+          return "";
+        return "\"" + path +
+               "\" names no raster file type the host writes (.h5 or .hdf5 for a bundle, .tif "
+               "or .tiff for a GeoTIFF)";
+      },
+      "FILE");
+}
+
 void checkRange(const std::string& name, const std::string& text) {
   bool any = false;
   for (std::string_view item : Basalt::splitAt(text, ",;")) {

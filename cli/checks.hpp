@@ -18,6 +18,8 @@ std::optional<double> finiteNumber(std::string_view text);
 CLI::Validator positiveNumber();
 CLI::Validator numberWithin(double low, double high);
 CLI::Validator outputFile();
+// An output that holds a raster: a bundle (.h5, .hdf5) or a GeoTIFF (.tif, .tiff).
+CLI::Validator rasterOutputFile();
 // Why the host cannot write a file of that name (its extension), or nothing.
 std::optional<std::string> unwritableName(const std::string& path);
 

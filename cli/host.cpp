@@ -5,6 +5,7 @@
 
 #include "cli/progress.hpp"
 #include "io/files.hpp"
+#include "io/raster.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include "basalt/Text.hpp"
@@ -123,7 +124,8 @@ void finish(const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, std::size
 Cloud Host::load(const std::string& path, const std::set<std::string>& only) const {
   const auto shown = progress("read " + path);
   Cloud cloud;
-  cloud.grid = Files::load(path, common_.fragmentPoints, shown, only);
+  cloud.grid = Raster::isRasterFile(path) ? Raster::import(path)
+                                          : Files::load(path, common_.fragmentPoints, shown, only);
   finish(shown, pointCount(*cloud.grid));
   return cloud;
 }
@@ -131,7 +133,10 @@ Cloud Host::load(const std::string& path, const std::set<std::string>& only) con
 void Host::save(const std::string& path, const Cloud& cloud,
                 const Las::WriteOptions& options) const {
   const auto shown = progress("write " + path);
-  Files::save(path, cloud.grid, options, shown);
+  if (Raster::isRasterFile(path))
+    Raster::writeGeoTiff(path, *cloud.grid, cloud.rasterField);
+  else
+    Files::save(path, cloud.grid, options, shown);
   finish(shown, pointCount(*cloud.grid));
 }
 

@@ -42,6 +42,8 @@ void addCommonOptions(CLI::App& app, Common& common);
 // attributes, so that writing it back, directly or through a bundle, keeps them.
 struct Cloud {
   Basalt::StrongPtr<Tressel::Grid> grid;
+  // For a raster written as GeoTIFF: the cell field that becomes its band.
+  std::string rasterField = "Height";
 };
 
 // Adds --scale and --offset (with the aliases --las-scale and --las-offset; only the alias for an
@@ -66,8 +68,9 @@ public:
   // Progress of long steps on standard error when it is a terminal; empty otherwise.
   Basalt::StrongPtr<Basalt::LoaderProgress> progress(const std::string& what) const;
 
-  // Reads a LAS or bundle file; only, when not empty, limits the fields made from a LAS file
-  // (besides "Positions") for a cloud that is searched and not written back.
+  // Reads a LAS, bundle or raster file (Raster::isRasterFile); only, when not empty, limits the
+  // fields made from a LAS file (besides "Positions") for a cloud that is searched and not written
+  // back.
   Cloud load(const std::string& path, const std::set<std::string>& only = {}) const;
   void save(const std::string& path, const Cloud& cloud,
             const Las::WriteOptions& options = {}) const;

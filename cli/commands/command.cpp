@@ -15,8 +15,10 @@ void CloudCommand::addOptions(CLI::App& app) {
   addStageOptions(app);
   auto* input = app.add_option(inputName(), input_, "the point cloud to change (LAS or bundle)");
   addOperandsAfterInput(app);
-  auto* output = app.add_option("-o,--output", output_, "where to write the result (LAS or bundle)")
-                     ->check(outputFile());
+  auto* output = app.add_option("-o,--output", output_,
+                                writesRasters() ? "where to write the result (bundle or GeoTIFF)"
+                                                : "where to write the result (LAS or bundle)")
+                     ->check(writesRasters() ? rasterOutputFile() : outputFile());
   if (!hasFilesForm())
     input->required();
   if (outputRequired() && !hasFilesForm())

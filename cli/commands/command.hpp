@@ -59,6 +59,8 @@ protected:
   virtual bool hasFilesForm() const { return false; }
   virtual int runFiles(const Host&) { return 0; }
   const std::string& input() const { return input_; }
+  // True for a command whose result is a raster: -o may then name a GeoTIFF as well.
+  virtual bool writesRasters() const { return false; }
   // What the operand of the cloud to change is called in the help.
   virtual std::string inputName() const { return "IN"; }
   const std::string& name() const { return name_; }
@@ -98,6 +100,8 @@ std::unique_ptr<Command> makeReduce();
 std::unique_ptr<Command> makeSelect();
 std::unique_ptr<Command> makeExtrapolate();
 std::unique_ptr<Command> makeMap();
+std::unique_ptr<Command> makeRaster();
+std::unique_ptr<Command> makeDtm();
 std::unique_ptr<Command> makeMapField();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute

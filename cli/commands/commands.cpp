@@ -21,6 +21,8 @@ const std::vector<CommandEntry>& commands() {
        makeShapeFactors},
       {"weights", "how much every point matters when thinning (from shape factors)", makeWeights},
       {"reduce", "thin a cloud to the points of highest weight", makeReduce},
+      {"dtm", "a ground raster from the ground points of a cloud (bundle or GeoTIFF)", makeDtm},
+      {"raster", "rasters in and out: import any GDAL raster, export as GeoTIFF", makeRaster},
       {"map", "a ground raster onto clouds: height-band classes or heights above ground", makeMap},
       {"mapfield", "a field of SOURCE onto the cells of a TARGET raster, by nearest x-y",
        makeMapField},

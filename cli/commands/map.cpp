@@ -2,6 +2,7 @@
 // or onto every grid of a list of bundle files, each rewritten in place.
 #include "cli/commands/command.hpp"
 #include "cli/commands/raster_input.hpp"
+#include "io/raster.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/raster/raster.hpp"
 
@@ -49,7 +50,7 @@ public:
   }
 
   void addOperandsAfterInput(CLI::App& app) override {
-    app.add_option("RASTER", rasterPath_, "the ground raster (bundle)");
+    app.add_option("RASTER", rasterPath_, "the ground raster (bundle, or any GDAL raster)");
     app.add_option("--files", files_, "bundle files to map in place (the second form)")
         ->excludes(app.get_option("CLOUD"));
     app.footer(Footer);
@@ -76,6 +77,9 @@ protected:
       throw CLI::RequiredError("CLOUD or --files");
     if (rasterPath_.empty())
       throw CLI::RequiredError("--raster");
+    if (Raster::isRasterFile(rasterPath_))
+      throw CLI::ValidationError("--raster", "the file-list form takes a raster bundle (.h5); "
+                                             "make one with quorvel raster import");
     takeRasterLayout(rasterPath_, box_);
     bool ok = false;
     host.run("map", files_.size(), [&] { ok = mapData(files_, rasterPath_, box_); });

@@ -35,10 +35,12 @@ public:
     });
     if (!message.empty())
       throw Error("mapfield: " + message);
+    target.rasterField = targetField_;
   }
 
 protected:
   std::string inputName() const override { return "TARGET"; }
+  bool writesRasters() const override { return true; }
 
 private:
   std::string sourcePath_, sourceField_, targetField_;

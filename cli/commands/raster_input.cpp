@@ -66,7 +66,7 @@ void takeRasterLayout(const std::string& path, MapRasterOnPointCloudParameterBox
 
 Basalt::StrongPtr<Tressel::Grid> loadRaster(const std::string& path, const Host& host,
                                             MapRasterOnPointCloudParameterBox& box) {
-  auto raster = host.load(path).grid;
+  auto raster = host.load(path).grid; // bundles, and any raster file through GDAL
   takeRasterLayout(*raster, path, box);
   bool ok = false;
   host.run("prepare", 0, [&] { ok = prepareRaster(raster, box); });

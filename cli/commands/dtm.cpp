@@ -1,0 +1,63 @@
+// quorvel dtm: a ground raster (digital terrain model) from the ground points of a cloud.
+#include "cli/commands/command.hpp"
+#include "io/raster.hpp"
+
+namespace Quorvel::Cli {
+
+namespace {
+
+const char* const Footer =
+    R"(Every cell of --cell metres (pixel edges at multiples of it, covering the ground points)
+takes the lowest z of the ground points in it ("CellType" 0). An empty cell takes the mean of the
+cells with points in the nearest ring around it that holds any, weighted by the inverse squared
+distance, up to --fill-rings rings away ("CellType" 4); farther cells have no data ("CellType" 1,
+-9999 in a GeoTIFF). The LAS file's coordinate system (its WKT record, or the EPSG code of its
+GeoTIFF keys) goes into the raster. Heights above this ground:
+  quorvel dtm in.las -o dtm.h5 --cell 1
+  quorvel map in.las dtm.h5 -o out.las --height)";
+
+class Dtm final : public Command {
+public:
+  void addOptions(CLI::App& app) override {
+    app.add_option("IN", input_, "the classified cloud (LAS or bundle)")->required();
+    app.add_option("-o,--output", output_, "the raster (.h5 bundle or .tif GeoTIFF)")
+        ->required()
+        ->check(rasterOutputFile());
+    app.add_option("--cell", settings_.cellSize, "edge of a cell")
+        ->required()
+        ->check(positiveNumber());
+    addRange(app, "--classes", settings_.classes, "the ground classes");
+    app.add_option("--fill-rings", settings_.fillRings, "how far gaps are filled, in cells")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 1000));
+    app.add_option("--fragment-cells", settings_.fragmentCells, "cells of a fragment along x, y")
+        ->capture_default_str()
+        ->check(CLI::Range(std::size_t(1), std::size_t(1) << 16));
+    app.add_option("--height-field", settings_.heightField, "the field of the heights")
+        ->capture_default_str();
+    app.footer(Footer);
+  }
+
+  int run(const Host& host) override {
+    // The ground raster needs the classes and positions alone.
+    const Cloud cloud = host.load(input_, {"Classification"});
+    Cloud raster;
+    host.run("dtm", pointCount(*cloud.grid),
+             [&] { raster.grid = Raster::groundRaster(*cloud.grid, settings_); });
+    raster.rasterField = settings_.heightField;
+    host.save(output_, raster);
+    return 0;
+  }
+
+private:
+  std::string input_, output_;
+  Raster::GroundRasterSettings settings_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeDtm() {
+  return std::make_unique<Dtm>();
+}
+
+} // namespace Quorvel::Cli

@@ -1,0 +1,52 @@
+# quorvel dtm, raster, map and mapfield on the sample data: a ground raster as bundle and as
+# GeoTIFF mapping to the same heights, height bands on one cloud and on a list of bundle files
+# giving the same classes, a field carried onto a raster, and the refusals.
+include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
+
+# The sample's ground covers its west third: the gaps are filled from up to 100 cells away, so
+# every one of the 85 x 75 cells has a height.
+quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.h5 --cell 1 --fill-rings 100)
+quorvel(0 "points: 6375\n" info ${WORK_DIR}/dtm.h5)
+quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.tif --cell 1 --fill-rings 100)
+quorvel(0 "multi index of raster: 85x75x1\n" map ${data}/sample_c.las ${WORK_DIR}/dtm.h5
+        -o ${WORK_DIR}/from-bundle.las --height)
+quorvel(0 "CanopyHeight: float32" info ${WORK_DIR}/from-bundle.las)
+quorvel(0 "raster bbox: (674522 ,1.20674e+06 ,0) | (674606 ,1.20681e+06 ,0)\n" map
+        ${data}/sample_c.las ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/from-tiff.las --height)
+expect_same_file(${WORK_DIR}/from-bundle.las ${WORK_DIR}/from-tiff.las "heights of bundle and GeoTIFF")
+
+# A GeoTIFF imported and exported again maps to the same heights; in fragments of 16 x 16 cells
+# the blocks stop at fragment edges, and so do the planes.
+quorvel(0 "" raster import ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/imported.h5)
+quorvel(0 "" raster export ${WORK_DIR}/imported.h5 -o ${WORK_DIR}/exported.tif)
+quorvel(0 "" map ${data}/sample_c.las ${WORK_DIR}/exported.tif -o ${WORK_DIR}/from-export.las
+        --height)
+expect_same_file(${WORK_DIR}/from-bundle.las ${WORK_DIR}/from-export.las "heights after export")
+quorvel(0 "" raster import ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/tiles.h5 --fragment-cells 16)
+quorvel(0 "# of raster fragments: 6x5x1\n" map ${data}/sample_c.las ${WORK_DIR}/tiles.h5
+        -o ${WORK_DIR}/from-tiles.las --height)
+
+# Height bands: below 0.5 m nothing matches and the points stay unclassified (0); the points of
+# the last row and column of cells lie outside the raster's box of cell centres and keep theirs.
+set(bands --bands "0.5:2=3,2:5=4,5:100=5" --unclassify)
+quorvel(0 "" map ${data}/sample_c.las ${WORK_DIR}/dtm.h5 -o ${WORK_DIR}/banded.las ${bands})
+quorvel(0 "classes: 0:1394 2:12 3:140 4:317 5:12544 6:1\n" info ${WORK_DIR}/banded.las)
+quorvel(0 "" convert ${data}/sample_c.las ${WORK_DIR}/files.h5)
+quorvel(0 "" map --files ${WORK_DIR}/files.h5 --raster ${WORK_DIR}/dtm.h5 ${bands})
+quorvel(0 "classes: 0:1394 2:12 3:140 4:317 5:12544 6:1\n" info ${WORK_DIR}/files.h5)
+
+# The nearest point's intensity within 1 m onto the raster's cells, as a GeoTIFF band.
+quorvel(0 "" mapfield ${data}/sample_c.las ${WORK_DIR}/dtm.h5 -o ${WORK_DIR}/near.tif
+        --source-field Intensity --target-field NearIntensity --radius 1)
+quorvel(0 "" raster import ${WORK_DIR}/near.tif -o ${WORK_DIR}/near.h5
+        --height-field NearIntensity)
+quorvel(0 "NearIntensity: float32" info ${WORK_DIR}/near.h5)
+
+quorvel(1 "no point of the classes 9.000000:9.000000" dtm ${data}/sample_c.las
+        -o ${WORK_DIR}/none.h5 --cell 1 --classes 9)
+quorvel(1 "missing.tif: no such file" raster import ${WORK_DIR}/missing.tif -o ${WORK_DIR}/x.h5)
+quorvel(2 "the file-list form takes a raster bundle" map --files ${WORK_DIR}/files.h5
+        --raster ${WORK_DIR}/dtm.tif)
+quorvel(2 "names no raster file type" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.las --cell 1)
+quorvel(2 "RASTER is required" map ${data}/sample_c.las -o ${WORK_DIR}/x.las --height)
+quorvel(2 "--cell is required" dtm ${data}/sample_c.las -o ${WORK_DIR}/x.h5)
