@@ -2,6 +2,7 @@
 #include "cloud.hpp"
 
 #include "io/files.hpp"
+#include "io/raster.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <pybind11/stl.h>
@@ -218,20 +219,26 @@ void bindCloud(py::module_& m) {
           "Field names and their element types, in the cloud's order.")
       .def(
           "write",
-          [](const Cloud& c, const std::string& path) {
+          [](const Cloud& c, const std::string& path, const std::string& heightField) {
             py::gil_scoped_release released;
-            Files::save(path, c.grid);
+            if (Raster::isRasterFile(path))
+              Raster::writeGeoTiff(path, *c.grid, heightField);
+            else
+              Files::save(path, c.grid);
           },
-          py::arg("path"), "Writes a LAS file, or a bundle for .h5 and .hdf5.");
+          py::arg("path"), py::arg("height_field") = Raster::DefaultHeightField,
+          "Writes a LAS file, a bundle for .h5 and .hdf5, or a raster's height_field as a "
+          "GeoTIFF for .tif and .tiff.");
   m.def(
       "read",
       [](const std::string& path, std::size_t fragmentPoints) {
         py::gil_scoped_release released;
-        return Cloud{Files::load(path, fragmentPoints)};
+        return Cloud{Raster::isRasterFile(path) ? Raster::import(path)
+                                                : Files::load(path, fragmentPoints)};
       },
       py::arg("path"), py::arg("fragment_points") = 0,
-      "Reads a LAS file or a bundle (.h5, .hdf5); fragment_points N splits a LAS file into x-y "
-      "tiles of about N points.");
+      "Reads a LAS file, a bundle (.h5, .hdf5) or a raster GDAL reads (.tif, .tiff, .asc, "
+      ".img, .vrt); fragment_points N splits a LAS file into x-y tiles of about N points.");
 }
 
 } // namespace Quorvel::Python

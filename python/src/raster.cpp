@@ -1,6 +1,7 @@
 // Quorvel for Python: raster preparation and mapping, and fields carried from grid to grid.
 #include "boxes.hpp"
 
+#include "io/raster.hpp"
 #include "quorvel/raster/raster.hpp"
 #include "tressel/Bundle.hpp"
 #include "tressel/UniformGrid.hpp"
@@ -232,6 +233,23 @@ void bindRasters(py::module_& m) {
         py::arg("fragment_cells") = 256, py::arg("height_field") = "Height",
         "A raster from a (rows, columns) array of heights: cell (i, j) at origin + (i, j) * "
         "cell_size takes height[j, i]; cell types 0, or 1 where the height is NaN, unless given.");
+  m.def(
+      "groundRaster",
+      [](Cloud& cloud, double cellSize, const std::string& classes, int fillRings,
+         std::size_t fragmentCells, const std::string& heightField) {
+        Raster::GroundRasterSettings settings;
+        settings.cellSize = cellSize;
+        settings.classes = Vantor::MultiRange<double>(classes);
+        settings.fillRings = fillRings;
+        settings.fragmentCells = fragmentCells;
+        settings.heightField = heightField;
+        py::gil_scoped_release released;
+        return Cloud{Raster::groundRaster(*cloud.grid, settings)};
+      },
+      py::arg("cloud"), py::arg("cell_size"), py::arg("classes") = "2", py::arg("fill_rings") = 5,
+      py::arg("fragment_cells") = 256, py::arg("height_field") = "Height",
+      "A ground raster: the lowest z of the ground points in every cell, gaps filled from the "
+      "nearest ring of measured cells.");
   m.def("cells", &cellsOf, py::arg("raster"), py::arg("name"),
         "A cell field of a raster as a (rows, columns) array, padding included.");
 }

@@ -250,6 +250,26 @@ def test_rasters_prepared_and_mapped_against_numpy():
         quorvel.mapSourceToTarget(cloud, "Nothing", raster, "Near", 1.5)
 
 
+def test_ground_rasters_and_geotiffs(tmp_path):
+    rng = np.random.default_rng(8)
+    xy = rng.uniform(0, 20, (2000, 2)) + [300, 600]
+    z = 0.2 * xy[:, 0] + rng.uniform(0, 0.3, 2000)
+    cls = np.where(np.arange(2000) % 2 == 0, 2, 5).astype(np.uint8)
+    cloud = quorvel.Cloud(np.column_stack([xy, z + np.where(cls == 5, 3.0, 0.0)]), Classification=cls)
+    dtm = quorvel.groundRaster(cloud, 2.0)
+    height = quorvel.cells(dtm, "Height")
+    i = np.floor(xy[:, 0] / 2).astype(int) - 150
+    j = np.floor(xy[:, 1] / 2).astype(int) - 300
+    lowest = np.full(height.shape, np.inf, np.float32)
+    np.minimum.at(lowest, (j[cls == 2], i[cls == 2]), z[cls == 2].astype(np.float32))
+    np.testing.assert_array_equal(height[:10, :10], lowest)
+    dtm.write(str(tmp_path / "dtm.tif"))
+    back = quorvel.read(str(tmp_path / "dtm.tif"))
+    np.testing.assert_array_equal(quorvel.cells(back, "Height")[:10, :10], lowest)
+    with pytest.raises(quorvel.Error, match="no point of the classes"):
+        quorvel.groundRaster(cloud, 2.0, classes="9")
+
+
 def test_kernels_and_parsers_against_numpy():
     pts = surface(30)
     ok, (a, b, c) = quorvel.planarRegression(pts)
