@@ -47,34 +47,72 @@ void forEachPoint(const Tressel::Grid& cloud, const Vantor::MultiRange<double>& 
   }
 }
 
+// A cell offset of a ring and its weight, the inverse squared distance.
+struct Offset {
+  long long di, dj;
+  double weight;
+};
+
+// The offsets of the rings 1 to rings, ring after ring; starts[r - 1] to starts[r] is ring r.
+std::vector<Offset> ringOffsets(int rings, std::vector<std::size_t>& starts) {
+  std::vector<Offset> out;
+  starts.assign(1, 0);
+  for (long long r = 1; r <= rings; ++r) {
+    for (long long dj = -r; dj <= r; ++dj)
+      for (long long di = -r; di <= r; di += (dj == -r || dj == r) ? 1 : 2 * r)
+        out.push_back({di, dj, 1.0 / static_cast<double>(di * di + dj * dj)});
+    starts.push_back(out.size());
+  }
+  return out;
+}
+
+// The weighted mean of the measured cells of the nearest ring around (i, j) that holds any;
+// false when none within the rings does.
+bool ringMean(const detail::Pixels& p, long long i, long long j, const std::vector<Offset>& offsets,
+              const std::vector<std::size_t>& starts, float& out) {
+  const auto w = static_cast<long long>(p.columns), h = static_cast<long long>(p.rows);
+  const auto rings = static_cast<long long>(starts.size()) - 1;
+  // Away from the edges no offset needs a bounds test.
+  const bool inside = i >= rings && j >= rings && i + rings < w && j + rings < h;
+  const std::uint8_t* types = p.types.data();
+  const float* heights = p.heights.data();
+  for (std::size_t r = 1; r < starts.size(); ++r) {
+    double sum = 0, weights = 0;
+    for (std::size_t k = starts[r - 1]; k < starts[r]; ++k) {
+      const long long x = i + offsets[k].di, y = j + offsets[k].dj;
+      if (!inside && (x < 0 || y < 0 || x >= w || y >= h))
+        continue;
+      const auto at = static_cast<std::size_t>(y * w + x);
+      if (types[at] == Measured) {
+        sum += offsets[k].weight * heights[at];
+        weights += offsets[k].weight;
+      }
+    }
+    if (weights > 0) {
+      out = static_cast<float>(sum / weights);
+      return true;
+    }
+  }
+  return false;
+}
+
 // Fills every empty cell from the measured cells of the nearest ring (Chebyshev distance up to
 // rings) that holds any, weighted by the inverse squared distance.
 void fillGaps(detail::Pixels& p, int rings) {
-  const auto w = static_cast<long long>(p.columns), h = static_cast<long long>(p.rows);
+  std::vector<std::size_t> starts;
+  const std::vector<Offset> offsets = ringOffsets(rings, starts);
   std::vector<float> filled(p.heights);
   std::vector<std::uint8_t> types(p.types);
-  for (long long j = 0; j < h; ++j)
-    for (long long i = 0; i < w; ++i) {
-      if (p.types[static_cast<std::size_t>(j * w + i)] == Measured)
-        continue;
-      for (long long r = 1; r <= rings; ++r) {
-        double sum = 0, weights = 0;
-        for (long long dj = -r; dj <= r; ++dj)
-          for (long long di = -r; di <= r; di += (dj == -r || dj == r) ? 1 : 2 * r) {
-            const long long x = i + di, y = j + dj;
-            if (x < 0 || y < 0 || x >= w || y >= h ||
-                p.types[static_cast<std::size_t>(y * w + x)] != Measured)
-              continue;
-            const double weight = 1.0 / static_cast<double>(di * di + dj * dj);
-            sum += weight * p.heights[static_cast<std::size_t>(y * w + x)];
-            weights += weight;
-          }
-        if (weights > 0) {
-          filled[static_cast<std::size_t>(j * w + i)] = static_cast<float>(sum / weights);
-          types[static_cast<std::size_t>(j * w + i)] = Filled;
-          break;
-        }
-      }
+  // Rows are independent: each reads the measured cells and writes its own row of the copies.
+  const auto rows = static_cast<long long>(p.rows);
+#pragma omp parallel for schedule(dynamic, 16)
+  for (long long row = 0; row < rows; ++row)
+    for (std::size_t i = 0, j = static_cast<std::size_t>(row); i < p.columns; ++i) {
+      const std::size_t at = j * p.columns + i;
+      if (p.types[at] != Measured &&
+          ringMean(p, static_cast<long long>(i), static_cast<long long>(j), offsets, starts,
+                   filled[at]))
+        types[at] = Filled;
     }
   p.heights.swap(filled);
   p.types.swap(types);
@@ -87,18 +125,20 @@ Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
   const double c = settings.cellSize;
   if (!(c > 0) || !std::isfinite(c))
     throw Las::Error("ground raster: the cell size must be a positive number");
+  // The extent from the fragments' boxes (LAS and bundle readers store them), so that the
+  // points are read once.
   Extent e;
   bool anyGround = false;
-  forEachPoint(cloud, settings.classes, [&](const point& p, bool ground) {
-    anyGround = anyGround || ground;
-    e.lowX = std::min(e.lowX, std::floor(p.x / c));
-    e.highX = std::max(e.highX, std::floor(p.x / c));
-    e.lowY = std::min(e.lowY, std::floor(p.y / c));
-    e.highY = std::max(e.highY, std::floor(p.y / c));
-  });
-  if (!anyGround)
-    throw Las::Error("ground raster: no point of the classes " + settings.classes.to_string() +
-                     " (with finite coordinates and a \"Classification\")");
+  if (auto positions = cloud.CartesianPositions())
+    for (const FragmentSlot& slot : fragmentsOf(*positions))
+      if (const auto box = fragmentBBox(slot); box && !box->empty()) {
+        e.lowX = std::min(e.lowX, std::floor(box->min().x / c));
+        e.highX = std::max(e.highX, std::floor(box->max().x / c));
+        e.lowY = std::min(e.lowY, std::floor(box->min().y / c));
+        e.highY = std::max(e.highY, std::floor(box->max().y / c));
+      }
+  if (!(e.lowX <= e.highX))
+    throw Las::Error("ground raster: the cloud has no point with finite coordinates");
   if ((e.highX - e.lowX + 1) * (e.highY - e.lowY + 1) > LargestRaster)
     throw Las::Error("ground raster: " + std::to_string(e.highX - e.lowX + 1) + " x " +
                      std::to_string(e.highY - e.lowY + 1) +
@@ -114,12 +154,20 @@ Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
   forEachPoint(cloud, settings.classes, [&](const point& q, bool ground) {
     if (!ground)
       return;
-    const auto i = static_cast<std::size_t>(std::floor(q.x / c) - e.lowX);
-    const auto j = static_cast<std::size_t>(std::floor(q.y / c) - e.lowY);
+    const double gx = std::floor(q.x / c) - e.lowX, gy = std::floor(q.y / c) - e.lowY;
+    // A stored box that a point lies outside of (a changed cloud) must not move it off the grid.
+    if (!(gx >= 0 && gy >= 0 && gx < static_cast<double>(p.columns) &&
+          gy < static_cast<double>(p.rows)))
+      return;
+    anyGround = true;
+    const auto i = static_cast<std::size_t>(gx), j = static_cast<std::size_t>(gy);
     float& h = p.heights[j * p.columns + i];
     h = std::min(h, static_cast<float>(q.z));
     p.types[j * p.columns + i] = Measured;
   });
+  if (!anyGround)
+    throw Las::Error("ground raster: no point of the classes " + settings.classes.to_string() +
+                     " (with finite coordinates and a \"Classification\")");
   for (std::size_t k = 0; k < p.heights.size(); ++k)
     if (p.types[k] != Measured)
       p.heights[k] = std::numeric_limits<float>::quiet_NaN();
