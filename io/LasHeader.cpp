@@ -124,7 +124,7 @@ void encodeHeader(const RawHeader& raw, std::uint8_t* out) {
   headerTable(Encoder{out, size}, raw);
 }
 
-void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings) {
+void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, bool compressed) {
   auto& problems = findings.problems;
   const Header& h = raw.header;
   if (std::memcmp(raw.signature.data(), "LASF", 4) != 0 || fileSize < 4) {
@@ -153,7 +153,8 @@ void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings) 
 
   bool formatKnown = false;
   if (h.pointFormat & 0xC0)
-    problems.push_back("compressed (LAZ) point data is not supported");
+    problems.push_back("point format byte " + std::to_string(h.pointFormat) +
+                       " (both compression bits: an old compression) is not supported");
   else if (h.pointFormat >= FormatCount)
     problems.push_back("point format " + std::to_string(h.pointFormat) + " is not supported");
   else {
@@ -200,7 +201,9 @@ void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings) 
       problems.push_back(std::to_string(h.vlrCount) + " VLRs do not fit in the " +
                          std::to_string(pointOffset - h.headerSize) +
                          " bytes between the header and the point data");
-    if (formatKnown && h.recordLength > 0) {
+    if (formatKnown && h.recordLength > 0 && compressed)
+      pointsPlaced = false;
+    else if (formatKnown && h.recordLength > 0) {
       const std::uint64_t room = (fileSize - pointOffset) / h.recordLength;
       if (h.pointCount > room)
         problems.push_back("point count " + std::to_string(h.pointCount) +

@@ -2,6 +2,7 @@
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasProgress.hpp"
+#include "io/laz/Laz.hpp"
 
 #include "tressel/PointCloud.hpp"
 
@@ -59,10 +60,14 @@ MappedFile::~MappedFile() {
 OpenedFile::OpenedFile(const std::string& path, bool sequential) : file(path, sequential) {
   const std::uint8_t* b = file.data();
   const std::uint64_t size = file.size();
-  const RawHeader raw =
-      decodeHeader(b, static_cast<std::size_t>(std::min<std::uint64_t>(size, 375)));
+  RawHeader raw = decodeHeader(b, static_cast<std::size_t>(std::min<std::uint64_t>(size, 375)));
+  // LAZ marks its point format with bit 7 (or, in some writers, bit 6).
+  const std::uint8_t compression = raw.header.pointFormat & 0xC0;
+  const bool compressed = compression == 0x80 || compression == 0x40;
+  if (compressed)
+    raw.header.pointFormat &= 0x3F;
   Findings findings;
-  validate(raw, size, findings);
+  validate(raw, size, findings, compressed);
   if (!findings.problems.empty())
     throw Error(describe(path, findings.problems));
   info.header = raw.header;
@@ -77,6 +82,32 @@ OpenedFile::OpenedFile(const std::string& path, bool sequential) : file(path, se
     std::cerr << path << ": warning: " << warning << "\n";
   records = b + h.pointOffset;
   pointCount = h.pointCount;
+  if (compressed)
+    decompress(path);
+}
+
+void OpenedFile::decompress(const std::string& path) {
+  const auto laszip = std::find_if(info.vlrs.begin(), info.vlrs.end(), Laz::isLaszipRecord);
+  if (laszip == info.vlrs.end())
+    throw Error(path + ": compressed point data without its \"laszip encoded\" record");
+  const Header& h = info.header;
+  // The point data ends where the EVLRs begin (LAS 1.4), else with the file.
+  const std::uint64_t end = h.versionMinor >= 4 && h.evlrCount > 0 && h.evlrOffset > h.pointOffset
+                                ? std::min<std::uint64_t>(h.evlrOffset, file.size())
+                                : file.size();
+  try {
+    const Laz::Description d = Laz::describe(*laszip);
+    if (pointCount > (std::uint64_t(1) << 40) / std::max<std::uint64_t>(h.recordLength, 1))
+      throw std::runtime_error("point count " + std::to_string(pointCount) + " is implausible");
+    decoded.resize(static_cast<std::size_t>(pointCount) * h.recordLength);
+    Laz::decode(file.data(), h.pointOffset, end, file.size(), d, pointCount, h.recordLength,
+                decoded.data());
+  } catch (const std::runtime_error& e) {
+    throw Error(path + ": " + e.what());
+  }
+  info.vlrs.erase(laszip);
+  info.header.vlrCount = static_cast<std::uint32_t>(info.vlrs.size());
+  records = decoded.data();
 }
 
 std::vector<FieldPlan> fieldsOf(const FileInfo& info, bool tiled) {

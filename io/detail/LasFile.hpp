@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace Quorvel::Las::detail {
 
@@ -36,6 +37,13 @@ struct OpenedFile {
   FileInfo info;
   const std::uint8_t* records = nullptr; // pointCount records of info.header.recordLength bytes
   std::uint64_t pointCount = 0;
+  // The records of a compressed (LAZ) file, decoded; records points into it. The header's
+  // point format then has its compression bit cleared and the "laszip encoded" record is left
+  // out of the VLRs, as in the LAS file the points came from.
+  std::vector<std::uint8_t> decoded;
+
+private:
+  void decompress(const std::string& path);
 };
 
 // A field the reader makes: name, kind (or a framework type name for the grouped fields).

@@ -48,8 +48,10 @@ struct Findings {
 };
 
 // Checks a decoded header against the file size: version, sizes, format, scale and offset,
-// where the VLRs, points and EVLRs lie.
-void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings);
+// where the VLRs, points and EVLRs lie. Compressed point data (LAZ, the format's bit 7 or 6 set,
+// already cleared in raw) is not checked against the file size: its size is the chunks'.
+void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings,
+              bool compressed = false);
 
 // Reads count records from start (extended: EVLRs) that must end by end; problems name each
 // record that does not fit.

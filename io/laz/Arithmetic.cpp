@@ -1,0 +1,233 @@
+// Quorvel: LASzip's range decoding, models and integer decompressor.
+#include "io/laz/Arithmetic.hpp"
+
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+namespace Quorvel::Laz {
+
+namespace {
+
+constexpr std::uint32_t BitLengthShift = 13;
+constexpr std::uint32_t BitMaxCount = 1u << BitLengthShift;
+constexpr std::uint32_t SymbolLengthShift = 15;
+constexpr std::uint32_t SymbolMaxCount = 1u << SymbolLengthShift;
+
+} // namespace
+
+void BitModel::update() {
+  // Counts are halved when they reach the threshold, and updates come less often over time.
+  if ((bitCount += updateCycle) > BitMaxCount) {
+    bitCount = (bitCount + 1) >> 1;
+    bit0Count = (bit0Count + 1) >> 1;
+    if (bit0Count == bitCount)
+      ++bitCount;
+  }
+  const std::uint32_t scale = 0x80000000u / bitCount;
+  bit0Probability = (bit0Count * scale) >> (31 - BitLengthShift);
+  updateCycle = (5 * updateCycle) >> 2;
+  if (updateCycle > 64)
+    updateCycle = 64;
+  bitsUntilUpdate = updateCycle;
+}
+
+SymbolModel::SymbolModel(std::uint32_t n)
+    : symbols(n), lastSymbol(n - 1), distribution(n), symbolCount(n, 1) {
+  if (n < 2 || n > (1u << 11))
+    throw std::invalid_argument("symbol model of " + std::to_string(n) + " symbols");
+  if (n > 16) {
+    std::uint32_t tableBits = 3;
+    while (n > (1u << (tableBits + 2)))
+      ++tableBits;
+    tableSize = 1u << tableBits;
+    tableShift = SymbolLengthShift - tableBits;
+    decoderTable.assign(tableSize + 2, 0);
+  }
+  updateCycle = n;
+  update();
+  symbolsUntilUpdate = updateCycle = (n + 6) >> 1;
+}
+
+void SymbolModel::update() {
+  if ((totalCount += updateCycle) > SymbolMaxCount) {
+    totalCount = 0;
+    for (std::uint32_t k = 0; k < symbols; ++k)
+      totalCount += (symbolCount[k] = (symbolCount[k] + 1) >> 1);
+  }
+  const std::uint32_t scale = 0x80000000u / totalCount;
+  std::uint32_t sum = 0, s = 0;
+  for (std::uint32_t k = 0; k < symbols; ++k) {
+    distribution[k] = (scale * sum) >> (31 - SymbolLengthShift);
+    sum += symbolCount[k];
+    if (tableSize == 0)
+      continue;
+    const std::uint32_t w = distribution[k] >> tableShift;
+    while (s < w)
+      decoderTable[++s] = k - 1;
+  }
+  if (tableSize != 0) {
+    decoderTable[0] = 0;
+    while (s <= tableSize)
+      decoderTable[++s] = symbols - 1;
+  }
+  updateCycle = (5 * updateCycle) >> 2;
+  const std::uint32_t maxCycle = (symbols + 6) << 3;
+  if (updateCycle > maxCycle)
+    updateCycle = maxCycle;
+  symbolsUntilUpdate = updateCycle;
+}
+
+bool Decoder::rawBytes(std::uint8_t* out, std::size_t n) {
+  if (static_cast<std::size_t>(end_ - at_) < n)
+    return false;
+  std::memcpy(out, at_, n);
+  at_ += n;
+  return true;
+}
+
+void Decoder::start() {
+  value_ = 0;
+  for (int k = 0; k < 4; ++k)
+    value_ = (value_ << 8) | byte();
+  length_ = 0xFFFFFFFFu;
+}
+
+std::uint32_t Decoder::decodeBit(BitModel& m) {
+  const std::uint32_t x = m.bit0Probability * (length_ >> BitLengthShift);
+  const std::uint32_t bit = value_ >= x;
+  if (bit == 0) {
+    length_ = x;
+    ++m.bit0Count;
+  } else {
+    value_ -= x;
+    length_ -= x;
+  }
+  if (length_ < MinLength)
+    renormalize();
+  if (--m.bitsUntilUpdate == 0)
+    m.update();
+  return bit;
+}
+
+std::uint32_t Decoder::decodeSymbol(SymbolModel& m) {
+  std::uint32_t symbol, x, y = length_;
+  if (m.tableSize != 0) {
+    const std::uint32_t dv = value_ / (length_ >>= SymbolLengthShift);
+    const std::uint32_t t = dv >> m.tableShift;
+    symbol = m.decoderTable[t];
+    std::uint32_t n = m.decoderTable[t + 1] + 1;
+    while (n > symbol + 1) { // bisection within the table's bracket
+      const std::uint32_t k = (symbol + n) >> 1;
+      if (m.distribution[k] > dv)
+        n = k;
+      else
+        symbol = k;
+    }
+    x = m.distribution[symbol] * length_;
+    if (symbol != m.lastSymbol)
+      y = m.distribution[symbol + 1] * length_;
+  } else {
+    x = symbol = 0;
+    length_ >>= SymbolLengthShift;
+    std::uint32_t n = m.symbols, k = n >> 1;
+    do {
+      const std::uint32_t z = length_ * m.distribution[k];
+      if (z > value_) {
+        n = k;
+        y = z;
+      } else {
+        symbol = k;
+        x = z;
+      }
+    } while ((k = (symbol + n) >> 1) != symbol);
+  }
+  value_ -= x;
+  length_ = y - x;
+  if (length_ < MinLength)
+    renormalize();
+  ++m.symbolCount[symbol];
+  if (--m.symbolsUntilUpdate == 0)
+    m.update();
+  return symbol;
+}
+
+std::uint32_t Decoder::readBits(std::uint32_t bits) {
+  if (bits > 19) {
+    const std::uint32_t low = readShort();
+    return (readBits(bits - 16) << 16) | low;
+  }
+  const std::uint32_t symbol = value_ / (length_ >>= bits);
+  value_ -= length_ * symbol;
+  if (length_ < MinLength)
+    renormalize();
+  return symbol;
+}
+
+std::uint32_t Decoder::readShort() {
+  return readBits(16);
+}
+
+std::uint32_t Decoder::readInt() {
+  const std::uint32_t low = readShort();
+  return (readShort() << 16) | low;
+}
+
+IntegerDecoder::IntegerDecoder(std::uint32_t bits, std::uint32_t contexts, std::uint32_t bitsHigh,
+                               std::uint32_t range)
+    : bitsHigh_(bitsHigh) {
+  if (range != 0) {
+    correctorRange_ = range;
+    for (std::uint32_t r = range; r != 0; r >>= 1)
+      ++correctorBits_;
+    if (correctorRange_ == (1u << (correctorBits_ - 1)))
+      --correctorBits_;
+    correctorMin_ = -static_cast<std::int32_t>(correctorRange_ / 2);
+  } else if (bits != 0 && bits < 32) {
+    correctorBits_ = bits;
+    correctorRange_ = 1u << bits;
+    correctorMin_ = -static_cast<std::int32_t>(correctorRange_ / 2);
+  } else {
+    correctorBits_ = 32;
+    correctorRange_ = 0;
+    correctorMin_ = std::numeric_limits<std::int32_t>::min();
+  }
+  bits_.assign(contexts, SymbolModel(correctorBits_ + 1));
+  for (std::uint32_t i = 1; i <= correctorBits_; ++i)
+    correctors_.emplace_back(i <= bitsHigh_ ? 1u << i : 1u << bitsHigh_);
+}
+
+std::int32_t IntegerDecoder::decode(Decoder& d, std::int32_t prediction, std::uint32_t context) {
+  // Wrapping arithmetic, as the encoder's: a corrector may carry a value around the range.
+  std::uint32_t real = static_cast<std::uint32_t>(prediction) +
+                       static_cast<std::uint32_t>(corrector(d, bits_[context]));
+  const auto signedReal = static_cast<std::int32_t>(real);
+  if (signedReal < 0)
+    real += correctorRange_;
+  else if (correctorRange_ != 0 && real >= correctorRange_)
+    real -= correctorRange_;
+  return static_cast<std::int32_t>(real);
+}
+
+std::int32_t IntegerDecoder::corrector(Decoder& d, SymbolModel& bits) {
+  k_ = d.decodeSymbol(bits);
+  if (k_ == 0)
+    return static_cast<std::int32_t>(d.decodeBit(corrector0_));
+  if (k_ >= 32)
+    return correctorMin_;
+  std::int32_t c;
+  if (k_ <= bitsHigh_)
+    c = static_cast<std::int32_t>(d.decodeSymbol(correctors_[k_ - 1]));
+  else {
+    const std::uint32_t low = k_ - bitsHigh_;
+    c = static_cast<std::int32_t>(d.decodeSymbol(correctors_[k_ - 1]));
+    c = static_cast<std::int32_t>((static_cast<std::uint32_t>(c) << low) | d.readBits(low));
+  }
+  // Back from [0, 2^k) to the corrector's interval: [2^(k-1), 2^k) holds 2^(k-1) + 1 .. 2^k,
+  // [0, 2^(k-1)) holds -(2^k - 1) .. -2^(k-1).
+  if (c >= (std::int32_t(1) << (k_ - 1)))
+    return c + 1;
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(c) - ((1u << k_) - 1));
+}
+
+} // namespace Quorvel::Laz

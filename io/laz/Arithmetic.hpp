@@ -1,0 +1,97 @@
+// Quorvel: the entropy decoding of LASzip-compressed point data: a 32-bit range decoder over one
+// chunk's bytes, adaptive bit and symbol models, and the integer decompressor that undoes the
+// corrector coding of predicted values. The models and their update rules follow the LASzip
+// format, so that every record decodes to the bytes it was encoded from.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace Quorvel::Laz {
+
+// An adaptive model of one binary decision.
+class BitModel {
+public:
+  BitModel() = default;
+  void update();
+
+  std::uint32_t updateCycle = 4, bitsUntilUpdate = 4;
+  std::uint32_t bit0Probability = 1u << 12, bit0Count = 1, bitCount = 2;
+};
+
+// An adaptive model of symbols 0 to symbols - 1, with a table that speeds up decoding of
+// alphabets above 16 symbols.
+class SymbolModel {
+public:
+  explicit SymbolModel(std::uint32_t symbols);
+  void update();
+
+  std::uint32_t symbols, lastSymbol;
+  std::vector<std::uint32_t> distribution, symbolCount, decoderTable;
+  std::uint32_t totalCount = 0, updateCycle, symbolsUntilUpdate;
+  std::uint32_t tableSize = 0, tableShift = 0;
+};
+
+// The range decoder over the bytes [data, data + size). Reading past the end yields zeros and is
+// remembered: overran() then tells that the bytes did not hold what was decoded.
+class Decoder {
+public:
+  Decoder(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}
+
+  // Takes n bytes as they are (the raw first point of a chunk); false when fewer remain.
+  bool rawBytes(std::uint8_t* out, std::size_t n);
+  // Starts arithmetic decoding after the raw bytes.
+  void start();
+
+  std::uint32_t decodeBit(BitModel& m);
+  std::uint32_t decodeSymbol(SymbolModel& m);
+  std::uint32_t readBits(std::uint32_t bits);
+  std::uint32_t readShort();
+  std::uint32_t readInt();
+
+  bool overran() const { return overran_; }
+
+private:
+  std::uint8_t byte() {
+    if (at_ < end_)
+      return *at_++;
+    overran_ = true;
+    return 0;
+  }
+  void renormalize() {
+    do
+      value_ = (value_ << 8) | byte();
+    while ((length_ <<= 8) < MinLength);
+  }
+
+  static constexpr std::uint32_t MinLength = 0x01000000u;
+  const std::uint8_t* at_;
+  const std::uint8_t* end_;
+  std::uint32_t value_ = 0, length_ = 0xFFFFFFFFu;
+  bool overran_ = false;
+};
+
+// Undoes the corrector coding of integers: the value is the prediction plus a corrector whose
+// magnitude class k is coded with a per-context symbol model and whose bits follow.
+class IntegerDecoder {
+public:
+  IntegerDecoder(std::uint32_t bits, std::uint32_t contexts, std::uint32_t bitsHigh = 8,
+                 std::uint32_t range = 0);
+
+  std::int32_t decode(Decoder& d, std::int32_t prediction, std::uint32_t context);
+  // The magnitude class of the last corrector decoded.
+  std::uint32_t k() const { return k_; }
+
+private:
+  std::int32_t corrector(Decoder& d, SymbolModel& bits);
+
+  std::uint32_t bitsHigh_, correctorBits_ = 0, correctorRange_ = 0;
+  std::int32_t correctorMin_ = 0;
+  std::uint32_t k_ = 0;
+  std::vector<SymbolModel> bits_;
+  BitModel corrector0_;
+  std::vector<SymbolModel> correctors_;
+};
+
+} // namespace Quorvel::Laz

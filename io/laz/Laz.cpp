@@ -1,0 +1,151 @@
+// Quorvel: LAZ point data: the "laszip encoded" record, the chunk table that places the chunks,
+// and the chunks decoded in parallel, each into its own points' records.
+#include "io/laz/Laz.hpp"
+
+#include "io/laz/Arithmetic.hpp"
+#include "io/laz/Pointwise.hpp"
+
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <stdexcept>
+
+namespace Quorvel::Laz {
+
+namespace {
+
+template <class T>
+T load(const std::uint8_t* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error(what);
+}
+
+// A chunk: its first point, its points and where its bytes lie in the file.
+struct Chunk {
+  std::uint64_t firstPoint = 0, points = 0, start = 0, bytes = 0;
+};
+
+// Reads the chunk table that the point data's first 8 bytes point to (or, when they hold -1, the
+// last 8 bytes of the file) and places every chunk.
+std::vector<Chunk> chunkTable(const std::uint8_t* file, std::uint64_t pointOffset,
+                              std::uint64_t end, std::uint64_t fileSize, const Description& d,
+                              std::uint64_t pointCount) {
+  if (end < pointOffset || end - pointOffset < 8)
+    fail("the point data ends before the offset of the chunk table");
+  auto tableAt = load<std::int64_t>(file + pointOffset);
+  if (tableAt == -1 && fileSize >= 8)
+    tableAt = load<std::int64_t>(file + fileSize - 8);
+  if (tableAt < 0 || static_cast<std::uint64_t>(tableAt) < pointOffset + 8 ||
+      static_cast<std::uint64_t>(tableAt) > fileSize || fileSize - tableAt < 8)
+    fail("the chunk table's offset " + std::to_string(tableAt) + " lies outside the file");
+  const std::uint8_t* table = file + tableAt;
+  if (load<std::uint32_t>(table) != 0)
+    fail("chunk table version " + std::to_string(load<std::uint32_t>(table)) + " is not supported");
+  const std::uint32_t count = load<std::uint32_t>(table + 4);
+  if (count == 0 && pointCount != 0)
+    fail("the chunk table lists no chunk for " + std::to_string(pointCount) + " points");
+  const bool variable = d.chunkSize == Description::VariableChunks;
+  if (!variable && (d.chunkSize == 0 || (pointCount + d.chunkSize - 1) / d.chunkSize != count))
+    fail("the chunk table lists " + std::to_string(count) + " chunks, " +
+         std::to_string(pointCount) + " points in chunks of " + std::to_string(d.chunkSize) +
+         " need " + std::to_string(d.chunkSize ? (pointCount + d.chunkSize - 1) / d.chunkSize : 0));
+  Decoder decoder(table + 8, fileSize - tableAt - 8);
+  decoder.start();
+  IntegerDecoder sizes(32, 2);
+  std::vector<Chunk> chunks(count);
+  std::uint32_t lastCount = 0, lastBytes = 0;
+  std::uint64_t point = 0, at = pointOffset + 8;
+  for (Chunk& c : chunks) {
+    if (variable)
+      lastCount = static_cast<std::uint32_t>(
+          sizes.decode(decoder, static_cast<std::int32_t>(lastCount), 0));
+    lastBytes =
+        static_cast<std::uint32_t>(sizes.decode(decoder, static_cast<std::int32_t>(lastBytes), 1));
+    c.firstPoint = point;
+    c.points = variable ? lastCount : std::min<std::uint64_t>(d.chunkSize, pointCount - point);
+    c.start = at;
+    c.bytes = lastBytes;
+    point += c.points;
+    at += c.bytes;
+  }
+  if (decoder.overran())
+    fail("the chunk table is truncated");
+  if (point != pointCount)
+    fail("the chunks hold " + std::to_string(point) + " points, the header says " +
+         std::to_string(pointCount));
+  if (at > static_cast<std::uint64_t>(tableAt) || at > end)
+    fail("the chunks (" + std::to_string(at - pointOffset - 8) +
+         " bytes) run past the chunk table");
+  return chunks;
+}
+
+void decodeChunk(const std::uint8_t* file, const Chunk& c, const Description& d,
+                 std::size_t recordLength, std::uint8_t* out) {
+  if (d.compressor == 3)
+    fail("the layered compressor (point formats 6 to 10) is not supported yet");
+  decodePointwiseChunk(file + c.start, c.bytes, d.items, static_cast<std::uint32_t>(c.points),
+                       recordLength, out + c.firstPoint * recordLength);
+}
+
+} // namespace
+
+Description describe(const Las::Vlr& record) {
+  const std::vector<std::uint8_t>& b = record.data;
+  if (b.size() < 34)
+    fail("the \"laszip encoded\" record is " + std::to_string(b.size()) + " bytes, too short");
+  Description d;
+  d.compressor = load<std::uint16_t>(b.data());
+  d.chunkSize = load<std::uint32_t>(b.data() + 12);
+  const std::uint16_t items = load<std::uint16_t>(b.data() + 32);
+  if (b.size() < 34 + 6 * std::size_t(items))
+    fail("the \"laszip encoded\" record lists " + std::to_string(items) + " items but holds only " +
+         std::to_string((b.size() - 34) / 6));
+  for (std::uint16_t k = 0; k < items; ++k) {
+    const std::uint8_t* p = b.data() + 34 + 6 * k;
+    d.items.push_back(
+        {load<std::uint16_t>(p), load<std::uint16_t>(p + 2), load<std::uint16_t>(p + 4)});
+  }
+  if (d.compressor < 1 || d.compressor > 3)
+    fail("compressor " + std::to_string(d.compressor) + " is not supported");
+  if (load<std::uint16_t>(b.data() + 2) != 0)
+    fail("coder " + std::to_string(load<std::uint16_t>(b.data() + 2)) + " is not supported");
+  return d;
+}
+
+void decode(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
+            std::uint64_t fileSize, const Description& d, std::uint64_t pointCount,
+            std::size_t recordLength, std::uint8_t* out) {
+  if (pointCount == 0)
+    return;
+  std::vector<Chunk> chunks;
+  if (d.compressor == 1) // one stream of all points, no chunk table
+    chunks.push_back({0, pointCount, pointOffset, end - pointOffset});
+  else
+    chunks = chunkTable(file, pointOffset, end, fileSize, d, pointCount);
+  // The first chunk that fails is the one reported, whatever the threads.
+  std::mutex mutex;
+  std::string problem;
+  const long long n = static_cast<long long>(chunks.size());
+  long long failed = n;
+#pragma omp parallel for schedule(dynamic, 1)
+  for (long long k = 0; k < n; ++k) {
+    try {
+      decodeChunk(file, chunks[static_cast<std::size_t>(k)], d, recordLength, out);
+    } catch (const std::exception& e) {
+      const std::lock_guard<std::mutex> lock(mutex);
+      if (k < failed) {
+        failed = k;
+        problem = "chunk " + std::to_string(k) + " of " + std::to_string(n) + ": " + e.what();
+      }
+    }
+  }
+  if (!problem.empty())
+    fail(problem);
+}
+
+} // namespace Quorvel::Laz

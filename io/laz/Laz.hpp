@@ -1,0 +1,55 @@
+// Quorvel: LASzip-compressed point data (LAZ): the "laszip encoded" record that describes it,
+// the chunk table, and the decoding of the chunks, in parallel, into plain point records.
+#pragma once
+
+#include "io/las.hpp"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Quorvel::Laz {
+
+// One item of a compressed record, as the record lists them.
+struct Item {
+  std::uint16_t type = 0, size = 0, version = 0;
+};
+
+// Item types of the LASzip format.
+enum ItemType : std::uint16_t {
+  Byte = 0,
+  Point10 = 6,
+  GpsTime11 = 7,
+  Rgb12 = 8,
+  WavePacket13 = 9,
+  Point14 = 10,
+  Rgb14 = 11,
+  RgbNir14 = 12,
+  WavePacket14 = 13,
+  Byte14 = 14
+};
+
+// What the "laszip encoded" record says.
+struct Description {
+  std::uint16_t compressor = 0; // 1: pointwise, 2: pointwise in chunks, 3: layered in chunks
+  std::uint32_t chunkSize = 0;  // points per chunk; VariableChunks: sizes in the chunk table
+  std::vector<Item> items;
+  static constexpr std::uint32_t VariableChunks = 0xFFFFFFFFu;
+};
+
+inline bool isLaszipRecord(const Las::Vlr& v) {
+  return v.userId == "laszip encoded" && v.recordId == 22204;
+}
+
+// The description of a record; throws std::runtime_error naming what is wrong.
+Description describe(const Las::Vlr& record);
+
+// Decodes pointCount compressed records of recordLength bytes from the point data of a file
+// (file[pointOffset ...] up to end, where the EVLRs begin or the file ends) into out, chunks in
+// parallel. Throws std::runtime_error naming the problem (a chunk table that does not fit, a
+// chunk that does not decode, an item not supported).
+void decode(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
+            std::uint64_t fileSize, const Description& d, std::uint64_t pointCount,
+            std::size_t recordLength, std::uint8_t* out);
+
+} // namespace Quorvel::Laz

@@ -1,0 +1,427 @@
+// Quorvel: the pointwise LASzip compressor, items of version 2: the point of formats 0 to 5
+// (POINT10), the GPS time (GPSTIME11), the colour (RGB12) and extra bytes (BYTE). A chunk starts
+// with its first record raw; every later value is predicted from the ones before and only the
+// correction is coded.
+#include "io/laz/Pointwise.hpp"
+#include "io/laz/Arithmetic.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace Quorvel::Laz {
+
+namespace {
+
+template <class T>
+T load(const std::uint8_t* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+template <class T>
+void store(std::uint8_t* p, T v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// Wrapping 32-bit sum, as the format's integer arithmetic.
+std::int32_t wrap(std::int64_t v) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(v));
+}
+
+// The median of the last five values, kept sorted with a flag that alternates the side replaced.
+class Median5 {
+public:
+  std::int32_t get() const { return v_[2]; }
+  void add(std::int32_t x);
+
+private:
+  std::array<std::int32_t, 5> v_{};
+  bool high_ = true;
+};
+
+void Median5::add(std::int32_t x) {
+  auto& v = v_;
+  if (high_) {
+    if (x < v[2]) {
+      v[4] = v[3];
+      v[3] = v[2];
+      if (x < v[0]) {
+        v[2] = v[1];
+        v[1] = v[0];
+        v[0] = x;
+      } else if (x < v[1]) {
+        v[2] = v[1];
+        v[1] = x;
+      } else
+        v[2] = x;
+    } else {
+      if (x < v[3]) {
+        v[4] = v[3];
+        v[3] = x;
+      } else
+        v[4] = x;
+      high_ = false;
+    }
+  } else {
+    if (v[2] < x) {
+      v[0] = v[1];
+      v[1] = v[2];
+      if (v[4] < x) {
+        v[2] = v[3];
+        v[3] = v[4];
+        v[4] = x;
+      } else if (v[3] < x) {
+        v[2] = v[3];
+        v[3] = x;
+      } else
+        v[2] = x;
+    } else {
+      if (v[1] < x) {
+        v[0] = v[1];
+        v[1] = x;
+      } else
+        v[0] = x;
+      high_ = true;
+    }
+  }
+}
+
+// Models chosen by a previous byte, made when first used (a fresh model is the same whenever it
+// is made).
+class ModelsByByte {
+public:
+  SymbolModel& operator[](std::size_t k) {
+    if (!models_[k])
+      models_[k] = std::make_unique<SymbolModel>(256);
+    return *models_[k];
+  }
+
+private:
+  std::array<std::unique_ptr<SymbolModel>, 256> models_;
+};
+
+// Contexts of the x, y, z predictions by return r of n returns: numbered pairs of (n, r) and how
+// far r lies from n; the tables also cover files that number returns from 0 or swap r and n.
+constexpr unsigned char ReturnMap[8][8] = {
+    {15, 14, 13, 12, 11, 10, 9, 8},  {14, 0, 1, 3, 6, 10, 10, 9},
+    {13, 1, 2, 4, 7, 11, 11, 10},    {12, 3, 4, 5, 8, 12, 12, 11},
+    {11, 6, 7, 8, 9, 13, 13, 12},    {10, 10, 11, 12, 13, 14, 14, 13},
+    {9, 10, 11, 12, 13, 14, 15, 14}, {8, 9, 10, 11, 12, 13, 14, 15}};
+constexpr unsigned char ReturnLevel[8][8] = {{0, 1, 2, 3, 4, 5, 6, 7}, {1, 0, 1, 2, 3, 4, 5, 6},
+                                             {2, 1, 0, 1, 2, 3, 4, 5}, {3, 2, 1, 0, 1, 2, 3, 4},
+                                             {4, 3, 2, 1, 0, 1, 2, 3}, {5, 4, 3, 2, 1, 0, 1, 2},
+                                             {6, 5, 4, 3, 2, 1, 0, 1}, {7, 6, 5, 4, 3, 2, 1, 0}};
+
+// POINT10: x, y, z, intensity, the returns byte, class, scan angle, user data, point source.
+class PointItem {
+public:
+  void first(const std::uint8_t* record) {
+    std::memcpy(last_.data(), record, 20);
+    store<std::uint16_t>(last_.data() + 12, 0); // intensities are predicted per context
+  }
+  void next(Decoder& d, std::uint8_t* out);
+
+private:
+  void changes(Decoder& d, unsigned changed, unsigned m);
+
+  std::array<std::uint8_t, 20> last_{};
+  std::array<std::uint16_t, 16> lastIntensity_{};
+  std::array<Median5, 16> xDiff_, yDiff_;
+  std::array<std::int32_t, 8> lastHeight_{};
+  SymbolModel changed_{64};
+  SymbolModel scanAngle_[2] = {SymbolModel(256), SymbolModel(256)};
+  ModelsByByte returns_, classes_, userData_;
+  IntegerDecoder intensity_{16, 4}, pointSource_{16, 1}, dx_{32, 2}, dy_{32, 22}, z_{32, 20};
+};
+
+void PointItem::changes(Decoder& d, unsigned changed, unsigned m) {
+  std::uint8_t* l = last_.data();
+  if (changed & 16) {
+    const auto i =
+        static_cast<std::uint16_t>(intensity_.decode(d, lastIntensity_[m], m < 3 ? m : 3));
+    store(l + 12, i);
+    lastIntensity_[m] = i;
+  } else
+    store(l + 12, lastIntensity_[m]);
+  if (changed & 8)
+    l[15] = static_cast<std::uint8_t>(d.decodeSymbol(classes_[l[15]]));
+  if (changed & 4)
+    l[16] = static_cast<std::uint8_t>(d.decodeSymbol(scanAngle_[(l[14] >> 6) & 1]) + l[16]);
+  if (changed & 2)
+    l[17] = static_cast<std::uint8_t>(d.decodeSymbol(userData_[l[17]]));
+  if (changed & 1)
+    store(l + 18,
+          static_cast<std::uint16_t>(pointSource_.decode(d, load<std::uint16_t>(l + 18), 0)));
+}
+
+void PointItem::next(Decoder& d, std::uint8_t* out) {
+  std::uint8_t* l = last_.data();
+  const unsigned changed = d.decodeSymbol(changed_);
+  if (changed & 32)
+    l[14] = static_cast<std::uint8_t>(d.decodeSymbol(returns_[l[14]]));
+  const unsigned r = l[14] & 7, n = (l[14] >> 3) & 7;
+  const unsigned m = ReturnMap[n][r], level = ReturnLevel[n][r];
+  if (changed)
+    changes(d, changed, m);
+  const std::int32_t dx = dx_.decode(d, xDiff_[m].get(), n == 1);
+  store(l, wrap(std::int64_t(load<std::int32_t>(l)) + dx));
+  xDiff_[m].add(dx);
+  std::uint32_t k = dx_.k();
+  const std::int32_t dy = dy_.decode(d, yDiff_[m].get(), (n == 1) + (k < 20 ? k & ~1u : 20));
+  store(l + 4, wrap(std::int64_t(load<std::int32_t>(l + 4)) + dy));
+  yDiff_[m].add(dy);
+  k = (dx_.k() + dy_.k()) / 2;
+  const std::int32_t z = z_.decode(d, lastHeight_[level], (n == 1) + (k < 18 ? k & ~1u : 18));
+  store(l + 8, z);
+  lastHeight_[level] = z;
+  std::memcpy(out, l, 20);
+}
+
+// Multipliers of the GPS time coder.
+constexpr int Multi = 500, MultiMinus = -10;
+constexpr int MultiUnchanged = Multi - MultiMinus + 1, MultiCodeFull = Multi - MultiMinus + 2;
+constexpr int MultiTotal = Multi - MultiMinus + 6;
+
+// GPSTIME11: the time as a 64-bit pattern, predicted as a multiple of the last difference in one
+// of four sequences.
+class GpsTimeItem {
+public:
+  void first(const std::uint8_t* record) { time_[0] = load<std::int64_t>(record); }
+  void next(Decoder& d, std::uint8_t* out) {
+    step(d);
+    store(out, time_[last_]);
+  }
+
+private:
+  void step(Decoder& d);
+  void afterZeroDifference(Decoder& d);
+  void multiplied(Decoder& d, int multi);
+  void full(Decoder& d);
+  std::int32_t decode(Decoder& d, std::int64_t prediction, unsigned context) {
+    return time_coder_.decode(d, wrap(prediction), context);
+  }
+
+  unsigned last_ = 0, next_ = 0;
+  std::array<std::int64_t, 4> time_{};
+  std::array<std::int32_t, 4> diff_{};
+  std::array<int, 4> extreme_{};
+  SymbolModel multi_{MultiTotal}, zeroDiff_{6};
+  IntegerDecoder time_coder_{32, 9};
+};
+
+void GpsTimeItem::full(Decoder& d) {
+  next_ = (next_ + 1) & 3;
+  const auto high = static_cast<std::uint32_t>(
+      decode(d, static_cast<std::int32_t>(static_cast<std::uint64_t>(time_[last_]) >> 32), 8));
+  time_[next_] = static_cast<std::int64_t>((std::uint64_t(high) << 32) | d.readInt());
+  last_ = next_;
+  diff_[last_] = 0;
+  extreme_[last_] = 0;
+}
+
+void GpsTimeItem::afterZeroDifference(Decoder& d) {
+  const int multi = static_cast<int>(d.decodeSymbol(zeroDiff_));
+  if (multi == 1) {
+    diff_[last_] = decode(d, 0, 0);
+    time_[last_] += diff_[last_];
+    extreme_[last_] = 0;
+  } else if (multi == 2)
+    full(d);
+  else if (multi > 2) {
+    last_ = (last_ + static_cast<unsigned>(multi) - 2) & 3;
+    step(d);
+  }
+}
+
+void GpsTimeItem::multiplied(Decoder& d, int multi) {
+  std::int32_t diff;
+  auto extreme = [&] {
+    if (++extreme_[last_] > 3) {
+      diff_[last_] = diff;
+      extreme_[last_] = 0;
+    }
+  };
+  const std::int64_t last = diff_[last_];
+  if (multi == 0) {
+    diff = decode(d, 0, 7);
+    extreme();
+  } else if (multi < Multi)
+    diff = decode(d, multi * last, multi < 10 ? 2 : 3);
+  else if (multi == Multi) {
+    diff = decode(d, Multi * last, 4);
+    extreme();
+  } else {
+    multi = Multi - multi;
+    if (multi > MultiMinus)
+      diff = decode(d, multi * last, 5);
+    else {
+      diff = decode(d, MultiMinus * last, 6);
+      extreme();
+    }
+  }
+  time_[last_] += diff;
+}
+
+void GpsTimeItem::step(Decoder& d) {
+  if (diff_[last_] == 0)
+    return afterZeroDifference(d);
+  const int multi = static_cast<int>(d.decodeSymbol(multi_));
+  if (multi == 1) {
+    time_[last_] += decode(d, diff_[last_], 1);
+    extreme_[last_] = 0;
+  } else if (multi < MultiUnchanged)
+    multiplied(d, multi);
+  else if (multi == MultiCodeFull)
+    full(d);
+  else if (multi > MultiCodeFull) {
+    last_ = (last_ + static_cast<unsigned>(multi - MultiCodeFull)) & 3;
+    step(d);
+  }
+}
+
+std::uint8_t clampByte(int v) {
+  return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
+}
+
+// RGB12: red, green and blue, low and high bytes; green and blue predicted from red's change.
+class RgbItem {
+public:
+  void first(const std::uint8_t* record) { std::memcpy(last_.data(), record, 6); }
+  void next(Decoder& d, std::uint8_t* out);
+
+private:
+  std::uint8_t corrected(Decoder& d, int model, int prediction) {
+    return static_cast<std::uint8_t>(d.decodeSymbol(diff_[model]) + clampByte(prediction));
+  }
+
+  std::array<std::uint16_t, 3> last_{};
+  SymbolModel used_{128};
+  SymbolModel diff_[6] = {SymbolModel(256), SymbolModel(256), SymbolModel(256),
+                          SymbolModel(256), SymbolModel(256), SymbolModel(256)};
+};
+
+void RgbItem::next(Decoder& d, std::uint8_t* out) {
+  const unsigned sym = d.decodeSymbol(used_);
+  std::array<std::uint16_t, 3> v{};
+  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
+  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
+  v[0] = (sym & 1) ? static_cast<std::uint8_t>(d.decodeSymbol(diff_[0]) + low(last_[0]))
+                   : static_cast<std::uint16_t>(low(last_[0]));
+  v[0] |= (sym & 2) ? static_cast<std::uint16_t>(
+                          static_cast<std::uint8_t>(d.decodeSymbol(diff_[1]) + high(last_[0])) << 8)
+                    : static_cast<std::uint16_t>(last_[0] & 0xFF00);
+  if (sym & 64) {
+    int diff = low(v[0]) - low(last_[0]);
+    v[1] = (sym & 4) ? corrected(d, 2, diff + low(last_[1]))
+                     : static_cast<std::uint16_t>(low(last_[1]));
+    if (sym & 16) {
+      diff = (diff + low(v[1]) - low(last_[1])) / 2;
+      v[2] = corrected(d, 4, diff + low(last_[2]));
+    } else
+      v[2] = static_cast<std::uint16_t>(low(last_[2]));
+    diff = high(v[0]) - high(last_[0]);
+    v[1] |= (sym & 8) ? static_cast<std::uint16_t>(corrected(d, 3, diff + high(last_[1])) << 8)
+                      : static_cast<std::uint16_t>(last_[1] & 0xFF00);
+    if (sym & 32) {
+      diff = (diff + high(v[1]) - high(last_[1])) / 2;
+      v[2] |= static_cast<std::uint16_t>(corrected(d, 5, diff + high(last_[2])) << 8);
+    } else
+      v[2] |= static_cast<std::uint16_t>(last_[2] & 0xFF00);
+  } else
+    v[1] = v[2] = v[0];
+  last_ = v;
+  std::memcpy(out, v.data(), 6);
+}
+
+// BYTE: every extra byte corrected from its last value, one model per byte.
+class BytesItem {
+public:
+  explicit BytesItem(std::size_t n) : last_(n), models_(n, SymbolModel(256)) {}
+  void first(const std::uint8_t* record) { std::memcpy(last_.data(), record, last_.size()); }
+  void next(Decoder& d, std::uint8_t* out) {
+    for (std::size_t i = 0; i < last_.size(); ++i)
+      out[i] = last_[i] = static_cast<std::uint8_t>(last_[i] + d.decodeSymbol(models_[i]));
+  }
+
+private:
+  std::vector<std::uint8_t> last_;
+  std::vector<SymbolModel> models_;
+};
+
+// The items of one chunk, in record order.
+struct Items {
+  std::unique_ptr<PointItem> point;
+  std::unique_ptr<GpsTimeItem> time;
+  std::unique_ptr<RgbItem> rgb;
+  std::unique_ptr<BytesItem> bytes;
+  std::size_t timeAt = 0, rgbAt = 0, bytesAt = 0;
+
+  template <class F>
+  void each(std::uint8_t* record, F&& f) {
+    f(*point, record);
+    if (time)
+      f(*time, record + timeAt);
+    if (rgb)
+      f(*rgb, record + rgbAt);
+    if (bytes)
+      f(*bytes, record + bytesAt);
+  }
+};
+
+Items itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
+  Items out;
+  std::size_t at = 0;
+  for (const Item& item : list) {
+    if (item.version != 2 && item.type != Byte)
+      throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
+                               std::to_string(item.version) + " is not supported");
+    if (item.type == Point10 && at == 0 && item.size == 20 && !out.point)
+      out.point = std::make_unique<PointItem>();
+    else if (item.type == GpsTime11 && item.size == 8 && out.point && !out.time) {
+      out.time = std::make_unique<GpsTimeItem>();
+      out.timeAt = at;
+    } else if (item.type == Rgb12 && item.size == 6 && out.point && !out.rgb) {
+      out.rgb = std::make_unique<RgbItem>();
+      out.rgbAt = at;
+    } else if (item.type == Byte && item.size > 0 && out.point && !out.bytes) {
+      out.bytes = std::make_unique<BytesItem>(item.size);
+      out.bytesAt = at;
+    } else if (item.type == WavePacket13)
+      throw std::runtime_error("compressed wave packets (point formats 4 and 5) are not supported");
+    else
+      throw std::runtime_error("item type " + std::to_string(item.type) + " of " +
+                               std::to_string(item.size) +
+                               " bytes does not fit the pointwise "
+                               "compressor's records");
+    at += item.size;
+  }
+  if (!out.point || at != recordLength)
+    throw std::runtime_error("the compressed items make records of " + std::to_string(at) +
+                             " bytes, the header says " + std::to_string(recordLength));
+  return out;
+}
+
+} // namespace
+
+void decodePointwiseChunk(const std::uint8_t* data, std::size_t size, const std::vector<Item>& list,
+                          std::uint32_t count, std::size_t recordLength, std::uint8_t* out) {
+  if (count == 0)
+    return;
+  Items items = itemsOf(list, recordLength);
+  Decoder d(data, size);
+  if (!d.rawBytes(out, recordLength))
+    throw std::runtime_error("truncated (its first point is missing)");
+  items.each(out, [](auto& item, const std::uint8_t* at) { item.first(at); });
+  d.start();
+  for (std::uint32_t i = 1; i < count; ++i) {
+    std::uint8_t* record = out + i * recordLength;
+    items.each(record, [&d](auto& item, std::uint8_t* at) { item.next(d, at); });
+  }
+  if (d.overran())
+    throw std::runtime_error("truncated (its points need more bytes than it holds)");
+}
+
+} // namespace Quorvel::Laz

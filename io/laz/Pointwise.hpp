@@ -1,0 +1,15 @@
+// Quorvel: the pointwise LASzip compressor (point formats 0 to 5): one chunk decoded item by item,
+// point after point.
+#pragma once
+
+#include "io/laz/Laz.hpp"
+
+namespace Quorvel::Laz {
+
+// Decodes count records from the chunk's bytes into out; throws std::runtime_error naming the
+// problem.
+void decodePointwiseChunk(const std::uint8_t* data, std::size_t size,
+                          const std::vector<Item>& items, std::uint32_t count,
+                          std::size_t recordLength, std::uint8_t* out);
+
+} // namespace Quorvel::Laz
