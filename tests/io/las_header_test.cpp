@@ -332,8 +332,11 @@ TEST_F(HostileHeaders, AbsurdValues) {
   b = s.bytes;
   b[104] = 11;
   EXPECT_EQ(message(b), "point format 11 is not supported");
-  b[104] = 0x86;
-  EXPECT_EQ(message(b), "compressed (LAZ) point data is not supported");
+  b[104] = 0x86; // compressed, but without the record that says how
+  EXPECT_EQ(message(b), "compressed point data without its \"laszip encoded\" record");
+  b[104] = 0xC6;
+  EXPECT_EQ(message(b),
+            "point format byte 198 (both compression bits: an old compression) is not supported");
   b = s.bytes;
   b[24] = 2;
   set<std::uint16_t>(b, 94, 100);
