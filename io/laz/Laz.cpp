@@ -3,6 +3,7 @@
 #include "io/laz/Laz.hpp"
 
 #include "io/laz/Arithmetic.hpp"
+#include "io/laz/Layered.hpp"
 #include "io/laz/Pointwise.hpp"
 
 #include <cstring>
@@ -87,7 +88,9 @@ std::vector<Chunk> chunkTable(const std::uint8_t* file, std::uint64_t pointOffse
 void decodeChunk(const std::uint8_t* file, const Chunk& c, const Description& d,
                  std::size_t recordLength, std::uint8_t* out) {
   if (d.compressor == 3)
-    fail("the layered compressor (point formats 6 to 10) is not supported yet");
+    return decodeLayeredChunk(file + c.start, c.bytes, d.items,
+                              static_cast<std::uint32_t>(c.points), recordLength,
+                              out + c.firstPoint * recordLength);
   decodePointwiseChunk(file + c.start, c.bytes, d.items, static_cast<std::uint32_t>(c.points),
                        recordLength, out + c.firstPoint * recordLength);
 }

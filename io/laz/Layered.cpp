@@ -1,0 +1,687 @@
+// Quorvel: the layered LASzip compressor, items of version 3: the point of formats 6 to 10
+// (POINT14), its colour (RGB14), colour and near infrared (RGBNIR14) and extra bytes (BYTE14). A
+// chunk holds its first record raw, its point count, the byte count of every layer, then the
+// layers, each its own arithmetic-coded stream; values are predicted per scanner channel.
+#include "io/laz/Layered.hpp"
+#include "io/laz/Arithmetic.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+
+namespace Quorvel::Laz {
+
+namespace {
+
+template <class T>
+T load(const std::uint8_t* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+template <class T>
+void store(std::uint8_t* p, T v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// The chunk's bytes read in order: the raw first record, the counts, then the layers.
+class ChunkReader {
+public:
+  ChunkReader(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}
+  const std::uint8_t* take(std::size_t n) {
+    if (static_cast<std::size_t>(end_ - at_) < n)
+      throw std::runtime_error("truncated (its layers need more bytes than it holds)");
+    const std::uint8_t* p = at_;
+    at_ += n;
+    return p;
+  }
+  std::uint32_t u32() { return load<std::uint32_t>(take(4)); }
+
+private:
+  const std::uint8_t* at_;
+  const std::uint8_t* end_;
+};
+
+// One layer: a decoder over its bytes; a layer of no bytes leaves its values as they were.
+struct Layer {
+  std::uint32_t bytes = 0;
+  std::optional<Decoder> decoder;
+
+  void open(ChunkReader& in) {
+    if (bytes == 0)
+      return;
+    const std::uint8_t* p = in.take(bytes);
+    decoder.emplace(p, bytes);
+    decoder->start();
+  }
+  bool valid() const { return decoder.has_value(); }
+  bool overran() const { return decoder && decoder->overran(); }
+};
+
+// Symbol models made when first used.
+template <std::size_t N>
+class LazyModels {
+public:
+  explicit LazyModels(std::uint32_t symbols) : symbols_(symbols) {}
+  SymbolModel& operator[](std::size_t k) {
+    if (!models_[k])
+      models_[k] = std::make_unique<SymbolModel>(symbols_);
+    return *models_[k];
+  }
+
+private:
+  std::uint32_t symbols_;
+  std::array<std::unique_ptr<SymbolModel>, N> models_;
+};
+
+constexpr std::uint8_t ReturnMap6[16][16] = {{0, 1, 2, 3, 4, 5, 3, 4, 4, 5, 5, 5, 5, 5, 5, 5},
+                                             {1, 0, 1, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3},
+                                             {2, 1, 2, 4, 4, 4, 4, 4, 4, 4, 4, 3, 3, 3, 3, 3},
+                                             {3, 3, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                             {4, 3, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                             {5, 3, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                             {3, 3, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+                                             {4, 3, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4, 4},
+                                             {4, 3, 4, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4, 4},
+                                             {5, 3, 4, 4, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4, 4},
+                                             {5, 3, 4, 4, 4, 4, 4, 4, 4, 4, 5, 4, 4, 4, 4, 4},
+                                             {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 4, 4, 4},
+                                             {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 5, 4, 4},
+                                             {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 5, 4},
+                                             {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5, 5},
+                                             {5, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 5, 5}};
+
+// How far r lies from n, at most 7.
+std::uint32_t returnLevel(std::uint32_t n, std::uint32_t r) {
+  return std::min<std::uint32_t>(n > r ? n - r : r - n, 7);
+}
+
+std::int32_t wrap(std::int64_t v) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(v));
+}
+
+// The median of the last five values (the same rule as the pointwise coder's).
+class Median5 {
+public:
+  std::int32_t get() const { return v_[2]; }
+  void add(std::int32_t x) {
+    auto& v = v_;
+    if (high_) {
+      if (x < v[2]) {
+        v[4] = v[3];
+        v[3] = v[2];
+        if (x < v[0]) {
+          v[2] = v[1];
+          v[1] = v[0];
+          v[0] = x;
+        } else if (x < v[1]) {
+          v[2] = v[1];
+          v[1] = x;
+        } else
+          v[2] = x;
+      } else {
+        if (x < v[3]) {
+          v[4] = v[3];
+          v[3] = x;
+        } else
+          v[4] = x;
+        high_ = false;
+      }
+    } else if (v[2] < x) {
+      v[0] = v[1];
+      v[1] = v[2];
+      if (v[4] < x) {
+        v[2] = v[3];
+        v[3] = v[4];
+        v[4] = x;
+      } else if (v[3] < x) {
+        v[2] = v[3];
+        v[3] = x;
+      } else
+        v[2] = x;
+    } else {
+      if (v[1] < x) {
+        v[0] = v[1];
+        v[1] = x;
+      } else
+        v[0] = x;
+      high_ = true;
+    }
+  }
+
+private:
+  std::array<std::int32_t, 5> v_{};
+  bool high_ = true;
+};
+
+// The 30 bytes of a POINT14 record.
+struct Point14Record {
+  std::array<std::uint8_t, 30> b{};
+  std::int32_t x() const { return load<std::int32_t>(b.data()); }
+  std::int32_t y() const { return load<std::int32_t>(b.data() + 4); }
+  std::int32_t z() const { return load<std::int32_t>(b.data() + 8); }
+  std::uint16_t intensity() const { return load<std::uint16_t>(b.data() + 12); }
+  std::uint32_t returnNumber() const { return b[14] & 15; }
+  std::uint32_t returns() const { return b[14] >> 4; }
+  std::uint32_t channel() const { return (b[15] >> 4) & 3; }
+  // Class flags, scan direction and edge of flight line as one 6-bit context.
+  std::uint32_t flags() const { return (b[15] & 15) | ((b[15] >> 2) & 0x30); }
+  std::int64_t time() const { return load<std::int64_t>(b.data() + 22); }
+};
+
+// What POINT14 keeps per scanner channel.
+struct Channel {
+  Point14Record last;
+  std::array<std::uint16_t, 8> lastIntensity{};
+  std::array<std::int32_t, 8> lastZ{};
+  std::array<Median5, 12> xDiff, yDiff;
+  unsigned lastSeq = 0, nextSeq = 0;
+  std::array<std::int64_t, 4> time{};
+  std::array<std::int32_t, 4> timeDiff{};
+  std::array<int, 4> extreme{};
+  bool timeChanged = false;
+  LazyModels<8> changed{128};
+  SymbolModel channelModel{3}, sameTime{13};
+  LazyModels<16> returns{16}, returnNumbers{16};
+  LazyModels<64> classes{256}, flagModels{64}, userData{256};
+  SymbolModel multi{515}, zeroDiff{5};
+  IntegerDecoder dx{32, 2}, dy{32, 22}, dz{32, 20}, intensity{16, 4}, scanAngle{16, 2},
+      pointSource{16, 1}, timeCoder{32, 9};
+
+  void start(const Point14Record& p) {
+    last = p;
+    lastZ.fill(p.z());
+    lastIntensity.fill(p.intensity());
+    time[0] = p.time();
+  }
+};
+
+// The nine layers of POINT14.
+enum PointLayer { XY, Z, Class, Flags, Intensity, ScanAngle, UserData, PointSource, GpsTime };
+
+class PointItem {
+public:
+  void first(const std::uint8_t* record) {
+    Point14Record p;
+    std::memcpy(p.b.data(), record, 30);
+    current_ = p.channel();
+    channel(current_).start(p);
+  }
+  void sizes(ChunkReader& in) {
+    for (Layer& l : layers_)
+      l.bytes = in.u32();
+  }
+  void open(ChunkReader& in) {
+    for (Layer& l : layers_)
+      l.open(in);
+  }
+  bool overran() const {
+    return std::any_of(layers_.begin(), layers_.end(), [](const Layer& l) { return l.overran(); });
+  }
+  // Decodes the next record; gives its scanner channel for the other items.
+  unsigned next(std::uint8_t* out);
+
+private:
+  Channel& channel(unsigned k) {
+    if (!channels_[k])
+      channels_[k] = std::make_unique<Channel>();
+    return *channels_[k];
+  }
+  Decoder& layer(PointLayer l) {
+    if (!layers_[l].valid())
+      throw std::runtime_error("a point needs layer " + std::to_string(int(l)) +
+                               ", which holds no bytes");
+    return *layers_[l].decoder;
+  }
+  bool has(PointLayer l) const { return layers_[l].valid(); }
+  void returnsOf(Channel& c, unsigned changed, std::uint32_t& n, std::uint32_t& r);
+  void attributes(Channel& c, unsigned changed, std::uint32_t n, std::uint32_t r);
+  void gpsTime(Channel& c);
+  void multiplied(Channel& c, int multi);
+
+  std::array<Layer, 9> layers_;
+  std::array<std::unique_ptr<Channel>, 4> channels_;
+  unsigned current_ = 0;
+};
+
+void PointItem::returnsOf(Channel& c, unsigned changed, std::uint32_t& n, std::uint32_t& r) {
+  Decoder& d = layer(XY);
+  n = c.last.returns();
+  r = c.last.returnNumber();
+  if (changed & 4)
+    n = d.decodeSymbol(c.returns[n]);
+  const bool plus = changed & 1, minus = changed & 2;
+  if (plus && !minus)
+    r = (r + 1) % 16;
+  else if (minus && !plus)
+    r = (r + 15) % 16;
+  else if (plus && minus)
+    r = (changed & 16) ? d.decodeSymbol(c.returnNumbers[r])
+                       : (r + d.decodeSymbol(c.sameTime) + 2) % 16;
+  c.last.b[14] = static_cast<std::uint8_t>((n << 4) | r);
+}
+
+unsigned PointItem::next(std::uint8_t* out) {
+  Channel& previous = channel(current_);
+  Decoder& xy = layer(XY);
+  const unsigned stream = (previous.last.returnNumber() == 1) |
+                          ((previous.last.returnNumber() >= previous.last.returns()) << 1) |
+                          (previous.timeChanged << 2);
+  const unsigned changed = xy.decodeSymbol(previous.changed[stream]);
+  unsigned k = previous.last.channel();
+  if (changed & 64) {
+    k = (k + xy.decodeSymbol(previous.channelModel) + 1) % 4;
+    current_ = k;
+  }
+  const bool fresh = !channels_[k];
+  Channel& c = channel(k);
+  if (fresh)
+    c.start(previous.last);
+  c.last.b[15] = static_cast<std::uint8_t>((c.last.b[15] & 0xCF) | (k << 4));
+  std::uint32_t n, r;
+  returnsOf(c, changed, n, r);
+  const std::uint32_t gpsChanged = (changed >> 4) & 1;
+  const std::uint32_t context = (ReturnMap6[n][r] << 1) | gpsChanged;
+  const std::int32_t dx = c.dx.decode(xy, c.xDiff[context].get(), n == 1);
+  store(c.last.b.data(), wrap(std::int64_t(c.last.x()) + dx));
+  c.xDiff[context].add(dx);
+  const std::int32_t dy =
+      c.dy.decode(xy, c.yDiff[context].get(), (n == 1) | (std::min(c.dx.k(), 20u) & ~1u));
+  store(c.last.b.data() + 4, wrap(std::int64_t(c.last.y()) + dy));
+  c.yDiff[context].add(dy);
+  if (has(Z)) {
+    const std::uint32_t kz = std::min((c.dx.k() + c.dy.k()) / 2, 18u) & ~1u;
+    const std::uint32_t level = returnLevel(n, r);
+    const std::int32_t z = c.dz.decode(layer(Z), c.lastZ[level], (n == 1) | kz);
+    store(c.last.b.data() + 8, z);
+    c.lastZ[level] = z;
+  }
+  attributes(c, changed, n, r);
+  if (gpsChanged)
+    gpsTime(c);
+  c.timeChanged = gpsChanged;
+  std::memcpy(out, c.last.b.data(), 30);
+  return k;
+}
+
+void PointItem::attributes(Channel& c, unsigned changed, std::uint32_t n, std::uint32_t r) {
+  std::uint8_t* b = c.last.b.data();
+  if (has(Class)) {
+    const std::uint32_t context = (r == 1 && r >= n) | ((b[16] & 0x1Fu) << 1);
+    b[16] = static_cast<std::uint8_t>(layer(Class).decodeSymbol(c.classes[context]));
+  }
+  if (has(Flags)) {
+    const std::uint32_t flags = layer(Flags).decodeSymbol(c.flagModels[c.last.flags()]);
+    b[15] = static_cast<std::uint8_t>((b[15] & 0x30) | (flags & 15) | ((flags & 0x30) << 2));
+  }
+  const std::uint32_t gpsChanged = (changed >> 4) & 1;
+  if (has(Intensity)) {
+    const std::uint32_t context = gpsChanged | ((r >= n) << 1) | ((r == 1) << 2);
+    const auto i = static_cast<std::uint16_t>(
+        c.intensity.decode(layer(Intensity), c.lastIntensity[context], context >> 1));
+    c.lastIntensity[context] = i;
+    store(b + 12, i);
+  }
+  if (changed & 8)
+    store(b + 18, static_cast<std::int16_t>(c.scanAngle.decode(
+                      layer(ScanAngle), load<std::int16_t>(b + 18), gpsChanged)));
+  if (has(UserData))
+    b[17] = static_cast<std::uint8_t>(layer(UserData).decodeSymbol(c.userData[b[17] / 4]));
+  if (changed & 32)
+    store(b + 20, static_cast<std::uint16_t>(
+                      c.pointSource.decode(layer(PointSource), load<std::uint16_t>(b + 20), 0)));
+}
+
+constexpr int Multi = 500, MultiMinus = -10, MultiCodeFull = 511;
+
+void PointItem::multiplied(Channel& c, int multi) {
+  Decoder& d = layer(GpsTime);
+  const unsigned s = c.lastSeq;
+  const std::int64_t last = c.timeDiff[s];
+  std::int32_t diff;
+  auto extreme = [&] {
+    if (++c.extreme[s] > 3) {
+      c.extreme[s] = 0;
+      c.timeDiff[s] = diff;
+    }
+  };
+  if (multi == 0) {
+    diff = c.timeCoder.decode(d, 0, 7);
+    extreme();
+  } else if (multi < Multi)
+    diff = c.timeCoder.decode(d, wrap(multi * last), multi < 10 ? 2 : 3);
+  else if (multi == Multi) {
+    diff = c.timeCoder.decode(d, wrap(Multi * last), 4);
+    extreme();
+  } else {
+    multi = Multi - multi;
+    if (multi > MultiMinus)
+      diff = c.timeCoder.decode(d, wrap(multi * last), 5);
+    else {
+      diff = c.timeCoder.decode(d, wrap(MultiMinus * last), 6);
+      extreme();
+    }
+  }
+  c.time[s] = static_cast<std::int64_t>(static_cast<std::uint64_t>(c.time[s]) +
+                                        static_cast<std::uint64_t>(std::int64_t(diff)));
+}
+
+void PointItem::gpsTime(Channel& c) {
+  Decoder& d = layer(GpsTime);
+  auto full = [&] {
+    c.nextSeq = (c.nextSeq + 1) & 3;
+    const auto high = static_cast<std::uint32_t>(c.timeCoder.decode(
+        d, static_cast<std::int32_t>(static_cast<std::uint64_t>(c.time[c.lastSeq]) >> 32), 8));
+    c.time[c.nextSeq] = static_cast<std::int64_t>((std::uint64_t(high) << 32) | d.readInt());
+    c.lastSeq = c.nextSeq;
+    c.timeDiff[c.lastSeq] = 0;
+    c.extreme[c.lastSeq] = 0;
+  };
+  for (int step = 0; step < 8; ++step) { // a switch of sequence decodes again, at most a few
+    const unsigned s = c.lastSeq;
+    if (c.timeDiff[s] == 0) {
+      const int multi = static_cast<int>(d.decodeSymbol(c.zeroDiff));
+      if (multi == 0) {
+        const std::int32_t diff = c.timeCoder.decode(d, 0, 0);
+        c.timeDiff[s] = diff;
+        c.time[s] = static_cast<std::int64_t>(static_cast<std::uint64_t>(c.time[s]) +
+                                              static_cast<std::uint64_t>(std::int64_t(diff)));
+        c.extreme[s] = 0;
+      } else if (multi == 1)
+        full();
+      else {
+        c.lastSeq = (s + static_cast<unsigned>(multi) - 1) & 3;
+        continue;
+      }
+    } else {
+      const int multi = static_cast<int>(d.decodeSymbol(c.multi));
+      if (multi == 1) {
+        const std::int32_t diff = c.timeCoder.decode(d, c.timeDiff[s], 1);
+        c.time[s] = static_cast<std::int64_t>(static_cast<std::uint64_t>(c.time[s]) +
+                                              static_cast<std::uint64_t>(std::int64_t(diff)));
+        c.extreme[s] = 0;
+      } else if (multi < MultiCodeFull)
+        multiplied(c, multi);
+      else if (multi == MultiCodeFull)
+        full();
+      else {
+        c.lastSeq = (s + static_cast<unsigned>(multi - MultiCodeFull)) & 3;
+        continue;
+      }
+    }
+    break;
+  }
+  store(c.last.b.data() + 22, c.time[c.lastSeq]);
+}
+
+std::uint8_t clampByte(int v) {
+  return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
+}
+
+// RGB14 and NIR14 share this: the last value per channel, taken from the channel before when a
+// channel is first used, and (as LASzip does) kept in the channel last used otherwise.
+template <class Value, class Models>
+struct PerChannel {
+  std::array<std::unique_ptr<std::pair<Value, Models>>, 4> channels;
+  unsigned current = 0;
+
+  // The value to predict from, and the models, of channel k.
+  std::pair<Value*, Models*> switchTo(unsigned k) {
+    Value* last = &channels[current]->first;
+    if (k != current) {
+      current = k;
+      if (!channels[k]) {
+        channels[k] = std::make_unique<std::pair<Value, Models>>(*last, Models());
+        last = &channels[k]->first;
+      }
+    }
+    return {last, &channels[k]->second};
+  }
+};
+
+struct RgbModels {
+  SymbolModel used{128};
+  std::array<SymbolModel, 6> diff{SymbolModel(256), SymbolModel(256), SymbolModel(256),
+                                  SymbolModel(256), SymbolModel(256), SymbolModel(256)};
+};
+
+class RgbItem {
+public:
+  void first(const std::uint8_t* record, unsigned k) {
+    std::array<std::uint16_t, 3> v;
+    std::memcpy(v.data(), record, 6);
+    colours_.current = k;
+    colours_.channels[k] =
+        std::make_unique<std::pair<std::array<std::uint16_t, 3>, RgbModels>>(v, RgbModels());
+  }
+  Layer layer;
+  void next(std::uint8_t* out, unsigned k);
+
+private:
+  PerChannel<std::array<std::uint16_t, 3>, RgbModels> colours_;
+};
+
+void RgbItem::next(std::uint8_t* out, unsigned k) {
+  if (!layer.valid()) {
+    std::memcpy(out, colours_.channels[colours_.current]->first.data(), 6);
+    return;
+  }
+  auto [lastPtr, models] = colours_.switchTo(k);
+  auto& last = *lastPtr;
+  Decoder& d = *layer.decoder;
+  const unsigned sym = d.decodeSymbol(models->used);
+  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
+  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
+  auto corrected = [&](int model, int prediction) {
+    return static_cast<std::uint8_t>(d.decodeSymbol(models->diff[model]) + clampByte(prediction));
+  };
+  std::array<std::uint16_t, 3> v{};
+  v[0] = (sym & 1) ? static_cast<std::uint8_t>(d.decodeSymbol(models->diff[0]) + low(last[0]))
+                   : static_cast<std::uint16_t>(low(last[0]));
+  v[0] |= (sym & 2)
+              ? static_cast<std::uint16_t>(
+                    static_cast<std::uint8_t>(d.decodeSymbol(models->diff[1]) + high(last[0])) << 8)
+              : static_cast<std::uint16_t>(last[0] & 0xFF00);
+  if (sym & 64) {
+    int diff = low(v[0]) - low(last[0]);
+    v[1] = (sym & 4) ? corrected(2, diff + low(last[1])) : static_cast<std::uint16_t>(low(last[1]));
+    if (sym & 16) {
+      diff = (diff + low(v[1]) - low(last[1])) / 2;
+      v[2] = corrected(4, diff + low(last[2]));
+    } else
+      v[2] = static_cast<std::uint16_t>(low(last[2]));
+    diff = high(v[0]) - high(last[0]);
+    v[1] |= (sym & 8) ? static_cast<std::uint16_t>(corrected(3, diff + high(last[1])) << 8)
+                      : static_cast<std::uint16_t>(last[1] & 0xFF00);
+    if (sym & 32) {
+      diff = (diff + high(v[1]) - high(last[1])) / 2;
+      v[2] |= static_cast<std::uint16_t>(corrected(5, diff + high(last[2])) << 8);
+    } else
+      v[2] |= static_cast<std::uint16_t>(last[2] & 0xFF00);
+  } else
+    v[1] = v[2] = v[0];
+  last = v;
+  std::memcpy(out, v.data(), 6);
+}
+
+struct NirModels {
+  SymbolModel used{4};
+  std::array<SymbolModel, 2> diff{SymbolModel(256), SymbolModel(256)};
+};
+
+class NirItem {
+public:
+  void first(const std::uint8_t* record, unsigned k) {
+    values_.current = k;
+    values_.channels[k] = std::make_unique<std::pair<std::uint16_t, NirModels>>(
+        load<std::uint16_t>(record), NirModels());
+  }
+  Layer layer;
+  void next(std::uint8_t* out, unsigned k) {
+    if (!layer.valid()) {
+      store(out, values_.channels[values_.current]->first);
+      return;
+    }
+    auto [last, models] = values_.switchTo(k);
+    Decoder& d = *layer.decoder;
+    const unsigned sym = d.decodeSymbol(models->used);
+    std::uint16_t v =
+        (sym & 1) ? static_cast<std::uint8_t>(d.decodeSymbol(models->diff[0]) + (*last & 0xFF))
+                  : static_cast<std::uint16_t>(*last & 0xFF);
+    v |= (sym & 2)
+             ? static_cast<std::uint16_t>(
+                   static_cast<std::uint8_t>(d.decodeSymbol(models->diff[1]) + (*last >> 8)) << 8)
+             : static_cast<std::uint16_t>(*last & 0xFF00);
+    *last = v;
+    store(out, v);
+  }
+
+private:
+  PerChannel<std::uint16_t, NirModels> values_;
+};
+
+struct ByteModels {
+  std::vector<SymbolModel> models;
+};
+
+class BytesItem {
+public:
+  explicit BytesItem(std::size_t n) : layers(n), n_(n) {}
+  void first(const std::uint8_t* record, unsigned k) {
+    values_.current = k;
+    values_.channels[k] = std::make_unique<std::pair<std::vector<std::uint8_t>, ByteModels>>(
+        std::vector<std::uint8_t>(record, record + n_), ByteModels{});
+  }
+  std::vector<Layer> layers;
+  void next(std::uint8_t* out, unsigned k) {
+    auto [last, models] = values_.switchTo(k);
+    if (models->models.empty())
+      models->models.assign(n_, SymbolModel(256));
+    for (std::size_t i = 0; i < n_; ++i) {
+      if (layers[i].valid())
+        (*last)[i] = static_cast<std::uint8_t>((*last)[i] +
+                                               layers[i].decoder->decodeSymbol(models->models[i]));
+      out[i] = (*last)[i];
+    }
+  }
+
+private:
+  PerChannel<std::vector<std::uint8_t>, ByteModels> values_;
+  std::size_t n_;
+};
+
+// The items of a chunk, in record order.
+struct Items {
+  PointItem point;
+  std::unique_ptr<RgbItem> rgb;
+  std::unique_ptr<NirItem> nir;
+  std::unique_ptr<BytesItem> bytes;
+  std::size_t rgbAt = 0, nirAt = 0, bytesAt = 0;
+};
+
+std::unique_ptr<Items> itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
+  auto out = std::make_unique<Items>();
+  std::size_t at = 0;
+  bool point = false;
+  for (const Item& item : list) {
+    if (item.version != 3 && item.version != 4)
+      throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
+                               std::to_string(item.version) + " is not supported");
+    if (item.type == Point14 && at == 0 && item.size == 30)
+      point = true;
+    else if (item.type == Rgb14 && item.size == 6 && point && !out->rgb) {
+      out->rgb = std::make_unique<RgbItem>();
+      out->rgbAt = at;
+    } else if (item.type == RgbNir14 && item.size == 8 && point && !out->rgb) {
+      out->rgb = std::make_unique<RgbItem>();
+      out->nir = std::make_unique<NirItem>();
+      out->rgbAt = at;
+      out->nirAt = at + 6;
+    } else if (item.type == Byte14 && item.size > 0 && point && !out->bytes) {
+      out->bytes = std::make_unique<BytesItem>(item.size);
+      out->bytesAt = at;
+    } else if (item.type == WavePacket14)
+      throw std::runtime_error("compressed wave packets (point formats 9 and 10) are not "
+                               "supported");
+    else
+      throw std::runtime_error("item type " + std::to_string(item.type) + " of " +
+                               std::to_string(item.size) +
+                               " bytes does not fit the layered "
+                               "compressor's records");
+    at += item.size;
+  }
+  if (!point || at != recordLength)
+    throw std::runtime_error("the compressed items make records of " + std::to_string(at) +
+                             " bytes, the header says " + std::to_string(recordLength));
+  return out;
+}
+
+// The point count and the layers' sizes and bytes, after the raw first record.
+void openLayers(Items& items, ChunkReader& in, std::uint32_t count) {
+  if (in.u32() != count)
+    throw std::runtime_error("its point count differs from the chunk table's");
+  items.point.sizes(in);
+  if (items.rgb)
+    items.rgb->layer.bytes = in.u32();
+  if (items.nir)
+    items.nir->layer.bytes = in.u32();
+  if (items.bytes)
+    for (Layer& l : items.bytes->layers)
+      l.bytes = in.u32();
+  items.point.open(in);
+  if (items.rgb)
+    items.rgb->layer.open(in);
+  if (items.nir)
+    items.nir->layer.open(in);
+  if (items.bytes)
+    for (Layer& l : items.bytes->layers)
+      l.open(in);
+}
+
+bool overran(const Items& items) {
+  bool out = items.point.overran() || (items.rgb && items.rgb->layer.overran()) ||
+             (items.nir && items.nir->layer.overran());
+  if (items.bytes)
+    for (const Layer& l : items.bytes->layers)
+      out = out || l.overran();
+  return out;
+}
+
+} // namespace
+
+void decodeLayeredChunk(const std::uint8_t* data, std::size_t size, const std::vector<Item>& list,
+                        std::uint32_t count, std::size_t recordLength, std::uint8_t* out) {
+  if (count == 0)
+    return;
+  auto items = itemsOf(list, recordLength);
+  ChunkReader in(data, size);
+  std::memcpy(out, in.take(recordLength), recordLength);
+  items->point.first(out);
+  const unsigned k0 = (out[15] >> 4) & 3;
+  if (items->rgb)
+    items->rgb->first(out + items->rgbAt, k0);
+  if (items->nir)
+    items->nir->first(out + items->nirAt, k0);
+  if (items->bytes)
+    items->bytes->first(out + items->bytesAt, k0);
+  if (count == 1)
+    return;
+  openLayers(*items, in, count);
+  for (std::uint32_t i = 1; i < count; ++i) {
+    std::uint8_t* record = out + std::size_t(i) * recordLength;
+    const unsigned k = items->point.next(record);
+    if (items->rgb)
+      items->rgb->next(record + items->rgbAt, k);
+    if (items->nir)
+      items->nir->next(record + items->nirAt, k);
+    if (items->bytes)
+      items->bytes->next(record + items->bytesAt, k);
+  }
+  if (overran(*items))
+    throw std::runtime_error("truncated (its points need more bytes than its layers hold)");
+}
+
+} // namespace Quorvel::Laz
