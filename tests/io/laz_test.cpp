@@ -132,8 +132,9 @@ TEST_F(Laz, DamagedFilesAreRefusedWithTheirReason) {
   const Layout l = layoutOf(good);
   ASSERT_GT(l.laszip, 0u);
 
-  auto b = good; // cut inside the chunk table
-  b.resize(b.size() - 1);
+  // Cut inside the chunk table.
+  auto b =
+      std::vector<std::uint8_t>(good.begin(), good.begin() + static_cast<long>(good.size()) - 1);
   expectRefused(b, "the chunk table is truncated");
 
   b = good; // the chunk table's offset beyond the end
