@@ -469,8 +469,9 @@ void RgbItem::next(std::uint8_t* out, unsigned k) {
     std::memcpy(out, colours_.channels[colours_.current]->first.data(), 6);
     return;
   }
-  auto [lastPtr, models] = colours_.switchTo(k);
-  auto& last = *lastPtr;
+  const auto switched = colours_.switchTo(k);
+  auto& last = *switched.first;
+  RgbModels* models = switched.second;
   Decoder& d = *layer.decoder;
   const unsigned sym = d.decodeSymbol(models->used);
   const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
@@ -525,7 +526,9 @@ public:
       store(out, values_.channels[values_.current]->first);
       return;
     }
-    auto [last, models] = values_.switchTo(k);
+    const auto switched = values_.switchTo(k);
+    std::uint16_t* last = switched.first;
+    NirModels* models = switched.second;
     Decoder& d = *layer.decoder;
     const unsigned sym = d.decodeSymbol(models->used);
     std::uint16_t v =
@@ -557,7 +560,9 @@ public:
   }
   std::vector<Layer> layers;
   void next(std::uint8_t* out, unsigned k) {
-    auto [last, models] = values_.switchTo(k);
+    const auto switched = values_.switchTo(k);
+    std::vector<std::uint8_t>* last = switched.first;
+    ByteModels* models = switched.second;
     if (models->models.empty())
       models->models.assign(n_, SymbolModel(256));
     for (std::size_t i = 0; i < n_; ++i) {
