@@ -74,10 +74,10 @@ CLI::Validator numberWithin(double low, double high) {
 
 std::optional<std::string> unwritableName(const std::string& path) {
   const std::string extension = std::filesystem::path(path).extension().string();
-  if (extension == ".las" || extension == ".h5" || extension == ".hdf5")
+  if (extension == ".las" || extension == ".laz" || extension == ".h5" || extension == ".hdf5")
     return std::nullopt;
   return "\"" + path +
-         "\" names no file type the host writes (.las for LAS, .h5 or .hdf5 for a "
+         "\" names no file type the host writes (.las for LAS, .laz for LAZ, .h5 or .hdf5 for a "
          "bundle)";
 }
 

@@ -3,6 +3,7 @@
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasProgress.hpp"
 #include "io/detail/LasWritePlan.hpp"
+#include "io/laz/Laz.hpp"
 
 #include "basalt/ReplacingFile.hpp"
 #include "basalt/Text.hpp"
@@ -12,6 +13,7 @@
 #include <cmath>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <unistd.h>
@@ -23,6 +25,16 @@ using Vantor::PhysicalSpace::point;
 namespace {
 
 using namespace detail;
+
+// Points per chunk of a LAZ file written here, as LASzip writes them.
+constexpr std::uint32_t LazChunkPoints = 50000;
+
+bool isLazPath(const std::string& path) {
+  std::string ext = std::filesystem::path(path).extension().string();
+  std::transform(ext.begin(), ext.end(), ext.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return ext == ".laz";
+}
 
 // One value encoded into the record: a whole number of bytes, or bits of a byte.
 struct Put {
@@ -120,7 +132,18 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   const int minor = h.versionMinor;
   const Format& f = format(chosen);
   const std::vector<ExtraBytes>& extras = plan.info.extraBytes;
-  const std::vector<Vlr>& vlrs = plan.info.vlrs;
+  // LAZ by the name: the records are compressed in chunks, described by a "laszip encoded" VLR.
+  const bool laz = isLazPath(path);
+  Laz::Description compression;
+  std::vector<Vlr> vlrs = plan.info.vlrs;
+  if (laz) {
+    try {
+      vlrs.push_back(
+          Laz::laszipRecord(chosen, h.recordLength - f.length, LazChunkPoints, compression));
+    } catch (const std::runtime_error& e) {
+      throw Error(path + ": " + e.what());
+    }
+  }
   const std::vector<Vlr>& evlrs = plan.info.evlrs;
   const std::size_t recordLength = h.recordLength;
   const auto rgbSource = sourceOf(grid, "RGB", layout, path);
@@ -170,7 +193,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
 
   // Records in file order go out in blocks of about 1 MB that stay in cache; placed ones (after
   // "PointIndex") are assembled whole. The header is written last, when the bounds are known.
-  const bool streaming = place.empty();
+  const bool streaming = place.empty() && !laz; // LAZ compresses all records at once
   const std::size_t blockPoints =
       streaming ? std::max<std::size_t>(1, (std::size_t(1) << 20) / recordLength) : n;
   std::unique_ptr<std::uint8_t[]> records( // every byte of a record is written below
@@ -195,7 +218,8 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
     const std::uint8_t* rgb = rgbSource ? rgbSource->fragments[k] : nullptr;
     for (std::size_t j = 0; j < sizes[k]; ++j) {
       const std::size_t g = g0 + j;
-      std::uint8_t* r = records.get() + (streaming ? filled++ : place[g]) * recordLength;
+      const std::size_t slot = streaming ? filled++ : place.empty() ? g : place[g];
+      std::uint8_t* r = records.get() + slot * recordLength;
       std::memset(r, 0, recordLength);
       for (int a = 0; a < 3; ++a) {
         const double shifted = p[j][a] - h.offset[a];
@@ -240,7 +264,18 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   }
 
   percent.finish();
-  out.write(records.get(), (streaming ? filled : n) * recordLength);
+  std::uint64_t pointBytes = recordBytes;
+  if (laz) {
+    std::vector<std::uint8_t> data;
+    try {
+      data = Laz::encode(records.get(), n, recordLength, compression, head.size());
+    } catch (const std::runtime_error& e) {
+      throw Error(path + ": " + e.what());
+    }
+    out.write(data.data(), data.size());
+    pointBytes = data.size();
+  } else
+    out.write(records.get(), (streaming ? filled : n) * recordLength);
   out.write(tail.data(), tail.size());
 
   // The header, now that the records tell the bounds and the counts per return.
@@ -252,7 +287,9 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   o.pointOffset = static_cast<std::uint32_t>(head.size());
   o.pointCount = n;
   o.evlrCount = static_cast<std::uint32_t>(evlrs.size());
-  const std::uint64_t evlrOffset = evlrs.empty() ? 0 : head.size() + recordBytes;
+  const std::uint64_t evlrOffset = evlrs.empty() ? 0 : head.size() + pointBytes;
+  if (laz)
+    o.pointFormat = static_cast<std::uint8_t>(chosen | 0x80);
   o.waveformStart =
       origin && h.waveformStart != 0 && h.waveformStart == h.evlrOffset ? evlrOffset : 0;
   o.evlrOffset = evlrOffset;

@@ -173,8 +173,123 @@ std::uint32_t Decoder::readInt() {
   return (readShort() << 16) | low;
 }
 
-IntegerDecoder::IntegerDecoder(std::uint32_t bits, std::uint32_t contexts, std::uint32_t bitsHigh,
-                               std::uint32_t range)
+void Encoder::carry() {
+  // The bytes already written hold the interval's base: a carry adds one to the last byte that
+  // is not 0xFF, zeroing those after it.
+  for (std::size_t at = out_.size(); at > start_; --at) {
+    std::uint8_t& b = out_[at - 1];
+    if (b != 0xFF) {
+      ++b;
+      return;
+    }
+    b = 0;
+  }
+}
+
+void Encoder::encodeBit(BitModel& m, std::uint32_t bit) {
+  const std::uint32_t x = m.bit0Probability * (length_ >> BitLengthShift);
+  if (bit == 0) {
+    length_ = x;
+    ++m.bit0Count;
+  } else {
+    const std::uint32_t before = base_;
+    base_ += x;
+    length_ -= x;
+    if (before > base_)
+      carry();
+  }
+  if (length_ < MinLength)
+    renormalize();
+  if (--m.bitsUntilUpdate == 0)
+    m.update();
+}
+
+void Encoder::encodeSymbol(SymbolModel& m, std::uint32_t symbol) {
+  const std::uint32_t before = base_;
+  if (symbol == m.lastSymbol) {
+    const std::uint32_t x = m.distribution[symbol] * (length_ >> SymbolLengthShift);
+    base_ += x;
+    length_ -= x;
+  } else {
+    const std::uint32_t x = m.distribution[symbol] * (length_ >>= SymbolLengthShift);
+    base_ += x;
+    length_ = m.distribution[symbol + 1] * length_ - x;
+  }
+  if (before > base_)
+    carry();
+  if (length_ < MinLength)
+    renormalize();
+  ++m.symbolCount[symbol];
+  if (--m.symbolsUntilUpdate == 0)
+    m.update();
+}
+
+void Encoder::writeBits(std::uint32_t bits, std::uint32_t value) {
+  if (bits > 19) {
+    writeShort(value & 0xFFFF);
+    value >>= 16;
+    bits -= 16;
+  }
+  const std::uint32_t before = base_;
+  base_ += value * (length_ >>= bits);
+  if (before > base_)
+    carry();
+  if (length_ < MinLength)
+    renormalize();
+}
+
+void Encoder::done() {
+  const std::uint32_t before = base_;
+  bool anotherByte = true;
+  if (length_ > 2 * MinLength) {
+    base_ += MinLength;
+    length_ = MinLength >> 1;
+  } else {
+    base_ += MinLength >> 1;
+    length_ = MinLength >> 9;
+    anotherByte = false;
+  }
+  if (before > base_)
+    carry();
+  renormalize();
+  // Zeros, so that the decoder's reads ahead stay within the bytes written.
+  out_.push_back(0);
+  out_.push_back(0);
+  if (anotherByte)
+    out_.push_back(0);
+}
+
+void IntegerCoder::encode(Encoder& e, std::int32_t prediction, std::int32_t real,
+                          std::uint32_t context) {
+  // The corrector, folded into [min, max] with wrapping arithmetic.
+  auto c = static_cast<std::int32_t>(static_cast<std::uint32_t>(real) -
+                                     static_cast<std::uint32_t>(prediction));
+  if (c < correctorMin_)
+    c = static_cast<std::int32_t>(static_cast<std::uint32_t>(c) + correctorRange_);
+  else if (c > correctorMax_)
+    c = static_cast<std::int32_t>(static_cast<std::uint32_t>(c) - correctorRange_);
+  // The tightest interval [-(2^k - 1), 2^k] that holds c.
+  std::uint32_t c1 =
+      c <= 0 ? 0u - static_cast<std::uint32_t>(c) : static_cast<std::uint32_t>(c) - 1;
+  for (k_ = 0; c1 != 0; ++k_)
+    c1 >>= 1;
+  e.encodeSymbol(bits_[context], k_);
+  if (k_ == 0)
+    return e.encodeBit(corrector0_, static_cast<std::uint32_t>(c));
+  if (k_ == 32)
+    return; // only the smallest integer needs all 32 bits: k says it all
+  // Into [0, 2^k): the negative half below 2^(k-1), the positive half above.
+  const std::uint32_t v =
+      c < 0 ? static_cast<std::uint32_t>(c) + ((1u << k_) - 1) : static_cast<std::uint32_t>(c) - 1;
+  if (k_ <= bitsHigh_)
+    return e.encodeSymbol(correctors_[k_ - 1], v);
+  const std::uint32_t low = k_ - bitsHigh_;
+  e.encodeSymbol(correctors_[k_ - 1], v >> low);
+  e.writeBits(low, v & ((1u << low) - 1));
+}
+
+IntegerCoder::IntegerCoder(std::uint32_t bits, std::uint32_t contexts, std::uint32_t bitsHigh,
+                           std::uint32_t range)
     : bitsHigh_(bitsHigh) {
   if (range != 0) {
     correctorRange_ = range;
@@ -192,12 +307,15 @@ IntegerDecoder::IntegerDecoder(std::uint32_t bits, std::uint32_t contexts, std::
     correctorRange_ = 0;
     correctorMin_ = std::numeric_limits<std::int32_t>::min();
   }
+  correctorMax_ = correctorRange_ == 0
+                      ? std::numeric_limits<std::int32_t>::max()
+                      : static_cast<std::int32_t>(correctorMin_ + correctorRange_ - 1);
   bits_.assign(contexts, SymbolModel(correctorBits_ + 1));
   for (std::uint32_t i = 1; i <= correctorBits_; ++i)
     correctors_.emplace_back(i <= bitsHigh_ ? 1u << i : 1u << bitsHigh_);
 }
 
-std::int32_t IntegerDecoder::decode(Decoder& d, std::int32_t prediction, std::uint32_t context) {
+std::int32_t IntegerCoder::decode(Decoder& d, std::int32_t prediction, std::uint32_t context) {
   // Wrapping arithmetic, as the encoder's: a corrector may carry a value around the range.
   std::uint32_t real = static_cast<std::uint32_t>(prediction) +
                        static_cast<std::uint32_t>(corrector(d, bits_[context]));
@@ -209,7 +327,7 @@ std::int32_t IntegerDecoder::decode(Decoder& d, std::int32_t prediction, std::ui
   return static_cast<std::int32_t>(real);
 }
 
-std::int32_t IntegerDecoder::corrector(Decoder& d, SymbolModel& bits) {
+std::int32_t IntegerCoder::corrector(Decoder& d, SymbolModel& bits) {
   k_ = d.decodeSymbol(bits);
   if (k_ == 0)
     return static_cast<std::int32_t>(d.decodeBit(corrector0_));

@@ -72,14 +72,47 @@ private:
   bool overran_ = false;
 };
 
-// Undoes the corrector coding of integers: the value is the prediction plus a corrector whose
-// magnitude class k is coded with a per-context symbol model and whose bits follow.
-class IntegerDecoder {
+// The range encoder: appends to a byte vector (a carry walks back over the bytes written).
+class Encoder {
 public:
-  IntegerDecoder(std::uint32_t bits, std::uint32_t contexts, std::uint32_t bitsHigh = 8,
-                 std::uint32_t range = 0);
+  explicit Encoder(std::vector<std::uint8_t>& out) : out_(out), start_(out.size()) {}
+
+  void encodeBit(BitModel& m, std::uint32_t bit);
+  void encodeSymbol(SymbolModel& m, std::uint32_t symbol);
+  void writeBits(std::uint32_t bits, std::uint32_t value);
+  void writeShort(std::uint32_t value) { writeBits(16, value & 0xFFFF); }
+  void writeInt(std::uint32_t value) {
+    writeShort(value & 0xFFFF);
+    writeShort(value >> 16);
+  }
+  // Writes the last bytes, so that a decoder reads exactly what was written.
+  void done();
+
+private:
+  void carry();
+  void renormalize() {
+    do {
+      out_.push_back(static_cast<std::uint8_t>(base_ >> 24));
+      base_ <<= 8;
+    } while ((length_ <<= 8) < MinLength);
+  }
+
+  static constexpr std::uint32_t MinLength = 0x01000000u;
+  std::vector<std::uint8_t>& out_;
+  std::size_t start_; // the first byte of this stream in out_
+  std::uint32_t base_ = 0, length_ = 0xFFFFFFFFu;
+};
+
+// The corrector coding of integers: a value is its prediction plus a corrector whose magnitude
+// class k is coded with a per-context symbol model and whose bits follow. One object codes one
+// way, encoding or decoding, and keeps the models both sides keep alike.
+class IntegerCoder {
+public:
+  IntegerCoder(std::uint32_t bits, std::uint32_t contexts, std::uint32_t bitsHigh = 8,
+               std::uint32_t range = 0);
 
   std::int32_t decode(Decoder& d, std::int32_t prediction, std::uint32_t context);
+  void encode(Encoder& e, std::int32_t prediction, std::int32_t real, std::uint32_t context);
   // The magnitude class of the last corrector decoded.
   std::uint32_t k() const { return k_; }
 
@@ -87,7 +120,7 @@ private:
   std::int32_t corrector(Decoder& d, SymbolModel& bits);
 
   std::uint32_t bitsHigh_, correctorBits_ = 0, correctorRange_ = 0;
-  std::int32_t correctorMin_ = 0;
+  std::int32_t correctorMin_ = 0, correctorMax_ = 0;
   std::uint32_t k_ = 0;
   std::vector<SymbolModel> bits_;
   BitModel corrector0_;

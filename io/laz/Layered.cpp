@@ -188,7 +188,7 @@ struct Channel {
   LazyModels<16> returns{16}, returnNumbers{16};
   LazyModels<64> classes{256}, flagModels{64}, userData{256};
   SymbolModel multi{515}, zeroDiff{5};
-  IntegerDecoder dx{32, 2}, dy{32, 22}, dz{32, 20}, intensity{16, 4}, scanAngle{16, 2},
+  IntegerCoder dx{32, 2}, dy{32, 22}, dz{32, 20}, intensity{16, 4}, scanAngle{16, 2},
       pointSource{16, 1}, timeCoder{32, 9};
 
   void start(const Point14Record& p) {

@@ -6,6 +6,7 @@
 #include "io/laz/Layered.hpp"
 #include "io/laz/Pointwise.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -57,7 +58,7 @@ std::vector<Chunk> chunkTable(const std::uint8_t* file, std::uint64_t pointOffse
          " need " + std::to_string(d.chunkSize ? (pointCount + d.chunkSize - 1) / d.chunkSize : 0));
   Decoder decoder(table + 8, fileSize - tableAt - 8);
   decoder.start();
-  IntegerDecoder sizes(32, 2);
+  IntegerCoder sizes(32, 2);
   std::vector<Chunk> chunks(count);
   std::uint32_t lastCount = 0, lastBytes = 0;
   std::uint64_t point = 0, at = pointOffset + 8;
@@ -95,7 +96,105 @@ void decodeChunk(const std::uint8_t* file, const Chunk& c, const Description& d,
                        recordLength, out + c.firstPoint * recordLength);
 }
 
+template <class T>
+void put(std::vector<std::uint8_t>& out, T v) {
+  const auto* p = reinterpret_cast<const std::uint8_t*>(&v);
+  out.insert(out.end(), p, p + sizeof v);
+}
+
+// The items of a point format's records.
+std::vector<Item> itemsFor(int format, std::size_t extraBytes) {
+  std::vector<Item> items;
+  const auto extra = static_cast<std::uint16_t>(extraBytes);
+  switch (format) {
+  case 0:
+  case 1:
+  case 2:
+  case 3:
+    items.push_back({Point10, 20, 2});
+    if (format == 1 || format == 3)
+      items.push_back({GpsTime11, 8, 2});
+    if (format >= 2)
+      items.push_back({Rgb12, 6, 2});
+    if (extra)
+      items.push_back({Byte, extra, 2});
+    return items;
+  default:
+    throw std::runtime_error("writing LAZ of point format " + std::to_string(format) +
+                             " is not supported yet (write LAS, or LAZ of formats 0 to 3)");
+  }
+}
+
 } // namespace
+
+Las::Vlr laszipRecord(int format, std::size_t extraBytes, std::uint32_t chunkSize, Description& d) {
+  if (extraBytes > 0xFFFF)
+    throw std::runtime_error(std::to_string(extraBytes) + " extra bytes do not fit LAZ");
+  d.items = itemsFor(format, extraBytes);
+  d.compressor = format <= 5 ? 2 : 3;
+  d.chunkSize = chunkSize;
+  Las::Vlr v;
+  v.userId = "laszip encoded";
+  v.recordId = 22204;
+  v.description = "Quorvel";
+  auto& b = v.data;
+  put<std::uint16_t>(b, d.compressor);
+  put<std::uint16_t>(b, 0); // coder: arithmetic
+  b.push_back(3);           // LASzip version 3.4 revision 3, whose items these are
+  b.push_back(4);
+  put<std::uint16_t>(b, 3);
+  put<std::uint32_t>(b, 0); // options
+  put<std::uint32_t>(b, chunkSize);
+  put<std::int64_t>(b, -1); // points and bytes: not given
+  put<std::int64_t>(b, -1);
+  put<std::uint16_t>(b, static_cast<std::uint16_t>(d.items.size()));
+  for (const Item& item : d.items) {
+    put(b, item.type);
+    put(b, item.size);
+    put(b, item.version);
+  }
+  return v;
+}
+
+std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
+                                 std::size_t recordLength, const Description& d,
+                                 std::uint64_t pointOffset) {
+  const std::uint64_t chunkPoints = d.chunkSize;
+  const std::size_t chunks = static_cast<std::size_t>((count + chunkPoints - 1) / chunkPoints);
+  std::vector<std::vector<std::uint8_t>> coded(chunks);
+  std::string problem;
+  std::mutex mutex;
+#pragma omp parallel for schedule(dynamic, 1)
+  for (long long k = 0; k < static_cast<long long>(chunks); ++k) {
+    const std::uint64_t first = static_cast<std::uint64_t>(k) * chunkPoints;
+    try {
+      encodePointwiseChunk(records + first * recordLength,
+                           static_cast<std::uint32_t>(std::min(chunkPoints, count - first)),
+                           d.items, recordLength, coded[static_cast<std::size_t>(k)]);
+    } catch (const std::exception& e) {
+      const std::lock_guard<std::mutex> lock(mutex);
+      problem = e.what();
+    }
+  }
+  if (!problem.empty())
+    fail(problem);
+  std::vector<std::uint8_t> out(8);
+  for (const auto& c : coded)
+    out.insert(out.end(), c.begin(), c.end());
+  const std::int64_t tableAt = static_cast<std::int64_t>(pointOffset + out.size());
+  std::memcpy(out.data(), &tableAt, 8);
+  put<std::uint32_t>(out, 0);
+  put<std::uint32_t>(out, static_cast<std::uint32_t>(chunks));
+  Encoder e(out);
+  IntegerCoder sizes(32, 2);
+  std::uint32_t last = 0;
+  for (const auto& c : coded) {
+    sizes.encode(e, static_cast<std::int32_t>(last), static_cast<std::int32_t>(c.size()), 1);
+    last = static_cast<std::uint32_t>(c.size());
+  }
+  e.done();
+  return out;
+}
 
 Description describe(const Las::Vlr& record) {
   const std::vector<std::uint8_t>& b = record.data;

@@ -52,4 +52,15 @@ void decode(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t e
             std::uint64_t fileSize, const Description& d, std::uint64_t pointCount,
             std::size_t recordLength, std::uint8_t* out);
 
+// The "laszip encoded" record of point format (0 to 10) records with extraBytes bytes beyond the
+// format's, in chunks of chunkSize points, and what it describes; throws std::runtime_error for a
+// format the encoder does not write.
+Las::Vlr laszipRecord(int format, std::size_t extraBytes, std::uint32_t chunkSize, Description& d);
+
+// The point data of a LAZ file whose points start at byte pointOffset: the offset of the chunk
+// table, the chunks (encoded in parallel) and the chunk table.
+std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
+                                 std::size_t recordLength, const Description& d,
+                                 std::uint64_t pointOffset);
+
 } // namespace Quorvel::Laz

@@ -7,8 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace Quorvel::Laz {
@@ -123,9 +126,11 @@ public:
     store<std::uint16_t>(last_.data() + 12, 0); // intensities are predicted per context
   }
   void next(Decoder& d, std::uint8_t* out);
+  void next(Encoder& e, const std::uint8_t* in);
 
 private:
   void changes(Decoder& d, unsigned changed, unsigned m);
+  void changes(Encoder& e, unsigned changed, unsigned m, const std::uint8_t* in);
 
   std::array<std::uint8_t, 20> last_{};
   std::array<std::uint16_t, 16> lastIntensity_{};
@@ -134,7 +139,7 @@ private:
   SymbolModel changed_{64};
   SymbolModel scanAngle_[2] = {SymbolModel(256), SymbolModel(256)};
   ModelsByByte returns_, classes_, userData_;
-  IntegerDecoder intensity_{16, 4}, pointSource_{16, 1}, dx_{32, 2}, dy_{32, 22}, z_{32, 20};
+  IntegerCoder intensity_{16, 4}, pointSource_{16, 1}, dx_{32, 2}, dy_{32, 22}, z_{32, 20};
 };
 
 void PointItem::changes(Decoder& d, unsigned changed, unsigned m) {
@@ -180,6 +185,51 @@ void PointItem::next(Decoder& d, std::uint8_t* out) {
   std::memcpy(out, l, 20);
 }
 
+void PointItem::changes(Encoder& e, unsigned changed, unsigned m, const std::uint8_t* in) {
+  const std::uint8_t* l = last_.data();
+  if (changed & 32)
+    e.encodeSymbol(returns_[l[14]], in[14]);
+  if (changed & 16) {
+    const auto i = load<std::uint16_t>(in + 12);
+    intensity_.encode(e, lastIntensity_[m], i, m < 3 ? m : 3);
+    lastIntensity_[m] = i;
+  }
+  if (changed & 8)
+    e.encodeSymbol(classes_[l[15]], in[15]);
+  if (changed & 4)
+    e.encodeSymbol(scanAngle_[(in[14] >> 6) & 1], static_cast<std::uint8_t>(in[16] - l[16]));
+  if (changed & 2)
+    e.encodeSymbol(userData_[l[17]], in[17]);
+  if (changed & 1)
+    pointSource_.encode(e, load<std::uint16_t>(l + 18), load<std::uint16_t>(in + 18), 0);
+}
+
+void PointItem::next(Encoder& e, const std::uint8_t* in) {
+  const std::uint8_t* l = last_.data();
+  const unsigned r = in[14] & 7, n = (in[14] >> 3) & 7;
+  const unsigned m = ReturnMap[n][r], level = ReturnLevel[n][r];
+  const unsigned changed = (unsigned(in[14] != l[14]) << 5) |
+                           (unsigned(load<std::uint16_t>(in + 12) != lastIntensity_[m]) << 4) |
+                           (unsigned(in[15] != l[15]) << 3) | (unsigned(in[16] != l[16]) << 2) |
+                           (unsigned(in[17] != l[17]) << 1) |
+                           unsigned(load<std::uint16_t>(in + 18) != load<std::uint16_t>(l + 18));
+  e.encodeSymbol(changed_, changed);
+  changes(e, changed, m, in);
+  const std::int32_t dx = wrap(std::int64_t(load<std::int32_t>(in)) - load<std::int32_t>(l));
+  dx_.encode(e, xDiff_[m].get(), dx, n == 1);
+  xDiff_[m].add(dx);
+  std::uint32_t k = dx_.k();
+  const std::int32_t dy =
+      wrap(std::int64_t(load<std::int32_t>(in + 4)) - load<std::int32_t>(l + 4));
+  dy_.encode(e, yDiff_[m].get(), dy, (n == 1) + (k < 20 ? k & ~1u : 20));
+  yDiff_[m].add(dy);
+  k = (dx_.k() + dy_.k()) / 2;
+  const auto z = load<std::int32_t>(in + 8);
+  z_.encode(e, lastHeight_[level], z, (n == 1) + (k < 18 ? k & ~1u : 18));
+  lastHeight_[level] = z;
+  std::memcpy(last_.data(), in, 20);
+}
+
 // Multipliers of the GPS time coder.
 constexpr int Multi = 500, MultiMinus = -10;
 constexpr int MultiUnchanged = Multi - MultiMinus + 1, MultiCodeFull = Multi - MultiMinus + 2;
@@ -194,8 +244,13 @@ public:
     step(d);
     store(out, time_[last_]);
   }
+  void next(Encoder& e, const std::uint8_t* in) { step(e, load<std::int64_t>(in)); }
 
 private:
+  void step(Encoder& e, std::int64_t time);
+  void encodeDifference(Encoder& e, std::int32_t diff);
+  bool switchSequence(Encoder& e, std::int64_t time, SymbolModel& model, int base);
+  void encodeFull(Encoder& e, SymbolModel& model, int symbol, std::int64_t time);
   void step(Decoder& d);
   void afterZeroDifference(Decoder& d);
   void multiplied(Decoder& d, int multi);
@@ -209,7 +264,7 @@ private:
   std::array<std::int32_t, 4> diff_{};
   std::array<int, 4> extreme_{};
   SymbolModel multi_{MultiTotal}, zeroDiff_{6};
-  IntegerDecoder time_coder_{32, 9};
+  IntegerCoder time_coder_{32, 9};
 };
 
 void GpsTimeItem::full(Decoder& d) {
@@ -282,6 +337,102 @@ void GpsTimeItem::step(Decoder& d) {
   }
 }
 
+// The difference of two time patterns when it fits 32 bits.
+std::optional<std::int32_t> difference(std::int64_t a, std::int64_t b) {
+  const auto d =
+      static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+  if (d < std::numeric_limits<std::int32_t>::min() || d > std::numeric_limits<std::int32_t>::max())
+    return std::nullopt;
+  return static_cast<std::int32_t>(d);
+}
+
+// A time close to one of the other three sequences continues that one (symbol base + i).
+bool GpsTimeItem::switchSequence(Encoder& e, std::int64_t time, SymbolModel& model, int base) {
+  for (unsigned i = 1; i < 4; ++i)
+    if (difference(time, time_[(last_ + i) & 3])) {
+      e.encodeSymbol(model, static_cast<std::uint32_t>(base + int(i)));
+      last_ = (last_ + i) & 3;
+      step(e, time);
+      return true;
+    }
+  return false;
+}
+
+// A new sequence: the high 32 bits predicted from the last time's, the low ones raw.
+void GpsTimeItem::encodeFull(Encoder& e, SymbolModel& model, int symbol, std::int64_t time) {
+  e.encodeSymbol(model, static_cast<std::uint32_t>(symbol));
+  const auto bits = static_cast<std::uint64_t>(time);
+  time_coder_.encode(e, static_cast<std::int32_t>(static_cast<std::uint64_t>(time_[last_]) >> 32),
+                     static_cast<std::int32_t>(bits >> 32), 8);
+  e.writeInt(static_cast<std::uint32_t>(bits));
+  next_ = (next_ + 1) & 3;
+  last_ = next_;
+  diff_[last_] = 0;
+  extreme_[last_] = 0;
+  time_[last_] = time;
+}
+
+void GpsTimeItem::encodeDifference(Encoder& e, std::int32_t diff) {
+  const std::int64_t last = diff_[last_];
+  auto extreme = [&] {
+    if (++extreme_[last_] > 3) {
+      diff_[last_] = diff;
+      extreme_[last_] = 0;
+    }
+  };
+  // The multiplier of the last difference, as LASzip rounds it in single precision.
+  const float ratio = static_cast<float>(diff) / static_cast<float>(last);
+  const int multi = ratio >= 1e9f    ? Multi
+                    : ratio <= -1e9f ? MultiMinus
+                                     : static_cast<int>(std::round(ratio));
+  if (multi == 1) {
+    e.encodeSymbol(multi_, 1);
+    time_coder_.encode(e, diff_[last_], diff, 1);
+    extreme_[last_] = 0;
+  } else if (multi > 0 && multi < Multi) {
+    e.encodeSymbol(multi_, static_cast<std::uint32_t>(multi));
+    time_coder_.encode(e, wrap(multi * last), diff, multi < 10 ? 2 : 3);
+  } else if (multi >= Multi) {
+    e.encodeSymbol(multi_, Multi);
+    time_coder_.encode(e, wrap(Multi * last), diff, 4);
+    extreme();
+  } else if (multi < 0 && multi > MultiMinus) {
+    e.encodeSymbol(multi_, static_cast<std::uint32_t>(Multi - multi));
+    time_coder_.encode(e, wrap(multi * last), diff, 5);
+  } else if (multi < 0) {
+    e.encodeSymbol(multi_, Multi - MultiMinus);
+    time_coder_.encode(e, wrap(MultiMinus * last), diff, 6);
+    extreme();
+  } else {
+    e.encodeSymbol(multi_, 0);
+    time_coder_.encode(e, 0, diff, 7);
+    extreme();
+  }
+}
+
+void GpsTimeItem::step(Encoder& e, std::int64_t time) {
+  const bool zero = diff_[last_] == 0;
+  SymbolModel& model = zero ? zeroDiff_ : multi_;
+  if (time == time_[last_]) {
+    e.encodeSymbol(model, zero ? 0 : MultiUnchanged);
+    return;
+  }
+  const auto diff = difference(time, time_[last_]);
+  if (!diff) {
+    if (!switchSequence(e, time, model, zero ? 2 : MultiCodeFull))
+      encodeFull(e, model, zero ? 2 : MultiCodeFull, time);
+    return;
+  }
+  if (zero) {
+    e.encodeSymbol(zeroDiff_, 1);
+    time_coder_.encode(e, 0, *diff, 0);
+    diff_[last_] = *diff;
+    extreme_[last_] = 0;
+  } else
+    encodeDifference(e, *diff);
+  time_[last_] = time;
+}
+
 std::uint8_t clampByte(int v) {
   return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
 }
@@ -291,6 +442,7 @@ class RgbItem {
 public:
   void first(const std::uint8_t* record) { std::memcpy(last_.data(), record, 6); }
   void next(Decoder& d, std::uint8_t* out);
+  void next(Encoder& e, const std::uint8_t* in);
 
 private:
   std::uint8_t corrected(Decoder& d, int model, int prediction) {
@@ -336,6 +488,55 @@ void RgbItem::next(Decoder& d, std::uint8_t* out) {
   std::memcpy(out, v.data(), 6);
 }
 
+// Which bytes of a colour changed (bits 0 to 5: red, green, blue, low then high byte), and bit 6
+// when green or blue differ from red.
+unsigned changedBytes(const std::array<std::uint16_t, 3>& last,
+                      const std::array<std::uint16_t, 3>& v) {
+  auto differs = [](std::uint16_t a, std::uint16_t b, std::uint16_t mask) {
+    return unsigned(((a ^ b) & mask) != 0);
+  };
+  return differs(last[0], v[0], 0xFF) | (differs(last[0], v[0], 0xFF00) << 1) |
+         (differs(last[1], v[1], 0xFF) << 2) | (differs(last[1], v[1], 0xFF00) << 3) |
+         (differs(last[2], v[2], 0xFF) << 4) | (differs(last[2], v[2], 0xFF00) << 5) |
+         (unsigned(v[0] != v[1] || v[0] != v[2]) << 6);
+}
+
+void RgbItem::next(Encoder& e, const std::uint8_t* in) {
+  std::array<std::uint16_t, 3> v;
+  std::memcpy(v.data(), in, 6);
+  const unsigned sym = changedBytes(last_, v);
+  e.encodeSymbol(used_, sym);
+  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
+  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
+  auto correct = [&](int model, int value, int prediction) {
+    e.encodeSymbol(diff_[model], static_cast<std::uint8_t>(value - clampByte(prediction)));
+  };
+  int diffLow = 0, diffHigh = 0;
+  if (sym & 1) {
+    diffLow = low(v[0]) - low(last_[0]);
+    e.encodeSymbol(diff_[0], static_cast<std::uint8_t>(diffLow));
+  }
+  if (sym & 2) {
+    diffHigh = high(v[0]) - high(last_[0]);
+    e.encodeSymbol(diff_[1], static_cast<std::uint8_t>(diffHigh));
+  }
+  if (sym & 64) {
+    if (sym & 4)
+      correct(2, low(v[1]), diffLow + low(last_[1]));
+    if (sym & 16) {
+      diffLow = (diffLow + low(v[1]) - low(last_[1])) / 2;
+      correct(4, low(v[2]), diffLow + low(last_[2]));
+    }
+    if (sym & 8)
+      correct(3, high(v[1]), diffHigh + high(last_[1]));
+    if (sym & 32) {
+      diffHigh = (diffHigh + high(v[1]) - high(last_[1])) / 2;
+      correct(5, high(v[2]), diffHigh + high(last_[2]));
+    }
+  }
+  last_ = v;
+}
+
 // BYTE: every extra byte corrected from its last value, one model per byte.
 class BytesItem {
 public:
@@ -344,6 +545,12 @@ public:
   void next(Decoder& d, std::uint8_t* out) {
     for (std::size_t i = 0; i < last_.size(); ++i)
       out[i] = last_[i] = static_cast<std::uint8_t>(last_[i] + d.decodeSymbol(models_[i]));
+  }
+  void next(Encoder& e, const std::uint8_t* in) {
+    for (std::size_t i = 0; i < last_.size(); ++i) {
+      e.encodeSymbol(models_[i], static_cast<std::uint8_t>(in[i] - last_[i]));
+      last_[i] = in[i];
+    }
   }
 
 private:
@@ -359,8 +566,8 @@ struct Items {
   std::unique_ptr<BytesItem> bytes;
   std::size_t timeAt = 0, rgbAt = 0, bytesAt = 0;
 
-  template <class F>
-  void each(std::uint8_t* record, F&& f) {
+  template <class Byte, class F>
+  void each(Byte* record, F&& f) {
     f(*point, record);
     if (time)
       f(*time, record + timeAt);
@@ -405,6 +612,21 @@ Items itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
 }
 
 } // namespace
+
+void encodePointwiseChunk(const std::uint8_t* records, std::uint32_t count,
+                          const std::vector<Item>& list, std::size_t recordLength,
+                          std::vector<std::uint8_t>& out) {
+  if (count == 0)
+    return;
+  Items items = itemsOf(list, recordLength);
+  out.insert(out.end(), records, records + recordLength);
+  items.each(records, [](auto& item, const std::uint8_t* at) { item.first(at); });
+  Encoder e(out);
+  for (std::uint32_t i = 1; i < count; ++i)
+    items.each(records + std::size_t(i) * recordLength,
+               [&e](auto& item, const std::uint8_t* at) { item.next(e, at); });
+  e.done();
+}
 
 void decodePointwiseChunk(const std::uint8_t* data, std::size_t size, const std::vector<Item>& list,
                           std::uint32_t count, std::size_t recordLength, std::uint8_t* out) {

@@ -12,4 +12,10 @@ void decodePointwiseChunk(const std::uint8_t* data, std::size_t size,
                           const std::vector<Item>& items, std::uint32_t count,
                           std::size_t recordLength, std::uint8_t* out);
 
+// Appends the chunk of count records (the first raw, then the coded rest) to out; throws
+// std::runtime_error when the items do not fit the records.
+void encodePointwiseChunk(const std::uint8_t* records, std::uint32_t count,
+                          const std::vector<Item>& items, std::size_t recordLength,
+                          std::vector<std::uint8_t>& out);
+
 } // namespace Quorvel::Laz
