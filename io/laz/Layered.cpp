@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -60,6 +61,34 @@ struct Layer {
   bool valid() const { return decoder.has_value(); }
   bool overran() const { return decoder && decoder->overran(); }
 };
+
+// One layer being written: its own stream, kept only when some value of the chunk needed it.
+struct OutLayer {
+  std::vector<std::uint8_t> bytes;
+  Encoder encoder{bytes};
+  bool valid = false;
+
+  OutLayer() = default;
+  OutLayer(const OutLayer&) = delete;
+  OutLayer& operator=(const OutLayer&) = delete;
+  // Ends the stream; its size as the chunk lists it.
+  std::uint32_t finish() {
+    if (!valid)
+      return 0;
+    encoder.done();
+    return static_cast<std::uint32_t>(bytes.size());
+  }
+  void append(std::vector<std::uint8_t>& out) const {
+    if (valid)
+      out.insert(out.end(), bytes.begin(), bytes.end());
+  }
+};
+
+template <class T>
+void put(std::vector<std::uint8_t>& out, T v) {
+  const auto* p = reinterpret_cast<const std::uint8_t*>(&v);
+  out.insert(out.end(), p, p + sizeof v);
+}
 
 // Symbol models made when first used.
 template <std::size_t N>
@@ -204,6 +233,8 @@ enum PointLayer { XY, Z, Class, Flags, Intensity, ScanAngle, UserData, PointSour
 
 class PointItem {
 public:
+  // x, y and z are written even when they do not change.
+  PointItem() { outs_[XY].valid = outs_[Z].valid = true; }
   void first(const std::uint8_t* record) {
     Point14Record p;
     std::memcpy(p.b.data(), record, 30);
@@ -221,10 +252,32 @@ public:
   bool overran() const {
     return std::any_of(layers_.begin(), layers_.end(), [](const Layer& l) { return l.overran(); });
   }
-  // Decodes the next record; gives its scanner channel for the other items.
+  // Decodes the next record; gives the context of the other items.
   unsigned next(std::uint8_t* out);
+  // Encodes the next record; gives the context of the other items.
+  unsigned next(const std::uint8_t* in);
+  // The layers' sizes, then their bytes, after the chunk's raw first record and point count.
+  void appendSizes(std::vector<std::uint8_t>& out) {
+    for (std::size_t l = 0; l < outs_.size(); ++l)
+      put(out, outs_[l].finish());
+  }
+  void appendLayers(std::vector<std::uint8_t>& out) const {
+    for (const OutLayer& l : outs_)
+      l.append(out);
+  }
 
 private:
+  Encoder& out(PointLayer l, bool needed = true) {
+    outs_[l].valid = outs_[l].valid || needed;
+    return outs_[l].encoder;
+  }
+  unsigned changesOf(const Point14Record& p, const Channel& old, unsigned sc) const;
+  void encodeReturns(Channel& c, const Point14Record& p, unsigned changed, std::uint32_t lastN,
+                     std::uint32_t lastR);
+  void encodeAttributes(Channel& c, const Point14Record& p, unsigned changed);
+  void encodeGpsTime(Channel& c, std::int64_t t);
+  void encodeMultiplied(Channel& c, std::int32_t diff);
+
   Channel& channel(unsigned k) {
     if (!channels_[k])
       channels_[k] = std::make_unique<Channel>();
@@ -243,6 +296,7 @@ private:
   void multiplied(Channel& c, int multi);
 
   std::array<Layer, 9> layers_;
+  std::array<OutLayer, 9> outs_;
   std::array<std::unique_ptr<Channel>, 4> channels_;
   unsigned current_ = 0;
 };
@@ -304,7 +358,9 @@ unsigned PointItem::next(std::uint8_t* out) {
     gpsTime(c);
   c.timeChanged = gpsChanged;
   std::memcpy(out, c.last.b.data(), 30);
-  return k;
+  // The other items take the channel as their context only when it changed with this point,
+  // channel 0 otherwise: LASzip's writer passes it on so, and its files decode only so.
+  return (changed & 64) ? k : 0;
 }
 
 void PointItem::attributes(Channel& c, unsigned changed, std::uint32_t n, std::uint32_t r) {
@@ -417,8 +473,211 @@ void PointItem::gpsTime(Channel& c) {
   store(c.last.b.data() + 22, c.time[c.lastSeq]);
 }
 
+// What changed from the channel's (or, for a channel not used yet, the previous) last point.
+unsigned PointItem::changesOf(const Point14Record& p, const Channel& old, unsigned sc) const {
+  const std::uint32_t lastR = old.last.returnNumber(), r = p.returnNumber();
+  const bool up = r == (lastR + 1) % 16, down = r == (lastR + 15) % 16;
+  const bool misc = r != lastR && !up && !down;
+  return unsigned(up || misc) | (unsigned(down || misc) << 1) |
+         (unsigned(p.returns() != old.last.returns()) << 2) |
+         (unsigned(load<std::int16_t>(p.b.data() + 18) !=
+                   load<std::int16_t>(old.last.b.data() + 18))
+          << 3) |
+         (unsigned(p.time() != old.last.time()) << 4) |
+         (unsigned(load<std::uint16_t>(p.b.data() + 20) !=
+                   load<std::uint16_t>(old.last.b.data() + 20))
+          << 5) |
+         (unsigned(sc != current_) << 6);
+}
+
+void PointItem::encodeReturns(Channel& c, const Point14Record& p, unsigned changed,
+                              std::uint32_t lastN, std::uint32_t lastR) {
+  Encoder& xy = out(XY);
+  if (changed & 4)
+    xy.encodeSymbol(c.returns[lastN], p.returns());
+  if ((changed & 3) == 3) {
+    if (changed & 16)
+      xy.encodeSymbol(c.returnNumbers[lastR], p.returnNumber());
+    else
+      xy.encodeSymbol(c.sameTime, (p.returnNumber() + 32 - lastR - 2) % 16);
+  }
+}
+
+unsigned PointItem::next(const std::uint8_t* in) {
+  Point14Record p;
+  std::memcpy(p.b.data(), in, 30);
+  const unsigned sc = p.channel();
+  Channel& previous = channel(current_);
+  const bool fresh = !channels_[sc];
+  const Channel& old = fresh ? previous : *channels_[sc];
+  const unsigned changed = changesOf(p, old, sc);
+  const std::uint32_t lastN = old.last.returns(), lastR = old.last.returnNumber();
+  const unsigned stream = (previous.last.returnNumber() == 1) |
+                          ((previous.last.returnNumber() >= previous.last.returns()) << 1) |
+                          (previous.timeChanged << 2);
+  out(XY).encodeSymbol(previous.changed[stream], changed);
+  if (changed & 64)
+    out(XY).encodeSymbol(previous.channelModel, (sc + 4 - current_ - 1) % 4);
+  Channel& c = channel(sc);
+  if (fresh)
+    c.start(previous.last);
+  encodeReturns(c, p, changed, lastN, lastR);
+  const std::uint32_t n = p.returns(), r = p.returnNumber();
+  const std::uint32_t gpsChanged = (changed >> 4) & 1;
+  const std::uint32_t context = (ReturnMap6[n][r] << 1) | gpsChanged;
+  const std::int32_t dx = wrap(std::int64_t(p.x()) - c.last.x());
+  c.dx.encode(out(XY), c.xDiff[context].get(), dx, n == 1);
+  c.xDiff[context].add(dx);
+  const std::int32_t dy = wrap(std::int64_t(p.y()) - c.last.y());
+  c.dy.encode(out(XY), c.yDiff[context].get(), dy, (std::min(c.dx.k(), 20u) & ~1u) | (n == 1));
+  c.yDiff[context].add(dy);
+  const std::uint32_t kz = std::min((c.dx.k() + c.dy.k()) / 2, 18u) & ~1u;
+  const std::uint32_t level = returnLevel(n, r);
+  c.dz.encode(out(Z), c.lastZ[level], p.z(), kz | (n == 1));
+  c.lastZ[level] = p.z();
+  encodeAttributes(c, p, changed);
+  if (gpsChanged)
+    encodeGpsTime(c, p.time());
+  c.timeChanged = gpsChanged;
+  c.last = p;
+  const unsigned result = (changed & 64) ? sc : 0;
+  current_ = sc;
+  return result;
+}
+
+void PointItem::encodeAttributes(Channel& c, const Point14Record& p, unsigned changed) {
+  const std::uint8_t* l = c.last.b.data();
+  const std::uint8_t* b = p.b.data();
+  const std::uint32_t n = p.returns(), r = p.returnNumber(), gps = (changed >> 4) & 1;
+  const std::uint32_t classContext = (r == 1 && r >= n) | ((l[16] & 0x1Fu) << 1);
+  out(Class, b[16] != l[16]).encodeSymbol(c.classes[classContext], b[16]);
+  out(Flags, p.flags() != c.last.flags()).encodeSymbol(c.flagModels[c.last.flags()], p.flags());
+  const std::uint32_t context = gps | ((r >= n) << 1) | ((r == 1) << 2);
+  c.intensity.encode(out(Intensity, p.intensity() != c.last.intensity()), c.lastIntensity[context],
+                     p.intensity(), context >> 1);
+  c.lastIntensity[context] = p.intensity();
+  if (changed & 8)
+    c.scanAngle.encode(out(ScanAngle), load<std::int16_t>(l + 18), load<std::int16_t>(b + 18), gps);
+  out(UserData, b[17] != l[17]).encodeSymbol(c.userData[l[17] / 4], b[17]);
+  if (changed & 32)
+    c.pointSource.encode(out(PointSource), load<std::uint16_t>(l + 20), load<std::uint16_t>(b + 20),
+                         0);
+}
+
+void PointItem::encodeMultiplied(Channel& c, std::int32_t diff) {
+  Encoder& e = out(GpsTime);
+  const unsigned s = c.lastSeq;
+  const std::int64_t last = c.timeDiff[s];
+  auto extreme = [&] {
+    if (++c.extreme[s] > 3) {
+      c.extreme[s] = 0;
+      c.timeDiff[s] = diff;
+    }
+  };
+  // The multiplier of the last difference, rounded in single precision as LASzip does.
+  const float ratio = static_cast<float>(diff) / static_cast<float>(last);
+  const int multi = ratio >= 1e9f    ? Multi
+                    : ratio <= -1e9f ? MultiMinus
+                                     : static_cast<int>(std::round(ratio));
+  if (multi > 0 && multi < Multi) {
+    const unsigned tag = multi == 1 ? 1 : multi < 10 ? 2 : 3;
+    e.encodeSymbol(c.multi, static_cast<std::uint32_t>(multi));
+    c.timeCoder.encode(e, wrap(multi * last), diff, tag);
+    if (tag == 1)
+      c.extreme[s] = 0;
+  } else if (multi >= Multi) {
+    e.encodeSymbol(c.multi, Multi);
+    c.timeCoder.encode(e, wrap(Multi * last), diff, 4);
+    extreme();
+  } else if (multi < 0 && multi > MultiMinus) {
+    e.encodeSymbol(c.multi, static_cast<std::uint32_t>(Multi - multi));
+    c.timeCoder.encode(e, wrap(multi * last), diff, 5);
+  } else if (multi <= MultiMinus) {
+    e.encodeSymbol(c.multi, Multi - MultiMinus);
+    c.timeCoder.encode(e, wrap(MultiMinus * last), diff, 6);
+    extreme();
+  } else {
+    e.encodeSymbol(c.multi, 0);
+    c.timeCoder.encode(e, 0, diff, 7);
+    extreme();
+  }
+}
+
+// The difference of two time patterns when it fits 32 bits.
+std::optional<std::int32_t> timeDifference(std::int64_t a, std::int64_t b) {
+  const auto d =
+      static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+  if (d < std::numeric_limits<std::int32_t>::min() || d > std::numeric_limits<std::int32_t>::max())
+    return std::nullopt;
+  return static_cast<std::int32_t>(d);
+}
+
+void PointItem::encodeGpsTime(Channel& c, std::int64_t t) {
+  Encoder& e = out(GpsTime);
+  auto full = [&](SymbolModel& model, std::uint32_t symbol) {
+    e.encodeSymbol(model, symbol);
+    c.timeCoder.encode(
+        e, static_cast<std::int32_t>(static_cast<std::uint64_t>(c.time[c.lastSeq]) >> 32),
+        static_cast<std::int32_t>(static_cast<std::uint64_t>(t) >> 32), 8);
+    e.writeInt(static_cast<std::uint32_t>(static_cast<std::uint64_t>(t)));
+    c.lastSeq = c.nextSeq = (c.nextSeq + 1) & 3;
+    c.timeDiff[c.lastSeq] = 0;
+    c.extreme[c.lastSeq] = 0;
+  };
+  // The first sequence from start on (in steps from the current one) that t is close to.
+  auto sequence = [&](unsigned start) -> int {
+    for (unsigned i = start; i < 4; ++i)
+      if (timeDifference(t, c.time[(c.lastSeq + i) & 3]))
+        return static_cast<int>(i);
+    return -1;
+  };
+  for (int step = 0; step < 8; ++step) {
+    const unsigned s = c.lastSeq;
+    if (c.timeDiff[s] == 0) {
+      const int i = sequence(0);
+      if (i == 0) {
+        const std::int32_t diff = *timeDifference(t, c.time[s]);
+        e.encodeSymbol(c.zeroDiff, 0);
+        c.timeCoder.encode(e, 0, diff, 0);
+        c.timeDiff[s] = diff;
+        c.extreme[s] = 0;
+      } else if (i > 0) {
+        e.encodeSymbol(c.zeroDiff, static_cast<std::uint32_t>(i + 1));
+        c.lastSeq = (s + static_cast<unsigned>(i)) & 3;
+        continue;
+      } else
+        full(c.zeroDiff, 1);
+    } else if (const auto diff = timeDifference(t, c.time[s]))
+      encodeMultiplied(c, *diff);
+    else {
+      const int i = sequence(1);
+      if (i > 0) {
+        e.encodeSymbol(c.multi, static_cast<std::uint32_t>(MultiCodeFull + i));
+        c.lastSeq = (s + static_cast<unsigned>(i)) & 3;
+        continue;
+      }
+      full(c.multi, MultiCodeFull);
+    }
+    break;
+  }
+  c.time[c.lastSeq] = t;
+}
+
 std::uint8_t clampByte(int v) {
   return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
+}
+
+// Which bytes of a colour changed (bits 0 to 5: red, green, blue, low then high byte), and bit 6
+// when green or blue differ from red.
+unsigned changedBytes(const std::array<std::uint16_t, 3>& last,
+                      const std::array<std::uint16_t, 3>& v) {
+  auto differs = [](std::uint16_t a, std::uint16_t b, std::uint16_t mask) {
+    return unsigned(((a ^ b) & mask) != 0);
+  };
+  return differs(last[0], v[0], 0xFF) | (differs(last[0], v[0], 0xFF00) << 1) |
+         (differs(last[1], v[1], 0xFF) << 2) | (differs(last[1], v[1], 0xFF00) << 3) |
+         (differs(last[2], v[2], 0xFF) << 4) | (differs(last[2], v[2], 0xFF00) << 5) |
+         (unsigned(v[0] != v[1] || v[0] != v[2]) << 6);
 }
 
 // RGB14 and NIR14 share this: the last value per channel, taken from the channel before when a
@@ -458,11 +717,55 @@ public:
         std::make_unique<std::pair<std::array<std::uint16_t, 3>, RgbModels>>(v, RgbModels());
   }
   Layer layer;
+  OutLayer output;
   void next(std::uint8_t* out, unsigned k);
+  void next(const std::uint8_t* in, unsigned k);
 
 private:
   PerChannel<std::array<std::uint16_t, 3>, RgbModels> colours_;
 };
+
+void RgbItem::next(const std::uint8_t* in, unsigned k) {
+  const auto switched = colours_.switchTo(k);
+  auto& last = *switched.first;
+  RgbModels* models = switched.second;
+  std::array<std::uint16_t, 3> v;
+  std::memcpy(v.data(), in, 6);
+  const unsigned sym = changedBytes(last, v);
+  Encoder& e = output.encoder;
+  output.valid = output.valid || sym != 0;
+  e.encodeSymbol(models->used, sym);
+  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
+  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
+  auto correct = [&](int model, int value, int prediction) {
+    e.encodeSymbol(models->diff[static_cast<std::size_t>(model)],
+                   static_cast<std::uint8_t>(value - clampByte(prediction)));
+  };
+  int diffLow = 0, diffHigh = 0;
+  if (sym & 1) {
+    diffLow = low(v[0]) - low(last[0]);
+    e.encodeSymbol(models->diff[0], static_cast<std::uint8_t>(diffLow));
+  }
+  if (sym & 2) {
+    diffHigh = high(v[0]) - high(last[0]);
+    e.encodeSymbol(models->diff[1], static_cast<std::uint8_t>(diffHigh));
+  }
+  if (sym & 64) {
+    if (sym & 4)
+      correct(2, low(v[1]), diffLow + low(last[1]));
+    if (sym & 16) {
+      diffLow = (diffLow + low(v[1]) - low(last[1])) / 2;
+      correct(4, low(v[2]), diffLow + low(last[2]));
+    }
+    if (sym & 8)
+      correct(3, high(v[1]), diffHigh + high(last[1]));
+    if (sym & 32) {
+      diffHigh = (diffHigh + high(v[1]) - high(last[1])) / 2;
+      correct(5, high(v[2]), diffHigh + high(last[2]));
+    }
+  }
+  last = v;
+}
 
 void RgbItem::next(std::uint8_t* out, unsigned k) {
   if (!layer.valid()) {
@@ -521,6 +824,23 @@ public:
         load<std::uint16_t>(record), NirModels());
   }
   Layer layer;
+  OutLayer output;
+  void next(const std::uint8_t* in, unsigned k) {
+    const auto switched = values_.switchTo(k);
+    std::uint16_t* last = switched.first;
+    NirModels* models = switched.second;
+    const auto v = load<std::uint16_t>(in);
+    const unsigned sym =
+        unsigned((v & 0xFF) != (*last & 0xFF)) | (unsigned((v & 0xFF00) != (*last & 0xFF00)) << 1);
+    output.valid = output.valid || sym != 0;
+    Encoder& e = output.encoder;
+    e.encodeSymbol(models->used, sym);
+    if (sym & 1)
+      e.encodeSymbol(models->diff[0], static_cast<std::uint8_t>((v & 0xFF) - (*last & 0xFF)));
+    if (sym & 2)
+      e.encodeSymbol(models->diff[1], static_cast<std::uint8_t>((v >> 8) - (*last >> 8)));
+    *last = v;
+  }
   void next(std::uint8_t* out, unsigned k) {
     if (!layer.valid()) {
       store(out, values_.channels[values_.current]->first);
@@ -552,13 +872,31 @@ struct ByteModels {
 
 class BytesItem {
 public:
-  explicit BytesItem(std::size_t n) : layers(n), n_(n) {}
+  explicit BytesItem(std::size_t n) : layers(n), n_(n) {
+    for (std::size_t i = 0; i < n; ++i)
+      outputs.push_back(std::make_unique<OutLayer>());
+  }
   void first(const std::uint8_t* record, unsigned k) {
     values_.current = k;
     values_.channels[k] = std::make_unique<std::pair<std::vector<std::uint8_t>, ByteModels>>(
         std::vector<std::uint8_t>(record, record + n_), ByteModels{});
   }
   std::vector<Layer> layers;
+  std::vector<std::unique_ptr<OutLayer>> outputs;
+  void next(const std::uint8_t* in, unsigned k) {
+    const auto switched = values_.switchTo(k);
+    std::vector<std::uint8_t>& last = *switched.first;
+    ByteModels* models = switched.second;
+    if (models->models.empty())
+      models->models.assign(n_, SymbolModel(256));
+    for (std::size_t i = 0; i < n_; ++i) {
+      const auto diff = static_cast<std::uint8_t>(in[i] - last[i]);
+      OutLayer& o = *outputs[i];
+      o.encoder.encodeSymbol(models->models[i], diff);
+      o.valid = o.valid || diff != 0;
+      last[i] = in[i];
+    }
+  }
   void next(std::uint8_t* out, unsigned k) {
     const auto switched = values_.switchTo(k);
     std::vector<std::uint8_t>* last = switched.first;
@@ -655,7 +993,56 @@ bool overran(const Items& items) {
   return out;
 }
 
+// The raw first record's items, each in its channel.
+void firstOf(Items& items, const std::uint8_t* record) {
+  items.point.first(record);
+  const unsigned k0 = (record[15] >> 4) & 3;
+  if (items.rgb)
+    items.rgb->first(record + items.rgbAt, k0);
+  if (items.nir)
+    items.nir->first(record + items.nirAt, k0);
+  if (items.bytes)
+    items.bytes->first(record + items.bytesAt, k0);
+}
+
 } // namespace
+
+void encodeLayeredChunk(const std::uint8_t* records, std::uint32_t count,
+                        const std::vector<Item>& list, std::size_t recordLength,
+                        std::vector<std::uint8_t>& out) {
+  if (count == 0)
+    return;
+  auto items = itemsOf(list, recordLength);
+  out.insert(out.end(), records, records + recordLength);
+  firstOf(*items, records);
+  for (std::uint32_t i = 1; i < count; ++i) {
+    const std::uint8_t* record = records + std::size_t(i) * recordLength;
+    const unsigned k = items->point.next(record);
+    if (items->rgb)
+      items->rgb->next(record + items->rgbAt, k);
+    if (items->nir)
+      items->nir->next(record + items->nirAt, k);
+    if (items->bytes)
+      items->bytes->next(record + items->bytesAt, k);
+  }
+  put(out, count);
+  items->point.appendSizes(out);
+  if (items->rgb)
+    put(out, items->rgb->output.finish());
+  if (items->nir)
+    put(out, items->nir->output.finish());
+  if (items->bytes)
+    for (auto& o : items->bytes->outputs)
+      put(out, o->finish());
+  items->point.appendLayers(out);
+  if (items->rgb)
+    items->rgb->output.append(out);
+  if (items->nir)
+    items->nir->output.append(out);
+  if (items->bytes)
+    for (const auto& o : items->bytes->outputs)
+      o->append(out);
+}
 
 void decodeLayeredChunk(const std::uint8_t* data, std::size_t size, const std::vector<Item>& list,
                         std::uint32_t count, std::size_t recordLength, std::uint8_t* out) {
@@ -664,14 +1051,7 @@ void decodeLayeredChunk(const std::uint8_t* data, std::size_t size, const std::v
   auto items = itemsOf(list, recordLength);
   ChunkReader in(data, size);
   std::memcpy(out, in.take(recordLength), recordLength);
-  items->point.first(out);
-  const unsigned k0 = (out[15] >> 4) & 3;
-  if (items->rgb)
-    items->rgb->first(out + items->rgbAt, k0);
-  if (items->nir)
-    items->nir->first(out + items->nirAt, k0);
-  if (items->bytes)
-    items->bytes->first(out + items->bytesAt, k0);
+  firstOf(*items, out);
   if (count == 1)
     return;
   openLayers(*items, in, count);

@@ -11,4 +11,10 @@ namespace Quorvel::Laz {
 void decodeLayeredChunk(const std::uint8_t* data, std::size_t size, const std::vector<Item>& items,
                         std::uint32_t count, std::size_t recordLength, std::uint8_t* out);
 
+// Appends the chunk of count records to out: the first raw, the point count, the layers' sizes and
+// the layers; throws std::runtime_error when the items do not fit the records.
+void encodeLayeredChunk(const std::uint8_t* records, std::uint32_t count,
+                        const std::vector<Item>& items, std::size_t recordLength,
+                        std::vector<std::uint8_t>& out);
+
 } // namespace Quorvel::Laz

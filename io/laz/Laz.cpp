@@ -119,9 +119,20 @@ std::vector<Item> itemsFor(int format, std::size_t extraBytes) {
     if (extra)
       items.push_back({Byte, extra, 2});
     return items;
+  case 6:
+  case 7:
+  case 8:
+    items.push_back({Point14, 30, 3});
+    if (format == 7)
+      items.push_back({Rgb14, 6, 3});
+    if (format == 8)
+      items.push_back({RgbNir14, 8, 3});
+    if (extra)
+      items.push_back({Byte14, extra, 3});
+    return items;
   default:
     throw std::runtime_error("writing LAZ of point format " + std::to_string(format) +
-                             " is not supported yet (write LAS, or LAZ of formats 0 to 3)");
+                             " (wave packets) is not supported");
   }
 }
 
@@ -168,9 +179,12 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t coun
   for (long long k = 0; k < static_cast<long long>(chunks); ++k) {
     const std::uint64_t first = static_cast<std::uint64_t>(k) * chunkPoints;
     try {
-      encodePointwiseChunk(records + first * recordLength,
-                           static_cast<std::uint32_t>(std::min(chunkPoints, count - first)),
-                           d.items, recordLength, coded[static_cast<std::size_t>(k)]);
+      const auto points = static_cast<std::uint32_t>(std::min(chunkPoints, count - first));
+      auto& chunk = coded[static_cast<std::size_t>(k)];
+      if (d.compressor == 3)
+        encodeLayeredChunk(records + first * recordLength, points, d.items, recordLength, chunk);
+      else
+        encodePointwiseChunk(records + first * recordLength, points, d.items, recordLength, chunk);
     } catch (const std::exception& e) {
       const std::lock_guard<std::mutex> lock(mutex);
       problem = e.what();
