@@ -112,3 +112,11 @@ endif()
 execute_process(COMMAND mkfifo ${WORK_DIR}/pipe.las)
 quorvel(1 "quorvel: error: ${WORK_DIR}/pipe.las: not a regular file" info ${WORK_DIR}/pipe.las)
 quorvel(1 "quorvel: error: ${data}: not a regular file" info ${data})
+
+# LAZ in and out: the small LAZ sample converted to LAS and back to LAZ keeps its records.
+quorvel(0 "points: 1065\n" info ${data}/simple.laz)
+quorvel(0 "" convert ${data}/simple.laz ${WORK_DIR}/simple.las)
+quorvel(0 "" convert ${WORK_DIR}/simple.las ${WORK_DIR}/simple.laz)
+quorvel(0 "" convert ${WORK_DIR}/simple.laz ${WORK_DIR}/simple-again.las)
+expect_same_file(${WORK_DIR}/simple.las ${WORK_DIR}/simple-again.las "LAS through LAZ")
+quorvel(0 "agreement: 1065 of 1065 (100.00%)" compare ${data}/simple.laz ${data}/simple.decoded.las)
