@@ -3,7 +3,7 @@
 // chunk holds its first record raw, its point count, the byte count of every layer, then the
 // layers, each its own arithmetic-coded stream; values are predicted per scanner channel.
 #include "io/laz/Layered.hpp"
-#include "io/laz/Arithmetic.hpp"
+#include "io/laz/Common.hpp"
 
 #include <algorithm>
 #include <array>
@@ -16,17 +16,6 @@
 namespace Quorvel::Laz {
 
 namespace {
-
-template <class T>
-T load(const std::uint8_t* p) {
-  T v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-template <class T>
-void store(std::uint8_t* p, T v) {
-  std::memcpy(p, &v, sizeof v);
-}
 
 // The chunk's bytes read in order: the raw first record, the counts, then the layers.
 class ChunkReader {
@@ -84,12 +73,6 @@ struct OutLayer {
   }
 };
 
-template <class T>
-void put(std::vector<std::uint8_t>& out, T v) {
-  const auto* p = reinterpret_cast<const std::uint8_t*>(&v);
-  out.insert(out.end(), p, p + sizeof v);
-}
-
 // Symbol models made when first used.
 template <std::size_t N>
 class LazyModels {
@@ -127,64 +110,6 @@ constexpr std::uint8_t ReturnMap6[16][16] = {{0, 1, 2, 3, 4, 5, 3, 4, 4, 5, 5, 5
 std::uint32_t returnLevel(std::uint32_t n, std::uint32_t r) {
   return std::min<std::uint32_t>(n > r ? n - r : r - n, 7);
 }
-
-std::int32_t wrap(std::int64_t v) {
-  return static_cast<std::int32_t>(static_cast<std::uint32_t>(v));
-}
-
-// The median of the last five values (the same rule as the pointwise coder's).
-class Median5 {
-public:
-  std::int32_t get() const { return v_[2]; }
-  void add(std::int32_t x) {
-    auto& v = v_;
-    if (high_) {
-      if (x < v[2]) {
-        v[4] = v[3];
-        v[3] = v[2];
-        if (x < v[0]) {
-          v[2] = v[1];
-          v[1] = v[0];
-          v[0] = x;
-        } else if (x < v[1]) {
-          v[2] = v[1];
-          v[1] = x;
-        } else
-          v[2] = x;
-      } else {
-        if (x < v[3]) {
-          v[4] = v[3];
-          v[3] = x;
-        } else
-          v[4] = x;
-        high_ = false;
-      }
-    } else if (v[2] < x) {
-      v[0] = v[1];
-      v[1] = v[2];
-      if (v[4] < x) {
-        v[2] = v[3];
-        v[3] = v[4];
-        v[4] = x;
-      } else if (v[3] < x) {
-        v[2] = v[3];
-        v[3] = x;
-      } else
-        v[2] = x;
-    } else {
-      if (v[1] < x) {
-        v[0] = v[1];
-        v[1] = x;
-      } else
-        v[0] = x;
-      high_ = true;
-    }
-  }
-
-private:
-  std::array<std::int32_t, 5> v_{};
-  bool high_ = true;
-};
 
 // The 30 bytes of a POINT14 record.
 struct Point14Record {
@@ -663,23 +588,6 @@ void PointItem::encodeGpsTime(Channel& c, std::int64_t t) {
   c.time[c.lastSeq] = t;
 }
 
-std::uint8_t clampByte(int v) {
-  return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
-}
-
-// Which bytes of a colour changed (bits 0 to 5: red, green, blue, low then high byte), and bit 6
-// when green or blue differ from red.
-unsigned changedBytes(const std::array<std::uint16_t, 3>& last,
-                      const std::array<std::uint16_t, 3>& v) {
-  auto differs = [](std::uint16_t a, std::uint16_t b, std::uint16_t mask) {
-    return unsigned(((a ^ b) & mask) != 0);
-  };
-  return differs(last[0], v[0], 0xFF) | (differs(last[0], v[0], 0xFF00) << 1) |
-         (differs(last[1], v[1], 0xFF) << 2) | (differs(last[1], v[1], 0xFF00) << 3) |
-         (differs(last[2], v[2], 0xFF) << 4) | (differs(last[2], v[2], 0xFF00) << 5) |
-         (unsigned(v[0] != v[1] || v[0] != v[2]) << 6);
-}
-
 // RGB14 and NIR14 share this: the last value per channel, taken from the channel before when a
 // channel is first used, and (as LASzip does) kept in the channel last used otherwise.
 template <class Value, class Models>
@@ -701,115 +609,37 @@ struct PerChannel {
   }
 };
 
-struct RgbModels {
-  SymbolModel used{128};
-  std::array<SymbolModel, 6> diff{SymbolModel(256), SymbolModel(256), SymbolModel(256),
-                                  SymbolModel(256), SymbolModel(256), SymbolModel(256)};
-};
-
 class RgbItem {
 public:
   void first(const std::uint8_t* record, unsigned k) {
-    std::array<std::uint16_t, 3> v;
+    Colour v;
     std::memcpy(v.data(), record, 6);
     colours_.current = k;
-    colours_.channels[k] =
-        std::make_unique<std::pair<std::array<std::uint16_t, 3>, RgbModels>>(v, RgbModels());
+    colours_.channels[k] = std::make_unique<std::pair<Colour, ColourModels>>(v, ColourModels());
   }
   Layer layer;
   OutLayer output;
-  void next(std::uint8_t* out, unsigned k);
-  void next(const std::uint8_t* in, unsigned k);
+  void next(std::uint8_t* out, unsigned k) {
+    if (!layer.valid()) {
+      std::memcpy(out, colours_.channels[colours_.current]->first.data(), 6);
+      return;
+    }
+    const auto switched = colours_.switchTo(k);
+    *switched.first = decodeColour(*layer.decoder, *switched.second, *switched.first);
+    std::memcpy(out, switched.first->data(), 6);
+  }
+  void next(const std::uint8_t* in, unsigned k) {
+    const auto switched = colours_.switchTo(k);
+    Colour v;
+    std::memcpy(v.data(), in, 6);
+    output.valid =
+        encodeColour(output.encoder, *switched.second, *switched.first, v) != 0 || output.valid;
+    *switched.first = v;
+  }
 
 private:
-  PerChannel<std::array<std::uint16_t, 3>, RgbModels> colours_;
+  PerChannel<Colour, ColourModels> colours_;
 };
-
-void RgbItem::next(const std::uint8_t* in, unsigned k) {
-  const auto switched = colours_.switchTo(k);
-  auto& last = *switched.first;
-  RgbModels* models = switched.second;
-  std::array<std::uint16_t, 3> v;
-  std::memcpy(v.data(), in, 6);
-  const unsigned sym = changedBytes(last, v);
-  Encoder& e = output.encoder;
-  output.valid = output.valid || sym != 0;
-  e.encodeSymbol(models->used, sym);
-  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
-  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
-  auto correct = [&](int model, int value, int prediction) {
-    e.encodeSymbol(models->diff[static_cast<std::size_t>(model)],
-                   static_cast<std::uint8_t>(value - clampByte(prediction)));
-  };
-  int diffLow = 0, diffHigh = 0;
-  if (sym & 1) {
-    diffLow = low(v[0]) - low(last[0]);
-    e.encodeSymbol(models->diff[0], static_cast<std::uint8_t>(diffLow));
-  }
-  if (sym & 2) {
-    diffHigh = high(v[0]) - high(last[0]);
-    e.encodeSymbol(models->diff[1], static_cast<std::uint8_t>(diffHigh));
-  }
-  if (sym & 64) {
-    if (sym & 4)
-      correct(2, low(v[1]), diffLow + low(last[1]));
-    if (sym & 16) {
-      diffLow = (diffLow + low(v[1]) - low(last[1])) / 2;
-      correct(4, low(v[2]), diffLow + low(last[2]));
-    }
-    if (sym & 8)
-      correct(3, high(v[1]), diffHigh + high(last[1]));
-    if (sym & 32) {
-      diffHigh = (diffHigh + high(v[1]) - high(last[1])) / 2;
-      correct(5, high(v[2]), diffHigh + high(last[2]));
-    }
-  }
-  last = v;
-}
-
-void RgbItem::next(std::uint8_t* out, unsigned k) {
-  if (!layer.valid()) {
-    std::memcpy(out, colours_.channels[colours_.current]->first.data(), 6);
-    return;
-  }
-  const auto switched = colours_.switchTo(k);
-  auto& last = *switched.first;
-  RgbModels* models = switched.second;
-  Decoder& d = *layer.decoder;
-  const unsigned sym = d.decodeSymbol(models->used);
-  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
-  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
-  auto corrected = [&](int model, int prediction) {
-    return static_cast<std::uint8_t>(d.decodeSymbol(models->diff[model]) + clampByte(prediction));
-  };
-  std::array<std::uint16_t, 3> v{};
-  v[0] = (sym & 1) ? static_cast<std::uint8_t>(d.decodeSymbol(models->diff[0]) + low(last[0]))
-                   : static_cast<std::uint16_t>(low(last[0]));
-  v[0] |= (sym & 2)
-              ? static_cast<std::uint16_t>(
-                    static_cast<std::uint8_t>(d.decodeSymbol(models->diff[1]) + high(last[0])) << 8)
-              : static_cast<std::uint16_t>(last[0] & 0xFF00);
-  if (sym & 64) {
-    int diff = low(v[0]) - low(last[0]);
-    v[1] = (sym & 4) ? corrected(2, diff + low(last[1])) : static_cast<std::uint16_t>(low(last[1]));
-    if (sym & 16) {
-      diff = (diff + low(v[1]) - low(last[1])) / 2;
-      v[2] = corrected(4, diff + low(last[2]));
-    } else
-      v[2] = static_cast<std::uint16_t>(low(last[2]));
-    diff = high(v[0]) - high(last[0]);
-    v[1] |= (sym & 8) ? static_cast<std::uint16_t>(corrected(3, diff + high(last[1])) << 8)
-                      : static_cast<std::uint16_t>(last[1] & 0xFF00);
-    if (sym & 32) {
-      diff = (diff + high(v[1]) - high(last[1])) / 2;
-      v[2] |= static_cast<std::uint16_t>(corrected(5, diff + high(last[2])) << 8);
-    } else
-      v[2] |= static_cast<std::uint16_t>(last[2] & 0xFF00);
-  } else
-    v[1] = v[2] = v[0];
-  last = v;
-  std::memcpy(out, v.data(), 6);
-}
 
 struct NirModels {
   SymbolModel used{4};
@@ -993,6 +823,17 @@ bool overran(const Items& items) {
   return out;
 }
 
+// The items after the point, each in the context that the point gives.
+template <class Byte>
+void others(Items& items, Byte* record, unsigned k) {
+  if (items.rgb)
+    items.rgb->next(record + items.rgbAt, k);
+  if (items.nir)
+    items.nir->next(record + items.nirAt, k);
+  if (items.bytes)
+    items.bytes->next(record + items.bytesAt, k);
+}
+
 // The raw first record's items, each in its channel.
 void firstOf(Items& items, const std::uint8_t* record) {
   items.point.first(record);
@@ -1017,13 +858,7 @@ void encodeLayeredChunk(const std::uint8_t* records, std::uint32_t count,
   firstOf(*items, records);
   for (std::uint32_t i = 1; i < count; ++i) {
     const std::uint8_t* record = records + std::size_t(i) * recordLength;
-    const unsigned k = items->point.next(record);
-    if (items->rgb)
-      items->rgb->next(record + items->rgbAt, k);
-    if (items->nir)
-      items->nir->next(record + items->nirAt, k);
-    if (items->bytes)
-      items->bytes->next(record + items->bytesAt, k);
+    others(*items, record, items->point.next(record));
   }
   put(out, count);
   items->point.appendSizes(out);
@@ -1057,13 +892,7 @@ void decodeLayeredChunk(const std::uint8_t* data, std::size_t size, const std::v
   openLayers(*items, in, count);
   for (std::uint32_t i = 1; i < count; ++i) {
     std::uint8_t* record = out + std::size_t(i) * recordLength;
-    const unsigned k = items->point.next(record);
-    if (items->rgb)
-      items->rgb->next(record + items->rgbAt, k);
-    if (items->nir)
-      items->nir->next(record + items->nirAt, k);
-    if (items->bytes)
-      items->bytes->next(record + items->bytesAt, k);
+    others(*items, record, items->point.next(record));
   }
   if (overran(*items))
     throw std::runtime_error("truncated (its points need more bytes than its layers hold)");

@@ -2,7 +2,7 @@
 // and the chunks decoded in parallel, each into its own points' records.
 #include "io/laz/Laz.hpp"
 
-#include "io/laz/Arithmetic.hpp"
+#include "io/laz/Common.hpp"
 #include "io/laz/Layered.hpp"
 #include "io/laz/Pointwise.hpp"
 
@@ -15,13 +15,6 @@
 namespace Quorvel::Laz {
 
 namespace {
-
-template <class T>
-T load(const std::uint8_t* p) {
-  T v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::runtime_error(what);
@@ -94,12 +87,6 @@ void decodeChunk(const std::uint8_t* file, const Chunk& c, const Description& d,
                               out + c.firstPoint * recordLength);
   decodePointwiseChunk(file + c.start, c.bytes, d.items, static_cast<std::uint32_t>(c.points),
                        recordLength, out + c.firstPoint * recordLength);
-}
-
-template <class T>
-void put(std::vector<std::uint8_t>& out, T v) {
-  const auto* p = reinterpret_cast<const std::uint8_t*>(&v);
-  out.insert(out.end(), p, p + sizeof v);
 }
 
 // The items of a point format's records.

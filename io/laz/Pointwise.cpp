@@ -3,7 +3,7 @@
 // with its first record raw; every later value is predicted from the ones before and only the
 // correction is coded.
 #include "io/laz/Pointwise.hpp"
-#include "io/laz/Arithmetic.hpp"
+#include "io/laz/Common.hpp"
 
 #include <algorithm>
 #include <array>
@@ -17,80 +17,6 @@
 namespace Quorvel::Laz {
 
 namespace {
-
-template <class T>
-T load(const std::uint8_t* p) {
-  T v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-template <class T>
-void store(std::uint8_t* p, T v) {
-  std::memcpy(p, &v, sizeof v);
-}
-
-// Wrapping 32-bit sum, as the format's integer arithmetic.
-std::int32_t wrap(std::int64_t v) {
-  return static_cast<std::int32_t>(static_cast<std::uint32_t>(v));
-}
-
-// The median of the last five values, kept sorted with a flag that alternates the side replaced.
-class Median5 {
-public:
-  std::int32_t get() const { return v_[2]; }
-  void add(std::int32_t x);
-
-private:
-  std::array<std::int32_t, 5> v_{};
-  bool high_ = true;
-};
-
-void Median5::add(std::int32_t x) {
-  auto& v = v_;
-  if (high_) {
-    if (x < v[2]) {
-      v[4] = v[3];
-      v[3] = v[2];
-      if (x < v[0]) {
-        v[2] = v[1];
-        v[1] = v[0];
-        v[0] = x;
-      } else if (x < v[1]) {
-        v[2] = v[1];
-        v[1] = x;
-      } else
-        v[2] = x;
-    } else {
-      if (x < v[3]) {
-        v[4] = v[3];
-        v[3] = x;
-      } else
-        v[4] = x;
-      high_ = false;
-    }
-  } else {
-    if (v[2] < x) {
-      v[0] = v[1];
-      v[1] = v[2];
-      if (v[4] < x) {
-        v[2] = v[3];
-        v[3] = v[4];
-        v[4] = x;
-      } else if (v[3] < x) {
-        v[2] = v[3];
-        v[3] = x;
-      } else
-        v[2] = x;
-    } else {
-      if (v[1] < x) {
-        v[0] = v[1];
-        v[1] = x;
-      } else
-        v[0] = x;
-      high_ = true;
-    }
-  }
-}
 
 // Models chosen by a previous byte, made when first used (a fresh model is the same whenever it
 // is made).
@@ -433,109 +359,25 @@ void GpsTimeItem::step(Encoder& e, std::int64_t time) {
   time_[last_] = time;
 }
 
-std::uint8_t clampByte(int v) {
-  return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
-}
-
 // RGB12: red, green and blue, low and high bytes; green and blue predicted from red's change.
 class RgbItem {
 public:
   void first(const std::uint8_t* record) { std::memcpy(last_.data(), record, 6); }
-  void next(Decoder& d, std::uint8_t* out);
-  void next(Encoder& e, const std::uint8_t* in);
+  void next(Decoder& d, std::uint8_t* out) {
+    last_ = decodeColour(d, models_, last_);
+    std::memcpy(out, last_.data(), 6);
+  }
+  void next(Encoder& e, const std::uint8_t* in) {
+    Colour v;
+    std::memcpy(v.data(), in, 6);
+    encodeColour(e, models_, last_, v);
+    last_ = v;
+  }
 
 private:
-  std::uint8_t corrected(Decoder& d, int model, int prediction) {
-    return static_cast<std::uint8_t>(d.decodeSymbol(diff_[model]) + clampByte(prediction));
-  }
-
-  std::array<std::uint16_t, 3> last_{};
-  SymbolModel used_{128};
-  SymbolModel diff_[6] = {SymbolModel(256), SymbolModel(256), SymbolModel(256),
-                          SymbolModel(256), SymbolModel(256), SymbolModel(256)};
+  Colour last_{};
+  ColourModels models_;
 };
-
-void RgbItem::next(Decoder& d, std::uint8_t* out) {
-  const unsigned sym = d.decodeSymbol(used_);
-  std::array<std::uint16_t, 3> v{};
-  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
-  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
-  v[0] = (sym & 1) ? static_cast<std::uint8_t>(d.decodeSymbol(diff_[0]) + low(last_[0]))
-                   : static_cast<std::uint16_t>(low(last_[0]));
-  v[0] |= (sym & 2) ? static_cast<std::uint16_t>(
-                          static_cast<std::uint8_t>(d.decodeSymbol(diff_[1]) + high(last_[0])) << 8)
-                    : static_cast<std::uint16_t>(last_[0] & 0xFF00);
-  if (sym & 64) {
-    int diff = low(v[0]) - low(last_[0]);
-    v[1] = (sym & 4) ? corrected(d, 2, diff + low(last_[1]))
-                     : static_cast<std::uint16_t>(low(last_[1]));
-    if (sym & 16) {
-      diff = (diff + low(v[1]) - low(last_[1])) / 2;
-      v[2] = corrected(d, 4, diff + low(last_[2]));
-    } else
-      v[2] = static_cast<std::uint16_t>(low(last_[2]));
-    diff = high(v[0]) - high(last_[0]);
-    v[1] |= (sym & 8) ? static_cast<std::uint16_t>(corrected(d, 3, diff + high(last_[1])) << 8)
-                      : static_cast<std::uint16_t>(last_[1] & 0xFF00);
-    if (sym & 32) {
-      diff = (diff + high(v[1]) - high(last_[1])) / 2;
-      v[2] |= static_cast<std::uint16_t>(corrected(d, 5, diff + high(last_[2])) << 8);
-    } else
-      v[2] |= static_cast<std::uint16_t>(last_[2] & 0xFF00);
-  } else
-    v[1] = v[2] = v[0];
-  last_ = v;
-  std::memcpy(out, v.data(), 6);
-}
-
-// Which bytes of a colour changed (bits 0 to 5: red, green, blue, low then high byte), and bit 6
-// when green or blue differ from red.
-unsigned changedBytes(const std::array<std::uint16_t, 3>& last,
-                      const std::array<std::uint16_t, 3>& v) {
-  auto differs = [](std::uint16_t a, std::uint16_t b, std::uint16_t mask) {
-    return unsigned(((a ^ b) & mask) != 0);
-  };
-  return differs(last[0], v[0], 0xFF) | (differs(last[0], v[0], 0xFF00) << 1) |
-         (differs(last[1], v[1], 0xFF) << 2) | (differs(last[1], v[1], 0xFF00) << 3) |
-         (differs(last[2], v[2], 0xFF) << 4) | (differs(last[2], v[2], 0xFF00) << 5) |
-         (unsigned(v[0] != v[1] || v[0] != v[2]) << 6);
-}
-
-void RgbItem::next(Encoder& e, const std::uint8_t* in) {
-  std::array<std::uint16_t, 3> v;
-  std::memcpy(v.data(), in, 6);
-  const unsigned sym = changedBytes(last_, v);
-  e.encodeSymbol(used_, sym);
-  const auto low = [](std::uint16_t x) { return static_cast<int>(x & 0xFF); };
-  const auto high = [](std::uint16_t x) { return static_cast<int>(x >> 8); };
-  auto correct = [&](int model, int value, int prediction) {
-    e.encodeSymbol(diff_[model], static_cast<std::uint8_t>(value - clampByte(prediction)));
-  };
-  int diffLow = 0, diffHigh = 0;
-  if (sym & 1) {
-    diffLow = low(v[0]) - low(last_[0]);
-    e.encodeSymbol(diff_[0], static_cast<std::uint8_t>(diffLow));
-  }
-  if (sym & 2) {
-    diffHigh = high(v[0]) - high(last_[0]);
-    e.encodeSymbol(diff_[1], static_cast<std::uint8_t>(diffHigh));
-  }
-  if (sym & 64) {
-    if (sym & 4)
-      correct(2, low(v[1]), diffLow + low(last_[1]));
-    if (sym & 16) {
-      diffLow = (diffLow + low(v[1]) - low(last_[1])) / 2;
-      correct(4, low(v[2]), diffLow + low(last_[2]));
-    }
-    if (sym & 8)
-      correct(3, high(v[1]), diffHigh + high(last_[1]));
-    if (sym & 32) {
-      diffHigh = (diffHigh + high(v[1]) - high(last_[1])) / 2;
-      correct(5, high(v[2]), diffHigh + high(last_[2]));
-    }
-  }
-  last_ = v;
-}
 
 // BYTE: every extra byte corrected from its last value, one model per byte.
 class BytesItem {
