@@ -100,6 +100,16 @@ def planarity_by_numpy(xyz, step):
     return out
 
 
+def test_laz_files_read_and_write_like_las(tmp_path):
+    laz = quorvel.read(os.path.join(DATA, "simple.laz"))
+    las = quorvel.read(os.path.join(DATA, "simple.decoded.las"))
+    np.testing.assert_array_equal(laz.xyz, las.xyz)
+    np.testing.assert_array_equal(laz["Classification"], las["Classification"])
+    laz.write(str(tmp_path / "again.laz"))
+    again = quorvel.read(str(tmp_path / "again.laz"))
+    np.testing.assert_array_equal(again["Intensity"], las["Intensity"])
+
+
 def test_shape_factors_weights_and_reduction():
     xyz = surface(300)
     cloud = quorvel.Cloud(xyz)
