@@ -122,6 +122,7 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
     Basalt::ReplacingFile file(path);
     {
       char** options = CSLSetNameValue(nullptr, "COMPRESS", "DEFLATE");
+      options = CSLSetNameValue(options, "ZLEVEL", "1");
       Dataset out(driver->Create(file.temporary().c_str(), static_cast<int>(p.columns),
                                  static_cast<int>(p.rows), 1, GDT_Float32, options));
       CSLDestroy(options);
