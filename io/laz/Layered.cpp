@@ -361,7 +361,10 @@ void PointItem::gpsTime(Channel& c) {
     c.timeDiff[c.lastSeq] = 0;
     c.extreme[c.lastSeq] = 0;
   };
-  for (int step = 0; step < 8; ++step) { // a switch of sequence decodes again, at most a few
+  // A switch to another sequence decodes the time again; a writer switches once at most.
+  for (int step = 0;; ++step) {
+    if (step == 4)
+      throw std::runtime_error("its GPS times switch sequences without end");
     const unsigned s = c.lastSeq;
     if (c.timeDiff[s] == 0) {
       const int multi = static_cast<int>(d.decodeSymbol(c.zeroDiff));

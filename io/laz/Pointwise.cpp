@@ -156,6 +156,12 @@ void PointItem::next(Encoder& e, const std::uint8_t* in) {
   std::memcpy(last_.data(), in, 20);
 }
 
+// Adds a difference to a time pattern, wrapping as the format's 64-bit integers do.
+void advance(std::int64_t& time, std::int64_t diff) {
+  time = static_cast<std::int64_t>(static_cast<std::uint64_t>(time) +
+                                   static_cast<std::uint64_t>(diff));
+}
+
 // Multipliers of the GPS time coder.
 constexpr int Multi = 500, MultiMinus = -10;
 constexpr int MultiUnchanged = Multi - MultiMinus + 1, MultiCodeFull = Multi - MultiMinus + 2;
@@ -178,7 +184,8 @@ private:
   bool switchSequence(Encoder& e, std::int64_t time, SymbolModel& model, int base);
   void encodeFull(Encoder& e, SymbolModel& model, int symbol, std::int64_t time);
   void step(Decoder& d);
-  void afterZeroDifference(Decoder& d);
+  bool once(Decoder& d); // false after a switch of sequence
+  bool afterZeroDifference(Decoder& d);
   void multiplied(Decoder& d, int multi);
   void full(Decoder& d);
   std::int32_t decode(Decoder& d, std::int64_t prediction, unsigned context) {
@@ -203,18 +210,19 @@ void GpsTimeItem::full(Decoder& d) {
   extreme_[last_] = 0;
 }
 
-void GpsTimeItem::afterZeroDifference(Decoder& d) {
+bool GpsTimeItem::afterZeroDifference(Decoder& d) {
   const int multi = static_cast<int>(d.decodeSymbol(zeroDiff_));
   if (multi == 1) {
     diff_[last_] = decode(d, 0, 0);
-    time_[last_] += diff_[last_];
+    advance(time_[last_], diff_[last_]);
     extreme_[last_] = 0;
   } else if (multi == 2)
     full(d);
   else if (multi > 2) {
     last_ = (last_ + static_cast<unsigned>(multi) - 2) & 3;
-    step(d);
+    return false;
   }
+  return true;
 }
 
 void GpsTimeItem::multiplied(Decoder& d, int multi) {
@@ -243,15 +251,15 @@ void GpsTimeItem::multiplied(Decoder& d, int multi) {
       extreme();
     }
   }
-  time_[last_] += diff;
+  advance(time_[last_], diff);
 }
 
-void GpsTimeItem::step(Decoder& d) {
+bool GpsTimeItem::once(Decoder& d) {
   if (diff_[last_] == 0)
     return afterZeroDifference(d);
   const int multi = static_cast<int>(d.decodeSymbol(multi_));
   if (multi == 1) {
-    time_[last_] += decode(d, diff_[last_], 1);
+    advance(time_[last_], decode(d, diff_[last_], 1));
     extreme_[last_] = 0;
   } else if (multi < MultiUnchanged)
     multiplied(d, multi);
@@ -259,8 +267,17 @@ void GpsTimeItem::step(Decoder& d) {
     full(d);
   else if (multi > MultiCodeFull) {
     last_ = (last_ + static_cast<unsigned>(multi - MultiCodeFull)) & 3;
-    step(d);
+    return false;
   }
+  return true;
+}
+
+void GpsTimeItem::step(Decoder& d) {
+  // A switch to another sequence decodes the time again; a writer switches once at most.
+  for (int switches = 0; switches < 4; ++switches)
+    if (once(d))
+      return;
+  throw std::runtime_error("its GPS times switch sequences without end");
 }
 
 // The difference of two time patterns when it fits 32 bits.
