@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <iostream>
 #include <limits>
+#include <mutex>
 #include <set>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -57,7 +58,8 @@ MappedFile::~MappedFile() {
     ::munmap(mapping_, size_);
 }
 
-OpenedFile::OpenedFile(const std::string& path, bool sequential) : file(path, sequential) {
+OpenedFile::OpenedFile(const std::string& path, bool sequential)
+    : file(path, sequential), path_(path) {
   const std::uint8_t* b = file.data();
   const std::uint64_t size = file.size();
   RawHeader raw = decodeHeader(b, static_cast<std::size_t>(std::min<std::uint64_t>(size, 375)));
@@ -80,34 +82,38 @@ OpenedFile::OpenedFile(const std::string& path, bool sequential) : file(path, se
     throw Error(describe(path, findings.problems));
   for (const std::string& warning : findings.warnings)
     std::cerr << path << ": warning: " << warning << "\n";
-  records = b + h.pointOffset;
   pointCount = h.pointCount;
   if (compressed)
-    decompress(path);
+    openCompressed();
+  else
+    records = b + h.pointOffset;
 }
 
-void OpenedFile::decompress(const std::string& path) {
+void OpenedFile::openCompressed() {
   const auto laszip = std::find_if(info.vlrs.begin(), info.vlrs.end(), Laz::isLaszipRecord);
   if (laszip == info.vlrs.end())
-    throw Error(path + ": compressed point data without its \"laszip encoded\" record");
+    throw Error(path_ + ": compressed point data without its \"laszip encoded\" record");
   const Header& h = info.header;
   // The point data ends where the EVLRs begin (LAS 1.4), else with the file.
   const std::uint64_t end = h.versionMinor >= 4 && h.evlrCount > 0 && h.evlrOffset > h.pointOffset
                                 ? std::min<std::uint64_t>(h.evlrOffset, file.size())
                                 : file.size();
-  try {
-    const Laz::Description d = Laz::describe(*laszip);
+  decoding([&] {
     if (pointCount > (std::uint64_t(1) << 40) / std::max<std::uint64_t>(h.recordLength, 1))
       throw std::runtime_error("point count " + std::to_string(pointCount) + " is implausible");
-    decoded.resize(static_cast<std::size_t>(pointCount) * h.recordLength);
-    Laz::decode(file.data(), h.pointOffset, end, file.size(), d, pointCount, h.recordLength,
-                decoded.data());
-  } catch (const std::runtime_error& e) {
-    throw Error(path + ": " + e.what());
-  }
+    laz.emplace(file.data(), h.pointOffset, end, file.size(), Laz::describe(*laszip), pointCount,
+                h.recordLength);
+  });
   info.vlrs.erase(laszip);
   info.header.vlrCount = static_cast<std::uint32_t>(info.vlrs.size());
-  records = decoded.data();
+}
+
+void OpenedFile::decodeAll() {
+  if (!laz || records)
+    return;
+  decoded_.resize(static_cast<std::size_t>(pointCount) * info.header.recordLength);
+  decoding([&] { laz->decode(decoded_.data()); });
+  records = decoded_.data();
 }
 
 std::vector<FieldPlan> fieldsOf(const FileInfo& info, bool tiled) {
@@ -224,11 +230,11 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
   return plan;
 }
 
-// Decodes the records index(j) for j in [from, to) into slot j of fragment k's arrays.
+// Decodes the records index(j) of records, for j in [from, to), into slot j of fragment k's
+// arrays.
 template <class Index>
-void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t from, std::size_t to,
-            Index index) {
-  const Header& h = in.info.header;
+void decode(const Plan& plan, const Header& h, const std::uint8_t* records, std::size_t k,
+            std::size_t from, std::size_t to, Index index) {
   const std::size_t length = h.recordLength;
   const bool extended = format(h.pointFormat).extended;
   const int rgbAt = format(h.pointFormat).rgb;
@@ -251,7 +257,7 @@ void decode(const Plan& plan, const OpenedFile& in, std::size_t k, std::size_t f
     ops.push_back({c.from, c.size, c.shift, c.mask, c.to[k]});
   for (std::size_t j = from; j < to; ++j) {
     const std::uint64_t i = index(j);
-    const std::uint8_t* r = in.records + i * length;
+    const std::uint8_t* r = records + i * length;
     std::int32_t raw[3];
     std::memcpy(raw, r, 12);
     xyz[j] = point(raw[0] * sx + ox, raw[1] * sy + oy, raw[2] * sz + oz);
@@ -322,23 +328,43 @@ void inBlocks(std::size_t count, std::size_t done, Percent& percent, Step step) 
 ReadResult read(const std::string& path, std::size_t fragmentPoints,
                 const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
                 const std::set<std::string>& only) {
-  const OpenedFile in(path, false);
+  OpenedFile in(path, false);
   const Header& h = in.info.header;
   const std::size_t n = static_cast<std::size_t>(in.pointCount);
   const std::string name = std::filesystem::path(path).stem().string();
   ReadResult result;
   result.info = in.info;
 
-  if (fragmentPoints == 0 || fragmentPoints >= n) {
+  if ((fragmentPoints == 0 || fragmentPoints >= n) && in.laz) {
+    // Each chunk decoded by its thread and its records placed in the arrays while they are
+    // still in the cache.
+    Tressel::FragmentArrays cloud({n});
+    const Plan plan = allocate(cloud, in.info, false, only);
+    Percent percent(progress, n, "reading");
+    std::mutex mutex;
+    std::size_t done = 0;
+    in.decoding([&] {
+      in.laz->decode([&](const Laz::Chunk& c, const std::uint8_t* records) {
+        decode(plan, h, records, 0, c.firstPoint, c.firstPoint + c.points,
+               [&c](std::size_t j) { return j - c.firstPoint; });
+        const std::lock_guard<std::mutex> lock(mutex);
+        done += c.points;
+        percent.reached(done);
+      });
+    });
+    percent.finish();
+    result.grid = cloud.build(name);
+  } else if (fragmentPoints == 0 || fragmentPoints >= n) {
     Tressel::FragmentArrays cloud({n});
     const Plan plan = allocate(cloud, in.info, false, only);
     Percent percent(progress, n, "reading");
     inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
-      decode(plan, in, 0, from, to, [](std::size_t j) { return j; });
+      decode(plan, h, in.records, 0, from, to, [](std::size_t j) { return j; });
     });
     percent.finish();
     result.grid = cloud.build(name);
   } else {
+    in.decodeAll();
     // Tiles from x and y first, then each tile's records decoded into its own arrays.
     std::vector<point> xy(n);
     for (std::size_t i = 0; i < n; ++i) {
@@ -358,7 +384,7 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
     for (std::size_t k = 0; k < tiles.size(); ++k) {
       const auto& tile = tiles[k];
       inBlocks(tile.size(), done, percent, [&](std::size_t from, std::size_t to) {
-        decode(plan, in, k, from, to, [&tile](std::size_t j) { return tile[j]; });
+        decode(plan, h, in.records, k, from, to, [&tile](std::size_t j) { return tile[j]; });
       });
       done += tile.size();
     }
@@ -370,7 +396,8 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
 }
 
 Summary summarize(const std::string& path) {
-  const OpenedFile in(path, true);
+  OpenedFile in(path, true);
+  in.decodeAll();
   const Header& h = in.info.header;
   Summary s;
   s.header = h;

@@ -4,9 +4,12 @@
 
 #include "io/detail/LasFormats.hpp"
 #include "io/las.hpp"
+#include "io/laz/Laz.hpp"
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -35,15 +38,31 @@ struct OpenedFile {
 
   MappedFile file;
   FileInfo info;
-  const std::uint8_t* records = nullptr; // pointCount records of info.header.recordLength bytes
+  // pointCount records of info.header.recordLength bytes; for a compressed file, only once
+  // decodeAll() has run.
+  const std::uint8_t* records = nullptr;
   std::uint64_t pointCount = 0;
-  // The records of a compressed (LAZ) file, decoded; records points into it. The header's
-  // point format then has its compression bit cleared and the "laszip encoded" record is left
-  // out of the VLRs, as in the LAS file the points came from.
-  std::vector<std::uint8_t> decoded;
+  // The compressed (LAZ) points of the file. The header's point format then has its compression
+  // bit cleared and the "laszip encoded" record is left out of the VLRs, as in the LAS file the
+  // points came from.
+  std::optional<Laz::Points> laz;
+
+  // Decodes a compressed file's records into one buffer, where records then points.
+  void decodeAll();
+  // Errors of decoding, named with the file.
+  template <class Run>
+  void decoding(Run run) const {
+    try {
+      run();
+    } catch (const std::runtime_error& e) {
+      throw Error(path_ + ": " + e.what());
+    }
+  }
 
 private:
-  void decompress(const std::string& path);
+  void openCompressed();
+  std::string path_;
+  std::vector<std::uint8_t> decoded_;
 };
 
 // A field the reader makes: name, kind (or a framework type name for the grouped fields).

@@ -1,9 +1,11 @@
-// Quorvel: the layered LASzip compressor, items of version 3: the point of formats 6 to 10
-// (POINT14), its colour (RGB14), colour and near infrared (RGBNIR14) and extra bytes (BYTE14). A
-// chunk holds its first record raw, its point count, the byte count of every layer, then the
-// layers, each its own arithmetic-coded stream; values are predicted per scanner channel.
+// Quorvel: the layered LASzip compressor, items of versions 3 and 4: the point of formats 6 to 10
+// (POINT14), its colour (RGB14), colour and near infrared (RGBNIR14), wave packet (WAVEPACKET14)
+// and extra bytes (BYTE14). A chunk holds its first record raw, its point count, the byte count of
+// every layer, then the layers, each its own arithmetic-coded stream; values are predicted per
+// scanner channel.
 #include "io/laz/Layered.hpp"
 #include "io/laz/Common.hpp"
+#include "io/laz/WavePacket.hpp"
 
 #include <algorithm>
 #include <array>
@@ -591,34 +593,42 @@ void PointItem::encodeGpsTime(Channel& c, std::int64_t t) {
   c.time[c.lastSeq] = t;
 }
 
-// RGB14 and NIR14 share this: the last value per channel, taken from the channel before when a
-// channel is first used, and (as LASzip does) kept in the channel last used otherwise.
+// The items after the point share this: the last value per channel, taken from the channel before
+// when a channel is first used. Returning to a channel used before, items of version 3 predict
+// from (and update) the value of the channel they come from, as LASzip 3 does; version 4 fixed
+// that and takes the channel's own.
 template <class Value, class Models>
 struct PerChannel {
   std::array<std::unique_ptr<std::pair<Value, Models>>, 4> channels;
   unsigned current = 0;
+  bool ownValues = false; // version 4
 
   // The value to predict from, and the models, of channel k.
   std::pair<Value*, Models*> switchTo(unsigned k) {
     Value* last = &channels[current]->first;
     if (k != current) {
       current = k;
-      if (!channels[k]) {
+      const bool fresh = !channels[k];
+      if (fresh)
         channels[k] = std::make_unique<std::pair<Value, Models>>(*last, Models());
+      if (fresh || ownValues)
         last = &channels[k]->first;
-      }
     }
     return {last, &channels[k]->second};
+  }
+  void start(const Value& v, unsigned k) {
+    current = k;
+    channels[k] = std::make_unique<std::pair<Value, Models>>(v, Models());
   }
 };
 
 class RgbItem {
 public:
+  explicit RgbItem(bool version4) { colours_.ownValues = version4; }
   void first(const std::uint8_t* record, unsigned k) {
     Colour v;
     std::memcpy(v.data(), record, 6);
-    colours_.current = k;
-    colours_.channels[k] = std::make_unique<std::pair<Colour, ColourModels>>(v, ColourModels());
+    colours_.start(v, k);
   }
   Layer layer;
   OutLayer output;
@@ -651,10 +661,9 @@ struct NirModels {
 
 class NirItem {
 public:
+  explicit NirItem(bool version4) { values_.ownValues = version4; }
   void first(const std::uint8_t* record, unsigned k) {
-    values_.current = k;
-    values_.channels[k] = std::make_unique<std::pair<std::uint16_t, NirModels>>(
-        load<std::uint16_t>(record), NirModels());
+    values_.start(load<std::uint16_t>(record), k);
   }
   Layer layer;
   OutLayer output;
@@ -705,14 +714,13 @@ struct ByteModels {
 
 class BytesItem {
 public:
-  explicit BytesItem(std::size_t n) : layers(n), n_(n) {
+  BytesItem(std::size_t n, bool version4) : layers(n), n_(n) {
+    values_.ownValues = version4;
     for (std::size_t i = 0; i < n; ++i)
       outputs.push_back(std::make_unique<OutLayer>());
   }
   void first(const std::uint8_t* record, unsigned k) {
-    values_.current = k;
-    values_.channels[k] = std::make_unique<std::pair<std::vector<std::uint8_t>, ByteModels>>(
-        std::vector<std::uint8_t>(record, record + n_), ByteModels{});
+    values_.start(std::vector<std::uint8_t>(record, record + n_), k);
   }
   std::vector<Layer> layers;
   std::vector<std::unique_ptr<OutLayer>> outputs;
@@ -749,13 +757,47 @@ private:
   std::size_t n_;
 };
 
+// WAVEPACKET14: a wave packet per channel.
+class WaveItem {
+public:
+  using Packet = std::array<std::uint8_t, WavePacketSize>;
+  explicit WaveItem(bool version4) { packets_.ownValues = version4; }
+  void first(const std::uint8_t* record, unsigned k) {
+    Packet v;
+    std::memcpy(v.data(), record, v.size());
+    packets_.start(v, k);
+  }
+  Layer layer;
+  OutLayer output;
+  void next(std::uint8_t* out, unsigned k) {
+    if (!layer.valid()) {
+      std::memcpy(out, packets_.channels[packets_.current]->first.data(), WavePacketSize);
+      return;
+    }
+    const auto switched = packets_.switchTo(k);
+    switched.second->decode(*layer.decoder, switched.first->data(), switched.first->data());
+    std::memcpy(out, switched.first->data(), WavePacketSize);
+  }
+  void next(const std::uint8_t* in, unsigned k) {
+    const auto switched = packets_.switchTo(k);
+    Packet& last = *switched.first;
+    output.valid = output.valid || std::memcmp(in, last.data(), WavePacketSize) != 0;
+    switched.second->encode(output.encoder, last.data(), in);
+    std::memcpy(last.data(), in, WavePacketSize);
+  }
+
+private:
+  PerChannel<Packet, WavePacketCoder> packets_;
+};
+
 // The items of a chunk, in record order.
 struct Items {
   PointItem point;
   std::unique_ptr<RgbItem> rgb;
   std::unique_ptr<NirItem> nir;
+  std::unique_ptr<WaveItem> wave;
   std::unique_ptr<BytesItem> bytes;
-  std::size_t rgbAt = 0, nirAt = 0, bytesAt = 0;
+  std::size_t rgbAt = 0, nirAt = 0, waveAt = 0, bytesAt = 0;
 };
 
 std::unique_ptr<Items> itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
@@ -766,23 +808,24 @@ std::unique_ptr<Items> itemsOf(const std::vector<Item>& list, std::size_t record
     if (item.version != 3 && item.version != 4)
       throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
                                std::to_string(item.version) + " is not supported");
+    const bool v4 = item.version == 4;
     if (item.type == Point14 && at == 0 && item.size == 30)
       point = true;
-    else if (item.type == Rgb14 && item.size == 6 && point && !out->rgb) {
-      out->rgb = std::make_unique<RgbItem>();
+    else if (item.type == Rgb14 && item.size == 6 && point && !out->rgb && !out->wave) {
+      out->rgb = std::make_unique<RgbItem>(v4);
       out->rgbAt = at;
-    } else if (item.type == RgbNir14 && item.size == 8 && point && !out->rgb) {
-      out->rgb = std::make_unique<RgbItem>();
-      out->nir = std::make_unique<NirItem>();
+    } else if (item.type == RgbNir14 && item.size == 8 && point && !out->rgb && !out->wave) {
+      out->rgb = std::make_unique<RgbItem>(v4);
+      out->nir = std::make_unique<NirItem>(v4);
       out->rgbAt = at;
       out->nirAt = at + 6;
+    } else if (item.type == WavePacket14 && item.size == WavePacketSize && point && !out->wave) {
+      out->wave = std::make_unique<WaveItem>(v4);
+      out->waveAt = at;
     } else if (item.type == Byte14 && item.size > 0 && point && !out->bytes) {
-      out->bytes = std::make_unique<BytesItem>(item.size);
+      out->bytes = std::make_unique<BytesItem>(item.size, v4);
       out->bytesAt = at;
-    } else if (item.type == WavePacket14)
-      throw std::runtime_error("compressed wave packets (point formats 9 and 10) are not "
-                               "supported");
-    else
+    } else
       throw std::runtime_error("item type " + std::to_string(item.type) + " of " +
                                std::to_string(item.size) +
                                " bytes does not fit the layered "
@@ -804,6 +847,8 @@ void openLayers(Items& items, ChunkReader& in, std::uint32_t count) {
     items.rgb->layer.bytes = in.u32();
   if (items.nir)
     items.nir->layer.bytes = in.u32();
+  if (items.wave)
+    items.wave->layer.bytes = in.u32();
   if (items.bytes)
     for (Layer& l : items.bytes->layers)
       l.bytes = in.u32();
@@ -812,6 +857,8 @@ void openLayers(Items& items, ChunkReader& in, std::uint32_t count) {
     items.rgb->layer.open(in);
   if (items.nir)
     items.nir->layer.open(in);
+  if (items.wave)
+    items.wave->layer.open(in);
   if (items.bytes)
     for (Layer& l : items.bytes->layers)
       l.open(in);
@@ -819,7 +866,8 @@ void openLayers(Items& items, ChunkReader& in, std::uint32_t count) {
 
 bool overran(const Items& items) {
   bool out = items.point.overran() || (items.rgb && items.rgb->layer.overran()) ||
-             (items.nir && items.nir->layer.overran());
+             (items.nir && items.nir->layer.overran()) ||
+             (items.wave && items.wave->layer.overran());
   if (items.bytes)
     for (const Layer& l : items.bytes->layers)
       out = out || l.overran();
@@ -833,6 +881,8 @@ void others(Items& items, Byte* record, unsigned k) {
     items.rgb->next(record + items.rgbAt, k);
   if (items.nir)
     items.nir->next(record + items.nirAt, k);
+  if (items.wave)
+    items.wave->next(record + items.waveAt, k);
   if (items.bytes)
     items.bytes->next(record + items.bytesAt, k);
 }
@@ -845,6 +895,8 @@ void firstOf(Items& items, const std::uint8_t* record) {
     items.rgb->first(record + items.rgbAt, k0);
   if (items.nir)
     items.nir->first(record + items.nirAt, k0);
+  if (items.wave)
+    items.wave->first(record + items.waveAt, k0);
   if (items.bytes)
     items.bytes->first(record + items.bytesAt, k0);
 }
@@ -869,6 +921,8 @@ void encodeLayeredChunk(const std::uint8_t* records, std::uint32_t count,
     put(out, items->rgb->output.finish());
   if (items->nir)
     put(out, items->nir->output.finish());
+  if (items->wave)
+    put(out, items->wave->output.finish());
   if (items->bytes)
     for (auto& o : items->bytes->outputs)
       put(out, o->finish());
@@ -877,6 +931,8 @@ void encodeLayeredChunk(const std::uint8_t* records, std::uint32_t count,
     items->rgb->output.append(out);
   if (items->nir)
     items->nir->output.append(out);
+  if (items->wave)
+    items->wave->output.append(out);
   if (items->bytes)
     for (const auto& o : items->bytes->outputs)
       o->append(out);

@@ -20,11 +20,6 @@ namespace {
   throw std::runtime_error(what);
 }
 
-// A chunk: its first point, its points and where its bytes lie in the file.
-struct Chunk {
-  std::uint64_t firstPoint = 0, points = 0, start = 0, bytes = 0;
-};
-
 // Reads the chunk table that the point data's first 8 bytes point to (or, when they hold -1, the
 // last 8 bytes of the file) and places every chunk.
 std::vector<Chunk> chunkTable(const std::uint8_t* file, std::uint64_t pointOffset,
@@ -79,14 +74,14 @@ std::vector<Chunk> chunkTable(const std::uint8_t* file, std::uint64_t pointOffse
   return chunks;
 }
 
+// Decodes the chunk's records into out.
 void decodeChunk(const std::uint8_t* file, const Chunk& c, const Description& d,
                  std::size_t recordLength, std::uint8_t* out) {
   if (d.compressor == 3)
     return decodeLayeredChunk(file + c.start, c.bytes, d.items,
-                              static_cast<std::uint32_t>(c.points), recordLength,
-                              out + c.firstPoint * recordLength);
+                              static_cast<std::uint32_t>(c.points), recordLength, out);
   decodePointwiseChunk(file + c.start, c.bytes, d.items, static_cast<std::uint32_t>(c.points),
-                       recordLength, out + c.firstPoint * recordLength);
+                       recordLength, out);
 }
 
 // The items of a point format's records.
@@ -98,28 +93,35 @@ std::vector<Item> itemsFor(int format, std::size_t extraBytes) {
   case 1:
   case 2:
   case 3:
+  case 4:
+  case 5:
     items.push_back({Point10, 20, 2});
-    if (format == 1 || format == 3)
+    if (format != 0 && format != 2)
       items.push_back({GpsTime11, 8, 2});
-    if (format >= 2)
+    if (format == 2 || format == 3 || format == 5)
       items.push_back({Rgb12, 6, 2});
+    if (format >= 4)
+      items.push_back({WavePacket13, 29, 1});
     if (extra)
       items.push_back({Byte, extra, 2});
     return items;
   case 6:
   case 7:
   case 8:
+  case 9:
+  case 10:
     items.push_back({Point14, 30, 3});
     if (format == 7)
       items.push_back({Rgb14, 6, 3});
-    if (format == 8)
+    if (format == 8 || format == 10)
       items.push_back({RgbNir14, 8, 3});
+    if (format >= 9)
+      items.push_back({WavePacket14, 29, 3});
     if (extra)
       items.push_back({Byte14, extra, 3});
     return items;
   default:
-    throw std::runtime_error("writing LAZ of point format " + std::to_string(format) +
-                             " (wave packets) is not supported");
+    throw std::runtime_error("point format " + std::to_string(format) + " has no LAZ items");
   }
 }
 
@@ -220,25 +222,30 @@ Description describe(const Las::Vlr& record) {
   return d;
 }
 
-void decode(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
-            std::uint64_t fileSize, const Description& d, std::uint64_t pointCount,
-            std::size_t recordLength, std::uint8_t* out) {
+Points::Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
+               std::uint64_t fileSize, Description d, std::uint64_t pointCount,
+               std::size_t recordLength)
+    : file_(file), d_(std::move(d)), recordLength_(recordLength) {
   if (pointCount == 0)
     return;
-  std::vector<Chunk> chunks;
-  if (d.compressor == 1) // one stream of all points, no chunk table
-    chunks.push_back({0, pointCount, pointOffset, end - pointOffset});
+  if (d_.compressor == 1) // one stream of all points, no chunk table
+    chunks_.push_back({0, pointCount, pointOffset, end - pointOffset});
   else
-    chunks = chunkTable(file, pointOffset, end, fileSize, d, pointCount);
-  // The first chunk that fails is the one reported, whatever the threads.
+    chunks_ = chunkTable(file, pointOffset, end, fileSize, d_, pointCount);
+}
+
+// Runs step(k, chunk) for every chunk in parallel; the first chunk that fails is the one
+// reported, whatever the threads.
+template <class Step>
+void Points::inParallel(Step step) const {
   std::mutex mutex;
   std::string problem;
-  const long long n = static_cast<long long>(chunks.size());
+  const long long n = static_cast<long long>(chunks_.size());
   long long failed = n;
 #pragma omp parallel for schedule(dynamic, 1)
   for (long long k = 0; k < n; ++k) {
     try {
-      decodeChunk(file, chunks[static_cast<std::size_t>(k)], d, recordLength, out);
+      step(chunks_[static_cast<std::size_t>(k)]);
     } catch (const std::exception& e) {
       const std::lock_guard<std::mutex> lock(mutex);
       if (k < failed) {
@@ -249,6 +256,23 @@ void decode(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t e
   }
   if (!problem.empty())
     fail(problem);
+}
+
+void Points::decode(std::uint8_t* out) const {
+  inParallel([&](const Chunk& c) {
+    decodeChunk(file_, c, d_, recordLength_, out + c.firstPoint * recordLength_);
+  });
+}
+
+void Points::decode(const std::function<void(const Chunk&, const std::uint8_t*)>& use) const {
+  inParallel([&](const Chunk& c) {
+    thread_local std::vector<std::uint8_t> records;
+    records.resize(static_cast<std::size_t>(c.points) * recordLength_);
+    decodeChunk(file_, c, d_, recordLength_, records.data());
+    use(c, records.data());
+    if (records.capacity() > (std::size_t(64) << 20)) // a rare huge chunk is not kept
+      records = {};
+  });
 }
 
 } // namespace Quorvel::Laz

@@ -5,6 +5,7 @@
 #include "io/las.hpp"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -44,13 +45,36 @@ inline bool isLaszipRecord(const Las::Vlr& v) {
 // The description of a record; throws std::runtime_error naming what is wrong.
 Description describe(const Las::Vlr& record);
 
-// Decodes pointCount compressed records of recordLength bytes from the point data of a file
-// (file[pointOffset ...] up to end, where the EVLRs begin or the file ends) into out, chunks in
-// parallel. Throws std::runtime_error naming the problem (a chunk table that does not fit, a
-// chunk that does not decode, an item not supported).
-void decode(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
-            std::uint64_t fileSize, const Description& d, std::uint64_t pointCount,
-            std::size_t recordLength, std::uint8_t* out);
+// A chunk: its first point, its points and where its bytes lie in the file.
+struct Chunk {
+  std::uint64_t firstPoint = 0, points = 0, start = 0, bytes = 0;
+};
+
+// The compressed point data of a file: pointCount records of recordLength bytes from
+// file[pointOffset ...] up to end (where the EVLRs begin or the file ends), its chunks placed by
+// the chunk table. The constructor throws std::runtime_error naming what is wrong with the table;
+// decoding throws it naming the first chunk that does not decode (or whose items are not
+// supported), whatever the threads: no chunk is ever left as zeros.
+class Points {
+public:
+  Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
+         std::uint64_t fileSize, Description d, std::uint64_t pointCount, std::size_t recordLength);
+
+  // Every record, into out; chunks in parallel.
+  void decode(std::uint8_t* out) const;
+  // Every chunk decoded, in parallel, into a buffer of its thread, then handed to
+  // use(chunk, records), which may run on several threads at once.
+  void decode(const std::function<void(const Chunk&, const std::uint8_t*)>& use) const;
+
+private:
+  template <class Step>
+  void inParallel(Step step) const;
+
+  const std::uint8_t* file_;
+  Description d_;
+  std::size_t recordLength_;
+  std::vector<Chunk> chunks_;
+};
 
 // The "laszip encoded" record of point format (0 to 10) records with extraBytes bytes beyond the
 // format's, in chunks of chunkSize points, and what it describes; throws std::runtime_error for a

@@ -1,9 +1,11 @@
 // Quorvel: the pointwise LASzip compressor, items of version 2: the point of formats 0 to 5
-// (POINT10), the GPS time (GPSTIME11), the colour (RGB12) and extra bytes (BYTE). A chunk starts
+// (POINT10), the GPS time (GPSTIME11), the colour (RGB12) and extra bytes (BYTE), and the wave
+// packet (WAVEPACKET13, version 1). A chunk starts
 // with its first record raw; every later value is predicted from the ones before and only the
 // correction is coded.
 #include "io/laz/Pointwise.hpp"
 #include "io/laz/Common.hpp"
+#include "io/laz/WavePacket.hpp"
 
 #include <algorithm>
 #include <array>
@@ -417,13 +419,32 @@ private:
   std::vector<SymbolModel> models_;
 };
 
+// WAVEPACKET13: the wave packet predicted from the last.
+class WaveItem {
+public:
+  void first(const std::uint8_t* record) { std::memcpy(last_.data(), record, last_.size()); }
+  void next(Decoder& d, std::uint8_t* out) {
+    coder_.decode(d, last_.data(), last_.data());
+    std::memcpy(out, last_.data(), last_.size());
+  }
+  void next(Encoder& e, const std::uint8_t* in) {
+    coder_.encode(e, last_.data(), in);
+    std::memcpy(last_.data(), in, last_.size());
+  }
+
+private:
+  std::array<std::uint8_t, WavePacketSize> last_{};
+  WavePacketCoder coder_;
+};
+
 // The items of one chunk, in record order.
 struct Items {
   std::unique_ptr<PointItem> point;
   std::unique_ptr<GpsTimeItem> time;
   std::unique_ptr<RgbItem> rgb;
+  std::unique_ptr<WaveItem> wave;
   std::unique_ptr<BytesItem> bytes;
-  std::size_t timeAt = 0, rgbAt = 0, bytesAt = 0;
+  std::size_t timeAt = 0, rgbAt = 0, waveAt = 0, bytesAt = 0;
 
   template <class Byte, class F>
   void each(Byte* record, F&& f) {
@@ -432,6 +453,8 @@ struct Items {
       f(*time, record + timeAt);
     if (rgb)
       f(*rgb, record + rgbAt);
+    if (wave)
+      f(*wave, record + waveAt);
     if (bytes)
       f(*bytes, record + bytesAt);
   }
@@ -441,7 +464,8 @@ Items itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
   Items out;
   std::size_t at = 0;
   for (const Item& item : list) {
-    if (item.version != 2 && item.type != Byte)
+    // Wave packets have only version 1; extra bytes of any version are coded alike.
+    if (item.type == WavePacket13 ? item.version != 1 : item.version != 2 && item.type != Byte)
       throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
                                std::to_string(item.version) + " is not supported");
     if (item.type == Point10 && at == 0 && item.size == 20 && !out.point)
@@ -449,15 +473,16 @@ Items itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
     else if (item.type == GpsTime11 && item.size == 8 && out.point && !out.time) {
       out.time = std::make_unique<GpsTimeItem>();
       out.timeAt = at;
-    } else if (item.type == Rgb12 && item.size == 6 && out.point && !out.rgb) {
+    } else if (item.type == Rgb12 && item.size == 6 && out.point && !out.rgb && !out.wave) {
       out.rgb = std::make_unique<RgbItem>();
       out.rgbAt = at;
     } else if (item.type == Byte && item.size > 0 && out.point && !out.bytes) {
       out.bytes = std::make_unique<BytesItem>(item.size);
       out.bytesAt = at;
-    } else if (item.type == WavePacket13)
-      throw std::runtime_error("compressed wave packets (point formats 4 and 5) are not supported");
-    else
+    } else if (item.type == WavePacket13 && item.size == WavePacketSize && out.point && !out.wave) {
+      out.wave = std::make_unique<WaveItem>();
+      out.waveAt = at;
+    } else
       throw std::runtime_error("item type " + std::to_string(item.type) + " of " +
                                std::to_string(item.size) +
                                " bytes does not fit the pointwise "

@@ -131,8 +131,33 @@ TEST_F(LazFiles, SmallFilesWrittenAsLazReadBackTheSame) {
 }
 
 // Records of a point format with some structure and some noise: returns that count up and
-// jump, scanner channels that switch, GPS times in sequences that restart, colours and extra
-// bytes that mostly repeat.
+// jump, scanner channels that switch, wave packets, GPS times in sequences that restart, colours
+// and extra bytes that mostly repeat. A wave packet after the last one (or a first one): the
+// waveform at the same offset, right after the last packet, a 32-bit or a 64-bit step away; sizes
+// that mostly repeat, some beyond 2^31.
+void wavePacket(std::uint8_t* p, const std::uint8_t* last, std::mt19937& random) {
+  std::uint64_t offset = 1000;
+  std::uint32_t size = 256;
+  if (last) {
+    std::memcpy(&offset, last + 1, 8);
+    std::memcpy(&size, last + 9, 4);
+  }
+  const unsigned kind = random() % 10;
+  offset = kind < 2   ? offset
+           : kind < 7 ? offset + size
+           : kind < 9 ? offset + random() % 100000 - 50000
+                      : offset + (std::uint64_t(random()) << 20);
+  if (random() % 8 == 0)
+    size = random() % 16 ? 128 + random() % 512 : 0x80000000u + random() % 1000;
+  p[0] = static_cast<std::uint8_t>(random() % 5 ? 1 : random() % 4);
+  std::memcpy(p + 1, &offset, 8);
+  std::memcpy(p + 9, &size, 4);
+  const float floats[4] = {static_cast<float>(random() % 2000) * 0.25f,
+                           static_cast<float>(random() % 100) * 1e-4f - 5e-3f,
+                           static_cast<float>(random() % 100) * 1e-4f, -1.5e-4f};
+  std::memcpy(p + 13, floats, 16);
+}
+
 std::vector<std::uint8_t> syntheticRecords(int format, std::size_t length, std::size_t count,
                                            unsigned seed) {
   std::mt19937 random(seed);
@@ -173,9 +198,12 @@ std::vector<std::uint8_t> syntheticRecords(int format, std::size_t length, std::
         std::memcpy(r + 20, &time, 8);
     }
     // Colour, near infrared and extra bytes fill the rest: slowly changing values.
-    const std::size_t base = extended ? 30 : (format == 1 || format == 3 ? 28 : 20);
+    const std::size_t base = extended ? 30 : (format == 0 || format == 2 ? 20 : 28);
     for (std::size_t k = base; k < length; ++k)
       r[k] = static_cast<std::uint8_t>(random() % 4 ? (i / 64 + k) : random());
+    const int waveAt[11] = {-1, -1, -1, -1, 28, 34, -1, -1, -1, 30, 38};
+    if (waveAt[format] >= 0)
+      wavePacket(r + waveAt[format], i == 0 ? nullptr : r - length + waveAt[format], random);
   }
   return out;
 }
@@ -202,7 +230,26 @@ TEST_F(LazFiles, EncodedChunksDecodeToTheirRecordsInEveryFormat) {
       {7,
        {{Quorvel::Laz::Point14, 30, 3}, {Quorvel::Laz::Rgb14, 6, 3}, {Quorvel::Laz::Byte14, 4, 3}},
        40},
-      {8, {{Quorvel::Laz::Point14, 30, 3}, {Quorvel::Laz::RgbNir14, 8, 3}}, 38}};
+      {8, {{Quorvel::Laz::Point14, 30, 3}, {Quorvel::Laz::RgbNir14, 8, 3}}, 38},
+      {4,
+       {{Quorvel::Laz::Point10, 20, 2},
+        {Quorvel::Laz::GpsTime11, 8, 2},
+        {Quorvel::Laz::WavePacket13, 29, 1}},
+       57},
+      {5,
+       {{Quorvel::Laz::Point10, 20, 2},
+        {Quorvel::Laz::GpsTime11, 8, 2},
+        {Quorvel::Laz::Rgb12, 6, 2},
+        {Quorvel::Laz::WavePacket13, 29, 1},
+        {Quorvel::Laz::Byte, 2, 2}},
+       65},
+      {9, {{Quorvel::Laz::Point14, 30, 3}, {Quorvel::Laz::WavePacket14, 29, 3}}, 59},
+      {10,
+       {{Quorvel::Laz::Point14, 30, 4},
+        {Quorvel::Laz::RgbNir14, 8, 4},
+        {Quorvel::Laz::WavePacket14, 29, 4},
+        {Quorvel::Laz::Byte14, 2, 4}},
+       69}};
   for (const Case& c : cases)
     for (std::uint32_t count : {1u, 2u, 3000u}) {
       const auto records = syntheticRecords(c.format, c.length, count, 7u + count);
@@ -230,7 +277,7 @@ TEST_F(LazFiles, EncodedChunksDecodeToTheirRecordsInEveryFormat) {
       }
     }
   Quorvel::Laz::Description d;
-  EXPECT_THROW(Quorvel::Laz::laszipRecord(4, 0, 50000, d), std::runtime_error);
+  EXPECT_THROW(Quorvel::Laz::laszipRecord(11, 0, 50000, d), std::runtime_error);
 }
 
 TEST_F(LazFiles, EveryFileOfTheCorpusDecodesToItsRecords) {
