@@ -179,6 +179,8 @@ public:
   bool overran() const {
     return std::any_of(layers_.begin(), layers_.end(), [](const Layer& l) { return l.overran(); });
   }
+  // Version 4: the other items always take the point's channel as their context.
+  bool version4 = false;
   // Decodes the next record; gives the context of the other items.
   unsigned next(std::uint8_t* out);
   // Encodes the next record; gives the context of the other items.
@@ -285,9 +287,9 @@ unsigned PointItem::next(std::uint8_t* out) {
     gpsTime(c);
   c.timeChanged = gpsChanged;
   std::memcpy(out, c.last.b.data(), 30);
-  // The other items take the channel as their context only when it changed with this point,
-  // channel 0 otherwise: LASzip's writer passes it on so, and its files decode only so.
-  return (changed & 64) ? k : 0;
+  // Before version 4 the other items take the channel as their context only when it changed with
+  // this point, channel 0 otherwise: LASzip 3 passes it on so, and its files decode only so.
+  return (changed & 64) || version4 ? k : 0;
 }
 
 void PointItem::attributes(Channel& c, unsigned changed, std::uint32_t n, std::uint32_t r) {
@@ -470,7 +472,7 @@ unsigned PointItem::next(const std::uint8_t* in) {
     encodeGpsTime(c, p.time());
   c.timeChanged = gpsChanged;
   c.last = p;
-  const unsigned result = (changed & 64) ? sc : 0;
+  const unsigned result = (changed & 64) || version4 ? sc : 0;
   current_ = sc;
   return result;
 }
@@ -809,9 +811,10 @@ std::unique_ptr<Items> itemsOf(const std::vector<Item>& list, std::size_t record
       throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
                                std::to_string(item.version) + " is not supported");
     const bool v4 = item.version == 4;
-    if (item.type == Point14 && at == 0 && item.size == 30)
+    if (item.type == Point14 && at == 0 && item.size == 30) {
       point = true;
-    else if (item.type == Rgb14 && item.size == 6 && point && !out->rgb && !out->wave) {
+      out->point.version4 = v4;
+    } else if (item.type == Rgb14 && item.size == 6 && point && !out->rgb && !out->wave) {
       out->rgb = std::make_unique<RgbItem>(v4);
       out->rgbAt = at;
     } else if (item.type == RgbNir14 && item.size == 8 && point && !out->rgb && !out->wave) {

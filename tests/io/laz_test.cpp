@@ -1,6 +1,6 @@
-// Tests of LAZ reading: real LAZ files decoded record for record against the LAS files holding
-// the same records (two small pairs in data/, the shared corpus when present), tiled reads, and
-// damaged or foreign files refused with their reason.
+// Tests of LAZ reading and writing: real LAZ files decoded record for record against the LAS files
+// holding the same records (small pairs in data/, the shared corpus when present), wave packets
+// against what LASzip writes, tiled reads, and damaged or foreign files refused with their reason.
 #include "io/las.hpp"
 
 #include "io/laz/Layered.hpp"
@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -130,11 +131,8 @@ TEST_F(LazFiles, SmallFilesWrittenAsLazReadBackTheSame) {
   EXPECT_TRUE(recordsOf(file("cloud.las")) == recordsOf(file("back.las")));
 }
 
-// Records of a point format with some structure and some noise: returns that count up and
-// jump, scanner channels that switch, wave packets, GPS times in sequences that restart, colours
-// and extra bytes that mostly repeat. A wave packet after the last one (or a first one): the
-// waveform at the same offset, right after the last packet, a 32-bit or a 64-bit step away; sizes
-// that mostly repeat, some beyond 2^31.
+// A wave packet after the last one (or a first one): the waveform at the same offset, right after
+// the last packet, a 32-bit or a 64-bit step away; sizes that mostly repeat, some beyond 2^31.
 void wavePacket(std::uint8_t* p, const std::uint8_t* last, std::mt19937& random) {
   std::uint64_t offset = 1000;
   std::uint32_t size = 256;
@@ -158,6 +156,58 @@ void wavePacket(std::uint8_t* p, const std::uint8_t* last, std::mt19937& random)
   std::memcpy(p + 13, floats, 16);
 }
 
+// Files LASzip 3.4 wrote (chunks of 1,000 points) from synthetic wave-packet records, items of
+// versions 1 to 3 and, for formats 9 and 10, also of version 4 (whose items after the point always
+// follow its channel): every record decoded, the first chunk encoded again byte for byte as
+// LASzip encoded it, every file written as LAZ and read back the same.
+TEST_F(LazFiles, WavePacketFilesDecodeAndEncodeAsLaszipDoes) {
+  using L = Quorvel::Laz::ItemType;
+  const auto items = [](int format, std::uint16_t v) {
+    const std::uint16_t p = format < 6 ? 2 : v;
+    switch (format) {
+    case 4:
+      return std::vector<Quorvel::Laz::Item>{
+          {L::Point10, 20, p}, {L::GpsTime11, 8, p}, {L::WavePacket13, 29, 1}};
+    case 5:
+      return std::vector<Quorvel::Laz::Item>{{L::Point10, 20, p},
+                                             {L::GpsTime11, 8, p},
+                                             {L::Rgb12, 6, p},
+                                             {L::WavePacket13, 29, 1},
+                                             {L::Byte, 2, p}};
+    case 9:
+      return std::vector<Quorvel::Laz::Item>{{L::Point14, 30, v}, {L::WavePacket14, 29, v}};
+    default:
+      return std::vector<Quorvel::Laz::Item>{
+          {L::Point14, 30, v}, {L::RgbNir14, 8, v}, {L::WavePacket14, 29, v}, {L::Byte14, 2, v}};
+    }
+  };
+  const std::tuple<const char*, int, std::uint16_t> files[] = {
+      {"wave4", 4, 3},   {"wave5", 5, 3},   {"wave9", 9, 3},
+      {"wave10", 10, 3}, {"wave9v4", 9, 4}, {"wave10v4", 10, 4}};
+  for (const auto& [name, format, version] : files) {
+    const std::string base = std::string(name).substr(0, std::string(name).find("v4"));
+    const fs::path laz = Sample / (std::string(name) + ".laz"), las = Sample / (base + ".las");
+    expectRecords(laz, las);
+    expectRewritten(laz);
+    const auto records = recordsOf(las);
+    const std::size_t length = records.size() / 1500;
+    std::vector<std::uint8_t> chunk;
+    if (format < 6)
+      Quorvel::Laz::encodePointwiseChunk(records.data(), 1000, items(format, version), length,
+                                         chunk);
+    else
+      Quorvel::Laz::encodeLayeredChunk(records.data(), 1000, items(format, version), length, chunk);
+    const auto file = bytesOf(laz);
+    std::uint32_t offset;
+    std::memcpy(&offset, file.data() + 96, 4);
+    ASSERT_LE(offset + 8 + chunk.size(), file.size()) << name;
+    EXPECT_TRUE(std::equal(chunk.begin(), chunk.end(), file.begin() + offset + 8)) << name;
+  }
+}
+
+// Records of a point format with some structure and some noise: returns that count up and
+// jump, scanner channels that switch, wave packets, GPS times in sequences that restart, colours
+// and extra bytes that mostly repeat.
 std::vector<std::uint8_t> syntheticRecords(int format, std::size_t length, std::size_t count,
                                            unsigned seed) {
   std::mt19937 random(seed);
