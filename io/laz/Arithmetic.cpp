@@ -114,7 +114,11 @@ std::uint32_t Decoder::decodeSymbol(SymbolModel& m) {
   std::uint32_t symbol, x, y = length_;
   if (m.tableSize != 0) {
     const std::uint32_t dv = value_ / (length_ >>= SymbolLengthShift);
-    const std::uint32_t t = dv >> m.tableShift;
+    std::uint32_t t = dv >> m.tableShift;
+    if (t > m.tableSize) { // only bytes that no encoder wrote put the value beyond the range
+      overran_ = true;
+      t = m.tableSize;
+    }
     symbol = m.decoderTable[t];
     std::uint32_t n = m.decoderTable[t + 1] + 1;
     while (n > symbol + 1) { // bisection within the table's bracket

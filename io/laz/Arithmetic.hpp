@@ -34,7 +34,8 @@ public:
 };
 
 // The range decoder over the bytes [data, data + size). Reading past the end yields zeros and is
-// remembered: overran() then tells that the bytes did not hold what was decoded.
+// remembered, as are bytes no encoder could have written: overran() then tells that the bytes did
+// not hold what was decoded.
 class Decoder {
 public:
   Decoder(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}
