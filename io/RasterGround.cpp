@@ -66,16 +66,24 @@ std::vector<Offset> ringOffsets(int rings, std::vector<std::size_t>& starts) {
   return out;
 }
 
+// The cells as the ring means read them: the height where measured and 1 as its weight, 0 and 0
+// elsewhere, so that a mean adds every cell of a ring without a branch.
+struct Measures {
+  std::vector<float> heights;
+  std::vector<double> measured;
+};
+
 // The weighted mean of the measured cells of the nearest ring around (i, j) that holds any;
 // false when none within the rings does.
-bool ringMean(const detail::Pixels& p, long long i, long long j, const std::vector<Offset>& offsets,
-              const std::vector<std::size_t>& starts, float& out) {
+bool ringMean(const detail::Pixels& p, const Measures& m, long long i, long long j,
+              const std::vector<Offset>& offsets, const std::vector<std::size_t>& starts,
+              float& out) {
   const auto w = static_cast<long long>(p.columns), h = static_cast<long long>(p.rows);
   const auto rings = static_cast<long long>(starts.size()) - 1;
   // Away from the edges no offset needs a bounds test.
   const bool inside = i >= rings && j >= rings && i + rings < w && j + rings < h;
-  const std::uint8_t* types = p.types.data();
-  const float* heights = p.heights.data();
+  const float* heights = m.heights.data();
+  const double* measured = m.measured.data();
   for (std::size_t r = 1; r < starts.size(); ++r) {
     double sum = 0, weights = 0;
     for (std::size_t k = starts[r - 1]; k < starts[r]; ++k) {
@@ -83,10 +91,9 @@ bool ringMean(const detail::Pixels& p, long long i, long long j, const std::vect
       if (!inside && (x < 0 || y < 0 || x >= w || y >= h))
         continue;
       const auto at = static_cast<std::size_t>(y * w + x);
-      if (types[at] == Measured) {
-        sum += offsets[k].weight * heights[at];
-        weights += offsets[k].weight;
-      }
+      // Cells without a measure add exact zeros: the sums are those of the measured cells.
+      sum += offsets[k].weight * heights[at];
+      weights += offsets[k].weight * measured[at];
     }
     if (weights > 0) {
       out = static_cast<float>(sum / weights);
@@ -103,6 +110,12 @@ void fillGaps(detail::Pixels& p, int rings) {
   const std::vector<Offset> offsets = ringOffsets(rings, starts);
   std::vector<float> filled(p.heights);
   std::vector<std::uint8_t> types(p.types);
+  Measures m{std::vector<float>(p.heights.size()), std::vector<double>(p.heights.size())};
+  for (std::size_t k = 0; k < p.heights.size(); ++k)
+    if (p.types[k] == Measured) {
+      m.heights[k] = p.heights[k];
+      m.measured[k] = 1;
+    }
   // Rows are independent: each reads the measured cells and writes its own row of the copies.
   const auto rows = static_cast<long long>(p.rows);
 #pragma omp parallel for schedule(dynamic, 16)
@@ -110,12 +123,45 @@ void fillGaps(detail::Pixels& p, int rings) {
     for (std::size_t i = 0, j = static_cast<std::size_t>(row); i < p.columns; ++i) {
       const std::size_t at = j * p.columns + i;
       if (p.types[at] != Measured &&
-          ringMean(p, static_cast<long long>(i), static_cast<long long>(j), offsets, starts,
+          ringMean(p, m, static_cast<long long>(i), static_cast<long long>(j), offsets, starts,
                    filled[at]))
         types[at] = Filled;
     }
   p.heights.swap(filled);
   p.types.swap(types);
+}
+
+// Lowers every cell's height (infinity at first) to the lowest z of the ground points in it.
+// Cells and heights are gathered in blocks first, so that the cells of points in any order are
+// fetched ahead of their update.
+void lowestPerCell(const Tressel::Grid& cloud, const Vantor::MultiRange<double>& classes,
+                   const Extent& e, double c, detail::Pixels& p) {
+  constexpr std::size_t Block = 4096, Ahead = 32;
+  std::vector<std::pair<std::size_t, float>> cells;
+  cells.reserve(Block);
+  float* heights = p.heights.data();
+  const auto lower = [&] {
+    for (std::size_t k = 0; k < cells.size(); ++k) {
+      if (k + Ahead < cells.size())
+        __builtin_prefetch(heights + cells[k + Ahead].first, 1);
+      float& h = heights[cells[k].first];
+      h = std::min(h, cells[k].second);
+    }
+    cells.clear();
+  };
+  forEachPoint(cloud, classes, [&](const point& q, bool ground) {
+    if (!ground)
+      return;
+    const double gx = std::floor(q.x / c) - e.lowX, gy = std::floor(q.y / c) - e.lowY;
+    // A stored box that a point lies outside of (a changed cloud) must not move it off the grid.
+    if (gx >= 0 && gy >= 0 && gx < static_cast<double>(p.columns) &&
+        gy < static_cast<double>(p.rows))
+      cells.emplace_back(static_cast<std::size_t>(gy) * p.columns + static_cast<std::size_t>(gx),
+                         static_cast<float>(q.z));
+    if (cells.size() == Block)
+      lower();
+  });
+  lower();
 }
 
 } // namespace
@@ -149,28 +195,19 @@ Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
   p.x0 = (e.lowX + 0.5) * c;
   p.y0 = (e.lowY + 0.5) * c;
   p.sizeX = p.sizeY = c;
-  p.types.assign(p.columns * p.rows, NoData);
   p.heights.assign(p.columns * p.rows, std::numeric_limits<float>::infinity());
-  forEachPoint(cloud, settings.classes, [&](const point& q, bool ground) {
-    if (!ground)
-      return;
-    const double gx = std::floor(q.x / c) - e.lowX, gy = std::floor(q.y / c) - e.lowY;
-    // A stored box that a point lies outside of (a changed cloud) must not move it off the grid.
-    if (!(gx >= 0 && gy >= 0 && gx < static_cast<double>(p.columns) &&
-          gy < static_cast<double>(p.rows)))
-      return;
-    anyGround = true;
-    const auto i = static_cast<std::size_t>(gx), j = static_cast<std::size_t>(gy);
-    float& h = p.heights[j * p.columns + i];
-    h = std::min(h, static_cast<float>(q.z));
-    p.types[j * p.columns + i] = Measured;
-  });
+  lowestPerCell(cloud, settings.classes, e, c, p);
+  // A cell is measured when a point lowered it from infinity.
+  p.types.resize(p.heights.size());
+  for (std::size_t k = 0; k < p.heights.size(); ++k) {
+    const bool measured = p.heights[k] < std::numeric_limits<float>::infinity();
+    anyGround = anyGround || measured;
+    p.types[k] = measured ? Measured : NoData;
+    p.heights[k] = measured ? p.heights[k] : std::numeric_limits<float>::quiet_NaN();
+  }
   if (!anyGround)
     throw Las::Error("ground raster: no point of the classes " + settings.classes.to_string() +
                      " (with finite coordinates and a \"Classification\")");
-  for (std::size_t k = 0; k < p.heights.size(); ++k)
-    if (p.types[k] != Measured)
-      p.heights[k] = std::numeric_limits<float>::quiet_NaN();
   fillGaps(p, settings.fillRings);
   p.coordinateSystem = coordinateSystemOf(cloud);
   return detail::gridOf(p, settings.fragmentCells, settings.heightField);

@@ -46,15 +46,24 @@ StrongPtr<Grid> createRegularlyFragmentedGridWithCartesianVertices3D(
                                          "_" + std::to_string(c));
         auto xyz = std::make_shared<MemArray<3, point>>(cells);
         auto view = xyz->view();
+        const auto at = [&](std::size_t i, std::size_t j, std::size_t k) {
+          return point{origin.x + static_cast<double>(a * cells[0] + i) * cellSize.x,
+                       origin.y + static_cast<double>(b * cells[1] + j) * cellSize.y,
+                       origin.z + static_cast<double>(c * cells[2] + k) * cellSize.z};
+        };
         for (std::size_t k = 0; k < cells[2]; ++k)
           for (std::size_t j = 0; j < cells[1]; ++j)
             for (std::size_t i = 0; i < cells[0]; ++i)
-              view(i, j, k) = point{origin.x + static_cast<double>(a * cells[0] + i) * cellSize.x,
-                                    origin.y + static_cast<double>(b * cells[1] + j) * cellSize.y,
-                                    origin.z + static_cast<double>(c * cells[2] + k) * cellSize.z};
+              view(i, j, k) = at(i, j, k);
         auto creator = positions->setPersistentData(xyz, id);
-        StrongPtr<BoundingBox> box;
-        ExpandBBox(box, creator, BBoxStore);
+        // Every coordinate grows (or falls) with its index: the first and the last cell bound
+        // the fragment, exactly as a scan of its cells would.
+        if (cells[0] > 0 && cells[1] > 0 && cells[2] > 0) {
+          BoundingBox box;
+          box.expand(at(0, 0, 0));
+          box.expand(at(cells[0] - 1, cells[1] - 1, cells[2] - 1));
+          setFragmentBBox(creator, box);
+        }
       }
   setTriple<double>(*grid, "UniformOrigin", origin.x, origin.y, origin.z);
   setTriple<double>(*grid, "UniformCellSize", cellSize.x, cellSize.y, cellSize.z);
