@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
-#include <omp.h>
 #include <string>
 
 namespace Quorvel::Raster {
@@ -126,12 +125,8 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
     {
       char** options = CSLSetNameValue(nullptr, "COMPRESS", "DEFLATE");
       options = CSLSetNameValue(options, "ZLEVEL", "1");
-      // The floating-point predictor (TIFF's predictor 3) makes heights both smaller and faster
-      // to deflate.
+      // The floating-point predictor (TIFF's predictor 3) makes heights a tenth smaller.
       options = CSLSetNameValue(options, "PREDICTOR", "3");
-      // Strips are deflated on the threads the run may use.
-      options = CSLSetNameValue(options, "NUM_THREADS",
-                                std::to_string(std::max(1, omp_get_max_threads())).c_str());
       Dataset out(driver->Create(file.temporary().c_str(), static_cast<int>(p.columns),
                                  static_cast<int>(p.rows), 1, GDT_Float32, options));
       CSLDestroy(options);
