@@ -25,7 +25,8 @@ const std::vector<Format>& formats() {
       {{{Point14, 30, 3}, {Rgb14, 6, 3}, {Byte14, 2, 3}}, 38, true},
       {{{Point14, 30, 3}, {RgbNir14, 8, 3}}, 38, true},
       {{{Point10, 20, 2}, {GpsTime11, 8, 2}, {WavePacket13, 29, 1}}, 57, false},
-      {{{Point14, 30, 4}, {RgbNir14, 8, 4}, {WavePacket14, 29, 4}, {Byte14, 2, 4}}, 69, true}};
+      {{{Point14, 30, 4}, {RgbNir14, 8, 4}, {WavePacket14, 29, 4}, {Byte14, 2, 4}}, 69, true},
+      {{{Point10, 20, 1}, {GpsTime11, 8, 1}, {Rgb12, 6, 1}, {Byte, 27, 1}}, 61, false}};
   return all;
 }
 

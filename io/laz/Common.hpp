@@ -1,5 +1,6 @@
 // Quorvel: what the LAZ item coders share: little-endian loads and stores, the format's wrapping
-// 32-bit arithmetic, the median of the last five differences, and colours predicted from red.
+// 32-bit arithmetic, models made on first use, the median of the last five differences, and
+// colours predicted from red.
 #pragma once
 
 #include "io/laz/Arithmetic.hpp"
@@ -8,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace Quorvel::Laz {
@@ -28,9 +30,32 @@ void put(std::vector<std::uint8_t>& out, T v) {
   out.insert(out.end(), p, p + sizeof v);
 }
 
+// Symbol models chosen by a context, made when first used (a fresh model is the same whenever
+// it is made).
+template <std::size_t N>
+class LazyModels {
+public:
+  explicit LazyModels(std::uint32_t symbols) : symbols_(symbols) {}
+  SymbolModel& operator[](std::size_t k) {
+    if (!models_[k])
+      models_[k] = std::make_unique<SymbolModel>(symbols_);
+    return *models_[k];
+  }
+
+private:
+  std::uint32_t symbols_;
+  std::array<std::unique_ptr<SymbolModel>, N> models_;
+};
+
 // Wrapping 32-bit sum, as the format's integer arithmetic.
 inline std::int32_t wrap(std::int64_t v) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(v));
+}
+
+// Adds a difference to a time pattern, wrapping as the format's 64-bit integers do.
+inline void advance(std::int64_t& time, std::int64_t diff) {
+  time = static_cast<std::int64_t>(static_cast<std::uint64_t>(time) +
+                                   static_cast<std::uint64_t>(diff));
 }
 
 // The median of the last five values, kept sorted with a flag that alternates the side replaced.

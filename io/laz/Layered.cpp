@@ -75,22 +75,6 @@ struct OutLayer {
   }
 };
 
-// Symbol models made when first used.
-template <std::size_t N>
-class LazyModels {
-public:
-  explicit LazyModels(std::uint32_t symbols) : symbols_(symbols) {}
-  SymbolModel& operator[](std::size_t k) {
-    if (!models_[k])
-      models_[k] = std::make_unique<SymbolModel>(symbols_);
-    return *models_[k];
-  }
-
-private:
-  std::uint32_t symbols_;
-  std::array<std::unique_ptr<SymbolModel>, N> models_;
-};
-
 constexpr std::uint8_t ReturnMap6[16][16] = {{0, 1, 2, 3, 4, 5, 3, 4, 4, 5, 5, 5, 5, 5, 5, 5},
                                              {1, 0, 1, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3},
                                              {2, 1, 2, 4, 4, 4, 4, 4, 4, 4, 4, 3, 3, 3, 3, 3},

@@ -1,10 +1,11 @@
 // Quorvel: the pointwise LASzip compressor, items of version 2: the point of formats 0 to 5
 // (POINT10), the GPS time (GPSTIME11), the colour (RGB12) and extra bytes (BYTE), and the wave
-// packet (WAVEPACKET13, version 1). A chunk starts
-// with its first record raw; every later value is predicted from the ones before and only the
-// correction is coded.
+// packet (WAVEPACKET13, version 1). Chunks of version 1 are decoded with the items of
+// PointwiseV1. A chunk starts with its first record raw; every later value is predicted from the
+// ones before and only the correction is coded.
 #include "io/laz/Pointwise.hpp"
 #include "io/laz/Common.hpp"
+#include "io/laz/PointwiseV1.hpp"
 #include "io/laz/WavePacket.hpp"
 
 #include <algorithm>
@@ -19,20 +20,6 @@
 namespace Quorvel::Laz {
 
 namespace {
-
-// Models chosen by a previous byte, made when first used (a fresh model is the same whenever it
-// is made).
-class ModelsByByte {
-public:
-  SymbolModel& operator[](std::size_t k) {
-    if (!models_[k])
-      models_[k] = std::make_unique<SymbolModel>(256);
-    return *models_[k];
-  }
-
-private:
-  std::array<std::unique_ptr<SymbolModel>, 256> models_;
-};
 
 // Contexts of the x, y, z predictions by return r of n returns: numbered pairs of (n, r) and how
 // far r lies from n; the tables also cover files that number returns from 0 or swap r and n.
@@ -66,7 +53,7 @@ private:
   std::array<std::int32_t, 8> lastHeight_{};
   SymbolModel changed_{64};
   SymbolModel scanAngle_[2] = {SymbolModel(256), SymbolModel(256)};
-  ModelsByByte returns_, classes_, userData_;
+  LazyModels<256> returns_{256}, classes_{256}, userData_{256};
   IntegerCoder intensity_{16, 4}, pointSource_{16, 1}, dx_{32, 2}, dy_{32, 22}, z_{32, 20};
 };
 
@@ -156,12 +143,6 @@ void PointItem::next(Encoder& e, const std::uint8_t* in) {
   z_.encode(e, lastHeight_[level], z, (n == 1) + (k < 18 ? k & ~1u : 18));
   lastHeight_[level] = z;
   std::memcpy(last_.data(), in, 20);
-}
-
-// Adds a difference to a time pattern, wrapping as the format's 64-bit integers do.
-void advance(std::int64_t& time, std::int64_t diff) {
-  time = static_cast<std::int64_t>(static_cast<std::uint64_t>(time) +
-                                   static_cast<std::uint64_t>(diff));
 }
 
 // Multipliers of the GPS time coder.
@@ -437,13 +418,14 @@ private:
   WavePacketCoder coder_;
 };
 
-// The items of one chunk, in record order.
+// The items of one chunk, in record order, of one version.
+template <class Point, class Time, class Rgb, class Bytes>
 struct Items {
-  std::unique_ptr<PointItem> point;
-  std::unique_ptr<GpsTimeItem> time;
-  std::unique_ptr<RgbItem> rgb;
+  std::unique_ptr<Point> point;
+  std::unique_ptr<Time> time;
+  std::unique_ptr<Rgb> rgb;
   std::unique_ptr<WaveItem> wave;
-  std::unique_ptr<BytesItem> bytes;
+  std::unique_ptr<Bytes> bytes;
   std::size_t timeAt = 0, rgbAt = 0, waveAt = 0, bytesAt = 0;
 
   template <class Byte, class F>
@@ -460,24 +442,44 @@ struct Items {
   }
 };
 
-Items itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
-  Items out;
-  std::size_t at = 0;
+using ItemsV2 = Items<PointItem, GpsTimeItem, RgbItem, BytesItem>;
+using ItemsV1 = Items<PointItemV1, GpsTimeItemV1, RgbItemV1, BytesItemV1>;
+
+// The version of a chunk's items: wave packets have only version 1; the others are all of
+// version 1 (LASzip 1.x) or all of version 2.
+std::uint16_t versionOf(const std::vector<Item>& list) {
+  const std::uint16_t version = list.empty() ? 2 : list.front().version;
   for (const Item& item : list) {
-    // Wave packets have only version 1; extra bytes of any version are coded alike.
-    if (item.type == WavePacket13 ? item.version != 1 : item.version != 2 && item.type != Byte)
+    const bool known =
+        item.type == WavePacket13 ? item.version == 1 : item.version == 1 || item.version == 2;
+    if (!known)
       throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
                                std::to_string(item.version) + " is not supported");
+    if (item.type != WavePacket13 && item.version != version)
+      throw std::runtime_error("its items mix versions 1 and 2");
+  }
+  return version;
+}
+
+template <class Set>
+Set itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
+  using Point = typename decltype(Set::point)::element_type;
+  using Time = typename decltype(Set::time)::element_type;
+  using Rgb = typename decltype(Set::rgb)::element_type;
+  using Bytes = typename decltype(Set::bytes)::element_type;
+  Set out;
+  std::size_t at = 0;
+  for (const Item& item : list) {
     if (item.type == Point10 && at == 0 && item.size == 20 && !out.point)
-      out.point = std::make_unique<PointItem>();
+      out.point = std::make_unique<Point>();
     else if (item.type == GpsTime11 && item.size == 8 && out.point && !out.time) {
-      out.time = std::make_unique<GpsTimeItem>();
+      out.time = std::make_unique<Time>();
       out.timeAt = at;
     } else if (item.type == Rgb12 && item.size == 6 && out.point && !out.rgb && !out.wave) {
-      out.rgb = std::make_unique<RgbItem>();
+      out.rgb = std::make_unique<Rgb>();
       out.rgbAt = at;
     } else if (item.type == Byte && item.size > 0 && out.point && !out.bytes) {
-      out.bytes = std::make_unique<BytesItem>(item.size);
+      out.bytes = std::make_unique<Bytes>(item.size);
       out.bytesAt = at;
     } else if (item.type == WavePacket13 && item.size == WavePacketSize && out.point && !out.wave) {
       out.wave = std::make_unique<WaveItem>();
@@ -495,6 +497,18 @@ Items itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
   return out;
 }
 
+template <class Set>
+void decodeChunk(Decoder& d, const std::vector<Item>& list, std::uint32_t count,
+                 std::size_t recordLength, std::uint8_t* out) {
+  Set items = itemsOf<Set>(list, recordLength);
+  items.each(out, [](auto& item, const std::uint8_t* at) { item.first(at); });
+  d.start();
+  for (std::uint32_t i = 1; i < count; ++i) {
+    std::uint8_t* record = out + i * recordLength;
+    items.each(record, [&d](auto& item, std::uint8_t* at) { item.next(d, at); });
+  }
+}
+
 } // namespace
 
 void encodePointwiseChunk(const std::uint8_t* records, std::uint32_t count,
@@ -502,7 +516,9 @@ void encodePointwiseChunk(const std::uint8_t* records, std::uint32_t count,
                           std::vector<std::uint8_t>& out) {
   if (count == 0)
     return;
-  Items items = itemsOf(list, recordLength);
+  if (versionOf(list) != 2)
+    throw std::runtime_error("items of version 1 are not written");
+  ItemsV2 items = itemsOf<ItemsV2>(list, recordLength);
   out.insert(out.end(), records, records + recordLength);
   items.each(records, [](auto& item, const std::uint8_t* at) { item.first(at); });
   Encoder e(out);
@@ -516,16 +532,14 @@ void decodePointwiseChunk(const std::uint8_t* data, std::size_t size, const std:
                           std::uint32_t count, std::size_t recordLength, std::uint8_t* out) {
   if (count == 0)
     return;
-  Items items = itemsOf(list, recordLength);
+  const std::uint16_t version = versionOf(list);
   Decoder d(data, size);
   if (!d.rawBytes(out, recordLength))
     throw std::runtime_error("truncated (its first point is missing)");
-  items.each(out, [](auto& item, const std::uint8_t* at) { item.first(at); });
-  d.start();
-  for (std::uint32_t i = 1; i < count; ++i) {
-    std::uint8_t* record = out + i * recordLength;
-    items.each(record, [&d](auto& item, std::uint8_t* at) { item.next(d, at); });
-  }
+  if (version == 1)
+    decodeChunk<ItemsV1>(d, list, count, recordLength, out);
+  else
+    decodeChunk<ItemsV2>(d, list, count, recordLength, out);
   if (d.overran())
     throw std::runtime_error("truncated (its points need more bytes than it holds)");
 }
