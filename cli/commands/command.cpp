@@ -13,11 +13,12 @@ namespace Quorvel::Cli {
 
 void CloudCommand::addOptions(CLI::App& app) {
   addStageOptions(app);
-  auto* input = app.add_option(inputName(), input_, "the point cloud to change (LAS or bundle)");
+  auto* input =
+      app.add_option(inputName(), input_, "the point cloud to change (LAS, LAZ or bundle)");
   addOperandsAfterInput(app);
   auto* output = app.add_option("-o,--output", output_,
                                 writesRasters() ? "where to write the result (bundle or GeoTIFF)"
-                                                : "where to write the result (LAS or bundle)")
+                                                : "where to write the result (LAS, LAZ or bundle)")
                      ->check(writesRasters() ? rasterOutputFile() : outputFile());
   if (!hasFilesForm())
     input->required();

@@ -7,7 +7,7 @@ namespace Quorvel::Cli {
 const std::vector<CommandEntry>& commands() {
   static const std::vector<CommandEntry> table = {
       {"info", "points, fragments, fields with types, bbox, classes", makeInfo},
-      {"convert", "LAS <-> bundle (.h5), by extension", makeConvert},
+      {"convert", "LAS/LAZ <-> bundle (.h5), by extension", makeConvert},
       {"compare", "agreement of a per-point field, overall and per class", makeCompare},
       {"transfer", "classes from SOURCE onto TARGET by nearest neighbours", makeTransfer},
       {"cellsize", "voxel-density cell size of every point", makeCellSize},

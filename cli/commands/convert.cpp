@@ -1,4 +1,4 @@
-// quorvel convert: LAS <-> bundle (.h5), chosen by the file extensions.
+// quorvel convert: LAS or LAZ <-> bundle (.h5), chosen by the file extensions.
 #include "cli/commands/command.hpp"
 
 namespace Quorvel::Cli {
@@ -8,8 +8,9 @@ namespace {
 class Convert final : public Command {
 public:
   void addOptions(CLI::App& app) override {
-    app.add_option("IN", in_, "a LAS or bundle file")->required();
-    app.add_option("OUT", out_, "the file to write: .h5 or .hdf5 for a bundle, .las for LAS")
+    app.add_option("IN", in_, "a LAS, LAZ or bundle file")->required();
+    app.add_option("OUT", out_,
+                   "the file to write: .h5 or .hdf5 for a bundle, .las for LAS, .laz for LAZ")
         ->required()
         ->check(outputFile());
     addWriteOptions(app, write_);

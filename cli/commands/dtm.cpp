@@ -19,7 +19,7 @@ GeoTIFF keys) goes into the raster. Heights above this ground:
 class Dtm final : public Command {
 public:
   void addOptions(CLI::App& app) override {
-    app.add_option("IN", input_, "the classified cloud (LAS or bundle)")->required();
+    app.add_option("IN", input_, "the classified cloud (LAS, LAZ or bundle)")->required();
     app.add_option("-o,--output", output_, "the raster (.h5 bundle or .tif GeoTIFF)")
         ->required()
         ->check(rasterOutputFile());

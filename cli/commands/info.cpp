@@ -13,7 +13,7 @@ namespace {
 class Info final : public Command {
 public:
   void addOptions(CLI::App& app) override {
-    app.add_option("FILE", path_, "a LAS or bundle file")->required();
+    app.add_option("FILE", path_, "a LAS, LAZ or bundle file")->required();
   }
 
   int run(const Host& host) override {

@@ -11,7 +11,7 @@ namespace Quorvel::Cli {
 namespace {
 
 const char* const Footer = R"(Forms:
-  quorvel map CLOUD RASTER -o OUT [options]      one cloud (LAS or bundle)
+  quorvel map CLOUD RASTER -o OUT [options]      one cloud (LAS, LAZ or bundle)
   quorvel map --files A.h5 B.h5 ... --raster R   every grid of every bundle file, rewritten in
                                                  place with positions in single precision
                                                  (numerically shifted); a file that fails stays
