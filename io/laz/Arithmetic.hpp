@@ -10,6 +10,10 @@
 
 namespace Quorvel::Laz {
 
+// Probabilities of bits are kept in 13 bits, the distributions of symbols in 15.
+constexpr std::uint32_t BitLengthShift = 13;
+constexpr std::uint32_t SymbolLengthShift = 15;
+
 // An adaptive model of one binary decision.
 class BitModel {
 public:
@@ -127,5 +131,115 @@ private:
   BitModel corrector0_;
   std::vector<SymbolModel> correctors_;
 };
+
+// Decoding runs for every value of every point: defined here so that the item decoders inline it.
+
+inline std::uint32_t Decoder::decodeBit(BitModel& m) {
+  const std::uint32_t x = m.bit0Probability * (length_ >> BitLengthShift);
+  const std::uint32_t bit = value_ >= x;
+  if (bit == 0) {
+    length_ = x;
+    ++m.bit0Count;
+  } else {
+    value_ -= x;
+    length_ -= x;
+  }
+  if (length_ < MinLength)
+    renormalize();
+  if (--m.bitsUntilUpdate == 0)
+    m.update();
+  return bit;
+}
+
+inline std::uint32_t Decoder::decodeSymbol(SymbolModel& m) {
+  std::uint32_t symbol, x, y = length_;
+  if (m.tableSize != 0) {
+    const std::uint32_t dv = value_ / (length_ >>= SymbolLengthShift);
+    std::uint32_t t = dv >> m.tableShift;
+    if (t > m.tableSize) { // only bytes that no encoder wrote put the value beyond the range
+      overran_ = true;
+      t = m.tableSize;
+    }
+    symbol = m.decoderTable[t];
+    std::uint32_t n = m.decoderTable[t + 1] + 1;
+    while (n > symbol + 1) { // bisection within the table's bracket
+      const std::uint32_t k = (symbol + n) >> 1;
+      const bool above = m.distribution[k] > dv; // chosen without a branch: it is a coin toss
+      n = above ? k : n;
+      symbol = above ? symbol : k;
+    }
+    x = m.distribution[symbol] * length_;
+    if (symbol != m.lastSymbol)
+      y = m.distribution[symbol + 1] * length_;
+  } else {
+    x = symbol = 0;
+    length_ >>= SymbolLengthShift;
+    std::uint32_t n = m.symbols, k = n >> 1;
+    do {
+      const std::uint32_t z = length_ * m.distribution[k];
+      if (z > value_) {
+        n = k;
+        y = z;
+      } else {
+        symbol = k;
+        x = z;
+      }
+    } while ((k = (symbol + n) >> 1) != symbol);
+  }
+  value_ -= x;
+  length_ = y - x;
+  if (length_ < MinLength)
+    renormalize();
+  ++m.symbolCount[symbol];
+  if (--m.symbolsUntilUpdate == 0)
+    m.update();
+  return symbol;
+}
+
+inline std::uint32_t Decoder::readBits(std::uint32_t bits) {
+  if (bits > 19) {
+    const std::uint32_t low = readShort();
+    return (readBits(bits - 16) << 16) | low;
+  }
+  const std::uint32_t symbol = value_ / (length_ >>= bits);
+  value_ -= length_ * symbol;
+  if (length_ < MinLength)
+    renormalize();
+  return symbol;
+}
+
+inline std::int32_t IntegerCoder::decode(Decoder& d, std::int32_t prediction,
+                                         std::uint32_t context) {
+  // Wrapping arithmetic, as the encoder's: a corrector may carry a value around the range.
+  std::uint32_t real = static_cast<std::uint32_t>(prediction) +
+                       static_cast<std::uint32_t>(corrector(d, bits_[context]));
+  const auto signedReal = static_cast<std::int32_t>(real);
+  if (signedReal < 0)
+    real += correctorRange_;
+  else if (correctorRange_ != 0 && real >= correctorRange_)
+    real -= correctorRange_;
+  return static_cast<std::int32_t>(real);
+}
+
+inline std::int32_t IntegerCoder::corrector(Decoder& d, SymbolModel& bits) {
+  k_ = d.decodeSymbol(bits);
+  if (k_ == 0)
+    return static_cast<std::int32_t>(d.decodeBit(corrector0_));
+  if (k_ >= 32)
+    return correctorMin_;
+  std::int32_t c;
+  if (k_ <= bitsHigh_)
+    c = static_cast<std::int32_t>(d.decodeSymbol(correctors_[k_ - 1]));
+  else {
+    const std::uint32_t low = k_ - bitsHigh_;
+    c = static_cast<std::int32_t>(d.decodeSymbol(correctors_[k_ - 1]));
+    c = static_cast<std::int32_t>((static_cast<std::uint32_t>(c) << low) | d.readBits(low));
+  }
+  // Back from [0, 2^k) to the corrector's interval: [2^(k-1), 2^k) holds 2^(k-1) + 1 .. 2^k,
+  // [0, 2^(k-1)) holds -(2^k - 1) .. -2^(k-1).
+  if (c >= (std::int32_t(1) << (k_ - 1)))
+    return c + 1;
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(c) - ((1u << k_) - 1));
+}
 
 } // namespace Quorvel::Laz
