@@ -428,6 +428,9 @@ struct Items {
   std::unique_ptr<Bytes> bytes;
   std::size_t timeAt = 0, rgbAt = 0, waveAt = 0, bytesAt = 0;
 
+  // The items that the record's item list names, checked against the record length.
+  static Items of(const std::vector<Item>& list, std::size_t recordLength);
+
   template <class Byte, class F>
   void each(Byte* record, F&& f) {
     f(*point, record);
@@ -442,32 +445,10 @@ struct Items {
   }
 };
 
-using ItemsV2 = Items<PointItem, GpsTimeItem, RgbItem, BytesItem>;
-using ItemsV1 = Items<PointItemV1, GpsTimeItemV1, RgbItemV1, BytesItemV1>;
-
-// The version of a chunk's items: wave packets have only version 1; the others are all of
-// version 1 (LASzip 1.x) or all of version 2.
-std::uint16_t versionOf(const std::vector<Item>& list) {
-  const std::uint16_t version = list.empty() ? 2 : list.front().version;
-  for (const Item& item : list) {
-    const bool known =
-        item.type == WavePacket13 ? item.version == 1 : item.version == 1 || item.version == 2;
-    if (!known)
-      throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
-                               std::to_string(item.version) + " is not supported");
-    if (item.type != WavePacket13 && item.version != version)
-      throw std::runtime_error("its items mix versions 1 and 2");
-  }
-  return version;
-}
-
-template <class Set>
-Set itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
-  using Point = typename decltype(Set::point)::element_type;
-  using Time = typename decltype(Set::time)::element_type;
-  using Rgb = typename decltype(Set::rgb)::element_type;
-  using Bytes = typename decltype(Set::bytes)::element_type;
-  Set out;
+template <class Point, class Time, class Rgb, class Bytes>
+Items<Point, Time, Rgb, Bytes> Items<Point, Time, Rgb, Bytes>::of(const std::vector<Item>& list,
+                                                                  std::size_t recordLength) {
+  Items out;
   std::size_t at = 0;
   for (const Item& item : list) {
     if (item.type == Point10 && at == 0 && item.size == 20 && !out.point)
@@ -497,10 +478,29 @@ Set itemsOf(const std::vector<Item>& list, std::size_t recordLength) {
   return out;
 }
 
+using ItemsV2 = Items<PointItem, GpsTimeItem, RgbItem, BytesItem>;
+using ItemsV1 = Items<PointItemV1, GpsTimeItemV1, RgbItemV1, BytesItemV1>;
+
+// The version of a chunk's items: wave packets have only version 1; the others are all of
+// version 1 (LASzip 1.x) or all of version 2.
+std::uint16_t versionOf(const std::vector<Item>& list) {
+  const std::uint16_t version = list.empty() ? 2 : list.front().version;
+  for (const Item& item : list) {
+    const bool known =
+        item.type == WavePacket13 ? item.version == 1 : item.version == 1 || item.version == 2;
+    if (!known)
+      throw std::runtime_error("item type " + std::to_string(item.type) + " version " +
+                               std::to_string(item.version) + " is not supported");
+    if (item.type != WavePacket13 && item.version != version)
+      throw std::runtime_error("its items mix versions 1 and 2");
+  }
+  return version;
+}
+
 template <class Set>
 void decodeChunk(Decoder& d, const std::vector<Item>& list, std::uint32_t count,
                  std::size_t recordLength, std::uint8_t* out) {
-  Set items = itemsOf<Set>(list, recordLength);
+  Set items = Set::of(list, recordLength);
   items.each(out, [](auto& item, const std::uint8_t* at) { item.first(at); });
   d.start();
   for (std::uint32_t i = 1; i < count; ++i) {
@@ -518,7 +518,7 @@ void encodePointwiseChunk(const std::uint8_t* records, std::uint32_t count,
     return;
   if (versionOf(list) != 2)
     throw std::runtime_error("items of version 1 are not written");
-  ItemsV2 items = itemsOf<ItemsV2>(list, recordLength);
+  ItemsV2 items = ItemsV2::of(list, recordLength);
   out.insert(out.end(), records, records + recordLength);
   items.each(records, [](auto& item, const std::uint8_t* at) { item.first(at); });
   Encoder e(out);
