@@ -51,7 +51,7 @@ demo: build
 	@build/release/cli/quorvel info data/sample_nc.las | grep -E "^(points|classes)"
 	@echo "== transfer within 1 m (nearest source point's class)"
 	@build/release/cli/quorvel transfer data/sample_c_thin.las data/sample_nc.las \
-		-o build/demo/transferred.las --bands 1 | tr '\r' '\n' | grep -E "^(radius|dimension|bboxes)"
+		-o build/demo/transferred.las --bands 1 --verbose 2>&1 | tr '\r' '\n' | grep -E "^(radius|dimension|bboxes)"
 	@echo "== agreement with the true classes (data/sample_c.las), overall and per true class"
 	@build/release/cli/quorvel compare build/demo/transferred.las data/sample_c.las
 

@@ -4,6 +4,7 @@
 #include "basalt/Text.hpp"
 #include "vantor/MultiRange.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -70,6 +71,53 @@ CLI::Validator numberWithin(double low, double high) {
                    : "\"" + text + "\" is not a number from " + bounds;
       },
       name);
+}
+
+CLI::Validator oneOf(const std::vector<std::string>& choices) {
+  std::string list;
+  for (const std::string& choice : choices)
+    list += (list.empty() ? "" : ", ") + choice;
+  return CLI::Validator(
+      [choices, list](std::string& text) -> std::string {
+        for (const std::string& choice : choices)
+          if (trimmed(text) == choice)
+            return "";
+        return "\"" + text + "\" is not one of " + list;
+      },
+      "{" + list + "}");
+}
+
+std::size_t editDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  for (std::size_t j = 0; j <= b.size(); ++j)
+    row[j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = row[0];
+    row[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t above = row[j];
+      row[j] = std::min({above + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+CLI::Validator nonNegativeNumber() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        const auto value = finiteNumber(text);
+        return value && *value >= 0 ? "" : "\"" + text + "\" is not a finite number of 0 or more";
+      },
+      "NUMBER>=0");
+}
+
+CLI::Validator finiteNumberCheck() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        return finiteNumber(text) ? "" : "\"" + text + "\" is not a finite number";
+      },
+      "NUMBER");
 }
 
 std::optional<std::string> unwritableName(const std::string& path) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Quorvel::Cli {
 
@@ -17,9 +18,15 @@ std::optional<double> finiteNumber(std::string_view text);
 // name of a file the host can write (.las, .h5 or .hdf5).
 CLI::Validator positiveNumber();
 CLI::Validator numberWithin(double low, double high);
+CLI::Validator nonNegativeNumber();
+// Any finite number.
+CLI::Validator finiteNumberCheck();
 CLI::Validator outputFile();
 // An output that holds a raster: a bundle (.h5, .hdf5) or a GeoTIFF (.tif, .tiff).
 CLI::Validator rasterOutputFile();
+// One of a list of values; a value outside it is refused with the list ("\"4\" is not one of 0,
+// 1, 2").
+CLI::Validator oneOf(const std::vector<std::string>& choices);
 // Why the host cannot write a file of that name (its extension), or nothing.
 std::optional<std::string> unwritableName(const std::string& path);
 
@@ -29,5 +36,9 @@ void checkRange(const std::string& name, const std::string& text);
 // The same for a distance/class text ("1" or "0.5=2;1=3": distances finite and not negative,
 // classes whole numbers).
 void checkBands(const std::string& name, const std::string& text);
+
+// The edits (insertions, deletions, substitutions) that turn a into b: how near a mistyped name
+// is to a known one.
+std::size_t editDistance(std::string_view a, std::string_view b);
 
 } // namespace Quorvel::Cli

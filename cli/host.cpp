@@ -8,12 +8,15 @@
 #include "io/raster.hpp"
 #include "tressel/PointCloud.hpp"
 
+#include "basalt/Console.hpp"
 #include "basalt/Text.hpp"
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
+#include <omp.h>
 #include <unistd.h>
 
 namespace Quorvel::Cli {
@@ -24,7 +27,24 @@ void addCommonOptions(CLI::App& app, Common& common) {
                  "then sees only the points of a point's own tile, so results change with N "
                  "(0: one fragment per file)")
       ->capture_default_str();
-  app.add_flag("-q,--quiet", common.quiet, "no progress bar and no summary line");
+  app.add_flag("-q,--quiet", common.quiet,
+               "no progress bar, no summary line: nothing but errors and warnings on standard "
+               "error");
+  app.add_flag("-v,--verbose", common.verbose,
+               "show the library's own lines (parameter boxes, progress, diagnostics) on "
+               "standard error");
+  if (!app.get_option_no_throw("--threads"))
+    app.add_option_function<int>(
+           "--threads", [&common](int n) { common.threads = n; },
+           "threads of the run (1 or more; an algorithm that keeps one back for the host uses "
+           "all but one, at least 1)")
+        ->check(CLI::Range(1, 4096));
+}
+
+void setUpRun(const Common& common, bool hostThreads) {
+  Basalt::Console::setSink(common.verbose ? &std::cerr : nullptr);
+  if (hostThreads && common.threads)
+    omp_set_num_threads(*common.threads);
 }
 
 namespace {
@@ -80,6 +100,20 @@ std::size_t pointCount(const Tressel::Grid& grid) {
       return true;
     });
   return n;
+}
+
+void checkOutput(const std::string& path) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  if (fs::is_directory(path, error))
+    throw Error(path + ": is a directory");
+  const fs::path folder =
+      fs::path(path).parent_path().empty() ? fs::path(".") : fs::path(path).parent_path();
+  if (!fs::is_directory(folder, error))
+    throw Error(path + ": cannot be written: no such directory " + folder.string());
+  if (::access(folder.c_str(), W_OK) != 0)
+    throw Error(path + ": cannot be written: the directory " + folder.string() +
+                " is not writable");
 }
 
 std::vector<unsigned char> classesOf(const Tressel::Grid& grid, const std::string& field,
@@ -157,6 +191,11 @@ void Host::summary(const std::string& command, const Tressel::Grid& grid) const 
   std::fprintf(stderr, "quorvel %s: %zu points, %zu fragments, %.3f s, %.0f points/s\n",
                command.c_str(), n, positions ? positions->nFragments() : 0, seconds,
                seconds > 0 ? static_cast<double>(n) / seconds : 0.0);
+}
+
+void Host::note(const std::string& text) const {
+  if (!common_.quiet && !text.empty())
+    std::fprintf(stderr, "%s\n", text.c_str());
 }
 
 } // namespace Quorvel::Cli

@@ -30,13 +30,22 @@ struct Common {
   std::size_t fragmentPoints = 0;
   // No progress bar and no summary line.
   bool quiet = false;
-  // Worker threads for commands whose parameter box has a thread count; unset keeps the box's.
+  // The library's own lines (its boxes, progress and diagnostics) on standard error; without it
+  // they are not shown, so that standard output holds the command's data only.
+  bool verbose = false;
+  // The run's threads: a box's thread count where the command has one, else the OpenMP thread
+  // count of the host; unset keeps the defaults.
   std::optional<int> threads;
 };
 
 // Adds the common options to a command line (the host's and every command's, bound to the same
-// settings, so that they are accepted in both places).
+// settings, so that they are accepted in both places). A command with a --threads of its own
+// keeps it.
 void addCommonOptions(CLI::App& app, Common& common);
+
+// Sets up what the common options ask of the whole process: where the library's lines go and,
+// for a command without a thread count of its own (hostThreads), the OpenMP thread count.
+void setUpRun(const Common& common, bool hostThreads);
 
 // A point cloud as loaded. A grid read from LAS carries its LAS origin (header, VLRs, EVLRs) as
 // attributes, so that writing it back, directly or through a bundle, keeps them.
@@ -54,6 +63,11 @@ void addWriteOptions(CLI::App& app, Las::WriteOptions& options);
 using Files::isBundle;
 
 std::size_t pointCount(const Tressel::Grid& grid);
+
+// Throws Error unless a file can be written at path: its folder exists and is writable, and
+// path is no folder. Checked before anything is read, so that a long run does not end in "no
+// such directory".
+void checkOutput(const std::string& path);
 
 // The values of a one-byte field in file order (by "PointIndex" where the file gave one).
 std::vector<unsigned char> classesOf(const Tressel::Grid& grid, const std::string& field,
@@ -79,6 +93,8 @@ public:
   // "quorvel <command>: <points> points, <fragments> fragments, <s> s, <points/s> points/s" on
   // standard error, unless quiet.
   void summary(const std::string& command, const Tressel::Grid& grid) const;
+  // A run's report (the text an algorithm returns) on standard error as one line, unless quiet.
+  void note(const std::string& text) const;
 
 private:
   Common common_;

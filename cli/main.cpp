@@ -27,15 +27,60 @@ void restartWithHugePages(char** argv) {
     ::execv("/proc/self/exe", argv);
 }
 
-// Prints a usage error in CLI11's words, or names an unknown command with the known ones, and
-// gives the exit code of usage errors, 2 (help and version: 0).
+// The option of app (or of the host) nearest to an unknown one, when it is near enough to be a
+// typing slip: at most two edits, or the unknown one a beginning of it.
+std::string nearestOption(const CLI::App& app, const std::string& unknown) {
+  std::string best;
+  std::size_t bestDistance = 3;
+  for (const CLI::App* owner : {&app, app.get_parent()}) {
+    if (!owner)
+      continue;
+    for (const CLI::Option* option : owner->get_options()) {
+      for (const std::string& name : option->get_lnames()) {
+        const std::string candidate = "--" + name;
+        const std::size_t distance =
+            candidate.rfind(unknown, 0) == 0 ? 1 : Quorvel::Cli::editDistance(unknown, candidate);
+        if (distance < bestDistance) {
+          best = candidate;
+          bestDistance = distance;
+        }
+      }
+    }
+  }
+  return best;
+}
+
+// Names the arguments a command did not expect: unknown options with the nearest known one.
+int extrasError(const CLI::App& command, const std::vector<std::string>& extras) {
+  const std::string who = "quorvel " + command.get_name();
+  bool named = false;
+  for (const std::string& extra : extras) {
+    if (extra.rfind('-', 0) != 0 || extra.size() < 2)
+      continue;
+    const std::string option = extra.substr(0, extra.find('='));
+    const std::string nearest = nearestOption(command, option);
+    std::fprintf(stderr, "%s: unknown option %s%s (all options: quorvel %s --help)\n", who.c_str(),
+                 option.c_str(), nearest.empty() ? "" : (", did you mean " + nearest + "?").c_str(),
+                 command.get_name().c_str());
+    named = true;
+  }
+  if (!named)
+    std::fprintf(stderr, "%s: unexpected argument \"%s\" (quorvel %s --help shows the usage)\n",
+                 who.c_str(), extras.front().c_str(), command.get_name().c_str());
+  return 2;
+}
+
+// Prints a usage error in CLI11's words, or names an unknown command with the known ones, or an
+// unknown option with the nearest one, and gives the exit code of usage errors, 2 (help and
+// version: 0).
 int usageError(CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0)
     return app.exit(error);
   const std::vector<std::string> left = app.remaining();
-  bool chosen = false;
+  const CLI::App* chosen = nullptr;
   for (const CLI::App* sub : app.get_subcommands({}))
-    chosen = chosen || sub->parsed();
+    if (sub->parsed())
+      chosen = sub;
   if (!chosen && !left.empty() && left.front().rfind('-', 0) != 0) {
     std::string names;
     for (const CLI::App* sub : app.get_subcommands({}))
@@ -44,6 +89,10 @@ int usageError(CLI::App& app, const CLI::ParseError& error) {
                  left.front().c_str(), names.c_str());
     return 2;
   }
+  const std::vector<std::string> extras = app.remaining(true);
+  if (chosen && error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError) &&
+      !extras.empty())
+    return extrasError(*chosen, extras);
   app.exit(error);
   return 2;
 }
@@ -63,19 +112,25 @@ int main(int argc, char** argv) {
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
   CLI::App app{"quorvel: point-cloud algorithms on LAS and bundle files"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "quorvel " QUORVEL_VERSION);
   Common common;
   addCommonOptions(app, common);
-  app.add_option_function<int>(
-      "--threads", [&common](int n) { common.threads = n; },
-      "worker threads of commands that have a thread count");
 
-  std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> table;
+  struct Entry {
+    CLI::App* sub;
+    std::unique_ptr<Command> command;
+    bool boxThreads; // the command's box has a thread count of its own
+  };
+  std::vector<Entry> table;
   for (const CommandEntry& entry : commands()) {
     CLI::App* sub = app.add_subcommand(entry.name, entry.help);
     auto command = entry.make();
     command->addOptions(*sub);
+    const bool boxThreads = sub->get_option_no_throw("--threads") != nullptr;
     addCommonOptions(*sub, common);
-    table.emplace_back(sub, std::move(command));
+    for (CLI::App* form : sub->get_subcommands({}))
+      addCommonOptions(*form, common);
+    table.push_back({sub, std::move(command), boxThreads});
   }
   try {
     app.parse(argc, argv);
@@ -84,9 +139,11 @@ int main(int argc, char** argv) {
   }
   try {
     const Host host(common);
-    for (auto& [sub, command] : table)
-      if (*sub)
+    for (auto& [sub, command, boxThreads] : table)
+      if (*sub) {
+        setUpRun(common, !boxThreads);
         return command->run(host);
+      }
   } catch (const CLI::ParseError& e) {
     // A command line that only the command itself can judge (one of two forms).
     return usageError(app, e);

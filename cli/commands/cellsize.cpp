@@ -2,8 +2,6 @@
 #include "cli/commands/command.hpp"
 #include "quorvel/metadata/metadata.hpp"
 
-#include <iostream>
-
 namespace Quorvel::Cli {
 
 namespace {
@@ -17,7 +15,7 @@ public:
   void apply(Cloud& cloud, const Host& host) override {
     std::string report;
     host.run("cellsize", pointCount(*cloud.grid), [&] { report = setCellSize(cloud.grid, {}); });
-    std::cout << report << "\n";
+    host.note(report);
   }
 };
 

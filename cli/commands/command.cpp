@@ -2,11 +2,13 @@
 // box fields to options.
 #include "cli/commands/command.hpp"
 
+#include "cli/advice.hpp"
 #include "cli/checks.hpp"
 
 #include "basalt/Text.hpp"
 
 #include <array>
+#include <cstdio>
 #include <optional>
 
 namespace Quorvel::Cli {
@@ -32,12 +34,44 @@ int CloudCommand::run(const Host& host) {
     return runFiles(host);
   if (output_.empty() && !printsResult())
     throw CLI::RequiredError(resultOptions());
+  if (!output_.empty())
+    checkOutput(output_);
   Cloud cloud = host.load(input_);
-  apply(cloud, host);
+  change(cloud, host);
   if (!output_.empty())
     host.save(output_, cloud, write_);
   host.summary(name_, *cloud.grid);
   return 0;
+}
+
+void CloudCommand::change(Cloud& cloud, const Host& host) {
+  const auto grid = cloud.grid;
+  try {
+    apply(cloud, host);
+  } catch (const Error& e) {
+    throw Error(e.what() + advice(e.what(), *grid));
+  }
+}
+
+std::string typedRange(const Vantor::MultiRange<double>& range) {
+  std::string text;
+  for (const auto& [low, high] : range.intervals)
+    text += (text.empty() ? "" : ",") +
+            (low == high ? Basalt::format("%g", low) : Basalt::format("%g:%g", low, high));
+  return text;
+}
+
+void warnWithoutSeeds(const std::string& command, const Tressel::Grid& grid,
+                      const Vantor::MultiRange<double>& classes, const std::string& option) {
+  if (!grid(Tressel::StandardCartesianChart3D, "Classification"))
+    return;
+  for (unsigned char c : classesOf(grid, "Classification", command))
+    if (classes.contains(c, 1e-9))
+      return;
+  std::fprintf(stderr,
+               "quorvel %s: warning: no point has a class in %s %s, so there are no seeds and "
+               "nothing changes (quorvel info lists the classes there are)\n",
+               command.c_str(), option.c_str(), typedRange(classes).c_str());
 }
 
 CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange<double>& range,
@@ -50,7 +84,7 @@ CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange
             range = Vantor::MultiRange<double>(text);
           },
           help)
-      ->default_str(range.to_string());
+      ->default_str(typedRange(range));
 }
 
 CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalSpace::vector& v,
@@ -70,6 +104,38 @@ CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalS
           },
           help)
       ->default_str(Basalt::format("%g,%g,%g", v[0], v[1], v[2]));
+}
+
+namespace {
+
+const std::vector<std::string> dimensions = {"2", "3", "2D", "3D"};
+
+// 2 or 3 from any spelling oneOf(dimensions) let through.
+int dimensionOf(const std::string& text) {
+  return text.front() == '2' ? 2 : 3;
+}
+
+} // namespace
+
+CLI::Option* addDimension(CLI::App& app, int& dimension, const std::string& help) {
+  return app
+      .add_option_function<std::string>(
+          "--dimension", [&dimension](const std::string& text) { dimension = dimensionOf(text); },
+          help + " (2, 3, 2D or 3D)")
+      ->check(oneOf(dimensions))
+      ->default_str(std::to_string(dimension));
+}
+
+CLI::Option* addDimension(CLI::App& app, std::string& dimension, const std::string& help) {
+  return app
+      .add_option_function<std::string>(
+          "--dimension",
+          [&dimension](const std::string& text) {
+            dimension = dimensionOf(text) == 2 ? "2D" : "3D";
+          },
+          help + " (2, 3, 2D or 3D)")
+      ->check(oneOf(dimensions))
+      ->default_str(dimension);
 }
 
 CLI::Option* addThreads(CLI::App& app, std::int32_t& threads) {

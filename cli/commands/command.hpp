@@ -44,6 +44,9 @@ public:
 
   void addOptions(CLI::App& app) final;
   int run(const Host& host) final;
+  // apply(), with what a user can do added to a failure's message (the command that makes a
+  // missing field, or the fields there are).
+  void change(Cloud& cloud, const Host& host);
 
 protected:
   // False for a command that may run for what it prints alone (then -o is optional).
@@ -114,12 +117,23 @@ void computeWeights(Cloud& cloud, const Host& host, PointCloudReductionParameter
 
 // ---- Binding helpers for parameter-box fields ---------------------------------------------
 
+// A range as a user types it: "2", "0:255", "-0.2:0.2,9" (the library's own text has six
+// decimals).
+std::string typedRange(const Vantor::MultiRange<double>& range);
+// Says on standard error that a run has nothing to do when no point's "Classification" lies in
+// classes (the seeds of a growing run, named by option): the run then changes nothing.
+void warnWithoutSeeds(const std::string& command, const Tressel::Grid& grid,
+                      const Vantor::MultiRange<double>& classes, const std::string& option);
 // A MultiRange field set from its text form ("2:5,9").
 CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange<double>& range,
                       const std::string& help);
 // A vector field set from "X,Y,Z".
 CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalSpace::vector& v,
                        const std::string& help);
+// --dimension in one vocabulary for every command: 2, 3, 2D or 3D, kept in the box's own form
+// (a number, or the text "2D"/"3D").
+CLI::Option* addDimension(CLI::App& app, int& dimension, const std::string& help);
+CLI::Option* addDimension(CLI::App& app, std::string& dimension, const std::string& help);
 // A box's thread count: set by --threads after the command name, or by the common --threads
 // before it.
 CLI::Option* addThreads(CLI::App& app, std::int32_t& threads);

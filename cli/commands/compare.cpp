@@ -19,7 +19,9 @@ public:
   void addOptions(CLI::App& app) override {
     app.add_option("A", a_, "the file to judge")->required();
     app.add_option("B", b_, "the file holding the true values")->required();
-    app.add_option("--field", field_, "the per-point field compared")->capture_default_str();
+    app.add_option("--field", field_,
+                   "the per-point field compared (whole numbers such as classes)")
+        ->capture_default_str();
   }
 
   int run(const Host& host) override {

@@ -17,6 +17,7 @@ public:
   }
 
   int run(const Host& host) override {
+    checkOutput(out_);
     const Cloud cloud = host.load(in_);
     host.save(out_, cloud, write_);
     host.summary("convert", *cloud.grid);

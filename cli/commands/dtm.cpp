@@ -23,14 +23,15 @@ public:
     app.add_option("-o,--output", output_, "the raster (.h5 bundle or .tif GeoTIFF)")
         ->required()
         ->check(rasterOutputFile());
-    app.add_option("--cell", settings_.cellSize, "edge of a cell")
+    app.add_option("--cell", settings_.cellSize, "edge of a cell, in metres (the cloud's units)")
         ->required()
         ->check(positiveNumber());
-    addRange(app, "--classes", settings_.classes, "the ground classes");
-    app.add_option("--fill-rings", settings_.fillRings, "how far gaps are filled, in cells")
+    addRange(app, "--classes", settings_.classes, "the ground classes (class numbers)");
+    app.add_option("--fill-rings", settings_.fillRings,
+                   "how far gaps are filled, in cells (0 to 1000)")
         ->capture_default_str()
         ->check(CLI::Range(0, 1000));
-    app.add_option("--fragment-cells", settings_.fragmentCells, "cells of a fragment along x, y")
+    app.add_option("--fragment-cells", settings_.fragmentCells, "cells of a fragment along x and y")
         ->capture_default_str()
         ->check(CLI::Range(std::size_t(1), std::size_t(1) << 16));
     app.add_option("--height-field", settings_.heightField, "the field of the heights")
@@ -39,6 +40,7 @@ public:
   }
 
   int run(const Host& host) override {
+    checkOutput(output_);
     // The ground raster needs the classes and positions alone.
     const Cloud cloud = host.load(input_, {"Classification"});
     Cloud raster;

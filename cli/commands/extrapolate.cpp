@@ -17,33 +17,33 @@ public:
   void addStageOptions(CLI::App& app) override {
     app.add_option("--mode", box_.mode, "planarregression, threshold, classification, constant")
         ->capture_default_str()
-        ->check(CLI::IsMember({"planarregression", "threshold", "classification", "constant"}));
-    app.add_option("--class", box_.extrapolation_class, "class given to grown points")
+        ->check(oneOf({"planarregression", "threshold", "classification", "constant"}));
+    app.add_option("--class", box_.extrapolation_class, "class given to grown points (0 to 255)")
         ->capture_default_str()
         ->check(CLI::Range(0, 255));
-    addRange(app, "--source", box_.source, "classes of the seeds");
-    addRange(app, "--target", box_.target, "classes that may change");
-    app.add_option("--radius", box_.radius, "search radius of every candidate")
+    addRange(app, "--source", box_.source, "classes of the seeds (class numbers, e.g. 2)");
+    addRange(app, "--target", box_.target, "classes that may change (class numbers)");
+    app.add_option("--radius", box_.radius, "search radius of every candidate, in metres")
         ->capture_default_str()
         ->check(positiveNumber());
     app.add_option("--maximum-iteration", box_.maximum_iteration, "largest number of rounds")
         ->capture_default_str()
         ->check(CLI::Range(0, 1000000));
-    app.add_option("--dimension", box_.dimension, "2D: seeds in x, y; 3D: in x, y, z")
-        ->capture_default_str()
-        ->check(CLI::IsMember({"2D", "3D"}));
+    addDimension(app, box_.dimension, "2: seeds in x, y; 3: in x, y, z");
     addRange(app, "--range", box_.range,
-             "planarregression: distances from the plane that grow (negative: use --range=)");
+             "planarregression: signed distances from the plane, in metres, that grow (negative: "
+             "write --range=-0.2:0.2)");
     app.add_option("--quantile", box_.quantile,
-                   "planarregression: percentage of lowest seeds left out")
+                   "planarregression: percentage (0 to 100) of the lowest seeds left out")
         ->capture_default_str()
         ->check(numberWithin(0, 100));
-    app.add_option("--threshold", box_.threshold, "threshold: largest height difference")
+    app.add_option("--threshold", box_.threshold, "threshold: largest height difference, in metres")
         ->capture_default_str()
-        ->check(numberWithin(0, std::numeric_limits<double>::max()));
+        ->check(nonNegativeNumber());
   }
 
   void apply(Cloud& cloud, const Host& host) override {
+    warnWithoutSeeds("extrapolate", *cloud.grid, box_.source, "--source");
     box_.message.clear();
     host.run("extrapolate", pointCount(*cloud.grid),
              [&] { extrapolation(cloud.grid, box_, host.progress("extrapolate")); });

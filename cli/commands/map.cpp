@@ -6,6 +6,12 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/raster/raster.hpp"
 
+#include "basalt/Console.hpp"
+#include "basalt/Text.hpp"
+#include "tressel/BoundingBoxes.hpp"
+
+#include <iostream>
+
 namespace Quorvel::Cli {
 
 namespace {
@@ -32,19 +38,23 @@ public:
     app.add_option_function<std::string>(
         "--bands",
         [this](const std::string& text) { box_.assignment = heightBands("--bands", text); },
-        "height bands and their classes, low:high=class;... (e.g. 0.2:2=3;2:5=4)");
+        "height bands in metres above the ground and their classes, low:high=class;... (e.g. "
+        "0.2:2=3;2:5=4)");
     app.add_option_function<std::string>(
         "--class-bands",
         [this](const std::string& text) {
           box_.class_assignment = classConditionalBands("--class-bands", text);
         },
-        "bands for points of some classes only, low:high=from:to=class;... (the classes "
+        "bands in metres for points of some classes only, low:high=from:to=class;... (the classes "
         "from..to are then the only ones mapped)");
-    app.add_flag("--height", box_.height, "write \"CanopyHeight\" instead of classes");
+    app.add_flag("--height", box_.height,
+                 "write \"CanopyHeight\" (metres above the ground) instead of classes");
     app.add_flag("--step", box_.step, "bands by the height above the cell's ground alone");
     app.add_flag("--unclassify", box_.unclassify, "set every mapped point's class to 0 first");
-    addRange(app, "--constant-classes", box_.constantclasses,
-             "classes never changed (a point of such a class that would be mapped is reported)");
+    addRange(
+        app, "--constant-classes", box_.constantclasses,
+        "classes never changed (class numbers; a point of such a class that would be mapped is "
+        "reported)");
     app.add_option("--height-field", box_.heightfieldname, "the raster's field of ground heights")
         ->capture_default_str();
   }
@@ -62,6 +72,7 @@ public:
     if (rasterPath_.empty())
       throw CLI::RequiredError("RASTER");
     auto raster = loadRaster(rasterPath_, host, box_);
+    checkOverlap(*raster, *cloud.grid);
     bool ok = false;
     host.run("map", pointCount(*cloud.grid), [&] { ok = mapData(cloud.grid, raster, box_); });
     if (!ok)
@@ -69,6 +80,28 @@ public:
   }
 
 protected:
+  // A raster beside the cloud would map nothing; said plainly instead of failing inside the run.
+  void checkOverlap(const Tressel::Grid& raster, const Tressel::Grid& cloud) const {
+    const auto rasterBox = boxOf(raster);
+    const auto cloudBox = boxOf(cloud);
+    if (!rasterBox || !cloudBox)
+      return;
+    if (rasterBox->max().x < cloudBox->min().x || cloudBox->max().x < rasterBox->min().x ||
+        rasterBox->max().y < cloudBox->min().y || cloudBox->max().y < rasterBox->min().y)
+      throw Error(Basalt::format("map: the raster %s (x %.3f to %.3f, y %.3f to %.3f) does not "
+                                 "meet the cloud %s (x %.3f to %.3f, y %.3f to %.3f): no point "
+                                 "lies over it",
+                                 rasterPath_.c_str(), rasterBox->min().x, rasterBox->max().x,
+                                 rasterBox->min().y, rasterBox->max().y, input().c_str(),
+                                 cloudBox->min().x, cloudBox->max().x, cloudBox->min().y,
+                                 cloudBox->max().y));
+  }
+
+  static Basalt::StrongPtr<Vantor::BoundingBox> boxOf(const Tressel::Grid& grid) {
+    const auto positions = grid.CartesianPositions();
+    return positions ? Tressel::getBoundingBox(*positions) : nullptr;
+  }
+
   std::string inputName() const override { return "CLOUD"; }
   bool hasFilesForm() const override { return true; }
 
@@ -81,10 +114,14 @@ protected:
       throw CLI::ValidationError("--raster", "the file-list form takes a raster bundle (.h5); "
                                              "make one with quorvel raster import");
     takeRasterLayout(rasterPath_, box_);
+    // This form reports each file's failure only in the library's lines: they are its result.
+    if (!host.common().quiet)
+      Basalt::Console::setSink(&std::cerr);
     bool ok = false;
     host.run("map", files_.size(), [&] { ok = mapData(files_, rasterPath_, box_); });
     if (!ok)
-      throw Error("map: not every file could be mapped (see the messages above)");
+      throw Error(
+          "map: not every file could be mapped (see the mapRasterOnPointCloud lines above)");
     return 0;
   }
 

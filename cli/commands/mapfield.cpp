@@ -17,7 +17,7 @@ public:
     app.add_option("--source-field", sourceField_, "the source's field (any scalar type)")
         ->required();
     app.add_option("--target-field", targetField_, "the target's new field (float)")->required();
-    app.add_option("--radius", radius_, "largest x-y distance to a source point")
+    app.add_option("--radius", radius_, "largest x-y distance to a source point, in metres")
         ->required()
         ->check(positiveNumber());
     app.footer("The target's positions must be three-dimensional arrays (a raster, such as one of "

@@ -42,9 +42,10 @@ public:
 
   int run(const Host& host) override {
     Checked checked = check();
+    checkOutput(checked.output);
     Cloud cloud = host.load(checked.input);
     for (Stage& stage : checked.stages)
-      stage.command->apply(cloud, host);
+      stage.command->change(cloud, host);
     host.save(checked.output, cloud, write_);
     host.summary("pipeline", *cloud.grid);
     return 0;

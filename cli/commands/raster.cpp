@@ -40,6 +40,7 @@ public:
   }
 
   int run(const Host& host) override {
+    checkOutput(output_);
     Cloud raster;
     host.run("read " + input_, 0, [&] {
       raster.grid = Raster::isRasterFile(input_)

@@ -15,12 +15,14 @@ public:
   Reduce() : CloudCommand("reduce") {}
 
   void addStageOptions(CLI::App& app) override {
-    auto* keep = app.add_option("--keep", box_.keep, "share of each fragment's points kept")
-                     ->capture_default_str()
-                     ->check(numberWithin(0, 1));
-    app.add_option("--threshold", box_.threshold, "keep the points weighing at least W instead")
-        ->check(
-            numberWithin(-std::numeric_limits<double>::max(), std::numeric_limits<double>::max()))
+    auto* keep =
+        app.add_option("--keep", box_.keep, "share of each fragment's points kept (0 to 1)")
+            ->capture_default_str()
+            ->check(numberWithin(0, 1));
+    app.add_option(
+           "--threshold", box_.threshold,
+           "keep the points whose weight (about 1 for a typical point) is at least W instead")
+        ->check(finiteNumberCheck())
         ->excludes(keep);
     app.add_flag("--drop-unweighted", dropUnweighted_,
                  "drop the points without a weight (rough places, edges, isolated points)");

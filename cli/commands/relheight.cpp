@@ -15,13 +15,19 @@ public:
   RelHeight() : CloudCommand("relheight") {}
 
   void addStageOptions(CLI::App& app) override {
-    app.add_option("--half-width", halfWidth_, "half the side of the square")
+    app.add_option("--half-width", halfWidth_,
+                   "half the side of the square x-y neighbourhood, in metres")
         ->check(positiveNumber())
         ->required()
         ->check(CLI::PositiveNumber);
     app.add_option_function<std::string>(
         "--classes", [this](const std::string& text) { classes_.emplace(text); },
-        "only these classes take part in the height; class 4 gets no below value");
+        "only these classes take part in the height (class numbers); class 4 gets no below "
+        "value");
+    app.footer("Writes \"RelativeHeight\" (float, metres above the lowest point of the square) "
+               "and \"RelativeBelows\" (byte: the share of the square's points strictly below "
+               "the point, scaled to 0..254 as int(share * 255); 255 where the square holds no "
+               "point; points of class 4 keep 0 with --classes).");
   }
 
   void apply(Cloud& cloud, const Host& host) override {

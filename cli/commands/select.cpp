@@ -14,14 +14,18 @@ public:
   Select() : CloudCommand("select") {}
 
   void addStageOptions(CLI::App& app) override {
-    app.add_option("--field", box_.fieldname, "the field whose values decide")
+    app.add_option("--field", box_.fieldname,
+                   "the field whose values decide (quorvel info lists a file's fields)")
         ->capture_default_str();
-    addRange(app, "--range", box_.selection, "value ranges, e.g. 2:5,9")->required();
+    addRange(app, "--range", box_.selection,
+             "value ranges in the field's units, e.g. 2:5,9 (2 to 5, and 9)")
+        ->required();
     app.add_flag("--inverse", box_.inverse, "select the points outside the ranges");
-    app.add_option("--coordinate", box_.coordinate, "component of points and vectors (z: 2)")
+    app.add_option("--coordinate", box_.coordinate,
+                   "component of points and vectors: 0 x, 1 y, 2 z")
         ->capture_default_str()
-        ->check(CLI::IsMember({0, 1, 2}));
-    app.add_flag("--count", count_, "print how many points are selected");
+        ->check(oneOf({"0", "1", "2"}));
+    app.add_flag("--count", count_, "print how many points are selected (on standard output)");
   }
 
   void apply(Cloud& cloud, const Host& host) override {

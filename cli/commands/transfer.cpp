@@ -20,23 +20,26 @@ public:
           checkBands("--bands", text);
           box_ = ClassificationTransferParameterBox(text);
         },
-        "distance/class text, e.g. 1 or 0.5=2;1=3 (empty: 0.001)");
-    app.add_option("--dimension", box_.dimension, "3: search in x, y, z; 2: in x, y")
-        ->capture_default_str()
-        ->check(CLI::IsMember(std::vector<std::string>{"2", "3"}));
-    addRange(app, "--source-classes", box_.source, "source classes that are searched");
-    addRange(app, "--target-classes", box_.target, "target classes that are rewritten");
+        "distance bands in metres and the class given within each, e.g. 1 (nearest source "
+        "point's class within 1 m) or 0.5=2;1=3 (class 2 within 0.5 m, 3 within 1 m); empty: "
+        "0.001");
+    addDimension(app, box_.dimension, "3: distances in x, y, z; 2: in x, y");
+    addRange(app, "--source-classes", box_.source,
+             "source classes that are searched (class numbers, e.g. 2 or 2:6,9)");
+    addRange(app, "--target-classes", box_.target,
+             "target classes that are rewritten (class numbers)");
     app.add_flag("--unclassify", box_.unclassify, "set target classes to 0 first");
-    addVector(app, "--offset", box_.offset, "translation from source to target, X,Y,Z");
+    addVector(app, "--offset", box_.offset, "translation from source to target, X,Y,Z in metres");
     threads_ = addThreads(app, box_.threads);
     app.add_option("--field", box_.fieldname, "per-point class field")->capture_default_str();
     app.add_flag("--old", old_, "run classificationTransferOLD");
     app.add_flag("--onetree", box_.onetree, "one tree over the whole source (with --old)");
     app.add_flag("--expand", box_.expand, "grow the radius up to --maxradius (with --onetree)");
-    app.add_option("--maxradius", box_.maxradius, "largest radius of --expand")
+    app.add_option("--maxradius", box_.maxradius, "largest radius of --expand, in metres")
         ->capture_default_str()
         ->check(positiveNumber());
-    app.add_flag("--positions", box_.positions, "also carry the nearest source position");
+    app.add_flag("--positions", box_.positions,
+                 "also write the nearest source point's position (\"SourcePositions\")");
   }
 
   std::vector<const CLI::Option*> inputFiles() const override { return {source_}; }

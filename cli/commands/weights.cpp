@@ -6,12 +6,19 @@
 namespace Quorvel::Cli {
 
 void addWeightOptions(CLI::App& app, PointCloudReductionParameterBox& box) {
-  app.add_option("--radius", box.radius, "start radius of the neighbour search (doubles to 5)")
+  app.add_option("--radius", box.radius,
+                 "start radius of the neighbour search in metres (it doubles, up to 5 m, until K "
+                 "neighbours are found)")
       ->capture_default_str()
       ->check(positiveNumber());
-  app.add_option("--neighbours", box.neighbours, "nearest neighbours in a weight")
+  app.add_option("--neighbours", box.neighbours,
+                 "nearest neighbours in a weight, in points (1 or more)")
       ->capture_default_str()
       ->check(CLI::Range(1, 1000000));
+  app.footer("Writes \"Weights\" (float): how much a point matters when thinning, divided by the "
+             "median weight so that a typical point weighs about 1. A point without a smooth "
+             "surface around it (planarity below 0.001, or no neighbour) gets -1 divided by "
+             "that median: a negative weight such as -0.2358 marks an unweighted point.");
 }
 
 void computeWeights(Cloud& cloud, const Host& host, PointCloudReductionParameterBox& box) {

@@ -11,6 +11,9 @@ std::mutex& consoleMutex() {
   static std::mutex mutex;
   return mutex;
 }
+
+// Read and changed under the console lock only.
+std::ostream* sinkStream = &std::cout;
 } // namespace
 
 Console::~Console() {
@@ -20,8 +23,15 @@ Console::~Console() {
 
 void Console::write(std::string_view text) {
   std::lock_guard<std::mutex> lock(consoleMutex());
-  std::cout.write(text.data(), static_cast<std::streamsize>(text.size()));
-  std::cout.flush();
+  if (!sinkStream)
+    return;
+  sinkStream->write(text.data(), static_cast<std::streamsize>(text.size()));
+  sinkStream->flush();
+}
+
+void Console::setSink(std::ostream* sink) {
+  std::lock_guard<std::mutex> lock(consoleMutex());
+  sinkStream = sink;
 }
 
 } // namespace Basalt

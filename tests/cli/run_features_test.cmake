@@ -5,7 +5,7 @@
 include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
 
 quorvel(0 "shapeFactorComputation: compute 1 / 1       \r" shapefactors ${data}/sample_c.las
-        -o ${WORK_DIR}/shape.las --normals --linearity --sphericity)
+        -o ${WORK_DIR}/shape.las --normals --linearity --sphericity --verbose)
 foreach(field "Planarity: float32" "Linearity: float32" "Sphericity: float32"
               "NormalVector: vector")
   quorvel(0 "${field}" info ${WORK_DIR}/shape.las)
@@ -24,9 +24,9 @@ quorvel(0 "674517.750,1206736.336,626.095\n674609.490,1206818.704,657.665\n" sha
         ${data}/sample_c.las -o ${WORK_DIR}/filtered.las --verbose)
 
 quorvel(0 "median weight: " weights ${WORK_DIR}/shape.las -o ${WORK_DIR}/weights.las
-        --radius 0.5 --neighbours 8)
+        --radius 0.5 --neighbours 8 --verbose)
 quorvel(0 "Weights: float32" info ${WORK_DIR}/weights.las)
-quorvel(1 "quorvel: error: weights: ERROR: no f_normalvector" weights ${WORK_DIR}/plain.las
+quorvel(1 "quorvel: error: weights: ERROR: no f_normalvector (it needs \"NormalVector\": run quorvel shapefactors --normals first" weights ${WORK_DIR}/plain.las
         -o ${WORK_DIR}/never.las)
 
 # Thinning: a tenth of the weighted points and every unweighted one; by threshold, with and
@@ -42,7 +42,7 @@ quorvel(2 "--keep: \"2\" is not a number from 0 to 1" reduce ${data}/sample_c.la
         -o ${WORK_DIR}/never.las --keep 2)
 quorvel(2 "--keep excludes --threshold" reduce ${data}/sample_c.las -o ${WORK_DIR}/never.las
         --keep 0.2 --threshold 3)
-quorvel(2 "--dimension: 4 not in {2,3}" shapefactors ${data}/sample_c.las
+quorvel(2 "--dimension: \"4\" is not one of 2, 3, 2D, 3D" shapefactors ${data}/sample_c.las
         -o ${WORK_DIR}/never.las --dimension 4)
 if(EXISTS ${WORK_DIR}/never.las)
   message(FATAL_ERROR "a refused command wrote its output")

@@ -39,7 +39,7 @@ set(cases
   "[${in}, {\"command\": \"transfer\", ${src}, \"colour\": 1}, ${out}]"
   "element 2: transfer: unknown option \"colour\""
   "[${in}, {\"command\": \"cellsize\"}, {\"command\": \"transfer\", ${src}, \"dimension\": \"x\"}, ${out}]"
-  "element 3: transfer: --dimension: x not in {2,3}"
+  "element 3: transfer: --dimension: \"x\" is not one of 2, 3, 2D, 3D"
   "[${in}, {\"command\": \"transfer\", ${src}, \"unclassify\": \"yes\"}, ${out}]"
   "element 2: transfer: \"unclassify\" takes true or false"
   "[${in}, {\"command\": \"transfer\", ${src}, \"bands\": [1]}, ${out}]"

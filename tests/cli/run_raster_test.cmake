@@ -9,10 +9,10 @@ quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.h5 --cell 1 --fill-ring
 quorvel(0 "points: 6375\n" info ${WORK_DIR}/dtm.h5)
 quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.tif --cell 1 --fill-rings 100)
 quorvel(0 "multi index of raster: 85x75x1\n" map ${data}/sample_c.las ${WORK_DIR}/dtm.h5
-        -o ${WORK_DIR}/from-bundle.las --height)
+        -o ${WORK_DIR}/from-bundle.las --height --verbose)
 quorvel(0 "CanopyHeight: float32" info ${WORK_DIR}/from-bundle.las)
 quorvel(0 "raster bbox: (674522 ,1.20674e+06 ,0) | (674606 ,1.20681e+06 ,0)\n" map
-        ${data}/sample_c.las ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/from-tiff.las --height)
+        ${data}/sample_c.las ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/from-tiff.las --height --verbose)
 expect_same_file(${WORK_DIR}/from-bundle.las ${WORK_DIR}/from-tiff.las "heights of bundle and GeoTIFF")
 
 # A GeoTIFF imported and exported again maps to the same heights; in fragments of 16 x 16 cells
@@ -24,7 +24,7 @@ quorvel(0 "" map ${data}/sample_c.las ${WORK_DIR}/exported.tif -o ${WORK_DIR}/fr
 expect_same_file(${WORK_DIR}/from-bundle.las ${WORK_DIR}/from-export.las "heights after export")
 quorvel(0 "" raster import ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/tiles.h5 --fragment-cells 16)
 quorvel(0 "# of raster fragments: 6x5x1\n" map ${data}/sample_c.las ${WORK_DIR}/tiles.h5
-        -o ${WORK_DIR}/from-tiles.las --height)
+        -o ${WORK_DIR}/from-tiles.las --height --verbose)
 
 # Height bands: below 0.5 m nothing matches and the points stay unclassified (0); the points of
 # the last row and column of cells lie outside the raster's box of cell centres and keep theirs.

@@ -28,7 +28,7 @@ quorvel(1 "quorvel: error: select: ERROR: no f_Nothing" select ${data}/sample_c.
         --field Nothing --range 1 -o ${WORK_DIR}/never.las)
 quorvel(2 "--range: \"x\" is not a value or low:high of finite numbers" select
         ${data}/sample_c.las --range x --count)
-quorvel(2 "--coordinate: 3 not in {0,1,2}" select ${data}/sample_c.las --range 1 --coordinate 3
+quorvel(2 "--coordinate: \"3\" is not one of 0, 1, 2" select ${data}/sample_c.las --range 1 --coordinate 3
         --count)
 quorvel(2 "--range is required" select ${data}/sample_c.las --count)
 quorvel(2 "--output or --count is required" select ${data}/sample_c.las --range 2)

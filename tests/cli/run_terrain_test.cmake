@@ -9,12 +9,12 @@ quorvel(0 "quorvel transfer" transfer ${data}/sample_c_thin.las ${data}/sample_n
         -o ${WORK_DIR}/seeds.las --source-classes 2 --bands 0.3)
 quorvel(0 "class 2: 550 of 1368" compare ${WORK_DIR}/seeds.las ${data}/sample_c.las)
 quorvel(0 "PlanarRegressionIteration, INFO: procession 1 / 1 \t\r" regress ${WORK_DIR}/seeds.las
-        -o ${WORK_DIR}/grown.las --candidates 0:1)
+        -o ${WORK_DIR}/grown.las --candidates 0:1 --verbose)
 quorvel(0 "class 2: 1363 of 1368" compare ${WORK_DIR}/grown.las ${data}/sample_c.las)
 quorvel(0 "classes: 0:13012 2:1396" info ${WORK_DIR}/grown.las)
 
 # Every option sets its field: the printed box shows them, and the reset to 5 leaves no seed.
-quorvel(0 "ParameterBox.range: -0.100000:0.100000\n" regress ${WORK_DIR}/seeds.las
+quorvel(0 "ParameterBox.range: -0.100000:0.100000\n" regress ${WORK_DIR}/seeds.las --verbose
         -o ${WORK_DIR}/reset.las --range=-0.1:0.1 --source 2 --additional 6 --radius 2
         --target -1 --maximum-iteration 3 --reset 5 --quantile 10 --dimension 3D)
 foreach(line "additional: 6.000000:6.000000" "radius: 2" "target: -1" "maximum_iteration: 3"
@@ -25,7 +25,7 @@ foreach(line "additional: 6.000000:6.000000" "radius: 2" "target: -1" "maximum_i
   endif()
 endforeach()
 quorvel(0 "classes: 5:14408" info ${WORK_DIR}/reset.las)
-quorvel(2 "--dimension: 4D not in {2D,3D}" regress ${WORK_DIR}/seeds.las
+quorvel(2 "--dimension: \"4D\" is not one of 2, 3, 2D, 3D" regress ${WORK_DIR}/seeds.las
         -o ${WORK_DIR}/never.las --dimension 4D)
 
 # Relative height and belows: both fields, the class forms, and per fragment (tiles change the
@@ -72,5 +72,5 @@ quorvel(0 "quorvel extrapolate" extrapolate ${WORK_DIR}/seeds.las -o ${WORK_DIR}
         --mode constant --class 5 --source 2 --target 0 --radius 0.5 --maximum-iteration 1
         --dimension 3D)
 quorvel(0 "classes: 0:13450 2:554 5:404" info ${WORK_DIR}/five.las)
-quorvel(2 "--mode: grow not in {planarregression,threshold,classification,constant}" extrapolate
+quorvel(2 "--mode: \"grow\" is not one of planarregression, threshold, classification, constant" extrapolate
         ${WORK_DIR}/seeds.las -o ${WORK_DIR}/never.las --mode grow)
