@@ -48,10 +48,10 @@ weighted_median                 weightedMedian
 cubic_kernel                    sphCubic
 ==============================  =====================================
 """
-import re
-from contextlib import contextmanager
+import re as _re
+from contextlib import contextmanager as _contextmanager
 
-import numpy as np
+import numpy as _np
 
 from ._quorvel import *  # noqa: F401,F403
 from ._quorvel import Cloud, Error, is_verbose, set_verbose  # noqa: F401
@@ -89,7 +89,7 @@ for _snake, _camel in ALIASES.items():
     globals()[_snake] = getattr(_quorvel, _camel)
 
 
-@contextmanager
+@_contextmanager
 def verbose(on=True):
     """Shows (or hides) the library's own lines inside a ``with`` block, then restores the
     setting before.
@@ -135,11 +135,11 @@ for _name in dir(_quorvel):
 # ---- Clouds: field names and element types ----------------------------------------------------
 
 # {name: (dtype, components)} of the LAS record fields.
-_LAS = {name: (np.dtype(code), n) for name, (code, n) in _quorvel._las_fields().items()}
+_LAS = {name: (_np.dtype(code), n) for name, (code, n) in _quorvel._las_fields().items()}
 
 
 def _snake_case(name):
-    return re.sub(r"(?<=[a-z0-9])(?=[A-Z])|(?<=[A-Z])(?=[A-Z][a-z])", "_", name).lower()
+    return _re.sub(r"(?<=[a-z0-9])(?=[A-Z])|(?<=[A-Z])(?=[A-Z][a-z])", "_", name).lower()
 
 
 # Keyword -> field: the snake-case form of every LAS field, and laspy's own names where they
@@ -159,7 +159,7 @@ _COLOURS = ("red", "green", "blue")
 
 
 def _numbers(name, values):
-    a = np.asarray(values)
+    a = _np.asarray(values)
     if a.dtype.kind not in "biuf":
         raise TypeError(f'field "{name}": an array of numbers is needed, not {a.dtype}')
     return a
@@ -172,10 +172,10 @@ def _as_type(name, a, dtype):
         return a
     if dtype.kind in "iu" and a.size:
         if a.dtype.kind == "f":
-            bad = ~np.isfinite(a) | (a != np.floor(a))
+            bad = ~_np.isfinite(a) | (a != _np.floor(a))
             if bad.any():
                 raise ValueError(f'field "{name}": {a[bad].flat[0]!r} is not a whole number')
-        info = np.iinfo(dtype)
+        info = _np.iinfo(dtype)
         low, high = a.min(), a.max()
         if low < info.min or high > info.max:
             value = low if low < info.min else high
@@ -192,12 +192,12 @@ def _field(name, values):
     if name in _LAS:
         a = _as_type(name, a, _LAS[name][0])
     elif a.ndim == 2:
-        a = _as_type(name, a, np.dtype(np.float64))
+        a = _as_type(name, a, _np.dtype(_np.float64))
     elif a.dtype.kind == "b":
-        a = a.astype(np.uint8)
-    elif a.dtype == np.float16:
-        a = a.astype(np.float32)
-    return np.ascontiguousarray(a, dtype=a.dtype.newbyteorder("="))
+        a = a.astype(_np.uint8)
+    elif a.dtype == _np.float16:
+        a = a.astype(_np.float32)
+    return _np.ascontiguousarray(a, dtype=a.dtype.newbyteorder("="))
 
 
 def _fields(keywords):
@@ -209,7 +209,7 @@ def _fields(keywords):
         if len(colours) != 3:
             raise TypeError("red, green and blue make \"RGB\" together; "
                             f"given only {', '.join(colours)}")
-        keywords["RGB"] = np.column_stack([_numbers(c, colours[c]) for c in _COLOURS])
+        out["RGB"] = _field("RGB", _np.column_stack([_numbers(c, colours[c]) for c in _COLOURS]))
         given["RGB"] = "red, green, blue"
     for key, values in keywords.items():
         name = FIELD_KEYWORDS.get(key, key)
@@ -221,7 +221,7 @@ def _fields(keywords):
 
 
 def _positions(xyz):
-    return np.ascontiguousarray(_numbers("xyz", xyz), dtype=np.float64)
+    return _np.ascontiguousarray(_numbers("xyz", xyz), dtype=_np.float64)
 
 
 _plain_cloud_init = Cloud.__init__

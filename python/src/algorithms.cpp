@@ -276,9 +276,9 @@ void bindTransferFields(BoxBinding<ClassificationTransferParameterBox>& box) {
           },
           "translation (x, y, z) in metres from source to target coordinates")
       .field("sourcefilename", &Transfer::sourcefilename, "name of the source, printed only")
+      .field("message", &Transfer::message, "every error text of the runs, in order")
       .field("threads", &Transfer::threads,
-             "worker threads; 0 or less, or more than the machine has: all but one")
-      .field("message", &Transfer::message, "every error text of the runs, in order");
+             "worker threads; 0 or less, or more than the machine has: all but one");
 }
 
 void bindTransferAndMetadata(py::module_& m) {

@@ -52,7 +52,8 @@ void requireBox(const char* name, Box& box) {
 template <class Box>
 class BoxBinding {
 public:
-  BoxBinding(py::module_& m, const char* name, const char* doc) : cls_(m, name), doc_(doc) {
+  BoxBinding(py::module_& m, const char* name, const char* doc)
+      : cls_(m, name), name_(name), doc_(doc) {
     cls_.def(py::init<>());
     bindPrint(cls_);
   }
@@ -64,7 +65,11 @@ public:
   BoxBinding& field(const char* name, Vantor::MultiRange<double> Box::*member, const char* doc) {
     cls_.def_property(
         name, [member](const Box& b) { return (b.*member).to_string(); },
-        [member](Box& b, const std::string& text) { b.*member = Vantor::MultiRange<double>(text); },
+        // Checked here: the parsed range drops what it cannot read, so the text is gone later.
+        [member, box = name_, name](Box& b, const std::string& text) {
+          requireValue(box, name, py::str(text));
+          b.*member = Vantor::MultiRange<double>(text);
+        },
         doc);
     return add(name, doc);
   }
@@ -95,6 +100,7 @@ private:
   }
 
   py::class_<Box> cls_;
+  const char* name_;
   std::string doc_;
   std::vector<std::string> names_;
 };
