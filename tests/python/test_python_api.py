@@ -194,8 +194,10 @@ def test_the_command_line_host_words_refusals_the_same(tmp_path):
     for args, python in [
         (["shapefactors", "--step", "-1"], lambda c: quorvel.shape_factors(
             c, quorvel.ShapeFactorComputationParameterBox(step=-1))),
-        (["relheight", "--half-width", "1", "--classes", "two"],
-         lambda c: quorvel.relative_height_and_belows(c, 1.0, classes="two")),
+        (["regress", "--source", "two"], lambda c: quorvel.planar_regression(
+            c, quorvel.PlanarRegressionParameterBox(source="two"))),
+        (["extrapolate", "--quantile", "101"], lambda c: quorvel.extrapolate(
+            c, quorvel.ExtrapolationParameterBox(quantile=101))),
     ]:
         run = subprocess.run([host, args[0], sample, "-o", str(tmp_path / "o.las"), *args[1:]],
                              capture_output=True, text=True)
