@@ -3,6 +3,7 @@
 
 #include <iostream>
 #include <mutex>
+#include <utility>
 
 namespace Basalt {
 
@@ -12,8 +13,11 @@ std::mutex& consoleMutex() {
   return mutex;
 }
 
-// Read and changed under the console lock only.
-std::ostream* sinkStream = &std::cout;
+// Guarded by the console mutex.
+std::ostream* sink = &std::cout;
+
+// The calling thread's innermost capture, if any.
+thread_local std::ostringstream* capture = nullptr;
 } // namespace
 
 Console::~Console() {
@@ -22,16 +26,26 @@ Console::~Console() {
 }
 
 void Console::write(std::string_view text) {
-  std::lock_guard<std::mutex> lock(consoleMutex());
-  if (!sinkStream)
+  if (capture) {
+    capture->write(text.data(), static_cast<std::streamsize>(text.size()));
     return;
-  sinkStream->write(text.data(), static_cast<std::streamsize>(text.size()));
-  sinkStream->flush();
+  }
+  std::lock_guard<std::mutex> lock(consoleMutex());
+  if (!sink)
+    return;
+  sink->write(text.data(), static_cast<std::streamsize>(text.size()));
+  sink->flush();
 }
 
-void Console::setSink(std::ostream* sink) {
+std::ostream* Console::setSink(std::ostream* to) {
   std::lock_guard<std::mutex> lock(consoleMutex());
-  sinkStream = sink;
+  return std::exchange(sink, to);
+}
+
+Console::Capture::Capture() : outer_(std::exchange(capture, &text_)) {}
+
+Console::Capture::~Capture() {
+  capture = outer_;
 }
 
 } // namespace Basalt

@@ -12,10 +12,10 @@
 namespace Basalt {
 
 // A temporary message: collect one line with operator<< and it is written to the console's sink
-// (standard output unless the host chose another), followed by a line feed, when the object is
-// destroyed. Numbers use the stream's default
-// formatting (doubles with six significant digits, "0.001", "250", "1e-06"); booleans print as
-// the digit 0 or 1. Lines from several threads never mix.
+// (standard output unless a host chose another), followed by a line feed, when the object is
+// destroyed. Numbers use the stream's default formatting (doubles with six significant digits,
+// "0.001", "250", "1e-06"); booleans print as the digit 0 or 1. Lines from several threads never
+// mix.
 class Console {
 public:
   Console() { line_.imbue(std::locale::classic()); }
@@ -33,10 +33,26 @@ public:
   // progress lines that end in a carriage return.
   static void write(std::string_view text);
 
-  // Where the lines go from now on: standard output by default, another stream (a host that
-  // keeps its standard output for data shows them on standard error), or nowhere (nullptr).
-  // The library always writes its lines; only the host decides where they end up.
-  static void setSink(std::ostream* sink);
+  // Where every line of the process goes from now on: a host shows the library's lines where it
+  // wants them (std::cerr beside data on standard output) or discards them (nullptr). Returns
+  // the sink before. Standard output by default. The stream must outlive its use.
+  static std::ostream* setSink(std::ostream* sink);
+
+  // While a Capture lives, the lines of the thread that made it are collected in it instead of
+  // going to the sink: a host that was asked for a text (a box's print()) gets it whatever the
+  // sink, and lines of other threads stay apart. Captures nest; the innermost one collects.
+  class Capture {
+  public:
+    Capture();
+    Capture(const Capture&) = delete;
+    Capture& operator=(const Capture&) = delete;
+    ~Capture();
+    std::string text() const { return text_.str(); }
+
+  private:
+    std::ostringstream text_;
+    std::ostringstream* outer_;
+  };
 
 private:
   std::ostringstream line_;

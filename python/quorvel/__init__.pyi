@@ -1,4 +1,5 @@
 # Type stubs of the quorvel package, so that editors complete names and arguments.
+from contextlib import AbstractContextManager
 from typing import Any, Dict, List, Optional, Sequence, Tuple, overload
 
 import numpy as np
@@ -21,6 +22,12 @@ class Cloud:
     def write(self, path: str, height_field: str = "Height") -> None: ...
 
 def read(path: str, fragment_points: int = 0) -> Cloud: ...
+def set_verbose(on: bool) -> bool: ...
+def is_verbose() -> bool: ...
+def verbose(on: bool = True) -> AbstractContextManager[None]: ...
+
+ALIASES: Dict[str, str]
+FIELD_KEYWORDS: Dict[str, str]
 
 class ShapeFactorComputationParameterBox:
     maxstep: int
@@ -38,6 +45,7 @@ class ShapeFactorComputationParameterBox:
     message: str
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
 
 class PointCloudReductionParameterBox:
     message: str
@@ -47,6 +55,7 @@ class PointCloudReductionParameterBox:
     fragmentMedianWeights: List[float]
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
 
 class PointCloudSizeReductionParameterBox:
     keep: float
@@ -55,6 +64,7 @@ class PointCloudSizeReductionParameterBox:
     message: str
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
 
 class SelectionParameterBox:
     fieldname: str
@@ -66,6 +76,7 @@ class SelectionParameterBox:
     message: str
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
 
 class PlanarRegressionParameterBox:
     range: str
@@ -82,6 +93,7 @@ class PlanarRegressionParameterBox:
     message: str
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
 
 class ExtrapolationParameterBox:
     mode: str
@@ -97,18 +109,28 @@ class ExtrapolationParameterBox:
     message: str
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
 
 class ClassificationTransferParameterBox:
     radius: float
+    assignment: Dict[float, int]
+    hasAssignment: bool
+    maxradius: float
     dimension: int
     fieldname: str
+    onetree: bool
+    positions: bool
+    expand: bool
     unclassify: bool
-    threads: int
     source: str
     target: str
+    offset: Tuple[float, float, float]
+    sourcefilename: str
+    threads: int
     message: str
     def __init__(self, text: str = "", **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
 
 class MapRasterOnPointCloudParameterBox:
     step: bool
@@ -123,6 +145,16 @@ class MapRasterOnPointCloudParameterBox:
     class_assignment: List[Tuple[int, float, float, float, float]]
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
+    def __str__(self) -> str: ...
+
+class ComputeNeighboursParameterBox:
+    radius: float
+    mode: str
+    stripwise: bool
+    def __init__(self, **fields: Any) -> None: ...
+    def print(self) -> None: ...
+    def __str__(self) -> str: ...
+    def different(self, other: "ComputeNeighboursParameterBox") -> bool: ...
 
 def shapeFactorComputation(cloud: Cloud, box: ShapeFactorComputationParameterBox) -> str: ...
 def computePointCloudReductionWeights(cloud: Cloud, box: PointCloudReductionParameterBox) -> str: ...
@@ -196,3 +228,31 @@ class Chronometry:
 
 def compute_gps_week(day: int, month: int, year: int) -> int: ...
 def current_date_and_time(sep: str = " ") -> str: ...
+
+# Snake-case names: the same objects as the names above.
+shape_factors = shapeFactorComputation
+reduction_weights = computePointCloudReductionWeights
+reduced_cloud = reducedPointCloud
+write_reduced_cloud = reduceSizeOfPointCloud
+select = computeSelection
+selection_table = array2D
+planar_regression = planarRegressionOfGrid
+extrapolate = extrapolation
+relative_height_and_belows = relativeHeightAndBelows
+classification_transfer = classificationTransfer
+classification_transfer_old = classificationTransferOLD
+cell_size = setCellSize
+ground_raster = groundRaster
+take_raster_layout = takeRasterLayout
+prepare_raster = prepareRaster
+map_raster = mapData
+map_classification = mapClassification
+map_classification_step = mapClassificationStep
+map_field = mapSourceToTarget
+assign_classes_to_classes = assignClassesToClasses
+assign_ranges_to_classes = assignRangesToClasses
+reclassification_by_range = reclassificationAccordingToRange
+fit_plane = planarRegression
+weighted_mean = weightedMean
+weighted_median = weightedMedian
+cubic_kernel = sphCubic

@@ -4,54 +4,104 @@
 
 #include "cloud.hpp"
 
+#include "basalt/Console.hpp"
 #include "vantor/MultiRange.hpp"
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace Quorvel::Python {
 
+// The lines a box's print() writes, whatever the console's sink: a box is printed because it was
+// asked for.
+template <class Box>
+std::string printed(const Box& box) {
+  Basalt::Console::Capture capture;
+  box.print();
+  return capture.text();
+}
+
+// Binds print() (the lines on Python's standard output) and str() (the same lines as a text).
+template <class Class>
+void bindPrint(Class& cls) {
+  using Box = typename Class::type;
+  cls.def(
+         "print",
+         [](const Box& b) { py::print(printed(b), py::arg("end") = "", py::arg("flush") = true); },
+         "Writes the box's lines (one per printed field, as the library words them) to "
+         "sys.stdout, whether or not the library's lines are shown (set_verbose).")
+      .def(
+          "__str__", [](const Box& b) { return printed(b); }, "The lines print() writes.");
+}
+
+// Raises ValueError naming the first field of the Python object obj (a box, by its type name
+// `box`) that the library's checks refuse; the same checks as the command-line host's.
+void requireChecks(const char* box, const py::object& obj);
+// The same for one value of a function's argument (a number or a text).
+void requireValue(const char* box, const char* field, const py::object& value);
+
+template <class Box>
+void requireBox(const char* name, Box& box) {
+  requireChecks(name, py::cast(&box, py::return_value_policy::reference));
+}
+
 // A box class with its fields: plain fields read and written as they are, value ranges as texts.
-// The field names, in order, are kept in `_fields` for keyword construction and repr.
+// The field names, in order, are kept in `_fields` for keyword construction and repr; the class's
+// docstring lists every field with its meaning and unit.
 template <class Box>
 class BoxBinding {
 public:
-  BoxBinding(py::module_& m, const char* name, const char* doc) : cls_(m, name, doc) {
-    cls_.def(py::init<>()).def("print", &Box::print, "The box's lines on standard output.");
+  BoxBinding(py::module_& m, const char* name, const char* doc)
+      : cls_(m, name), name_(name), doc_(doc) {
+    cls_.def(py::init<>());
+    bindPrint(cls_);
   }
   template <class T>
-  BoxBinding& field(const char* name, T Box::*member) {
-    cls_.def_readwrite(name, member);
-    names_.push_back(name);
-    return *this;
+  BoxBinding& field(const char* name, T Box::*member, const char* doc) {
+    cls_.def_readwrite(name, member, doc);
+    return add(name, doc);
   }
-  BoxBinding& field(const char* name, Vantor::MultiRange<double> Box::*member) {
+  BoxBinding& field(const char* name, Vantor::MultiRange<double> Box::*member, const char* doc) {
     cls_.def_property(
         name, [member](const Box& b) { return (b.*member).to_string(); },
-        [member](Box& b, const std::string& text) {
+        // Checked here: the parsed range drops what it cannot read, so the text is gone later.
+        [member, box = name_, name](Box& b, const std::string& text) {
+          requireValue(box, name, py::str(text));
           b.*member = Vantor::MultiRange<double>(text);
-        });
-    names_.push_back(name);
-    return *this;
+        },
+        doc);
+    return add(name, doc);
   }
   // A field read and written through conversions (lists of bands, say).
   template <class Get, class Set>
-  BoxBinding& property(const char* name, Get get, Set set) {
-    cls_.def_property(name, get, set);
-    names_.push_back(name);
-    return *this;
+  BoxBinding& property(const char* name, Get get, Set set, const char* doc) {
+    cls_.def_property(name, get, set, doc);
+    return add(name, doc);
   }
   // A field the runs set.
   template <class Get>
-  BoxBinding& readonly(const char* name, Get get) {
-    cls_.def_property_readonly(name, get);
-    names_.push_back(name);
-    return *this;
+  BoxBinding& readonly(const char* name, Get get, const char* doc) {
+    cls_.def_property_readonly(name, get, doc);
+    return add(name, doc);
   }
-  ~BoxBinding() { cls_.attr("_fields") = py::tuple(py::cast(names_)); }
+  py::class_<Box>& cls() { return cls_; }
+  ~BoxBinding() {
+    cls_.attr("_fields") = py::tuple(py::cast(names_));
+    cls_.attr("__doc__") = doc_;
+  }
 
 private:
+  BoxBinding& add(const char* name, const char* doc) {
+    names_.push_back(name);
+    doc_ += std::string(names_.size() == 1 ? "\n\nFields (keywords of the constructor):\n" : "") +
+            "    " + name + ": " + doc + "\n";
+    return *this;
+  }
+
   py::class_<Box> cls_;
+  const char* name_;
+  std::string doc_;
   std::vector<std::string> names_;
 };
 

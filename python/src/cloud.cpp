@@ -1,13 +1,16 @@
 // Quorvel for Python: clouds from numpy arrays and back, LAS and bundle files.
 #include "cloud.hpp"
 
+#include "io/detail/LasFormats.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <numeric>
 
@@ -32,6 +35,9 @@ std::string dtypeOf(Tressel::ScalarKind kind) {
 // (or "point" for the positions, "rgb16" for "RGB") for n x 3 arrays.
 std::string elementTypeOf(const std::string& name, const py::array& a, std::size_t n) {
   const py::dtype d = a.dtype();
+  // Bytes of another order would be read as native numbers.
+  if (!py::cast<bool>(d.attr("isnative")))
+    raise("field \"" + name + "\": an array in the machine's byte order is needed");
   const char kind = d.kind();
   const auto size = static_cast<int>(d.itemsize());
   std::string scalar;
@@ -89,6 +95,30 @@ Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& 
       std::memcpy(to[k], from + at * bytes, sizes[k] * bytes);
   }
   return {arrays.build("PointCloud")};
+}
+
+bool hasExtension(const std::string& path, std::initializer_list<const char*> extensions) {
+  const std::string extension = std::filesystem::path(path).extension().string();
+  return std::find(extensions.begin(), extensions.end(), extension) != extensions.end();
+}
+bool isCloudOutput(const std::string& path) {
+  return hasExtension(path, {".las", ".laz", ".h5", ".hdf5"});
+}
+bool isRasterOutput(const std::string& path) {
+  return hasExtension(path, {".tif", ".tiff"});
+}
+
+// The fields of LAS point records by name: numpy's dtype code and the components (RGB: 3), so
+// that Python converts what it is given to the type the LAS writer takes.
+py::dict lasFields() {
+  py::dict out;
+  for (int format = 0; format < Las::detail::FormatCount; ++format)
+    for (const auto& dim : Las::detail::dims(format))
+      out[dim.name] = py::make_tuple(dtypeOf(dim.kind), 1);
+  out["ScanAngle"] = py::make_tuple("f4", 1);
+  out["LastReturn"] = py::make_tuple("u1", 1);
+  out["RGB"] = py::make_tuple("u2", 3);
+  return out;
 }
 
 // Arrays of a cloud's values are read-only, whether they share its storage or not: a change is
@@ -220,15 +250,26 @@ void bindCloud(py::module_& m) {
       .def(
           "write",
           [](const Cloud& c, const std::string& path, const std::string& heightField) {
+            const bool raster = isRasterOutput(path);
+            if (!raster && !isCloudOutput(path))
+              raiseValue(
+                  "\"" + path +
+                  "\" names no file type quorvel writes (.las for LAS, .laz for LAZ, .h5 or .hdf5 "
+                  "for a bundle, .tif or .tiff for a raster's GeoTIFF)");
             py::gil_scoped_release released;
-            if (Raster::isRasterFile(path))
+            if (raster)
               Raster::writeGeoTiff(path, *c.grid, heightField);
             else
               Files::save(path, c.grid);
           },
           py::arg("path"), py::arg("height_field") = Raster::DefaultHeightField,
-          "Writes a LAS file, a bundle for .h5 and .hdf5, or a raster's height_field as a "
-          "GeoTIFF for .tif and .tiff.");
+          "Writes the cloud to a file, chosen by the extension.\n\n"
+          "Parameters:\n"
+          "    path: .las (LAS), .laz (LAZ), .h5 or .hdf5 (a bundle), .tif or .tiff (a raster's "
+          "heights as GeoTIFF); other names raise ValueError\n"
+          "    height_field: the raster field written to a GeoTIFF (heights in metres)");
+  m.def("_las_fields", &lasFields,
+        "{name: (dtype code, components)} of the fields of LAS point records.");
   m.def(
       "read",
       [](const std::string& path, std::size_t fragmentPoints) {
@@ -237,8 +278,12 @@ void bindCloud(py::module_& m) {
                                                 : Files::load(path, fragmentPoints)};
       },
       py::arg("path"), py::arg("fragment_points") = 0,
-      "Reads a LAS file, a bundle (.h5, .hdf5) or a raster GDAL reads (.tif, .tiff, .asc, "
-      ".img, .vrt); fragment_points N splits a LAS file into x-y tiles of about N points.");
+      "Reads a point cloud or a raster.\n\n"
+      "Parameters:\n"
+      "    path: a LAS or LAZ file, a bundle (.h5, .hdf5) or a raster GDAL reads (.tif, .tiff, "
+      ".asc, .img, .vrt)\n"
+      "    fragment_points: 0 reads one fragment; N splits a LAS file into x-y tiles of about N "
+      "points");
 }
 
 } // namespace Quorvel::Python

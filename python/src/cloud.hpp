@@ -23,6 +23,13 @@ struct Cloud {
   throw std::runtime_error(text);
 }
 
+// Raises ValueError with text (pybind11's value_error would become quorvel.Error, being a
+// std::runtime_error).
+[[noreturn]] inline void raiseValue(const std::string& text) {
+  PyErr_SetString(PyExc_ValueError, text.c_str());
+  throw py::error_already_set();
+}
+
 void bindCloud(py::module_& m);
 void bindAlgorithms(py::module_& m);
 void bindKernels(py::module_& m);

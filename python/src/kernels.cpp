@@ -1,5 +1,5 @@
 // Quorvel for Python: the parsers and kernels, with Python values.
-#include "cloud.hpp"
+#include "boxes.hpp"
 
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/geometry.hpp"
@@ -26,7 +26,9 @@ pointsOf(const py::array_t<double, py::array::c_style | py::array::forcecast>& a
 
 void bindRanges(py::module_& m) {
   using Range = Vantor::MultiRange<double>;
-  py::class_<Range>(m, "MultiRange", "Closed intervals from a text such as \"2:5,9\".")
+  py::class_<Range>(m, "MultiRange",
+                    "Closed intervals from a text such as \"2:5,9\" (classes, metres, any "
+                    "value).\n\nParameters:\n    text: items a or a:b separated by ',' or ';'")
       .def(py::init<>())
       .def(py::init<const std::string&>(), py::arg("text"))
       .def("contains", &Range::contains, py::arg("x"), py::arg("tolerance") = RangeTolerance)
@@ -41,7 +43,10 @@ void bindRanges(py::module_& m) {
         const bool ok = assignClassesToClasses(text, table);
         return py::make_tuple(ok, std::vector<int>(table.begin(), table.end()));
       },
-      py::arg("text"), "(accepted, the 256-entry class table) of a text such as \"2>6;3:5>7\".");
+      py::arg("text"),
+      "(accepted, the 256-entry class table) of a class assignment.\n\n"
+      "Parameters:\n"
+      "    text: classes and their new class, e.g. \"2>6;3:5>7\"");
   m.def(
       "assignRangesToClasses",
       [](const std::string& text) {
@@ -49,7 +54,10 @@ void bindRanges(py::module_& m) {
         const bool ok = assignRangesToClasses(text, table);
         return py::make_tuple(ok, table);
       },
-      py::arg("text"), "(accepted, [((low, high), class)]) of a text such as \"0:1.5=2\".");
+      py::arg("text"),
+      "(accepted, [((low, high), class)]) of a text of ranges and classes.\n\n"
+      "Parameters:\n"
+      "    text: value ranges (metres) and their class, e.g. \"0:1.5=2\"");
   m.def(
       "reclassificationAccordingToRange",
       [](const std::string& text) {
@@ -57,7 +65,10 @@ void bindRanges(py::module_& m) {
         const bool ok = reclassificationAccordingToRange(text, table);
         return py::make_tuple(ok, table);
       },
-      py::arg("text"), "(accepted, [((a, b), (c, d), class)]) of a text such as \"a:b=c:d=k\".");
+      py::arg("text"),
+      "(accepted, [((a, b), (c, d), class)]) of a text of two ranges and a class.\n\n"
+      "Parameters:\n"
+      "    text: e.g. \"0:2=2:5=6\": heights a:b (metres), classes c:d, new class k");
 }
 
 void bindGeometry(py::module_& m) {
@@ -71,7 +82,10 @@ void bindGeometry(py::module_& m) {
         return py::make_tuple(ok, py::make_tuple(plane.x, plane.y, plane.z));
       },
       py::arg("points"), py::arg("percent") = 0,
-      "(fitted, (a, b, c)) of the height plane z = a x + b y + c, leaving out the percent lowest.");
+      "(fitted, (a, b, c)) of the height plane z = a x + b y + c.\n\n"
+      "Parameters:\n"
+      "    points: n x 3 positions in metres\n"
+      "    percent: percentage (0 to 100) of the lowest points left out");
   m.def(
       "weightedMean",
       [](const py::array_t<double, py::array::c_style | py::array::forcecast>& points,
@@ -80,7 +94,11 @@ void bindGeometry(py::module_& m) {
         const bool ok = weightedMean(p, pointsOf(points), weights);
         return py::make_tuple(ok, py::make_tuple(p.x, p.y, p.z));
       },
-      py::arg("points"), py::arg("weights"));
+      py::arg("points"), py::arg("weights"),
+      "(computed, (x, y, z)) of the weighted mean of points.\n\n"
+      "Parameters:\n"
+      "    points: n x 3 positions in metres\n"
+      "    weights: one weight per point");
   m.def(
       "weightedMedian",
       [](const py::array_t<double, py::array::c_style | py::array::forcecast>& points,
@@ -89,15 +107,30 @@ void bindGeometry(py::module_& m) {
         const bool ok = weightedMedian(p, pointsOf(points), weights, tolerance);
         return py::make_tuple(ok, py::make_tuple(p.x, p.y, p.z));
       },
-      py::arg("points"), py::arg("weights"), py::arg("tolerance"));
+      py::arg("points"), py::arg("weights"), py::arg("tolerance"),
+      "(computed, (x, y, z)) of the weighted median of points (re-weighted means).\n\n"
+      "Parameters:\n"
+      "    points: n x 3 positions in metres\n"
+      "    weights: one weight per point\n"
+      "    tolerance: largest step in metres that ends the refinement; 1 or more: the mean");
   m.def("sphCubic", py::overload_cast<double, double>(&sphCubic), py::arg("r"), py::arg("h") = 1.0,
-        "The cubic spline kernel of support 2 h, 1 at r = 0.");
+        "The cubic spline kernel of support 2 h, 1 at r = 0.\n\n"
+        "Parameters:\n"
+        "    r: distance in metres\n"
+        "    h: smoothing length in metres");
 }
 
 void bindDates(py::module_& m) {
-  py::class_<Chronometry>(m, "Chronometry", "The acquisition date read from a file name.")
+  py::class_<Chronometry>(m, "Chronometry",
+                          "The acquisition date read from a file name.\n\n"
+                          "Parameters:\n    file_name: a name holding yymmdd_hhmmss")
       .def(py::init<const std::string&>(), py::arg("file_name"))
-      .def("print", &Chronometry::print)
+      .def(
+          "print",
+          [](const Chronometry& c) {
+            py::print(printed(c), py::arg("end") = "", py::arg("flush") = true);
+          },
+          "Writes the date's lines to sys.stdout.")
       .def("ddmmyy", &Chronometry::ddmmyy, py::arg("sep") = '.')
       .def("ddmmyyyy", &Chronometry::ddmmyyyy, py::arg("sep") = '.')
       .def("yyyymmdd", &Chronometry::yyyymmdd, py::arg("sep") = '.')
@@ -112,9 +145,13 @@ void bindDates(py::module_& m) {
       .def_readonly("gps_week", &Chronometry::gps_week);
   m.def("current_date_and_time", &current_date_and_time, py::arg("sep") = ' ',
         "The present local time as asctime writes it, without colons (blanks become underscores "
-        "unless sep is a blank).");
+        "unless sep is a blank).\n\n"
+        "Parameters:\n"
+        "    sep: the separator between date and time");
   m.def("compute_gps_week", &compute_gps_week, py::arg("day"), py::arg("month"), py::arg("year"),
-        "The GPS week of a civil date.");
+        "The GPS week of a civil date.\n\n"
+        "Parameters:\n"
+        "    day: 1 to 31; month: 1 to 12; year: four digits");
 }
 
 } // namespace

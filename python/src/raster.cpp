@@ -30,20 +30,24 @@ using ClassBand = std::tuple<std::uint32_t, double, double, double, double>;
 void bindBox(py::module_& m) {
   BoxBinding<Box>(m, "MapRasterOnPointCloudParameterBox",
                   "Settings of raster preparation and mapping.")
-      .field("step", &Box::step)
-      .field("unclassify", &Box::unclassify)
-      .field("height", &Box::height)
-      .field("heightfieldname", &Box::heightfieldname)
-      .field("cellsize", &Box::cellsize)
-      .field("rastersize", &Box::rastersize)
-      .field("constantclasses", &Box::constantclasses)
-      .readonly("raster_bbox",
-                [](const Box& b) -> std::optional<std::pair<Triple, Triple>> {
-                  if (!b.raster_bbox || b.raster_bbox->empty())
-                    return std::nullopt;
-                  const point &lo = b.raster_bbox->min(), &hi = b.raster_bbox->max();
-                  return std::make_pair(Triple{lo.x, lo.y, lo.z}, Triple{hi.x, hi.y, hi.z});
-                })
+      .field("step", &Box::step, "bands by the height above the cell's ground alone")
+      .field("unclassify", &Box::unclassify, "every mapped point's class set to 0 first")
+      .field("height", &Box::height,
+             "write \"CanopyHeight\" (metres above the cell's plane) instead of classes")
+      .field("heightfieldname", &Box::heightfieldname, "the raster's field of ground heights")
+      .field("cellsize", &Box::cellsize,
+             "edge of a raster cell along x, y, z in metres (0: axis not indexed)")
+      .field("rastersize", &Box::rastersize, "cells of a raster fragment along x, y, z")
+      .field("constantclasses", &Box::constantclasses, "classes the mapping never changes")
+      .readonly(
+          "raster_bbox",
+          [](const Box& b) -> std::optional<std::pair<Triple, Triple>> {
+            if (!b.raster_bbox || b.raster_bbox->empty())
+              return std::nullopt;
+            const point &lo = b.raster_bbox->min(), &hi = b.raster_bbox->max();
+            return std::make_pair(Triple{lo.x, lo.y, lo.z}, Triple{hi.x, hi.y, hi.z});
+          },
+          "the whole raster's box ((min), (max)) in metres, set by prepareRaster")
       .property(
           "assignment",
           [](const Box& b) {
@@ -56,7 +60,8 @@ void bindBox(py::module_& m) {
             b.assignment.clear();
             for (const auto& [low, high, cls] : bands)
               b.assignment.push_back({low, high, cls});
-          })
+          },
+          "height bands [(low, high, class)] in metres above the ground; later ones override")
       .property(
           "class_assignment",
           [](const Box& b) {
@@ -69,7 +74,9 @@ void bindBox(py::module_& m) {
             b.class_assignment.clear();
             for (const auto& [cls, low, high, from, to] : bands)
               b.class_assignment.push_back({cls, low, high, from, to});
-          });
+          },
+          "bands for some classes only [(class, low, high, from, to)]: heights in metres, "
+          "points of classes from..to");
 }
 
 point pointOf(const Triple& t) {
@@ -88,7 +95,14 @@ void bindRules(py::module_& m) {
       },
       py::arg("low"), py::arg("high"), py::arg("plane"), py::arg("p"), py::arg("maxGround"),
       py::arg("minGround"), py::arg("groundHeight"), py::arg("cls"), py::arg("cls_out"),
-      "The class after the band rule with both tests (cls_out when neither holds).");
+      "The class after the band rule with both tests (cls_out when neither holds).\n\n"
+      "Parameters:\n"
+      "    low, high: the band in metres above the ground\n"
+      "    plane: the cell's height plane (a, b, c) of z = a x + b y + c; c >= 1e7: none\n"
+      "    p: the point (x, y, z) in metres\n"
+      "    maxGround, minGround: highest and lowest ground of the cell's block in metres\n"
+      "    groundHeight: the cell's ground height in metres\n"
+      "    cls: the band's class; cls_out: the point's class before");
   m.def(
       "mapClassificationStep",
       [](double low, double high, const Triple& p, double groundHeight, int cls, int cls_out) {
@@ -97,7 +111,13 @@ void bindRules(py::module_& m) {
         return static_cast<int>(out);
       },
       py::arg("low"), py::arg("high"), py::arg("p"), py::arg("groundHeight"), py::arg("cls"),
-      py::arg("cls_out"), "The class after the step rule (cls_out when it does not hold).");
+      py::arg("cls_out"),
+      "The class after the step rule (cls_out when it does not hold).\n\n"
+      "Parameters:\n"
+      "    low, high: the band in metres above the ground\n"
+      "    p: the point (x, y, z) in metres\n"
+      "    groundHeight: the cell's ground height in metres\n"
+      "    cls: the band's class; cls_out: the point's class before");
 }
 
 // Raises when a run that returns a flag failed; its messages went to standard output.
@@ -110,6 +130,7 @@ void bindRuns(py::module_& m) {
   m.def(
       "prepareRaster",
       [](const std::string& path, Box& box) {
+        requireBox("MapRasterOnPointCloudParameterBox", box);
         Cloud raster;
         bool ok = false;
         {
@@ -119,39 +140,64 @@ void bindRuns(py::module_& m) {
         require(ok, "prepareRaster of " + path);
         return raster;
       },
-      py::arg("path"), py::arg("box"), "The raster of a bundle file, prepared.");
+      py::arg("path"), py::arg("box"),
+      "The raster of a bundle file, prepared (planes, highest and lowest ground per cell).\n\n"
+      "Parameters:\n"
+      "    path: a bundle file (.h5) whose first grid is the raster\n"
+      "    box: MapRasterOnPointCloudParameterBox (cellsize in metres); receives raster_bbox");
   m.def(
       "takeRasterLayout",
       [](Cloud& raster, Box& box) { return takeRasterLayout(*raster.grid, box); },
       py::arg("raster"), py::arg("box"),
-      "Sets the box's cellsize and rastersize from the raster's layout.");
+      "Sets the box's cellsize (metres) and rastersize (cells) from the raster's layout.\n\n"
+      "Parameters:\n"
+      "    raster: a raster cloud (raster(), groundRaster(), read() of a raster)\n"
+      "    box: MapRasterOnPointCloudParameterBox\n"
+      "Returns False, leaving the box alone, for a cloud without a raster layout.");
   m.def(
       "prepareRaster",
       [](Cloud& raster, Box& box) {
+        requireBox("MapRasterOnPointCloudParameterBox", box);
         py::gil_scoped_release released;
         return prepareRaster(raster.grid, box);
       },
-      py::arg("raster"), py::arg("box"), "Prepares a raster already read.");
+      py::arg("raster"), py::arg("box"),
+      "Prepares a raster already read (planes, highest and lowest ground per cell).\n\n"
+      "Parameters:\n"
+      "    raster: a raster cloud\n"
+      "    box: MapRasterOnPointCloudParameterBox (cellsize in metres); receives raster_bbox");
   m.def(
       "mapData",
-      [](Cloud& cloud, Cloud& raster, const Box& box) {
+      [](Cloud& cloud, Cloud& raster, Box& box) {
+        requireBox("MapRasterOnPointCloudParameterBox", box);
         py::gil_scoped_release released;
         return mapData(cloud.grid, raster.grid, box);
       },
       py::arg("cloud"), py::arg("raster"), py::arg("box"),
-      "Classes by height bands, or \"CanopyHeight\", from a prepared raster.");
+      "Classes by height bands, or \"CanopyHeight\" (float32, metres), from a prepared "
+      "raster.\n\n"
+      "Parameters:\n"
+      "    cloud: the point cloud (positions in metres)\n"
+      "    raster: a prepared raster (prepareRaster)\n"
+      "    box: MapRasterOnPointCloudParameterBox (bands in metres above the ground)");
   m.def(
       "mapData",
       [](const std::vector<std::string>& files, const std::string& rasterFile, Box& box) {
+        requireBox("MapRasterOnPointCloudParameterBox", box);
         py::gil_scoped_release released;
         return mapData(files, rasterFile, box);
       },
       py::arg("files"), py::arg("rasterFile"), py::arg("box"),
-      "Maps a raster file onto every grid of the bundle files, writing each back in place.");
+      "Maps a raster file onto every grid of the bundle files, writing each back in place.\n\n"
+      "Parameters:\n"
+      "    files: bundle files (.h5), rewritten in place\n"
+      "    rasterFile: the bundle file of the raster\n"
+      "    box: MapRasterOnPointCloudParameterBox (bands in metres above the ground)");
   m.def(
       "mapSourceToTarget",
       [](Cloud& source, const std::string& sourceField, Cloud& target,
          const std::string& targetField, double radius) {
+        requireValue("mapSourceToTarget", "radius", py::float_(radius));
         std::string message;
         {
           py::gil_scoped_release released;
@@ -161,7 +207,14 @@ void bindRuns(py::module_& m) {
           raise(message);
       },
       py::arg("source"), py::arg("sourceField"), py::arg("target"), py::arg("targetField"),
-      py::arg("radius"), "A field of source onto target's cells by the nearest point in x-y.");
+      py::arg("radius"),
+      "A field of source onto target's cells by the nearest point in x-y.\n\n"
+      "Parameters:\n"
+      "    source: the cloud whose field is carried\n"
+      "    sourceField: the source's field (any scalar type)\n"
+      "    target: the raster that receives the field\n"
+      "    targetField: the target's new field (float32)\n"
+      "    radius: largest x-y distance to a source point in metres, positive");
 }
 
 using Heights = py::array_t<float, py::array::c_style | py::array::forcecast>;
@@ -231,12 +284,24 @@ void bindRasters(py::module_& m) {
   m.def("raster", &rasterOf, py::arg("height"), py::arg("cell_type") = std::nullopt,
         py::arg("origin") = Triple{0, 0, 0}, py::arg("cell_size") = 1.0,
         py::arg("fragment_cells") = 256, py::arg("height_field") = "Height",
-        "A raster from a (rows, columns) array of heights: cell (i, j) at origin + (i, j) * "
-        "cell_size takes height[j, i]; cell types 0, or 1 where the height is NaN, unless given.");
+        "A raster from a (rows, columns) array of heights.\n\n"
+        "Cell (i, j) at origin + (i, j) * cell_size takes height[j, i].\n\n"
+        "Parameters:\n"
+        "    height: (rows, columns) heights in metres\n"
+        "    cell_type: (rows, columns) cell types (0, 4: ground; 1: no data); None: 0, or 1 "
+        "where the height is NaN\n"
+        "    origin: (x, y, z) of cell (0, 0) in metres\n"
+        "    cell_size: edge of a cell in metres\n"
+        "    fragment_cells: cells of a fragment along x and y\n"
+        "    height_field: the field of the heights");
   m.def(
       "groundRaster",
       [](Cloud& cloud, double cellSize, const std::string& classes, int fillRings,
          std::size_t fragmentCells, const std::string& heightField) {
+        requireValue("groundRaster", "cell_size", py::float_(cellSize));
+        requireValue("groundRaster", "classes", py::str(classes));
+        requireValue("groundRaster", "fill_rings", py::int_(fillRings));
+        requireValue("groundRaster", "fragment_cells", py::int_(fragmentCells));
         Raster::GroundRasterSettings settings;
         settings.cellSize = cellSize;
         settings.classes = Vantor::MultiRange<double>(classes);
@@ -249,9 +314,19 @@ void bindRasters(py::module_& m) {
       py::arg("cloud"), py::arg("cell_size"), py::arg("classes") = "2", py::arg("fill_rings") = 5,
       py::arg("fragment_cells") = 256, py::arg("height_field") = "Height",
       "A ground raster: the lowest z of the ground points in every cell, gaps filled from the "
-      "nearest ring of measured cells.");
+      "nearest ring of measured cells (CellType 0 measured, 4 filled, 1 no data).\n\n"
+      "Parameters:\n"
+      "    cloud: the classified cloud (positions in metres)\n"
+      "    cell_size: edge of a cell in metres, positive\n"
+      "    classes: the ground classes (a range text)\n"
+      "    fill_rings: how far gaps are filled, in cells, 0 to 1000\n"
+      "    fragment_cells: cells of a fragment along x and y, 1 to 65536\n"
+      "    height_field: the field of the heights (metres)");
   m.def("cells", &cellsOf, py::arg("raster"), py::arg("name"),
-        "A cell field of a raster as a (rows, columns) array, padding included.");
+        "A cell field of a raster as a (rows, columns) array, padding included.\n\n"
+        "Parameters:\n"
+        "    raster: a raster cloud\n"
+        "    name: the cell field (uint8, float32, float64, or vectors as (rows, columns, 3))");
 }
 
 } // namespace

@@ -53,6 +53,36 @@ TEST(Console, LinesFromThreadsNeverInterleave) {
   EXPECT_EQ(count, 800);
 }
 
+// A host chooses where lines go or drops them; a capture takes its own thread's lines only, and
+// the sink is standard output again afterwards.
+TEST(Console, SinksAndCapturesTakeTheLinesTheyAreGiven) {
+  std::ostringstream elsewhere;
+  CaptureStdout();
+  EXPECT_EQ(Basalt::Console::setSink(&elsewhere), &std::cout);
+  Basalt::Console() << "to the sink";
+  EXPECT_EQ(Basalt::Console::setSink(nullptr), &elsewhere);
+  Basalt::Console() << "dropped";
+  Basalt::Console::write("dropped too\r");
+  EXPECT_EQ(Basalt::Console::setSink(&elsewhere), nullptr);
+  {
+    Basalt::Console::Capture outer;
+    Basalt::Console() << "outer " << 1;
+    {
+      Basalt::Console::Capture inner;
+      Basalt::Console() << "inner";
+      std::thread([] { Basalt::Console() << "other thread"; }).join();
+      EXPECT_EQ(inner.text(), "inner\n");
+    }
+    Basalt::Console() << "outer " << 2;
+    EXPECT_EQ(outer.text(), "outer 1\nouter 2\n");
+  }
+  Basalt::Console() << "after";
+  Basalt::Console::setSink(&std::cout);
+  Basalt::Console() << "standard output";
+  EXPECT_EQ(elsewhere.str(), "to the sink\nother thread\nafter\n");
+  EXPECT_EQ(GetCapturedStdout(), "standard output\n");
+}
+
 TEST(Console, FormatHandlesLongResults) {
   EXPECT_EQ(Basalt::format("[%.3f;%.3f] > %d", 1.0, 2.5, 7), "[1.000;2.500] > 7");
   EXPECT_EQ(Basalt::format("%f", 1e300).size(), 308u); // 301 digits, point and six decimals

@@ -329,8 +329,8 @@ def test_errors_raise_with_their_texts():
             chartname="Elsewhere"))
     with pytest.raises(quorvel.Error, match="ERROR: no f_normalvector"):
         quorvel.computePointCloudReductionWeights(cloud, quorvel.PointCloudReductionParameterBox())
-    with pytest.raises(quorvel.Error, match="ERROR: unknown mode grow"):
-        quorvel.extrapolation(cloud, quorvel.ExtrapolationParameterBox(mode="grow"))
+    with pytest.raises(quorvel.Error, match="ERROR: no f_classification"):
+        quorvel.extrapolation(cloud, quorvel.ExtrapolationParameterBox())
 
 
 def test_runs_release_the_gil():
