@@ -228,6 +228,11 @@ std::string numbers(const Json& values, const char* format) {
   return out;
 }
 
+// Three decimals, or three significant digits below 1 (sparse points in a unit of feet).
+std::string densityText(double value) {
+  return Basalt::format(value >= 1 ? "%.3f" : "%.3g", value);
+}
+
 std::string box(const Json& b) {
   return numbers(b["min"], "%.3f") + " - " + numbers(b["max"], "%.3f");
 }
@@ -354,8 +359,8 @@ void printText(const Json& d) {
   if (!d["bbox"].is_null())
     std::cout << (d["density"].is_null()
                       ? std::string("density: none (the points' x-y bounds have no area)")
-                      : Basalt::format("density: %.3f points per square unit",
-                                       d["density"].get<double>()))
+                      : "density: " + densityText(d["density"].get<double>()) +
+                            " points per square unit")
               << "\n";
 }
 
