@@ -13,7 +13,6 @@
 #include <cctype>
 #include <filesystem>
 #include <iostream>
-#include <map>
 
 namespace Quorvel::Cli {
 
