@@ -46,9 +46,9 @@ format: deps
 demo: build
 	@mkdir -p build/demo
 	@echo "== source: classified, thinned"
-	@build/release/cli/quorvel info data/sample_c_thin.las | grep -E "^(points|classes)"
+	@build/release/cli/quorvel info data/sample_c_thin.las | grep -E "^(points|classes):"
 	@echo "== target: unclassified"
-	@build/release/cli/quorvel info data/sample_nc.las | grep -E "^(points|classes)"
+	@build/release/cli/quorvel info data/sample_nc.las | grep -E "^(points|classes):"
 	@echo "== transfer within 1 m (nearest source point's class)"
 	@build/release/cli/quorvel transfer data/sample_c_thin.las data/sample_nc.las \
 		-o build/demo/transferred.las --bands 1 --verbose 2>&1 | tr '\r' '\n' | grep -E "^(radius|dimension|bboxes)"

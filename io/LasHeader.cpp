@@ -92,6 +92,11 @@ void headerTable(const Io& io, Raw& r) {
     io(255 + 8 * k, r.byReturn[k]);
 }
 
+// Whether a reader takes the counts of LAS 1.4 (64-bit, 15 returns) rather than the legacy ones.
+bool wideCounts(const RawHeader& r) {
+  return r.header.versionMinor >= 4 && (r.pointCount != 0 || r.legacyPointCount == 0);
+}
+
 std::string number(double v) {
   return Basalt::format("%.17g", v);
 }
@@ -112,10 +117,14 @@ RawHeader decodeHeader(const std::uint8_t* bytes, std::size_t size) {
   // First the part every version has, then what the version named there adds.
   headerTable(Decoder{bytes, std::min(size, SmallestHeader)}, r);
   headerTable(Decoder{bytes, std::min(size, headerSizeFor(r.header.versionMinor))}, r);
-  r.header.pointCount = r.legacyPointCount;
-  if (r.header.versionMinor >= 4 && (r.pointCount != 0 || r.legacyPointCount == 0))
-    r.header.pointCount = r.pointCount;
+  r.header.pointCount = wideCounts(r) ? r.pointCount : r.legacyPointCount;
   return r;
+}
+
+std::vector<std::uint64_t> pointsByReturn(const RawHeader& raw) {
+  if (wideCounts(raw))
+    return {raw.byReturn.begin(), raw.byReturn.end()};
+  return {raw.legacyByReturn.begin(), raw.legacyByReturn.end()};
 }
 
 void encodeHeader(const RawHeader& raw, std::uint8_t* out) {

@@ -1,4 +1,4 @@
-// Quorvel: reading LAS files straight into fragment arrays, and summarizing them.
+// Quorvel: reading LAS files straight into fragment arrays.
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasProgress.hpp"
@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <iostream>
-#include <limits>
 #include <mutex>
 #include <set>
 #include <sys/mman.h>
@@ -393,40 +392,6 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
   }
   setFileInfo(*result.grid, in.info);
   return result;
-}
-
-Summary summarize(const std::string& path) {
-  OpenedFile in(path, true);
-  in.decodeAll();
-  const Header& h = in.info.header;
-  Summary s;
-  s.header = h;
-  s.pointCount = in.pointCount;
-  for (const FieldPlan& f : fieldsOf(in.info, false))
-    s.fields.emplace_back(f.name, f.type);
-  const std::size_t length = h.recordLength;
-  const int classAt = format(h.pointFormat).extended ? 16 : 15;
-  const std::uint8_t classMask = format(h.pointFormat).extended ? 0xFF : 0x1F;
-  std::array<std::int32_t, 3> lo{}, hi{};
-  lo.fill(std::numeric_limits<std::int32_t>::max());
-  hi.fill(std::numeric_limits<std::int32_t>::min());
-  const std::uint8_t* r = in.records;
-  for (std::uint64_t i = 0; i < in.pointCount; ++i, r += length) {
-    std::int32_t raw[3];
-    std::memcpy(raw, r, 12);
-    for (std::size_t k = 0; k < 3; ++k) {
-      lo[k] = std::min(lo[k], raw[k]);
-      hi[k] = std::max(hi[k], raw[k]);
-    }
-    ++s.classCounts[r[classAt] & classMask];
-  }
-  if (in.pointCount > 0)
-    for (std::size_t k = 0; k < 3; ++k) {
-      const double a = lo[k] * h.scale[k] + h.offset[k], b = hi[k] * h.scale[k] + h.offset[k];
-      s.min[k] = std::min(a, b);
-      s.max[k] = std::max(a, b);
-    }
-  return s;
 }
 
 } // namespace Quorvel::Las

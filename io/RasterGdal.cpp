@@ -18,9 +18,7 @@
 
 namespace Quorvel::Raster {
 
-namespace {
-
-constexpr double NoDataValue = -9999.0;
+namespace detail {
 
 void registerDrivers() {
   static std::once_flag once;
@@ -30,6 +28,14 @@ void registerDrivers() {
     CPLSetErrorHandler(CPLQuietErrorHandler);
   });
 }
+
+} // namespace detail
+
+namespace {
+
+using detail::registerDrivers;
+
+constexpr double NoDataValue = -9999.0;
 
 struct DatasetCloser {
   void operator()(GDALDataset* d) const { GDALClose(d); }

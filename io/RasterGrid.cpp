@@ -1,11 +1,9 @@
-// Quorvel: raster grids from pixels and back, and the coordinate system of a LAS cloud.
+// Quorvel: raster grids from pixels and back, and what a raster grid holds.
 #include "io/detail/Raster.hpp"
 
 #include "basalt/Chunk.hpp"
 #include "tressel/Bundle.hpp"
 #include "tressel/UniformGrid.hpp"
-
-#include <ogr_spatialref.h>
 
 #include <algorithm>
 #include <cmath>
@@ -37,39 +35,36 @@ std::size_t getCount(const Tressel::Grid& grid, const char* name, std::size_t ot
   return chunk && chunk->size() == 1 ? static_cast<std::size_t>((*chunk)[0]) : otherwise;
 }
 
-// The WKT of an EPSG code, or empty.
-std::string wktOfEpsg(int code) {
-  OGRSpatialReference reference;
-  if (reference.importFromEPSG(code) != OGRERR_NONE)
-    return {};
-  char* text = nullptr;
-  std::string out;
-  if (reference.exportToWkt(&text) == OGRERR_NONE && text)
-    out = text;
-  CPLFree(text);
-  return out;
+// A raster grid's pixels without their cells, with the cells of a row of the whole grid (filling
+// included); nullopt for a grid that is not a raster.
+std::optional<std::pair<detail::Pixels, std::size_t>> layoutOf(const Tressel::Grid& raster) {
+  const auto view = Tressel::uniformGridView(raster);
+  if (!view || view->cells[2] != 1 || view->fragments[2] != 1)
+    return std::nullopt;
+  detail::Pixels p;
+  const std::size_t width = view->cells[0] * view->fragments[0];
+  const std::size_t height = view->cells[1] * view->fragments[1];
+  p.columns = std::min(width, getCount(raster, "RasterColumns", width));
+  p.rows = std::min(height, getCount(raster, "RasterRows", height));
+  p.x0 = view->origin.x;
+  p.y0 = view->origin.y;
+  p.sizeX = view->cellSize.x;
+  p.sizeY = view->cellSize.y;
+  p.coordinateSystem = getText(raster, "CoordinateSystem");
+  return std::pair{p, width};
 }
 
-// The EPSG code of a GeoKeyDirectory record (projected, else geographic), or 0.
-int epsgOfGeoKeys(const std::vector<std::uint8_t>& data) {
-  auto word = [&](std::size_t k) {
-    std::uint16_t v = 0;
-    if (2 * k + 2 <= data.size())
-      std::memcpy(&v, data.data() + 2 * k, 2);
-    return v;
-  };
-  const std::size_t keys = word(3);
-  int geographic = 0;
-  for (std::size_t k = 1; k <= keys && 4 * k + 3 < data.size() / 2; ++k) {
-    const std::uint16_t id = word(4 * k), location = word(4 * k + 1), value = word(4 * k + 3);
-    if (location != 0 || value == 0 || value == 32767)
-      continue; // stored elsewhere, unset or user-defined
-    if (id == 3072)
-      return value;
-    if (id == 2048)
-      geographic = value;
-  }
-  return geographic;
+// The values of a cell field at the pixels that are not filling, row-major. Throws
+// std::invalid_argument when the grid has no such field of T.
+template <class T>
+std::vector<T> pixelValues(const Tressel::Grid& raster, const std::string& name,
+                           const detail::Pixels& p, std::size_t width) {
+  const auto all = Tressel::uniformCells<T>(raster, name);
+  std::vector<T> out;
+  out.reserve(p.columns * p.rows);
+  for (std::size_t j = 0; j < p.rows; ++j)
+    out.insert(out.end(), all.begin() + j * width, all.begin() + j * width + p.columns);
+  return out;
 }
 
 } // namespace
@@ -79,23 +74,6 @@ bool isRasterFile(const std::string& path) {
   std::transform(ext.begin(), ext.end(), ext.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return ext == ".tif" || ext == ".tiff" || ext == ".asc" || ext == ".img" || ext == ".vrt";
-}
-
-std::string coordinateSystemOf(const Tressel::Grid& cloud) {
-  const auto info = Las::fileInfo(cloud);
-  if (!info)
-    return {};
-  for (const auto* records : {&info->vlrs, &info->evlrs})
-    for (const Las::Vlr& v : *records)
-      if (v.userId == "LASF_Projection" && v.recordId == 2112) {
-        std::string wkt(v.data.begin(), v.data.end());
-        return wkt.substr(0, wkt.find('\0'));
-      }
-  for (const Las::Vlr& v : info->vlrs)
-    if (v.userId == "LASF_Projection" && v.recordId == 34735)
-      if (const int code = epsgOfGeoKeys(v.data))
-        return wktOfEpsg(code);
-  return {};
 }
 
 namespace detail {
@@ -121,28 +99,13 @@ Basalt::StrongPtr<Tressel::Grid> gridOf(const Pixels& pixels, std::size_t fragme
 
 Pixels pixelsOf(const Tressel::Grid& raster, const std::string& heightField,
                 const std::string& path) {
-  const auto view = Tressel::uniformGridView(raster);
-  if (!view || view->cells[2] != 1 || view->fragments[2] != 1)
+  auto layout = layoutOf(raster);
+  if (!layout)
     throw Las::Error(path + ": not a raster (a uniform grid of one layer of cells)");
-  Pixels p;
-  const std::size_t width = view->cells[0] * view->fragments[0];
-  const std::size_t height = view->cells[1] * view->fragments[1];
-  p.columns = std::min(width, getCount(raster, "RasterColumns", width));
-  p.rows = std::min(height, getCount(raster, "RasterRows", height));
-  p.x0 = view->origin.x;
-  p.y0 = view->origin.y;
-  p.sizeX = view->cellSize.x;
-  p.sizeY = view->cellSize.y;
-  p.coordinateSystem = getText(raster, "CoordinateSystem");
+  auto& [p, width] = *layout;
   try {
-    const auto types = Tressel::uniformCells<std::uint8_t>(raster, "CellType");
-    const auto heights = Tressel::uniformCells<float>(raster, heightField);
-    for (std::size_t j = 0; j < p.rows; ++j) {
-      p.types.insert(p.types.end(), types.begin() + j * width,
-                     types.begin() + j * width + p.columns);
-      p.heights.insert(p.heights.end(), heights.begin() + j * width,
-                       heights.begin() + j * width + p.columns);
-    }
+    p.types = pixelValues<std::uint8_t>(raster, "CellType", p, width);
+    p.heights = pixelValues<float>(raster, heightField, p, width);
   } catch (const std::invalid_argument& e) {
     throw Las::Error(path + ": " + e.what());
   }
@@ -150,5 +113,41 @@ Pixels pixelsOf(const Tressel::Grid& raster, const std::string& heightField,
 }
 
 } // namespace detail
+
+std::optional<RasterSummary> summarizeRaster(const Tressel::Grid& grid,
+                                             const std::string& heightField) {
+  const auto layout = layoutOf(grid);
+  if (!layout)
+    return std::nullopt;
+  const auto& [p, width] = *layout;
+  RasterSummary s;
+  s.columns = p.columns;
+  s.rows = p.rows;
+  s.cellSizeX = p.sizeX;
+  s.cellSizeY = p.sizeY;
+  s.min = {p.x0 - p.sizeX / 2, p.y0 - p.sizeY / 2};
+  s.max = {s.min[0] + p.sizeX * static_cast<double>(p.columns),
+           s.min[1] + p.sizeY * static_cast<double>(p.rows)};
+  s.coordinateSystem = p.coordinateSystem;
+  // A raster that lacks cell types or heights (a field mapped onto cells under its own name) is
+  // described without them.
+  try {
+    for (const std::uint8_t type : pixelValues<std::uint8_t>(grid, "CellType", p, width))
+      ++s.cellTypes[type];
+  } catch (const std::invalid_argument&) {
+  }
+  try {
+    double lo = std::numeric_limits<double>::infinity(), hi = -lo;
+    for (const float h : pixelValues<float>(grid, heightField, p, width))
+      if (std::isfinite(h)) {
+        lo = std::min<double>(lo, h);
+        hi = std::max<double>(hi, h);
+      }
+    if (lo <= hi)
+      s.heights = std::array<double, 2>{lo, hi};
+  } catch (const std::invalid_argument&) {
+  }
+  return s;
+}
 
 } // namespace Quorvel::Raster

@@ -39,6 +39,10 @@ struct ExtraBytes {
   bool described = true; // false for record bytes that no descriptor covers
 };
 
+// The type of an extra-bytes dimension: "uint8" to "float64" for the data types 1 to 10, "bytes"
+// for plain bytes.
+std::string typeName(const ExtraBytes& extra);
+
 // The public header block, as plain values.
 struct Header {
   std::uint16_t fileSourceId = 0;
@@ -126,19 +130,33 @@ void write(const std::string& path, const Tressel::Grid& grid, const WriteOption
 // Writes with info as the LAS origin instead of the grid's attributes (nullptr: the grid's).
 void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* info);
 
-// What one pass over a file's records tells without building a grid.
+// What a file's header and records say, and what one pass over its records tells, without
+// building a grid.
 struct Summary {
-  Header header;
+  Header header; // as read() takes it: a LAZ file's point format without its compression bit
+  bool compressed = false; // LAZ: the point records are LASzip-compressed
   std::uint64_t pointCount = 0;
+  // Points by return number as the header states them, [0] for return 1: 15 counts for LAS 1.4,
+  // else 5.
+  std::vector<std::uint64_t> headerReturns;
+  // Points by return number as the records hold them, [r] for return number r (0 to 15).
+  std::array<std::uint64_t, 16> returnCounts{};
+  // The records as the file stores them, the "laszip encoded" record of a LAZ file included.
+  std::vector<Vlr> vlrs, evlrs;
+  std::vector<ExtraBytes> extraBytes;
   // The fields read() makes (in one fragment), in its order: name and element type ("uint8",
   // "point", ...).
   std::vector<std::pair<std::string, std::string>> fields;
   std::array<double, 3> min{0, 0, 0}, max{0, 0, 0}; // of the points (zeros when there are none)
   std::array<std::uint64_t, 256> classCounts{};     // points per "Classification" value
+  // The smallest and largest GPS time of the points; nullopt when the format has no GPS time or
+  // the file no points.
+  std::optional<std::array<double, 2>> gpsTime;
 };
 
-// Summarizes a file: header checks as read(), then one pass over the mapped records reading only
-// coordinates and classes.
+// Summarizes a file: header checks as read(), then one pass over the mapped records (a LAZ
+// file's chunks decoded in parallel, each passed over as it comes) reading only coordinates,
+// classes, return numbers and GPS times.
 Summary summarize(const std::string& path);
 
 // The LAS origin a grid carries as attributes; nullopt when it has none.

@@ -16,8 +16,11 @@
 #include "tressel/Grid.hpp"
 #include "vantor/MultiRange.hpp"
 
+#include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace Quorvel::Raster {
 
@@ -63,8 +66,42 @@ struct GroundRasterSettings {
 Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
                                               const GroundRasterSettings& settings);
 
-// The coordinate system of a cloud read from LAS as WKT: its WKT record, or the EPSG code of its
-// GeoTIFF keys; empty when it has neither.
+// A coordinate system as GDAL reads it, with what a user checks first.
+struct CoordinateSystem {
+  std::string wkt;  // WKT 1, as GDAL writes it
+  int epsg = 0;     // its EPSG code, or that of the registry's entry PROJ finds equivalent; 0: none
+  std::string name; // the EPSG entry's name ("NAD83 / Nebraska (ftUS)"), else its own
+  std::string unit; // of the horizontal axes ("metre", "US survey foot", "degree")
+};
+
+// What GDAL makes of WKT; nullopt when the text is empty or GDAL cannot read it.
+std::optional<CoordinateSystem> coordinateSystemOfWkt(const std::string& wkt);
+
+// The coordinate system that the records of a LAS file give: the "LASF_Projection" WKT record
+// (2112) or the GeoTIFF keys (34735, with the numbers of 34736 and the texts of 34737, read by
+// GDAL as a GeoTIFF would hold them). The file's global encoding says which one counts, as LAS 1.4
+// has it: the WKT when its bit 4 is set, else the keys; the other serves when that one is missing
+// or unreadable. nullopt when the file has neither or GDAL can read neither.
+std::optional<CoordinateSystem> coordinateSystemOf(const Las::Header& header,
+                                                   const std::vector<Las::Vlr>& vlrs,
+                                                   const std::vector<Las::Vlr>& evlrs);
+
+// The coordinate system of a cloud read from LAS, as WKT (see above); empty when unknown.
 std::string coordinateSystemOf(const Tressel::Grid& cloud);
+
+// What a raster grid holds, without its filling cells.
+struct RasterSummary {
+  std::size_t columns = 0, rows = 0;
+  double cellSizeX = 0, cellSizeY = 0;
+  std::array<double, 2> min{0, 0}, max{0, 0};   // the outer edges of the pixels in x and y
+  std::array<std::uint64_t, 256> cellTypes{};   // cells per "CellType" value
+  std::optional<std::array<double, 2>> heights; // the lowest and highest height of a cell
+  std::string coordinateSystem;                 // WKT, empty when unknown
+};
+
+// Summarizes a raster grid (Measured, Filled and NoData cells, heights in heightField where it
+// has one); nullopt for a grid that is not a raster (a point cloud).
+std::optional<RasterSummary> summarizeRaster(const Tressel::Grid& grid,
+                                             const std::string& heightField = DefaultHeightField);
 
 } // namespace Quorvel::Raster

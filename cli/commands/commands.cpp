@@ -6,7 +6,8 @@ namespace Quorvel::Cli {
 
 const std::vector<CommandEntry>& commands() {
   static const std::vector<CommandEntry> table = {
-      {"info", "points, fragments, fields with types, bbox, classes", makeInfo},
+      {"info", "what files hold: LAS header facts, CRS, returns, fields, classes (--json)",
+       makeInfo},
       {"convert", "LAS/LAZ <-> bundle (.h5), by extension", makeConvert},
       {"compare", "agreement of a per-point field, overall and per class", makeCompare},
       {"transfer", "classes from SOURCE onto TARGET by nearest neighbours", makeTransfer},

@@ -37,6 +37,9 @@ struct RawHeader {
 // Decodes what the first size bytes hold of the header of the version they name; header.
 // pointCount becomes the count a reader should use.
 RawHeader decodeHeader(const std::uint8_t* bytes, std::size_t size);
+// The header's points by return number, [0] for return 1: the 15 counts of LAS 1.4 where its
+// 64-bit counts are the ones a reader uses (as for the point count), else the 5 legacy ones.
+std::vector<std::uint64_t> pointsByReturn(const RawHeader& raw);
 // Encodes the header of its version (headerSizeFor(versionMinor) bytes) into out.
 void encodeHeader(const RawHeader& raw, std::uint8_t* out);
 

@@ -18,6 +18,9 @@ struct Pixels {
   std::string coordinateSystem;    // WKT, or empty
 };
 
+// Registers GDAL's drivers once and keeps its messages off standard error (ours name the file).
+void registerDrivers();
+
 // The raster grid of the pixels, in fragments of at most fragmentCells cells per axis.
 Basalt::StrongPtr<Tressel::Grid> gridOf(const Pixels& pixels, std::size_t fragmentCells,
                                         const std::string& heightField);

@@ -112,7 +112,44 @@ endif()
 # Inputs that are no regular files are refused at once (a pipe used to block the reader).
 execute_process(COMMAND mkfifo ${WORK_DIR}/pipe.las)
 quorvel(1 "quorvel: error: ${WORK_DIR}/pipe.las: not a regular file" info ${WORK_DIR}/pipe.las)
-quorvel(1 "quorvel: error: ${data}: not a regular file" info ${data})
+
+# info: the header facts a LIDAR user checks first, as "key: value" lines.
+quorvel(0 "file: ${data}/simple.laz\ntype: laz\nversion: 1.2\npoint format: 3\nrecord length: 34\npoints: 1065\npoints by return: 1:925 2:114 3:21 4:5 5:0\nfragments: 1\nscale: 0.01 0.01 0.01\noffset: 0 0 0\n"
+        info ${data}/simple.laz)
+foreach(line "crs: unknown\ngps time: 245370.417065 - 249783.162158 (GPS week time)\n"
+             "vlrs:\n  laszip encoded 22204: " "density: ")
+  string(FIND "${quorvel_output}" "${line}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "info simple.laz lacks \"${line}\":\n${quorvel_output}")
+  endif()
+endforeach()
+# The WKT record counts in a file whose global encoding says so, not its GeoTIFF keys (32104).
+quorvel(0 "crs: NAD83(2011) / Nebraska (ftUS) (EPSG:6880)\ncrs unit: US survey foot\n" info
+        ${data}/nebraska_wkt_geotiff.las)
+# The records' return numbers are shown beside the header's where they differ.
+quorvel(0 "points by return: 1:0 2:0 3:0 4:0 5:0\npoints by return (counted): 1:14272 2:130 3:5 4:1\n"
+        info ${data}/sample_nc.las)
+# Several files: blocks apart, then the total; a directory: its LAS, LAZ and bundle files by name.
+quorvel(0 "density: 2.307 points per square unit\n\ntotal: 2 files, 15473 points\n" info
+        ${data}/simple.laz ${data}/sample_c.las)
+file(MAKE_DIRECTORY ${WORK_DIR}/clouds ${WORK_DIR}/nothing)
+file(COPY ${data}/sample_c_thin.las ${data}/simple.laz DESTINATION ${WORK_DIR}/clouds)
+file(WRITE ${WORK_DIR}/clouds/notes.txt "not a cloud\n")
+file(WRITE ${WORK_DIR}/nothing/notes.txt "not a cloud\n")
+quorvel(0 "file: ${WORK_DIR}/clouds/sample_c_thin.las\n" info ${WORK_DIR}/clouds)
+string(REGEX MATCHALL "file: [^\n]*" listed "${quorvel_output}")
+if(NOT listed STREQUAL "file: ${WORK_DIR}/clouds/sample_c_thin.las;file: ${WORK_DIR}/clouds/simple.laz"
+   OR NOT quorvel_output MATCHES "total: 2 files, 3797 points\n$")
+  message(FATAL_ERROR "info of a directory:\n${quorvel_output}")
+endif()
+quorvel(1 "quorvel: error: ${WORK_DIR}/nothing: no LAS, LAZ or bundle files" info
+        ${WORK_DIR}/nothing)
+# A failing file fails the run before anything is printed.
+quorvel(1 "quorvel: error: ${WORK_DIR}/pipe.las: not a regular file" info ${data}/simple.laz
+        ${WORK_DIR}/pipe.las)
+if(quorvel_output MATCHES "file: ")
+  message(FATAL_ERROR "a failed info printed a partial description:\n${quorvel_output}")
+endif()
 
 # LAZ in and out: the small LAZ sample converted to LAS and back to LAZ keeps its records.
 quorvel(0 "points: 1065\n" info ${data}/simple.laz)

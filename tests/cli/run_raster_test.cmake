@@ -6,8 +6,16 @@ include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
 # The sample's ground covers its west third: the gaps are filled from up to 100 cells away, so
 # every one of the 85 x 75 cells has a height.
 quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.h5 --cell 1 --fill-rings 100)
-quorvel(0 "points: 6375\n" info ${WORK_DIR}/dtm.h5)
+quorvel(0 "cells: 85 x 75 (6375)\ncell size: 1 1\n" info ${WORK_DIR}/dtm.h5)
 quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.tif --cell 1 --fill-rings 100)
+# Rasters are described as cells, never as points. The bundle tells measured from filled cells
+# (372 and 6003); a GeoTIFF holds heights only, so each of its cells with a height is measured.
+quorvel(0 "cell types: 0:372 4:6003\n" info ${WORK_DIR}/dtm.h5)
+quorvel(0 "type: raster\ncells: 85 x 75 (6375)\ncell size: 1 1\nbounds: 674521.000 1206740.000 - 674606.000 1206815.000\ncell types: 0:6375\n"
+        info ${WORK_DIR}/dtm.tif)
+if(quorvel_output MATCHES "points")
+  message(FATAL_ERROR "a raster described as points:\n${quorvel_output}")
+endif()
 quorvel(0 "multi index of raster: 85x75x1\n" map ${data}/sample_c.las ${WORK_DIR}/dtm.h5
         -o ${WORK_DIR}/from-bundle.las --height --verbose)
 quorvel(0 "CanopyHeight: float32" info ${WORK_DIR}/from-bundle.las)

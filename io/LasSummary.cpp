@@ -1,0 +1,150 @@
+// Quorvel: a LAS file summarized from its header, its records and one pass over its points.
+#include "io/detail/LasFile.hpp"
+#include "io/detail/LasHeader.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <mutex>
+
+namespace Quorvel::Las {
+
+namespace {
+
+using namespace detail;
+
+const Dim& dimNamed(int pointFormat, const std::string& name) {
+  const auto& all = dims(pointFormat);
+  return *std::find_if(all.begin(), all.end(), [&](const Dim& d) { return name == d.name; });
+}
+
+// What the pass over the records gathers. Tallies of separate runs of records (the chunks of a
+// LAZ file) merge into the tally of them all.
+class Tally {
+public:
+  explicit Tally(const Header& h)
+      : length_(h.recordLength), classes_(dimNamed(h.pointFormat, "Classification")),
+        returns_(dimNamed(h.pointFormat, "ReturnNumber")),
+        gpsAt_(format(h.pointFormat).gps ? dimNamed(h.pointFormat, "GpsTime").offset : -1) {
+    lo_.fill(std::numeric_limits<std::int32_t>::max());
+    hi_.fill(std::numeric_limits<std::int32_t>::min());
+  }
+
+  void add(const std::uint8_t* r, std::uint64_t count) {
+    const std::uint8_t classMask = mask(classes_), returnMask = mask(returns_);
+    for (std::uint64_t i = 0; i < count; ++i, r += length_) {
+      std::int32_t raw[3];
+      std::memcpy(raw, r, 12);
+      for (std::size_t k = 0; k < 3; ++k) {
+        lo_[k] = std::min(lo_[k], raw[k]);
+        hi_[k] = std::max(hi_[k], raw[k]);
+      }
+      ++classCounts_[(r[classes_.offset] >> classes_.shift) & classMask];
+      ++returnCounts_[(r[returns_.offset] >> returns_.shift) & returnMask];
+      if (gpsAt_ >= 0) {
+        double t;
+        std::memcpy(&t, r + gpsAt_, 8);
+        // NaN compares false both ways, so it never becomes a bound.
+        gpsLo_ = std::min(gpsLo_, t);
+        gpsHi_ = std::max(gpsHi_, t);
+      }
+    }
+    points_ += count;
+  }
+
+  void merge(const Tally& other) {
+    for (std::size_t k = 0; k < 3; ++k) {
+      lo_[k] = std::min(lo_[k], other.lo_[k]);
+      hi_[k] = std::max(hi_[k], other.hi_[k]);
+    }
+    for (std::size_t c = 0; c < classCounts_.size(); ++c)
+      classCounts_[c] += other.classCounts_[c];
+    for (std::size_t r = 0; r < returnCounts_.size(); ++r)
+      returnCounts_[r] += other.returnCounts_[r];
+    gpsLo_ = std::min(gpsLo_, other.gpsLo_);
+    gpsHi_ = std::max(gpsHi_, other.gpsHi_);
+    points_ += other.points_;
+  }
+
+  void into(Summary& s) const {
+    s.classCounts = classCounts_;
+    s.returnCounts = returnCounts_;
+    if (points_ == 0)
+      return;
+    const Header& h = s.header;
+    for (std::size_t k = 0; k < 3; ++k) {
+      const double a = lo_[k] * h.scale[k] + h.offset[k], b = hi_[k] * h.scale[k] + h.offset[k];
+      s.min[k] = std::min(a, b);
+      s.max[k] = std::max(a, b);
+    }
+    if (gpsAt_ >= 0 && gpsLo_ <= gpsHi_)
+      s.gpsTime = std::array<double, 2>{gpsLo_, gpsHi_};
+  }
+
+private:
+  static std::uint8_t mask(const Dim& d) {
+    return d.bits > 0 ? static_cast<std::uint8_t>((1 << d.bits) - 1) : std::uint8_t{0xFF};
+  }
+
+  std::size_t length_;
+  Dim classes_, returns_;
+  int gpsAt_;
+  std::array<std::int32_t, 3> lo_{}, hi_{};
+  std::array<std::uint64_t, 256> classCounts_{};
+  std::array<std::uint64_t, 16> returnCounts_{};
+  double gpsLo_ = std::numeric_limits<double>::infinity();
+  double gpsHi_ = -std::numeric_limits<double>::infinity();
+  std::uint64_t points_ = 0;
+};
+
+// The variable-length records as the file stores them: the opened file has set the "laszip
+// encoded" record of a LAZ file aside, since it describes the compression and not the points.
+std::vector<Vlr> storedRecords(const OpenedFile& in, const RawHeader& raw) {
+  if (!in.laz)
+    return in.info.vlrs;
+  Findings findings;
+  return parseRecords(in.file.data(), raw.header.headerSize, raw.header.pointOffset,
+                      raw.header.vlrCount, false, findings);
+}
+
+} // namespace
+
+std::string typeName(const ExtraBytes& extra) {
+  return extra.dataType >= 1 && extra.dataType <= 10 ? kindName(extraKind(extra.dataType))
+                                                     : std::string("bytes");
+}
+
+Summary summarize(const std::string& path) {
+  OpenedFile in(path, true);
+  const RawHeader raw = decodeHeader(
+      in.file.data(), static_cast<std::size_t>(std::min<std::uint64_t>(in.file.size(), 375)));
+  Summary s;
+  s.header = in.info.header;
+  s.compressed = in.laz.has_value();
+  s.pointCount = in.pointCount;
+  s.headerReturns = pointsByReturn(raw);
+  s.vlrs = storedRecords(in, raw);
+  s.evlrs = in.info.evlrs;
+  s.extraBytes = in.info.extraBytes;
+  for (const FieldPlan& f : fieldsOf(in.info, false))
+    s.fields.emplace_back(f.name, f.type);
+  Tally tally(s.header);
+  if (in.laz) {
+    // Each chunk passed over by the thread that decoded it, while its records are in the cache.
+    std::mutex mutex;
+    in.decoding([&] {
+      in.laz->decode([&](const Laz::Chunk& c, const std::uint8_t* records) {
+        Tally part(s.header);
+        part.add(records, c.points);
+        const std::lock_guard<std::mutex> lock(mutex);
+        tally.merge(part);
+      });
+    });
+  } else {
+    tally.add(in.records, in.pointCount);
+  }
+  tally.into(s);
+  return s;
+}
+
+} // namespace Quorvel::Las
