@@ -1,90 +1,98 @@
-// quorvel host: checks of option values.
+// quorvel host: checks of option values. The rules and their words are the library's table of
+// parameter checks, which the Python package uses too.
 #include "cli/checks.hpp"
 
 #include "basalt/Text.hpp"
-#include "vantor/MultiRange.hpp"
+#include "io/files.hpp"
 
 #include <algorithm>
-#include <cerrno>
-#include <cmath>
-#include <cstdlib>
 #include <filesystem>
+#include <limits>
 
 namespace Quorvel::Cli {
 
 namespace {
 
-std::string trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos)
-    return {};
-  const auto last = text.find_last_not_of(" \t\r\n");
-  return std::string(text.substr(first, last - first + 1));
-}
-
-// The item, quoted, and the whole text when that holds more.
-std::string quoted(std::string_view item, const std::string& text) {
-  const std::string t = trimmed(item);
-  return "\"" + t + "\"" + (t == trimmed(text) ? "" : " in \"" + text + "\"");
-}
-
-bool wholeNumber(std::string_view text) {
-  const std::string t = trimmed(text);
-  if (t.empty())
-    return false;
-  char* end = nullptr;
-  errno = 0;
-  std::strtol(t.c_str(), &end, 10);
-  return *end == '\0' && errno == 0;
-}
-
-} // namespace
-
-std::optional<double> finiteNumber(std::string_view text) {
-  const std::string t = trimmed(text);
-  if (t.empty())
-    return std::nullopt;
-  char* end = nullptr;
-  const double value = std::strtod(t.c_str(), &end);
-  if (*end != '\0' || !std::isfinite(value))
-    return std::nullopt;
-  return value;
-}
-
-CLI::Validator positiveNumber() {
+// A validator from a rule of the table; its name shows in the help beside the option's type.
+CLI::Validator fromRule(const Checks::FieldCheck& check) {
+  std::string name;
+  switch (check.rule) {
+  case Checks::Rule::PositiveNumber:
+    name = "POSITIVE";
+    break;
+  case Checks::Rule::NumberWithin:
+  case Checks::Rule::WholeWithin:
+    if (check.high == std::numeric_limits<double>::max())
+      name = check.low == -check.high ? "NUMBER" : Basalt::format("NUMBER>=%g", check.low);
+    else
+      name = Basalt::format("%g..%g", check.low, check.high);
+    break;
+  case Checks::Rule::OneOf:
+    for (std::string_view choice : Basalt::splitAt(check.choices, "|"))
+      name += (name.empty() ? "{" : ", ") + std::string(choice);
+    name += "}";
+    break;
+  default:
+    break;
+  }
   return CLI::Validator(
-      [](std::string& text) -> std::string {
-        const auto value = finiteNumber(text);
-        return value && *value > 0 ? "" : "\"" + text + "\" is not a positive finite number";
-      },
-      "POSITIVE");
-}
-
-CLI::Validator numberWithin(double low, double high) {
-  const std::string bounds = Basalt::format("%g to %g", low, high);
-  const std::string name = Basalt::format("%g..%g", low, high);
-  return CLI::Validator(
-      [low, high, bounds](std::string& text) -> std::string {
-        const auto value = finiteNumber(text);
-        return value && *value >= low && *value <= high
-                   ? ""
-                   : "\"" + text + "\" is not a number from " + bounds;
+      [check](std::string& text) -> std::string {
+        return Checks::problem(check, text).value_or("");
       },
       name);
 }
 
-CLI::Validator oneOf(const std::vector<std::string>& choices) {
-  std::string list;
-  for (const std::string& choice : choices)
-    list += (list.empty() ? "" : ", ") + choice;
+} // namespace
+
+CLI::Validator boxRule(std::string_view box, std::string_view field) {
+  const Checks::FieldCheck* check = Checks::checkOf(box, field);
+  if (!check)
+    throw std::logic_error("no check of " + std::string(box) + "." + std::string(field));
+  return fromRule(*check);
+}
+
+CLI::Validator oneOf(const std::string& choices) {
+  // The rule refers to its choices: the validator keeps them alive with it.
+  const auto kept = std::make_shared<const std::string>(choices);
+  const Checks::FieldCheck check{"", Checks::Rule::OneOf, 0, 0, *kept};
+  CLI::Validator rule = fromRule(check);
+  return CLI::Validator([rule, kept](std::string& text) -> std::string { return rule(text); },
+                        rule.get_description());
+}
+
+std::optional<std::string> unwritableName(const std::string& path) {
+  if (Files::isCloudFile(path))
+    return std::nullopt;
+  return "\"" + path +
+         "\" names no file type the host writes (.las for LAS, .laz for LAZ, .h5 or .hdf5 for a "
+         "bundle)";
+}
+
+CLI::Validator outputFile() {
   return CLI::Validator(
-      [choices, list](std::string& text) -> std::string {
-        for (const std::string& choice : choices)
-          if (trimmed(text) == choice)
-            return "";
-        return "\"" + text + "\" is not one of " + list;
+      [](std::string& path) -> std::string { return unwritableName(path).value_or(""); }, "FILE");
+}
+
+CLI::Validator rasterOutputFile() {
+  return CLI::Validator(
+      [](std::string& path) -> std::string {
+        if (Files::isBundle(path) || Files::isGeoTiff(path))
+          return "";
+        return "\"" + path +
+               "\" names no raster file type the host writes (.h5 or .hdf5 for a bundle, .tif "
+               "or .tiff for a GeoTIFF)";
       },
-      "{" + list + "}");
+      "FILE");
+}
+
+void checkRange(const std::string& name, const std::string& text) {
+  if (const auto problem = Checks::rangeProblem(text))
+    throw CLI::ValidationError(name, *problem);
+}
+
+void checkBands(const std::string& name, const std::string& text) {
+  if (const auto problem = Checks::bandsProblem(text))
+    throw CLI::ValidationError(name, *problem);
 }
 
 std::size_t editDistance(std::string_view a, std::string_view b) {
@@ -101,81 +109,6 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
     }
   }
   return row[b.size()];
-}
-
-CLI::Validator nonNegativeNumber() {
-  return CLI::Validator(
-      [](std::string& text) -> std::string {
-        const auto value = finiteNumber(text);
-        return value && *value >= 0 ? "" : "\"" + text + "\" is not a finite number of 0 or more";
-      },
-      "NUMBER>=0");
-}
-
-CLI::Validator finiteNumberCheck() {
-  return CLI::Validator(
-      [](std::string& text) -> std::string {
-        return finiteNumber(text) ? "" : "\"" + text + "\" is not a finite number";
-      },
-      "NUMBER");
-}
-
-std::optional<std::string> unwritableName(const std::string& path) {
-  const std::string extension = std::filesystem::path(path).extension().string();
-  if (extension == ".las" || extension == ".laz" || extension == ".h5" || extension == ".hdf5")
-    return std::nullopt;
-  return "\"" + path +
-         "\" names no file type the host writes (.las for LAS, .laz for LAZ, .h5 or .hdf5 for a "
-         "bundle)";
-}
-
-CLI::Validator outputFile() {
-  return CLI::Validator(
-      [](std::string& path) -> std::string { return unwritableName(path).value_or(""); }, "FILE");
-}
-
-CLI::Validator rasterOutputFile() {
-  return CLI::Validator(
-      [](std::string& path) -> std::string {
-        const std::string extension = std::filesystem::path(path).extension().string();
-        if (extension == ".h5" || extension == ".hdf5" || extension == ".tif" ||
-            extension == ".tiff")
-          return "";
-        return "\"" + path +
-               "\" names no raster file type the host writes (.h5 or .hdf5 for a bundle, .tif "
-               "or .tiff for a GeoTIFF)";
-      },
-      "FILE");
-}
-
-void checkRange(const std::string& name, const std::string& text) {
-  bool any = false;
-  for (std::string_view item : Basalt::splitAt(text, ",;")) {
-    if (trimmed(item).empty())
-      continue;
-    any = true;
-    const auto pieces = Basalt::splitAt(item, ":");
-    bool numbers = pieces.size() <= 2;
-    for (std::string_view piece : pieces)
-      numbers = numbers && finiteNumber(piece).has_value();
-    if (!numbers)
-      throw CLI::ValidationError(name, quoted(item, text) +
-                                           " is not a value or low:high of finite numbers");
-  }
-  if (any && Vantor::MultiRange<double>(text).empty())
-    throw CLI::ValidationError(name, "\"" + text + "\" is not a range the library reads");
-}
-
-void checkBands(const std::string& name, const std::string& text) {
-  for (std::string_view item : Basalt::splitAt(text, ",;")) {
-    if (trimmed(item).empty())
-      continue;
-    const auto parts = Basalt::splitAt(item, "=");
-    const auto distance = finiteNumber(parts[0]);
-    if (parts.size() > 2 || !distance || *distance < 0 ||
-        (parts.size() == 2 && !wholeNumber(parts[1])))
-      throw CLI::ValidationError(name, quoted(item, text) + " is not a distance or distance=class");
-  }
 }
 
 } // namespace Quorvel::Cli

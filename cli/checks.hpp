@@ -2,6 +2,8 @@
 // error naming the option and the value instead of running on what a lenient parser made of it.
 #pragma once
 
+#include "quorvel/core/checks.hpp"
+
 #include <CLI/CLI.hpp>
 
 #include <optional>
@@ -12,26 +14,24 @@
 namespace Quorvel::Cli {
 
 // The number a whole text spells (blanks around it allowed), when it is finite.
-std::optional<double> finiteNumber(std::string_view text);
+using Checks::finiteNumber;
 
-// Validators for CLI11's check(): a finite number above 0; a finite number in [low, high]; the
-// name of a file the host can write (.las, .h5 or .hdf5).
-CLI::Validator positiveNumber();
-CLI::Validator numberWithin(double low, double high);
-CLI::Validator nonNegativeNumber();
-// Any finite number.
-CLI::Validator finiteNumberCheck();
+// The rule of a box's field in the table that the Python package checks by as well, as a
+// validator for CLI11's check(): the same values refused with the same words.
+CLI::Validator boxRule(std::string_view box, std::string_view field);
+// The name of a file the host can write (.las, .laz, .h5 or .hdf5).
 CLI::Validator outputFile();
 // An output that holds a raster: a bundle (.h5, .hdf5) or a GeoTIFF (.tif, .tiff).
 CLI::Validator rasterOutputFile();
-// One of a list of values; a value outside it is refused with the list ("\"4\" is not one of 0,
-// 1, 2").
-CLI::Validator oneOf(const std::vector<std::string>& choices);
+// One of the values separated by '|' in choices ("2|3|2D|3D"); a value outside them is refused
+// with the list ("\"4\" is not one of 2, 3, 2D, 3D").
+CLI::Validator oneOf(const std::string& choices);
 // Why the host cannot write a file of that name (its extension), or nothing.
 std::optional<std::string> unwritableName(const std::string& path);
 
 // Throw CLI::ValidationError for option `name` unless text is a value range ("2:5,9": items a
-// or a:b of finite numbers, separated by ',' or ';') that the library's parser also accepts.
+// or a:b of finite numbers, separated by ',' or ';') that the library's parser also accepts
+// (the table's words).
 void checkRange(const std::string& name, const std::string& text);
 // The same for a distance/class text ("1" or "0.5=2;1=3": distances finite and not negative,
 // classes whole numbers).

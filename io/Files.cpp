@@ -3,13 +3,31 @@
 
 #include "tressel/Bundle.hpp"
 
+#include <algorithm>
 #include <filesystem>
+#include <initializer_list>
 
 namespace Quorvel::Files {
 
+namespace {
+
+bool hasExtension(const std::string& path, std::initializer_list<const char*> extensions) {
+  const std::string extension = std::filesystem::path(path).extension().string();
+  return std::find(extensions.begin(), extensions.end(), extension) != extensions.end();
+}
+
+} // namespace
+
 bool isBundle(const std::string& path) {
-  const auto extension = std::filesystem::path(path).extension().string();
-  return extension == ".h5" || extension == ".hdf5";
+  return hasExtension(path, {".h5", ".hdf5"});
+}
+
+bool isCloudFile(const std::string& path) {
+  return hasExtension(path, {".las", ".laz", ".h5", ".hdf5"});
+}
+
+bool isGeoTiff(const std::string& path) {
+  return hasExtension(path, {".tif", ".tiff"});
 }
 
 Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragmentPoints,

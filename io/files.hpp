@@ -12,6 +12,10 @@ namespace Quorvel::Files {
 
 // Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
 bool isBundle(const std::string& path);
+// Whether a path names a point-cloud file the hosts write: LAS (.las), LAZ (.laz) or a bundle.
+bool isCloudFile(const std::string& path);
+// Whether a path names a GeoTIFF (.tif, .tiff), the raster file the hosts write.
+bool isGeoTiff(const std::string& path);
 
 // Reads the first grid of a bundle, or a LAS file as Las::read does (fragmentPoints and only
 // apply to LAS files). Throws Las::Error naming the file and the problem.

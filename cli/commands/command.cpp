@@ -108,9 +108,9 @@ CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalS
 
 namespace {
 
-const std::vector<std::string> dimensions = {"2", "3", "2D", "3D"};
+const std::string dimensions = "2|3|2D|3D";
 
-// 2 or 3 from any spelling oneOf(dimensions) let through.
+// 2 or 3 from any spelling that oneOf(dimensions) let through.
 int dimensionOf(const std::string& text) {
   return text.front() == '2' ? 2 : 3;
 }

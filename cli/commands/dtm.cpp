@@ -25,15 +25,15 @@ public:
         ->check(rasterOutputFile());
     app.add_option("--cell", settings_.cellSize, "edge of a cell, in metres (the cloud's units)")
         ->required()
-        ->check(positiveNumber());
+        ->check(boxRule("groundRaster", "cell_size"));
     addRange(app, "--classes", settings_.classes, "the ground classes (class numbers)");
     app.add_option("--fill-rings", settings_.fillRings,
                    "how far gaps are filled, in cells (0 to 1000)")
         ->capture_default_str()
-        ->check(CLI::Range(0, 1000));
+        ->check(boxRule("groundRaster", "fill_rings"));
     app.add_option("--fragment-cells", settings_.fragmentCells, "cells of a fragment along x and y")
         ->capture_default_str()
-        ->check(CLI::Range(std::size_t(1), std::size_t(1) << 16));
+        ->check(boxRule("groundRaster", "fragment_cells"));
     app.add_option("--height-field", settings_.heightField, "the field of the heights")
         ->capture_default_str();
     app.footer(Footer);

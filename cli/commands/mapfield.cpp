@@ -19,7 +19,7 @@ public:
     app.add_option("--target-field", targetField_, "the target's new field (float)")->required();
     app.add_option("--radius", radius_, "largest x-y distance to a source point, in metres")
         ->required()
-        ->check(positiveNumber());
+        ->check(boxRule("mapSourceToTarget", "radius"));
     app.footer("The target's positions must be three-dimensional arrays (a raster, such as one of "
                "quorvel raster import or quorvel dtm); a cell without a source point within the "
                "radius gets NaN.");

@@ -18,11 +18,11 @@ public:
     auto* keep =
         app.add_option("--keep", box_.keep, "share of each fragment's points kept (0 to 1)")
             ->capture_default_str()
-            ->check(numberWithin(0, 1));
+            ->check(boxRule("PointCloudSizeReductionParameterBox", "keep"));
     app.add_option(
            "--threshold", box_.threshold,
            "keep the points whose weight (about 1 for a typical point) is at least W instead")
-        ->check(finiteNumberCheck())
+        ->check(boxRule("PointCloudSizeReductionParameterBox", "threshold"))
         ->excludes(keep);
     app.add_flag("--drop-unweighted", dropUnweighted_,
                  "drop the points without a weight (rough places, edges, isolated points)");

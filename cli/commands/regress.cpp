@@ -24,7 +24,7 @@ public:
              "classes of the candidates, when not those of --source (growing: 0:1)");
     app.add_option("--radius", box_.radius, "starting search radius in metres")
         ->capture_default_str()
-        ->check(positiveNumber());
+        ->check(boxRule("PlanarRegressionParameterBox", "radius"));
     app.add_option("--target", box_.target,
                    "class given to the points near the plane; negative: add 100 to their class")
         ->capture_default_str();
@@ -36,7 +36,7 @@ public:
     app.add_option("--quantile", box_.quantile,
                    "percentage (0 to 100) of the lowest neighbours left out of a plane")
         ->capture_default_str()
-        ->check(numberWithin(0, 100));
+        ->check(boxRule("PlanarRegressionParameterBox", "quantile"));
     addDimension(app, box_.dimension, "2: neighbours in x, y; 3: in x, y, z");
   }
 

@@ -17,11 +17,14 @@ public:
   void addStageOptions(CLI::App& app) override {
     app.add_option("--half-width", halfWidth_,
                    "half the side of the square x-y neighbourhood, in metres")
-        ->check(positiveNumber())
-        ->required()
-        ->check(CLI::PositiveNumber);
+        ->check(boxRule("relativeHeightAndBelows", "squareHalfWidth"))
+        ->required();
     app.add_option_function<std::string>(
-        "--classes", [this](const std::string& text) { classes_.emplace(text); },
+        "--classes",
+        [this](const std::string& text) {
+          checkRange("--classes", text);
+          classes_.emplace(text);
+        },
         "only these classes take part in the height (class numbers); class 4 gets no below "
         "value");
     app.footer("Writes \"RelativeHeight\" (float, metres above the lowest point of the square) "

@@ -24,7 +24,7 @@ public:
     app.add_option("--coordinate", box_.coordinate,
                    "component of points and vectors: 0 x, 1 y, 2 z")
         ->capture_default_str()
-        ->check(oneOf({"0", "1", "2"}));
+        ->check(boxRule("SelectionParameterBox", "coordinate"));
     app.add_flag("--count", count_, "print how many points are selected (on standard output)");
   }
 

@@ -10,11 +10,11 @@ void addShapeFactorOptions(CLI::App& app, ShapeFactorComputationParameterBox& bo
                  "scale increment in square metres (the cloud's units squared): scale k takes "
                  "the neighbours within sqrt(k*S) metres")
       ->capture_default_str()
-      ->check(positiveNumber());
+      ->check(boxRule("ShapeFactorComputationParameterBox", "step"));
   app.add_option("--maxstep", box.maxstep,
                  "number of scales (0 to 1000); the widest reaches sqrt(N*S) metres")
       ->capture_default_str()
-      ->check(CLI::Range(0u, 1000u));
+      ->check(boxRule("ShapeFactorComputationParameterBox", "maxstep"));
   addDimension(app, box.dimension, "3: neighbours within a sphere; 2: within a vertical cylinder");
   app.add_flag("--normals", box.normalvector,
                "also write \"NormalVector\" (unit vectors, pointing up)");
@@ -27,7 +27,7 @@ void addShapeFactorOptions(CLI::App& app, ShapeFactorComputationParameterBox& bo
                  "points of lower \"Amplitude\" (else \"Intensity\") take no part, in the "
                  "file's intensity units (0 to 65535; 0: all take part)")
       ->capture_default_str()
-      ->check(numberWithin(0, 65535));
+      ->check(boxRule("ShapeFactorComputationParameterBox", "intensity_threshold"));
   app.add_option("--chart", box.chartname, "chart of the positions and fields")
       ->capture_default_str();
   app.footer("Writes \"Planarity\" (0 to 1; 0 where a point has no neighbours beyond "

@@ -37,7 +37,7 @@ public:
     app.add_flag("--expand", box_.expand, "grow the radius up to --maxradius (with --onetree)");
     app.add_option("--maxradius", box_.maxradius, "largest radius of --expand, in metres")
         ->capture_default_str()
-        ->check(positiveNumber());
+        ->check(boxRule("ClassificationTransferParameterBox", "maxradius"));
     app.add_flag("--positions", box_.positions,
                  "also write the nearest source point's position (\"SourcePositions\")");
   }

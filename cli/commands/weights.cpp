@@ -10,11 +10,11 @@ void addWeightOptions(CLI::App& app, PointCloudReductionParameterBox& box) {
                  "start radius of the neighbour search in metres (it doubles, up to 5 m, until K "
                  "neighbours are found)")
       ->capture_default_str()
-      ->check(positiveNumber());
+      ->check(boxRule("PointCloudReductionParameterBox", "radius"));
   app.add_option("--neighbours", box.neighbours,
                  "nearest neighbours in a weight, in points (1 or more)")
       ->capture_default_str()
-      ->check(CLI::Range(1, 1000000));
+      ->check(boxRule("PointCloudReductionParameterBox", "neighbours"));
   app.footer("Writes \"Weights\" (float): how much a point matters when thinning, divided by the "
              "median weight so that a typical point weighs about 1. A point without a smooth "
              "surface around it (planarity below 0.001, or no neighbour) gets -1 divided by "

@@ -97,17 +97,6 @@ Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& 
   return {arrays.build("PointCloud")};
 }
 
-bool hasExtension(const std::string& path, std::initializer_list<const char*> extensions) {
-  const std::string extension = std::filesystem::path(path).extension().string();
-  return std::find(extensions.begin(), extensions.end(), extension) != extensions.end();
-}
-bool isCloudOutput(const std::string& path) {
-  return hasExtension(path, {".las", ".laz", ".h5", ".hdf5"});
-}
-bool isRasterOutput(const std::string& path) {
-  return hasExtension(path, {".tif", ".tiff"});
-}
-
 // The fields of LAS point records by name: numpy's dtype code and the components (RGB: 3), so
 // that Python converts what it is given to the type the LAS writer takes.
 py::dict lasFields() {
@@ -250,8 +239,8 @@ void bindCloud(py::module_& m) {
       .def(
           "write",
           [](const Cloud& c, const std::string& path, const std::string& heightField) {
-            const bool raster = isRasterOutput(path);
-            if (!raster && !isCloudOutput(path))
+            const bool raster = Files::isGeoTiff(path);
+            if (!raster && !Files::isCloudFile(path))
               raiseValue(
                   "\"" + path +
                   "\" names no file type quorvel writes (.las for LAS, .laz for LAZ, .h5 or .hdf5 "
