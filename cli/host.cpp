@@ -41,8 +41,51 @@ void addCommonOptions(CLI::App& app, Common& common) {
         ->check(CLI::Range(1, 4096));
 }
 
+namespace {
+
+// Standard error for the library's lines, remembering whether the last of them was a progress
+// line left open by its carriage return, so that the host's own line starts on a line of its own.
+class LibraryLines : public std::streambuf {
+public:
+  // Ends an open progress line.
+  void close() {
+    if (last_ == '\r')
+      std::fputc('\n', stderr);
+    last_ = '\n';
+  }
+
+protected:
+  int overflow(int c) override {
+    if (c != traits_type::eof())
+      put(static_cast<char>(c));
+    return c;
+  }
+  std::streamsize xsputn(const char* text, std::streamsize n) override {
+    for (std::streamsize k = 0; k < n; ++k)
+      put(text[k]);
+    return n;
+  }
+  int sync() override { return std::fflush(stderr); }
+
+private:
+  void put(char c) {
+    std::fputc(c, stderr);
+    last_ = c;
+  }
+  char last_ = '\n';
+};
+
+LibraryLines libraryLines;
+std::ostream libraryStream(&libraryLines);
+
+} // namespace
+
+void showLibraryLines() {
+  Basalt::Console::setSink(&libraryStream);
+}
+
 void setUpRun(const Common& common, bool hostThreads) {
-  Basalt::Console::setSink(common.verbose ? &std::cerr : nullptr);
+  Basalt::Console::setSink(common.verbose ? &libraryStream : nullptr);
   if (hostThreads && common.threads)
     omp_set_num_threads(*common.threads);
 }
@@ -184,6 +227,7 @@ void Host::run(const std::string& what, std::size_t count,
 void Host::summary(const std::string& command, const Tressel::Grid& grid) const {
   if (common_.quiet)
     return;
+  libraryLines.close();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
   const std::size_t n = pointCount(grid);
@@ -194,8 +238,10 @@ void Host::summary(const std::string& command, const Tressel::Grid& grid) const 
 }
 
 void Host::note(const std::string& text) const {
-  if (!common_.quiet && !text.empty())
-    std::fprintf(stderr, "%s\n", text.c_str());
+  if (common_.quiet || text.empty())
+    return;
+  libraryLines.close();
+  std::fprintf(stderr, "%s\n", text.c_str());
 }
 
 } // namespace Quorvel::Cli

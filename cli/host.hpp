@@ -46,6 +46,8 @@ void addCommonOptions(CLI::App& app, Common& common);
 // Sets up what the common options ask of the whole process: where the library's lines go and,
 // for a command without a thread count of its own (hostThreads), the OpenMP thread count.
 void setUpRun(const Common& common, bool hostThreads);
+// Shows the library's lines on standard error from now on, as --verbose does.
+void showLibraryLines();
 
 // A point cloud as loaded. A grid read from LAS carries its LAS origin (header, VLRs, EVLRs) as
 // attributes, so that writing it back, directly or through a bundle, keeps them.

@@ -6,11 +6,8 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/raster/raster.hpp"
 
-#include "basalt/Console.hpp"
 #include "basalt/Text.hpp"
 #include "tressel/BoundingBoxes.hpp"
-
-#include <iostream>
 
 namespace Quorvel::Cli {
 
@@ -116,7 +113,7 @@ protected:
     takeRasterLayout(rasterPath_, box_);
     // This form reports each file's failure only in the library's lines: they are its result.
     if (!host.common().quiet)
-      Basalt::Console::setSink(&std::cerr);
+      showLibraryLines();
     bool ok = false;
     host.run("map", files_.size(), [&] { ok = mapData(files_, rasterPath_, box_); });
     if (!ok)

@@ -4,7 +4,8 @@
 # three gives.
 include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
 
-quorvel(0 "shapeFactorComputation: compute 1 / 1       \r" shapefactors ${data}/sample_c.las
+# (A progress line ends in a carriage return; the host ends it before its summary line.)
+quorvel(0 "shapeFactorComputation: compute 1 / 1       " shapefactors ${data}/sample_c.las
         -o ${WORK_DIR}/shape.las --normals --linearity --sphericity --verbose)
 foreach(field "Planarity: float32" "Linearity: float32" "Sphericity: float32"
               "NormalVector: vector")

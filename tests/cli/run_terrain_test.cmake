@@ -8,7 +8,7 @@ include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
 quorvel(0 "quorvel transfer" transfer ${data}/sample_c_thin.las ${data}/sample_nc.las
         -o ${WORK_DIR}/seeds.las --source-classes 2 --bands 0.3)
 quorvel(0 "class 2: 550 of 1368" compare ${WORK_DIR}/seeds.las ${data}/sample_c.las)
-quorvel(0 "PlanarRegressionIteration, INFO: procession 1 / 1 \t\r" regress ${WORK_DIR}/seeds.las
+quorvel(0 "PlanarRegressionIteration, INFO: procession 1 / 1 \t" regress ${WORK_DIR}/seeds.las
         -o ${WORK_DIR}/grown.las --candidates 0:1 --verbose)
 quorvel(0 "class 2: 1363 of 1368" compare ${WORK_DIR}/grown.las ${data}/sample_c.las)
 quorvel(0 "classes: 0:13012 2:1396" info ${WORK_DIR}/grown.las)
