@@ -7,6 +7,7 @@ Per page (docs/**/*.md), in the page's order, in a fresh folder that holds a cop
   show what a user of the host types;
 - a ```python block runs with the interpreter running this script, PYTHONPATH at the built
   package (skipped, and counted as such, when no package is given: builds without Python);
+- a block whose info string holds "exit=N" (```sh exit=1) must exit with N: examples of errors;
 - a ```json block whose info string names a file (```json file=NAME) is written to NAME, for the
   blocks after it (pipeline files);
 - a ```text block right after a sh or python block (nothing but blank lines between) is output
@@ -81,6 +82,12 @@ def commands_of(block):
     return commands
 
 
+def expected_exit(block):
+    """The exit status a block must end with: 0, or N of "exit=N" in its info string."""
+    match = re.search(r"\bexit=(\d+)\b", block.info)
+    return int(match.group(1)) if match else 0
+
+
 def line_pattern(shown):
     parts = (re.escape(part) for part in shown.split("..."))
     return re.compile(".*".join(parts))
@@ -149,8 +156,10 @@ class Runner:
         except subprocess.TimeoutExpired:
             self.fail(block, f"did not finish within {TIMEOUT_S} s")
             return
-        if done.returncode != 0:
-            self.fail(block, f"exited with {done.returncode}; it printed:\n{done.stdout}")
+        wanted = expected_exit(block)
+        if done.returncode != wanted:
+            self.fail(block, f"exited with {done.returncode}, not {wanted}; it printed:\n"
+                      f"{done.stdout}")
             return
         if block.expected is not None:
             missing = missing_lines(block.expected, done.stdout)

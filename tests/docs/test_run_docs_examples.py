@@ -50,9 +50,13 @@ def test_output_shown_must_be_printed(tmp_path):
 
 def test_failing_blocks_fail(tmp_path):
     code, out = run(tmp_path, "```sh\nquorvel fail\n```\n")
-    assert code == 1 and "page.md:1: exited with 1" in out and "asked to fail" in out
+    assert code == 1 and "page.md:1: exited with 1, not 0" in out and "asked to fail" in out
+    # An example of an error says so, and its exit status is checked.
+    failing = "```sh exit=1\nquorvel fail\n```\n\n```text\nquorvel: error: asked to fail\n```\n"
+    assert run(tmp_path, failing)[0] == 0
+    assert run(tmp_path, failing.replace("exit=1", "exit=2"))[0] == 1
     code, out = run(tmp_path, "```python\nraise SystemExit(3)\n```\n")
-    assert code == 1 and "exited with 3" in out
+    assert code == 1 and "exited with 3, not 0" in out
     # A later command of a block still counts.
     code, _ = run(tmp_path, "```sh\nquorvel info x\nquorvel fail\n```\n")
     assert code == 1
