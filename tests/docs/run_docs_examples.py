@@ -15,6 +15,8 @@ Per page (docs/**/*.md), in the page's order, in a fresh folder that holds a cop
   on standard output and standard error together (trailing blanks ignored). "..." inside a line
   stands for any text (times, file sizes); a line of only "..." marks lines left out.
 Blocks of one page share the folder, so later blocks may read what earlier ones wrote.
+Every relative link of a page must lead to a file that exists, and a "#anchor" to one of its
+headings (GitHub's anchors: lower case, punctuation dropped, blanks as dashes).
 
 Usage: run_docs_examples.py --quorvel PATH --source-dir DIR [--python-path DIR] [PAGE...]
 """
@@ -107,6 +109,38 @@ def missing_lines(expected, printed):
     return missing
 
 
+LINK = re.compile(r"\]\(([^)\s]+)\)")
+
+
+def anchor(heading):
+    text = re.sub(r"[^\w\- ]", "", heading.strip().lower())
+    return text.replace(" ", "-")
+
+
+def anchors_of(page):
+    lines, inside, found = page.read_text(encoding="utf-8").splitlines(), False, set()
+    for line in lines:
+        inside = inside != line.startswith("```")
+        if not inside and line.startswith("#"):
+            found.add(anchor(line.lstrip("#")))
+    return found
+
+
+def broken_links(page):
+    """The relative links of a page that lead nowhere, as "target: why"."""
+    broken = []
+    for target in LINK.findall(page.read_text(encoding="utf-8")):
+        if re.match(r"[a-z]+:", target):
+            continue
+        path, _, fragment = target.partition("#")
+        linked = (page.parent / path).resolve() if path else page
+        if not linked.exists():
+            broken.append(f"{target}: no such file")
+        elif fragment and linked.suffix == ".md" and fragment not in anchors_of(linked):
+            broken.append(f"{target}: no heading #{fragment}")
+    return broken
+
+
 class Runner:
     def __init__(self, args):
         self.quorvel = Path(args.quorvel).resolve()
@@ -169,6 +203,8 @@ class Runner:
                           f"block did not print:\n{shown}\nit printed:\n{done.stdout}")
 
     def run_page(self, page):
+        for link in broken_links(page):
+            self.failures.append(f"{page}: broken link {link}")
         with tempfile.TemporaryDirectory(prefix="quorvel-docs-") as name:
             folder = Path(name)
             shutil.copytree(self.data, folder / "data")

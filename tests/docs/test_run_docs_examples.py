@@ -90,3 +90,13 @@ def test_text_block_belongs_only_to_the_block_just_before(tmp_path):
 def test_unclosed_fence_is_reported(tmp_path):
     with pytest.raises(SystemExit, match="page.md:1: a fenced block is not closed"):
         checker.parse_blocks(page(tmp_path, "```sh\nquorvel info x\n"))
+
+
+def test_links_lead_to_files_and_headings(tmp_path):
+    (tmp_path / "other.md").write_text("# Raster bundle\n```sh\n# Not a heading\n```\n")
+    good = "[a](other.md) [b](other.md#raster-bundle) [c](https://example.org/x)\n"
+    assert checker.broken_links(page(tmp_path, good)) == []
+    bad = "[a](missing.md) [b](other.md#not-a-heading) [c](other.md#not-a-heading-1)\n"
+    assert checker.broken_links(page(tmp_path, bad)) == [
+        "missing.md: no such file", "other.md#not-a-heading: no heading #not-a-heading",
+        "other.md#not-a-heading-1: no heading #not-a-heading-1"]
