@@ -77,83 +77,31 @@ std::vector<Chunk> chunkTable(const std::uint8_t* file, std::uint64_t pointOffse
 // Decodes the chunk's records into out.
 void decodeChunk(const std::uint8_t* file, const Chunk& c, const Description& d,
                  std::size_t recordLength, std::uint8_t* out) {
-  if (d.compressor == 3)
+  if (d.compressor == Compressor::LayeredChunked)
     return decodeLayeredChunk(file + c.start, c.bytes, d.items,
                               static_cast<std::uint32_t>(c.points), recordLength, out);
   decodePointwiseChunk(file + c.start, c.bytes, d.items, static_cast<std::uint32_t>(c.points),
                        recordLength, out);
 }
 
-// The items of a point format's records.
-std::vector<Item> itemsFor(int format, std::size_t extraBytes) {
-  std::vector<Item> items;
-  const auto extra = static_cast<std::uint16_t>(extraBytes);
-  switch (format) {
-  case 0:
-  case 1:
-  case 2:
-  case 3:
-  case 4:
-  case 5:
-    items.push_back({Point10, 20, 2});
-    if (format != 0 && format != 2)
-      items.push_back({GpsTime11, 8, 2});
-    if (format == 2 || format == 3 || format == 5)
-      items.push_back({Rgb12, 6, 2});
-    if (format >= 4)
-      items.push_back({WavePacket13, 29, 1});
-    if (extra)
-      items.push_back({Byte, extra, 2});
-    return items;
-  case 6:
-  case 7:
-  case 8:
-  case 9:
-  case 10:
-    items.push_back({Point14, 30, 3});
-    if (format == 7)
-      items.push_back({Rgb14, 6, 3});
-    if (format == 8 || format == 10)
-      items.push_back({RgbNir14, 8, 3});
-    if (format >= 9)
-      items.push_back({WavePacket14, 29, 3});
-    if (extra)
-      items.push_back({Byte14, extra, 3});
-    return items;
-  default:
-    throw std::runtime_error("point format " + std::to_string(format) + " has no LAZ items");
-  }
-}
-
 } // namespace
 
-Las::Vlr laszipRecord(int format, std::size_t extraBytes, std::uint32_t chunkSize, Description& d) {
-  if (extraBytes > 0xFFFF)
-    throw std::runtime_error(std::to_string(extraBytes) + " extra bytes do not fit LAZ");
-  d.items = itemsFor(format, extraBytes);
-  d.compressor = format <= 5 ? 2 : 3;
-  d.chunkSize = chunkSize;
-  Las::Vlr v;
-  v.userId = "laszip encoded";
-  v.recordId = 22204;
-  v.description = "Quorvel";
-  auto& b = v.data;
-  put<std::uint16_t>(b, d.compressor);
-  put<std::uint16_t>(b, 0); // coder: arithmetic
-  b.push_back(3);           // LASzip version 3.4 revision 3, whose items these are
-  b.push_back(4);
-  put<std::uint16_t>(b, 3);
-  put<std::uint32_t>(b, 0); // options
-  put<std::uint32_t>(b, chunkSize);
-  put<std::int64_t>(b, -1); // points and bytes: not given
-  put<std::int64_t>(b, -1);
-  put<std::uint16_t>(b, static_cast<std::uint16_t>(d.items.size()));
-  for (const Item& item : d.items) {
-    put(b, item.type);
-    put(b, item.size);
-    put(b, item.version);
+void appendChunkTable(std::vector<std::uint8_t>& out, const std::vector<Chunk>& chunks,
+                      bool variable) {
+  put<std::uint32_t>(out, 0);
+  put<std::uint32_t>(out, static_cast<std::uint32_t>(chunks.size()));
+  Encoder e(out);
+  IntegerCoder sizes(32, 2);
+  std::uint32_t lastCount = 0, lastBytes = 0;
+  for (const Chunk& c : chunks) {
+    if (variable) {
+      sizes.encode(e, static_cast<std::int32_t>(lastCount), static_cast<std::int32_t>(c.points), 0);
+      lastCount = static_cast<std::uint32_t>(c.points);
+    }
+    sizes.encode(e, static_cast<std::int32_t>(lastBytes), static_cast<std::int32_t>(c.bytes), 1);
+    lastBytes = static_cast<std::uint32_t>(c.bytes);
   }
-  return v;
+  e.done();
 }
 
 std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
@@ -170,7 +118,7 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t coun
     try {
       const auto points = static_cast<std::uint32_t>(std::min(chunkPoints, count - first));
       auto& chunk = coded[static_cast<std::size_t>(k)];
-      if (d.compressor == 3)
+      if (d.compressor == Compressor::LayeredChunked)
         encodeLayeredChunk(records + first * recordLength, points, d.items, recordLength, chunk);
       else
         encodePointwiseChunk(records + first * recordLength, points, d.items, recordLength, chunk);
@@ -186,40 +134,11 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t coun
     out.insert(out.end(), c.begin(), c.end());
   const std::int64_t tableAt = static_cast<std::int64_t>(pointOffset + out.size());
   std::memcpy(out.data(), &tableAt, 8);
-  put<std::uint32_t>(out, 0);
-  put<std::uint32_t>(out, static_cast<std::uint32_t>(chunks));
-  Encoder e(out);
-  IntegerCoder sizes(32, 2);
-  std::uint32_t last = 0;
-  for (const auto& c : coded) {
-    sizes.encode(e, static_cast<std::int32_t>(last), static_cast<std::int32_t>(c.size()), 1);
-    last = static_cast<std::uint32_t>(c.size());
-  }
-  e.done();
+  std::vector<Chunk> table(coded.size());
+  for (std::size_t k = 0; k < coded.size(); ++k)
+    table[k].bytes = coded[k].size();
+  appendChunkTable(out, table, false);
   return out;
-}
-
-Description describe(const Las::Vlr& record) {
-  const std::vector<std::uint8_t>& b = record.data;
-  if (b.size() < 34)
-    fail("the \"laszip encoded\" record is " + std::to_string(b.size()) + " bytes, too short");
-  Description d;
-  d.compressor = load<std::uint16_t>(b.data());
-  d.chunkSize = load<std::uint32_t>(b.data() + 12);
-  const std::uint16_t items = load<std::uint16_t>(b.data() + 32);
-  if (b.size() < 34 + 6 * std::size_t(items))
-    fail("the \"laszip encoded\" record lists " + std::to_string(items) + " items but holds only " +
-         std::to_string((b.size() - 34) / 6));
-  for (std::uint16_t k = 0; k < items; ++k) {
-    const std::uint8_t* p = b.data() + 34 + 6 * k;
-    d.items.push_back(
-        {load<std::uint16_t>(p), load<std::uint16_t>(p + 2), load<std::uint16_t>(p + 4)});
-  }
-  if (d.compressor < 1 || d.compressor > 3)
-    fail("compressor " + std::to_string(d.compressor) + " is not supported");
-  if (load<std::uint16_t>(b.data() + 2) != 0)
-    fail("coder " + std::to_string(load<std::uint16_t>(b.data() + 2)) + " is not supported");
-  return d;
 }
 
 Points::Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
@@ -228,7 +147,7 @@ Points::Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_
     : file_(file), d_(std::move(d)), recordLength_(recordLength) {
   if (pointCount == 0)
     return;
-  if (d_.compressor == 1) // one stream of all points, no chunk table
+  if (d_.compressor == Compressor::Pointwise) // one stream of all points, no chunk table
     chunks_.push_back({0, pointCount, pointOffset, end - pointOffset});
   else
     chunks_ = chunkTable(file, pointOffset, end, fileSize, d_, pointCount);

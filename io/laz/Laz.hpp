@@ -30,10 +30,24 @@ enum ItemType : std::uint16_t {
   Byte14 = 14
 };
 
-// What the "laszip encoded" record says.
+// How the point data is compressed, with LASzip's numbers.
+enum class Compressor : std::uint16_t {
+  None = 0,             // not compressed (never in a LAZ file)
+  Pointwise = 1,        // one stream of all points, no chunk table
+  PointwiseChunked = 2, // point formats 0 to 5 in chunks
+  LayeredChunked = 3    // point formats 6 to 10 in chunks, each item in its layers
+};
+
+// What the "laszip encoded" record says, field by field.
 struct Description {
-  std::uint16_t compressor = 0; // 1: pointwise, 2: pointwise in chunks, 3: layered in chunks
-  std::uint32_t chunkSize = 0;  // points per chunk; VariableChunks: sizes in the chunk table
+  Compressor compressor = Compressor::None;
+  std::uint16_t coder = 0; // 0: arithmetic, the only one
+  std::uint8_t versionMajor = 0, versionMinor = 0;
+  std::uint16_t revision = 0; // of the LASzip that wrote the file
+  std::uint32_t options = 0;
+  std::uint32_t chunkSize = 0;    // points per chunk; VariableChunks: sizes in the chunk table
+  std::int64_t specialEvlrs = -1; // number of special EVLRs; -1: none given
+  std::int64_t evlrOffset = -1;   // where they start; -1: none given
   std::vector<Item> items;
   static constexpr std::uint32_t VariableChunks = 0xFFFFFFFFu;
 };
@@ -42,8 +56,14 @@ inline bool isLaszipRecord(const Las::Vlr& v) {
   return v.userId == "laszip encoded" && v.recordId == 22204;
 }
 
-// The description of a record; throws std::runtime_error naming what is wrong.
+// The description of a record; throws std::runtime_error naming the first thing wrong.
 Description describe(const Las::Vlr& record);
+
+// What is wrong with the description read from a record of recordBytes bytes that lists
+// listedItems items: every problem, first the one a reader meets first; none when it can be
+// decoded.
+std::vector<std::string> validate(const Description& d, std::size_t recordBytes,
+                                  std::size_t listedItems);
 
 // A chunk: its first point, its points and where its bytes lie in the file.
 struct Chunk {
@@ -55,6 +75,11 @@ struct Chunk {
 // the chunk table. The constructor throws std::runtime_error naming what is wrong with the table;
 // decoding throws it naming the first chunk that does not decode (or whose items are not
 // supported), whatever the threads: no chunk is ever left as zeros.
+// Appends the chunk table of the chunks (version 0, their count, then their sizes coded; with
+// variable chunks their point counts too) to out.
+void appendChunkTable(std::vector<std::uint8_t>& out, const std::vector<Chunk>& chunks,
+                      bool variable);
+
 class Points {
 public:
   Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_t end,
