@@ -97,7 +97,7 @@ public:
   std::size_t size() const { return count_; }
 
   // Divides the entries now instead of at the first query, so that a caller can build the tree
-  // before it sets up the questions, and the two never hold their working memory at once.
+  // before it sets up the queries, and the two never hold their working memory at once.
   void prepare() const { prepared(); }
 
   // Every entry within radius of q, keyed by squared distance, nearest first; equally near
@@ -149,9 +149,9 @@ public:
                        const Answer& answer) const {
     if (count == 0 || !prepared())
       return;
-    const std::vector<std::uint64_t> order = questionOrder(count, pointAt);
-    const std::uint64_t questionMask = (std::uint64_t{1} << questionBits(count)) - 1;
-    // The points of a block of questions are fetched in one pass, whose loads overlap, and then
+    const std::vector<std::uint64_t> order = queryOrder(count, pointAt);
+    const std::uint64_t queryMask = (std::uint64_t{1} << queryBits(count)) - 1;
+    // The points of a block of queries are fetched in one pass, whose loads overlap, and then
     // searched in sequence.
     constexpr std::size_t Block = 2048;
     std::vector<point> points(std::min(count, Block));
@@ -159,10 +159,10 @@ public:
     for (std::size_t b = 0; b < count; b += Block) {
       const std::size_t e = std::min(count, b + Block);
       for (std::size_t j = b; j < e; ++j)
-        points[j - b] = pointAt(order[j] & questionMask);
+        points[j - b] = pointAt(order[j] & queryMask);
       for (std::size_t j = b; j < e; ++j)
         if (nearestInOrder(points[j - b], walk))
-          answer(order[j] & questionMask, static_cast<const Neighbour&>(walk.last));
+          answer(order[j] & queryMask, static_cast<const Neighbour&>(walk.last));
     }
   }
 
@@ -319,8 +319,8 @@ private:
       key |= spread(cell[k]) << k;
     return key;
   }
-  // A search of questions in the tree's order: the squared radius, the last answer (where the
-  // next search starts) and the leaf cell the questions have reached.
+  // A search of queries in the tree's order: the squared radius, the last answer (where the
+  // next search starts) and the leaf cell the queries have reached.
   struct InOrder {
     double r2;
     Neighbour last{};
@@ -328,7 +328,7 @@ private:
     std::size_t cell = 0;
   };
   // The nearest entry of p as findNearest gives it, into walk.last; p comes at or after the cell
-  // of the previous question.
+  // of the previous query.
   bool nearestInOrder(const point& p, InOrder& walk) const {
     const double q[3] = {p.x, p.y, p.z};
     if (!finite(q))
@@ -369,16 +369,16 @@ private:
     return in;
   }
 
-  // Bits that number `count` questions.
-  static int questionBits(std::size_t count) {
+  // Bits that number `count` queries.
+  static int queryBits(std::size_t count) {
     return std::max(1, static_cast<int>(std::bit_width(count - 1)));
   }
-  // The questions 0 .. count - 1 in the order of their points' cells, each as its cell key's
-  // leading digits above its own number: one word a question, sorted down to two levels below
+  // The queries 0 .. count - 1 in the order of their points' cells, each as its cell key's
+  // leading digits above its own number: one word a query, sorted down to two levels below
   // the median leaf (finer order gains nothing), fewer when the numbers need the room.
   template <class PointAt>
-  std::vector<std::uint64_t> questionOrder(std::size_t count, const PointAt& pointAt) const {
-    const int numberBits = questionBits(count);
+  std::vector<std::uint64_t> queryOrder(std::size_t count, const PointAt& pointAt) const {
+    const int numberBits = queryBits(count);
     const int levels = std::min({Levels, medianLevel_ + 2, (64 - numberBits) / D});
     const int below = (Levels - levels) * D; // key bits finer than the order needs
     std::vector<std::size_t> starts;
