@@ -192,8 +192,6 @@ struct Writer {
 // ---- Reading ---------------------------------------------------------------------------
 
 struct Reader {
-  std::string file;
-
   // Point counts of the fragments of a representation's "Positions", by fragment name: every
   // other field's fragment must have its positions and as many elements.
   using Counts = std::map<std::string, std::size_t>;
@@ -374,7 +372,7 @@ bool Bundle::load() {
     if (version != FormatVersion)
       throw Hdf5Error("bundle format version " + std::to_string(version) + " is not supported");
     Handle slices = openGroup(file, "Slices", "");
-    Reader reader{path_};
+    Reader reader;
     for (const auto& sliceName : members(slices)) {
       Handle s = openGroup(slices, sliceName, "/Slices");
       const std::string where = "/Slices/" + sliceName;
