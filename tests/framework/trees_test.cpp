@@ -1,6 +1,9 @@
 // Tests of the bucket tree and the framework trees: every query against brute force, the dump
 // format, bounds, duplicates and NaN.
-#include "quorvel/spatial/spatial.hpp"
+#include "tarrow/OcTreeStd.hpp"
+#include "tressel/MemArray.hpp"
+#include "tressel/Trees.hpp"
+#include "vantor/Trees.hpp"
 
 #include <gtest/gtest.h>
 
