@@ -108,7 +108,7 @@ void BM_NanoflannRadius(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(adaptor.points.size()));
 }
 
-// The cloud's points moved by a fraction of the spacing: questions near, not on, the entries.
+// The cloud's points moved by a fraction of the spacing: queries near, not on, the entries.
 const std::vector<point>& besideCloud() {
   static const std::vector<point> points = [] {
     std::vector<point> out = bench::airborneCloud();
@@ -131,7 +131,7 @@ std::shared_ptr<Vantor::BucketTree<unsigned, D>> buildFrameworkTree() {
   return tree;
 }
 
-// Insertion, the division (made by the first question) and every nearest neighbour within 2 m.
+// Insertion, the division (made by the first query) and every nearest neighbour within 2 m.
 template <int D>
 void BM_FrameworkTreeNearestEach(benchmark::State& state) {
   const auto& asked = besideCloud();

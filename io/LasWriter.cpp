@@ -323,11 +323,4 @@ void write(const std::string& path, const Tressel::Grid& grid, const WriteOption
   writeGrid(path, grid, origin ? &*origin : nullptr, options, progress);
 }
 
-void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* info) {
-  if (!info)
-    write(path, grid);
-  else
-    writeGrid(path, grid, info, {}, {});
-}
-
 } // namespace Quorvel::Las

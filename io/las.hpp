@@ -127,9 +127,6 @@ struct WriteOptions {
 void write(const std::string& path, const Tressel::Grid& grid, const WriteOptions& options = {},
            const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
 
-// Writes with info as the LAS origin instead of the grid's attributes (nullptr: the grid's).
-void write(const std::string& path, const Tressel::Grid& grid, const FileInfo* info);
-
 // What a file's header and records say, and what one pass over its records tells, without
 // building a grid.
 struct Summary {

@@ -40,7 +40,7 @@ void computeShapeFactors(Cloud& cloud, const Host& host, ShapeFactorComputationP
   box.message.clear();
   box.verbose = box.verbose || host.common().verbose;
   host.run("shapefactors", pointCount(*cloud.grid),
-           [&] { shapeFactorComputation(cloud.grid, box, host.progress("shapefactors")); });
+           [&] { shapeFactorComputation(cloud.grid, box, nullptr); });
   if (!box.message.empty())
     throw Error("shapefactors: " + box.message);
 }

@@ -14,7 +14,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <map>
 #include <memory>
@@ -53,6 +52,9 @@ namespace Vantor {
 template <class Index, int D>
 class BucketTree : public Basalt::ReferenceBase {
   static_assert(D == 2 || D == 3, "the tree has two or three dimensions");
+  static_assert(
+      std::is_same_v<Index, unsigned> || std::is_same_v<Index, unsigned long long>,
+      "the tree is built in vantor/Trees.cpp for unsigned and unsigned long long indices");
 
 public:
   using point = PhysicalSpace::point;
@@ -64,20 +66,7 @@ public:
     double squared = 0.0;
   };
 
-  BucketTree(const Basalt::StrongPtr<BoundingBox>& box, unsigned capacity)
-      : capacity_(std::max(1u, capacity)) {
-    if (!box || box->empty())
-      return;
-    box_ = *box;
-    valid_ = true;
-    for (int k = 0; k < D; ++k)
-      side_ = std::max(side_, box->max()[k] - box->min()[k]);
-    for (int k = 0; k < D; ++k) {
-      origin_[k] = (box->min()[k] + box->max()[k]) / 2 - side_ / 2;
-      margin_[k] = 1e-9 * (std::abs(origin_[k]) + side_);
-    }
-    scale_ = side_ > 0 ? double(std::uint64_t{1} << Levels) / side_ : 0.0;
-  }
+  BucketTree(const Basalt::StrongPtr<BoundingBox>& box, unsigned capacity);
   BucketTree(const BucketTree&) = delete;
   BucketTree& operator=(const BucketTree&) = delete;
 
@@ -108,7 +97,7 @@ public:
   std::size_t size() const { return count_; }
 
   // Divides the entries now instead of at the first query, so that a caller can build the tree
-  // before it sets up the questions, and the two never hold their working memory at once.
+  // before it sets up the queries, and the two never hold their working memory at once.
   void prepare() const { prepared(); }
 
   // Every entry within radius of q, keyed by squared distance, nearest first; equally near
@@ -160,9 +149,9 @@ public:
                        const Answer& answer) const {
     if (count == 0 || !prepared())
       return;
-    const std::vector<std::uint64_t> order = questionOrder(count, pointAt);
-    const std::uint64_t questionMask = (std::uint64_t{1} << questionBits(count)) - 1;
-    // The points of a block of questions are fetched in one pass, whose loads overlap, and then
+    const std::vector<std::uint64_t> order = queryOrder(count, pointAt);
+    const std::uint64_t queryMask = (std::uint64_t{1} << queryBits(count)) - 1;
+    // The points of a block of queries are fetched in one pass, whose loads overlap, and then
     // searched in sequence.
     constexpr std::size_t Block = 2048;
     std::vector<point> points(std::min(count, Block));
@@ -170,10 +159,10 @@ public:
     for (std::size_t b = 0; b < count; b += Block) {
       const std::size_t e = std::min(count, b + Block);
       for (std::size_t j = b; j < e; ++j)
-        points[j - b] = pointAt(order[j] & questionMask);
+        points[j - b] = pointAt(order[j] & queryMask);
       for (std::size_t j = b; j < e; ++j)
         if (nearestInOrder(points[j - b], walk))
-          answer(order[j] & questionMask, static_cast<const Neighbour&>(walk.last));
+          answer(order[j] & queryMask, static_cast<const Neighbour&>(walk.last));
     }
   }
 
@@ -330,8 +319,8 @@ private:
       key |= spread(cell[k]) << k;
     return key;
   }
-  // A search of questions in the tree's order: the squared radius, the last answer (where the
-  // next search starts) and the leaf cell the questions have reached.
+  // A search of queries in the tree's order: the squared radius, the last answer (where the
+  // next search starts) and the leaf cell the queries have reached.
   struct InOrder {
     double r2;
     Neighbour last{};
@@ -339,7 +328,7 @@ private:
     std::size_t cell = 0;
   };
   // The nearest entry of p as findNearest gives it, into walk.last; p comes at or after the cell
-  // of the previous question.
+  // of the previous query.
   bool nearestInOrder(const point& p, InOrder& walk) const {
     const double q[3] = {p.x, p.y, p.z};
     if (!finite(q))
@@ -380,16 +369,16 @@ private:
     return in;
   }
 
-  // Bits that number `count` questions.
-  static int questionBits(std::size_t count) {
+  // Bits that number `count` queries.
+  static int queryBits(std::size_t count) {
     return std::max(1, static_cast<int>(std::bit_width(count - 1)));
   }
-  // The questions 0 .. count - 1 in the order of their points' cells, each as its cell key's
-  // leading digits above its own number: one word a question, sorted down to two levels below
+  // The queries 0 .. count - 1 in the order of their points' cells, each as its cell key's
+  // leading digits above its own number: one word a query, sorted down to two levels below
   // the median leaf (finer order gains nothing), fewer when the numbers need the room.
   template <class PointAt>
-  std::vector<std::uint64_t> questionOrder(std::size_t count, const PointAt& pointAt) const {
-    const int numberBits = questionBits(count);
+  std::vector<std::uint64_t> queryOrder(std::size_t count, const PointAt& pointAt) const {
+    const int numberBits = queryBits(count);
     const int levels = std::min({Levels, medianLevel_ + 2, (64 - numberBits) / D});
     const int below = (Levels - levels) * D; // key bits finer than the order needs
     std::vector<std::size_t> starts;
@@ -449,46 +438,12 @@ private:
   // Divides every entry (those of an earlier division, then the new ones) into nodes. Entries
   // wait in the coordinate arrays in insertion order; only their keys are sorted, and the arrays
   // are then put in leaf order one at a time, so a build holds little more than the entries.
-  void build() const {
-    const std::size_t n = ids_.size();
-    nodes_.clear();
-    leafCells_.clear();
-    if (n == 0)
-      return;
-    std::vector<Keyed> scratch;
-    std::vector<Keyed> keyed = keyedByLeadingCells(scratch);
-    // Room for more nodes than a division usually makes: a reserve that is never touched costs
-    // no memory, a vector that grows holds its old and new room at once.
-    nodes_.reserve(4 * n / capacity_ + 16);
-    leafCells_.reserve(4 * n / capacity_ + 16);
-    nodes_.push_back({});
-    divide(0, 0, 0, n, 0, keyed, scratch);
-    std::vector<Keyed>().swap(scratch);
-    makeTable(keyed);
-    place(keyed);
-  }
+  void build() const;
 
   // The entries' keys in the order of their leading cells (insertion order within each): the
   // division then needs room to sort only the largest of those cells, not every entry once more.
   // `scratch` gets that room.
-  std::vector<Keyed> keyedByLeadingCells(std::vector<Keyed>& scratch) const {
-    const auto keyOf = [this](std::size_t i) {
-      const double c[3] = {x_[i], y_[i], z_[i]};
-      return cellKey(c);
-    };
-    std::vector<std::size_t> starts;
-    std::vector<Keyed> keyed = inLeadingCells<Keyed>(
-        ids_.size(), keyOf,
-        [](std::size_t i, std::uint64_t key) {
-          return Keyed{key, i};
-        },
-        starts);
-    std::size_t largest = 0;
-    for (std::size_t c = 1; c < starts.size(); ++c)
-      largest = std::max(largest, starts[c] - starts[c - 1]);
-    scratch.resize(largest);
-    return keyed;
-  }
+  std::vector<Keyed> keyedByLeadingCells(std::vector<Keyed>& scratch) const;
 
   // Items 0 .. count - 1, each made by make(i, key) from its cell key keyOf(i), in the order of
   // their cells LeadingLevels levels down (in item order within each): counted first, then put
@@ -514,37 +469,8 @@ private:
   // The look-up table: cells one level above where most entries' leaves are, so that a search
   // starts a level or two above the leaves. Each cell gets the node whose entries are exactly
   // those of the cell, or the leaf that holds them, or none.
-  void makeTable(const std::vector<Keyed>& keyed) const {
-    std::array<std::size_t, Levels + 1> atLevel{};
-    for (const Node& node : nodes_)
-      if (node.leaf)
-        atLevel[node.level] += node.count;
-    int median = 0;
-    for (std::size_t below = 0; below + atLevel[median] <= keyed.size() / 2; ++median)
-      below += atLevel[median];
-    tableLevel_ = std::clamp(median - 1, 0, MaxTableBits / D);
-    table_.assign(std::size_t{1} << (D * tableLevel_), NoNode);
-    cellScale_ = side_ > 0 ? double(std::uint64_t{1} << tableLevel_) / side_ : 0.0;
-    medianLevel_ = median;
-    if (tableLevel_ > 0)
-      tabulate(nodes_[0], keyed);
-  }
-  void tabulate(const Node& node, const std::vector<Keyed>& keyed) const {
-    const int shift = (Levels - tableLevel_) * D;
-    const auto self = static_cast<std::uint32_t>(&node - nodes_.data());
-    if (node.level >= tableLevel_) {
-      const Node* first = &node;
-      while (!first->leaf)
-        first = &nodes_[first->first];
-      table_[keyed[first->first].key >> shift] = self;
-    } else if (node.leaf) {
-      for (std::size_t i = node.first; i < node.first + node.count; ++i)
-        table_[keyed[i].key >> shift] = self;
-    } else {
-      for (std::size_t c = node.first; c < node.first + node.count; ++c)
-        tabulate(nodes_[c], keyed);
-    }
-  }
+  void makeTable(const std::vector<Keyed>& keyed) const;
+  void tabulate(const Node& node, const std::vector<Keyed>& keyed) const;
 
   // Calls visit(node) for nodes whose subtrees hold, between them, every entry within squared
   // distance d2 of q, each entry once: the table entries of the cells that the ball's box
@@ -603,200 +529,33 @@ private:
   // are the non-empty cells of the next digit that sets them apart. Counting sorts are stable,
   // so entries of a leaf keep their insertion order.
   void divide(std::size_t parent, std::size_t self, std::size_t b, std::size_t e, int level,
-              std::vector<Keyed>& keyed, std::vector<Keyed>& scratch) const {
-    constexpr int Cells = 1 << D;
-    std::array<std::size_t, Cells + 1> start{};
-    for (; e - b > capacity_ && level < Levels; ++level) {
-      const int shift = (Levels - 1 - level) * D;
-      start.fill(0);
-      for (std::size_t i = b; i < e; ++i)
-        ++start[((keyed[i].key >> shift) & (Cells - 1)) + 1];
-      if (std::find(start.begin(), start.end(), e - b) != start.end())
-        continue; // one cell holds them all: look at the next digit
-      for (int c = 0; c < Cells; ++c)
-        start[c + 1] += start[c];
-      toCells(keyed.data() + b, e - b, start, shift, scratch);
-
-      const std::size_t first = nodes_.size();
-      std::size_t children = 0;
-      for (int c = 0; c < Cells; ++c)
-        children += start[c + 1] > start[c] ? 1 : 0;
-      nodes_.resize(first + children);
-      std::size_t child = first;
-      for (int c = 0; c < Cells; ++c)
-        if (start[c + 1] > start[c])
-          divide(self, child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch);
-      Node& node = nodes_[self];
-      node.first = first;
-      node.count = children;
-      node.leaf = false;
-      node.level = static_cast<unsigned char>(level);
-      return;
-    }
-    Node& leaf = nodes_[self];
-    leaf.first = b;
-    leaf.count = e - b;
-    leaf.distinct = e - b;
-    leaf.leaf = true;
-    leaf.level = static_cast<unsigned char>(level);
-    // Its cell: the keys sharing the first `level` digits with its entries'.
-    const int shift = (Levels - level) * D;
-    LeafCell cell{};
-    cell.first = (keyed[b].key >> shift) << shift;
-    cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
-    cell.node = static_cast<std::uint32_t>(self);
-    cell.parent = static_cast<std::uint32_t>(parent);
-    leafCells_.push_back(cell);
-  }
+              std::vector<Keyed>& keyed, std::vector<Keyed>& scratch) const;
 
   // Orders count entries by their digit at `shift` into the cells that `start` gives, stably;
   // entries already in that order (the leading levels are) stay where they are.
   static void toCells(Keyed* items, std::size_t count,
                       const std::array<std::size_t, (1 << D) + 1>& start, int shift,
-                      std::vector<Keyed>& scratch) {
-    constexpr int Cells = 1 << D;
-    const auto digit = [shift](const Keyed& item) { return (item.key >> shift) & (Cells - 1); };
-    if (std::is_sorted(items, items + count,
-                       [&](const Keyed& u, const Keyed& v) { return digit(u) < digit(v); }))
-      return;
-    if (scratch.size() < count)
-      scratch.resize(count);
-    std::array<std::size_t, Cells> next{};
-    std::copy(start.begin(), start.end() - 1, next.begin());
-    for (std::size_t i = 0; i < count; ++i)
-      scratch[next[digit(items[i])]++] = items[i];
-    std::copy(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(count), items);
-  }
+                      std::vector<Keyed>& scratch);
 
   // Puts the entries in leaf order (the order of `keyed`), then each leaf's entries in index
   // order, and sets the boxes: of each leaf's cell, narrowed by the margin of key rounding, and
   // the tight boxes of all nodes.
-  void place(std::vector<Keyed>& keyed) const {
-    inLeafOrder(keyed, x_);
-    inLeafOrder(keyed, y_);
-    inLeafOrder(keyed, z_);
-    inLeafOrder(keyed, ids_);
-    std::vector<std::size_t> order;
-    for (LeafCell& cell : leafCells_) {
-      Node& leaf = nodes_[cell.node];
-      const std::size_t b = leaf.first, e = b + leaf.count;
-      // Of equally near entries, the first is then the one with the smallest index.
-      if (!std::is_sorted(ids_.begin() + static_cast<std::ptrdiff_t>(b),
-                          ids_.begin() + static_cast<std::ptrdiff_t>(e)))
-        sortByIndex(b, e, order);
-      if (leaf.count > capacity_)
-        distinctFirst(leaf, order);
-      for (int k = 0; k < D; ++k) {
-        leaf.lo[k] = std::numeric_limits<double>::infinity();
-        leaf.hi[k] = -std::numeric_limits<double>::infinity();
-      }
-      for (std::size_t i = b; i < e; ++i) {
-        const double c[3] = {x_[i], y_[i], z_[i]};
-        for (int k = 0; k < D; ++k) {
-          leaf.lo[k] = std::min(leaf.lo[k], c[k]);
-          leaf.hi[k] = std::max(leaf.hi[k], c[k]);
-        }
-      }
-      const double c[3] = {x_[b], y_[b], z_[b]};
-      const auto finest = finestCell(c);
-      const auto cellBox = [&](int level, double* lo, double* hi) {
-        const double width = side_ / double(std::uint64_t{1} << level);
-        for (int k = 0; k < D; ++k) {
-          const double start = origin_[k] + double(finest[k] >> (Levels - level)) * width;
-          lo[k] = start + margin_[k];
-          hi[k] = start + width - margin_[k];
-        }
-      };
-      cellBox(leaf.level, cell.lo, cell.hi);
-      cellBox(nodes_[cell.parent].level, cell.outerLo, cell.outerHi);
-    }
-    // Children come after their parent, so a backward pass meets them first.
-    for (std::size_t j = nodes_.size(); j-- > 0;) {
-      Node& node = nodes_[j];
-      if (node.leaf)
-        continue;
-      for (int k = 0; k < D; ++k) {
-        node.lo[k] = nodes_[node.first].lo[k];
-        node.hi[k] = nodes_[node.first].hi[k];
-      }
-      for (std::size_t c = node.first + 1; c < node.first + node.count; ++c)
-        for (int k = 0; k < D; ++k) {
-          node.lo[k] = std::min(node.lo[k], nodes_[c].lo[k]);
-          node.hi[k] = std::max(node.hi[k], nodes_[c].hi[k]);
-        }
-    }
-  }
+  void place(std::vector<Keyed>& keyed) const;
   // Rearranges one array of entries into the order of `keyed`, through the room of its keys
   // (no longer needed once the table is made), its sources fetched ahead.
   template <class T>
-  static void inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values) {
-    static_assert(sizeof(T) <= sizeof(std::uint64_t) && std::is_trivially_copyable_v<T>);
-    constexpr std::size_t Ahead = 16;
-    const std::size_t n = keyed.size();
-    for (std::size_t i = 0; i < n; ++i) {
-      if (i + Ahead < n)
-        __builtin_prefetch(&values[keyed[i + Ahead].source]);
-      std::uint64_t word = 0;
-      std::memcpy(&word, &values[keyed[i].source], sizeof(T));
-      keyed[i].key = word;
-    }
-    for (std::size_t i = 0; i < n; ++i) {
-      const std::uint64_t word = keyed[i].key;
-      std::memcpy(&values[i], &word, sizeof(T));
-    }
-  }
+  static void inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values);
   // Reorders entries b .. e - 1 by index, stably.
-  void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const {
-    order.resize(e - b);
-    std::iota(order.begin(), order.end(), b);
-    std::stable_sort(order.begin(), order.end(),
-                     [&](std::size_t u, std::size_t v) { return ids_[u] < ids_[v]; });
-    rearrange(b, order);
-  }
+  void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const;
   // Only a leaf of the finest cells holds more than `capacity` entries, and then mostly copies
   // of a few positions (a scan repeated, points stored twice, a pole in a quadtree). Its entries
   // of distinct positions
   // come first, each the first of its position, then the copies, both in index order; a nearest
   // search looks at the first part only, since no copy is nearer than its first, nor has a
   // smaller index. Searches among many copies then cost what searches among distinct points do.
-  void distinctFirst(Node& leaf, std::vector<std::size_t>& order) const {
-    const std::size_t b = leaf.first, e = b + leaf.count;
-    // Positions over the tree's D axes: copies in a quadtree may differ in z.
-    const auto position = [&](std::size_t i) {
-      std::array<double, D> c{};
-      for (int k = 0; k < D; ++k)
-        c[static_cast<std::size_t>(k)] = k == 0 ? x_[i] : k == 1 ? y_[i] : z_[i];
-      return c;
-    };
-    order.resize(e - b);
-    std::iota(order.begin(), order.end(), b);
-    std::stable_sort(order.begin(), order.end(),
-                     [&](std::size_t u, std::size_t v) { return position(u) < position(v); });
-    std::vector<bool> first(e - b);
-    for (std::size_t k = 0; k < order.size(); ++k)
-      first[order[k] - b] = k == 0 || position(order[k]) != position(order[k - 1]);
-    order.clear();
-    for (const bool wanted : {true, false})
-      for (std::size_t i = b; i < e; ++i)
-        if (first[i - b] == wanted)
-          order.push_back(i);
-    leaf.distinct = static_cast<std::size_t>(std::count(first.begin(), first.end(), true));
-    rearrange(b, order);
-  }
+  void distinctFirst(Node& leaf, std::vector<std::size_t>& order) const;
   // Puts the entries at `order` (positions from b on) at b, b + 1, ...
-  void rearrange(std::size_t b, const std::vector<std::size_t>& order) const {
-    const auto permute = [&](auto& values) {
-      std::vector<std::decay_t<decltype(values[0])>> sorted;
-      sorted.reserve(order.size());
-      for (std::size_t i : order)
-        sorted.push_back(values[i]);
-      std::copy(sorted.begin(), sorted.end(), values.begin() + static_cast<std::ptrdiff_t>(b));
-    };
-    permute(x_);
-    permute(y_);
-    permute(z_);
-    permute(ids_);
-  }
+  void rearrange(std::size_t b, const std::vector<std::size_t>& order) const;
 
   // The nearest of the leaf's entries of distinct positions, two at a time and without a branch:
   // per lane the least distance and where it first occurs. Entries are in index order, so of
@@ -933,6 +692,21 @@ private:
   mutable std::atomic<bool> built_{true};
   mutable std::mutex building_;
 };
+
+// The construction and the division of the trees are compiled once, in vantor/Trees.cpp; the
+// queries are made where they are used, so that they inline into the callers' loops.
+extern template BucketTree<unsigned, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
+                                                    unsigned);
+extern template void BucketTree<unsigned, 2>::build() const;
+extern template BucketTree<unsigned, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
+                                                    unsigned);
+extern template void BucketTree<unsigned, 3>::build() const;
+extern template BucketTree<unsigned long long, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
+                                                              unsigned);
+extern template void BucketTree<unsigned long long, 2>::build() const;
+extern template BucketTree<unsigned long long, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
+                                                              unsigned);
+extern template void BucketTree<unsigned long long, 3>::build() const;
 
 // OcTree<Index> and QuadTree<Index> name the two forms; they are declared in vantor/TreeBase.hpp.
 

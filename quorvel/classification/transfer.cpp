@@ -96,7 +96,7 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
     if (pass.target((*cls)[i]) &&
         pass.reach.inside(at(i), planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed))
       asking.push_back(static_cast<std::uint32_t>(i));
-  // Answers are stored by question and applied afterwards in question order: the tree answers
+  // Answers are stored by query and applied afterwards in query order: the tree answers
   // in its own order, and reading anything per answer would wait on memory every time.
   constexpr std::uint32_t None = std::numeric_limits<std::uint32_t>::max();
   std::vector<std::uint32_t> nearest(asking.size(), None);

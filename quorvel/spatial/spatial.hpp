@@ -7,7 +7,7 @@
 //    when it is in the tree;
 //  - results come in tree order (children 0 to 2^D - 1, leaves in insertion order); the ordered
 //    forms of OcTreeStd sort by squared distance and keep tree order among equal distances;
-//  - a nearest-neighbour question is a nearest-neighbour search bounded by the radius; among
+//  - a nearest-neighbour query is a nearest-neighbour search bounded by the radius; among
 //    equally near points the smallest index wins (the framework trees order their maps so);
 //  - a box query is half-open (lo <= p < hi), the rectangle query of the planimetric trees
 //    closed (lo <= p <= hi);

@@ -1,6 +1,5 @@
 // Tests of the result storage policy: its three questions and their effect on written files.
 #include "quorvel/metadata/metadata.hpp"
-#include "quorvel/storage/detail/storage.hpp"
 #include "quorvel/storage/storage.hpp"
 #include "tressel/Bundle.hpp"
 #include "tressel/PointCloud.hpp"
@@ -29,9 +28,8 @@ StrongPtr<Basalt::ChunkBase> chunkOf(const std::string& kind) {
   return std::make_shared<Basalt::Chunk<float>>(2);
 }
 
-template <class Policy>
-void checkTheThreeQuestions() {
-  Policy policy;
+TEST(MyStorage, TheThreeQuestions) {
+  Wexlin::MyStorage policy;
   const FieldID positions("Positions"), positions2("Positions2"), classes("Classification");
   const Field field(nullptr);
   auto ask = [&](const FieldID& id) {
@@ -58,11 +56,6 @@ void checkTheThreeQuestions() {
   EXPECT_FALSE(policy.WriteAsSinglePrecision("Positions2", chunkOf("point")));
   EXPECT_FALSE(policy.WriteAsSinglePrecision("Positions", chunkOf("float")));
   EXPECT_FALSE(policy.EnableNumericalShift("Positions", nullptr));
-}
-
-TEST(MyStorage, TheThreeQuestions) {
-  checkTheThreeQuestions<Wexlin::MyStorage>();
-  checkTheThreeQuestions<Quorvel::detail::MyStorage>();
 }
 
 class StoredFiles : public ScratchDirectory {

@@ -1,6 +1,9 @@
 // Tests of the bucket tree and the framework trees: every query against brute force, the dump
 // format, bounds, duplicates and NaN.
-#include "quorvel/spatial/spatial.hpp"
+#include "tarrow/OcTreeStd.hpp"
+#include "tressel/MemArray.hpp"
+#include "tressel/Trees.hpp"
+#include "vantor/Trees.hpp"
 
 #include <gtest/gtest.h>
 
@@ -419,7 +422,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
         asked.push_back(q);
       }
 
-      // Many questions at once (more than one block of them), also from outside the box, from
+      // Many queries at once (more than one block of them), also from outside the box, from
       // points on a stored point and between duplicates, and a NaN: the same answers as one by
       // one.
       for (std::size_t i = 0; i < stored; i += 3)
@@ -431,7 +434,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
         tree.findNearestEach(
             asked.size(), [&](std::size_t k) { return asked[k]; }, r,
             [&](std::size_t k, const typename Tree::Neighbour& found) {
-              EXPECT_EQ(answers[k].first, -1.0); // one answer per question
+              EXPECT_EQ(answers[k].first, -1.0); // one answer per query
               EXPECT_EQ(found.position, xyz[found.index]);
               answers[k] = {found.squared, found.index};
             });
@@ -441,7 +444,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
             if (const double d2 = squared<D>(xyz[i], asked[k]); d2 <= r * r)
               if (expected.first < 0 || std::make_pair(d2, Index(i)) < expected)
                 expected = {d2, static_cast<Index>(i)};
-          EXPECT_EQ(answers[k], expected) << "question " << k << " radius " << r;
+          EXPECT_EQ(answers[k], expected) << "query " << k << " radius " << r;
         }
       }
     }
