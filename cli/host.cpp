@@ -166,11 +166,15 @@ std::vector<unsigned char> classesOf(const Tressel::Grid& grid, const std::strin
     throw Error(path + ": no field " + field);
   auto values = Tressel::readField<unsigned char>(*classes);
   if (auto index = grid(Tressel::StandardCartesianChart3D, "PointIndex")) {
-    const auto order = Tressel::readField<unsigned long long>(*index);
+    const auto indices = Tressel::readField<unsigned long long>(*index);
+    if (indices.size() != values.size())
+      throw Error(path + ": field \"PointIndex\" holds " + std::to_string(indices.size()) +
+                  " values for " + std::to_string(values.size()) + " points");
+    // The writer's rule of file order, so that compare and info count what a file would hold.
+    const auto places = Las::filePlaces({indices.begin(), indices.end()});
     std::vector<unsigned char> sorted(values.size());
-    for (std::size_t k = 0; k < values.size() && k < order.size(); ++k)
-      if (order[k] < sorted.size())
-        sorted[order[k]] = values[k];
+    for (std::size_t k = 0; k < values.size(); ++k)
+      sorted[places[k]] = values[k];
     return sorted;
   }
   return values;

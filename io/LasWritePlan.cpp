@@ -89,30 +89,15 @@ std::vector<std::uint64_t> fileOrder(const Tressel::Grid& grid, const Layout& la
       for (std::size_t j = 0; j < sizes[k] && identity; ++j, ++g)
         identity = v[j] == g;
     }
-    std::vector<std::uint64_t> values;
-    bool permutation = true;
     if (!identity) {
+      std::vector<std::uint64_t> values;
       values.reserve(n);
       for (std::size_t k = 0; k < sizes.size(); ++k) {
         const auto* v = reinterpret_cast<const std::uint64_t*>(index->fragments[k]);
         values.insert(values.end(), v, v + sizes[k]);
       }
-      std::vector<std::uint8_t> seen(n, 0);
-      for (std::size_t g = 0; g < n && permutation; ++g)
-        permutation = values[g] < n && !seen[values[g]]++;
+      place = filePlaces(std::move(values));
     }
-    if (!identity && !permutation) {
-      // Gaps or repeats (points removed or merged): rank by the value, ties in layout order.
-      std::vector<std::uint64_t> order(n);
-      for (std::size_t g = 0; g < n; ++g)
-        order[g] = g;
-      std::stable_sort(order.begin(), order.end(),
-                       [&](std::uint64_t a, std::uint64_t b) { return values[a] < values[b]; });
-      for (std::size_t rank = 0; rank < n; ++rank)
-        values[order[rank]] = rank;
-    }
-    if (!identity)
-      place = std::move(values);
   }
   return place;
 }
@@ -370,3 +355,26 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
 }
 
 } // namespace Quorvel::Las::detail
+
+namespace Quorvel::Las {
+
+std::vector<std::uint64_t> filePlaces(std::vector<std::uint64_t> indices) {
+  const std::size_t n = indices.size();
+  std::vector<std::uint8_t> seen(n, 0);
+  bool permutation = true;
+  for (std::size_t g = 0; g < n && permutation; ++g)
+    permutation = indices[g] < n && !seen[indices[g]]++;
+  if (permutation)
+    return indices;
+  // Gaps or repeats (points removed or merged): rank by the value, ties in layout order.
+  std::vector<std::uint64_t> order(n);
+  for (std::size_t g = 0; g < n; ++g)
+    order[g] = g;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::uint64_t a, std::uint64_t b) { return indices[a] < indices[b]; });
+  for (std::size_t rank = 0; rank < n; ++rank)
+    indices[order[rank]] = rank;
+  return indices;
+}
+
+} // namespace Quorvel::Las

@@ -156,6 +156,12 @@ struct Summary {
 // classes, return numbers and GPS times.
 Summary summarize(const std::string& path);
 
+// The file slot of each point from its "PointIndex" values in layout order (fragment after
+// fragment): the values themselves when they are a permutation of 0..n-1, else their ranks, ties
+// in layout order, so that points removed or merged leave no gaps. The one rule of file order
+// for writing and for anything that reads fields in file order.
+std::vector<std::uint64_t> filePlaces(std::vector<std::uint64_t> indices);
+
 // The LAS origin a grid carries as attributes; nullopt when it has none.
 std::optional<FileInfo> fileInfo(const Tressel::Grid& grid);
 

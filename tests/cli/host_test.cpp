@@ -1,0 +1,109 @@
+// The host's own pieces: the order in which it reads fields (the writer's rule), the checks of
+// option values and their words, the nearest-option finder and what it advises on a failure.
+#include "cli/advice.hpp"
+#include "cli/checks.hpp"
+#include "cli/commands/command.hpp"
+#include "cli/host.hpp"
+#include "io/las.hpp"
+#include "tressel/PointCloud.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Quorvel;
+
+Basalt::StrongPtr<Tressel::Grid> cloud(const std::vector<unsigned char>& classes,
+                                       const std::vector<unsigned long long>& index,
+                                       std::size_t fragmentSize) {
+  std::vector<Vantor::PhysicalSpace::point> xyz;
+  for (std::size_t k = 0; k < classes.size(); ++k)
+    xyz.push_back({double(k), 0, 0});
+  Tressel::PointCloudBuilder builder(xyz);
+  builder.addField("Classification", classes);
+  if (!index.empty())
+    builder.addField("PointIndex", index);
+  return builder.build(Tressel::sequentialPartition(classes.size(), fragmentSize));
+}
+
+// File order is one rule: a permutation places each point at its index; gaps and repeats (points
+// removed, clouds merged) rank the points, ties in the order of the fragments.
+TEST(FileOrder, PermutationsPlaceGapsAndRepeatsRank) {
+  EXPECT_EQ(Las::filePlaces({0, 1, 2}), (std::vector<std::uint64_t>{0, 1, 2}));
+  EXPECT_EQ(Las::filePlaces({2, 0, 1}), (std::vector<std::uint64_t>{2, 0, 1}));
+  EXPECT_EQ(Las::filePlaces({10, 3, 7}), (std::vector<std::uint64_t>{2, 0, 1}));
+  EXPECT_EQ(Las::filePlaces({5, 5, 1, 5}), (std::vector<std::uint64_t>{1, 2, 0, 3}));
+  EXPECT_EQ(Las::filePlaces({}), (std::vector<std::uint64_t>{}));
+}
+
+// classesOf reads the classes in the order the writer would write them, over fragments too:
+// before, an index beyond the point count (a thinned cloud) dropped its point's class.
+TEST(FileOrder, ClassesAreReadInTheWritersOrder) {
+  const auto permuted = cloud({7, 8, 9, 6}, {2, 3, 1, 0}, 3);
+  EXPECT_EQ(Cli::classesOf(*permuted, "Classification", "p"),
+            (std::vector<unsigned char>{6, 9, 7, 8}));
+  const auto thinned = cloud({7, 8, 9}, {40, 4, 12}, 2);
+  EXPECT_EQ(Cli::classesOf(*thinned, "Classification", "t"), (std::vector<unsigned char>{8, 9, 7}));
+  const auto plain = cloud({1, 2, 3}, {}, 2);
+  EXPECT_EQ(Cli::classesOf(*plain, "Classification", "q"), (std::vector<unsigned char>{1, 2, 3}));
+  EXPECT_THROW(Cli::classesOf(*plain, "Intensity", "q"), Cli::Error);
+}
+
+// The validators take their rules and words from the library's table.
+TEST(OptionChecks, RulesOfTheTableWithTheirWords) {
+  auto refusal = [](CLI::Validator rule, std::string text) { return rule(text); };
+  const auto step = Cli::boxRule("ShapeFactorComputationParameterBox", "step");
+  EXPECT_EQ(refusal(step, "0.5"), "");
+  EXPECT_EQ(refusal(step, "-1"), "\"-1\" is not a positive finite number");
+  EXPECT_EQ(refusal(step, "inf"), "\"inf\" is not a positive finite number");
+  const auto maxstep = Cli::boxRule("ShapeFactorComputationParameterBox", "maxstep");
+  EXPECT_EQ(refusal(maxstep, "2.5"), "\"2.5\" is not a whole number from 0 to 1000");
+  EXPECT_EQ(refusal(maxstep, "1000"), "");
+  const auto quantile = Cli::boxRule("PlanarRegressionParameterBox", "quantile");
+  EXPECT_EQ(refusal(quantile, "101"), "\"101\" is not a number from 0 to 100");
+  const auto threshold = Cli::boxRule("PointCloudSizeReductionParameterBox", "threshold");
+  EXPECT_EQ(refusal(threshold, "-3.5"), "");
+  EXPECT_EQ(threshold.get_description(), "NUMBER");
+  const auto dimension = Cli::oneOf("2|3|2D|3D");
+  EXPECT_EQ(refusal(dimension, "2D"), "");
+  EXPECT_EQ(refusal(dimension, "4"), "\"4\" is not one of 2, 3, 2D, 3D");
+  EXPECT_EQ(dimension.get_description(), "{2, 3, 2D, 3D}");
+  EXPECT_THROW(Cli::boxRule("ShapeFactorComputationParameterBox", "nothing"), std::logic_error);
+  EXPECT_THROW(Cli::checkRange("--classes", "two"), CLI::ValidationError);
+  EXPECT_NO_THROW(Cli::checkRange("--classes", "2:5,9"));
+  EXPECT_THROW(Cli::checkBands("--bands", "1=x"), CLI::ValidationError);
+}
+
+// Ranges print as a user types them, whatever the library's six decimals.
+TEST(OptionChecks, RangesPrintAsTyped) {
+  EXPECT_EQ(Cli::typedRange(Vantor::MultiRange<double>("0:255")), "0:255");
+  EXPECT_EQ(Cli::typedRange(Vantor::MultiRange<double>("2")), "2");
+  EXPECT_EQ(Cli::typedRange(Vantor::MultiRange<double>("-0.2:0.2;9")), "-0.2:0.2,9");
+  EXPECT_EQ(Cli::typedRange(Vantor::MultiRange<double>()), "");
+}
+
+TEST(NearestOption, EditsBetweenNames) {
+  EXPECT_EQ(Cli::editDistance("--stepp", "--step"), 1u);
+  EXPECT_EQ(Cli::editDistance("--bandz", "--bands"), 1u);
+  EXPECT_EQ(Cli::editDistance("", "abc"), 3u);
+  EXPECT_EQ(Cli::editDistance("kitten", "sitting"), 3u);
+  EXPECT_EQ(Cli::editDistance("same", "same"), 0u);
+}
+
+// A missing field gets the command that makes it, else the fields there are; other failures
+// get nothing added.
+TEST(Advice, NamesTheMakerOrTheFields) {
+  const auto grid = cloud({1, 2}, {}, 2);
+  EXPECT_EQ(Cli::advice("ERROR: no f_normalvector", *grid),
+            " (it needs \"NormalVector\": run quorvel shapefactors --normals first; the fields "
+            "there are: Positions, Classification)");
+  EXPECT_EQ(Cli::advice("Selection: ERROR: no numeric f_Z", *grid),
+            " (the fields there are: Positions, Classification)");
+  EXPECT_EQ(Cli::advice("ERROR: no m_vertices", *grid), "");
+  EXPECT_EQ(Cli::advice("the raster could not be mapped", *grid), "");
+}
+
+} // namespace
