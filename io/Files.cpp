@@ -1,6 +1,9 @@
-// Quorvel: point-cloud files of either kind.
+// Quorvel: point-cloud files of either kind, and thinned clouds written to them.
 #include "io/files.hpp"
 
+#include "basalt/Text.hpp"
+#include "quorvel/core/core.hpp"
+#include "quorvel/features/features.hpp"
 #include "tressel/Bundle.hpp"
 
 #include <algorithm>
@@ -57,6 +60,28 @@ void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
   bundle[0.0]->setGrid(grid->Name().empty() ? "cloud" : grid->Name(), grid);
   if (!bundle.save())
     throw Las::Error(bundle.lastError());
+}
+
+std::string reduceSizeOfPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                   PointCloudSizeReductionParameterBox& box,
+                                   const std::string& path) {
+  Messages log("reduceSizeOfPointCloud: ", &box.message);
+  try {
+    const auto reduced = reducedPointCloud(grid, box);
+    if (!reduced)
+      return box.message;
+    save(path, reduced);
+    std::size_t in = 0, out = 0;
+    for (const auto& slot : fragmentsOf(*grid->CartesianPositions()))
+      in += slot.creator && slot.creator->peekData() ? slot.creator->peekData()->nElements() : 0;
+    for (const auto& slot : fragmentsOf(*reduced->CartesianPositions()))
+      out += slot.creator->peekData()->nElements();
+    return "reduced " + std::to_string(in) + " points to " + std::to_string(out) + " (" +
+           Basalt::format("%.1f", in > 0 ? 100.0 * double(out) / double(in) : 0.0) + "%)";
+  } catch (const std::exception& e) {
+    log.report(std::string("ERROR: ") + e.what());
+    return std::string("ERROR: ") + e.what();
+  }
 }
 
 } // namespace Quorvel::Files

@@ -8,6 +8,10 @@
 #include <set>
 #include <string>
 
+namespace Quorvel {
+struct PointCloudSizeReductionParameterBox;
+} // namespace Quorvel
+
 namespace Quorvel::Files {
 
 // Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
@@ -30,5 +34,12 @@ load(const std::string& path, std::size_t fragmentPoints = 0,
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
           const Las::WriteOptions& options = {},
           const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
+
+// Writes reducedPointCloud(grid, box) to path with save(): a bundle for ".h5" and ".hdf5", LAS
+// otherwise. Returns "reduced <in> points to <kept> (<share>%)" on success; on failure "ERROR: "
+// and the reason, also appended to box.message.
+std::string reduceSizeOfPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                   PointCloudSizeReductionParameterBox& box,
+                                   const std::string& path);
 
 } // namespace Quorvel::Files
