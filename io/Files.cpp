@@ -35,9 +35,9 @@ bool isGeoTiff(const std::string& path) {
 
 Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragmentPoints,
                                       const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
-                                      const std::set<std::string>& only) {
+                                      const std::set<std::string>& only, const Las::Warn& warn) {
   if (!isBundle(path))
-    return Las::read(path, fragmentPoints, progress, only).grid;
+    return Las::read(path, fragmentPoints, progress, only, warn).grid;
   Tressel::Bundle bundle;
   if (!bundle.bindTo(path))
     throw Las::Error(bundle.lastError());
@@ -64,13 +64,13 @@ void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
 
 std::string reduceSizeOfPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
                                    PointCloudSizeReductionParameterBox& box,
-                                   const std::string& path) {
+                                   const std::string& path, const Las::WriteOptions& options) {
   Messages log("reduceSizeOfPointCloud: ", &box.message);
   try {
     const auto reduced = reducedPointCloud(grid, box);
     if (!reduced)
       return box.message;
-    save(path, reduced);
+    save(path, reduced, options);
     std::size_t in = 0, out = 0;
     for (const auto& slot : fragmentsOf(*grid->CartesianPositions()))
       in += slot.creator && slot.creator->peekData() ? slot.creator->peekData()->nElements() : 0;

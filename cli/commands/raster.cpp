@@ -45,7 +45,7 @@ public:
     host.run("read " + input_, 0, [&] {
       raster.grid = Raster::isRasterFile(input_)
                         ? Raster::import(input_, fragmentCells_, heightField_)
-                        : Files::load(input_);
+                        : Files::load(input_, 0, {}, {}, readWarnings(input_));
     });
     raster.rasterField = heightField_;
     host.save(output_, raster);
