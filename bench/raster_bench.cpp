@@ -131,7 +131,8 @@ void BM_GroundRasterFromLas(benchmark::State& state) {
   const std::string out = std::filesystem::temp_directory_path() / "quorvel-raster-bench.tif";
   for (auto _ : state) {
     const auto read = Quorvel::Las::read(airborneLas(), 0, {}, {"Classification"});
-    Quorvel::Raster::writeGeoTiff(out, *Quorvel::Raster::groundRaster(*read.grid, {}));
+    const std::string wkt = Quorvel::Raster::coordinateSystemOf(*read.grid);
+    Quorvel::Raster::writeGeoTiff(out, *Quorvel::groundRaster(*read.grid, {}, wkt));
   }
   state.counters["points/s"] =
       benchmark::Counter(1e6, benchmark::Counter::kIsIterationInvariantRate);

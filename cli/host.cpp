@@ -202,11 +202,20 @@ void finish(const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, std::size
 
 } // namespace
 
+Las::Warn readWarnings(const std::string& path) {
+  return [path](const std::string& text) { std::cerr << path << ": warning: " << text << "\n"; };
+}
+
+Las::Warn writeWarnings(const std::string& path) {
+  return [path](const std::string& text) { std::cerr << path << ": " << text << "\n"; };
+}
+
 Cloud Host::load(const std::string& path, const std::set<std::string>& only) const {
   const auto shown = progress("read " + path);
   Cloud cloud;
-  cloud.grid = Raster::isRasterFile(path) ? Raster::import(path)
-                                          : Files::load(path, common_.fragmentPoints, shown, only);
+  cloud.grid = Raster::isRasterFile(path)
+                   ? Raster::import(path)
+                   : Files::load(path, common_.fragmentPoints, shown, only, readWarnings(path));
   finish(shown, pointCount(*cloud.grid));
   return cloud;
 }
@@ -216,8 +225,12 @@ void Host::save(const std::string& path, const Cloud& cloud,
   const auto shown = progress("write " + path);
   if (Raster::isRasterFile(path))
     Raster::writeGeoTiff(path, *cloud.grid, cloud.rasterField);
-  else
-    Files::save(path, cloud.grid, options, shown);
+  else {
+    Las::WriteOptions told = options;
+    if (!told.warn)
+      told.warn = writeWarnings(path);
+    Files::save(path, cloud.grid, told, shown);
+  }
   finish(shown, pointCount(*cloud.grid));
 }
 

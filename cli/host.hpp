@@ -64,6 +64,13 @@ void addWriteOptions(CLI::App& app, Las::WriteOptions& options);
 
 using Files::isBundle;
 
+// io's warnings about a file read from path, each written to standard error as
+// "<path>: warning: <text>".
+Las::Warn readWarnings(const std::string& path);
+// io's note of the version and format a file written to path moves to, written to standard error
+// as "<path>: <text>".
+Las::Warn writeWarnings(const std::string& path);
+
 std::size_t pointCount(const Tressel::Grid& grid);
 
 // Throws Error unless a file can be written at path: its folder exists and is writable, and

@@ -1,6 +1,9 @@
-// Quorvel: point-cloud files of either kind.
+// Quorvel: point-cloud files of either kind, and thinned clouds written to them.
 #include "io/files.hpp"
 
+#include "basalt/Text.hpp"
+#include "quorvel/core/core.hpp"
+#include "quorvel/features/features.hpp"
 #include "tressel/Bundle.hpp"
 
 #include <algorithm>
@@ -32,9 +35,9 @@ bool isGeoTiff(const std::string& path) {
 
 Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragmentPoints,
                                       const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
-                                      const std::set<std::string>& only) {
+                                      const std::set<std::string>& only, const Las::Warn& warn) {
   if (!isBundle(path))
-    return Las::read(path, fragmentPoints, progress, only).grid;
+    return Las::read(path, fragmentPoints, progress, only, warn).grid;
   Tressel::Bundle bundle;
   if (!bundle.bindTo(path))
     throw Las::Error(bundle.lastError());
@@ -57,6 +60,28 @@ void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
   bundle[0.0]->setGrid(grid->Name().empty() ? "cloud" : grid->Name(), grid);
   if (!bundle.save())
     throw Las::Error(bundle.lastError());
+}
+
+std::string reduceSizeOfPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                   PointCloudSizeReductionParameterBox& box,
+                                   const std::string& path, const Las::WriteOptions& options) {
+  Messages log("reduceSizeOfPointCloud: ", &box.message);
+  try {
+    const auto reduced = reducedPointCloud(grid, box);
+    if (!reduced)
+      return box.message;
+    save(path, reduced, options);
+    std::size_t in = 0, out = 0;
+    for (const auto& slot : fragmentsOf(*grid->CartesianPositions()))
+      in += slot.creator && slot.creator->peekData() ? slot.creator->peekData()->nElements() : 0;
+    for (const auto& slot : fragmentsOf(*reduced->CartesianPositions()))
+      out += slot.creator->peekData()->nElements();
+    return "reduced " + std::to_string(in) + " points to " + std::to_string(out) + " (" +
+           Basalt::format("%.1f", in > 0 ? 100.0 * double(out) / double(in) : 0.0) + "%)";
+  } catch (const std::exception& e) {
+    log.report(std::string("ERROR: ") + e.what());
+    return std::string("ERROR: ") + e.what();
+  }
 }
 
 } // namespace Quorvel::Files

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <iostream>
 #include <mutex>
 #include <set>
 #include <sys/mman.h>
@@ -57,7 +56,7 @@ MappedFile::~MappedFile() {
     ::munmap(mapping_, size_);
 }
 
-OpenedFile::OpenedFile(const std::string& path, bool sequential)
+OpenedFile::OpenedFile(const std::string& path, bool sequential, const Warn& warn)
     : file(path, sequential), path_(path) {
   const std::uint8_t* b = file.data();
   const std::uint64_t size = file.size();
@@ -79,8 +78,9 @@ OpenedFile::OpenedFile(const std::string& path, bool sequential)
   info.extraBytes = parseExtraBytes(info, findings);
   if (!findings.problems.empty())
     throw Error(describe(path, findings.problems));
-  for (const std::string& warning : findings.warnings)
-    std::cerr << path << ": warning: " << warning << "\n";
+  if (warn)
+    for (const std::string& warning : findings.warnings)
+      warn(warning);
   pointCount = h.pointCount;
   if (compressed)
     openCompressed();
@@ -326,8 +326,8 @@ void inBlocks(std::size_t count, std::size_t done, Percent& percent, Step step) 
 
 ReadResult read(const std::string& path, std::size_t fragmentPoints,
                 const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
-                const std::set<std::string>& only) {
-  OpenedFile in(path, false);
+                const std::set<std::string>& only, const Warn& warn) {
+  OpenedFile in(path, false, warn);
   const Header& h = in.info.header;
   const std::size_t n = static_cast<std::size_t>(in.pointCount);
   const std::string name = std::filesystem::path(path).stem().string();

@@ -114,8 +114,8 @@ std::string typeName(const ExtraBytes& extra) {
                                                      : std::string("bytes");
 }
 
-Summary summarize(const std::string& path) {
-  OpenedFile in(path, true);
+Summary summarize(const std::string& path, const Warn& warn) {
+  OpenedFile in(path, true, warn);
   const RawHeader raw = decodeHeader(
       in.file.data(), static_cast<std::size_t>(std::min<std::uint64_t>(in.file.size(), 375)));
   Summary s;

@@ -11,7 +11,6 @@
 #include <cmath>
 #include <cstring>
 #include <ctime>
-#include <iostream>
 #include <limits>
 
 namespace Quorvel::Las::detail {
@@ -263,12 +262,11 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
   int minor = std::max<int>(origin ? h.versionMinor : 4, format(chosen).versionMinor);
   if (!info.evlrs.empty() || n > std::numeric_limits<std::uint32_t>::max())
     minor = 4;
-  if (chosen != h.pointFormat || (origin && minor != h.versionMinor))
-    std::cerr << path << ": writing LAS 1." << minor << " point format " << chosen
-              << " instead of LAS 1." << int(h.versionMinor) << " point format "
-              << int(h.pointFormat)
-              << (why.empty() ? std::string(" (for the EVLRs or count)") : " (for " + why + ")")
-              << "\n";
+  if ((chosen != h.pointFormat || (origin && minor != h.versionMinor)) && options.warn)
+    options.warn("writing LAS 1." + std::to_string(minor) + " point format " +
+                 std::to_string(chosen) + " instead of LAS 1." + std::to_string(h.versionMinor) +
+                 " point format " + std::to_string(h.pointFormat) +
+                 (why.empty() ? std::string(" (for the EVLRs or count)") : " (for " + why + ")"));
   h.pointFormat = static_cast<std::uint8_t>(chosen);
   h.versionMajor = 1;
   h.versionMinor = static_cast<std::uint8_t>(minor);

@@ -8,6 +8,10 @@
 #include <set>
 #include <string>
 
+namespace Quorvel {
+struct PointCloudSizeReductionParameterBox;
+} // namespace Quorvel
+
 namespace Quorvel::Files {
 
 // Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
@@ -17,12 +21,12 @@ bool isCloudFile(const std::string& path);
 // Whether a path names a GeoTIFF (.tif, .tiff), the raster file the hosts write.
 bool isGeoTiff(const std::string& path);
 
-// Reads the first grid of a bundle, or a LAS file as Las::read does (fragmentPoints and only
-// apply to LAS files). Throws Las::Error naming the file and the problem.
+// Reads the first grid of a bundle, or a LAS file as Las::read does (fragmentPoints, only and
+// warn apply to LAS files). Throws Las::Error naming the file and the problem.
 Basalt::StrongPtr<Tressel::Grid>
 load(const std::string& path, std::size_t fragmentPoints = 0,
      const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {},
-     const std::set<std::string>& only = {});
+     const std::set<std::string>& only = {}, const Las::Warn& warn = {});
 
 // Writes a grid as a bundle (every field as it is, positions in double precision) or as LAS
 // (Las::write with options); the file is replaced only once completely written. Throws
@@ -30,5 +34,12 @@ load(const std::string& path, std::size_t fragmentPoints = 0,
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
           const Las::WriteOptions& options = {},
           const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {});
+
+// Writes reducedPointCloud(grid, box) to path with save(path, reduced, options): a bundle for
+// ".h5" and ".hdf5", LAS otherwise. Returns "reduced <in> points to <kept> (<share>%)" on success;
+// on failure "ERROR: " and the reason, also appended to box.message.
+std::string reduceSizeOfPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                   PointCloudSizeReductionParameterBox& box,
+                                   const std::string& path, const Las::WriteOptions& options = {});
 
 } // namespace Quorvel::Files

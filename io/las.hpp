@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -19,6 +20,11 @@ namespace Quorvel::Las {
 struct Error : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+
+// Receives each warning about a file as it arises, on the calling thread: an oddity of a file
+// read that real writers produce and that is tolerated, or the version and format a file written
+// moves to; the text without the file's name. io prints nothing itself: the host shows them.
+using Warn = std::function<void(const std::string& text)>;
 
 // A variable-length record (or an extended one, after the points), kept as read.
 struct Vlr {
@@ -92,14 +98,14 @@ struct ReadResult {
 // them. One fragment when fragmentPoints is 0 (no result then depends on tiling); otherwise x-y
 // tiles of about fragmentPoints points (Tressel::tilePartitionByCount), file order kept within a
 // tile. Throws Error naming the file and every problem found; warnings about tolerated oddities go
-// to standard error.
+// to warn ("legacy point count 5 differs from the point count 9", ...).
 //
 // only, when not empty, names the fields to make besides "Positions" (and "PointIndex" for
 // tiles), normals as "NormalVector": a cloud that is read to be searched, not written back, then
 // takes less memory and time. The LAS origin is still attached.
 ReadResult read(const std::string& path, std::size_t fragmentPoints = 0,
                 const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {},
-                const std::set<std::string>& only = {});
+                const std::set<std::string>& only = {}, const Warn& warn = {});
 
 // How write() places the integer coordinates.
 struct WriteOptions {
@@ -111,13 +117,16 @@ struct WriteOptions {
   std::optional<std::array<double, 3>> offset;
   bool autoScale = false;  // 0.001 even when the grid has a LAS scale (scale must be nullopt)
   bool autoOffset = false; // the floor of the minimum even when the grid has a LAS offset
+  // Receives the change of version or format, if any ("writing LAS 1.4 point format 6 instead of
+  // LAS 1.2 point format 1 (for classes above 31)").
+  Warn warn;
 };
 
 // Writes a grid as LAS in file order ("PointIndex" where present, else fragment after
 // fragment). The grid's LAS attributes (from read() or a bundle) give the version, point format,
 // scale, offset, header fields, VLRs and EVLRs; a grid without them gets LAS 1.4 and format 6, 7
 // or 8 (by RGB and NIR). A field or class that the format cannot hold moves the file to the
-// smallest format (and version) that holds it, said in one line on standard error. Per-point
+// smallest format (and version) that holds it, said in one line to options.warn. Per-point
 // fields without a place in the record become extra-bytes dimensions; a field of vectors becomes
 // three of float32, named for its name without a trailing "Vector" and X, Y, Z ("NormalVector":
 // "NormalX", "NormalY", "NormalZ"), except that normals read from the origin's dimensions go
@@ -153,8 +162,8 @@ struct Summary {
 
 // Summarizes a file: header checks as read(), then one pass over the mapped records (a LAZ
 // file's chunks decoded in parallel, each passed over as it comes) reading only coordinates,
-// classes, return numbers and GPS times.
-Summary summarize(const std::string& path);
+// classes, return numbers and GPS times. Warnings go to warn as read() gives them.
+Summary summarize(const std::string& path, const Warn& warn = {});
 
 // The file slot of each point from its "PointIndex" values in layout order (fragment after
 // fragment): the values themselves when they are a permutation of 0..n-1, else their ranks, ties

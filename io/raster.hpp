@@ -1,17 +1,12 @@
-// Quorvel: ground rasters in and out. Any raster GDAL reads (GeoTIFF, ASCII grid, ...) becomes a
+// Quorvel: rasters in and out. Any raster GDAL reads (GeoTIFF, ASCII grid, ...) becomes a
 // raster grid the library prepares and maps; raster grids are written back as GeoTIFF with their
-// coordinate system; ground rasters are made from the ground points of a cloud.
+// coordinate system.
 //
-// A raster grid is a regularly fragmented uniform grid of one layer (Tressel::UniformGridView):
-// cell (i, j) lies at origin + (i, j) * cell size, the centre of its pixel, y growing with j;
-// every fragment holds the same number of cells, so the last fragments are filled up with cells
-// of type NoData. Per cell: "CellType" (unsigned 8-bit: Measured, Filled or NoData) and the
-// height (float32, "Height" unless named otherwise). The grid's attributes "RasterColumns" and
-// "RasterRows" give the pixels that are not filling, "CoordinateSystem" the coordinate system as
-// WKT (empty when unknown).
+// Raster grids are laid out as quorvel/raster/raster.hpp describes.
 #pragma once
 
 #include "io/las.hpp"
+#include "quorvel/raster/raster.hpp"
 
 #include "tressel/Grid.hpp"
 #include "vantor/MultiRange.hpp"
@@ -23,13 +18,6 @@
 #include <vector>
 
 namespace Quorvel::Raster {
-
-// Cell types of a raster grid: the mapping uses exactly the measured and filled cells.
-inline constexpr std::uint8_t Measured = 0; // a height from data
-inline constexpr std::uint8_t NoData = 1;   // no height (nodata pixels, filling, far from data)
-inline constexpr std::uint8_t Filled = 4;   // a height filled in from the surrounding cells
-
-inline constexpr const char* DefaultHeightField = "Height";
 
 // Whether a path names a raster file (.tif, .tiff, .asc, .img, .vrt) rather than a cloud.
 bool isRasterFile(const std::string& path);
@@ -46,25 +34,6 @@ Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fra
 // Throws Las::Error naming the file and the problem.
 void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
                   const std::string& heightField = DefaultHeightField);
-
-// Settings of a ground raster made from a cloud.
-struct GroundRasterSettings {
-  double cellSize = 1.0;                        // edge of a cell; cells at multiples of it
-  Vantor::MultiRange<double> classes{"2"};      // the ground classes
-  std::size_t fragmentCells = 256;              // cells of a fragment along x and y
-  std::string heightField = DefaultHeightField; // the field of the heights
-  int fillRings = 5; // an empty cell is filled from the measured cells at most this many rings
-                     // of cells away; beyond, it has no data
-};
-
-// A ground raster of the cloud's points of the ground classes: pixels at multiples of the cell
-// size covering all the cloud's points, each the lowest ground z of the points in it (Measured);
-// an empty
-// cell takes the inverse-distance-weighted mean of the measured cells in the nearest ring around
-// it that holds any, up to fillRings rings (Filled), else NoData. The cloud's LAS coordinate
-// system travels along. Throws Las::Error when no point is of the classes.
-Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
-                                              const GroundRasterSettings& settings);
 
 // A coordinate system as GDAL reads it, with what a user checks first.
 struct CoordinateSystem {

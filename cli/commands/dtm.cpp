@@ -1,6 +1,7 @@
 // quorvel dtm: a ground raster (digital terrain model) from the ground points of a cloud.
 #include "cli/commands/command.hpp"
 #include "io/raster.hpp"
+#include "quorvel/raster/raster.hpp"
 
 namespace Quorvel::Cli {
 
@@ -23,18 +24,17 @@ public:
     app.add_option("-o,--output", output_, "the raster (.h5 bundle or .tif GeoTIFF)")
         ->required()
         ->check(rasterOutputFile());
-    app.add_option("--cell", settings_.cellSize, "edge of a cell, in metres (the cloud's units)")
+    app.add_option("--cell", box_.cell_size, "edge of a cell, in metres (the cloud's units)")
         ->required()
-        ->check(boxRule("groundRaster", "cell_size"));
-    addRange(app, "--classes", settings_.classes, "the ground classes (class numbers)");
-    app.add_option("--fill-rings", settings_.fillRings,
-                   "how far gaps are filled, in cells (0 to 1000)")
+        ->check(boxRule("GroundRasterParameterBox", "cell_size"));
+    addRange(app, "--classes", box_.classes, "the ground classes (class numbers)");
+    app.add_option("--fill-rings", box_.fill_rings, "how far gaps are filled, in cells (0 to 1000)")
         ->capture_default_str()
-        ->check(boxRule("groundRaster", "fill_rings"));
-    app.add_option("--fragment-cells", settings_.fragmentCells, "cells of a fragment along x and y")
+        ->check(boxRule("GroundRasterParameterBox", "fill_rings"));
+    app.add_option("--fragment-cells", box_.fragment_cells, "cells of a fragment along x and y")
         ->capture_default_str()
-        ->check(boxRule("groundRaster", "fragment_cells"));
-    app.add_option("--height-field", settings_.heightField, "the field of the heights")
+        ->check(boxRule("GroundRasterParameterBox", "fragment_cells"));
+    app.add_option("--height-field", box_.height_field, "the field of the heights")
         ->capture_default_str();
     app.footer(Footer);
   }
@@ -44,16 +44,17 @@ public:
     // The ground raster needs the classes and positions alone.
     const Cloud cloud = host.load(input_, {"Classification"});
     Cloud raster;
-    host.run("dtm", pointCount(*cloud.grid),
-             [&] { raster.grid = Raster::groundRaster(*cloud.grid, settings_); });
-    raster.rasterField = settings_.heightField;
+    host.run("dtm", pointCount(*cloud.grid), [&] {
+      raster.grid = groundRaster(*cloud.grid, box_, Raster::coordinateSystemOf(*cloud.grid));
+    });
+    raster.rasterField = box_.height_field;
     host.save(output_, raster);
     return 0;
   }
 
 private:
   std::string input_, output_;
-  Raster::GroundRasterSettings settings_;
+  GroundRasterParameterBox box_;
 };
 
 } // namespace

@@ -89,7 +89,7 @@ Json fieldsOf(const Tressel::Grid& grid) {
 // A LAS or LAZ file from its header and one pass over its records; fragments counts the x-y tiles
 // the host would make of it.
 Json describeLas(const std::string& path, std::size_t fragments) {
-  const Las::Summary s = Las::summarize(path);
+  const Las::Summary s = Las::summarize(path, readWarnings(path));
   const Las::Header& h = s.header;
   Json extra = Json::array();
   for (const Las::ExtraBytes& e : s.extraBytes)

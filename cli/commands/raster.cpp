@@ -28,7 +28,7 @@ public:
         ->check(rasterOutputFile());
     import_->add_option("--fragment-cells", fragmentCells_, "cells of a fragment along x and y")
         ->capture_default_str()
-        ->check(boxRule("groundRaster", "fragment_cells"));
+        ->check(boxRule("GroundRasterParameterBox", "fragment_cells"));
     import_->add_option("--height-field", heightField_, "the field of the heights")
         ->capture_default_str();
     auto* out = app.add_subcommand("export", "a raster bundle's heights as a GeoTIFF");
@@ -45,7 +45,7 @@ public:
     host.run("read " + input_, 0, [&] {
       raster.grid = Raster::isRasterFile(input_)
                         ? Raster::import(input_, fragmentCells_, heightField_)
-                        : Files::load(input_);
+                        : Files::load(input_, 0, {}, {}, readWarnings(input_));
     });
     raster.rasterField = heightField_;
     host.save(output_, raster);

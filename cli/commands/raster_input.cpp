@@ -61,7 +61,7 @@ void takeRasterLayout(const Tressel::Grid& raster, const std::string& path,
 }
 
 void takeRasterLayout(const std::string& path, MapRasterOnPointCloudParameterBox& box) {
-  takeRasterLayout(*Files::load(path), path, box);
+  takeRasterLayout(*Files::load(path, 0, {}, {}, readWarnings(path)), path, box);
 }
 
 Basalt::StrongPtr<Tressel::Grid> loadRaster(const std::string& path, const Host& host,

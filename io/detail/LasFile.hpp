@@ -34,7 +34,8 @@ private:
 };
 
 struct OpenedFile {
-  OpenedFile(const std::string& path, bool sequential);
+  // Opens and checks the file; the warnings of the checks go to warn.
+  OpenedFile(const std::string& path, bool sequential, const Warn& warn);
 
   MappedFile file;
   FileInfo info;

@@ -44,7 +44,7 @@ struct WritePlan {
 };
 
 // Plans the file: origin is the grid's LAS origin (or an explicit one), nullptr for none. A
-// change of version or format is said in one line on standard error.
+// change of version or format is said in one line to options.warn.
 WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const Layout& layout,
                     const FileInfo* origin, const WriteOptions& options);
 

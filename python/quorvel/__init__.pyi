@@ -147,6 +147,16 @@ class MapRasterOnPointCloudParameterBox:
     def print(self) -> None: ...
     def __str__(self) -> str: ...
 
+class GroundRasterParameterBox:
+    cell_size: float
+    classes: str
+    fill_rings: int
+    fragment_cells: int
+    height_field: str
+    def __init__(self, **fields: Any) -> None: ...
+    def print(self) -> None: ...
+    def __str__(self) -> str: ...
+
 class ComputeNeighboursParameterBox:
     radius: float
     mode: str

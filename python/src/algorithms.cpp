@@ -3,6 +3,7 @@
 // that reports an error raises quorvel.Error with the message.
 #include "boxes.hpp"
 
+#include "io/files.hpp"
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/features/features.hpp"
 #include "quorvel/geometry/geometry.hpp"
@@ -102,7 +103,9 @@ void bindFeatures(py::module_& m) {
       "reduceSizeOfPointCloud",
       [](Cloud& c, Reduce& box, const std::string& path) {
         requireBox("PointCloudSizeReductionParameterBox", box);
-        return checked(box.message, [&] { return reduceSizeOfPointCloud(c.grid, box, path); });
+        return checked(box.message, [&] {
+          return Files::reduceSizeOfPointCloud(c.grid, box, path, writeOptions(path));
+        });
       },
       py::arg("cloud"), py::arg("box"), py::arg("path"),
       "The thinned cloud written to a file.\n\n"

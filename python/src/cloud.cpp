@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <numeric>
 
@@ -195,6 +196,16 @@ std::size_t pointsOf(const Cloud& cloud) {
 
 } // namespace
 
+Las::Warn readWarnings(const std::string& path) {
+  return [path](const std::string& text) { std::cerr << path << ": warning: " << text << "\n"; };
+}
+
+Las::WriteOptions writeOptions(const std::string& path) {
+  Las::WriteOptions options;
+  options.warn = [path](const std::string& text) { std::cerr << path << ": " << text << "\n"; };
+  return options;
+}
+
 void bindCloud(py::module_& m) {
   py::class_<Cloud>(m, "Cloud", "A point cloud: positions and per-point fields, in fragments.")
       .def(py::init([](const py::array& xyz, std::size_t fragmentPoints, const py::kwargs& fields) {
@@ -249,7 +260,7 @@ void bindCloud(py::module_& m) {
             if (raster)
               Raster::writeGeoTiff(path, *c.grid, heightField);
             else
-              Files::save(path, c.grid);
+              Files::save(path, c.grid, writeOptions(path));
           },
           py::arg("path"), py::arg("height_field") = Raster::DefaultHeightField,
           "Writes the cloud to a file, chosen by the extension.\n\n"
@@ -263,8 +274,9 @@ void bindCloud(py::module_& m) {
       "read",
       [](const std::string& path, std::size_t fragmentPoints) {
         py::gil_scoped_release released;
-        return Cloud{Raster::isRasterFile(path) ? Raster::import(path)
-                                                : Files::load(path, fragmentPoints)};
+        return Cloud{Raster::isRasterFile(path)
+                         ? Raster::import(path)
+                         : Files::load(path, fragmentPoints, {}, {}, readWarnings(path))};
       },
       py::arg("path"), py::arg("fragment_points") = 0,
       "Reads a point cloud or a raster.\n\n"

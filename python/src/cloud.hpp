@@ -1,6 +1,7 @@
 // Quorvel for Python: point clouds as numpy arrays.
 #pragma once
 
+#include "io/las.hpp"
 #include "tressel/Grid.hpp"
 
 #include <pybind11/numpy.h>
@@ -29,6 +30,13 @@ struct Cloud {
   PyErr_SetString(PyExc_ValueError, text.c_str());
   throw py::error_already_set();
 }
+
+// io's warnings about a file read from path, each written to standard error as
+// "<path>: warning: <text>", as the command-line host shows them.
+Las::Warn readWarnings(const std::string& path);
+// Write options whose note of the version and format a file written to path moves to is written
+// to standard error as "<path>: <text>".
+Las::WriteOptions writeOptions(const std::string& path);
 
 void bindCloud(py::module_& m);
 void bindAlgorithms(py::module_& m);

@@ -79,6 +79,16 @@ void bindBox(py::module_& m) {
           "points of classes from..to");
 }
 
+void bindGroundBox(py::module_& m) {
+  using Ground = GroundRasterParameterBox;
+  BoxBinding<Ground>(m, "GroundRasterParameterBox", "Settings of a ground raster.")
+      .field("cell_size", &Ground::cell_size, "edge of a cell in metres, positive")
+      .field("classes", &Ground::classes, "the ground classes")
+      .field("fill_rings", &Ground::fill_rings, "how far gaps are filled, in cells (0 to 1000)")
+      .field("fragment_cells", &Ground::fragment_cells, "cells of a fragment along x and y")
+      .field("height_field", &Ground::height_field, "the raster's field of the heights");
+}
+
 point pointOf(const Triple& t) {
   return point(t[0], t[1], t[2]);
 }
@@ -298,18 +308,19 @@ void bindRasters(py::module_& m) {
       "groundRaster",
       [](Cloud& cloud, double cellSize, const std::string& classes, int fillRings,
          std::size_t fragmentCells, const std::string& heightField) {
-        requireValue("groundRaster", "cell_size", py::float_(cellSize));
-        requireValue("groundRaster", "classes", py::str(classes));
-        requireValue("groundRaster", "fill_rings", py::int_(fillRings));
-        requireValue("groundRaster", "fragment_cells", py::int_(fragmentCells));
-        Raster::GroundRasterSettings settings;
-        settings.cellSize = cellSize;
+        const char* const box = "GroundRasterParameterBox";
+        requireValue(box, "cell_size", py::float_(cellSize));
+        requireValue(box, "classes", py::str(classes));
+        requireValue(box, "fill_rings", py::int_(fillRings));
+        requireValue(box, "fragment_cells", py::int_(fragmentCells));
+        GroundRasterParameterBox settings;
+        settings.cell_size = cellSize;
         settings.classes = Vantor::MultiRange<double>(classes);
-        settings.fillRings = fillRings;
-        settings.fragmentCells = fragmentCells;
-        settings.heightField = heightField;
+        settings.fill_rings = fillRings;
+        settings.fragment_cells = fragmentCells;
+        settings.height_field = heightField;
         py::gil_scoped_release released;
-        return Cloud{Raster::groundRaster(*cloud.grid, settings)};
+        return Cloud{groundRaster(*cloud.grid, settings, Raster::coordinateSystemOf(*cloud.grid))};
       },
       py::arg("cloud"), py::arg("cell_size"), py::arg("classes") = "2", py::arg("fill_rings") = 5,
       py::arg("fragment_cells") = 256, py::arg("height_field") = "Height",
@@ -333,6 +344,7 @@ void bindRasters(py::module_& m) {
 
 void bindRaster(py::module_& m) {
   bindBox(m);
+  bindGroundBox(m);
   bindRules(m);
   bindRuns(m);
   bindRasters(m);

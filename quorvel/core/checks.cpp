@@ -139,7 +139,7 @@ const std::vector<BoxChecks>& table() {
       {"ComputeNeighboursParameterBox", {positive("radius")}},
       {"relativeHeightAndBelows", {positive("squareHalfWidth"), range("classes")}},
       {"mapSourceToTarget", {positive("radius")}},
-      {"groundRaster",
+      {"GroundRasterParameterBox",
        {positive("cell_size"), range("classes"), whole("fill_rings", 0, 1000),
         whole("fragment_cells", 1, 65536)}},
   };

@@ -118,11 +118,4 @@ struct PointCloudSizeReductionParameterBox {
 Basalt::StrongPtr<Tressel::Grid> reducedPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
                                                    PointCloudSizeReductionParameterBox& box);
 
-// Writes reducedPointCloud(grid, box) to path: a bundle for ".h5" and ".hdf5", LAS otherwise, the
-// file replaced only once completely written. Returns "reduced <in> points to <kept> (<share>%)"
-// on success; on failure "ERROR: " and the reason, also appended to box.message.
-std::string reduceSizeOfPointCloud(const Basalt::StrongPtr<Tressel::Grid>& grid,
-                                   PointCloudSizeReductionParameterBox& box,
-                                   const std::string& path);
-
 } // namespace Quorvel

@@ -1,9 +1,6 @@
-// Quorvel: thinning a point cloud by its "Weights" into a new grid and a new file.
+// Quorvel: thinning a point cloud by its "Weights" into a new grid.
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
-
-#include "basalt/Text.hpp"
-#include "io/files.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -80,26 +77,6 @@ StrongPtr<Grid> reducedPointCloud(const StrongPtr<Grid>& grid, Box& box) {
   } catch (const std::exception& e) {
     log.report(std::string("ERROR: ") + e.what());
     return nullptr;
-  }
-}
-
-std::string reduceSizeOfPointCloud(const StrongPtr<Grid>& grid, Box& box, const std::string& path) {
-  Messages log("reduceSizeOfPointCloud: ", &box.message);
-  try {
-    const auto reduced = reducedPointCloud(grid, box);
-    if (!reduced)
-      return box.message;
-    Files::save(path, reduced);
-    std::size_t in = 0, out = 0;
-    for (const auto& slot : fragmentsOf(*grid->CartesianPositions()))
-      in += slot.creator && slot.creator->peekData() ? slot.creator->peekData()->nElements() : 0;
-    for (const auto& slot : fragmentsOf(*reduced->CartesianPositions()))
-      out += slot.creator->peekData()->nElements();
-    return "reduced " + std::to_string(in) + " points to " + std::to_string(out) + " (" +
-           Basalt::format("%.1f", in > 0 ? 100.0 * double(out) / double(in) : 0.0) + "%)";
-  } catch (const std::exception& e) {
-    log.report(std::string("ERROR: ") + e.what());
-    return std::string("ERROR: ") + e.what();
   }
 }
 

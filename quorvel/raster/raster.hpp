@@ -1,4 +1,13 @@
-// Quorvel: ground rasters mapped onto point clouds, and fields carried from grid to grid.
+// Quorvel: ground rasters made from clouds and mapped onto point clouds, and fields carried from
+// grid to grid.
+//
+// A raster grid, as ground rasters are made here and raster files read: a regularly fragmented
+// uniform grid of one layer (Tressel::UniformGridView); cell (i, j) lies at origin + (i, j) * cell
+// size, the centre of its pixel, y growing with j; every fragment holds the same number of cells,
+// so the last fragments are filled up with cells of type NoData. Per cell: "CellType" (unsigned
+// 8-bit: Measured, Filled or NoData) and the height (float32, "Height" unless named otherwise).
+// The grid's attributes "RasterColumns" and "RasterRows" give the pixels that are not filling,
+// "CoordinateSystem" the coordinate system as WKT (empty when unknown).
 //
 // A raster is a regularly fragmented uniform 3-D grid (Tressel::UniformGridView) whose cells
 // carry a "CellType" (unsigned 8-bit; 0 and 4 are ground cells, every other value is left alone)
@@ -20,6 +29,17 @@
 #include <vector>
 
 namespace Quorvel {
+
+namespace Raster {
+
+// Cell types of a raster grid: the mapping uses exactly the measured and filled cells.
+inline constexpr std::uint8_t Measured = 0; // a height from data
+inline constexpr std::uint8_t NoData = 1;   // no height (nodata pixels, filling, far from data)
+inline constexpr std::uint8_t Filled = 4;   // a height filled in from the surrounding cells
+
+inline constexpr const char* DefaultHeightField = "Height";
+
+} // namespace Raster
 
 // A band of heights above the ground and the class it assigns.
 struct HeightBand {
@@ -120,5 +140,33 @@ bool mapData(std::vector<std::string> files, const std::string& rasterFile,
 // within radius get NaN. Returns the error text of a missing input, empty on success.
 std::string mapSourceToTarget(const Tressel::Grid& source, std::string sourceFieldName,
                               Tressel::Grid& target, std::string targetFieldName, double radius);
+
+// Settings of a ground raster made from the ground points of a cloud.
+struct GroundRasterParameterBox {
+  // Edge of a cell in the cloud's units (metres), cells at multiples of it; positive, finite.
+  double cell_size = 1.0;
+  // The ground classes, class numbers 0 to 255.
+  Vantor::MultiRange<double> classes{"2"};
+  // Rings of cells, 0 to 1000, within which an empty cell is filled from measured cells.
+  int fill_rings = 5;
+  // Cells of a raster fragment along x and y, 1 to 65536.
+  std::size_t fragment_cells = 256;
+  // The raster's field of the heights (float32, in the cloud's units).
+  std::string height_field = Raster::DefaultHeightField;
+
+  // "cell size: ", "classes: ", "fill rings: ", "fragment cells: ", "height field: " lines.
+  void print() const;
+};
+
+// A ground raster of the cloud's points of the box's classes: pixels at multiples of the cell
+// size covering all the cloud's points, each the lowest ground z of the points in it (Measured);
+// an empty cell takes the inverse-distance-weighted mean of the measured cells in the nearest
+// ring around it that holds any, up to fill_rings rings (Filled), else NoData; a raster grid as
+// above, with coordinateSystem (WKT, empty when unknown) as its "CoordinateSystem". Throws
+// std::runtime_error naming the problem: a cell size that is not positive, a cloud without finite
+// points, far too many cells, no point of the classes.
+Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
+                                              const GroundRasterParameterBox& box,
+                                              const std::string& coordinateSystem = {});
 
 } // namespace Quorvel

@@ -110,6 +110,18 @@ protected:
     const std::string prefix = path + ": ";
     return read.rfind(prefix, 0) == 0 ? read.substr(prefix.size()) : "(no file name) " + read;
   }
+  // The warnings that read() and summarize() give to their callbacks (the same from both), with
+  // nothing written to standard error.
+  std::vector<std::string> warnings(const std::vector<std::uint8_t>& bytes) {
+    const std::string path = save(bytes);
+    std::vector<std::string> read, summary;
+    testing::internal::CaptureStderr();
+    Quorvel::Las::read(path, 0, {}, {}, [&](const std::string& text) { read.push_back(text); });
+    Quorvel::Las::summarize(path, [&](const std::string& text) { summary.push_back(text); });
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(read, summary);
+    return read;
+  }
   int count = 0;
 };
 
@@ -389,6 +401,9 @@ TEST_F(HostileHeaders, OdditiesOfRealWritersAreRead) {
   auto b = s.bytes;
   set<std::uint32_t>(b, 107, 5); // a legacy count that disagrees: the 64-bit count wins
   EXPECT_EQ(message(b), "(no file name) no error");
+  EXPECT_EQ(warnings(b), std::vector<std::string>{
+                             "legacy point count 5 differs from the point count 3, which is used"});
+  EXPECT_TRUE(warnings(s.bytes).empty());
   b = s.bytes;
   b[104] = 3; // format 3 in a LAS 1.4 file with room for it
   set<std::uint16_t>(b, 105, 34);
@@ -398,6 +413,8 @@ TEST_F(HostileHeaders, OdditiesOfRealWritersAreRead) {
   EXPECT_EQ(message(b), "(no file name) no error");
   b[25] = 1; // format 3 labelled LAS 1.1: records read the same, so only a warning
   EXPECT_EQ(message(b), "(no file name) no error");
+  EXPECT_EQ(warnings(b),
+            std::vector<std::string>{"point format 3 needs LAS 1.2, the header says 1.1"});
 }
 
 } // namespace

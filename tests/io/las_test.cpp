@@ -171,6 +171,7 @@ TEST_F(LasFiles, FormatsMoveOnlyWhereAFieldNeedsIt) {
     const char* what;
     std::function<void(Tressel::Grid&)> change;
     int format, minor;
+    std::string warning; // what write() says of the move, given to options.warn
   };
   auto setField = [n](const char* name, auto value) {
     return [=](Tressel::Grid& grid) {
@@ -183,14 +184,23 @@ TEST_F(LasFiles, FormatsMoveOnlyWhereAFieldNeedsIt) {
     };
   };
   const std::vector<Case> cases = {
-      {"unchanged", [](Tressel::Grid&) {}, 1, 3},
-      {"class 32", setField("Classification", static_cast<unsigned char>(32)), 6, 4},
-      {"return 8", setField("ReturnNumber", static_cast<unsigned char>(8)), 6, 4},
+      {"unchanged", [](Tressel::Grid&) {}, 1, 3, ""},
+      {"class 32", setField("Classification", static_cast<unsigned char>(32)), 6, 4,
+       "writing LAS 1.4 point format 6 instead of LAS 1.3 point format 1 (for classes above 31)"},
+      {"return 8", setField("ReturnNumber", static_cast<unsigned char>(8)), 6, 4,
+       "writing LAS 1.4 point format 6 instead of LAS 1.3 point format 1 (for ReturnNumber above "
+       "7)"},
   };
   for (const Case& c : cases) {
     auto copy = Quorvel::Las::read(path).grid;
     c.change(*copy);
-    Quorvel::Las::write(file("out.las"), *copy);
+    std::string warned;
+    Quorvel::Las::WriteOptions options;
+    options.warn = [&](const std::string& text) { warned += text; };
+    testing::internal::CaptureStderr();
+    Quorvel::Las::write(file("out.las"), *copy, options);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << c.what;
+    EXPECT_EQ(warned, c.warning) << c.what;
     const auto back = Quorvel::Las::read(file("out.las"));
     EXPECT_EQ(back.info.header.pointFormat, c.format) << c.what;
     EXPECT_EQ(back.info.header.versionMinor, c.minor) << c.what;

@@ -1,6 +1,5 @@
 // Tests of rasters in and out: GeoTIFFs written here with GDAL's own writer imported cell for
-// cell and written back, ground rasters of a synthetic sloped ground against the slope, and the
-// coordinate systems of LAS files carried along.
+// cell and written back, and the coordinate systems of LAS files carried into ground rasters.
 #include "io/raster.hpp"
 
 #include "support/ScratchDirectory.hpp"
@@ -126,74 +125,14 @@ TEST_F(Rasters, UnusableFilesAreRefusedWithTheirReason) {
   EXPECT_NO_THROW(Raster::import(file("keep.tif")));
 }
 
-// Ground on the slope z = 0.1 x + 0.05 y + 100, one point in every other 1 m cell of a 40 x 30 m
-// area (so every second cell is a gap) with vegetation (class 5) above it; a far corner point of
-// class 1 widens the extent beyond any fill.
-Basalt::StrongPtr<Tressel::Grid> slopedCloud() {
-  std::vector<point> xyz;
-  std::vector<unsigned char> cls;
-  for (int j = 0; j < 30; ++j)
-    for (int i = 0; i < 40; i += 2) {
-      const double x = 500 + i + 0.3, y = 800 + j + 0.6;
-      xyz.emplace_back(x, y, 0.1 * x + 0.05 * y + 100);
-      cls.push_back(2);
-      xyz.emplace_back(x, y, 0.1 * x + 0.05 * y + 104);
-      cls.push_back(5);
-    }
-  xyz.emplace_back(560.5, 800.5, 0.0);
-  cls.push_back(1);
-  return Tressel::PointCloudBuilder(xyz)
-      .addField("Classification", cls)
-      .build(Tressel::sequentialPartition(xyz.size(), 0));
-}
-
-TEST_F(Rasters, GroundRastersFollowTheSlopeAndFillTheirGaps) {
-  Raster::GroundRasterSettings settings;
-  settings.fragmentCells = 16;
-  settings.fillRings = 2;
-  auto raster = Raster::groundRaster(*slopedCloud(), settings);
-  const auto view = Tressel::uniformGridView(*raster);
-  ASSERT_TRUE(view);
-  EXPECT_EQ(view->origin, point(500.5, 800.5, 0));
-  const auto types = Tressel::uniformCells<std::uint8_t>(*raster, "CellType");
-  const auto heights = Tressel::uniformCells<float>(*raster, "Height");
-  const std::size_t width = view->cells[0] * view->fragments[0];
-  std::size_t filled = 0, empty = 0;
-  for (std::size_t j = 0; j < 30; ++j)
-    for (std::size_t i = 0; i < 61; ++i) {
-      const std::size_t k = j * width + i;
-      const double x = 500 + static_cast<double>(i), y = 800 + static_cast<double>(j);
-      if (i < 40 && i % 2 == 0) {
-        ASSERT_EQ(types[k], Raster::Measured) << i << "," << j;
-        EXPECT_FLOAT_EQ(heights[k], static_cast<float>(0.1 * (x + 0.3) + 0.05 * (y + 0.6) + 100));
-      } else if (i <= 40) {
-        // Between two measured cells, the weighted mean of its ring is the slope itself (up to
-        // the rows at the edges, whose ring is lopsided in y); beyond the last measured column
-        // (38) the cells take that column's heights.
-        ASSERT_EQ(types[k], Raster::Filled) << i << "," << j;
-        const double source = i < 39 ? x : 538.0;
-        EXPECT_NEAR(heights[k], 0.1 * (source + 0.3) + 0.05 * (y + 0.6) + 100, 0.05) << i;
-        ++filled;
-      } else {
-        EXPECT_EQ(types[k], Raster::NoData) << i << "," << j;
-        ++empty;
-      }
-    }
-  EXPECT_EQ(filled, 21u * 30u);
-  EXPECT_GT(empty, 0u);
-
-  settings.classes = Vantor::MultiRange<double>("9");
-  EXPECT_THROW(Raster::groundRaster(*slopedCloud(), settings), Las::Error);
-}
-
 TEST_F(Rasters, CoordinateSystemsOfLasFilesTravelIntoGeoTiffs) {
   const auto read = Las::read(std::string(QUORVEL_SAMPLE_DATA) + "/nebraska_wkt_geotiff.las");
   const std::string wkt = Raster::coordinateSystemOf(*read.grid);
   ASSERT_FALSE(wkt.empty());
-  Raster::GroundRasterSettings settings;
-  settings.classes = Vantor::MultiRange<double>("0:255");
-  settings.cellSize = 50;
-  Raster::writeGeoTiff(file("dtm.tif"), *Raster::groundRaster(*read.grid, settings));
+  GroundRasterParameterBox box;
+  box.classes = Vantor::MultiRange<double>("0:255");
+  box.cell_size = 50;
+  Raster::writeGeoTiff(file("dtm.tif"), *groundRaster(*read.grid, box, wkt));
   Dataset back(static_cast<GDALDataset*>(GDALOpen(file("dtm.tif").c_str(), GA_ReadOnly)));
   ASSERT_TRUE(back);
   OGRSpatialReference written(back->GetProjectionRef()), original(wkt.c_str());

@@ -1,12 +1,9 @@
 // Tests of reduction weights against a brute-force computation of their own (neighbour lists
 // grown and accumulated by hand), the normalisation over fragments, reused boxes, messages; and
 // of reduced clouds keeping exactly the chosen points with all their fields.
-#include "io/las.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
 #include "tressel/PointCloud.hpp"
-
-#include "support/ScratchDirectory.hpp"
 
 #include <gtest/gtest.h>
 
@@ -246,9 +243,7 @@ TEST(ReductionWeights, ResultsDoNotDependOnThreads) {
 
 // ---- Reduced clouds --------------------------------------------------------------------------
 
-using ReducedClouds = ScratchDirectory;
-
-TEST_F(ReducedClouds, KeepExactlyTheChosenPointsWithAllTheirFieldsInOrder) {
+TEST(ReducedClouds, KeepExactlyTheChosenPointsWithAllTheirFieldsInOrder) {
   const std::vector<point> xyz{{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0},
                                {5, 0, 0}, {6, 0, 0}, {7, 0, 0}, {8, 0, 0}};
   const std::vector<float> w{0.5f, 3, -1, 2, 3, 0.1f, -0.5f, 1, 2.5f};
@@ -275,16 +270,6 @@ TEST_F(ReducedClouds, KeepExactlyTheChosenPointsWithAllTheirFieldsInOrder) {
   EXPECT_EQ(classesOf(reduced), (std::vector<unsigned char>{2, 4, 5, 9}));
   EXPECT_EQ(Tressel::readField<point>(*reduced->CartesianPositions()),
             (std::vector<point>{xyz[1], xyz[3], xyz[4], xyz[8]}));
-
-  // Written: LAS and bundle, by extension; the report names the counts.
-  for (const char* name : {"thin.las", "thin.h5"}) {
-    EXPECT_EQ(reduceSizeOfPointCloud(grid, box, file(name)), "reduced 9 points to 4 (44.4%)");
-  }
-  EXPECT_EQ(Las::read(file("thin.las")).info.header.pointCount, 4u);
-  PointCloudSizeReductionParameterBox bad;
-  bad.keep = 2;
-  EXPECT_EQ(reduceSizeOfPointCloud(grid, bad, file("never.las")),
-            "ERROR: keep must lie between 0 and 1");
   const auto noWeights = Tressel::PointCloudBuilder(xyz).build({{0, 1, 2, 3, 4, 5, 6, 7, 8}});
   PointCloudSizeReductionParameterBox none;
   CaptureStdout();

@@ -1,15 +1,22 @@
 // Quorvel: ground rasters from the ground points of a cloud: the lowest ground point of every
 // cell, gaps filled from the nearest ring of measured cells.
-#include "io/detail/Raster.hpp"
-
 #include "quorvel/core/core.hpp"
+#include "quorvel/raster/detail/pixels.hpp"
+#include "quorvel/raster/raster.hpp"
 
 #include <cmath>
 #include <limits>
+#include <stdexcept>
 
-namespace Quorvel::Raster {
+namespace Quorvel {
+
+using Raster::Filled;
+using Raster::Measured;
+using Raster::NoData;
 
 namespace {
+
+using Raster::detail::Pixels;
 
 constexpr double Tolerance = 1e-9;
 // More cells than this is a cell size far too small for the cloud (or a stray point far away).
@@ -75,7 +82,7 @@ struct Measures {
 
 // The weighted mean of the measured cells of the nearest ring around (i, j) that holds any;
 // false when none within the rings does.
-bool ringMean(const detail::Pixels& p, const Measures& m, long long i, long long j,
+bool ringMean(const Pixels& p, const Measures& m, long long i, long long j,
               const std::vector<Offset>& offsets, const std::vector<std::size_t>& starts,
               float& out) {
   const auto w = static_cast<long long>(p.columns), h = static_cast<long long>(p.rows);
@@ -105,7 +112,7 @@ bool ringMean(const detail::Pixels& p, const Measures& m, long long i, long long
 
 // Fills every empty cell from the measured cells of the nearest ring (Chebyshev distance up to
 // rings) that holds any, weighted by the inverse squared distance.
-void fillGaps(detail::Pixels& p, int rings) {
+void fillGaps(Pixels& p, int rings) {
   std::vector<std::size_t> starts;
   const std::vector<Offset> offsets = ringOffsets(rings, starts);
   std::vector<float> filled(p.heights);
@@ -135,7 +142,7 @@ void fillGaps(detail::Pixels& p, int rings) {
 // Cells and heights are gathered in blocks first, so that the cells of points in any order are
 // fetched ahead of their update.
 void lowestPerCell(const Tressel::Grid& cloud, const Vantor::MultiRange<double>& classes,
-                   const Extent& e, double c, detail::Pixels& p) {
+                   const Extent& e, double c, Pixels& p) {
   constexpr std::size_t Block = 4096, Ahead = 32;
   std::vector<std::pair<std::size_t, float>> cells;
   cells.reserve(Block);
@@ -166,11 +173,20 @@ void lowestPerCell(const Tressel::Grid& cloud, const Vantor::MultiRange<double>&
 
 } // namespace
 
+void GroundRasterParameterBox::print() const {
+  printField("cell size: ", cell_size);
+  printField("classes: ", classes);
+  printField("fill rings: ", fill_rings);
+  printField("fragment cells: ", fragment_cells);
+  printField("height field: ", height_field);
+}
+
 Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
-                                              const GroundRasterSettings& settings) {
-  const double c = settings.cellSize;
+                                              const GroundRasterParameterBox& box,
+                                              const std::string& coordinateSystem) {
+  const double c = box.cell_size;
   if (!(c > 0) || !std::isfinite(c))
-    throw Las::Error("ground raster: the cell size must be a positive number");
+    throw std::runtime_error("ground raster: the cell size must be a positive number");
   // The extent from the fragments' boxes (LAS and bundle readers store them), so that the
   // points are read once.
   Extent e;
@@ -184,19 +200,19 @@ Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
         e.highY = std::max(e.highY, std::floor(box->max().y / c));
       }
   if (!(e.lowX <= e.highX))
-    throw Las::Error("ground raster: the cloud has no point with finite coordinates");
+    throw std::runtime_error("ground raster: the cloud has no point with finite coordinates");
   if ((e.highX - e.lowX + 1) * (e.highY - e.lowY + 1) > LargestRaster)
-    throw Las::Error("ground raster: " + std::to_string(e.highX - e.lowX + 1) + " x " +
-                     std::to_string(e.highY - e.lowY + 1) +
-                     " cells: the cell size is far too small for the points' extent");
-  detail::Pixels p;
+    throw std::runtime_error("ground raster: " + std::to_string(e.highX - e.lowX + 1) + " x " +
+                             std::to_string(e.highY - e.lowY + 1) +
+                             " cells: the cell size is far too small for the points' extent");
+  Pixels p;
   p.columns = static_cast<std::size_t>(e.highX - e.lowX) + 1;
   p.rows = static_cast<std::size_t>(e.highY - e.lowY) + 1;
   p.x0 = (e.lowX + 0.5) * c;
   p.y0 = (e.lowY + 0.5) * c;
   p.sizeX = p.sizeY = c;
   p.heights.assign(p.columns * p.rows, std::numeric_limits<float>::infinity());
-  lowestPerCell(cloud, settings.classes, e, c, p);
+  lowestPerCell(cloud, box.classes, e, c, p);
   // A cell is measured when a point lowered it from infinity.
   p.types.resize(p.heights.size());
   for (std::size_t k = 0; k < p.heights.size(); ++k) {
@@ -206,11 +222,11 @@ Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
     p.heights[k] = measured ? p.heights[k] : std::numeric_limits<float>::quiet_NaN();
   }
   if (!anyGround)
-    throw Las::Error("ground raster: no point of the classes " + settings.classes.to_string() +
-                     " (with finite coordinates and a \"Classification\")");
-  fillGaps(p, settings.fillRings);
-  p.coordinateSystem = coordinateSystemOf(cloud);
-  return detail::gridOf(p, settings.fragmentCells, settings.heightField);
+    throw std::runtime_error("ground raster: no point of the classes " + box.classes.to_string() +
+                             " (with finite coordinates and a \"Classification\")");
+  fillGaps(p, box.fill_rings);
+  p.coordinateSystem = coordinateSystem;
+  return Raster::detail::gridOf(p, box.fragment_cells, box.height_field);
 }
 
-} // namespace Quorvel::Raster
+} // namespace Quorvel

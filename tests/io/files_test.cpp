@@ -1,0 +1,79 @@
+// Tests of thinned clouds written to files: LAS and bundle by extension, the report's counts read
+// back from the file's own bytes, and failures reported without a file left behind.
+#include "io/files.hpp"
+#include "quorvel/core/core.hpp"
+#include "quorvel/features/features.hpp"
+#include "tressel/PointCloud.hpp"
+
+#include "support/ScratchDirectory.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+using namespace Quorvel;
+using Vantor::PhysicalSpace::point;
+
+using ReducedFiles = ScratchDirectory;
+
+// Nine points in two fragments, four of them weighted 2 or more.
+StrongPtr<Tressel::Grid> weightedCloud() {
+  const std::vector<point> xyz{{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0},
+                               {5, 0, 0}, {6, 0, 0}, {7, 0, 0}, {8, 0, 0}};
+  Tressel::PointCloudBuilder b(xyz);
+  b.addField("Weights", std::vector<float>{0.5f, 3, -1, 2, 3, 0.1f, -0.5f, 1, 2.5f});
+  return b.build({{0, 1, 2, 3, 4}, {5, 6, 7, 8}});
+}
+
+// The LAS 1.4 point count, read from the header's bytes (offset 247, 64-bit little endian).
+std::uint64_t lasPointCount(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  in.seekg(247);
+  unsigned char b[8] = {};
+  in.read(reinterpret_cast<char*>(b), 8);
+  std::uint64_t count = 0;
+  for (int i = 7; i >= 0; --i)
+    count = count << 8 | b[i];
+  return count;
+}
+
+TEST_F(ReducedFiles, AreWrittenByExtensionAndReportTheirCounts) {
+  PointCloudSizeReductionParameterBox box;
+  box.keep_unweighted = false;
+  box.threshold = 2;
+  const auto grid = weightedCloud();
+  EXPECT_EQ(Files::reduceSizeOfPointCloud(grid, box, file("thin.las")),
+            "reduced 9 points to 4 (44.4%)");
+  EXPECT_EQ(lasPointCount(file("thin.las")), 4u);
+  EXPECT_EQ(Files::reduceSizeOfPointCloud(grid, box, file("thin.h5")),
+            "reduced 9 points to 4 (44.4%)");
+  const auto bundled = Files::load(file("thin.h5"));
+  EXPECT_EQ(Tressel::readField<point>(*bundled->CartesianPositions()),
+            (std::vector<point>{{1, 0, 0}, {3, 0, 0}, {4, 0, 0}, {8, 0, 0}}));
+  EXPECT_TRUE(box.message.empty()) << box.message;
+}
+
+TEST_F(ReducedFiles, FailuresAreReportedAndWriteNothing) {
+  PointCloudSizeReductionParameterBox bad;
+  bad.keep = 2;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(Files::reduceSizeOfPointCloud(weightedCloud(), bad, file("never.las")),
+            "ERROR: keep must lie between 0 and 1");
+  // An unwritable place: the reason names the file, in the result and in the box's messages.
+  PointCloudSizeReductionParameterBox box;
+  const std::string nowhere = file("missing/thin.las");
+  const std::string result = Files::reduceSizeOfPointCloud(weightedCloud(), box, nowhere);
+  const std::string printed = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(result.rfind("ERROR: " + nowhere, 0), 0u) << result;
+  EXPECT_NE(box.message.find(result.substr(7)), std::string::npos) << box.message;
+  EXPECT_NE(printed.find("reduceSizeOfPointCloud: ERROR: keep must lie between 0 and 1\n"),
+            std::string::npos)
+      << printed;
+  EXPECT_EQ(filesInDir(), 0u);
+}
+
+} // namespace

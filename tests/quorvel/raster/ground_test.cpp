@@ -1,0 +1,119 @@
+// Tests of ground rasters against the slope of a synthetic sloped ground: measured cells at the
+// lowest ground point, gaps filled from their rings, cells beyond the rings without data; the
+// refusals with their messages and the printed box.
+#include "quorvel/raster/raster.hpp"
+#include "tressel/PointCloud.hpp"
+#include "tressel/UniformGrid.hpp"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+using namespace Quorvel;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+using Vantor::PhysicalSpace::point;
+
+// The raster's "CoordinateSystem" attribute.
+std::string coordinateSystemOf(const Tressel::Grid& raster) {
+  const auto chunk =
+      Basalt::chunkCast<std::uint8_t>(raster.attributes().getAttribute("CoordinateSystem"));
+  return chunk ? std::string(chunk->values().begin(), chunk->values().end()) : std::string();
+}
+
+// Ground on the slope z = 0.1 x + 0.05 y + 100, one point in every other 1 m cell of a 40 x 30 m
+// area (so every second cell is a gap) with vegetation (class 5) above it; a far corner point of
+// class 1 widens the extent beyond any fill.
+Basalt::StrongPtr<Tressel::Grid> slopedCloud() {
+  std::vector<point> xyz;
+  std::vector<unsigned char> cls;
+  for (int j = 0; j < 30; ++j)
+    for (int i = 0; i < 40; i += 2) {
+      const double x = 500 + i + 0.3, y = 800 + j + 0.6;
+      xyz.emplace_back(x, y, 0.1 * x + 0.05 * y + 100);
+      cls.push_back(2);
+      xyz.emplace_back(x, y, 0.1 * x + 0.05 * y + 104);
+      cls.push_back(5);
+    }
+  xyz.emplace_back(560.5, 800.5, 0.0);
+  cls.push_back(1);
+  return Tressel::PointCloudBuilder(xyz)
+      .addField("Classification", cls)
+      .build(Tressel::sequentialPartition(xyz.size(), 0));
+}
+
+TEST(GroundRasters, FollowTheSlopeAndFillTheirGaps) {
+  GroundRasterParameterBox box;
+  box.fragment_cells = 16;
+  box.fill_rings = 2;
+  auto raster = groundRaster(*slopedCloud(), box, "WKT of the cloud");
+  const auto view = Tressel::uniformGridView(*raster);
+  ASSERT_TRUE(view);
+  EXPECT_EQ(view->origin, point(500.5, 800.5, 0));
+  const auto types = Tressel::uniformCells<std::uint8_t>(*raster, "CellType");
+  const auto heights = Tressel::uniformCells<float>(*raster, "Height");
+  const std::size_t width = view->cells[0] * view->fragments[0];
+  std::size_t filled = 0, empty = 0;
+  for (std::size_t j = 0; j < 30; ++j)
+    for (std::size_t i = 0; i < 61; ++i) {
+      const std::size_t k = j * width + i;
+      const double x = 500 + static_cast<double>(i), y = 800 + static_cast<double>(j);
+      if (i < 40 && i % 2 == 0) {
+        ASSERT_EQ(types[k], Raster::Measured) << i << "," << j;
+        EXPECT_FLOAT_EQ(heights[k], static_cast<float>(0.1 * (x + 0.3) + 0.05 * (y + 0.6) + 100));
+      } else if (i <= 40) {
+        // Between two measured cells, the weighted mean of its ring is the slope itself (up to
+        // the rows at the edges, whose ring is lopsided in y); beyond the last measured column
+        // (38) the cells take that column's heights.
+        ASSERT_EQ(types[k], Raster::Filled) << i << "," << j;
+        const double source = i < 39 ? x : 538.0;
+        EXPECT_NEAR(heights[k], 0.1 * (source + 0.3) + 0.05 * (y + 0.6) + 100, 0.05) << i;
+        ++filled;
+      } else {
+        EXPECT_EQ(types[k], Raster::NoData) << i << "," << j;
+        ++empty;
+      }
+    }
+  EXPECT_EQ(filled, 21u * 30u);
+  EXPECT_GT(empty, 0u);
+  EXPECT_EQ(coordinateSystemOf(*raster), "WKT of the cloud");
+}
+
+TEST(GroundRasters, RefuseWhatTheyCannotMakeWithTheReason) {
+  const auto refused = [](const Tressel::Grid& cloud, const GroundRasterParameterBox& box) {
+    try {
+      groundRaster(cloud, box);
+    } catch (const std::runtime_error& e) {
+      return std::string(e.what());
+    }
+    return std::string("made");
+  };
+  GroundRasterParameterBox box;
+  box.classes = Vantor::MultiRange<double>("9");
+  EXPECT_EQ(refused(*slopedCloud(), box),
+            "ground raster: no point of the classes 9.000000:9.000000 (with finite coordinates "
+            "and a \"Classification\")");
+  box = {};
+  box.cell_size = 0;
+  EXPECT_EQ(refused(*slopedCloud(), box), "ground raster: the cell size must be a positive number");
+  box.cell_size = 1e-6; // 4e7 x 3e7 cells
+  EXPECT_NE(refused(*slopedCloud(), box).find("the cell size is far too small"), std::string::npos);
+}
+
+TEST(GroundRasters, BoxPrintsEveryFieldInItsForm) {
+  GroundRasterParameterBox box;
+  box.classes = Vantor::MultiRange<double>("2,8");
+  box.cell_size = 0.5;
+  CaptureStdout();
+  box.print();
+  EXPECT_EQ(GetCapturedStdout(), "cell size: 0.5\n"
+                                 "classes: 2.000000:2.000000,8.000000:8.000000\n"
+                                 "fill rings: 5\n"
+                                 "fragment cells: 256\n"
+                                 "height field: Height\n");
+}
+
+} // namespace
