@@ -15,11 +15,16 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 foreach(file include/quorvel/quorvel.hpp include/quorvel/core/core.hpp
-             include/quorvel/framework/tressel/Grid.hpp lib/cmake/Quorvel/QuorvelConfig.cmake)
+             include/quorvel/framework/tressel/Grid.hpp include/quorvel/io/las.hpp
+             include/quorvel/io/files.hpp include/quorvel/io/raster.hpp
+             lib/cmake/Quorvel/QuorvelConfig.cmake)
   if(NOT EXISTS ${prefix}/${file})
     message(FATAL_ERROR "not installed: ${file}")
   endif()
 endforeach()
+if(EXISTS ${prefix}/include/io)
+  message(FATAL_ERROR "headers installed to a bare include/io")
+endif()
 file(GLOB_RECURSE detail_headers ${prefix}/include/*/detail/*)
 if(detail_headers)
   message(FATAL_ERROR "detail headers were installed: ${detail_headers}")
