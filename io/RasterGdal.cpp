@@ -152,9 +152,10 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
                          rows.data(), static_cast<int>(p.columns), static_cast<int>(p.rows),
                          GDT_Float32, 0, 0) != CE_None)
         fail(path, "cannot write the GeoTIFF: " + lastGdalError("write error"));
-      out->FlushCache();
-      // Closing writes what GDAL still holds; an error there is a failed write too.
+      // Flushing and closing write what GDAL still holds, and report a failure (a full disk, a
+      // file-size limit) only as the last error: it is cleared first and read after both.
       CPLErrorReset();
+      out->FlushCache();
       out.reset();
       if (CPLGetLastErrorType() >= CE_Failure)
         fail(path, "cannot write the GeoTIFF: " + lastGdalError("write error"));

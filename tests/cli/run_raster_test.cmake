@@ -58,3 +58,23 @@ quorvel(2 "the file-list form takes a raster bundle" map --files ${WORK_DIR}/fil
 quorvel(2 "names no raster file type" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.las --cell 1)
 quorvel(2 "RASTER is required" map ${data}/sample_c.las -o ${WORK_DIR}/x.las --height)
 quorvel(2 "--cell is required" dtm ${data}/sample_c.las -o ${WORK_DIR}/x.h5)
+
+# A GeoTIFF write that fails (here a file-size limit; a full disk alike) is an error, and the
+# earlier file stays as it was instead of being replaced by a truncated one. The limit lies at
+# four fifths of the whole file, so that the write fails when GDAL flushes what it held.
+quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/kept.tif --cell 2 --quiet)
+quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/whole.tif --cell 0.1 --fill-rings 100 --quiet)
+file(SIZE ${WORK_DIR}/whole.tif whole)
+math(EXPR blocks "${whole} * 4 / 5 / 1024")
+file(READ ${WORK_DIR}/kept.tif before HEX)
+execute_process(
+  COMMAND bash -c "ulimit -f ${blocks}; exec \"$0\" dtm \"$1\" -o \"$2\" --cell 0.1 --fill-rings 100"
+          ${QUORVEL} ${data}/sample_c.las ${WORK_DIR}/kept.tif
+  RESULT_VARIABLE code ERROR_VARIABLE err)
+if(NOT code EQUAL 1 OR NOT err MATCHES "kept.tif: cannot write the GeoTIFF")
+  message(FATAL_ERROR "a GeoTIFF write beyond the file-size limit gave exit ${code}:\n${err}")
+endif()
+file(READ ${WORK_DIR}/kept.tif after HEX)
+if(NOT before STREQUAL after)
+  message(FATAL_ERROR "a failed GeoTIFF write changed the earlier file")
+endif()
