@@ -61,14 +61,14 @@ quorvel(2 "--cell is required" dtm ${data}/sample_c.las -o ${WORK_DIR}/x.h5)
 
 # A GeoTIFF write that fails (here a file-size limit; a full disk alike) is an error, and the
 # earlier file stays as it was instead of being replaced by a truncated one. The limit lies at
-# four fifths of the whole file, so that the write fails when GDAL flushes what it held.
+# four fifths of the whole file (15 KB), so that the write fails when GDAL flushes what it held.
 quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/kept.tif --cell 2 --quiet)
-quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/whole.tif --cell 0.1 --fill-rings 100 --quiet)
+quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/whole.tif --cell 0.3 --fill-rings 5 --quiet)
 file(SIZE ${WORK_DIR}/whole.tif whole)
 math(EXPR blocks "${whole} * 4 / 5 / 1024")
 file(READ ${WORK_DIR}/kept.tif before HEX)
 execute_process(
-  COMMAND bash -c "ulimit -f ${blocks}; exec \"$0\" dtm \"$1\" -o \"$2\" --cell 0.1 --fill-rings 100"
+  COMMAND bash -c "ulimit -f ${blocks}; exec \"$0\" dtm \"$1\" -o \"$2\" --cell 0.3 --fill-rings 5"
           ${QUORVEL} ${data}/sample_c.las ${WORK_DIR}/kept.tif
   RESULT_VARIABLE code ERROR_VARIABLE err)
 if(NOT code EQUAL 1 OR NOT err MATCHES "kept.tif: cannot write the GeoTIFF")
