@@ -21,6 +21,26 @@
 
 namespace Quorvel::Cli {
 
+namespace {
+
+// The box of --box from its 4 or 6 numbers.
+Las::Box boxOf(const std::vector<double>& v) {
+  if (v.size() != 4 && v.size() != 6)
+    throw CLI::ValidationError("--box", "takes X0,Y0,X1,Y1 or X0,Y0,X1,Y1,Z0,Z1, not " +
+                                            std::to_string(v.size()) + " numbers");
+  for (const double x : v)
+    if (!std::isfinite(x))
+      throw CLI::ValidationError("--box", "takes finite numbers");
+  if (v[0] > v[2] || v[1] > v[3] || (v.size() == 6 && v[4] > v[5]))
+    throw CLI::ValidationError("--box", "needs each lower edge at or below the upper one");
+  Las::Box box{v[0], v[1], v[2], v[3], std::nullopt};
+  if (v.size() == 6)
+    box.z = std::array<double, 2>{v[4], v[5]};
+  return box;
+}
+
+} // namespace
+
 void addCommonOptions(CLI::App& app, Common& common) {
   app.add_option("--fragment-points", common.fragmentPoints,
                  "split files into x-y tiles of about N points; every neighbourhood algorithm "
@@ -33,6 +53,12 @@ void addCommonOptions(CLI::App& app, Common& common) {
   app.add_flag("-v,--verbose", common.verbose,
                "show the library's own lines (parameter boxes, progress, diagnostics) on "
                "standard error");
+  app.add_option_function<std::vector<double>>(
+         "--box", [&common](const std::vector<double>& v) { common.box = boxOf(v); },
+         "read only the points of LAS and LAZ inputs inside X0,Y0,X1,Y1 or X0,Y0,X1,Y1,Z0,Z1 "
+         "(edges included)")
+      ->delimiter(',')
+      ->expected(4, 6);
   if (!app.get_option_no_throw("--threads"))
     app.add_option_function<int>(
            "--threads", [&common](int n) { common.threads = n; },
@@ -213,9 +239,16 @@ Las::Warn writeWarnings(const std::string& path) {
 Cloud Host::load(const std::string& path, const std::set<std::string>& only) const {
   const auto shown = progress("read " + path);
   Cloud cloud;
-  cloud.grid = Raster::isRasterFile(path)
-                   ? Raster::import(path)
-                   : Files::load(path, common_.fragmentPoints, shown, only, readWarnings(path));
+  if (common_.box && (Files::isBundle(path) || !Files::isCloudFile(path)))
+    throw Error(path + ": --box reads LAS and LAZ files only");
+  if (common_.box && common_.fragmentPoints > 0)
+    throw Error("--box reads one fragment: it does not go with --fragment-points");
+  if (common_.box)
+    cloud.grid = Las::read(path, *common_.box, readWarnings(path)).grid;
+  else
+    cloud.grid = Raster::isRasterFile(path)
+                     ? Raster::import(path)
+                     : Files::load(path, common_.fragmentPoints, shown, only, readWarnings(path));
   finish(shown, pointCount(*cloud.grid));
   return cloud;
 }
@@ -242,16 +275,21 @@ void Host::run(const std::string& what, std::size_t count,
 }
 
 void Host::summary(const std::string& command, const Tressel::Grid& grid) const {
+  const auto positions = grid.CartesianPositions();
+  summary(command, pointCount(grid),
+          std::to_string(positions ? positions->nFragments() : 0) + " fragments");
+}
+
+void Host::summary(const std::string& command, std::uint64_t points,
+                   const std::string& parts) const {
   if (common_.quiet)
     return;
   libraryLines.close();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  const std::size_t n = pointCount(grid);
-  const auto positions = grid.CartesianPositions();
-  std::fprintf(stderr, "quorvel %s: %zu points, %zu fragments, %.3f s, %.0f points/s\n",
-               command.c_str(), n, positions ? positions->nFragments() : 0, seconds,
-               seconds > 0 ? static_cast<double>(n) / seconds : 0.0);
+  std::fprintf(stderr, "quorvel %s: %llu points, %s, %.3f s, %.0f points/s\n", command.c_str(),
+               static_cast<unsigned long long>(points), parts.c_str(), seconds,
+               seconds > 0 ? static_cast<double>(points) / seconds : 0.0);
 }
 
 void Host::note(const std::string& text) const {

@@ -5,6 +5,7 @@
 #include "basalt/LoaderProgress.hpp"
 #include "io/files.hpp"
 #include "io/las.hpp"
+#include "io/stream.hpp"
 #include "tressel/Grid.hpp"
 
 #include <CLI/CLI.hpp>
@@ -36,6 +37,8 @@ struct Common {
   // The run's threads: a box's thread count where the command has one, else the OpenMP thread
   // count of the host; unset keeps the defaults.
   std::optional<int> threads;
+  // Only the points of LAS and LAZ inputs inside this box are read.
+  std::optional<Las::Box> box;
 };
 
 // Adds the common options to a command line (the host's and every command's, bound to the same
@@ -102,6 +105,8 @@ public:
   // "quorvel <command>: <points> points, <fragments> fragments, <s> s, <points/s> points/s" on
   // standard error, unless quiet.
   void summary(const std::string& command, const Tressel::Grid& grid) const;
+  // The same for a command that streams records: "<points> points, <parts>, ...".
+  void summary(const std::string& command, std::uint64_t points, const std::string& parts) const;
   // A run's report (the text an algorithm returns) on standard error as one line, unless quiet.
   void note(const std::string& text) const;
 

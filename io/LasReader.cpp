@@ -3,6 +3,7 @@
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasProgress.hpp"
 #include "io/laz/Laz.hpp"
+#include "io/stream.hpp"
 
 #include "tressel/PointCloud.hpp"
 
@@ -49,6 +50,14 @@ MappedFile::MappedFile(const std::string& path, bool sequential) {
     data_ = static_cast<const std::uint8_t*>(m);
   }
   ::close(fd);
+}
+
+void MappedFile::release(std::uint64_t from, std::uint64_t to) const {
+  const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  from = (from + page - 1) / page * page;
+  to = std::min(to, size_) / page * page;
+  if (mapping_ && from < to)
+    ::madvise(static_cast<std::uint8_t*>(mapping_) + from, to - from, MADV_DONTNEED);
 }
 
 MappedFile::~MappedFile() {
@@ -391,6 +400,25 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
     result.grid = cloud.build(name);
   }
   setFileInfo(*result.grid, in.info);
+  return result;
+}
+
+ReadResult read(const std::string& path, const Box& box, const Warn& warn) {
+  Reader reader(path, warn);
+  reader.restrict(box);
+  const FileInfo& info = reader.info();
+  const std::size_t length = info.header.recordLength;
+  std::vector<std::uint8_t> kept;
+  for (Batch b = reader.next(); b.count > 0; b = reader.next())
+    kept.insert(kept.end(), b.records, b.records + b.count * length);
+  const std::size_t n = kept.size() / length;
+  Tressel::FragmentArrays cloud({n});
+  const Plan plan = allocate(cloud, info, false, {});
+  decode(plan, info.header, kept.data(), 0, 0, n, [](std::size_t j) { return j; });
+  ReadResult result;
+  result.info = info;
+  result.grid = cloud.build(std::filesystem::path(path).stem().string());
+  setFileInfo(*result.grid, info);
   return result;
 }
 

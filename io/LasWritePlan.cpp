@@ -209,6 +209,50 @@ void addExtras(Extras& extras, const Tressel::Grid& grid, const Layout& layout,
   }
 }
 
+// Gives info the extra-bytes dimensions extras: the VLRs as they were when it keeps exactly its
+// dimensions, otherwise with one extra-bytes record made anew in place of the first.
+void setExtraBytes(FileInfo& info, std::vector<ExtraBytes> extras) {
+  const int minor = info.header.versionMinor;
+  bool sameExtras = extras.size() == info.extraBytes.size();
+  for (std::size_t k = 0; k < extras.size() && sameExtras; ++k)
+    sameExtras = extras[k].descriptor == info.extraBytes[k].descriptor &&
+                 extras[k].described == info.extraBytes[k].described;
+  // A record made anew describes every byte: bytes no descriptor covered get one of plain bytes.
+  if (!sameExtras)
+    for (ExtraBytes& e : extras)
+      e.described = true;
+  std::vector<Vlr> vlrs, evlrs;
+  Vlr extraRecord;
+  extraRecord.userId = "LASF_Spec";
+  extraRecord.recordId = 4;
+  extraRecord.description = "Extra bytes";
+  for (const ExtraBytes& e : extras)
+    if (e.described)
+      extraRecord.data.insert(extraRecord.data.end(), e.descriptor.begin(), e.descriptor.end());
+  bool extraPlaced = extras.empty();
+  for (const Vlr& v : info.vlrs) {
+    if (!isExtraBytesRecord(v) || sameExtras)
+      vlrs.push_back(v);
+    else if (!extraPlaced) {
+      vlrs.push_back(extraRecord);
+      extraPlaced = true;
+    }
+  }
+  for (const Vlr& v : info.evlrs)
+    if (!isExtraBytesRecord(v) || sameExtras)
+      evlrs.push_back(v);
+    else if (!extraPlaced && minor >= 4) {
+      evlrs.push_back(extraRecord);
+      extraPlaced = true;
+    }
+  if (!extraPlaced && !sameExtras)
+    vlrs.push_back(extraRecord);
+
+  info.vlrs = std::move(vlrs);
+  info.evlrs = std::move(evlrs);
+  info.extraBytes = std::move(extras);
+}
+
 } // namespace
 
 WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const Layout& layout,
@@ -308,46 +352,7 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
                 " extra-bytes dimensions do not fit a point record");
   h.recordLength = static_cast<std::uint16_t>(recordLength);
 
-  // VLRs: the origin's as they were when the grid keeps exactly its extra-bytes dimensions,
-  // otherwise with one extra-bytes record made anew in place of the first.
-  bool sameExtras = extras.size() == info.extraBytes.size();
-  for (std::size_t k = 0; k < extras.size() && sameExtras; ++k)
-    sameExtras = extras[k].descriptor == info.extraBytes[k].descriptor &&
-                 extras[k].described == info.extraBytes[k].described;
-  // A record made anew describes every byte: bytes no descriptor covered get one of plain bytes.
-  if (!sameExtras)
-    for (ExtraBytes& e : extras)
-      e.described = true;
-  std::vector<Vlr> vlrs, evlrs;
-  Vlr extraRecord;
-  extraRecord.userId = "LASF_Spec";
-  extraRecord.recordId = 4;
-  extraRecord.description = "Extra bytes";
-  for (const ExtraBytes& e : extras)
-    if (e.described)
-      extraRecord.data.insert(extraRecord.data.end(), e.descriptor.begin(), e.descriptor.end());
-  bool extraPlaced = extras.empty();
-  for (const Vlr& v : info.vlrs) {
-    if (!isExtraBytesRecord(v) || sameExtras)
-      vlrs.push_back(v);
-    else if (!extraPlaced) {
-      vlrs.push_back(extraRecord);
-      extraPlaced = true;
-    }
-  }
-  for (const Vlr& v : info.evlrs)
-    if (!isExtraBytesRecord(v) || sameExtras)
-      evlrs.push_back(v);
-    else if (!extraPlaced && minor >= 4) {
-      evlrs.push_back(extraRecord);
-      extraPlaced = true;
-    }
-  if (!extraPlaced && !sameExtras)
-    vlrs.push_back(extraRecord);
-
-  info.vlrs = std::move(vlrs);
-  info.evlrs = std::move(evlrs);
-  info.extraBytes = std::move(extras);
+  setExtraBytes(info, std::move(extras));
   plan.info = std::move(info);
   return plan;
 }
@@ -355,6 +360,19 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
 } // namespace Quorvel::Las::detail
 
 namespace Quorvel::Las {
+
+FileInfo withDimension(const FileInfo& info, const std::string& name, const std::string& type) {
+  const auto kind = detail::kindOf(type);
+  if (!kind)
+    throw Error("\"" + type + "\" is no type of an extra-bytes dimension");
+  FileInfo out = info;
+  auto extras = out.extraBytes;
+  extras.push_back(detail::newDimension(name, *kind));
+  out.header.recordLength =
+      static_cast<std::uint16_t>(out.header.recordLength + extras.back().size);
+  detail::setExtraBytes(out, std::move(extras));
+  return out;
+}
 
 std::vector<std::uint64_t> filePlaces(std::vector<std::uint64_t> indices) {
   const std::size_t n = indices.size();

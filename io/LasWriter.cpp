@@ -1,11 +1,11 @@
 // Quorvel: writing point-cloud grids as LAS, fragment arrays encoded straight into the records.
 #include "io/detail/LasFormats.hpp"
 #include "io/detail/LasHeader.hpp"
+#include "io/detail/LasOutput.hpp"
 #include "io/detail/LasProgress.hpp"
 #include "io/detail/LasWritePlan.hpp"
 #include "io/laz/Laz.hpp"
 
-#include "basalt/ReplacingFile.hpp"
 #include "basalt/Text.hpp"
 #include "tressel/PointCloud.hpp"
 
@@ -88,36 +88,6 @@ inline void encode(const std::vector<Put>& puts, std::size_t k, std::size_t j, s
     }
   }
 }
-
-// The file being written, put in the target's place only when complete (Basalt::ReplacingFile),
-// its errors the LAS writer's.
-class TemporaryFile {
-public:
-  explicit TemporaryFile(const std::string& path) try : file_(path) {
-  } catch (const Basalt::ReplacingFile::Error& e) {
-    throw Error(e.what());
-  }
-  void write(const std::uint8_t* data, std::size_t size) {
-    translate([&] { file_.write(data, size); });
-  }
-  void writeAt(std::uint64_t at, const std::uint8_t* data, std::size_t size) {
-    translate([&] { file_.writeAt(at, data, size); });
-  }
-  void commit() {
-    translate([&] { file_.commit(); });
-  }
-
-private:
-  template <class F>
-  static void translate(const F& f) {
-    try {
-      f();
-    } catch (const Basalt::ReplacingFile::Error& e) {
-      throw Error(e.what());
-    }
-  }
-  Basalt::ReplacingFile file_;
-};
 
 void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInfo* origin,
                const WriteOptions& options,
@@ -202,10 +172,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   TemporaryFile out(path);
   out.write(head.data(), head.size());
 
-  std::array<std::int32_t, 3> lo, hi;
-  lo.fill(std::numeric_limits<std::int32_t>::max());
-  hi.fill(std::numeric_limits<std::int32_t>::min());
-  std::array<std::uint64_t, 15> byReturn{};
+  Tally tally;
   const double inverse[3] = {1 / h.scale[0], 1 / h.scale[1], 1 / h.scale[2]};
   const bool exactInverse =
       inverse[0] * h.scale[0] == 1 && inverse[1] * h.scale[1] == 1 && inverse[2] * h.scale[2] == 1;
@@ -221,6 +188,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
       const std::size_t slot = streaming ? filled++ : place.empty() ? g : place[g];
       std::uint8_t* r = records.get() + slot * recordLength;
       std::memset(r, 0, recordLength);
+      std::int32_t xyz[3];
       for (int a = 0; a < 3; ++a) {
         const double shifted = p[j][a] - h.offset[a];
         const double v = exactInverse ? shifted * inverse[a] : shifted / h.scale[a];
@@ -230,11 +198,9 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
                       std::to_string(g) +
                       " does not fit the LAS integer coordinates (an automatic offset or another "
                       "scale may help)");
-        const auto i = static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
-        std::memcpy(r + 4 * a, &i, 4);
-        lo[a] = std::min(lo[a], i);
-        hi[a] = std::max(hi[a], i);
+        xyz[a] = static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
       }
+      std::memcpy(r, xyz, 12);
       encode(puts, k, j, g, r, path, chosen);
       if (angle) {
         const double v = f.extended ? angle[j] / 0.006 : angle[j];
@@ -250,9 +216,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
       }
       if (rgb)
         std::memcpy(r + f.rgb, rgb + 6 * j, 6);
-      const int returnNumber = r[14] & returnBits;
-      if (returnNumber >= 1)
-        ++byReturn[static_cast<std::size_t>(returnNumber - 1)];
+      tally.add(xyz, r[14] & returnBits);
       if (streaming && filled == blockPoints) {
         out.write(records.get(), filled * recordLength);
         filled = 0;
@@ -279,34 +243,12 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   out.write(tail.data(), tail.size());
 
   // The header, now that the records tell the bounds and the counts per return.
-  RawHeader raw;
-  raw.header = h;
-  Header& o = raw.header;
-  o.headerSize = static_cast<std::uint16_t>(headerSizeFor(minor));
-  o.vlrCount = static_cast<std::uint32_t>(vlrs.size());
-  o.pointOffset = static_cast<std::uint32_t>(head.size());
-  o.pointCount = n;
-  o.evlrCount = static_cast<std::uint32_t>(evlrs.size());
   const std::uint64_t evlrOffset = evlrs.empty() ? 0 : head.size() + pointBytes;
-  if (laz)
-    o.pointFormat = static_cast<std::uint8_t>(chosen | 0x80);
-  o.waveformStart =
+  RawHeader raw = completed(h, {vlrs.size(), head.size(), evlrs.size(), evlrOffset, laz}, tally);
+  raw.header.waveformStart =
       origin && h.waveformStart != 0 && h.waveformStart == h.evlrOffset ? evlrOffset : 0;
-  o.evlrOffset = evlrOffset;
-  for (int a = 0; a < 3; ++a) {
-    const double x = n ? lo[a] * h.scale[a] + h.offset[a] : 0.0;
-    const double y = n ? hi[a] * h.scale[a] + h.offset[a] : 0.0;
-    o.min[a] = std::min(x, y);
-    o.max[a] = std::max(x, y);
-  }
-  const bool legacy = !f.extended && n <= std::numeric_limits<std::uint32_t>::max();
-  raw.legacyPointCount = legacy ? static_cast<std::uint32_t>(n) : 0;
-  for (std::size_t k = 0; k < 5; ++k)
-    raw.legacyByReturn[k] = legacy ? static_cast<std::uint32_t>(byReturn[k]) : 0;
-  raw.pointCount = n;
-  raw.byReturn = byReturn;
   encodeHeader(raw, head.data());
-  out.writeAt(0, head.data(), o.headerSize);
+  out.writeAt(0, head.data(), raw.header.headerSize);
   out.commit();
 }
 

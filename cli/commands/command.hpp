@@ -106,6 +106,8 @@ std::unique_ptr<Command> makeMap();
 std::unique_ptr<Command> makeRaster();
 std::unique_ptr<Command> makeDtm();
 std::unique_ptr<Command> makeMapField();
+std::unique_ptr<Command> makeTile();
+std::unique_ptr<Command> makeMerge();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute
 // them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages

@@ -9,6 +9,8 @@ const std::vector<CommandEntry>& commands() {
       {"info", "what files hold: LAS header facts, CRS, returns, fields, classes (--json)",
        makeInfo},
       {"convert", "LAS/LAZ <-> bundle (.h5), by extension", makeConvert},
+      {"tile", "LAS/LAZ files of any size cut into square tiles, with buffers", makeTile},
+      {"merge", "LAS/LAZ files joined into one, of any size", makeMerge},
       {"compare", "agreement of a per-point field, overall and per class", makeCompare},
       {"transfer", "classes from SOURCE onto TARGET by nearest neighbours", makeTransfer},
       {"cellsize", "voxel-density cell size of every point", makeCellSize},

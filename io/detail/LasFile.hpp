@@ -26,6 +26,9 @@ public:
 
   const std::uint8_t* data() const { return data_; }
   std::uint64_t size() const { return size_; }
+  // Gives back the memory of the pages wholly inside [from, to): read once and passed, they
+  // would otherwise stay resident as long as the mapping.
+  void release(std::uint64_t from, std::uint64_t to) const;
 
 private:
   const std::uint8_t* data_ = nullptr;

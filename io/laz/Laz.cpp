@@ -104,10 +104,10 @@ void appendChunkTable(std::vector<std::uint8_t>& out, const std::vector<Chunk>& 
   e.done();
 }
 
-std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
-                                 std::size_t recordLength, const Description& d,
-                                 std::uint64_t pointOffset) {
-  const std::uint64_t chunkPoints = d.chunkSize;
+std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
+                                                    std::uint64_t count, std::size_t recordLength,
+                                                    const Description& d,
+                                                    std::uint64_t chunkPoints) {
   const std::size_t chunks = static_cast<std::size_t>((count + chunkPoints - 1) / chunkPoints);
   std::vector<std::vector<std::uint8_t>> coded(chunks);
   std::string problem;
@@ -129,6 +129,13 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t coun
   }
   if (!problem.empty())
     fail(problem);
+  return coded;
+}
+
+std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
+                                 std::size_t recordLength, const Description& d,
+                                 std::uint64_t pointOffset) {
+  const auto coded = encodeChunks(records, count, recordLength, d, d.chunkSize);
   std::vector<std::uint8_t> out(8);
   for (const auto& c : coded)
     out.insert(out.end(), c.begin(), c.end());
@@ -153,23 +160,26 @@ Points::Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_
     chunks_ = chunkTable(file, pointOffset, end, fileSize, d_, pointCount);
 }
 
-// Runs step(k, chunk) for every chunk in parallel; the first chunk that fails is the one
-// reported, whatever the threads.
+// Runs step(chunk, k) for every chunk (or the listed ones, k their place in the list) in
+// parallel; the first chunk that fails is the one reported, whatever the threads.
 template <class Step>
-void Points::inParallel(Step step) const {
+void Points::inParallel(const std::vector<std::size_t>* which, Step step) const {
   std::mutex mutex;
   std::string problem;
-  const long long n = static_cast<long long>(chunks_.size());
+  const long long n = static_cast<long long>(which ? which->size() : chunks_.size());
   long long failed = n;
 #pragma omp parallel for schedule(dynamic, 1)
   for (long long k = 0; k < n; ++k) {
+    const std::size_t c =
+        which ? (*which)[static_cast<std::size_t>(k)] : static_cast<std::size_t>(k);
     try {
-      step(chunks_[static_cast<std::size_t>(k)]);
+      step(chunks_[c], static_cast<std::size_t>(k));
     } catch (const std::exception& e) {
       const std::lock_guard<std::mutex> lock(mutex);
       if (k < failed) {
         failed = k;
-        problem = "chunk " + std::to_string(k) + " of " + std::to_string(n) + ": " + e.what();
+        problem = "chunk " + std::to_string(c) + " of " + std::to_string(chunks_.size()) + ": " +
+                  e.what();
       }
     }
   }
@@ -178,19 +188,28 @@ void Points::inParallel(Step step) const {
 }
 
 void Points::decode(std::uint8_t* out) const {
-  inParallel([&](const Chunk& c) {
+  inParallel(nullptr, [&](const Chunk& c, std::size_t) {
     decodeChunk(file_, c, d_, recordLength_, out + c.firstPoint * recordLength_);
   });
 }
 
 void Points::decode(const std::function<void(const Chunk&, const std::uint8_t*)>& use) const {
-  inParallel([&](const Chunk& c) {
+  inParallel(nullptr, [&](const Chunk& c, std::size_t) {
     thread_local std::vector<std::uint8_t> records;
     records.resize(static_cast<std::size_t>(c.points) * recordLength_);
     decodeChunk(file_, c, d_, recordLength_, records.data());
     use(c, records.data());
     if (records.capacity() > (std::size_t(64) << 20)) // a rare huge chunk is not kept
       records = {};
+  });
+}
+
+void Points::decode(const std::vector<std::size_t>& which, std::uint8_t* out) const {
+  std::vector<std::uint64_t> at(which.size() + 1, 0); // where each listed chunk's records go
+  for (std::size_t k = 0; k < which.size(); ++k)
+    at[k + 1] = at[k] + chunks_[which[k]].points * recordLength_;
+  inParallel(&which, [&](const Chunk& c, std::size_t k) {
+    decodeChunk(file_, c, d_, recordLength_, out + at[k]);
   });
 }
 

@@ -90,10 +90,14 @@ public:
   // Every chunk decoded, in parallel, into a buffer of its thread, then handed to
   // use(chunk, records), which may run on several threads at once.
   void decode(const std::function<void(const Chunk&, const std::uint8_t*)>& use) const;
+  // The chunks listed (indices into chunks()), decoded in parallel into out one after another.
+  void decode(const std::vector<std::size_t>& which, std::uint8_t* out) const;
+
+  const std::vector<Chunk>& chunks() const { return chunks_; }
 
 private:
   template <class Step>
-  void inParallel(Step step) const;
+  void inParallel(const std::vector<std::size_t>* which, Step step) const;
 
   const std::uint8_t* file_;
   Description d_;
@@ -105,6 +109,12 @@ private:
 // format's, in chunks of chunkSize points, and what it describes; throws std::runtime_error for a
 // format the encoder does not write.
 Las::Vlr laszipRecord(int format, std::size_t extraBytes, std::uint32_t chunkSize, Description& d);
+
+// Records in chunks of chunkPoints (the last one shorter), each chunk encoded, in parallel.
+std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
+                                                    std::uint64_t count, std::size_t recordLength,
+                                                    const Description& d,
+                                                    std::uint64_t chunkPoints);
 
 // The point data of a LAZ file whose points start at byte pointOffset: the offset of the chunk
 // table, the chunks (encoded in parallel) and the chunk table.

@@ -1,0 +1,67 @@
+// quorvel merge: LAS and LAZ files joined into one, streamed record by record.
+#include "cli/commands/command.hpp"
+#include "cli/commands/las_inputs.hpp"
+
+#include <filesystem>
+
+namespace Quorvel::Cli {
+
+namespace {
+
+bool endsWith(std::string text, const std::string& end) {
+  for (char& c : text)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+class Merge final : public Command {
+public:
+  void addOptions(CLI::App& app) override {
+    app.add_option("IN", inputs_, "LAS or LAZ files")->required()->check(CLI::ExistingFile);
+    app.add_option("-o,--output", output_,
+                   "the file to write: .las, .laz, or .copc.laz for COPC; it takes the header, "
+                   "scale, offset and coordinate system of the first input")
+        ->required()
+        ->check(outputFile());
+  }
+
+  int run(const Host& host) override {
+    if (!endsWith(output_, ".las") && !endsWith(output_, ".laz"))
+      throw Error(output_ + ": merge writes LAS (.las), LAZ (.laz) or COPC (.copc.laz)");
+    checkOutput(output_);
+    LasInputs inputs(inputs_, host.common().box);
+    // COPC orders the points by an octree of them all: they are merged into a LAZ file first.
+    const bool copc = endsWith(output_, ".copc.laz");
+    const std::string target = copc ? output_ + ".merged.laz" : output_;
+    std::uint64_t points = 0;
+    {
+      Las::Writer out(target, inputs.first());
+      inputs.forEachBatch([&](const std::string&, const std::uint8_t* records, std::size_t n) {
+        out.append(records, n);
+        points += n;
+      });
+      out.finish();
+    }
+    if (copc) {
+      struct Removed {
+        std::string path;
+        ~Removed() { std::filesystem::remove(path); }
+      } merged{target};
+      host.save(output_, host.load(target));
+    }
+    host.summary("merge", points, std::to_string(inputs_.size()) + " files");
+    return 0;
+  }
+
+private:
+  std::vector<std::string> inputs_;
+  std::string output_;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeMerge() {
+  return std::make_unique<Merge>();
+}
+
+} // namespace Quorvel::Cli

@@ -1,0 +1,125 @@
+// Quorvel: LAS and LAZ point records read in batches, the pages and chunks passed let go.
+#include "io/detail/LasFile.hpp"
+#include "io/stream.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Quorvel::Las {
+
+namespace {
+
+// Bytes of records a batch holds: large enough that the per-batch work is lost in the records'
+// own, small enough to stay far below any file's size.
+constexpr std::size_t BatchBytes = std::size_t(32) << 20;
+
+} // namespace
+
+struct Reader::Impl {
+  Impl(const std::string& p, const Warn& warn) : in(p, true, warn), path(p) {
+    if (in.laz)
+      for (std::size_t k = 0; k < in.laz->chunks().size(); ++k)
+        order.push_back(k);
+  }
+
+  detail::OpenedFile in;
+  std::string path;
+  std::optional<Box> box;
+  std::uint64_t nextPoint = 0;    // LAS: the first record of the next batch
+  std::size_t nextChunk = 0;      // LAZ: the place in order of the next chunk to decode
+  std::vector<std::size_t> order; // LAZ: the chunks to decode, in file order
+  std::vector<std::uint8_t> decoded, kept;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> passed; // file bytes of the last batch
+
+  Batch records();
+  Batch chunks();
+  Batch inBox(Batch all);
+};
+
+Batch Reader::Impl::records() {
+  const std::size_t length = in.info.header.recordLength;
+  const std::uint64_t left = in.pointCount - nextPoint;
+  const std::size_t count = static_cast<std::size_t>(
+      std::min<std::uint64_t>(left, std::max<std::size_t>(BatchBytes / length, 1)));
+  const std::uint64_t from = in.info.header.pointOffset + nextPoint * length;
+  passed.assign(1, {from, from + count * length});
+  const Batch batch{in.records + nextPoint * length, count};
+  nextPoint += count;
+  return batch;
+}
+
+Batch Reader::Impl::chunks() {
+  const std::size_t length = in.info.header.recordLength;
+  const auto& all = in.laz->chunks();
+  std::vector<std::size_t> group;
+  std::uint64_t points = 0;
+  while (nextChunk < order.size() && (group.empty() || points * length < BatchBytes)) {
+    group.push_back(order[nextChunk++]);
+    points += all[group.back()].points;
+  }
+  passed.clear();
+  for (const std::size_t k : group)
+    passed.emplace_back(all[k].start, all[k].start + all[k].bytes);
+  decoded.resize(static_cast<std::size_t>(points) * length);
+  in.decoding([&] { in.laz->decode(group, decoded.data()); });
+  return {decoded.data(), static_cast<std::size_t>(points)};
+}
+
+Batch Reader::Impl::inBox(Batch all) {
+  const Header& h = in.info.header;
+  const std::size_t length = h.recordLength;
+  kept.resize(all.count * length);
+  std::size_t n = 0;
+  for (std::size_t i = 0; i < all.count; ++i) {
+    const std::uint8_t* r = all.records + i * length;
+    std::int32_t raw[3];
+    std::memcpy(raw, r, 12);
+    if (box->contains(raw[0] * h.scale[0] + h.offset[0], raw[1] * h.scale[1] + h.offset[1],
+                      raw[2] * h.scale[2] + h.offset[2]))
+      std::memcpy(kept.data() + n++ * length, r, length);
+  }
+  return {kept.data(), n};
+}
+
+Reader::Reader(const std::string& path, const Warn& warn)
+    : impl_(std::make_unique<Impl>(path, warn)) {}
+
+Reader::~Reader() = default;
+
+const std::string& Reader::path() const {
+  return impl_->path;
+}
+
+const FileInfo& Reader::info() const {
+  return impl_->in.info;
+}
+
+bool Reader::compressed() const {
+  return impl_->in.laz.has_value();
+}
+
+void Reader::restrict(const Box& box) {
+  impl_->box = box;
+}
+
+Batch Reader::next() {
+  Impl& m = *impl_;
+  for (const auto& [from, to] : m.passed)
+    m.in.file.release(from, to);
+  m.passed.clear();
+  for (;;) {
+    const bool more = m.in.laz ? m.nextChunk < m.order.size() : m.nextPoint < m.in.pointCount;
+    if (!more)
+      return {};
+    const Batch all = m.in.laz ? m.chunks() : m.records();
+    if (!m.box)
+      return all;
+    const Batch some = m.inBox(all);
+    if (some.count > 0)
+      return some;
+    for (const auto& [from, to] : m.passed)
+      m.in.file.release(from, to);
+  }
+}
+
+} // namespace Quorvel::Las
