@@ -4,11 +4,13 @@
 #include "io/detail/LasFormats.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
+#include "io/stream.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -206,6 +208,29 @@ Las::WriteOptions writeOptions(const std::string& path) {
   return options;
 }
 
+namespace {
+
+// read(path, box=...): the points of a LAS or LAZ file inside the box.
+Cloud readBox(const std::string& path, std::size_t fragmentPoints, const std::vector<double>& v) {
+  if (v.size() != 4 && v.size() != 6)
+    raiseValue("box takes (x0, y0, x1, y1) or (x0, y0, x1, y1, z0, z1), not " +
+               std::to_string(v.size()) + " numbers");
+  if (!std::all_of(v.begin(), v.end(), [](double x) { return std::isfinite(x); }) || v[0] > v[2] ||
+      v[1] > v[3] || (v.size() == 6 && v[4] > v[5]))
+    raiseValue("box needs finite numbers, each lower edge at or below the upper one");
+  if (fragmentPoints > 0)
+    raiseValue("box reads one fragment: it does not go with fragment_points");
+  if (Files::isBundle(path) || !Files::isCloudFile(path))
+    raiseValue(path + ": box reads LAS and LAZ files only");
+  Las::Box box{v[0], v[1], v[2], v[3], std::nullopt};
+  if (v.size() == 6)
+    box.z = std::array<double, 2>{v[4], v[5]};
+  py::gil_scoped_release released;
+  return Cloud{Las::read(path, box, readWarnings(path)).grid};
+}
+
+} // namespace
+
 void bindCloud(py::module_& m) {
   py::class_<Cloud>(m, "Cloud", "A point cloud: positions and per-point fields, in fragments.")
       .def(py::init([](const py::array& xyz, std::size_t fragmentPoints, const py::kwargs& fields) {
@@ -272,19 +297,25 @@ void bindCloud(py::module_& m) {
         "{name: (dtype code, components)} of the fields of LAS point records.");
   m.def(
       "read",
-      [](const std::string& path, std::size_t fragmentPoints) {
+      [](const std::string& path, std::size_t fragmentPoints,
+         const std::optional<std::vector<double>>& box) {
+        if (box)
+          return readBox(path, fragmentPoints, *box);
         py::gil_scoped_release released;
         return Cloud{Raster::isRasterFile(path)
                          ? Raster::import(path)
                          : Files::load(path, fragmentPoints, {}, {}, readWarnings(path))};
       },
-      py::arg("path"), py::arg("fragment_points") = 0,
+      py::arg("path"), py::arg("fragment_points") = 0, py::arg("box") = py::none(),
       "Reads a point cloud or a raster.\n\n"
       "Parameters:\n"
       "    path: a LAS or LAZ file, a bundle (.h5, .hdf5) or a raster GDAL reads (.tif, .tiff, "
       ".asc, .img, .vrt)\n"
       "    fragment_points: 0 reads one fragment; N splits a LAS file into x-y tiles of about N "
-      "points");
+      "points\n"
+      "    box: (x0, y0, x1, y1) or (x0, y0, x1, y1, z0, z1): only the points of a LAS or LAZ "
+      "file inside it (edges included) are read, in one fragment; the other points are never "
+      "built (a COPC file's nodes outside it are not even decoded)");
 }
 
 } // namespace Quorvel::Python
