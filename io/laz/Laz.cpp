@@ -108,20 +108,34 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t coun
                                  std::size_t recordLength, const Description& d,
                                  std::uint64_t pointOffset) {
   const std::uint64_t chunkPoints = d.chunkSize;
-  const std::size_t chunks = static_cast<std::size_t>((count + chunkPoints - 1) / chunkPoints);
-  std::vector<std::vector<std::uint8_t>> coded(chunks);
+  std::vector<std::uint64_t> sizes(
+      static_cast<std::size_t>((count + chunkPoints - 1) / chunkPoints), chunkPoints);
+  if (!sizes.empty())
+    sizes.back() = count - (sizes.size() - 1) * chunkPoints;
+  std::vector<Chunk> chunks;
+  return encode(records, sizes, recordLength, d, pointOffset, chunks);
+}
+
+std::vector<std::uint8_t> encode(const std::uint8_t* records,
+                                 const std::vector<std::uint64_t>& chunkPoints,
+                                 std::size_t recordLength, const Description& d,
+                                 std::uint64_t pointOffset, std::vector<Chunk>& chunks) {
+  chunks.assign(chunkPoints.size(), Chunk{});
+  for (std::size_t k = 1; k < chunks.size(); ++k)
+    chunks[k].firstPoint = chunks[k - 1].firstPoint + chunkPoints[k - 1];
+  std::vector<std::vector<std::uint8_t>> coded(chunks.size());
   std::string problem;
   std::mutex mutex;
 #pragma omp parallel for schedule(dynamic, 1)
-  for (long long k = 0; k < static_cast<long long>(chunks); ++k) {
-    const std::uint64_t first = static_cast<std::uint64_t>(k) * chunkPoints;
+  for (long long k = 0; k < static_cast<long long>(chunks.size()); ++k) {
+    const auto K = static_cast<std::size_t>(k);
     try {
-      const auto points = static_cast<std::uint32_t>(std::min(chunkPoints, count - first));
-      auto& chunk = coded[static_cast<std::size_t>(k)];
+      const std::uint8_t* first = records + chunks[K].firstPoint * recordLength;
+      const auto points = static_cast<std::uint32_t>(chunkPoints[K]);
       if (d.compressor == Compressor::LayeredChunked)
-        encodeLayeredChunk(records + first * recordLength, points, d.items, recordLength, chunk);
+        encodeLayeredChunk(first, points, d.items, recordLength, coded[K]);
       else
-        encodePointwiseChunk(records + first * recordLength, points, d.items, recordLength, chunk);
+        encodePointwiseChunk(first, points, d.items, recordLength, coded[K]);
     } catch (const std::exception& e) {
       const std::lock_guard<std::mutex> lock(mutex);
       problem = e.what();
@@ -130,14 +144,15 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t coun
   if (!problem.empty())
     fail(problem);
   std::vector<std::uint8_t> out(8);
-  for (const auto& c : coded)
-    out.insert(out.end(), c.begin(), c.end());
+  for (std::size_t k = 0; k < coded.size(); ++k) {
+    chunks[k].points = chunkPoints[k];
+    chunks[k].start = pointOffset + out.size();
+    chunks[k].bytes = coded[k].size();
+    out.insert(out.end(), coded[k].begin(), coded[k].end());
+  }
   const std::int64_t tableAt = static_cast<std::int64_t>(pointOffset + out.size());
   std::memcpy(out.data(), &tableAt, 8);
-  std::vector<Chunk> table(coded.size());
-  for (std::size_t k = 0; k < coded.size(); ++k)
-    table[k].bytes = coded[k].size();
-  appendChunkTable(out, table, false);
+  appendChunkTable(out, chunks, d.chunkSize == Description::VariableChunks);
   return out;
 }
 
