@@ -111,9 +111,9 @@ Las::Vlr laszipRecord(int format, std::size_t extraBytes, std::uint32_t chunkSiz
 std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
                                  std::size_t recordLength, const Description& d,
                                  std::uint64_t pointOffset);
-// The same with chunks of the given point counts, in order (a chunk may hold more than 2^32 - 1
-// points only in theory: the counts are stored as 32 bits); chunks receives where each lies in
-// the file. With variable chunks (d.chunkSize == VariableChunks) the table stores the counts.
+// The same with chunks of the given point counts (each below 2^32, as the chunk table stores
+// them), in order; chunks receives each chunk's first point, points, start in the file and bytes.
+// With variable chunks (d.chunkSize == VariableChunks) the chunk table holds the counts too.
 std::vector<std::uint8_t> encode(const std::uint8_t* records,
                                  const std::vector<std::uint64_t>& chunkPoints,
                                  std::size_t recordLength, const Description& d,
