@@ -64,7 +64,8 @@ std::optional<std::string> unwritableName(const std::string& path) {
   if (Files::isCloudFile(path))
     return std::nullopt;
   return "\"" + path +
-         "\" names no file type the host writes (.las for LAS, .laz for LAZ, .h5 or .hdf5 for a "
+         "\" names no file type the host writes (.las for LAS, .laz for LAZ, .copc.laz for COPC, "
+         ".h5 or .hdf5 for a "
          "bundle)";
 }
 

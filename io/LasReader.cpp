@@ -1,4 +1,5 @@
 // Quorvel: reading LAS files straight into fragment arrays.
+#include "io/detail/Copc.hpp"
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasProgress.hpp"
@@ -95,6 +96,12 @@ OpenedFile::OpenedFile(const std::string& path, bool sequential, const Warn& war
     openCompressed();
   else
     records = b + h.pointOffset;
+  // A COPC file's info record and hierarchy describe its own layout only, as the "laszip
+  // encoded" record does: the points read carry neither.
+  std::erase_if(info.vlrs, Copc::isCopcRecord);
+  std::erase_if(info.evlrs, Copc::isCopcRecord);
+  info.header.vlrCount = static_cast<std::uint32_t>(info.vlrs.size());
+  info.header.evlrCount = static_cast<std::uint32_t>(info.evlrs.size());
 }
 
 void OpenedFile::openCompressed() {

@@ -1,9 +1,12 @@
 // Quorvel: LAS and LAZ point records read in batches, the pages and chunks passed let go.
+#include "io/detail/Copc.hpp"
 #include "io/detail/LasFile.hpp"
 #include "io/stream.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <set>
 
 namespace Quorvel::Las {
 
@@ -99,7 +102,31 @@ bool Reader::compressed() const {
 }
 
 void Reader::restrict(const Box& box) {
-  impl_->box = box;
+  Impl& m = *impl_;
+  m.box = box;
+  if (!m.in.laz)
+    return;
+  const auto hierarchy =
+      Copc::copcHierarchy(m.path, m.in.file.size(), [&m](std::uint64_t offset, std::uint64_t size) {
+        return std::vector<std::uint8_t>(m.in.file.data() + offset,
+                                         m.in.file.data() + offset + size);
+      });
+  if (!hierarchy)
+    return;
+  // Only the chunks of the nodes that meet the box, grown by a step of the integer coordinates
+  // so that a point on a node's face is never lost to the rounding of the node's cube.
+  const auto& scale = m.in.info.header.scale;
+  Copc::Box wanted;
+  wanted.min = {box.x0 - scale[0], box.y0 - scale[1], box.z ? (*box.z)[0] - scale[2] : -HUGE_VAL};
+  wanted.max = {box.x1 + scale[0], box.y1 + scale[1], box.z ? (*box.z)[1] + scale[2] : HUGE_VAL};
+  std::set<std::uint64_t> starts;
+  for (const Copc::Node& node : Copc::nodesMeeting(*hierarchy, wanted))
+    starts.insert(node.offset);
+  m.order.clear();
+  const auto& chunks = m.in.laz->chunks();
+  for (std::size_t k = 0; k < chunks.size(); ++k)
+    if (starts.count(chunks[k].start))
+      m.order.push_back(k);
 }
 
 Batch Reader::next() {

@@ -92,7 +92,8 @@ void Writer::Impl::compress(bool all) {
     return;
   std::vector<std::vector<std::uint8_t>> coded;
   try {
-    coded = Laz::encodeChunks(pending.data(), whole, length, compression, ChunkPoints);
+    coded =
+        Laz::encodeChunks(pending.data(), Laz::chunkSizes(whole, ChunkPoints), length, compression);
   } catch (const std::runtime_error& e) {
     throw Error(path + ": " + e.what());
   }

@@ -97,14 +97,18 @@ private:
   std::uint64_t points_ = 0;
 };
 
-// The variable-length records as the file stores them: the opened file has set the "laszip
-// encoded" record of a LAZ file aside, since it describes the compression and not the points.
-std::vector<Vlr> storedRecords(const OpenedFile& in, const RawHeader& raw) {
-  if (!in.laz)
-    return in.info.vlrs;
+// The variable-length records as the file stores them (extended: the EVLRs): the opened file
+// has set aside those that describe the file's layout and not the points, the "laszip encoded"
+// record of a LAZ file and the COPC records.
+std::vector<Vlr> storedRecords(const OpenedFile& in, const RawHeader& raw, bool extended) {
+  const Header& h = raw.header;
   Findings findings;
-  return parseRecords(in.file.data(), raw.header.headerSize, raw.header.pointOffset,
-                      raw.header.vlrCount, false, findings);
+  if (extended)
+    return h.versionMinor >= 4 && h.evlrCount > 0
+               ? parseRecords(in.file.data(), h.evlrOffset, in.file.size(), h.evlrCount, true,
+                              findings)
+               : std::vector<Vlr>{};
+  return parseRecords(in.file.data(), h.headerSize, h.pointOffset, h.vlrCount, false, findings);
 }
 
 } // namespace
@@ -123,8 +127,8 @@ Summary summarize(const std::string& path, const Warn& warn) {
   s.compressed = in.laz.has_value();
   s.pointCount = in.pointCount;
   s.headerReturns = pointsByReturn(raw);
-  s.vlrs = storedRecords(in, raw);
-  s.evlrs = in.info.evlrs;
+  s.vlrs = storedRecords(in, raw, false);
+  s.evlrs = storedRecords(in, raw, true);
   s.extraBytes = in.info.extraBytes;
   for (const FieldPlan& f : fieldsOf(in.info, false))
     s.fields.emplace_back(f.name, f.type);

@@ -1,6 +1,7 @@
 // Quorvel: planning a LAS file for a grid.
 #include "io/detail/LasWritePlan.hpp"
 
+#include "io/detail/Copc.hpp"
 #include "io/detail/LasFormats.hpp"
 #include "io/detail/LasHeader.hpp"
 
@@ -264,6 +265,10 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
   // The format: the origin's, or 6, 7 or 8 by colour and NIR; moved where a field needs it.
   FileInfo info = origin ? *origin : FileInfo{};
   Header& h = info.header;
+  // Records that describe another COPC file's layout are never carried over.
+  std::erase_if(info.vlrs, Copc::isCopcRecord);
+  std::erase_if(info.evlrs, Copc::isCopcRecord);
+  const bool copc = Copc::isCopcPath(path);
   const auto classes = sourceOf(grid, "Classification", layout, path);
   const auto rgbSource = sourceOf(grid, "RGB", layout, path);
   if (rgbSource && rgbSource->type != "rgb16")
@@ -295,6 +300,7 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
                            "ReturnPointLocation", "WaveXt", "WaveYt", "WaveZt"})
     need(needs.wave, has(wave) && !had.wave, std::string(wave));
   if (!had.extended) {
+    need(needs.extended, copc, "COPC");
     need(needs.extended, has("Overlap"), "Overlap");
     need(needs.extended, has("ScannerChannel"), "ScannerChannel");
     need(needs.extended, maxOf(classes, layout) > 31, "classes above 31");
@@ -303,8 +309,11 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
         need(needs.extended, maxOf(s, layout) > 7, std::string(name) + " above 7");
   }
   const int chosen = formatFor(h.pointFormat, needs);
+  if (copc && chosen > 8)
+    throw Error(path + ": point format " + std::to_string(chosen) +
+                " (with waveforms) cannot be written as COPC, which holds point formats 6 to 8");
   int minor = std::max<int>(origin ? h.versionMinor : 4, format(chosen).versionMinor);
-  if (!info.evlrs.empty() || n > std::numeric_limits<std::uint32_t>::max())
+  if (!info.evlrs.empty() || n > std::numeric_limits<std::uint32_t>::max() || copc)
     minor = 4;
   if ((chosen != h.pointFormat || (origin && minor != h.versionMinor)) && options.warn)
     options.warn("writing LAS 1." + std::to_string(minor) + " point format " +
@@ -353,6 +362,11 @@ WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const La
   h.recordLength = static_cast<std::uint16_t>(recordLength);
 
   setExtraBytes(info, std::move(extras));
+  // COPC keeps its coordinate system as WKT: the flag says so when the grid carries one.
+  if (copc && std::any_of(info.vlrs.begin(), info.vlrs.end(), [](const Vlr& v) {
+        return v.userId == "LASF_Projection" && v.recordId == 2112;
+      }))
+    h.globalEncoding = static_cast<std::uint16_t>(h.globalEncoding | 16);
   plan.info = std::move(info);
   return plan;
 }

@@ -1,4 +1,5 @@
 // Quorvel: writing point-cloud grids as LAS, fragment arrays encoded straight into the records.
+#include "io/detail/Copc.hpp"
 #include "io/detail/LasFormats.hpp"
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasOutput.hpp"
@@ -34,6 +35,34 @@ bool isLazPath(const std::string& path) {
   std::transform(ext.begin(), ext.end(), ext.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return ext == ".laz";
+}
+
+// The compressed point data of n records (as head.size() places it) and, for COPC, the hierarchy
+// EVLR put before the others and the info record written into head, the first VLR.
+std::vector<std::uint8_t> compress(const std::string& path, const std::uint8_t* records,
+                                   std::size_t n, const Header& h, const Laz::Description& d,
+                                   std::vector<std::uint8_t>& head, std::vector<Vlr>& evlrs) {
+  try {
+    if (!Copc::isCopcPath(path))
+      return Laz::encode(records, n, h.recordLength, d, head.size());
+    Copc::Encoded copc = Copc::encodePoints(records, n, h.recordLength, h, d, head.size());
+    copc.info.rootPageOffset = head.size() + copc.pointData.size() + EvlrHeaderSize;
+    copc.info.rootPageSize = copc.page.size();
+    const auto info = Copc::encodeInfo(copc.info);
+    std::copy(info.begin(), info.end(), head.begin() + Copc::InfoOffset);
+    Vlr hierarchy{0, "copc", Copc::HierarchyRecordId, "COPC hierarchy", std::move(copc.page)};
+    evlrs.insert(evlrs.begin(), std::move(hierarchy));
+    return std::move(copc.pointData);
+  } catch (const Error&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    throw Error(path + ": " + e.what());
+  }
+}
+
+// The "copc info" record, its data filled in once the point data is written.
+Vlr copcInfoRecord() {
+  return {0, "copc", Copc::InfoRecordId, "COPC info", std::vector<std::uint8_t>(Copc::InfoSize, 0)};
 }
 
 // One value encoded into the record: a whole number of bytes, or bits of a byte.
@@ -104,17 +133,22 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   const std::vector<ExtraBytes>& extras = plan.info.extraBytes;
   // LAZ by the name: the records are compressed in chunks, described by a "laszip encoded" VLR.
   const bool laz = isLazPath(path);
+  // COPC: variable chunks, one per node of its octree, and its info record first of all.
+  const bool copc = Copc::isCopcPath(path);
   Laz::Description compression;
   std::vector<Vlr> vlrs = plan.info.vlrs;
+  if (copc)
+    vlrs.insert(vlrs.begin(), copcInfoRecord());
   if (laz) {
     try {
-      vlrs.push_back(
-          Laz::laszipRecord(chosen, h.recordLength - f.length, LazChunkPoints, compression));
+      vlrs.push_back(Laz::laszipRecord(chosen, h.recordLength - f.length,
+                                       copc ? Laz::Description::VariableChunks : LazChunkPoints,
+                                       compression));
     } catch (const std::runtime_error& e) {
       throw Error(path + ": " + e.what());
     }
   }
-  const std::vector<Vlr>& evlrs = plan.info.evlrs;
+  std::vector<Vlr> evlrs = plan.info.evlrs;
   const std::size_t recordLength = h.recordLength;
   const auto rgbSource = sourceOf(grid, "RGB", layout, path);
 
@@ -156,9 +190,6 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   }
   if (head.size() > std::numeric_limits<std::uint32_t>::max())
     throw Error(path + ": the VLRs are too long");
-  std::vector<std::uint8_t> tail;
-  for (const Vlr& v : evlrs)
-    encodeRecord(v, true, tail);
   const std::size_t recordBytes = n * recordLength;
 
   // Records in file order go out in blocks of about 1 MB that stay in cache; placed ones (after
@@ -230,16 +261,14 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   percent.finish();
   std::uint64_t pointBytes = recordBytes;
   if (laz) {
-    std::vector<std::uint8_t> data;
-    try {
-      data = Laz::encode(records.get(), n, recordLength, compression, head.size());
-    } catch (const std::runtime_error& e) {
-      throw Error(path + ": " + e.what());
-    }
+    const auto data = compress(path, records.get(), n, h, compression, head, evlrs);
     out.write(data.data(), data.size());
     pointBytes = data.size();
   } else
     out.write(records.get(), (streaming ? filled : n) * recordLength);
+  std::vector<std::uint8_t> tail;
+  for (const Vlr& v : evlrs)
+    encodeRecord(v, true, tail);
   out.write(tail.data(), tail.size());
 
   // The header, now that the records tell the bounds and the counts per return.
@@ -248,7 +277,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   raw.header.waveformStart =
       origin && h.waveformStart != 0 && h.waveformStart == h.evlrOffset ? evlrOffset : 0;
   encodeHeader(raw, head.data());
-  out.writeAt(0, head.data(), raw.header.headerSize);
+  out.writeAt(0, head.data(), head.size()); // the VLRs too: COPC's info is known only now
   out.commit();
 }
 

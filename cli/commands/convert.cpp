@@ -10,7 +10,8 @@ public:
   void addOptions(CLI::App& app) override {
     app.add_option("IN", in_, "a LAS, LAZ or bundle file")->required();
     app.add_option("OUT", out_,
-                   "the file to write: .h5 or .hdf5 for a bundle, .las for LAS, .laz for LAZ")
+                   "the file to write: .h5 or .hdf5 for a bundle, .las for LAS, .laz for LAZ, "
+                   ".copc.laz for COPC")
         ->required()
         ->check(outputFile());
     addWriteOptions(app, write_);

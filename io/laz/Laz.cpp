@@ -105,23 +105,25 @@ void appendChunkTable(std::vector<std::uint8_t>& out, const std::vector<Chunk>& 
 }
 
 std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
-                                                    std::uint64_t count, std::size_t recordLength,
-                                                    const Description& d,
-                                                    std::uint64_t chunkPoints) {
-  const std::size_t chunks = static_cast<std::size_t>((count + chunkPoints - 1) / chunkPoints);
-  std::vector<std::vector<std::uint8_t>> coded(chunks);
+                                                    const std::vector<std::uint64_t>& chunkPoints,
+                                                    std::size_t recordLength,
+                                                    const Description& d) {
+  std::vector<std::uint64_t> first(chunkPoints.size(), 0);
+  for (std::size_t k = 1; k < first.size(); ++k)
+    first[k] = first[k - 1] + chunkPoints[k - 1];
+  std::vector<std::vector<std::uint8_t>> coded(chunkPoints.size());
   std::string problem;
   std::mutex mutex;
 #pragma omp parallel for schedule(dynamic, 1)
-  for (long long k = 0; k < static_cast<long long>(chunks); ++k) {
-    const std::uint64_t first = static_cast<std::uint64_t>(k) * chunkPoints;
+  for (long long k = 0; k < static_cast<long long>(coded.size()); ++k) {
+    const auto K = static_cast<std::size_t>(k);
     try {
-      const auto points = static_cast<std::uint32_t>(std::min(chunkPoints, count - first));
-      auto& chunk = coded[static_cast<std::size_t>(k)];
+      const std::uint8_t* from = records + first[K] * recordLength;
+      const auto points = static_cast<std::uint32_t>(chunkPoints[K]);
       if (d.compressor == Compressor::LayeredChunked)
-        encodeLayeredChunk(records + first * recordLength, points, d.items, recordLength, chunk);
+        encodeLayeredChunk(from, points, d.items, recordLength, coded[K]);
       else
-        encodePointwiseChunk(records + first * recordLength, points, d.items, recordLength, chunk);
+        encodePointwiseChunk(from, points, d.items, recordLength, coded[K]);
     } catch (const std::exception& e) {
       const std::lock_guard<std::mutex> lock(mutex);
       problem = e.what();
@@ -132,19 +134,38 @@ std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
   return coded;
 }
 
+std::vector<std::uint64_t> chunkSizes(std::uint64_t count, std::uint64_t chunkPoints) {
+  std::vector<std::uint64_t> sizes(
+      static_cast<std::size_t>((count + chunkPoints - 1) / chunkPoints), chunkPoints);
+  if (!sizes.empty())
+    sizes.back() = count - (sizes.size() - 1) * chunkPoints;
+  return sizes;
+}
+
 std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
                                  std::size_t recordLength, const Description& d,
                                  std::uint64_t pointOffset) {
-  const auto coded = encodeChunks(records, count, recordLength, d, d.chunkSize);
+  std::vector<Chunk> chunks;
+  return encode(records, chunkSizes(count, d.chunkSize), recordLength, d, pointOffset, chunks);
+}
+
+std::vector<std::uint8_t> encode(const std::uint8_t* records,
+                                 const std::vector<std::uint64_t>& chunkPoints,
+                                 std::size_t recordLength, const Description& d,
+                                 std::uint64_t pointOffset, std::vector<Chunk>& chunks) {
+  const auto coded = encodeChunks(records, chunkPoints, recordLength, d);
+  chunks.assign(chunkPoints.size(), Chunk{});
   std::vector<std::uint8_t> out(8);
-  for (const auto& c : coded)
-    out.insert(out.end(), c.begin(), c.end());
+  for (std::size_t k = 0; k < coded.size(); ++k) {
+    chunks[k].firstPoint = k ? chunks[k - 1].firstPoint + chunkPoints[k - 1] : 0;
+    chunks[k].points = chunkPoints[k];
+    chunks[k].start = pointOffset + out.size();
+    chunks[k].bytes = coded[k].size();
+    out.insert(out.end(), coded[k].begin(), coded[k].end());
+  }
   const std::int64_t tableAt = static_cast<std::int64_t>(pointOffset + out.size());
   std::memcpy(out.data(), &tableAt, 8);
-  std::vector<Chunk> table(coded.size());
-  for (std::size_t k = 0; k < coded.size(); ++k)
-    table[k].bytes = coded[k].size();
-  appendChunkTable(out, table, false);
+  appendChunkTable(out, chunks, d.chunkSize == Description::VariableChunks);
   return out;
 }
 

@@ -110,16 +110,25 @@ private:
 // format the encoder does not write.
 Las::Vlr laszipRecord(int format, std::size_t extraBytes, std::uint32_t chunkSize, Description& d);
 
-// Records in chunks of chunkPoints (the last one shorter), each chunk encoded, in parallel.
+// Records in chunks of the given point counts, one after another, each chunk encoded, in
+// parallel.
 std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
-                                                    std::uint64_t count, std::size_t recordLength,
-                                                    const Description& d,
-                                                    std::uint64_t chunkPoints);
+                                                    const std::vector<std::uint64_t>& chunkPoints,
+                                                    std::size_t recordLength, const Description& d);
+// count points in chunks of chunkPoints, the last one shorter.
+std::vector<std::uint64_t> chunkSizes(std::uint64_t count, std::uint64_t chunkPoints);
 
 // The point data of a LAZ file whose points start at byte pointOffset: the offset of the chunk
 // table, the chunks (encoded in parallel) and the chunk table.
 std::vector<std::uint8_t> encode(const std::uint8_t* records, std::uint64_t count,
                                  std::size_t recordLength, const Description& d,
                                  std::uint64_t pointOffset);
+// The same with chunks of the given point counts (each below 2^32, as the chunk table stores
+// them), in order; chunks receives each chunk's first point, points, start in the file and bytes.
+// With variable chunks (d.chunkSize == VariableChunks) the chunk table holds the counts too.
+std::vector<std::uint8_t> encode(const std::uint8_t* records,
+                                 const std::vector<std::uint64_t>& chunkPoints,
+                                 std::size_t recordLength, const Description& d,
+                                 std::uint64_t pointOffset, std::vector<Chunk>& chunks);
 
 } // namespace Quorvel::Laz
