@@ -46,6 +46,10 @@ struct Tile {
   std::unique_ptr<Las::Writer> writer;
   std::string path;
   std::uint64_t core = 0; // points of the tile's own square
+  // The records of the batch in hand that go to this tile, and whether each is a buffer point;
+  // gathered and appended in one piece once the batch is sorted out.
+  std::vector<std::uint32_t> records;
+  std::vector<std::uint8_t> buffer;
 };
 
 class TileCommand final : public Command {
@@ -78,8 +82,9 @@ private:
   void prepareFolder();
   std::string nameOf(std::int64_t i, std::int64_t j) const;
   Tile& tileAt(std::int64_t i, std::int64_t j);
-  void put(const std::uint8_t* record, std::int64_t i, std::int64_t j, bool buffer);
-  void spread(const std::uint8_t* record, double x, double y, std::int64_t i, std::int64_t j);
+  void put(std::uint32_t record, std::int64_t i, std::int64_t j, bool buffer);
+  void spread(std::uint32_t record, double x, double y, std::int64_t i, std::int64_t j);
+  void gather(const std::uint8_t* records);
   void flushAll();
   void finishAll(const Host& host);
 
@@ -91,6 +96,9 @@ private:
   std::size_t length_ = 0, inLength_ = 0;
   std::vector<std::uint8_t> scratch_;
   std::map<std::pair<std::int64_t, std::int64_t>, Tile> tiles_;
+  std::vector<Tile*> touched_; // the tiles of the batch in hand
+  Tile* last_ = nullptr;
+  std::pair<std::int64_t, std::int64_t> lastKey_;
   int decimals_ = 0;
   bool madeFolder_ = false;
 };
@@ -134,19 +142,38 @@ Tile& TileCommand::tileAt(std::int64_t i, std::int64_t j) {
   return tile;
 }
 
-void TileCommand::put(const std::uint8_t* record, std::int64_t i, std::int64_t j, bool buffer) {
-  Tile& tile = tileAt(i, j);
-  tile.core += buffer ? 0 : 1;
-  if (buffer_ <= 0)
-    return tile.writer->append(record, 1);
-  std::memcpy(scratch_.data(), record, inLength_);
-  scratch_[inLength_] = buffer ? 1 : 0;
-  tile.writer->append(scratch_.data(), 1);
+void TileCommand::put(std::uint32_t record, std::int64_t i, std::int64_t j, bool buffer) {
+  // Neighbouring records mostly share a tile: the last one found is tried first.
+  if (!last_ || lastKey_ != std::pair{i, j}) {
+    last_ = &tileAt(i, j);
+    lastKey_ = {i, j};
+  }
+  if (last_->records.empty())
+    touched_.push_back(last_);
+  last_->records.push_back(record);
+  last_->buffer.push_back(buffer ? 1 : 0);
+  last_->core += buffer ? 0 : 1;
+}
+
+// Appends to every tile the records of the batch that went to it, in one piece.
+void TileCommand::gather(const std::uint8_t* records) {
+  for (Tile* tile : touched_) {
+    scratch_.resize(tile->records.size() * length_);
+    std::uint8_t* to = scratch_.data();
+    for (std::size_t k = 0; k < tile->records.size(); ++k, to += length_) {
+      std::memcpy(to, records + std::size_t(tile->records[k]) * inLength_, inLength_);
+      if (length_ > inLength_)
+        to[inLength_] = tile->buffer[k];
+    }
+    tile->writer->append(scratch_.data(), tile->records.size());
+    tile->records.clear();
+    tile->buffer.clear();
+  }
+  touched_.clear();
 }
 
 // Puts a point into the tiles whose grown squares hold it besides its own (i, j).
-void TileCommand::spread(const std::uint8_t* record, double x, double y, std::int64_t i,
-                         std::int64_t j) {
+void TileCommand::spread(std::uint32_t record, double x, double y, std::int64_t i, std::int64_t j) {
   const double ox = origin_[0], oy = origin_[1], s = size_, b = buffer_;
   for (std::int64_t p = cellOf(x - b, ox, s) - 1; p <= cellOf(x + b, ox, s); ++p) {
     const double cx = ox + static_cast<double>(p) * s;
@@ -229,10 +256,12 @@ int TileCommand::run(const Host& host) {
         const double x = raw[0] * h.scale[0] + h.offset[0];
         const double y = raw[1] * h.scale[1] + h.offset[1];
         const std::int64_t i = cellOf(x, origin_[0], size_), j = cellOf(y, origin_[1], size_);
-        put(r, i, j, false);
+        const auto record = static_cast<std::uint32_t>(k);
+        put(record, i, j, false);
         if (buffer_ > 0)
-          spread(r, x, y, i, j);
+          spread(record, x, y, i, j);
       }
+      gather(records);
       points += n;
       std::size_t pending = 0;
       for (const auto& [key, tile] : tiles_)
