@@ -403,12 +403,13 @@ def boxes(case, xyz):
     inner = (lines[0][2], lines[1][1], lines[0][-3], lines[1][-2])
     z = np.sort(xyz[box_mask(xyz, inner), 2])
     lo, hi = xyz.min(axis=0).tolist(), xyz.max(axis=0).tolist()
-    return {
+    made = {
         "edges-on-points": (lines[0][1], lines[1][2], lines[0][-2], lines[1][-3]),
         "with-heights": inner + (z[len(z) // 4], z[len(z) * 3 // 4]),
         "empty": (hi[0] + 1, lo[1], hi[0] + 5, hi[1]),
         "exact-bounds": tuple(lo[:2] + hi[:2] + [lo[2], hi[2]]),
     }
+    return {name: tuple(map(float, box)) for name, box in made.items()}
 
 
 def box_mask(xyz, box):
