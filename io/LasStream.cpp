@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <omp.h>
 #include <set>
 
 namespace Quorvel::Las {
@@ -14,7 +15,7 @@ namespace {
 
 // Bytes of records a batch holds: large enough that the per-batch work is lost in the records'
 // own, small enough to stay far below any file's size.
-constexpr std::size_t BatchBytes = std::size_t(32) << 20;
+constexpr std::size_t BatchBytes = std::size_t(8) << 20;
 
 } // namespace
 
@@ -56,7 +57,9 @@ Batch Reader::Impl::chunks() {
   const auto& all = in.laz->chunks();
   std::vector<std::size_t> group;
   std::uint64_t points = 0;
-  while (nextChunk < order.size() && (group.empty() || points * length < BatchBytes)) {
+  // At least a chunk per thread, so that every thread decodes.
+  const auto threads = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
+  while (nextChunk < order.size() && (group.size() < threads || points * length < BatchBytes)) {
     group.push_back(order[nextChunk++]);
     points += all[group.back()].points;
   }
@@ -136,8 +139,11 @@ Batch Reader::next() {
   m.passed.clear();
   for (;;) {
     const bool more = m.in.laz ? m.nextChunk < m.order.size() : m.nextPoint < m.in.pointCount;
-    if (!more)
+    if (!more) { // a reader read to its end keeps no memory while others go on
+      m.decoded = {};
+      m.kept = {};
       return {};
+    }
     const Batch all = m.in.laz ? m.chunks() : m.records();
     if (!m.box)
       return all;

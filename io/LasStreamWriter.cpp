@@ -17,7 +17,7 @@ using namespace detail;
 // Points per chunk of a LAZ file, as LASzip writes them.
 constexpr std::uint32_t ChunkPoints = 50000;
 // Bytes of LAS records gathered before they are written.
-constexpr std::size_t WriteBytes = std::size_t(1) << 20;
+constexpr std::size_t WriteBytes = std::size_t(256) << 10;
 
 bool endsWithLaz(const std::string& path) {
   std::string ext = std::filesystem::path(path).extension().string();

@@ -17,7 +17,7 @@ bool endsWith(std::string text, const std::string& end) {
 class Merge final : public Command {
 public:
   void addOptions(CLI::App& app) override {
-    app.add_option("IN", inputs_, "LAS or LAZ files")->required()->check(CLI::ExistingFile);
+    app.add_option("IN", inputs_, "LAS or LAZ files")->required();
     app.add_option("-o,--output", output_,
                    "the file to write: .las, .laz, or .copc.laz for COPC; it takes the header, "
                    "scale, offset and coordinate system of the first input")

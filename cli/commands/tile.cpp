@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 // Records waiting in the tiles' writers, all together, before they are written out: memory
 // stays bounded however many tiles there are.
-constexpr std::size_t PendingBytes = std::size_t(48) << 20;
+constexpr std::size_t PendingBytes = std::size_t(16) << 20;
 
 // The tile k of a line cut into cells of size from origin: origin + k * size <= v <
 // origin + (k + 1) * size, with the edges computed as the file names give them.
@@ -55,7 +55,7 @@ struct Tile {
 class TileCommand final : public Command {
 public:
   void addOptions(CLI::App& app) override {
-    app.add_option("IN", inputs_, "LAS or LAZ files")->required()->check(CLI::ExistingFile);
+    app.add_option("IN", inputs_, "LAS or LAZ files")->required();
     app.add_option("-o,--output", folder_,
                    "the folder of the tiles (made when missing), named X_Y.EXT by their "
                    "lower-left corners")
@@ -116,9 +116,10 @@ void TileCommand::prepareFolder() {
 }
 
 std::string TileCommand::nameOf(std::int64_t i, std::int64_t j) const {
+  // Each corner with the decimals it needs, at most those of the size and origin.
   const auto corner = [this](double origin, std::int64_t k) {
     const double v = origin + static_cast<double>(k) * size_;
-    return Basalt::format("%.*f", decimals_, v == 0 ? 0.0 : v);
+    return Basalt::format("%.*f", std::min(decimalsOf(v), decimals_), v == 0 ? 0.0 : v);
   };
   const std::string format = format_ == "copc" ? "las" : format_; // COPC made from LAS at the end
   return (fs::path(folder_) /
