@@ -5,6 +5,7 @@
 #include "basalt/Text.hpp"
 #include "cli/commands/command.hpp"
 #include "io/raster.hpp"
+#include "io/stream.hpp"
 #include "tressel/BoundingBoxes.hpp"
 
 #include <nlohmann/json.hpp>
@@ -192,6 +193,18 @@ Json describe(const std::string& path, const Host& host) {
   return describeCloud(path, *cloud.grid);
 }
 
+// A LAS or LAZ file from its header alone: no pass over the records.
+Json describeHeader(const std::string& path) {
+  const Las::Reader reader(path, readWarnings(path));
+  const Las::FileInfo& i = reader.info();
+  const Las::Header& h = i.header;
+  return {{"file", path},
+          {"type", reader.compressed() ? "laz" : "las"},
+          {"points", h.pointCount},
+          {"bbox", h.pointCount > 0 ? bounds(h.min, h.max) : Json(nullptr)},
+          {"crs", coordinateSystem(Raster::coordinateSystemOf(h, i.vlrs, i.evlrs))}};
+}
+
 // ---- Operands -------------------------------------------------------------------------------
 
 bool isPointFile(const std::filesystem::path& path) {
@@ -332,6 +345,52 @@ void printRaster(const Json& d) {
   printFields(d["fields"]);
 }
 
+// One line of a file: "FILE: TYPE, N points, bbox ..., crs ...".
+void printBrief(const Json& d) {
+  std::cout << text(d["file"]) << ": " << text(d["type"]) << ", "
+            << d.value("points", std::uint64_t{0}) << " points";
+  if (d.contains("cells"))
+    std::cout << ", " << d["cells"] << " cells";
+  if (!d["bbox"].is_null())
+    std::cout << ", bbox " << box(d["bbox"]);
+  if (d.contains("crs") && !d["crs"].is_null())
+    std::cout << ", crs " << text(d["crs"]["name"]);
+  std::cout << "\n";
+}
+
+// The line after several files: their points and cells, the bounds of them all and their
+// classes (where the files were read through, not from headers alone).
+void printTotal(const Json& described) {
+  std::uint64_t points = 0, cells = 0;
+  Json all = nullptr;
+  std::array<std::uint64_t, 256> classes{};
+  bool counted = false;
+  for (const Json& d : described) {
+    points += d.value("points", std::uint64_t{0});
+    cells += d.value("cells", std::uint64_t{0});
+    if (d.contains("bbox") && !d["bbox"].is_null()) {
+      if (all.is_null())
+        all = d["bbox"];
+      for (std::size_t a = 0; a < 3; ++a) {
+        all["min"][a] = std::min(all["min"][a].get<double>(), d["bbox"]["min"][a].get<double>());
+        all["max"][a] = std::max(all["max"][a].get<double>(), d["bbox"]["max"][a].get<double>());
+      }
+    }
+    if (d.contains("classes") && d["classes"].is_object()) {
+      counted = true;
+      for (const auto& [value, n] : d["classes"].items())
+        classes[std::stoul(value)] += n.get<std::uint64_t>();
+    }
+  }
+  std::cout << "total: " << described.size() << " files, " << points << " points"
+            << (cells > 0 ? ", " + std::to_string(cells) + " cells" : std::string());
+  if (!all.is_null())
+    std::cout << ", bbox " << box(all);
+  if (counted)
+    std::cout << ", classes" << counts(countsByValue(classes));
+  std::cout << "\n";
+}
+
 void printText(const Json& d) {
   std::cout << "file: " << text(d["file"]) << "\n";
   const std::string type = d["type"];
@@ -373,6 +432,9 @@ public:
                    "files, by name)")
         ->required();
     app.add_flag("--json", json_, "one JSON document: an object, or an array for several files");
+    app.add_flag("--brief", brief_,
+                 "one line per file (type, points, bounds, CRS), LAS and LAZ files from their "
+                 "headers alone, then the total for several files");
   }
 
   int run(const Host& host) override {
@@ -387,7 +449,9 @@ public:
     }
     Json described = Json::array();
     for (const std::string& file : files)
-      described.push_back(describe(file, host));
+      described.push_back(brief_ && !isBundle(file) && !Raster::isRasterFile(file)
+                              ? describeHeader(file)
+                              : describe(file, host));
     if (json_) {
       // Texts of the file (record descriptions) need not be UTF-8; JSON must be.
       std::cout << (described.size() == 1 ? described[0] : described)
@@ -395,22 +459,24 @@ public:
                 << "\n";
       return 0;
     }
-    std::uint64_t points = 0, cells = 0;
     for (std::size_t k = 0; k < described.size(); ++k) {
+      if (brief_) {
+        printBrief(described[k]);
+        continue;
+      }
       std::cout << (k > 0 ? "\n" : "");
       printText(described[k]);
-      points += described[k].value("points", std::uint64_t{0});
-      cells += described[k].value("cells", std::uint64_t{0});
     }
-    if (described.size() > 1)
-      std::cout << "\ntotal: " << described.size() << " files, " << points << " points"
-                << (cells > 0 ? ", " + std::to_string(cells) + " cells" : std::string()) << "\n";
+    if (described.size() > 1) {
+      std::cout << (brief_ ? "" : "\n");
+      printTotal(described);
+    }
     return 0;
   }
 
 private:
   std::vector<std::string> operands_;
-  bool json_ = false;
+  bool json_ = false, brief_ = false;
 };
 
 } // namespace

@@ -129,9 +129,13 @@ quorvel(0 "crs: NAD83(2011) / Nebraska (ftUS) (EPSG:6880)\ncrs unit: US survey f
 # The records' return numbers are shown beside the header's where they differ.
 quorvel(0 "points by return: 1:0 2:0 3:0 4:0 5:0\npoints by return (counted): 1:14272 2:130 3:5 4:1\n"
         info ${data}/sample_nc.las)
-# Several files: blocks apart, then the total; a directory: its LAS, LAZ and bundle files by name.
-quorvel(0 "density: 2.307 points per square unit\n\ntotal: 2 files, 15473 points\n" info
+# Several files: blocks apart, then the total (the bounds of all, the classes added up); a
+# directory: its LAS, LAZ and bundle files by name.
+quorvel(0 "density: 2.307 points per square unit\n\ntotal: 2 files, 15473 points, bbox 635619.850 848899.700 406.590 - 674605.320 1206814.960 656.230, classes 1:789 2:1644 3:93 4:29 5:7 6:12525 11:2 14:45 31:339\n" info
         ${data}/simple.laz ${data}/sample_c.las)
+# --brief: one line per file from its header, then the total without classes (never counted).
+quorvel(0 "${data}/simple.laz: laz, 1065 points, bbox 635619.850 848899.700 406.590 - 638982.550 853535.430 586.380\n${data}/nebraska_wkt_geotiff.las: las, 25408 points, bbox 2445180.000 604300.000 1352.700 - 2445239.990 604339.980 1403.960, crs NAD83(2011) / Nebraska (ftUS)\ntotal: 2 files, 26473 points, bbox 635619.850 604300.000 406.590 - 2445239.990 853535.430 1403.960\n"
+        info --brief ${data}/simple.laz ${data}/nebraska_wkt_geotiff.las)
 file(MAKE_DIRECTORY ${WORK_DIR}/clouds ${WORK_DIR}/nothing)
 file(COPY ${data}/sample_c_thin.las ${data}/simple.laz DESTINATION ${WORK_DIR}/clouds)
 file(WRITE ${WORK_DIR}/clouds/notes.txt "not a cloud\n")
@@ -139,7 +143,7 @@ file(WRITE ${WORK_DIR}/nothing/notes.txt "not a cloud\n")
 quorvel(0 "file: ${WORK_DIR}/clouds/sample_c_thin.las\n" info ${WORK_DIR}/clouds)
 string(REGEX MATCHALL "file: [^\n]*" listed "${quorvel_output}")
 if(NOT listed STREQUAL "file: ${WORK_DIR}/clouds/sample_c_thin.las;file: ${WORK_DIR}/clouds/simple.laz"
-   OR NOT quorvel_output MATCHES "total: 2 files, 3797 points\n$")
+   OR NOT quorvel_output MATCHES "total: 2 files, 3797 points, bbox [^\n]*, classes [^\n]*\n$")
   message(FATAL_ERROR "info of a directory:\n${quorvel_output}")
 endif()
 quorvel(1 "quorvel: error: ${WORK_DIR}/nothing: no LAS, LAZ or bundle files" info
