@@ -1,7 +1,9 @@
-// Fuzz target: LAS files read whole, read in tiles, and summarised, as the host reads them.
+// Fuzz target: LAS files read whole, read in tiles, summarised, and read in batches by box (a COPC
+// file's hierarchy then chooses the chunks), as the host reads them.
 #include "fuzz/FuzzInput.hpp"
 
 #include "io/las.hpp"
+#include "io/stream.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Quorvel::Fuzz::MemoryFile file(data, size);
@@ -14,6 +16,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       (void)Quorvel::Las::read(file.path(), tile);
     } catch (const Quorvel::Las::Error&) {
     }
+  }
+  try {
+    Quorvel::Las::Reader reader(file.path());
+    const auto& h = reader.info().header;
+    reader.restrict({h.min[0], h.min[1], (h.min[0] + h.max[0]) / 2, h.max[1], std::nullopt});
+    while (reader.next().count > 0) {
+    }
+  } catch (const Quorvel::Las::Error&) {
   }
   return 0;
 }
