@@ -25,18 +25,11 @@ namespace {
 
 // The box of --box from its 4 or 6 numbers.
 Las::Box boxOf(const std::vector<double>& v) {
-  if (v.size() != 4 && v.size() != 6)
-    throw CLI::ValidationError("--box", "takes X0,Y0,X1,Y1 or X0,Y0,X1,Y1,Z0,Z1, not " +
-                                            std::to_string(v.size()) + " numbers");
-  for (const double x : v)
-    if (!std::isfinite(x))
-      throw CLI::ValidationError("--box", "takes finite numbers");
-  if (v[0] > v[2] || v[1] > v[3] || (v.size() == 6 && v[4] > v[5]))
-    throw CLI::ValidationError("--box", "needs each lower edge at or below the upper one");
-  Las::Box box{v[0], v[1], v[2], v[3], std::nullopt};
-  if (v.size() == 6)
-    box.z = std::array<double, 2>{v[4], v[5]};
-  return box;
+  try {
+    return Las::boxOf(v);
+  } catch (const std::invalid_argument& e) {
+    throw CLI::ValidationError("--box", e.what());
+  }
 }
 
 } // namespace

@@ -224,6 +224,13 @@ std::optional<CoordinateSystem> coordinateSystemOf(const Las::Header& header,
   return cs ? cs : (wktCounts ? fromKeys() : fromWkt());
 }
 
+std::string coordinateSystemKey(const Las::FileInfo& info) {
+  const auto cs = coordinateSystemOf(info.header, info.vlrs, info.evlrs);
+  if (!cs)
+    return "no coordinate system";
+  return cs->epsg ? "EPSG:" + std::to_string(cs->epsg) + " (" + cs->name + ")" : cs->wkt;
+}
+
 std::string coordinateSystemOf(const Tressel::Grid& cloud) {
   const auto info = Las::fileInfo(cloud);
   const auto cs = info ? coordinateSystemOf(info->header, info->vlrs, info->evlrs) : std::nullopt;

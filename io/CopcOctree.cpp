@@ -20,7 +20,7 @@ constexpr int Cells = 128;   // cells per axis of a node's sampling grid
 constexpr int CellBits = 7;  // log2(Cells)
 constexpr int MaxLevel = 14; // the deepest level: 2^21 finest cells per axis
 constexpr int FineBits = MaxLevel + CellBits;
-constexpr std::uint64_t NodePoints = 20000;  // the most points a node keeps above MaxLevel
+constexpr std::uint64_t NodePoints = 20000; // the most points a node keeps above MaxLevel
 
 struct Coded {
   std::uint64_t code; // Morton code of the point's finest cell: x, y, z bits interleaved

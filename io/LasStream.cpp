@@ -8,6 +8,7 @@
 #include <cstring>
 #include <omp.h>
 #include <set>
+#include <stdexcept>
 
 namespace Quorvel::Las {
 
@@ -18,6 +19,20 @@ namespace {
 constexpr std::size_t BatchBytes = std::size_t(8) << 20;
 
 } // namespace
+
+Box boxOf(const std::vector<double>& v) {
+  if (v.size() != 4 && v.size() != 6)
+    throw std::invalid_argument("takes X0,Y0,X1,Y1 or X0,Y0,X1,Y1,Z0,Z1, not " +
+                                std::to_string(v.size()) + " numbers");
+  if (!std::all_of(v.begin(), v.end(), [](double x) { return std::isfinite(x); }))
+    throw std::invalid_argument("takes finite numbers");
+  if (v[0] > v[2] || v[1] > v[3] || (v.size() == 6 && v[4] > v[5]))
+    throw std::invalid_argument("needs each lower edge at or below the upper one");
+  Box box{v[0], v[1], v[2], v[3], std::nullopt};
+  if (v.size() == 6)
+    box.z = std::array<double, 2>{v[4], v[5]};
+  return box;
+}
 
 struct Reader::Impl {
   Impl(const std::string& p, const Warn& warn) : in(p, true, warn), path(p) {

@@ -55,6 +55,11 @@ std::optional<CoordinateSystem> coordinateSystemOf(const Las::Header& header,
                                                    const std::vector<Las::Vlr>& vlrs,
                                                    const std::vector<Las::Vlr>& evlrs);
 
+// What tells the coordinate system of a LAS file apart, the same for files of one system however
+// their records write it: "EPSG:2229 (NAD83 / California zone 5 (ftUS))", the WKT of a system
+// without an EPSG code, or "no coordinate system".
+std::string coordinateSystemKey(const Las::FileInfo& info);
+
 // The coordinate system of a cloud read from LAS, as WKT (see above); empty when unknown.
 std::string coordinateSystemOf(const Tressel::Grid& cloud);
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Quorvel::Las {
 
@@ -22,6 +23,10 @@ struct Box {
     return x >= x0 && x <= x1 && y >= y0 && y <= y1 && (!z || (zz >= (*z)[0] && zz <= (*z)[1]));
   }
 };
+
+// The box of 4 numbers, x0, y0, x1, y1, or 6 with z0, z1; throws std::invalid_argument saying
+// what is wrong: another count, a number that is not finite, a lower edge above its upper one.
+Box boxOf(const std::vector<double>& values);
 
 // Records of a file, one after another, recordLength bytes each, as the file holds them (a LAZ
 // file's decoded); valid until the reader's next call.

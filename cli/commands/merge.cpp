@@ -1,8 +1,6 @@
-// quorvel merge: LAS and LAZ files joined into one, streamed record by record.
+// quorvel merge: LAS and LAZ files of any size joined into one.
 #include "cli/commands/command.hpp"
-#include "cli/commands/las_inputs.hpp"
-
-#include <filesystem>
+#include "cli/commands/streams.hpp"
 
 namespace Quorvel::Cli {
 
@@ -29,26 +27,7 @@ public:
     if (!endsWith(output_, ".las") && !endsWith(output_, ".laz"))
       throw Error(output_ + ": merge writes LAS (.las), LAZ (.laz) or COPC (.copc.laz)");
     checkOutput(output_);
-    LasInputs inputs(inputs_, host.common().box);
-    // COPC orders the points by an octree of them all: they are merged into a LAZ file first.
-    const bool copc = endsWith(output_, ".copc.laz");
-    const std::string target = copc ? output_ + ".merged.laz" : output_;
-    std::uint64_t points = 0;
-    {
-      Las::Writer out(target, inputs.first());
-      inputs.forEachBatch([&](const std::string&, const std::uint8_t* records, std::size_t n) {
-        out.append(records, n);
-        points += n;
-      });
-      out.finish();
-    }
-    if (copc) {
-      struct Removed {
-        std::string path;
-        ~Removed() { std::filesystem::remove(path); }
-      } merged{target};
-      host.save(output_, host.load(target));
-    }
+    const std::uint64_t points = Las::merge(inputs_, output_, streamSettings(host.common()));
     host.summary("merge", points, std::to_string(inputs_.size()) + " files");
     return 0;
   }

@@ -202,6 +202,16 @@ Las::Warn readWarnings(const std::string& path) {
   return [path](const std::string& text) { std::cerr << path << ": warning: " << text << "\n"; };
 }
 
+std::optional<Las::Box> boxOf(const std::optional<std::vector<double>>& values) {
+  if (!values)
+    return std::nullopt;
+  try {
+    return Las::boxOf(*values);
+  } catch (const std::invalid_argument& e) {
+    raiseValue(std::string("box ") + e.what());
+  }
+}
+
 Las::WriteOptions writeOptions(const std::string& path) {
   Las::WriteOptions options;
   options.warn = [path](const std::string& text) { std::cerr << path << ": " << text << "\n"; };
@@ -211,20 +221,11 @@ Las::WriteOptions writeOptions(const std::string& path) {
 namespace {
 
 // read(path, box=...): the points of a LAS or LAZ file inside the box.
-Cloud readBox(const std::string& path, std::size_t fragmentPoints, const std::vector<double>& v) {
-  if (v.size() != 4 && v.size() != 6)
-    raiseValue("box takes (x0, y0, x1, y1) or (x0, y0, x1, y1, z0, z1), not " +
-               std::to_string(v.size()) + " numbers");
-  if (!std::all_of(v.begin(), v.end(), [](double x) { return std::isfinite(x); }) || v[0] > v[2] ||
-      v[1] > v[3] || (v.size() == 6 && v[4] > v[5]))
-    raiseValue("box needs finite numbers, each lower edge at or below the upper one");
+Cloud readBox(const std::string& path, std::size_t fragmentPoints, const Las::Box& box) {
   if (fragmentPoints > 0)
     raiseValue("box reads one fragment: it does not go with fragment_points");
   if (Files::isBundle(path) || !Files::isCloudFile(path))
     raiseValue(path + ": box reads LAS and LAZ files only");
-  Las::Box box{v[0], v[1], v[2], v[3], std::nullopt};
-  if (v.size() == 6)
-    box.z = std::array<double, 2>{v[4], v[5]};
   py::gil_scoped_release released;
   return Cloud{Las::read(path, box, readWarnings(path)).grid};
 }
@@ -299,8 +300,8 @@ void bindCloud(py::module_& m) {
       "read",
       [](const std::string& path, std::size_t fragmentPoints,
          const std::optional<std::vector<double>>& box) {
-        if (box)
-          return readBox(path, fragmentPoints, *box);
+        if (const auto b = boxOf(box))
+          return readBox(path, fragmentPoints, *b);
         py::gil_scoped_release released;
         return Cloud{Raster::isRasterFile(path)
                          ? Raster::import(path)

@@ -2,13 +2,16 @@
 #pragma once
 
 #include "io/las.hpp"
+#include "io/stream.hpp"
 #include "tressel/Grid.hpp"
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace Quorvel::Python {
 
@@ -31,6 +34,10 @@ struct Cloud {
   throw py::error_already_set();
 }
 
+// The box of a box= argument: 4 or 6 finite numbers, each lower edge at or below the upper one;
+// raises ValueError otherwise. nullopt for None.
+std::optional<Las::Box> boxOf(const std::optional<std::vector<double>>& values);
+
 // io's warnings about a file read from path, each written to standard error as
 // "<path>: warning: <text>", as the command-line host shows them.
 Las::Warn readWarnings(const std::string& path);
@@ -42,5 +49,6 @@ void bindCloud(py::module_& m);
 void bindAlgorithms(py::module_& m);
 void bindKernels(py::module_& m);
 void bindRaster(py::module_& m);
+void bindStreams(py::module_& m);
 
 } // namespace Quorvel::Python

@@ -479,6 +479,20 @@ def test_python_box_reads_give_the_points_of_the_closed_box(box_source, box_name
     np.testing.assert_allclose(rows(np.asarray(got.xyz)), rows(expected), rtol=0, atol=1e-9)
 
 
+def test_python_tile_and_merge_do_what_the_commands_do(cloud, tmp_path):
+    package = pytest.importorskip("quorvel")
+    if not hasattr(package, "tile"):
+        pytest.skip("the Python package is not on PYTHONPATH")
+    case = cloud["case"]
+    written = package.tile([str(p) for p in cloud["inputs"]], str(tmp_path / "tiles"), case.size,
+                           origin=case.origin or (0.0, 0.0))
+    assert sorted(written) == sorted(str(p) for p in (tmp_path / "tiles").iterdir())
+    check_tiles(tmp_path / "tiles", cloud, "las")
+    count = package.merge(written, str(tmp_path / "merged.las"))
+    assert count == len(cloud["records"])
+    assert multiset(Las(tmp_path / "merged.las").records) == multiset(cloud["records"])
+
+
 # ---- Refusals ----------------------------------------------------------------------------------
 
 

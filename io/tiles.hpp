@@ -1,0 +1,76 @@
+// Quorvel: LAS and LAZ files of any size cut into square tiles or joined into one, record by
+// record through the streams of io/stream.hpp, so that memory stays bounded.
+#pragma once
+
+#include "io/stream.hpp"
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Quorvel::Las {
+
+// How files are read and written by tile() and merge().
+struct StreamSettings {
+  // Only the points inside the box are read.
+  std::optional<Box> box;
+  // The name of a file's coordinate system, the same for files of the same system ("EPSG:2229
+  // (...)", "none"); empty: the coordinate-system records (WKT and GeoTIFF keys) must be equal
+  // byte for byte.
+  std::function<std::string(const FileInfo&)> crsName;
+  // Where the warnings about a file read, or about the format a file written moves to, go.
+  std::function<Warn(const std::string&path)> readWarnings, writeWarnings;
+};
+
+// LAS and LAZ files whose records join in one file: every file opened and checked against the
+// first before anything is written.
+class Sources {
+public:
+  // Throws Error naming the files when one cannot be read or differs from the first in point
+  // format, extra-bytes dimensions or coordinate system.
+  Sources(const std::vector<std::string>& paths, const StreamSettings& settings);
+  ~Sources();
+
+  // What outputs take: the first file's header, VLRs and EVLRs.
+  const FileInfo& first() const;
+  bool compressed() const; // the first file is LAZ
+  // Hands every record of every file, in order and in batches, to use(records, count), the
+  // coordinates in the first file's scale and offset.
+  void forEachBatch(const std::function<void(const std::uint8_t*, std::size_t)>& use);
+
+private:
+  std::vector<std::unique_ptr<Reader>> readers_;
+};
+
+struct TileOptions {
+  double size = 0;                    // the side of the squares (finite, positive)
+  std::array<double, 2> origin{0, 0}; // a corner of the grid of squares
+  // Tiles also hold the points within buffer of their square in x and in y, marked by the
+  // extra-bytes field "Buffer" (1; 0 for their own points).
+  double buffer = 0;
+  std::string format; // "las", "laz" or "copc"; empty: the first file's (LAS or LAZ)
+};
+
+struct TileResult {
+  std::vector<std::string> files; // the tiles written, by their corners
+  std::uint64_t points = 0;       // the points read
+};
+
+// Cuts the files into the squares of side size whose lower-left corners (cx, cy) are origin +
+// (i, j) * size: a point goes to the square with cx <= x < cx + size, cy <= y < cy + size, each
+// square's points to folder/cx_cy.EXT (cx and cy with the decimals they need). folder is made
+// when missing. Tiles holding buffer points only are not written; a failed run leaves no
+// partial tile. Throws Error.
+TileResult tile(const std::vector<std::string>& paths, const std::string& folder,
+                const TileOptions& options, const StreamSettings& settings = {});
+
+// Joins the files into output (.las, .laz or .copc.laz), in the order given; the points written.
+// Throws Error.
+std::uint64_t merge(const std::vector<std::string>& paths, const std::string& output,
+                    const StreamSettings& settings = {});
+
+} // namespace Quorvel::Las
