@@ -1,6 +1,7 @@
 // Quorvel: LAS and LAZ point records read in batches, the pages and chunks passed let go.
 #include "io/detail/Copc.hpp"
 #include "io/detail/LasFile.hpp"
+#include "io/detail/LasOutput.hpp"
 #include "io/stream.hpp"
 
 #include <algorithm>
@@ -47,7 +48,7 @@ struct Reader::Impl {
   std::uint64_t nextPoint = 0;    // LAS: the first record of the next batch
   std::size_t nextChunk = 0;      // LAZ: the place in order of the next chunk to decode
   std::vector<std::size_t> order; // LAZ: the chunks to decode, in file order
-  std::vector<std::uint8_t> decoded, kept;
+  detail::Bytes decoded, kept;
   std::vector<std::pair<std::uint64_t, std::uint64_t>> passed; // file bytes of the last batch
 
   Batch records();

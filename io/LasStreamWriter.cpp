@@ -53,7 +53,7 @@ struct Writer::Impl {
   std::vector<std::uint8_t> head;
   TemporaryFile out;
   Tally tally;
-  std::vector<std::uint8_t> pending;
+  Bytes pending;
   std::vector<Laz::Chunk> chunks;
   std::uint64_t at = 0; // bytes written
 
@@ -134,13 +134,21 @@ Writer::~Writer() = default;
 
 void Writer::append(const std::uint8_t* records, std::size_t count) {
   Impl& m = *impl_;
-  m.tally.add(records, count, m.length, format(m.header.pointFormat).extended);
   if (!m.laz && m.pending.empty() && count * m.length >= WriteBytes) {
+    m.tally.add(records, count, m.length, format(m.header.pointFormat).extended);
     m.out.write(records, count * m.length); // a large batch goes out as it is
     m.at += count * m.length;
     return;
   }
-  m.pending.insert(m.pending.end(), records, records + count * m.length);
+  append(count, [&](std::uint8_t* out) { std::memcpy(out, records, count * m.length); });
+}
+
+void Writer::append(std::size_t count, const std::function<void(std::uint8_t* out)>& fill) {
+  Impl& m = *impl_;
+  const std::size_t at = m.pending.size();
+  m.pending.resize(at + count * m.length);
+  fill(m.pending.data() + at);
+  m.tally.add(m.pending.data() + at, count, m.length, format(m.header.pointFormat).extended);
   if (m.laz) {
     const auto ahead = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
     if (m.pending.size() >= ChunkPoints * ahead * m.length)

@@ -85,32 +85,40 @@ void requantize(std::uint8_t* records, std::size_t count, std::size_t length, co
 
 } // namespace
 
-Sources::Sources(const std::vector<std::string>& paths, const StreamSettings& settings) {
+Sources::Sources(const std::vector<std::string>& paths, const StreamSettings& settings)
+    : paths_(paths), settings_(settings) {
   if (paths.empty())
     throw Error("no files to read");
-  for (const std::string& path : paths) {
-    readers_.push_back(std::make_unique<Reader>(
-        path, settings.readWarnings ? settings.readWarnings(path) : Warn{}));
-    if (settings.box)
-      readers_.back()->restrict(*settings.box);
-    checkAlike(*readers_.front(), *readers_.back(), settings);
-  }
+  const auto first = open(paths.front());
+  first_ = first->info();
+  compressed_ = first->compressed();
+  for (std::size_t k = 1; k < paths.size(); ++k)
+    checkAlike(*first, *open(paths[k]), settings);
 }
 
 Sources::~Sources() = default;
 
+std::unique_ptr<Reader> Sources::open(const std::string& path) const {
+  auto reader = std::make_unique<Reader>(path, settings_.readWarnings ? settings_.readWarnings(path)
+                                                                      : Warn{});
+  if (settings_.box)
+    reader->restrict(*settings_.box);
+  return reader;
+}
+
 const FileInfo& Sources::first() const {
-  return readers_.front()->info();
+  return first_;
 }
 
 bool Sources::compressed() const {
-  return readers_.front()->compressed();
+  return compressed_;
 }
 
 void Sources::forEachBatch(const std::function<void(const std::uint8_t*, std::size_t)>& use) {
-  const Header& target = first().header;
+  const Header& target = first_.header;
   std::vector<std::uint8_t> moved;
-  for (const auto& reader : readers_) {
+  for (const std::string& path : paths_) {
+    const auto reader = open(path);
     const Header& h = reader->info().header;
     const bool same = h.scale == target.scale && h.offset == target.offset;
     for (Batch b = reader->next(); b.count > 0; b = reader->next()) {
@@ -119,7 +127,7 @@ void Sources::forEachBatch(const std::function<void(const std::uint8_t*, std::si
         continue;
       }
       moved.assign(b.records, b.records + b.count * h.recordLength);
-      requantize(moved.data(), b.count, h.recordLength, h, target, reader->path());
+      requantize(moved.data(), b.count, h.recordLength, h, target, path);
       use(moved.data(), b.count);
     }
   }

@@ -6,6 +6,7 @@
 #include "basalt/Text.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -76,11 +77,14 @@ private:
   FileInfo out_;
   std::size_t length_ = 0, inLength_ = 0;
   int decimals_ = 0;
-  std::vector<std::uint8_t> scratch_;
   std::map<std::pair<std::int64_t, std::int64_t>, Tile> tiles_;
   std::vector<Tile*> touched_; // the tiles of the batch in hand
-  Tile* last_ = nullptr;
-  std::pair<std::int64_t, std::int64_t> lastKey_;
+  // Tiles found lately, by a hash of their place: points of a batch mostly fall into a few.
+  struct Recent {
+    std::int64_t i = 0, j = 0;
+    Tile* tile = nullptr;
+  };
+  std::array<Recent, 256> recent_{};
 };
 
 Tiler::Tiler(const std::string& folder, const TileOptions& options, const FileInfo& first,
@@ -136,29 +140,27 @@ Tile& Tiler::tileAt(std::int64_t i, std::int64_t j) {
   return tile;
 }
 void Tiler::put(std::uint32_t record, std::int64_t i, std::int64_t j, bool buffer) {
-  // Neighbouring records mostly share a tile: the last one found is tried first.
-  if (!last_ || lastKey_ != std::pair{i, j}) {
-    last_ = &tileAt(i, j);
-    lastKey_ = {i, j};
-  }
-  if (last_->records.empty())
-    touched_.push_back(last_);
-  last_->records.push_back(record);
-  last_->buffer.push_back(buffer ? 1 : 0);
-  last_->core += buffer ? 0 : 1;
+  Recent& r = recent_[static_cast<std::size_t>(i * 31 + j) & (recent_.size() - 1)];
+  if (!r.tile || r.i != i || r.j != j)
+    r = {i, j, &tileAt(i, j)};
+  Tile& tile = *r.tile;
+  if (tile.records.empty())
+    touched_.push_back(&tile);
+  tile.records.push_back(record);
+  tile.buffer.push_back(buffer ? 1 : 0);
+  tile.core += buffer ? 0 : 1;
 }
 
 // Appends to every tile the records of the batch that went to it, in one piece.
 void Tiler::gather(const std::uint8_t* records) {
   for (Tile* tile : touched_) {
-    scratch_.resize(tile->records.size() * length_);
-    std::uint8_t* to = scratch_.data();
-    for (std::size_t k = 0; k < tile->records.size(); ++k, to += length_) {
-      std::memcpy(to, records + std::size_t(tile->records[k]) * inLength_, inLength_);
-      if (length_ > inLength_)
-        to[inLength_] = tile->buffer[k];
-    }
-    tile->writer->append(scratch_.data(), tile->records.size());
+    tile->writer->append(tile->records.size(), [&](std::uint8_t* to) {
+      for (std::size_t k = 0; k < tile->records.size(); ++k, to += length_) {
+        std::memcpy(to, records + std::size_t(tile->records[k]) * inLength_, inLength_);
+        if (length_ > inLength_)
+          to[inLength_] = tile->buffer[k];
+      }
+    });
     tile->records.clear();
     tile->buffer.clear();
   }

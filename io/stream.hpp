@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +75,9 @@ public:
   Writer& operator=(const Writer&) = delete;
 
   void append(const std::uint8_t* records, std::size_t count);
+  // Appends count records that fill(out) writes straight into the writer's buffer: records
+  // gathered from elsewhere are copied once.
+  void append(std::size_t count, const std::function<void(std::uint8_t* out)>& fill);
   // A LAZ file's points appended so far are compressed now, as a smaller chunk, so that what
   // waits for compression stays small when many files are written at once. Nothing for LAS.
   void flush();

@@ -43,7 +43,13 @@ public:
   void forEachBatch(const std::function<void(const std::uint8_t*, std::size_t)>& use);
 
 private:
-  std::vector<std::unique_ptr<Reader>> readers_;
+  // One file is open at a time: the others keep no memory while it is read.
+  std::unique_ptr<Reader> open(const std::string& path) const;
+
+  std::vector<std::string> paths_;
+  StreamSettings settings_;
+  FileInfo first_;
+  bool compressed_ = false;
 };
 
 struct TileOptions {

@@ -10,9 +10,33 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Quorvel::Las::detail {
+
+// An allocator that leaves new elements uninitialized, for buffers that are written whole before
+// they are read: growing them costs no zero filling.
+template <class T>
+struct Uninitialized : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = Uninitialized<U>;
+  };
+  Uninitialized() = default;
+  template <class U>
+  Uninitialized(const Uninitialized<U>&) noexcept {}
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    if constexpr (sizeof...(Args) == 0)
+      ::new (static_cast<void*>(p)) U;
+    else
+      ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+using Bytes = std::vector<std::uint8_t, Uninitialized<std::uint8_t>>;
 
 // The file being written, put in the target's place only when complete (Basalt::ReplacingFile),
 // its errors the LAS writer's.
