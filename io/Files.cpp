@@ -7,6 +7,7 @@
 #include "tressel/Bundle.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <initializer_list>
 
@@ -14,8 +15,11 @@ namespace Quorvel::Files {
 
 namespace {
 
+// Whether the path ends in one of extensions (lower case), in any case.
 bool hasExtension(const std::string& path, std::initializer_list<const char*> extensions) {
-  const std::string extension = std::filesystem::path(path).extension().string();
+  std::string extension = std::filesystem::path(path).extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return std::find(extensions.begin(), extensions.end(), extension) != extensions.end();
 }
 
@@ -27,6 +31,10 @@ bool isBundle(const std::string& path) {
 
 bool isCloudFile(const std::string& path) {
   return hasExtension(path, {".las", ".laz", ".h5", ".hdf5"});
+}
+
+bool isLaz(const std::string& path) {
+  return hasExtension(path, {".laz"});
 }
 
 bool isGeoTiff(const std::string& path) {

@@ -116,8 +116,13 @@ void OpenedFile::openCompressed() {
   decoding([&] {
     if (pointCount > (std::uint64_t(1) << 40) / std::max<std::uint64_t>(h.recordLength, 1))
       throw std::runtime_error("point count " + std::to_string(pointCount) + " is implausible");
-    laz.emplace(file.data(), h.pointOffset, end, file.size(), Laz::describe(*laszip), pointCount,
-                h.recordLength);
+    const Laz::Description d = Laz::describe(*laszip);
+    const std::size_t own = static_cast<std::size_t>(format(h.pointFormat).length);
+    const std::string wrong =
+        Laz::contradiction(d, h.pointFormat, h.recordLength > own ? h.recordLength - own : 0);
+    if (!wrong.empty())
+      throw std::runtime_error(wrong);
+    laz.emplace(file.data(), h.pointOffset, end, file.size(), d, pointCount, h.recordLength);
   });
   info.vlrs.erase(laszip);
   info.header.vlrCount = static_cast<std::uint32_t>(info.vlrs.size());

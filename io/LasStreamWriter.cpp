@@ -1,5 +1,6 @@
 // Quorvel: LAS and LAZ files written from batches of records, the header completed at the end.
 #include "io/detail/LasOutput.hpp"
+#include "io/files.hpp"
 #include "io/laz/Laz.hpp"
 #include "io/stream.hpp"
 
@@ -18,13 +19,6 @@ using namespace detail;
 constexpr std::uint32_t ChunkPoints = 50000;
 // Bytes of LAS records gathered before they are written.
 constexpr std::size_t WriteBytes = std::size_t(256) << 10;
-
-bool endsWithLaz(const std::string& path) {
-  std::string ext = std::filesystem::path(path).extension().string();
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return ext == ".laz";
-}
 
 void checkRecords(const std::string& path, const Header& h, const std::vector<ExtraBytes>& extras) {
   if (h.pointFormat > 10)
@@ -62,7 +56,7 @@ struct Writer::Impl {
 };
 
 Writer::Impl::Impl(const std::string& p, const FileInfo& i)
-    : path(p), header(i.header), vlrs(i.vlrs), evlrs(i.evlrs), laz(endsWithLaz(p)),
+    : path(p), header(i.header), vlrs(i.vlrs), evlrs(i.evlrs), laz(Files::isLaz(p)),
       length(i.header.recordLength), out(p) {
   checkRecords(path, header, i.extraBytes);
   head.assign(headerSizeFor(header.versionMinor), 0);

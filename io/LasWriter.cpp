@@ -5,6 +5,7 @@
 #include "io/detail/LasOutput.hpp"
 #include "io/detail/LasProgress.hpp"
 #include "io/detail/LasWritePlan.hpp"
+#include "io/files.hpp"
 #include "io/laz/Laz.hpp"
 
 #include "basalt/Text.hpp"
@@ -29,13 +30,6 @@ using namespace detail;
 
 // Points per chunk of a LAZ file written here, as LASzip writes them.
 constexpr std::uint32_t LazChunkPoints = 50000;
-
-bool isLazPath(const std::string& path) {
-  std::string ext = std::filesystem::path(path).extension().string();
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return ext == ".laz";
-}
 
 // The compressed point data of n records (as head.size() places it) and, for COPC, the hierarchy
 // EVLR put before the others and the info record written into head, the first VLR.
@@ -132,7 +126,7 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   const Format& f = format(chosen);
   const std::vector<ExtraBytes>& extras = plan.info.extraBytes;
   // LAZ by the name: the records are compressed in chunks, described by a "laszip encoded" VLR.
-  const bool laz = isLazPath(path);
+  const bool laz = Files::isLaz(path);
   // COPC: variable chunks, one per node of its octree, and its info record first of all.
   const bool copc = Copc::isCopcPath(path);
   Laz::Description compression;

@@ -1,4 +1,5 @@
-// Quorvel: point-cloud files of either kind, LAS or bundle, told apart by their extension.
+// Quorvel: point-cloud files of either kind, LAS or bundle, told apart by their extension (in
+// any case).
 #pragma once
 
 #include "io/las.hpp"
@@ -18,6 +19,8 @@ namespace Quorvel::Files {
 bool isBundle(const std::string& path);
 // Whether a path names a point-cloud file the hosts write: LAS (.las), LAZ (.laz) or a bundle.
 bool isCloudFile(const std::string& path);
+// Whether a path names a LAZ file (.laz, .copc.laz), which the LAS writers compress.
+bool isLaz(const std::string& path);
 // Whether a path names a GeoTIFF (.tif, .tiff), the raster file the hosts write.
 bool isGeoTiff(const std::string& path);
 

@@ -6,12 +6,6 @@ namespace Quorvel::Cli {
 
 namespace {
 
-bool endsWith(std::string text, const std::string& end) {
-  for (char& c : text)
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 class Merge final : public Command {
 public:
   void addOptions(CLI::App& app) override {
@@ -24,7 +18,7 @@ public:
   }
 
   int run(const Host& host) override {
-    if (!endsWith(output_, ".las") && !endsWith(output_, ".laz"))
+    if (!Files::isCloudFile(output_) || Files::isBundle(output_))
       throw Error(output_ + ": merge writes LAS (.las), LAZ (.laz) or COPC (.copc.laz)");
     checkOutput(output_);
     const std::uint64_t points = Las::merge(inputs_, output_, streamSettings(host.common()));

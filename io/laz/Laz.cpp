@@ -37,6 +37,13 @@ std::vector<Chunk> chunkTable(const std::uint8_t* file, std::uint64_t pointOffse
   if (load<std::uint32_t>(table) != 0)
     fail("chunk table version " + std::to_string(load<std::uint32_t>(table)) + " is not supported");
   const std::uint32_t count = load<std::uint32_t>(table + 4);
+  if (pointCount == 0 && count > 0)
+    fail("the header says 0 points, the chunk table lists " + std::to_string(count) + " chunks");
+  // Every chunk holds a byte at least: a count beyond the bytes is not believed (nor sized from).
+  const std::uint64_t dataBytes = static_cast<std::uint64_t>(tableAt) - pointOffset - 8;
+  if (count > dataBytes)
+    fail("the chunk table lists " + std::to_string(count) + " chunks, more than the " +
+         std::to_string(dataBytes) + " bytes of point data can hold");
   if (count == 0 && pointCount != 0)
     fail("the chunk table lists no chunk for " + std::to_string(pointCount) + " points");
   const bool variable = d.chunkSize == Description::VariableChunks;
@@ -173,8 +180,16 @@ Points::Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_
                std::uint64_t fileSize, Description d, std::uint64_t pointCount,
                std::size_t recordLength)
     : file_(file), d_(std::move(d)), recordLength_(recordLength) {
-  if (pointCount == 0)
+  if (pointCount == 0) {
+    // A header count of 0 is believed unless a readable chunk table lists chunks.
+    try {
+      chunkTable(file, pointOffset, end, fileSize, d_, 0);
+    } catch (const std::runtime_error& e) {
+      if (std::string(e.what()).starts_with("the header says 0"))
+        throw;
+    }
     return;
+  }
   if (d_.compressor == Compressor::Pointwise) // one stream of all points, no chunk table
     chunks_.push_back({0, pointCount, pointOffset, end - pointOffset});
   else

@@ -65,6 +65,11 @@ Description describe(const Las::Vlr& record);
 std::vector<std::string> validate(const Description& d, std::size_t recordBytes,
                                   std::size_t listedItems);
 
+// What contradicts records of point format (0 to 10) with extraBytes bytes beyond the format's
+// in the items d lists (their types and sizes, in order), which would decode the bytes as other
+// fields; empty when nothing does.
+std::string contradiction(const Description& d, int format, std::size_t extraBytes);
+
 // A chunk: its first point, its points and where its bytes lie in the file.
 struct Chunk {
   std::uint64_t firstPoint = 0, points = 0, start = 0, bytes = 0;

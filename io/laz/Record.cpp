@@ -122,6 +122,29 @@ std::vector<std::string> validate(const Description& d, std::size_t recordBytes,
   return problems;
 }
 
+std::string contradiction(const Description& d, int format, std::size_t extraBytes) {
+  std::vector<Item> expected;
+  try {
+    expected = itemsFor(format, extraBytes);
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  const auto names = [](const std::vector<Item>& items) {
+    std::string out;
+    for (const Item& i : items)
+      out += (out.empty() ? "" : ", ") + std::to_string(i.type) + ":" + std::to_string(i.size);
+    return out;
+  };
+  bool same = expected.size() == d.items.size();
+  for (std::size_t k = 0; same && k < expected.size(); ++k)
+    same = expected[k].type == d.items[k].type && expected[k].size == d.items[k].size;
+  if (same)
+    return {};
+  return "point format " + std::to_string(format) + " with " + std::to_string(extraBytes) +
+         " extra bytes needs the items (type:size) " + names(expected) +
+         ", the \"laszip encoded\" record lists " + names(d.items);
+}
+
 Description describe(const Las::Vlr& record) {
   Description d;
   RecordReader reader{record.data};
