@@ -423,6 +423,23 @@ TEST_F(LazFiles, DamagedFilesAreRefusedWithTheirReason) {
   std::memcpy(b.data() + l.laszip - 54 + 2, "something else", 14);
   expectRefused(b, "compressed point data without its \"laszip encoded\" record");
 
+  b = good; // a point format whose records the items would decode as other fields
+  b[104] = 0x81;
+  expectRefused(b, "point format 1 with 6 extra bytes needs the items (type:size) 6:20, 7:8, "
+                   "0:6, the \"laszip encoded\" record lists 6:20, 7:8, 8:6");
+
+  b = good; // a header that counts no points for a chunk table that lists some
+  std::memset(b.data() + 107, 0, 4);
+  expectRefused(b, "the header says 0 points, the chunk table lists 1 chunks");
+
+  b = good; // more chunks than bytes: refused before anything is sized from the count
+  std::int64_t tableAt;
+  std::memcpy(&tableAt, b.data() + l.points, 8);
+  const std::uint32_t many = 1u << 30;
+  std::memcpy(b.data() + tableAt + 4, &many, 4);
+  expectRefused(b, "the chunk table lists 1073741824 chunks, more than the " +
+                       std::to_string(tableAt - l.points - 8) + " bytes of point data can hold");
+
   b = good; // both compression bits
   b[104] |= 0xC0;
   expectRefused(b, "point format byte 195 (both compression bits: an old compression) is not "
