@@ -180,7 +180,8 @@ void Writer::finish() {
   const std::uint64_t evlrOffset = m.evlrs.empty() ? 0 : m.at;
   m.out.write(tail.data(), tail.size());
   Header h = m.header;
-  h.waveformStart = 0;
+  // Wave packets kept in the first EVLR stay found there; an outside start means nothing here.
+  h.waveformStart = h.waveformStart != 0 && h.waveformStart == h.evlrOffset ? evlrOffset : 0;
   const std::size_t pointOffset = m.laz ? m.head.size() - 8 : m.head.size();
   const RawHeader raw =
       completed(h, {m.vlrs.size(), pointOffset, m.evlrs.size(), evlrOffset, m.laz}, m.tally);

@@ -103,6 +103,25 @@ TEST_F(Stream, WritesRecordsAndAHeaderThatTheRecordsGive) {
     }
 }
 
+TEST_F(Stream, WavePacketsInTheFirstEvlrStayFoundThere) {
+  // A start of wave packets at the first EVLR moves with it; any other start is dropped.
+  Las::Reader reader((Sample / "1_4_w_evlr.decoded.las").string());
+  const auto records = allRecords(reader);
+  for (const bool internal : {true, false}) {
+    Las::FileInfo info = reader.info();
+    info.header.waveformStart = internal ? info.header.evlrOffset : 12345;
+    info.vlrs.push_back({0, "padding", 1, "moves the EVLRs", std::vector<std::uint8_t>(100, 0)});
+    Las::Writer writer(file("waves.las"), info);
+    writer.append(records.data(), records.size() / info.header.recordLength);
+    writer.finish();
+    const auto bytes = LasBytes::bytesOf(file("waves.las"));
+    const auto start = LasBytes::at<std::uint64_t>(bytes, 227);
+    const auto evlrs = LasBytes::at<std::uint64_t>(bytes, 235);
+    EXPECT_NE(evlrs, reader.info().header.evlrOffset);
+    EXPECT_EQ(start, internal ? evlrs : 0u);
+  }
+}
+
 TEST_F(Stream, LazChunksCutShortByFlushesStillDecode) {
   // Flushes after odd batch sizes make chunks of every size, and a variable chunk table.
   const std::string out = file("flushed.laz");
