@@ -1,4 +1,5 @@
 // Quorvel: LAS and LAZ point records read in batches, the pages and chunks passed let go.
+#include "io/detail/ChunkBounds.hpp"
 #include "io/detail/Copc.hpp"
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasOutput.hpp"
@@ -36,7 +37,8 @@ Box boxOf(const std::vector<double>& v) {
 }
 
 struct Reader::Impl {
-  Impl(const std::string& p, const Warn& warn) : in(p, true, warn), path(p) {
+  Impl(const std::string& p, const Warn& warn)
+      : in(p, true, warn), path(p), key(detail::FileKey::of(p)) {
     if (in.laz)
       for (std::size_t k = 0; k < in.laz->chunks().size(); ++k)
         order.push_back(k);
@@ -44,6 +46,7 @@ struct Reader::Impl {
 
   detail::OpenedFile in;
   std::string path;
+  std::optional<detail::FileKey> key;
   std::optional<Box> box;
   std::uint64_t nextPoint = 0;    // LAS: the first record of the next batch
   std::size_t nextChunk = 0;      // LAZ: the place in order of the next chunk to decode
@@ -54,6 +57,8 @@ struct Reader::Impl {
   Batch records();
   Batch chunks();
   Batch inBox(Batch all);
+  void noteBounds(const std::vector<std::size_t>& group);
+  bool fromKnownBounds(const Box& box);
 };
 
 Batch Reader::Impl::records() {
@@ -84,7 +89,48 @@ Batch Reader::Impl::chunks() {
     passed.emplace_back(all[k].start, all[k].start + all[k].bytes);
   decoded.resize(static_cast<std::size_t>(points) * length);
   in.decoding([&] { in.laz->decode(group, decoded.data()); });
+  noteBounds(group);
   return {decoded.data(), static_cast<std::size_t>(points)};
+}
+
+// Notes the bounds of the chunks just decoded, for later box reads of the file.
+void Reader::Impl::noteBounds(const std::vector<std::size_t>& group) {
+  if (!key)
+    return;
+  const Header& h = in.info.header;
+  const std::size_t length = h.recordLength;
+  const auto& all = in.laz->chunks();
+  std::vector<std::pair<std::size_t, detail::Bounds>> bounds;
+  const std::uint8_t* r = decoded.data();
+  for (const std::size_t k : group) {
+    detail::Bounds b{HUGE_VAL, HUGE_VAL, HUGE_VAL, -HUGE_VAL, -HUGE_VAL, -HUGE_VAL};
+    for (std::uint64_t i = 0; i < all[k].points; ++i, r += length) {
+      std::int32_t raw[3];
+      std::memcpy(raw, r, 12);
+      for (int a = 0; a < 3; ++a) { // as the box test computes them
+        const double v = raw[a] * h.scale[a] + h.offset[a];
+        b[a] = std::min(b[a], v);
+        b[a + 3] = std::max(b[a + 3], v);
+      }
+    }
+    bounds.emplace_back(k, b);
+  }
+  detail::noteBounds(*key, all.size(), bounds);
+}
+
+// Keeps only the chunks that can meet the box when an earlier read noted the bounds of all.
+bool Reader::Impl::fromKnownBounds(const Box& box) {
+  const auto bounds = key ? detail::knownBounds(*key, in.laz->chunks().size()) : std::nullopt;
+  if (!bounds)
+    return false;
+  order.clear();
+  for (std::size_t k = 0; k < bounds->size(); ++k) {
+    const detail::Bounds& b = (*bounds)[k];
+    if (b[0] <= box.x1 && b[3] >= box.x0 && b[1] <= box.y1 && b[4] >= box.y0 &&
+        (!box.z || (b[2] <= (*box.z)[1] && b[5] >= (*box.z)[0])))
+      order.push_back(k);
+  }
+  return true;
 }
 
 Batch Reader::Impl::inBox(Batch all) {
@@ -130,8 +176,10 @@ void Reader::restrict(const Box& box) {
         return std::vector<std::uint8_t>(m.in.file.data() + offset,
                                          m.in.file.data() + offset + size);
       });
-  if (!hierarchy)
+  if (!hierarchy) {
+    m.fromKnownBounds(box);
     return;
+  }
   // Only the chunks of the nodes that meet the box, grown by a step of the integer coordinates
   // so that a point on a node's face is never lost to the rounding of the node's cube.
   const auto& scale = m.in.info.header.scale;

@@ -247,4 +247,30 @@ TEST_F(Stream, CopcBoxReadsEqualAMaskOfAllRecords) {
   }
 }
 
+TEST_F(Stream, LazBoxReadsAfterAWholeReadStayExactAndForgetRewrittenFiles) {
+  // Many small chunks, whose bounds a whole read notes for the box reads that follow.
+  const std::string laz = file("chunks.laz");
+  copyInBatches((Sample / "sample_c.las").string(), laz, 700, 1);
+  {
+    Las::Reader whole(laz);
+    allRecords(whole);
+  }
+  const LasBytes::File f = parsed(Sample / "sample_c.las");
+  const double midX = (f.min[0] + f.max[0]) / 2, midY = (f.min[1] + f.max[1]) / 2;
+  for (const Las::Box& box :
+       {Las::Box{f.min[0], f.min[1], midX, midY, std::nullopt},
+        Las::Box{midX, midY, f.max[0], f.max[1], std::array<double, 2>{f.min[2], 640.0}}}) {
+    Las::Reader reader(laz);
+    reader.restrict(box);
+    EXPECT_EQ(allRecords(reader), masked(f, box));
+  }
+  // The same path holding other points: the bounds noted before are not used.
+  copyInBatches((Sample / "nebraska_wkt_geotiff.las").string(), laz, 900, 1);
+  const LasBytes::File g = parsed(Sample / "nebraska_wkt_geotiff.las");
+  const Las::Box box{g.min[0], g.min[1], (g.min[0] + g.max[0]) / 2, g.max[1], std::nullopt};
+  Las::Reader reader(laz);
+  reader.restrict(box);
+  EXPECT_EQ(allRecords(reader), masked(g, box));
+}
+
 } // namespace
