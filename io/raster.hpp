@@ -63,6 +63,22 @@ std::string coordinateSystemKey(const Las::FileInfo& info);
 // The coordinate system of a cloud read from LAS, as WKT (see above); empty when unknown.
 std::string coordinateSystemOf(const Tressel::Grid& cloud);
 
+// A file of a survey as an index shows it: the x-y footprint of its header's bounds and its facts.
+struct Footprint {
+  std::string file;
+  std::string type; // "las", "laz" (COPC files are LAZ)
+  std::uint64_t points = 0;
+  std::array<double, 3> min{0, 0, 0}, max{0, 0, 0};
+  int pointFormat = 0;
+};
+
+// Writes the footprints as rectangles to a GeoPackage, layer "footprints" (fields file, type,
+// points, point_format, min_z, max_z), in the coordinate system cs (nullopt: none; by its EPSG
+// code where it has one, so that QGIS names it), for QGIS; the file is replaced only when
+// complete. Throws Las::Error naming path and GDAL's message.
+void writeFootprints(const std::string& path, const std::vector<Footprint>& footprints,
+                     const std::optional<CoordinateSystem>& cs);
+
 // What a raster grid holds, without its filling cells.
 struct RasterSummary {
   std::size_t columns = 0, rows = 0;

@@ -11,6 +11,8 @@ const std::vector<CommandEntry>& commands() {
       {"convert", "LAS/LAZ <-> bundle (.h5), by extension", makeConvert},
       {"tile", "LAS/LAZ files of any size cut into square tiles, with buffers", makeTile},
       {"merge", "LAS/LAZ files joined into one, of any size", makeMerge},
+      {"index", "the footprints of LAS/LAZ files from their headers, as GeoPackage or GeoJSON",
+       makeIndex},
       {"compare", "agreement of a per-point field, overall and per class", makeCompare},
       {"transfer", "classes from SOURCE onto TARGET by nearest neighbours", makeTransfer},
       {"cellsize", "voxel-density cell size of every point", makeCellSize},

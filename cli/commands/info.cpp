@@ -4,6 +4,7 @@
 // the text form then prints line by line, so both forms always tell the same.
 #include "basalt/Text.hpp"
 #include "cli/commands/command.hpp"
+#include "cli/commands/operands.hpp"
 #include "io/raster.hpp"
 #include "io/stream.hpp"
 #include "tressel/BoundingBoxes.hpp"
@@ -203,32 +204,6 @@ Json describeHeader(const std::string& path) {
           {"points", h.pointCount},
           {"bbox", h.pointCount > 0 ? bounds(h.min, h.max) : Json(nullptr)},
           {"crs", coordinateSystem(Raster::coordinateSystemOf(h, i.vlrs, i.evlrs))}};
-}
-
-// ---- Operands -------------------------------------------------------------------------------
-
-bool isPointFile(const std::filesystem::path& path) {
-  std::string ext = path.extension().string();
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return ext == ".las" || ext == ".laz" || ext == ".h5" || ext == ".hdf5";
-}
-
-// The files a directory operand stands for: its LAS, LAZ and bundle files, sorted by name.
-std::vector<std::string> filesIn(const std::string& directory) {
-  std::error_code error;
-  std::vector<std::string> found;
-  for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
-       it.increment(error))
-    if (isPointFile(it->path()) && it->is_regular_file(error))
-      found.push_back(it->path().string());
-  if (error)
-    throw Error(directory + ": cannot list the directory: " + error.message());
-  if (found.empty())
-    throw Error(directory +
-                ": no LAS, LAZ or bundle files (.las, .laz, .h5, .hdf5) in the directory");
-  std::sort(found.begin(), found.end());
-  return found;
 }
 
 // ---- Text -----------------------------------------------------------------------------------
@@ -439,14 +414,7 @@ public:
 
   int run(const Host& host) override {
     // Everything is gathered before anything is printed, so a failure leaves no partial document.
-    std::vector<std::string> files;
-    for (const std::string& operand : operands_) {
-      std::error_code error;
-      const auto more = std::filesystem::is_directory(operand, error)
-                            ? filesIn(operand)
-                            : std::vector<std::string>{operand};
-      files.insert(files.end(), more.begin(), more.end());
-    }
+    const std::vector<std::string> files = filesOf(operands_);
     Json described = Json::array();
     for (const std::string& file : files)
       described.push_back(brief_ && !isBundle(file) && !Raster::isRasterFile(file)
