@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <stdexcept>
 #include <tuple>
@@ -66,6 +67,16 @@ Encoded encodePoints(const std::uint8_t* records, std::uint64_t count, std::size
   if (chunks.empty()) // a file without points still has its root, empty
     appendEntry(out.page, Key{}, 0, 0, 0);
   return out;
+}
+
+void rewriteAsCopc(const std::string& from, const std::string& to, const Las::Warn& warn) {
+  struct Removed {
+    std::string path;
+    ~Removed() { std::filesystem::remove(path); }
+  } removed{from};
+  Las::WriteOptions options;
+  options.warn = warn;
+  Las::write(to, *Las::read(from).grid, options);
 }
 
 } // namespace Quorvel::Copc

@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 
 namespace Quorvel::Las {
 
@@ -148,16 +147,9 @@ std::uint64_t merge(const std::vector<std::string>& paths, const std::string& ou
     });
     out.finish();
   }
-  if (copc) {
-    struct Removed {
-      std::string path;
-      ~Removed() { std::filesystem::remove(path); }
-    } merged{target};
-    WriteOptions options;
-    if (settings.writeWarnings)
-      options.warn = settings.writeWarnings(output);
-    write(output, *read(target).grid, options);
-  }
+  if (copc)
+    Copc::rewriteAsCopc(target, output,
+                        settings.writeWarnings ? settings.writeWarnings(output) : Warn{});
   return points;
 }
 

@@ -236,11 +236,8 @@ std::vector<std::string> Tiler::finish(const StreamSettings& settings) {
       continue;
     if (o_.format == "copc") {
       const std::string copc = tile.path.substr(0, tile.path.size() - 4) + ".copc.laz";
-      WriteOptions options;
-      if (settings.writeWarnings)
-        options.warn = settings.writeWarnings(copc);
-      write(copc, *read(tile.path).grid, options);
-      fs::remove(tile.path);
+      Copc::rewriteAsCopc(tile.path, copc,
+                          settings.writeWarnings ? settings.writeWarnings(copc) : Warn{});
       tile.path = copc;
     }
     written.push_back(tile.path);

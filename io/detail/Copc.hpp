@@ -118,4 +118,9 @@ Encoded encodePoints(const std::uint8_t* records, std::uint64_t count, std::size
                      const Las::Header& header, const Laz::Description& d,
                      std::uint64_t pointOffset);
 
+// Writes the points of the LAS or LAZ file `from` as the COPC file `to` (its octree orders them
+// all, so they are read whole) and removes `from`, whether or not writing succeeds; warn receives
+// the format `to` moves to. The streams write COPC this way, from a file of their own.
+void rewriteAsCopc(const std::string& from, const std::string& to, const Las::Warn& warn);
+
 } // namespace Quorvel::Copc
