@@ -58,6 +58,21 @@ struct Cloud {
   Basalt::StrongPtr<Tressel::Grid> grid;
   // For a raster written as GeoTIFF: the cell field that becomes its band.
   std::string rasterField = "Height";
+  // Rasters that pipeline stages made beside the cloud (a dtm stage), by the file name their
+  // stage gave: later stages take them by that name (map --raster), and they are written when
+  // the stages are done (a catalogue cuts each to its chunk).
+  struct Raster {
+    std::string name;
+    Basalt::StrongPtr<Tressel::Grid> grid;
+    std::string field;
+  };
+  std::vector<Raster> rasters;
+  const Raster* raster(const std::string& name) const {
+    for (const Raster& r : rasters)
+      if (r.name == name)
+        return &r;
+    return nullptr;
+  }
 };
 
 // Adds --scale and --offset (with the aliases --las-scale and --las-offset; only the alias for an

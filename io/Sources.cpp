@@ -84,15 +84,20 @@ void requantize(std::uint8_t* records, std::size_t count, std::size_t length, co
 
 } // namespace
 
-Sources::Sources(const std::vector<std::string>& paths, const StreamSettings& settings)
+Sources::Sources(const std::vector<std::string>& paths, const StreamSettings& settings,
+                 std::size_t reference)
     : paths_(paths), settings_(settings) {
   if (paths.empty())
     throw Error("no files to read");
-  const auto first = open(paths.front());
+  if (reference >= paths.size())
+    throw Error("no file " + std::to_string(reference + 1) + " among " +
+                std::to_string(paths.size()));
+  const auto first = open(paths[reference]);
   first_ = first->info();
   compressed_ = first->compressed();
-  for (std::size_t k = 1; k < paths.size(); ++k)
-    checkAlike(*first, *open(paths[k]), settings);
+  for (std::size_t k = 0; k < paths.size(); ++k)
+    if (k != reference)
+      checkAlike(*first, *open(paths[k]), settings);
 }
 
 Sources::~Sources() = default;
@@ -114,20 +119,27 @@ bool Sources::compressed() const {
 }
 
 void Sources::forEachBatch(const std::function<void(const std::uint8_t*, std::size_t)>& use) {
+  forEachBatchOf(
+      [&](std::size_t, const std::uint8_t* records, std::size_t count) { use(records, count); });
+}
+
+void Sources::forEachBatchOf(
+    const std::function<void(std::size_t file, const std::uint8_t*, std::size_t)>& use) {
   const Header& target = first_.header;
   std::vector<std::uint8_t> moved;
-  for (const std::string& path : paths_) {
+  for (std::size_t file = 0; file < paths_.size(); ++file) {
+    const std::string& path = paths_[file];
     const auto reader = open(path);
     const Header& h = reader->info().header;
     const bool same = h.scale == target.scale && h.offset == target.offset;
     for (Batch b = reader->next(); b.count > 0; b = reader->next()) {
       if (same) {
-        use(b.records, b.count);
+        use(file, b.records, b.count);
         continue;
       }
       moved.assign(b.records, b.records + b.count * h.recordLength);
       requantize(moved.data(), b.count, h.recordLength, h, target, path);
-      use(moved.data(), b.count);
+      use(file, moved.data(), b.count);
     }
   }
 }

@@ -35,6 +35,16 @@ Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fra
 void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
                   const std::string& heightField = DefaultHeightField);
 
+// Writes to `to` the cells of the north-up raster `from` that overlap area (x0, y0, x1, y1) by
+// more than a touch, as a GeoTIFF that appears when complete; false, writing nothing, when none
+// does. A catalogue's chunks cut their rasters so: the chunks of a grid aligned with the cells
+// then take disjoint cells. Throws Las::Error naming the file.
+bool cutGeoTiff(const std::string& from, const std::string& to, const std::array<double, 4>& area);
+
+// Writes a GDAL VRT mosaic of rasters of one cell size and coordinate system at path (which
+// appears when complete). Throws Las::Error naming the file.
+void writeMosaic(const std::string& path, const std::vector<std::string>& files);
+
 // A coordinate system as GDAL reads it, with what a user checks first.
 struct CoordinateSystem {
   std::string wkt;  // WKT 1, as GDAL writes it

@@ -31,8 +31,10 @@ struct StreamSettings {
 class Sources {
 public:
   // Throws Error naming the files when one cannot be read or differs from the first in point
-  // format, extra-bytes dimensions or coordinate system.
-  Sources(const std::vector<std::string>& paths, const StreamSettings& settings);
+  // format, extra-bytes dimensions or coordinate system. reference names the file whose header
+  // the records take (the first by default): its own records then pass unchanged.
+  Sources(const std::vector<std::string>& paths, const StreamSettings& settings,
+          std::size_t reference = 0);
   ~Sources();
 
   // What outputs take: the first file's header, VLRs and EVLRs.
@@ -41,6 +43,9 @@ public:
   // Hands every record of every file, in order and in batches, to use(records, count), the
   // coordinates in the first file's scale and offset.
   void forEachBatch(const std::function<void(const std::uint8_t*, std::size_t)>& use);
+  // The same, with the place in paths of the file the records come from.
+  void forEachBatchOf(
+      const std::function<void(std::size_t file, const std::uint8_t*, std::size_t)>& use);
 
 private:
   // One file is open at a time: the others keep no memory while it is read.

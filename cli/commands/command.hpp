@@ -27,6 +27,9 @@ public:
   virtual void addOptions(CLI::App& app) = 0;
   // Runs the command once its options are parsed; returns the exit code.
   virtual int run(const Host& host) = 0;
+  // For a command that does not change a cloud but can run as a pipeline stage beside one (dtm
+  // makes a raster), that stage; empty otherwise.
+  virtual std::unique_ptr<class CloudCommand> stage() const { return nullptr; }
 };
 
 // A command that changes a loaded cloud. Alone it reads IN (or what inputName() calls it),
@@ -37,8 +40,10 @@ public:
 
   // The options of the change itself: all a pipeline stage may set.
   virtual void addStageOptions(CLI::App& app) = 0;
-  // Options naming files that must exist before anything runs.
+  // Options naming files that must exist before anything runs (or that a stage before makes).
   virtual std::vector<const CLI::Option*> inputFiles() const { return {}; }
+  // Files a stage makes beside the cloud (rasters in Cloud::rasters), by their names.
+  virtual std::vector<std::string> outputFiles() const { return {}; }
   // Changes the cloud; throws Error on failure.
   virtual void apply(Cloud& cloud, const Host& host) = 0;
 
@@ -109,6 +114,7 @@ std::unique_ptr<Command> makeMapField();
 std::unique_ptr<Command> makeTile();
 std::unique_ptr<Command> makeMerge();
 std::unique_ptr<Command> makeIndex();
+std::unique_ptr<Command> makeCatalog();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute
 // them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages

@@ -17,6 +17,51 @@ GeoTIFF keys) goes into the raster. Heights above this ground:
   quorvel dtm in.las -o dtm.h5 --cell 1
   quorvel map in.las dtm.h5 -o out.las --height)";
 
+void addGroundRasterOptions(CLI::App& app, GroundRasterParameterBox& box) {
+  app.add_option("--cell", box.cell_size, "edge of a cell, in metres (the cloud's units)")
+      ->required()
+      ->check(boxRule("GroundRasterParameterBox", "cell_size"));
+  addRange(app, "--classes", box.classes, "the ground classes (class numbers)");
+  app.add_option("--fill-rings", box.fill_rings, "how far gaps are filled, in cells (0 to 1000)")
+      ->capture_default_str()
+      ->check(boxRule("GroundRasterParameterBox", "fill_rings"));
+  app.add_option("--fragment-cells", box.fragment_cells, "cells of a fragment along x and y")
+      ->capture_default_str()
+      ->check(boxRule("GroundRasterParameterBox", "fragment_cells"));
+  app.add_option("--height-field", box.height_field, "the field of the heights")
+      ->capture_default_str();
+}
+
+// In a pipeline: the raster of the cloud as it stands, kept beside it under the name "output"
+// gives; later stages take it by that name (map --raster), and it is written once the stages
+// are done.
+class DtmStage final : public CloudCommand {
+public:
+  DtmStage() : CloudCommand("dtm") {}
+
+  void addStageOptions(CLI::App& app) override {
+    app.add_option("--output", output_, "the raster (.h5 bundle or .tif GeoTIFF)")
+        ->required()
+        ->check(rasterOutputFile());
+    addGroundRasterOptions(app, box_);
+  }
+
+  std::vector<std::string> outputFiles() const override { return {output_}; }
+
+  void apply(Cloud& cloud, const Host& host) override {
+    Cloud::Raster made{output_, nullptr, box_.height_field};
+    host.run("dtm", pointCount(*cloud.grid), [&] {
+      made.grid = groundRaster(*cloud.grid, box_, Raster::coordinateSystemOf(*cloud.grid));
+    });
+    std::erase_if(cloud.rasters, [&](const Cloud::Raster& r) { return r.name == output_; });
+    cloud.rasters.push_back(std::move(made));
+  }
+
+private:
+  std::string output_;
+  GroundRasterParameterBox box_;
+};
+
 class Dtm final : public Command {
 public:
   void addOptions(CLI::App& app) override {
@@ -24,20 +69,11 @@ public:
     app.add_option("-o,--output", output_, "the raster (.h5 bundle or .tif GeoTIFF)")
         ->required()
         ->check(rasterOutputFile());
-    app.add_option("--cell", box_.cell_size, "edge of a cell, in metres (the cloud's units)")
-        ->required()
-        ->check(boxRule("GroundRasterParameterBox", "cell_size"));
-    addRange(app, "--classes", box_.classes, "the ground classes (class numbers)");
-    app.add_option("--fill-rings", box_.fill_rings, "how far gaps are filled, in cells (0 to 1000)")
-        ->capture_default_str()
-        ->check(boxRule("GroundRasterParameterBox", "fill_rings"));
-    app.add_option("--fragment-cells", box_.fragment_cells, "cells of a fragment along x and y")
-        ->capture_default_str()
-        ->check(boxRule("GroundRasterParameterBox", "fragment_cells"));
-    app.add_option("--height-field", box_.height_field, "the field of the heights")
-        ->capture_default_str();
+    addGroundRasterOptions(app, box_);
     app.footer(Footer);
   }
+
+  std::unique_ptr<CloudCommand> stage() const override { return std::make_unique<DtmStage>(); }
 
   int run(const Host& host) override {
     checkOutput(output_);

@@ -68,7 +68,7 @@ public:
   void apply(Cloud& cloud, const Host& host) override {
     if (rasterPath_.empty())
       throw CLI::RequiredError("RASTER");
-    auto raster = loadRaster(rasterPath_, host, box_);
+    auto raster = loadRaster(rasterPath_, host, box_, &cloud);
     checkOverlap(*raster, *cloud.grid);
     bool ok = false;
     host.run("map", pointCount(*cloud.grid), [&] { ok = mapData(cloud.grid, raster, box_); });

@@ -65,8 +65,11 @@ void takeRasterLayout(const std::string& path, MapRasterOnPointCloudParameterBox
 }
 
 Basalt::StrongPtr<Tressel::Grid> loadRaster(const std::string& path, const Host& host,
-                                            MapRasterOnPointCloudParameterBox& box) {
-  auto raster = host.load(path).grid; // bundles, and any raster file through GDAL
+                                            MapRasterOnPointCloudParameterBox& box,
+                                            const Cloud* beside) {
+  const Cloud::Raster* made = beside ? beside->raster(path) : nullptr;
+  // Bundles, and any raster file through GDAL.
+  auto raster = made ? made->grid : host.load(path).grid;
   takeRasterLayout(*raster, path, box);
   bool ok = false;
   host.run("prepare", 0, [&] { ok = prepareRaster(raster, box); });

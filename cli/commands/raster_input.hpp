@@ -26,9 +26,11 @@ void takeRasterLayout(const Tressel::Grid& raster, const std::string& path,
 // The same for the first grid of a raster file.
 void takeRasterLayout(const std::string& path, MapRasterOnPointCloudParameterBox& box);
 
-// Loads the raster file, takes its layout and prepares it; throws Error naming the file when
-// preparation fails.
+// Loads the raster file (or takes the raster of that name that a pipeline stage made beside
+// the cloud), takes its layout and prepares it; throws Error naming the file when preparation
+// fails.
 Basalt::StrongPtr<Tressel::Grid> loadRaster(const std::string& path, const Host& host,
-                                            MapRasterOnPointCloudParameterBox& box);
+                                            MapRasterOnPointCloudParameterBox& box,
+                                            const Cloud* beside = nullptr);
 
 } // namespace Quorvel::Cli

@@ -1,6 +1,8 @@
 // Quorvel framework, data model: representations and field slots.
 #include "tressel/Representation.hpp"
 
+#include <algorithm>
+
 namespace Tressel {
 
 FieldProxy::operator StrongPtr<Field>() const {
@@ -79,6 +81,16 @@ void Representation::setField(const std::string& name, const StrongPtr<Field>& f
       return;
     }
   fields_.emplace_back(std::make_shared<FieldID>(name), field);
+}
+
+bool Representation::removeField(const std::string& name) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = std::find_if(fields_.begin(), fields_.end(),
+                                  [&](const auto& entry) { return entry.first->Name() == name; });
+  if (found == fields_.end())
+    return false;
+  fields_.erase(found);
+  return true;
 }
 
 StrongPtr<FragmentIDCollection> Representation::fragmentLayout() const {

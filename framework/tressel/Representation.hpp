@@ -76,6 +76,8 @@ public:
                              const TresselTypeBase* elementType, int rank);
   // Puts a field under a name, replacing any field of that name.
   void setField(const std::string& name, const StrongPtr<Field>& field);
+  // Drops the field of that name (nothing when there is none); false when there was none.
+  bool removeField(const std::string& name);
 
   FieldProxy operator[](const std::string& name) { return FieldProxy(shared_from_this(), name); }
 

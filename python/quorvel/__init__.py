@@ -259,3 +259,13 @@ def _cloud_from_dict(fields, fragment_points=0):
 
 Cloud.__init__ = _cloud_init
 Cloud.from_dict = staticmethod(_cloud_from_dict)
+
+
+def __getattr__(name):
+    # quorvel.catalog (catalogues on Dask) is imported when first used, so that `python3 -m
+    # quorvel.catalog` finds it unimported.
+    if name == "catalog":
+        import importlib
+
+        return importlib.import_module(".catalog", __name__)
+    raise AttributeError(f"module 'quorvel' has no attribute '{name}'")
