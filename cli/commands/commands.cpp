@@ -18,6 +18,8 @@ const std::vector<CommandEntry>& commands() {
       {"cellsize", "voxel-density cell size of every point", makeCellSize},
       {"date", "acquisition date and GPS week of file names", makeDate},
       {"pipeline", "several commands on one cloud, read once and written once", makePipeline},
+      {"ground", "ground points of an unclassified cloud (simple morphological filter)",
+       makeGround},
       {"regress", "classes by the distance from local planes, in rounds (ground growing)",
        makeRegress},
       {"extrapolate", "spread a class from seeds into nearby points, in rounds", makeExtrapolate},
