@@ -34,8 +34,8 @@ namespace {
 constexpr double LargestGrid = 1u << 28;
 // The class of ground points, and of the points the filter finds not to be ground.
 constexpr unsigned char Ground = 2, Unassigned = 1;
-// Low outliers: a cell more than this (units of the positions) below the closing of its 3 x 3
-// neighbourhood is dropped from the minimum surface.
+// Low outliers: a cell more than this (units of the positions) below all its neighbours is
+// dropped from the minimum surface.
 constexpr double LowOutlierDepth = 5.0;
 
 // The points that take part, relative to the lowest x and y among them.
@@ -99,9 +99,13 @@ std::size_t cellIndex(double v, double cell, std::size_t count) {
 }
 
 // The lowest point of every cell, NaN where a cell holds none.
-HeightGrid minimumSurface(const Gathered& g, double cell) {
+HeightGrid minimumSurface(const Gathered& g, double smallestCell) {
   const double spanX = *std::max_element(g.x.begin(), g.x.end());
   const double spanY = *std::max_element(g.y.begin(), g.y.end());
+  // Sparse data (fewer points than cells) gets cells of about one point each, so that the
+  // surface is made of points rather than of filled holes.
+  const double cell =
+      std::max(smallestCell, std::sqrt(spanX * spanY / static_cast<double>(g.x.size())));
   const double columns = std::floor(spanX / cell) + 1, rows = std::floor(spanY / cell) + 1;
   if (columns * rows > LargestGrid)
     throw std::runtime_error(Basalt::format(
@@ -129,20 +133,27 @@ void clearMarked(HeightGrid& grid, const std::vector<std::uint8_t>& mask) {
       grid.z[k] = std::numeric_limits<float>::quiet_NaN();
 }
 
-// Low outliers: cells more than LowOutlierDepth below the closing of their neighbourhood, found
-// as objects of the inverted surface under an opening of radius 1.
-std::vector<std::uint8_t> lowOutliers(const HeightGrid& filled) {
-  HeightGrid inverted = filled;
-  for (float& z : inverted.z)
-    z = -z;
-  return detail::progressiveObjects(inverted, LowOutlierDepth / filled.cell, 1);
+// Low outliers: measured cells more than LowOutlierDepth below the lowest of their measured
+// neighbours (single pits of low noise). Ground between buildings, even one cell wide, has a
+// ground neighbour along its length, so it is never one.
+std::vector<std::uint8_t> lowOutliers(const HeightGrid& measured) {
+  std::vector<std::uint8_t> low(measured.z.size(), 0);
+  for (std::size_t j = 0; j < measured.rows; ++j)
+    for (std::size_t i = 0; i < measured.columns; ++i) {
+      float lowest = std::numeric_limits<float>::infinity();
+      for (std::size_t nj = j > 0 ? j - 1 : 0; nj <= std::min(j + 1, measured.rows - 1); ++nj)
+        for (std::size_t ni = i > 0 ? i - 1 : 0; ni <= std::min(i + 1, measured.columns - 1); ++ni)
+          if ((ni != i || nj != j) && !std::isnan(measured.at(ni, nj)))
+            lowest = std::min(lowest, measured.at(ni, nj));
+      low[j * measured.columns + i] = measured.at(i, j) < lowest - LowOutlierDepth;
+    }
+  return low;
 }
 
 // The provisional terrain: the minimum surface without low outliers and objects, filled.
 HeightGrid provisionalTerrain(HeightGrid surface, const GroundFilterParameterBox& box) {
-  const std::vector<float> measured = surface.z;
-  detail::fillHoles(surface);
   clearMarked(surface, lowOutliers(surface));
+  const std::vector<float> measured = surface.z;
   detail::fillHoles(surface);
   const auto radius =
       static_cast<std::size_t>(std::max(1.0, std::round(box.window / box.cell_size)));
