@@ -34,9 +34,10 @@ namespace {
 constexpr double LargestGrid = 1u << 28;
 // The class of ground points, and of the points the filter finds not to be ground.
 constexpr unsigned char Ground = 2, Unassigned = 1;
-// Low outliers: a cell more than this (units of the positions) below all its neighbours is
-// dropped from the minimum surface.
+// Low outliers: a cell more than LowOutlierDepth (units of the positions) below every other cell
+// within LowOutlierReach cells is dropped from the minimum surface.
 constexpr double LowOutlierDepth = 5.0;
+constexpr std::size_t LowOutlierReach = 3;
 
 // The points that take part, relative to the lowest x and y among them.
 struct Gathered {
@@ -133,16 +134,21 @@ void clearMarked(HeightGrid& grid, const std::vector<std::uint8_t>& mask) {
       grid.z[k] = std::numeric_limits<float>::quiet_NaN();
 }
 
-// Low outliers: measured cells more than LowOutlierDepth below the lowest of their measured
-// neighbours (single pits of low noise). Ground between buildings, even one cell wide, has a
-// ground neighbour along its length, so it is never one.
+// Low outliers: measured cells more than LowOutlierDepth below every other measured cell within
+// LowOutlierReach cells (lone pits of low noise). Ground seen through gaps of a canopy, or between
+// buildings, has other ground cells that near, so it is never one.
 std::vector<std::uint8_t> lowOutliers(const HeightGrid& measured) {
+  const std::size_t reach = LowOutlierReach;
   std::vector<std::uint8_t> low(measured.z.size(), 0);
   for (std::size_t j = 0; j < measured.rows; ++j)
     for (std::size_t i = 0; i < measured.columns; ++i) {
+      if (std::isnan(measured.at(i, j)))
+        continue;
       float lowest = std::numeric_limits<float>::infinity();
-      for (std::size_t nj = j > 0 ? j - 1 : 0; nj <= std::min(j + 1, measured.rows - 1); ++nj)
-        for (std::size_t ni = i > 0 ? i - 1 : 0; ni <= std::min(i + 1, measured.columns - 1); ++ni)
+      for (std::size_t nj = j > reach ? j - reach : 0; nj <= std::min(j + reach, measured.rows - 1);
+           ++nj)
+        for (std::size_t ni = i > reach ? i - reach : 0;
+             ni <= std::min(i + reach, measured.columns - 1); ++ni)
           if ((ni != i || nj != j) && !std::isnan(measured.at(ni, nj)))
             lowest = std::min(lowest, measured.at(ni, nj));
       low[j * measured.columns + i] = measured.at(i, j) < lowest - LowOutlierDepth;

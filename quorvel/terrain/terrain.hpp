@@ -104,8 +104,12 @@ struct ExtrapolationParameterBox {
   double radius = 1.0;
   // Largest number of rounds; each grows the front by about one radius.
   int maximum_iteration = 10;
-  // "2D": seeds within the radius in x and y; "3D": in x, y and z.
-  std::string dimension = "2D";
+  // "2D": seeds within the radius in x and y; "3D": in x, y and z. 3D keeps the growth on the
+  // ground under trees: a point a metre above the terrain has no seed within the radius, while
+  // in 2D the plane through seeds and low vegetation grown before tilts up, round by round (on
+  // forest data seeded with 10% of the ground, 9% of what 2D grew in 10 rounds lay more than
+  // 2 m above the terrain, 0.02% of what 3D grew).
+  std::string dimension = "3D";
   // planarregression: signed distances from the plane (positive above) that let a candidate grow.
   Vantor::MultiRange<double> range{"-0.2:0.2"};
   // planarregression: percentage of the lowest seeds left out of the plane fit.
