@@ -62,7 +62,7 @@ def terrain_height(x, y):
 def synthetic_scene(seed=3):
     """Points of a 140 x 140 m scene at 5 per square metre and whether each is ground. Buildings
     (roofs 6 to 10 m high, up to 24 m wide), trees (crowns 3 m wide, 4 to 15 m high) and low
-    noise (2 to 8 m below the ground) stand on the terrain."""
+    noise (6 to 15 m below the ground) stand on the terrain."""
     rng = np.random.default_rng(seed)
     n = 140 * 140 * 5
     x, y = rng.uniform(0, 140, n), rng.uniform(0, 140, n)
@@ -80,7 +80,7 @@ def synthetic_scene(seed=3):
         z[hit] = ground[hit] + rng.uniform(4, 15, np.count_nonzero(hit))
         is_ground[hit] = False
     low = rng.choice(np.flatnonzero(is_ground), 40, replace=False)
-    z[low] -= rng.uniform(2, 8, 40)
+    z[low] -= rng.uniform(6, 15, 40)
     is_ground[low] = False
     return np.column_stack([x, y, z]), is_ground
 
