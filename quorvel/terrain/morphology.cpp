@@ -98,8 +98,12 @@ void openSquare(HeightGrid& grid, std::size_t radius) {
 std::vector<std::uint8_t> progressiveObjects(const HeightGrid& grid, double slope,
                                              std::size_t maxRadius) {
   std::vector<std::uint8_t> objects(grid.z.size(), 0);
-  HeightGrid last = grid, opened = grid;
+  HeightGrid last = grid, opened;
   for (std::size_t r = 1; r <= maxRadius; ++r) {
+    // Each opening is of the surface itself: opening the last opening again would lower a
+    // ramp at the grid's edge (where windows are clipped) a little more every time, until
+    // the ground there stands out as an object.
+    opened = grid;
     openSquare(opened, r);
     const double threshold = slope * static_cast<double>(r) * grid.cell;
     for (std::size_t k = 0; k < objects.size(); ++k)

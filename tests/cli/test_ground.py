@@ -108,9 +108,8 @@ def test_ground_of_synthetic_terrain_within_the_reported_error(scene, tmp_path):
     classes = read_classes(tmp_path / "out.las")
     assert set(np.unique(classes)) <= {1, 2}
     type1, type2, total = errors(is_ground, classes)
-    # Measured: 3.8% type I (most of it in the corner behind the building nearest to it, where the
-    # clipped windows reach the roof), 0.2% type II, 3.5% total.
-    assert type1 < 4.5 and type2 < 0.5 and total < 4.0, (type1, type2, total)
+    # Measured: no error at all on this scene; a little room for the random points.
+    assert type1 < 0.5 and type2 < 0.5 and total < 0.5, (type1, type2, total)
     # Every roof point is found not to be ground, and so is every low outlier.
     roofs = ~is_ground & (xyz[:, 2] > terrain_height(xyz[:, 0], xyz[:, 1]) + 5.5)
     assert np.count_nonzero(classes[roofs] == 2) <= 0.01 * np.count_nonzero(roofs)

@@ -33,9 +33,9 @@ bool fillHoles(HeightGrid& grid);
 // Gil-Werman running extreme, so the cost does not grow with the radius.
 void openSquare(HeightGrid& grid, std::size_t radius);
 
-// Progressive opening: the grid is opened with windows of radius 1 to maxRadius cells, each
-// opening applied to the previous one's result; a cell whose height drops by more than
-// slope * radius * cell in one step is an object (1 in the result). The grid must have no NaN.
+// Progressive opening: the grid is opened with windows of radius 1 to maxRadius cells; a cell
+// whose height drops by more than slope * radius * cell from one radius's opening to the next
+// (the first compared with the grid) is an object (1 in the result). The grid must have no NaN.
 std::vector<std::uint8_t> progressiveObjects(const HeightGrid& grid, double slope,
                                              std::size_t maxRadius);
 
