@@ -56,10 +56,13 @@ public:
   void apply(Cloud& cloud, const Host& host) override {
     std::size_t ground = 0;
     host.run("ground", pointCount(*cloud.grid), [&] { ground = groundFilter(cloud.grid, box_); });
+    // A stage of a pipeline has no input of its own; alone, the message names the file.
+    const std::string where = input().empty() ? "" : input() + ": ";
     if (!box_.message.empty())
-      throw Error("ground: " + box_.message);
+      throw Error("ground: " + where + box_.message);
     if (ground == 0)
-      std::fprintf(stderr, "quorvel ground: warning: no point was found to be ground\n");
+      std::fprintf(stderr, "quorvel ground: warning: %sno point was found to be ground\n",
+                   where.c_str());
   }
 
 private:

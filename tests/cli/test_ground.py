@@ -159,6 +159,10 @@ def test_refused_values_name_the_option(scene, tmp_path):
     done = run("ground", folder / "scene.las", "-o", tmp_path / "x.las", "--method", "csf",
                ok=False)
     assert "smrf" in done.stderr
+    done = run("ground", folder / "scene.las", "-o", tmp_path / "x.las", "--ignore", "0:255",
+               ok=False)
+    assert f"ground: {folder / 'scene.las'}: no point with finite coordinates outside the " \
+           "ignored classes" in done.stderr
     assert not (tmp_path / "x.las").exists()
 
 
@@ -168,3 +172,13 @@ def test_growing_without_seeds_says_so_and_changes_nothing(scene, tmp_path, comm
     done = run(command[0], folder / "scene.las", "-o", tmp_path / "out.las", *command[1:])
     assert "no seeds" in done.stderr and "quorvel ground" in done.stderr
     assert np.all(read_classes(tmp_path / "out.las") == 0)
+
+
+def test_a_pipeline_stage_writes_what_the_command_writes(scene, tmp_path):
+    folder, _, _ = scene
+    run("-q", "ground", folder / "scene.las", "-o", tmp_path / "alone.las", "--window", 12)
+    steps = tmp_path / "steps.json"
+    steps.write_text(f'["{folder / "scene.las"}", {{"command": "ground", "window": 12}}, '
+                     f'"{tmp_path / "piped.las"}"]')
+    run("-q", "pipeline", steps)
+    assert np.array_equal(read_classes(tmp_path / "piped.las"), read_classes(tmp_path / "alone.las"))
