@@ -157,7 +157,8 @@ struct GroundFilterParameterBox {
   // The method: "smrf" (the only one so far).
   std::string method = "smrf";
   // Edge of the cells of the minimum surface (units of the positions, above 0). 1 m holds a
-  // few points of airborne data; sparser data leaves more holes, which are filled.
+  // few points of airborne data; data with fewer points than cells of this size gets cells of
+  // about one point each (the square root of the extent's area per point) instead.
   double cell_size = 1.0;
   // Largest terrain slope, rise over run (above 0): a cell that drops by more than slope times
   // the window radius under an opening is an object. 0.15 is about 8.5 degrees.
