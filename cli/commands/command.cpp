@@ -70,7 +70,8 @@ void warnWithoutSeeds(const std::string& command, const Tressel::Grid& grid,
       return;
   std::fprintf(stderr,
                "quorvel %s: warning: no point has a class in %s %s, so there are no seeds and "
-               "nothing changes (quorvel info lists the classes there are)\n",
+               "nothing changes (quorvel ground finds the ground of an unclassified cloud; "
+               "quorvel info lists the classes there are)\n",
                command.c_str(), option.c_str(), typedRange(classes).c_str());
 }
 

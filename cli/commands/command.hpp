@@ -100,6 +100,7 @@ std::unique_ptr<Command> makePipeline();
 // Reads and checks a pipeline file as `quorvel pipeline` does before anything runs; throws
 // Error naming the file and the element.
 void checkPipeline(const std::string& path);
+std::unique_ptr<Command> makeGround();
 std::unique_ptr<Command> makeRegress();
 std::unique_ptr<Command> makeRelHeight();
 std::unique_ptr<Command> makeShapeFactors();

@@ -20,6 +20,8 @@ const std::vector<CommandEntry>& commands() {
       {"pipeline", "several commands on one cloud, read once and written once", makePipeline},
       {"catalog", "a pipeline over a survey's files, chunk by chunk with buffers, on Dask",
        makeCatalog},
+      {"ground", "ground points of an unclassified cloud (simple morphological filter)",
+       makeGround},
       {"regress", "classes by the distance from local planes, in rounds (ground growing)",
        makeRegress},
       {"extrapolate", "spread a class from seeds into nearby points, in rounds", makeExtrapolate},

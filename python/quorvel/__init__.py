@@ -28,6 +28,7 @@ select                          computeSelection
 selection_table                 array2D
 planar_regression               planarRegressionOfGrid
 extrapolate                     extrapolation
+ground_filter                   groundFilter
 relative_height_and_belows      relativeHeightAndBelows
 classification_transfer         classificationTransfer
 classification_transfer_old     classificationTransferOLD
@@ -66,6 +67,7 @@ ALIASES = {
     "selection_table": "array2D",
     "planar_regression": "planarRegressionOfGrid",
     "extrapolate": "extrapolation",
+    "ground_filter": "groundFilter",
     "relative_height_and_belows": "relativeHeightAndBelows",
     "classification_transfer": "classificationTransfer",
     "classification_transfer_old": "classificationTransferOLD",

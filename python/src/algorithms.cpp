@@ -224,6 +224,34 @@ void bindTerrain(py::module_& m) {
       "Parameters:\n"
       "    cloud: the point cloud (positions in metres), \"Classification\" rewritten\n"
       "    box: ExtrapolationParameterBox (radius in metres, classes as ranges)");
+  using Filter = GroundFilterParameterBox;
+  BoxBinding<Filter>(m, "GroundFilterParameterBox", "Settings of the ground filter.")
+      .field("method", &Filter::method, "\"smrf\": the simple morphological filter")
+      .field("cell_size", &Filter::cell_size, "edge of the cells of the surface in metres")
+      .field("slope", &Filter::slope, "largest terrain slope, rise over run")
+      .field("window", &Filter::window, "radius of the largest opening in metres")
+      .field("threshold", &Filter::threshold, "height from the terrain still ground, in metres")
+      .field("scalar", &Filter::scalar, "growth of the threshold with the local slope")
+      .field("ignore", &Filter::ignore, "classes that take no part (noise)")
+      .field("reset", &Filter::reset, "every point not ignored becomes 2 or 1")
+      .field("message", &Filter::message, "the error of the last run");
+  m.def(
+      "groundFilter",
+      [](Cloud& c, Filter& box) {
+        requireBox("GroundFilterParameterBox", box);
+        std::size_t found = 0;
+        checked(box.message, [&] {
+          found = groundFilter(c.grid, box);
+          return std::string();
+        });
+        return found;
+      },
+      py::arg("cloud"), py::arg("box"),
+      "The ground points of the cloud as class 2, the others of classes 0 to 2 as class 1; "
+      "returns how many are ground.\n\n"
+      "Parameters:\n"
+      "    cloud: the point cloud (positions in metres), \"Classification\" rewritten\n"
+      "    box: GroundFilterParameterBox (lengths in metres, classes as ranges)");
   m.def(
       "relativeHeightAndBelows",
       [](Cloud& c, double squareHalfWidth, const std::optional<std::string>& classes) {

@@ -104,8 +104,12 @@ struct ExtrapolationParameterBox {
   double radius = 1.0;
   // Largest number of rounds; each grows the front by about one radius.
   int maximum_iteration = 10;
-  // "2D": seeds within the radius in x and y; "3D": in x, y and z.
-  std::string dimension = "2D";
+  // "2D": seeds within the radius in x and y; "3D": in x, y and z. 3D keeps the growth on the
+  // ground under trees: a point a metre above the terrain has no seed within the radius, while
+  // in 2D the plane through seeds and low vegetation grown before tilts up, round by round (on
+  // forest data seeded with 10% of the ground, 9% of what 2D grew in 10 rounds lay more than
+  // 2 m above the terrain, 0.02% of what 3D grew).
+  std::string dimension = "3D";
   // planarregression: signed distances from the plane (positive above) that let a candidate grow.
   Vantor::MultiRange<double> range{"-0.2:0.2"};
   // planarregression: percentage of the lowest seeds left out of the plane fit.
@@ -140,6 +144,54 @@ bool extrapolationOfMultiArray(
     const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& positions,
     const Basalt::StrongPtr<Vantor::BoundingBox>& bbox, ExtrapolationParameterBox& box,
     Tressel::MultiArray<1, unsigned char>& classes);
+
+// Settings of the ground filter, which finds the ground points of an unclassified cloud, and its
+// result text. "smrf" is the simple morphological filter (Pingel, Clarke and McBride 2013): the
+// lowest point of every cell makes a minimum surface with its holes filled; cells far below their
+// neighbours are dropped as low noise; progressive openings with growing windows mark the cells
+// that stand out of the terrain by more than the slope allows (buildings, trees); the surface of
+// the remaining cells, filled again, is the provisional terrain, and a point is ground when it
+// lies within threshold + scalar * (local slope) of it. The defaults suit airborne data of 1 to 50
+// points per square metre in metres, without tuning.
+struct GroundFilterParameterBox {
+  // The method: "smrf" (the only one so far).
+  std::string method = "smrf";
+  // Edge of the cells of the minimum surface (units of the positions, above 0). 1 m holds a
+  // few points of airborne data; data with fewer points than cells of this size gets cells of
+  // about one point each (the square root of the extent's area per point) instead.
+  double cell_size = 1.0;
+  // Largest terrain slope, rise over run (above 0): a cell that drops by more than slope times
+  // the window radius under an opening is an object. 0.15 is about 8.5 degrees.
+  double slope = 0.15;
+  // Radius of the largest opening window (units of the positions, at least one cell): about half
+  // the width of the largest building. 18 m.
+  double window = 18.0;
+  // Height of a ground point above or below the provisional terrain on flat ground (units of the
+  // positions, 0 or more). 0.5 m.
+  double threshold = 0.5;
+  // How much the threshold grows with the terrain slope at the point (0 or more): threshold +
+  // scalar * slope. 1.25 keeps steep slopes, where the filled surface is least exact, ground.
+  double scalar = 1.25;
+  // Classes that take no part (noise: 7 low point, 18 high noise); their points keep their class.
+  Vantor::MultiRange<double> ignore{"7,18"};
+  // false: only points of classes 0, 1 and 2 change (to 2 ground or 1 unassigned), others keep
+  // their class; true: every point not ignored becomes 2 or 1.
+  bool reset = false;
+  // Result text of groundFilter: the error that stopped the run, or empty.
+  std::string message;
+
+  // One line per field but the message, in order: "method: ", "cell_size: ", "slope: ",
+  // "window: ", "threshold: ", "scalar: ", "ignore: ", "reset: " and the value.
+  void print() const;
+};
+
+// Classifies the ground of the whole cloud at once ("Classification" is created, all 0, when the
+// cloud has none) by box.method; fragments are only the storage, so the result does not depend
+// on how the cloud is cut into them. Returns the number of points found as ground. Errors (no
+// positions, no point with finite coordinates outside the ignored classes, a grid of more than
+// 2^28 cells, an unknown method) leave the classes as they were and are written to box.message.
+std::size_t groundFilter(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                         GroundFilterParameterBox& box);
 
 // Both terrain measures over every fragment of a cloud (Tressel::RelativeHeightBox and
 // Tressel::RelativeBelowsBox with this half width): "RelativeHeight" (float) and

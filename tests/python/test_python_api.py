@@ -271,7 +271,7 @@ def same_value(value, text):
 def test_every_box_binds_every_field_of_its_struct_with_the_printed_defaults():
     boxes = header_boxes()
     bound = {name for name in dir(quorvel) if name.endswith("ParameterBox")}
-    assert bound == set(boxes) and len(boxes) == 10
+    assert bound == set(boxes) and len(boxes) == 11
     for name, fields in boxes.items():
         cls = getattr(quorvel, name)
         assert list(cls._fields) == fields, name
@@ -366,3 +366,21 @@ def test_the_library_lines_show_only_when_verbose(capfd):
     # A box's print() is asked for: it shows whatever the setting.
     box.print()
     assert capfd.readouterr().out == str(box) and "step: 0.25\n" in str(box)
+
+
+def test_ground_filter_finds_the_ground_under_a_roof_and_refuses_bad_boxes():
+    """A 60 x 60 m plane at 2 points per square metre with a 12 m roof 5 m high on it: the plane
+    is ground, the roof is not; noise (7) keeps its class; a refused value raises ValueError."""
+    rng = np.random.default_rng(4)
+    xy = rng.uniform(0, 60, (7200, 2))
+    roof = (abs(xy[:, 0] - 30) < 6) & (abs(xy[:, 1] - 30) < 6)
+    z = 50 + 0.05 * xy[:, 0] + np.where(roof, 5.0, 0.0)
+    classes = np.where(np.arange(7200) % 100 == 0, 7, 0).astype(np.uint8)
+    cloud = quorvel.Cloud(np.column_stack([xy, z]), classification=classes)
+    found = quorvel.ground_filter(cloud, quorvel.GroundFilterParameterBox())
+    out = cloud["Classification"]
+    assert np.array_equal(out[classes == 7], classes[classes == 7])
+    assert np.all(out[(classes != 7) & roof] == 1) and np.all(out[(classes != 7) & ~roof] == 2)
+    assert found == np.count_nonzero((classes != 7) & ~roof)
+    with pytest.raises(ValueError, match="window"):
+        quorvel.groundFilter(cloud, quorvel.GroundFilterParameterBox(window=-1))

@@ -228,7 +228,7 @@ TEST(Extrapolation, MessagesBoxAndThreads) {
   Box().print();
   EXPECT_EQ(GetCapturedStdout(),
             "mode: planarregression\nextrapolation_class: 2\nsource: 2.000000:2.000000\n"
-            "target: 0.000000:0.000000\nradius: 1\nmaximum_iteration: 10\ndimension: 2D\n"
+            "target: 0.000000:0.000000\nradius: 1\nmaximum_iteration: 10\ndimension: 3D\n"
             "range: -0.200000:0.200000\nquantile: 0\nthreshold: 0.2\n");
 
   const int before = omp_get_max_threads();

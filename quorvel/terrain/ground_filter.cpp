@@ -1,0 +1,244 @@
+// Quorvel: the ground filter. The whole cloud is gathered into one minimum surface, so that the
+// result does not depend on the fragments it is stored in; the raster steps are the kernels of
+// detail/morphology.hpp.
+#include "quorvel/core/core.hpp"
+#include "quorvel/terrain/detail/morphology.hpp"
+#include "quorvel/terrain/terrain.hpp"
+
+#include "basalt/Text.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+
+namespace Quorvel {
+
+using detail::HeightGrid;
+
+void GroundFilterParameterBox::print() const {
+  printField("method: ", method);
+  printField("cell_size: ", cell_size);
+  printField("slope: ", slope);
+  printField("window: ", window);
+  printField("threshold: ", threshold);
+  printField("scalar: ", scalar);
+  printField("ignore: ", ignore);
+  printField("reset: ", reset);
+}
+
+namespace {
+
+// More cells than this is a cell size far too small for the cloud (or a stray point far away).
+constexpr double LargestGrid = 1u << 28;
+// The class of ground points, and of the points the filter finds not to be ground.
+constexpr unsigned char Ground = 2, Unassigned = 1;
+// Low outliers: a cell more than LowOutlierDepth (units of the positions) below every other cell
+// within LowOutlierReach cells is dropped from the minimum surface.
+constexpr double LowOutlierDepth = 5.0;
+constexpr std::size_t LowOutlierReach = 3;
+
+// The points that take part, relative to the lowest x and y among them.
+struct Gathered {
+  std::vector<double> x, y, z;
+  double originX = 0, originY = 0;
+};
+
+// The classes of a fragment as a table lookup: which take part.
+using ClassTable = std::array<bool, 256>;
+
+ClassTable tableOf(const MultiRange<double>& classes) {
+  ClassTable table{};
+  for (int c = 0; c < 256; ++c)
+    table[static_cast<std::size_t>(c)] = classes.contains(c, RangeTolerance);
+  return table;
+}
+
+bool takesPart(const point& p, unsigned char cls, const ClassTable& ignored) {
+  return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z) && !ignored[cls];
+}
+
+// Calls f(positions, classes-or-null, output) for every fragment with positions, in layout order.
+template <class F>
+void forEachFragmentOf(const Field& positions, const StrongPtr<Field>& classes, F&& f) {
+  for (const FragmentSlot& slot : fragmentsOf(positions)) {
+    const auto xyz = fragmentArray<point>(positions, slot);
+    if (!xyz)
+      continue;
+    const auto cls = fragmentArray<unsigned char>(*classes, slot);
+    f(slot, *xyz, cls && cls->size() == xyz->size() ? cls.get() : nullptr);
+  }
+}
+
+Gathered gather(const Field& positions, const StrongPtr<Field>& classes,
+                const ClassTable& ignored) {
+  Gathered g;
+  forEachFragmentOf(positions, classes,
+                    [&](const FragmentSlot&, const MemArray<1, point>& xyz,
+                        const MemArray<1, unsigned char>* cls) {
+                      for (std::size_t i = 0; i < xyz.size(); ++i)
+                        if (takesPart(xyz[i], cls ? (*cls)[i] : 0, ignored)) {
+                          g.x.push_back(xyz[i].x);
+                          g.y.push_back(xyz[i].y);
+                          g.z.push_back(xyz[i].z);
+                        }
+                    });
+  if (g.x.empty())
+    throw std::runtime_error("no point with finite coordinates outside the ignored classes");
+  g.originX = *std::min_element(g.x.begin(), g.x.end());
+  g.originY = *std::min_element(g.y.begin(), g.y.end());
+  for (std::size_t k = 0; k < g.x.size(); ++k) {
+    g.x[k] -= g.originX;
+    g.y[k] -= g.originY;
+  }
+  return g;
+}
+
+std::size_t cellIndex(double v, double cell, std::size_t count) {
+  return std::min(static_cast<std::size_t>(v / cell), count - 1);
+}
+
+// The lowest point of every cell, NaN where a cell holds none.
+HeightGrid minimumSurface(const Gathered& g, double smallestCell) {
+  const double spanX = *std::max_element(g.x.begin(), g.x.end());
+  const double spanY = *std::max_element(g.y.begin(), g.y.end());
+  // Sparse data (fewer points than cells) gets cells of about one point each, so that the
+  // surface is made of points rather than of filled holes.
+  const double cell =
+      std::max(smallestCell, std::sqrt(spanX * spanY / static_cast<double>(g.x.size())));
+  const double columns = std::floor(spanX / cell) + 1, rows = std::floor(spanY / cell) + 1;
+  if (columns * rows > LargestGrid)
+    throw std::runtime_error(Basalt::format(
+        "%.0f x %.0f cells of %g: the cell size is far too small for the points' extent", columns,
+        rows, cell));
+  HeightGrid grid;
+  grid.columns = static_cast<std::size_t>(columns);
+  grid.rows = static_cast<std::size_t>(rows);
+  grid.cell = cell;
+  grid.z.assign(grid.columns * grid.rows, std::numeric_limits<float>::infinity());
+  for (std::size_t k = 0; k < g.x.size(); ++k) {
+    float& z = grid.at(cellIndex(g.x[k], cell, grid.columns), cellIndex(g.y[k], cell, grid.rows));
+    z = std::min(z, static_cast<float>(g.z[k]));
+  }
+  for (float& z : grid.z)
+    if (std::isinf(z))
+      z = std::numeric_limits<float>::quiet_NaN();
+  return grid;
+}
+
+// Sets the cells marked in mask to NaN.
+void clearMarked(HeightGrid& grid, const std::vector<std::uint8_t>& mask) {
+  for (std::size_t k = 0; k < mask.size(); ++k)
+    if (mask[k])
+      grid.z[k] = std::numeric_limits<float>::quiet_NaN();
+}
+
+// Low outliers: measured cells more than LowOutlierDepth below every other measured cell within
+// LowOutlierReach cells (lone pits of low noise). Ground seen through gaps of a canopy, or between
+// buildings, has other ground cells that near, so it is never one.
+std::vector<std::uint8_t> lowOutliers(const HeightGrid& measured) {
+  const std::size_t reach = LowOutlierReach;
+  std::vector<std::uint8_t> low(measured.z.size(), 0);
+  for (std::size_t j = 0; j < measured.rows; ++j)
+    for (std::size_t i = 0; i < measured.columns; ++i) {
+      if (std::isnan(measured.at(i, j)))
+        continue;
+      float lowest = std::numeric_limits<float>::infinity();
+      for (std::size_t nj = j > reach ? j - reach : 0; nj <= std::min(j + reach, measured.rows - 1);
+           ++nj)
+        for (std::size_t ni = i > reach ? i - reach : 0;
+             ni <= std::min(i + reach, measured.columns - 1); ++ni)
+          if ((ni != i || nj != j) && !std::isnan(measured.at(ni, nj)))
+            lowest = std::min(lowest, measured.at(ni, nj));
+      low[j * measured.columns + i] = measured.at(i, j) < lowest - LowOutlierDepth;
+    }
+  return low;
+}
+
+// The provisional terrain: the minimum surface without low outliers and objects, filled.
+HeightGrid provisionalTerrain(HeightGrid surface, const GroundFilterParameterBox& box) {
+  clearMarked(surface, lowOutliers(surface));
+  const std::vector<float> measured = surface.z;
+  detail::fillHoles(surface);
+  const auto radius =
+      static_cast<std::size_t>(std::max(1.0, std::round(box.window / box.cell_size)));
+  std::vector<std::uint8_t> dropped = detail::progressiveObjects(surface, box.slope, radius);
+  // Cells that were filled are estimates, not terrain: they are filled again from the terrain.
+  for (std::size_t k = 0; k < dropped.size(); ++k)
+    dropped[k] = dropped[k] || std::isnan(measured[k]);
+  const std::vector<float> opened = surface.z;
+  clearMarked(surface, dropped);
+  if (!detail::fillHoles(surface))
+    surface.z = opened; // every cell an object: the opened surface is the best terrain there is
+  return surface;
+}
+
+// Whether every gathered point is ground: within threshold + scalar * slope of the terrain.
+std::vector<std::uint8_t> groundPoints(const Gathered& g, const HeightGrid& terrain,
+                                       const GroundFilterParameterBox& box) {
+  const HeightGrid slope = detail::slopeOf(terrain);
+  std::vector<std::uint8_t> ground(g.x.size());
+  for (std::size_t k = 0; k < g.x.size(); ++k) {
+    const double surface = detail::bilinear(terrain, g.x[k], g.y[k]);
+    const double allowed = box.threshold + box.scalar * detail::bilinear(slope, g.x[k], g.y[k]);
+    ground[k] = std::fabs(g.z[k] - surface) <= allowed;
+  }
+  return ground;
+}
+
+void checkBox(const GroundFilterParameterBox& box) {
+  if (box.method != "smrf")
+    throw std::runtime_error("unknown method \"" + box.method + "\" (smrf)");
+  if (!(box.cell_size > 0) || !(box.slope > 0) || !(box.window > 0) || !(box.threshold >= 0) ||
+      !(box.scalar >= 0))
+    throw std::runtime_error("cell_size, slope and window must be above 0, threshold and scalar "
+                             "0 or more");
+}
+
+// Writes the decisions back, fragment by fragment in the order they were gathered.
+std::size_t writeClasses(const Field& positions, const StrongPtr<Field>& classes,
+                         const ClassTable& ignored, const std::vector<std::uint8_t>& ground,
+                         bool reset) {
+  std::size_t k = 0, found = 0;
+  forEachFragmentOf(positions, classes,
+                    [&](const FragmentSlot& slot, const MemArray<1, point>& xyz,
+                        const MemArray<1, unsigned char>*) {
+                      FragmentOutput<unsigned char> out(classes, slot.id, xyz.size());
+                      for (std::size_t i = 0; i < xyz.size(); ++i) {
+                        unsigned char& c = out[i];
+                        if (!takesPart(xyz[i], c, ignored))
+                          continue;
+                        const bool isGround = ground[k++];
+                        found += isGround;
+                        if (reset || c <= Ground)
+                          c = isGround ? Ground : Unassigned;
+                      }
+                      out.commit();
+                    });
+  return found;
+}
+
+} // namespace
+
+std::size_t groundFilter(const StrongPtr<Grid>& grid, GroundFilterParameterBox& box) {
+  box.message.clear();
+  try {
+    checkBox(box);
+    const StrongPtr<Field> positions = grid ? grid->CartesianPositions() : nullptr;
+    if (!positions)
+      throw std::runtime_error("the cloud has no positions");
+    const StrongPtr<Field> classes = outputField<unsigned char>(grid, "Classification");
+    if (!classes)
+      throw std::runtime_error("\"Classification\" exists with another type than 8-bit");
+    const ClassTable ignored = tableOf(box.ignore);
+    const Gathered g = gather(*positions, classes, ignored);
+    const HeightGrid terrain = provisionalTerrain(minimumSurface(g, box.cell_size), box);
+    return writeClasses(*positions, classes, ignored, groundPoints(g, terrain, box), box.reset);
+  } catch (const std::exception& e) {
+    box.message = e.what();
+    return 0;
+  }
+}
+
+} // namespace Quorvel
