@@ -161,7 +161,9 @@ public:
 
 private:
   std::string fieldName() const {
-    return box_.by == "intensity" ? "Intensity" : box_.by == "height" ? "CanopyHeight" : box_.by;
+    if (box_.by == "intensity")
+      return "Intensity";
+    return box_.by == "height" ? "CanopyHeight" : box_.by == "z" ? "" : box_.by;
   }
 
   RenderParameterBox box_;

@@ -50,7 +50,7 @@ RenderParameterBox boxOf(const Options& o) {
   box.corridor = o.width;
   if (o.size) {
     if (o.size->empty() || o.size->size() > 2)
-      throw py::value_error("\"size\": give (width,) or (width, height) in pixels");
+      raiseValue("\"size\": give (width,) or (width, height) in pixels");
     check("width", py::int_((*o.size)[0]));
     box.width = (*o.size)[0];
     box.height = o.size->size() == 2 ? (*o.size)[1] : 0;
@@ -58,22 +58,22 @@ RenderParameterBox boxOf(const Options& o) {
   }
   if (o.range) {
     if (!(o.range->first < o.range->second))
-      throw py::value_error("\"range\": low must be below high");
+      raiseValue("\"range\": low must be below high");
     std::tie(box.range_low, box.range_high) = *o.range;
   }
   if (o.line)
     std::tie(box.from_x, box.from_y, box.to_x, box.to_y) = std::tuple(
         o.line->first.first, o.line->first.second, o.line->second.first, o.line->second.second);
   else if (box.view == "profile")
-    throw py::value_error("\"line\": a profile needs line=((x0, y0), (x1, y1))");
+    raiseValue("\"line\": a profile needs line=((x0, y0), (x1, y1))");
   for (const auto& [cls, style] : o.palette) {
     Render::ClassStyle s;
     const std::string colour = std::holds_alternative<std::string>(style)
                                    ? std::get<std::string>(style)
                                    : std::get<1>(style).first;
     if (cls < 0 || cls > 255 || !Render::parseColour(colour, s.colour))
-      throw py::value_error("\"palette\": class " + std::to_string(cls) + ": \"" + colour +
-                            "\" is not a class 0 to 255 with a colour \"#rrggbb\"");
+      raiseValue("\"palette\": class " + std::to_string(cls) + ": \"" + colour +
+                 "\" is not a class 0 to 255 with a colour \"#rrggbb\"");
     if (std::holds_alternative<std::pair<std::string, std::string>>(style))
       s.name = std::get<1>(style).second;
     box.palette.emplace_back(static_cast<std::uint32_t>(cls), s);

@@ -3,6 +3,7 @@
 #include "quorvel/render/detail/draw.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace Quorvel::Render::detail {
@@ -11,9 +12,12 @@ namespace {
 
 constexpr Rgba White{255, 255, 255, 255}, Black{0, 0, 0, 255};
 
-std::string number(double v) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.4g", v);
+// A value with as many decimals as tell the bar's values apart (span: its high minus low).
+std::string number(double v, double span) {
+  const int decimals =
+      span > 0 ? std::clamp(2 - static_cast<int>(std::floor(std::log10(span))), 0, 6) : 2;
+  char text[48];
+  std::snprintf(text, sizeof text, "%.*f", decimals, v);
   return text;
 }
 
@@ -60,8 +64,10 @@ void rampLegend(Image& image, const LegendContent& legend, int s) {
   const std::size_t margin = 4 * s, line = 10 * s, bar = 12 * s;
   const std::size_t barRows =
       std::max<std::size_t>(64 * s, std::min<std::size_t>(image.height / 2, 256 * s));
-  const std::string labels[] = {number(legend.high), number((legend.low + legend.high) / 2),
-                                number(legend.low)};
+  const double span = legend.high - legend.low;
+  const std::string labels[] = {number(legend.high, span),
+                                number((legend.low + legend.high) / 2, span),
+                                number(legend.low, span)};
   std::size_t textColumns = textWidth(legend.title, s);
   for (const std::string& label : labels)
     textColumns = std::max(textColumns, bar + margin + textWidth(label, s));

@@ -48,8 +48,8 @@ std::vector<double> valuesOf(const Field& field, const FragmentSlot& slot) {
                   short, int, long long, float, double>(field, slot);
 }
 
-// The field a box's `by` colours with, by its name or as "CanopyHeight" for "height"; "z" and
-// classification as Classification.
+// The field a box's `by` colours with (but "z", read from the positions): its name,
+// "CanopyHeight" for "height", "Intensity" for "intensity", "Classification" by default.
 std::string fieldOf(const std::string& by) {
   if (by.empty() || by == "classification")
     return "Classification";
@@ -134,7 +134,9 @@ template <class Project>
 Frame zBuffer(const Tressel::Grid& cloud, const RenderParameterBox& box, Project&& project,
               bool aligned) {
   StrongPtr<Field> valueField, classField;
-  const Field* values = requiredField(cloud, fieldOf(box.by), valueField);
+  // Heights come from the positions themselves.
+  const bool byZ = box.by == "z";
+  const Field* values = byZ ? nullptr : requiredField(cloud, fieldOf(box.by), valueField);
   const Field* classes =
       box.classes.empty() ? nullptr : requiredField(cloud, "Classification", classField);
   std::array<bool, 256> drawn{};
@@ -172,7 +174,7 @@ Frame zBuffer(const Tressel::Grid& cloud, const RenderParameterBox& box, Project
     const std::size_t at = row * w + column;
     if (q.nearness > f.nearness[at]) {
       f.nearness[at] = q.nearness;
-      f.values[at] = value;
+      f.values[at] = byZ ? p.z : value;
     }
   });
   return f;

@@ -26,19 +26,22 @@ void fillRect(Image& image, std::size_t x, std::size_t y, std::size_t w, std::si
               Rgba colour);
 
 // The 3 x 3 heights around (column, row) (rows from the top), at(column, row) giving NaN where
-// there is none (off the picture, no point): a missing one is extrapolated linearly from the
-// cell through its opposite neighbour, else takes the cell's own height, so that a plane shades
-// alike up to its edges and the rim of the drawn area is no cliff.
+// there is none (off the picture, no point). A missing side neighbour is extrapolated linearly
+// from the cell through the opposite one (else takes the cell's height), a missing corner from
+// the plane through the cell and its two sides: a plane shades alike up to its edges, and the
+// rim of the drawn area is no cliff.
 template <class At>
 std::array<double, 9> window(At&& at, long long column, long long row) {
   std::array<double, 9> w;
   for (int k = 0; k < 9; ++k)
     w[k] = at(column + k % 3 - 1, row + k / 3 - 1);
-  std::array<double, 9> out = w;
-  for (int k = 0; k < 9; ++k)
+  for (int k : {1, 3, 5, 7})
     if (std::isnan(w[k]))
-      out[k] = std::isnan(w[8 - k]) ? w[4] : 2 * w[4] - w[8 - k];
-  return out;
+      w[k] = std::isnan(w[8 - k]) ? w[4] : 2 * w[4] - w[8 - k];
+  for (int k : {0, 2, 6, 8})
+    if (std::isnan(w[k]))
+      w[k] = w[k < 3 ? 1 : 7] + w[k % 3 == 0 ? 3 : 5] - w[4];
+  return w;
 }
 
 // What a legend shows: the classes drawn (ascending), or the ramp's range and its title.
