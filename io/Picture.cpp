@@ -80,7 +80,11 @@ void writePng(const std::string& path, const std::string& file, const Image& ima
   Dataset pixels = create(*memory, "", image, nullptr);
   if (!pixels)
     fail(path, "cannot make the picture: " + gdalError("out of memory"));
-  Dataset out(png->CreateCopy(file.c_str(), pixels.get(), FALSE, nullptr, nullptr, nullptr));
+  // zlib's fastest level: a picture of a million points is written in a third of the time of the
+  // default level, and comes out about a tenth larger.
+  char** options = CSLSetNameValue(nullptr, "ZLEVEL", "1");
+  Dataset out(png->CreateCopy(file.c_str(), pixels.get(), FALSE, options, nullptr, nullptr));
+  CSLDestroy(options);
   if (!out)
     fail(path, "cannot write the PNG: " + gdalError("write error"));
   close(out, path);

@@ -64,11 +64,18 @@ bool byClass(const RenderParameterBox& box) {
   return box.by.empty() || box.by == "classification";
 }
 
-// The pixels of a view: the value and nearness of the nearest point in each.
+// What a pixel keeps of its nearest point; in single precision, so that the buffer of a large
+// picture stays in the caches.
+struct Cell {
+  float nearness = -std::numeric_limits<float>::infinity(); // -infinity: no point
+  float value = 0.0f;
+  bool drawn() const { return nearness > -std::numeric_limits<float>::infinity(); }
+};
+
+// The pixels of a view.
 struct Frame {
   Image image;
-  std::vector<double> nearness; // -infinity: no point
-  std::vector<double> values;
+  std::vector<Cell> cells;
 };
 
 // The image's pixel size and extent from the box: pixels of box.pixel aligned at its multiples
@@ -129,6 +136,22 @@ const Field* requiredField(const Tressel::Grid& cloud, const std::string& name,
   return keep.get();
 }
 
+// The x-y extent of the fragments' boxes; false when a fragment has none.
+bool extentOfBoxes(const Tressel::Grid& cloud, double& lowX, double& lowY, double& highX,
+                   double& highY) {
+  auto positions = cloud.CartesianPositions();
+  if (!positions)
+    return false;
+  for (const FragmentSlot& slot : fragmentsOf(*positions)) {
+    const auto box = fragmentBBox(slot);
+    if (!box || box->empty() || !std::isfinite(box->min().x) || !std::isfinite(box->max().y))
+      return false;
+    lowX = std::min(lowX, box->min().x), highX = std::max(highX, box->max().x);
+    lowY = std::min(lowY, box->min().y), highY = std::max(highY, box->max().y);
+  }
+  return true;
+}
+
 // The z-buffer of the projected points of the box's classes that project() accepts.
 template <class Project>
 Frame zBuffer(const Tressel::Grid& cloud, const RenderParameterBox& box, Project&& project,
@@ -148,12 +171,15 @@ Frame zBuffer(const Tressel::Grid& cloud, const RenderParameterBox& box, Project
   };
   double lowU = std::numeric_limits<double>::infinity(), lowV = lowU, highU = -lowU, highV = -lowU;
   Projected q{};
-  forEachPoint(cloud, nullptr, classes, [&](const point& p, double, double cls) {
-    if (accept(p, cls, q)) {
-      lowU = std::min(lowU, q.u), highU = std::max(highU, q.u);
-      lowV = std::min(lowV, q.v), highV = std::max(highV, q.v);
-    }
-  });
+  // A top view of all points takes its extent from the fragments' boxes (the readers store
+  // them), so that the points are read once.
+  if (!(aligned && !classes && extentOfBoxes(cloud, lowU, lowV, highU, highV)))
+    forEachPoint(cloud, nullptr, classes, [&](const point& p, double, double cls) {
+      if (accept(p, cls, q)) {
+        lowU = std::min(lowU, q.u), highU = std::max(highU, q.u);
+        lowV = std::min(lowV, q.v), highV = std::max(highV, q.v);
+      }
+    });
   if (!(lowU <= highU))
     throw std::runtime_error("render: no point to draw (with finite coordinates" +
                              std::string(box.classes.empty() ? "" : ", of the classes") +
@@ -161,8 +187,7 @@ Frame zBuffer(const Tressel::Grid& cloud, const RenderParameterBox& box, Project
   Frame f;
   layOut(f.image, box, lowU, lowV, highU, highV, aligned);
   const std::size_t w = f.image.width, h = f.image.height;
-  f.nearness.assign(w * h, -std::numeric_limits<double>::infinity());
-  f.values.assign(w * h, 0.0);
+  f.cells.assign(w * h, Cell());
   forEachPoint(cloud, values, classes, [&](const point& p, double value, double cls) {
     if (!accept(p, cls, q))
       return;
@@ -172,10 +197,8 @@ Frame zBuffer(const Tressel::Grid& cloud, const RenderParameterBox& box, Project
     const auto row =
         std::min(h - 1, static_cast<std::size_t>((f.image.top - q.v) / f.image.pixelY));
     const std::size_t at = row * w + column;
-    if (q.nearness > f.nearness[at]) {
-      f.nearness[at] = q.nearness;
-      f.values[at] = byZ ? p.z : value;
-    }
+    if (static_cast<float>(q.nearness) > f.cells[at].nearness)
+      f.cells[at] = {static_cast<float>(q.nearness), static_cast<float>(byZ ? p.z : value)};
   });
   return f;
 }
@@ -185,9 +208,9 @@ std::pair<double, double> rampRange(const Frame& f, const RenderParameterBox& bo
   if (box.range_low != box.range_high)
     return {box.range_low, box.range_high};
   std::vector<double> v;
-  for (std::size_t k = 0; k < f.values.size(); ++k)
-    if (f.nearness[k] > -std::numeric_limits<double>::infinity())
-      v.push_back(f.values[k]);
+  for (const Cell& c : f.cells)
+    if (c.drawn())
+      v.push_back(c.value);
   const auto at = [&](double share) {
     auto nth = v.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(v.size() - 1));
     std::nth_element(v.begin(), nth, v.end());
@@ -212,9 +235,11 @@ std::array<double, 9> window(const Frame& f, std::size_t column, std::size_t row
       [&](long long c, long long r) {
         const bool inside = c >= 0 && r >= 0 && c < static_cast<long long>(f.image.width) &&
                             r < static_cast<long long>(f.image.height);
-        const double v = inside ? f.nearness[static_cast<std::size_t>(r) * f.image.width +
-                                             static_cast<std::size_t>(c)]
-                                : std::nan("");
+        const double v =
+            inside
+                ? f.cells[static_cast<std::size_t>(r) * f.image.width + static_cast<std::size_t>(c)]
+                      .nearness
+                : std::nan("");
         return std::isfinite(v) ? v : std::nan("");
       },
       static_cast<long long>(column), static_cast<long long>(row));
@@ -234,16 +259,17 @@ detail::LegendContent colour(Frame& f, const RenderParameterBox& box) {
   const bool classes = byClass(box);
   const auto [low, high] = classes ? std::pair{0.0, 0.0} : rampRange(f, box);
   std::array<bool, 256> seen{};
-  f.image.pixels.assign(f.values.size(), Rgba{0, 0, 0, 0});
+  f.image.pixels.assign(f.cells.size(), Rgba{0, 0, 0, 0});
   for (std::size_t row = 0; row < f.image.height; ++row)
     for (std::size_t column = 0; column < f.image.width; ++column) {
       const std::size_t at = row * f.image.width + column;
-      if (!(f.nearness[at] > -std::numeric_limits<double>::infinity()))
+      const Cell& cell = f.cells[at];
+      if (!cell.drawn())
         continue;
-      const auto cls = static_cast<std::size_t>(std::clamp(f.values[at], 0.0, 255.0));
+      const auto cls = static_cast<std::size_t>(std::clamp(cell.value, 0.0f, 255.0f));
       seen[cls] = seen[cls] || classes;
       Rgba c = classes ? palette[cls].colour
-                       : rampColour(high > low ? (f.values[at] - low) / (high - low) : 0.5);
+                       : rampColour(high > low ? (cell.value - low) / (high - low) : 0.5);
       if (box.shade && box.view == "top")
         c = darkened(c, hillshade(window(f, column, row), f.image.pixelX, f.image.pixelY));
       f.image.pixels[at] = c;
