@@ -184,6 +184,29 @@ def raster(height: npt.ArrayLike, cell_type: Optional[npt.ArrayLike] = None,
            origin: Sequence[float] = (0.0, 0.0, 0.0), cell_size: float = 1.0,
            fragment_cells: int = 256, height_field: str = "Height") -> Cloud: ...
 def cells(raster: Cloud, name: str) -> np.ndarray: ...
+class RenderParameterBox:
+    by: str
+    view: str
+    pixel: float
+    width: int
+    height: int
+    classes: str
+    range_low: float
+    range_high: float
+    legend: bool
+    shade: bool
+    hillshade: bool
+    from_x: float
+    from_y: float
+    to_x: float
+    to_y: float
+    corridor: float
+    palette: Dict[int, Any]
+    message: str
+    def __init__(self, **fields: Any) -> None: ...
+    def print(self) -> None: ...
+    def __str__(self) -> str: ...
+
 def render(cloud: Cloud, path: str, by: str = "", view: str = "top", pixel: float = 0.0,
            size: Optional[Sequence[int]] = None, classes: str = "",
            range: Optional[Tuple[float, float]] = None, legend: bool = False, shade: bool = False,

@@ -8,6 +8,7 @@
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
 
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -38,6 +39,24 @@ void check(const char* field, const py::object& value) {
   requireValue("RenderParameterBox", field, value);
 }
 
+std::vector<std::pair<std::uint32_t, Render::ClassStyle>>
+paletteOf(const std::map<int, Style>& styles) {
+  std::vector<std::pair<std::uint32_t, Render::ClassStyle>> out;
+  for (const auto& [cls, style] : styles) {
+    Render::ClassStyle s;
+    const std::string colour = std::holds_alternative<std::string>(style)
+                                   ? std::get<std::string>(style)
+                                   : std::get<1>(style).first;
+    if (cls < 0 || cls > 255 || !Render::parseColour(colour, s.colour))
+      raiseValue("\"palette\": class " + std::to_string(cls) + ": \"" + colour +
+                 "\" is not a class 0 to 255 with a colour \"#rrggbb\"");
+    if (std::holds_alternative<std::pair<std::string, std::string>>(style))
+      s.name = std::get<1>(style).second;
+    out.emplace_back(static_cast<std::uint32_t>(cls), s);
+  }
+  return out;
+}
+
 RenderParameterBox boxOf(const Options& o) {
   RenderParameterBox box;
   check("view", py::str(o.view));
@@ -66,18 +85,7 @@ RenderParameterBox boxOf(const Options& o) {
         o.line->first.first, o.line->first.second, o.line->second.first, o.line->second.second);
   else if (box.view == "profile")
     raiseValue("\"line\": a profile needs line=((x0, y0), (x1, y1))");
-  for (const auto& [cls, style] : o.palette) {
-    Render::ClassStyle s;
-    const std::string colour = std::holds_alternative<std::string>(style)
-                                   ? std::get<std::string>(style)
-                                   : std::get<1>(style).first;
-    if (cls < 0 || cls > 255 || !Render::parseColour(colour, s.colour))
-      raiseValue("\"palette\": class " + std::to_string(cls) + ": \"" + colour +
-                 "\" is not a class 0 to 255 with a colour \"#rrggbb\"");
-    if (std::holds_alternative<std::pair<std::string, std::string>>(style))
-      s.name = std::get<1>(style).second;
-    box.palette.emplace_back(static_cast<std::uint32_t>(cls), s);
-  }
+  box.palette = paletteOf(o.palette);
   return box;
 }
 
@@ -132,7 +140,49 @@ const char* const Parameters =
   py::arg("line") = py::none(), py::arg("width") = 1.0, py::arg("palette") = py::dict(),           \
   py::arg("height_field") = "Height"
 
+void bindBox(py::module_& m) {
+  using Box = RenderParameterBox;
+  BoxBinding<Box>(m, "RenderParameterBox",
+                  "Settings of a picture (render() and render_array() build one from their "
+                  "keywords).")
+      .field("by", &Box::by,
+             "classification, z, intensity, height (CanopyHeight) or a field's name; empty: "
+             "classification, for rasters heights")
+      .field("view", &Box::view, "top or profile")
+      .field("pixel", &Box::pixel, "edge of a pixel in metres (0: from width and height)")
+      .field("width", &Box::width, "pixels along x at most (0: from height, or 1000)")
+      .field("height", &Box::height, "pixels along y at most (0: from width)")
+      .field("classes", &Box::classes, "only the points of these classes (empty: all)")
+      .field("range_low", &Box::range_low, "the value of the ramp's first colour")
+      .field("range_high", &Box::range_high,
+             "the value of its last colour (equal to range_low: the 2nd and 98th percentile)")
+      .field("legend", &Box::legend, "class names or a colour bar on the right")
+      .field("shade", &Box::shade, "top views shaded by the slope of the highest points")
+      .field("hillshade", &Box::hillshade, "rasters as their hillshade")
+      .field("from_x", &Box::from_x, "x of a profile's start in metres")
+      .field("from_y", &Box::from_y, "y of a profile's start in metres")
+      .field("to_x", &Box::to_x, "x of a profile's end in metres")
+      .field("to_y", &Box::to_y, "y of a profile's end in metres")
+      .field("corridor", &Box::corridor, "a profile's points within this many metres of its line")
+      .property(
+          "palette",
+          [](const Box& b) {
+            std::map<int, std::pair<std::string, std::string>> out;
+            for (const auto& [cls, style] : b.palette) {
+              char colour[16];
+              std::snprintf(colour, sizeof colour, "#%02x%02x%02x%02x", style.colour.r,
+                            style.colour.g, style.colour.b, style.colour.a);
+              out[static_cast<int>(cls)] = {colour, style.name};
+            }
+            return out;
+          },
+          [](Box& b, const std::map<int, Style>& styles) { b.palette = paletteOf(styles); },
+          "{class: \"#rrggbb\" or (\"#rrggbb\", name)} replacing the palette's colours")
+      .field("message", &Box::message, "messages of the run");
+}
+
 void bindRender(py::module_& m) {
+  bindBox(m);
   static const std::string renderDoc =
       std::string("Writes a picture of a cloud or raster: .png (with a world file .pgw beside a "
                   "top view) or .tif (a GeoTIFF with the coordinate system).\n\nParameters:\n"

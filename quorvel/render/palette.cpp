@@ -127,14 +127,18 @@ void RenderParameterBox::print() const {
   printField("by: ", by);
   printField("view: ", view);
   printField("pixel: ", pixel);
-  printField("size: ", std::to_string(width) + "x" + std::to_string(height));
+  printField("width: ", width);
+  printField("height: ", height);
   printField("classes: ", classes);
-  printField("range: ", std::to_string(range_low) + ":" + std::to_string(range_high));
+  printField("range low: ", range_low);
+  printField("range high: ", range_high);
   printField("legend: ", legend);
   printField("shade: ", shade);
   printField("hillshade: ", hillshade);
-  printField("from: ", std::to_string(from_x) + "," + std::to_string(from_y));
-  printField("to: ", std::to_string(to_x) + "," + std::to_string(to_y));
+  printField("from x: ", from_x);
+  printField("from y: ", from_y);
+  printField("to x: ", to_x);
+  printField("to y: ", to_y);
   printField("corridor: ", corridor);
 }
 

@@ -84,15 +84,18 @@ struct RenderParameterBox {
   bool hillshade = false;
   // Profiles: the line from (from_x, from_y) to (to_x, to_y) and the points within corridor of
   // it in x-y (metres); the viewer stands to the right of the line, looking left.
-  double from_x = 0.0, from_y = 0.0, to_x = 0.0, to_y = 0.0;
+  double from_x = 0.0;
+  double from_y = 0.0;
+  double to_x = 0.0;
+  double to_y = 0.0;
   double corridor = 1.0;
   // Classes whose colour (and name, where not empty) replace the palette's.
   std::vector<std::pair<std::uint32_t, Render::ClassStyle>> palette;
   // Messages of the run.
   std::string message;
 
-  // "by: ", "view: ", "pixel: ", "size: WxH", "classes: ", "range: low:high", "legend: ",
-  // "shade: ", "hillshade: ", "from: x,y", "to: x,y", "corridor: " lines.
+  // One line per field but palette and message, labelled by its name ("range low: ",
+  // "from x: ", ...).
   void print() const;
 };
 
