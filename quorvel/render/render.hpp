@@ -23,6 +23,8 @@ struct Rgba {
   std::uint8_t r = 0, g = 0, b = 0, a = 255;
   friend bool operator==(const Rgba&, const Rgba&) = default;
 };
+// Pictures hand their pixels to writers and numpy as bytes R, G, B, A, pixel after pixel.
+static_assert(sizeof(Rgba) == 4);
 
 // One class's colour and name.
 struct ClassStyle {
