@@ -7,6 +7,7 @@
 
 #include "io/las.hpp"
 #include "quorvel/raster/raster.hpp"
+#include "quorvel/render/render.hpp"
 
 #include "tressel/Grid.hpp"
 #include "vantor/MultiRange.hpp"
@@ -103,5 +104,25 @@ struct RasterSummary {
 // has one); nullopt for a grid that is not a raster (a point cloud).
 std::optional<RasterSummary> summarizeRaster(const Tressel::Grid& grid,
                                              const std::string& heightField = DefaultHeightField);
+
+// Writes a picture (quorvel/render/render.hpp) by the path's extension: ".png" through GDAL's
+// PNG driver, with a world file beside it (worldFilePath) when the picture is georeferenced, so
+// that GIS tools place it; ".tif" or ".tiff" as a GeoTIFF of four bands (RGB and alpha) with its
+// georeference and the coordinate system wkt (empty: none). Each file replaces its target only
+// when complete. Throws Las::Error naming the file and the problem.
+void writePicture(const std::string& path, const Image& image, const std::string& wkt = {});
+
+// A small top view by classification of the cloud (Quorvel::thumbnail), its longer side size
+// pixels, written as writePicture writes it with the cloud's coordinate system: a tile's picture
+// in an overview of a survey.
+void writeThumbnail(const std::string& path, const Tressel::Grid& cloud, std::size_t size = 256);
+
+// The world file of a PNG: the path with ".pgw" in place of its extension.
+std::string worldFilePath(const std::string& path);
+
+// The heights of a raster grid for a picture (NaN where a cell is neither measured nor filled);
+// throws Las::Error naming path when the grid is not a raster or lacks the fields.
+HeightGrid heightsOf(const Tressel::Grid& raster, const std::string& heightField,
+                     const std::string& path);
 
 } // namespace Quorvel::Raster

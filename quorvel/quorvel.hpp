@@ -24,6 +24,7 @@
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/metadata/metadata.hpp"
 #include "quorvel/raster/raster.hpp"
+#include "quorvel/render/render.hpp"
 #include "quorvel/selection/selection.hpp"
 #include "quorvel/spatial/spatial.hpp"
 #include "quorvel/storage/storage.hpp"

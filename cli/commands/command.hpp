@@ -116,6 +116,7 @@ std::unique_ptr<Command> makeTile();
 std::unique_ptr<Command> makeMerge();
 std::unique_ptr<Command> makeIndex();
 std::unique_ptr<Command> makeCatalog();
+std::unique_ptr<Command> makeRender();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute
 // them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages

@@ -35,6 +35,8 @@ const std::vector<CommandEntry>& commands() {
       {"map", "a ground raster onto clouds: height-band classes or heights above ground", makeMap},
       {"mapfield", "a field of SOURCE onto the cells of a TARGET raster, by nearest x-y",
        makeMapField},
+      {"render", "pictures of clouds and rasters: top views, profiles, hillshades (PNG, GeoTIFF)",
+       makeRender},
       {"select", "the points whose value in a field lies in ranges (or outside them)", makeSelect},
   };
   return table;

@@ -199,6 +199,44 @@ def raster(height: npt.ArrayLike, cell_type: Optional[npt.ArrayLike] = None,
            origin: Sequence[float] = (0.0, 0.0, 0.0), cell_size: float = 1.0,
            fragment_cells: int = 256, height_field: str = "Height") -> Cloud: ...
 def cells(raster: Cloud, name: str) -> np.ndarray: ...
+class RenderParameterBox:
+    by: str
+    view: str
+    pixel: float
+    width: int
+    height: int
+    classes: str
+    range_low: float
+    range_high: float
+    legend: bool
+    shade: bool
+    hillshade: bool
+    from_x: float
+    from_y: float
+    to_x: float
+    to_y: float
+    corridor: float
+    palette: Dict[int, Any]
+    message: str
+    def __init__(self, **fields: Any) -> None: ...
+    def print(self) -> None: ...
+    def __str__(self) -> str: ...
+
+def render(cloud: Cloud, path: str, by: str = "", view: str = "top", pixel: float = 0.0,
+           size: Optional[Sequence[int]] = None, classes: str = "",
+           range: Optional[Tuple[float, float]] = None, legend: bool = False, shade: bool = False,
+           hillshade: bool = False,
+           line: Optional[Tuple[Tuple[float, float], Tuple[float, float]]] = None,
+           width: float = 1.0, palette: Dict[int, Any] = ...,
+           height_field: str = "Height") -> None: ...
+def render_array(cloud: Cloud, by: str = "", view: str = "top", pixel: float = 0.0,
+                 size: Optional[Sequence[int]] = None, classes: str = "",
+                 range: Optional[Tuple[float, float]] = None, legend: bool = False,
+                 shade: bool = False, hillshade: bool = False,
+                 line: Optional[Tuple[Tuple[float, float], Tuple[float, float]]] = None,
+                 width: float = 1.0, palette: Dict[int, Any] = ...,
+                 height_field: str = "Height") -> np.ndarray: ...
+def write_thumbnail(cloud: Cloud, path: str, size: int = 256) -> None: ...
 def groundRaster(cloud: Cloud, cell_size: float, classes: str = "2", fill_rings: int = 5,
                  fragment_cells: int = 256, height_field: str = "Height") -> Cloud: ...
 def takeRasterLayout(raster: Cloud, box: MapRasterOnPointCloudParameterBox) -> bool: ...

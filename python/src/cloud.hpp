@@ -51,5 +51,6 @@ void bindKernels(py::module_& m);
 void bindRaster(py::module_& m);
 void bindStreams(py::module_& m);
 void bindCatalog(py::module_& m);
+void bindRender(py::module_& m);
 
 } // namespace Quorvel::Python

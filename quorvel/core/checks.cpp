@@ -145,6 +145,9 @@ const std::vector<BoxChecks>& table() {
       {"GroundRasterParameterBox",
        {positive("cell_size"), range("classes"), whole("fill_rings", 0, 1000),
         whole("fragment_cells", 1, 65536)}},
+      {"RenderParameterBox",
+       {oneOf("view", "top|profile"), within("pixel", 0, Largest), whole("width", 0, 100000),
+        whole("height", 0, 100000), range("classes"), positive("corridor")}},
   };
   return boxes;
 }
