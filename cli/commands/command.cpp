@@ -6,6 +6,7 @@
 #include "cli/checks.hpp"
 
 #include "basalt/Text.hpp"
+#include "quorvel/selection/selection.hpp"
 
 #include <array>
 #include <cstdio>
@@ -85,6 +86,19 @@ CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange
           },
           help)
       ->default_str(typedRange(range));
+}
+
+CLI::Option* addExpression(CLI::App& app, const std::string& name, std::string& text,
+                           const std::string& help) {
+  return app.add_option_function<std::string>(
+      name,
+      [&text, name](const std::string& value) {
+        const Expression parsed(value);
+        if (!parsed.error().empty())
+          throw CLI::ValidationError(name, "\"" + value + "\": " + parsed.error());
+        text = value;
+      },
+      help);
 }
 
 CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalSpace::vector& v,

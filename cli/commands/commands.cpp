@@ -31,7 +31,10 @@ const std::vector<CommandEntry>& commands() {
       {"map", "a ground raster onto clouds: height-band classes or heights above ground", makeMap},
       {"mapfield", "a field of SOURCE onto the cells of a TARGET raster, by nearest x-y",
        makeMapField},
-      {"select", "the points whose value in a field lies in ranges (or outside them)", makeSelect},
+      {"select", "the points whose value in a field lies in ranges, or where an expression holds",
+       makeSelect},
+      {"assign", "values given to fields where an expression holds (new fields on request)",
+       makeAssign},
   };
   return table;
 }
