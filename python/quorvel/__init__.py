@@ -26,6 +26,7 @@ reduced_cloud                   reducedPointCloud
 write_reduced_cloud             reduceSizeOfPointCloud
 select                          computeSelection
 selection_table                 array2D
+assign                          assignFields
 planar_regression               planarRegressionOfGrid
 extrapolate                     extrapolation
 relative_height_and_belows      relativeHeightAndBelows
@@ -64,6 +65,7 @@ ALIASES = {
     "write_reduced_cloud": "reduceSizeOfPointCloud",
     "select": "computeSelection",
     "selection_table": "array2D",
+    "assign": "assignFields",
     "planar_regression": "planarRegressionOfGrid",
     "extrapolate": "extrapolation",
     "relative_height_and_belows": "relativeHeightAndBelows",

@@ -204,7 +204,7 @@ std::string assignFields(const StrongPtr<Grid>& grid, FieldAssignmentParameterBo
   if (!positions)
     return box.message;
   try {
-    const Expression where(box.where);
+    const Expression where = box.where.empty() ? Expression() : Expression(box.where);
     if (!where.error().empty())
       throw std::runtime_error("where " + where.problemWith(nullptr));
     const auto created = fieldsToCreate(grid, box.create);

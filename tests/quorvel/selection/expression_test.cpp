@@ -66,32 +66,30 @@ TEST(Expressions, FollowThePrecedenceOfTheGrammarOverEveryPoint) {
     const char* text;
     double (*oracle)(double a, double b, double c, double x, double y, double z);
   } cases[] = {
-      {"a + b * 2 - c / 4", [](double a, double b, double c, double, double, double) {
-         return a + b * 2 - c / 4;
-       }},
-      {"(a + b) * -2", [](double a, double b, double, double, double, double) {
-         return (a + b) * -2;
-       }},
+      {"a + b * 2 - c / 4",
+       [](double a, double b, double c, double, double, double) { return a + b * 2 - c / 4; }},
+      {"(a + b) * -2",
+       [](double a, double b, double, double, double, double) { return (a + b) * -2; }},
       {"a - b - c", [](double a, double b, double c, double, double, double) { return a - b - c; }},
       {"a / 4 / 2", [](double a, double, double, double, double, double) { return a / 4 / 2; }},
-      {"X + Y * 10 + Z * 100", [](double, double, double, double x, double y, double z) {
-         return x + y * 10 + z * 100;
-       }},
-      {"c == 2 || c == 3 && a > 1000", [](double a, double, double c, double, double, double) {
+      {"X + Y * 10 + Z * 100",
+       [](double, double, double, double x, double y, double z) { return x + y * 10 + z * 100; }},
+      {"c == 2 || c == 3 && a > 1000",
+       [](double a, double, double c, double, double, double) {
          return (c == 2 || (c == 3 && a > 1000)) ? 1.0 : 0.0;
        }},
-      {"!c in [0, 6] && a >= 10", [](double a, double, double c, double, double, double) {
+      {"!c in [0, 6] && a >= 10",
+       [](double a, double, double c, double, double, double) {
          return (!(c == 0 || c == 6) && a >= 10) ? 1.0 : 0.0;
        }},
-      {"!!(a < b) != 0", [](double a, double b, double, double, double, double) {
-         return (a < b) ? 1.0 : 0.0;
-       }},
-      {"(c <= 1) * 10 + (c != 4)", [](double, double, double c, double, double, double) {
+      {"!!(a < b) != 0",
+       [](double a, double b, double, double, double, double) { return (a < b) ? 1.0 : 0.0; }},
+      {"(c <= 1) * 10 + (c != 4)",
+       [](double, double, double c, double, double, double) {
          return (c <= 1 ? 10.0 : 0.0) + (c != 4 ? 1.0 : 0.0);
        }},
-      {"c in [-1, 3, 5.0, 1e0]", [](double, double, double c, double, double, double) {
-         return (c == 3 || c == 5 || c == 1) ? 1.0 : 0.0;
-       }},
+      {"c in [-1, 3, 5.0, 1e0]", [](double, double, double c, double, double,
+                                    double) { return (c == 3 || c == 5 || c == 1) ? 1.0 : 0.0; }},
   };
   for (const auto& t : cases) {
     const auto got = cloud.values(t.text);
@@ -123,7 +121,8 @@ TEST(Expressions, RefuseSyntaxErrorsNamingTheColumnAndWhatWasExpected) {
     EXPECT_EQ(e.error(), t.error) << t.text;
     EXPECT_TRUE(e.empty());
   }
-  EXPECT_EQ(Expression(std::string(300, '(') + "1" + std::string(300, ')')).errorColumn(), 200u);
+  const Expression deep(std::string(300, '(') + "1" + std::string(300, ')'));
+  EXPECT_NE(deep.error().find("at most 200 levels of nesting"), std::string::npos);
 }
 
 TEST(Expressions, ReadNumbersTheSameUnderAnotherLocale) {
@@ -223,7 +222,7 @@ TEST(ExpressionSelections, KeepThePointsWhereItHoldsAndWithRangesWhereBothDo) {
   wrong.where = "d > 1";
   EXPECT_FALSE(computeSelection(cloud.grid, wrong));
   EXPECT_EQ(wrong.message,
-            "ERROR: \"d > 1\": unknown field \"d\" (the cloud has X, Y, Z, a, b, c)\n");
+            "ERROR: \"d > 1\": unknown field \"d\" (the cloud has X, Y, Z, a, b, c)");
 }
 
 TEST(Assignments, SetValuesWhereTheConditionHoldsFromTheValuesBefore) {
@@ -231,8 +230,8 @@ TEST(Assignments, SetValuesWhereTheConditionHoldsFromTheValuesBefore) {
   FieldAssignmentParameterBox box;
   box.where = "c == 3";
   box.create = {"flag:int16", "c:uint8"};
-  box.set = {"c = a / 10 - c * 10 + 300 - a / 10", "flag = c + 1", "b = -b"};
-  EXPECT_EQ(assignFields(cloud.grid, box), "assigned 3 fields at 358 points");
+  box.set = {"c = c * 90", "flag = c + 1", "b = -b"};
+  EXPECT_EQ(assignFields(cloud.grid, box), "assigned 3 fields at 357 points");
   EXPECT_EQ(box.message, "");
   const auto c = Tressel::readField<unsigned char>(*(*cloud.grid)("StandardCartesianChart3D", "c"));
   const auto flag = Tressel::readField<short>(*(*cloud.grid)("StandardCartesianChart3D", "flag"));
@@ -254,16 +253,16 @@ TEST(Assignments, RefuseValuesTheTypeCannotHoldAndChangeNothing) {
     const char* message;
   } cases[] = {
       {"c = c + 250", "ERROR: set c: the value 256 of \" c + 250\" does not fit: uint8 holds "
-                      "whole numbers from 0 to 255\n"},
+                      "whole numbers from 0 to 255"},
       {"c = c - 1", "ERROR: set c: the value -1 of \" c - 1\" does not fit: uint8 holds whole "
-                    "numbers from 0 to 255\n"},
+                    "numbers from 0 to 255"},
       {"c = 0.5", "ERROR: set c: the value 0.5 of \" 0.5\" does not fit: uint8 holds whole "
-                  "numbers from 0 to 255\n"},
+                  "numbers from 0 to 255"},
       {"f = 1e39", "ERROR: set f: the value 1.0000000000000001e+39 of \" 1e39\" does not fit: "
-                   "float32 holds numbers up to 3.40282e+38\n"},
-      {"RGB = 1", "ERROR: set RGB: no field \"RGB\" (--create RGB:TYPE makes one)\n"},
-      {"X = 1", "ERROR: set X: the positions are not assigned\n"},
-      {"c = d", "ERROR: set c: \" d\": unknown field \"d\" (the cloud has X, Y, Z, a, b, c, f)\n"},
+                   "float32 holds numbers up to 3.40282e+38"},
+      {"RGB = 1", "ERROR: set RGB: no field \"RGB\" (--create RGB:TYPE makes one)"},
+      {"X = 1", "ERROR: set X: the positions are not assigned"},
+      {"c = d", "ERROR: set c: \" d\": unknown field \"d\" (the cloud has X, Y, Z, a, b, c, f)"},
   };
   for (const auto& t : cases) {
     Cloud cloud;
@@ -285,7 +284,7 @@ TEST(Assignments, RefuseValuesTheTypeCannotHoldAndChangeNothing) {
   box.create = {"c:float32"};
   box.set = {"c=1"};
   assignFields(cloud.grid, box);
-  EXPECT_EQ(box.message, "ERROR: create \"c:float32\": the cloud has a field \"c\" of type uint8\n");
+  EXPECT_EQ(box.message, "ERROR: create \"c:float32\": the cloud has a field \"c\" of type uint8");
 }
 
 } // namespace
