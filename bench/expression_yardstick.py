@@ -23,7 +23,8 @@ def best(command, runs=3):
     times = []
     for _ in range(runs):
         start = time.perf_counter()
-        subprocess.run(command, check=True, env=env, stderr=subprocess.DEVNULL)
+        subprocess.run(command, check=True, env=env, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
         times.append(time.perf_counter() - start)
     return min(times)
 

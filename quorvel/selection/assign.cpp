@@ -4,6 +4,7 @@
 
 #include "basalt/Text.hpp"
 
+#include <charconv>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
@@ -36,6 +37,12 @@ std::string trimmed(const std::string& text) {
   const auto begin = text.find_first_not_of(" \t");
   const auto end = text.find_last_not_of(" \t");
   return begin == std::string::npos ? "" : text.substr(begin, end - begin + 1);
+}
+
+// The shortest text that reads back as v.
+std::string shortest(double v) {
+  char buffer[32];
+  return std::string(buffer, std::to_chars(buffer, buffer + sizeof buffer, v).ptr);
 }
 
 // Whether the element type T holds v as it is: integers hold whole numbers of their range,
@@ -167,9 +174,9 @@ void evaluateItems(const StrongPtr<Grid>& grid, const Expression& where,
       for (std::size_t i = 0; i < values.size(); ++i)
         if (masks.back()[i] &&
             !Tressel::withScalar(kind, [&](auto zero) { return fits<decltype(zero)>(values[i]); }))
-          throw std::runtime_error("set " + item.field + ": the value " +
-                                   Basalt::format("%.17g", values[i]) + " of \"" +
-                                   item.value.text() + "\" does not fit: " + holds(kind));
+          throw std::runtime_error("set " + item.field + ": the value " + shortest(values[i]) +
+                                   " of \"" + item.value.text() +
+                                   "\" does not fit: " + holds(kind));
     }
   }
 }
