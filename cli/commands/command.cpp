@@ -35,6 +35,9 @@ int CloudCommand::run(const Host& host) {
     return runFiles(host);
   if (output_.empty() && !printsResult())
     throw CLI::RequiredError(resultOptions());
+  if (Files::isStream(output_) && printsResult())
+    throw CLI::ValidationError("--output", "- (standard output) holds the LAS file alone, so it "
+                                           "does not go with what the command prints");
   if (!output_.empty())
     checkOutput(output_);
   Cloud cloud = host.load(input_);
