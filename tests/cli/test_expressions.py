@@ -162,3 +162,22 @@ def test_las_streams_through_pipes_with_nothing_else_on_standard_output(sample, 
     size = struct.unpack_from("<I", second.stdout, 96)[0] + 1368 * 34
     assert second.stdout[:4] == b"LASF" and len(second.stdout) == size
     np.testing.assert_array_equal(records(out)["xyz"], sample["xyz"][sample["Classification"] == 2])
+    done = run("select", SAMPLE, "--where", "Z > 0", "--count", "-o", "-", code=2)
+    assert done.stdout == b"" and "holds the LAS file alone" in done.stderr.decode()
+
+
+def test_pipeline_stages_assign_with_lists_and_select_by_expression(sample, tmp_path):
+    out = tmp_path / "staged.las"
+    stages = tmp_path / "stages.json"
+    stages.write_text(
+        f'["{SAMPLE}", {{"command": "assign", "where": "Classification == 31", '
+        f'"set": ["Classification=1", "Intensity=Intensity+1"]}}, '
+        f'{{"command": "select", "where": "Classification == 1 || Z > 655"}}, "{out}"]')
+    run("pipeline", stages)
+    c, z = sample["Classification"], sample["xyz"][:, 2]
+    kept = (c == 31) | (z > 655)
+    got = records(out)
+    np.testing.assert_array_equal(got["xyz"], sample["xyz"][kept])
+    np.testing.assert_array_equal(got["Classification"], np.where(c == 31, 1, c)[kept])
+    np.testing.assert_array_equal(got["Intensity"],
+                                  np.where(c == 31, sample["Intensity"] + 1, sample["Intensity"])[kept])
