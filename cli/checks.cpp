@@ -2,6 +2,8 @@
 // parameter checks, which the Python package uses too.
 #include "cli/checks.hpp"
 
+#include "io/text.hpp"
+
 #include "basalt/Text.hpp"
 #include "io/files.hpp"
 
@@ -61,12 +63,12 @@ CLI::Validator oneOf(const std::string& choices) {
 }
 
 std::optional<std::string> unwritableName(const std::string& path) {
-  if (Files::isCloudFile(path))
+  if (Files::isCloudFile(path) || Files::isStream(path) || Text::isText(path) || Text::isPly(path))
     return std::nullopt;
   return "\"" + path +
          "\" names no file type the host writes (.las for LAS, .laz for LAZ, .copc.laz for COPC, "
-         ".h5 or .hdf5 for a "
-         "bundle)";
+         ".h5 or .hdf5 for a bundle, .csv, .xyz or .txt for text, .ply for PLY, - for LAS on "
+         "standard output)";
 }
 
 CLI::Validator outputFile() {

@@ -166,6 +166,8 @@ std::size_t pointCount(const Tressel::Grid& grid) {
 
 void checkOutput(const std::string& path) {
   namespace fs = std::filesystem;
+  if (Files::isStream(path))
+    return;
   std::error_code error;
   if (fs::is_directory(path, error))
     throw Error(path + ": is a directory");

@@ -82,6 +82,14 @@ private:
         args.push_back("--" + key + "=" + value.get<std::string>());
       } else if (value.is_number()) {
         args.push_back("--" + key + "=" + value.dump());
+      } else if (value.is_array() && option->get_items_expected_max() > 1) {
+        // A repeatable option (assign's --set): one item each.
+        for (const auto& item : value) {
+          if (!item.is_string() && !item.is_number())
+            fail(k, where + "\"" + key + "\" takes texts or numbers, not " + item.type_name());
+          args.push_back("--" + key + "=" +
+                         (item.is_string() ? item.get<std::string>() : item.dump()));
+        }
       } else {
         fail(k, where + "\"" + key + "\" takes a text or a number, not " + value.type_name());
       }

@@ -1,6 +1,8 @@
 // Quorvel: point-cloud files of either kind, and thinned clouds written to them.
 #include "io/files.hpp"
 
+#include "io/text.hpp"
+
 #include "basalt/Text.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
@@ -8,8 +10,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <initializer_list>
+#include <iostream>
+#include <unistd.h>
 
 namespace Quorvel::Files {
 
@@ -23,7 +29,44 @@ bool hasExtension(const std::string& path, std::initializer_list<const char*> ex
   return std::find(extensions.begin(), extensions.end(), extension) != extensions.end();
 }
 
+// A file in the temporary folder that is removed when dropped, for LAS passing through standard
+// input or output.
+class Spool {
+public:
+  Spool() {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "quorvel-stream-XXXXXX.las").string();
+    const int fd = ::mkstemps(pattern.data(), 4);
+    if (fd < 0)
+      throw Las::Error("-: no temporary file for the stream in " +
+                       std::filesystem::temp_directory_path().string());
+    ::close(fd);
+    path_ = pattern;
+  }
+  ~Spool() { std::remove(path_.c_str()); }
+  Spool(const Spool&) = delete;
+  Spool& operator=(const Spool&) = delete;
+  const std::string& path() const { return path_; }
+
+private:
+  std::string path_;
+};
+
+// Copies a whole stream to another; false when either fails.
+bool copy(std::istream& from, std::ostream& to) {
+  char buffer[1 << 16];
+  while (from.read(buffer, sizeof buffer) || from.gcount() > 0)
+    if (!to.write(buffer, from.gcount()))
+      return false;
+  to.flush();
+  return from.eof() && static_cast<bool>(to);
+}
+
 } // namespace
+
+bool isStream(const std::string& path) {
+  return path == "-";
+}
 
 bool isBundle(const std::string& path) {
   return hasExtension(path, {".h5", ".hdf5"});
@@ -44,6 +87,18 @@ bool isGeoTiff(const std::string& path) {
 Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragmentPoints,
                                       const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
                                       const std::set<std::string>& only, const Las::Warn& warn) {
+  if (isStream(path)) {
+    const Spool spool;
+    std::ofstream to(spool.path(), std::ios::binary);
+    std::cin.tie(nullptr);
+    if (!copy(std::cin, to))
+      throw Las::Error("-: standard input could not be read to " + spool.path());
+    to.close();
+    auto grid = Las::read(spool.path(), fragmentPoints, progress, only, warn).grid;
+    return grid;
+  }
+  if (Text::isText(path) || Text::isPly(path))
+    return Text::read(path);
   if (!isBundle(path))
     return Las::read(path, fragmentPoints, progress, only, warn).grid;
   Tressel::Bundle bundle;
@@ -58,6 +113,16 @@ Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragm
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
           const Las::WriteOptions& options,
           const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  if (isStream(path)) {
+    const Spool spool;
+    Las::write(spool.path(), *grid, options, progress);
+    std::ifstream from(spool.path(), std::ios::binary);
+    if (!copy(from, std::cout))
+      throw Las::Error("-: standard output could not be written");
+    return;
+  }
+  if (Text::isText(path) || Text::isPly(path))
+    return Text::write(path, *grid);
   if (!isBundle(path))
     return Las::write(path, *grid, options, progress);
   Tressel::Bundle bundle;

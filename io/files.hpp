@@ -15,6 +15,9 @@ struct PointCloudSizeReductionParameterBox;
 
 namespace Quorvel::Files {
 
+// Whether a path is "-": LAS through standard input (load) or standard output (save), by way of
+// a temporary file.
+bool isStream(const std::string& path);
 // Whether a path names a bundle (.h5, .hdf5) rather than a LAS file.
 bool isBundle(const std::string& path);
 // Whether a path names a point-cloud file the hosts write: LAS (.las), LAZ (.laz) or a bundle.
@@ -24,15 +27,17 @@ bool isLaz(const std::string& path);
 // Whether a path names a GeoTIFF (.tif, .tiff), the raster file the hosts write.
 bool isGeoTiff(const std::string& path);
 
-// Reads the first grid of a bundle, or a LAS file as Las::read does (fragmentPoints, only and
-// warn apply to LAS files). Throws Las::Error naming the file and the problem.
+// Reads the first grid of a bundle, a text or PLY file (io/text.hpp), LAS from standard input
+// ("-"), or a LAS file as Las::read does (fragmentPoints, only and warn apply to LAS files). Throws
+// Las::Error naming the file and the problem.
 Basalt::StrongPtr<Tressel::Grid>
 load(const std::string& path, std::size_t fragmentPoints = 0,
      const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {},
      const std::set<std::string>& only = {}, const Las::Warn& warn = {});
 
-// Writes a grid as a bundle (every field as it is, positions in double precision) or as LAS
-// (Las::write with options); the file is replaced only once completely written. Throws
+// Writes a grid as a bundle (every field as it is, positions in double precision), as text or
+// PLY (every column, io/text.hpp), as LAS to standard output ("-") or as LAS (Las::write with
+// options); the file is replaced only once completely written. Throws
 // Las::Error naming the file and the problem.
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
           const Las::WriteOptions& options = {},

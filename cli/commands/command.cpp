@@ -6,6 +6,7 @@
 #include "cli/checks.hpp"
 
 #include "basalt/Text.hpp"
+#include "quorvel/selection/selection.hpp"
 
 #include <array>
 #include <cstdio>
@@ -34,6 +35,9 @@ int CloudCommand::run(const Host& host) {
     return runFiles(host);
   if (output_.empty() && !printsResult())
     throw CLI::RequiredError(resultOptions());
+  if (Files::isStream(output_) && printsResult())
+    throw CLI::ValidationError("--output", "- (standard output) holds the LAS file alone, so it "
+                                           "does not go with what the command prints");
   if (!output_.empty())
     checkOutput(output_);
   Cloud cloud = host.load(input_);
@@ -86,6 +90,19 @@ CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange
           },
           help)
       ->default_str(typedRange(range));
+}
+
+CLI::Option* addExpression(CLI::App& app, const std::string& name, std::string& text,
+                           const std::string& help) {
+  return app.add_option_function<std::string>(
+      name,
+      [&text, name](const std::string& value) {
+        const Expression parsed(value);
+        if (!parsed.error().empty())
+          throw CLI::ValidationError(name, "\"" + value + "\": " + parsed.error());
+        text = value;
+      },
+      help);
 }
 
 CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalSpace::vector& v,

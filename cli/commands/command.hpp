@@ -107,6 +107,7 @@ std::unique_ptr<Command> makeShapeFactors();
 std::unique_ptr<Command> makeWeights();
 std::unique_ptr<Command> makeReduce();
 std::unique_ptr<Command> makeSelect();
+std::unique_ptr<Command> makeAssign();
 std::unique_ptr<Command> makeExtrapolate();
 std::unique_ptr<Command> makeMap();
 std::unique_ptr<Command> makeRaster();
@@ -138,6 +139,9 @@ void warnWithoutSeeds(const std::string& command, const Tressel::Grid& grid,
 // A MultiRange field set from its text form ("2:5,9").
 CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange<double>& range,
                       const std::string& help);
+// An expression field (docs/expressions.md), its syntax checked when the option is read.
+CLI::Option* addExpression(CLI::App& app, const std::string& name, std::string& text,
+                           const std::string& help);
 // A vector field set from "X,Y,Z".
 CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalSpace::vector& v,
                        const std::string& help);

@@ -37,7 +37,10 @@ const std::vector<CommandEntry>& commands() {
        makeMapField},
       {"render", "pictures of clouds and rasters: top views, profiles, hillshades (PNG, GeoTIFF)",
        makeRender},
-      {"select", "the points whose value in a field lies in ranges (or outside them)", makeSelect},
+      {"select", "the points whose value in a field lies in ranges, or where an expression holds",
+       makeSelect},
+      {"assign", "values given to fields where an expression holds (new fields on request)",
+       makeAssign},
   };
   return table;
 }

@@ -1,5 +1,6 @@
-// quorvel select: the points whose value in one field lies in value ranges (or outside them),
-// with all their fields; --count prints how many instead of (or besides) writing them.
+// quorvel select: the points whose value in one field lies in value ranges (or outside them), or
+// for which an expression holds, with all their fields; --count prints how many instead of (or
+// besides) writing them.
 #include "cli/commands/command.hpp"
 #include "quorvel/selection/selection.hpp"
 
@@ -18,9 +19,12 @@ public:
                    "the field whose values decide (quorvel info lists a file's fields)")
         ->capture_default_str();
     addRange(app, "--range", box_.selection,
-             "value ranges in the field's units, e.g. 2:5,9 (2 to 5, and 9)")
-        ->required();
-    app.add_flag("--inverse", box_.inverse, "select the points outside the ranges");
+             "value ranges in the field's units, e.g. 2:5,9 (2 to 5, and 9)");
+    addExpression(app, "--where", box_.where,
+                  "the points for which an expression holds (docs/expressions.md), e.g. "
+                  "\"Classification == 2 && Z > 300\"; with --range, both must hold");
+    app.add_flag("--inverse", box_.inverse,
+                 "select the points that --range and --where leave out instead");
     app.add_option("--coordinate", box_.coordinate,
                    "component of points and vectors: 0 x, 1 y, 2 z")
         ->capture_default_str()
@@ -29,6 +33,8 @@ public:
   }
 
   void apply(Cloud& cloud, const Host& host) override {
+    if (box_.selection.empty() && box_.where.empty())
+      throw CLI::RequiredError("--range or --where");
     box_.message.clear();
     Basalt::StrongPtr<Tressel::Grid> selected;
     host.run("select", pointCount(*cloud.grid),

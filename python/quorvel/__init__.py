@@ -26,6 +26,7 @@ reduced_cloud                   reducedPointCloud
 write_reduced_cloud             reduceSizeOfPointCloud
 select                          computeSelection
 selection_table                 array2D
+assign                          assignFields
 planar_regression               planarRegressionOfGrid
 extrapolate                     extrapolation
 ground_filter                   groundFilter
@@ -65,6 +66,7 @@ ALIASES = {
     "write_reduced_cloud": "reduceSizeOfPointCloud",
     "select": "computeSelection",
     "selection_table": "array2D",
+    "assign": "assignFields",
     "planar_regression": "planarRegressionOfGrid",
     "extrapolate": "extrapolation",
     "ground_filter": "groundFilter",

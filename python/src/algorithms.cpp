@@ -122,7 +122,10 @@ void bindSelection(py::module_& m) {
       .field("fieldname", &Box::fieldname, "the field whose values decide")
       .field("selection", &Box::selection,
              "value ranges in the field's unit (classes, metres), e.g. \"2:5,9\"; empty: none")
-      .field("inverse", &Box::inverse, "select the points outside the ranges")
+      .field("where", &Box::where,
+             "an expression that must hold (docs/expressions.md), e.g. \"Classification == 2 "
+             "&& Z > 300\"; with ranges too, both must hold; empty: none")
+      .field("inverse", &Box::inverse, "select the points that the ranges and where leave out")
       .field("coordinate", &Box::coordinate,
              "component (0, 1 or 2) that decides for points and vectors; 2: z")
       .field("columns", &Box::columns, "fields of array2D's columns after x, y, z; empty: all")
@@ -159,6 +162,27 @@ void bindSelection(py::module_& m) {
       "Parameters:\n"
       "    cloud: the point cloud\n"
       "    box: SelectionParameterBox; its columnNames receive the column names");
+
+  using Assign = FieldAssignmentParameterBox;
+  BoxBinding<Assign>(m, "FieldAssignmentParameterBox", "Settings of an assignment.")
+      .field("where", &Assign::where,
+             "the points that change: an expression (docs/expressions.md); empty: every point")
+      .field("set", &Assign::set,
+             "FIELD=VALUE items, VALUE a number or an expression, all evaluated before any is set")
+      .field("create", &Assign::create,
+             "FIELD:TYPE items (uint8, int32, float32, ...): fields made first, 0 everywhere")
+      .field("message", &Assign::message, "messages of the last run");
+  m.def(
+      "assignFields",
+      [](Cloud& c, Assign& box) {
+        return checked(box.message, [&] { return assignFields(c.grid, box); });
+      },
+      py::arg("cloud"), py::arg("box"),
+      "Gives fields values where an expression holds, in place.\n\n"
+      "Parameters:\n"
+      "    cloud: the point cloud\n"
+      "    box: FieldAssignmentParameterBox (where, set, create)\n"
+      "Returns \"assigned F fields at P points\"; raises Error naming a value that does not fit.");
 }
 
 void bindRegression(py::module_& m) {

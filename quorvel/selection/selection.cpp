@@ -14,6 +14,7 @@ using Vantor::PhysicalSpace::vector;
 void SelectionParameterBox::print() const {
   printField("fieldname: ", fieldname);
   printField("selection: ", selection);
+  printField("where: ", where);
   printField("inverse: ", inverse);
   printField("coordinate: ", coordinate);
 }
@@ -68,29 +69,67 @@ std::vector<std::uint32_t> selectedIndices(const StrongPtr<Tressel::MemBase>& da
 
 namespace {
 
-// The selected points of every fragment of the positions, by the selection field's arrays;
-// false (reported) when an input is missing.
+// The points of one fragment that the ranges (when given) and the expression (when given) both
+// select, the others with box.inverse; false when an array is missing.
+bool selectInFragment(const StrongPtr<Grid>& grid, const SelectionParameterBox& box,
+                      const StrongPtr<Field>& field, const Expression& where,
+                      const FragmentSlot& slot, std::size_t n, std::vector<std::size_t>& points) {
+  std::vector<unsigned char> keep(n, 1);
+  if (field) {
+    SelectionParameterBox inside = box;
+    inside.inverse = false;
+    const auto data = field->getData(*slot.id);
+    if (!data || data->nElements() != n)
+      return true; // nothing selected where the field holds no values, as ranges alone do
+    std::fill(keep.begin(), keep.end(), 0);
+    for (const std::uint32_t i : selectedIndices(data, inside))
+      keep[i] = 1;
+  }
+  if (!where.empty()) {
+    std::vector<unsigned char> holds;
+    if (!where.mask(grid, *slot.id, holds))
+      return false;
+    for (std::size_t i = 0; i < n; ++i)
+      keep[i] &= holds[i];
+  }
+  for (std::size_t i = 0; i < n; ++i)
+    if (keep[i] != static_cast<unsigned char>(box.inverse))
+      points.push_back(i);
+  return true;
+}
+
+// The selected points of every fragment of the positions, by the selection field's arrays and
+// the expression; false (reported) when an input is missing.
 bool selectPoints(const StrongPtr<Grid>& grid, SelectionParameterBox& box,
                   std::vector<FragmentSlot>& slots, std::vector<std::vector<std::size_t>>& chosen) {
   Messages log("Selection: ", &box.message);
   const auto positions = findPositions(grid, log, "ERROR: no f_vertices");
   if (!positions)
     return false;
-  const auto field = findField(grid, box.fieldname, log, "ERROR: no f_" + box.fieldname);
-  if (!field)
-    return false;
-  if (box.selection.empty() && !box.inverse) {
+  const Expression where(box.where);
+  if (box.selection.empty() && box.where.empty() && !box.inverse) {
     log.report("ERROR: empty selection range");
     return false;
   }
+  if (const std::string problem = box.where.empty() ? "" : where.problemWith(grid);
+      !problem.empty()) {
+    log.report("ERROR: " + problem);
+    return false;
+  }
+  StrongPtr<Field> field;
+  if (!box.selection.empty() || box.where.empty()) {
+    field = findField(grid, box.fieldname, log, "ERROR: no f_" + box.fieldname);
+    if (!field)
+      return false;
+  }
   slots = fragmentsOf(*positions);
   for (const FragmentSlot& slot : slots) {
-    const auto data = field->getData(*slot.id);
     const auto xyz = fragmentArray<point>(*positions, slot);
     std::vector<std::size_t> points;
-    if (data && xyz && data->nElements() == xyz->size())
-      for (const std::uint32_t i : selectedIndices(data, box))
-        points.push_back(i);
+    if (xyz && !selectInFragment(grid, box, field, where, slot, xyz->size(), points)) {
+      log.report("ERROR: a field holds no values for a fragment");
+      return false;
+    }
     chosen.push_back(std::move(points));
   }
   return true;

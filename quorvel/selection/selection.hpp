@@ -61,7 +61,10 @@ struct SelectionParameterBox {
   std::string fieldname = "Classification";
   // The value ranges ("2:5,9"); tested with a tolerance of 1e-9. Empty: nothing is inside.
   Vantor::MultiRange<double> selection;
-  // Select the points outside the ranges instead.
+  // An expression over the fields (docs/expressions.md), e.g. "Classification == 2 && Z > 300";
+  // empty: none. With ranges as well, a point must satisfy both; without ranges it alone decides.
+  std::string where;
+  // Select the points that the ranges and the expression leave out instead.
   bool inverse = false;
   // Component (0, 1 or 2) that decides for three-component elements (points and vectors): z by
   // default, heights being what is most often selected by.
@@ -74,8 +77,77 @@ struct SelectionParameterBox {
   // Messages of the run.
   std::string message;
 
-  // "fieldname: ", "selection: ", "inverse: ", "coordinate: " lines.
+  // "fieldname: ", "selection: ", "where: ", "inverse: ", "coordinate: " lines.
   void print() const;
+};
+
+// One node of a parsed expression, in the flat tree of an Expression.
+struct ExpressionNode {
+  enum class Op {
+    Number,
+    Field,
+    Negate,
+    Not,
+    Add,
+    Subtract,
+    Multiply,
+    Divide,
+    Equal,
+    NotEqual,
+    Less,
+    LessEqual,
+    Greater,
+    GreaterEqual,
+    And,
+    Or,
+    In
+  };
+  Op op = Op::Number;
+  double number = 0.0;       // Number
+  std::string field;         // Field: its name; X, Y and Z are the positions' components
+  std::vector<double> list;  // In: the values listed
+  int left = -1, right = -1; // operands (indices of nodes); unary operators use left
+};
+
+// An expression over a cloud's fields (grammar: docs/expressions.md), parsed once and evaluated
+// over whole fragments in double precision, block by block, one node at a time over every point
+// of the block (no interpreter step per point). A value is true when it is neither 0 nor NaN;
+// comparisons, "in", "&&", "||" and "!" give 1 or 0. Evaluation only reads the grid, so one
+// expression may be evaluated from several threads.
+class Expression {
+public:
+  Expression() = default;
+  // Parses text; a text that does not parse leaves error() set (and nothing to evaluate).
+  explicit Expression(std::string text);
+
+  const std::string& text() const { return text_; }
+  bool empty() const { return nodes_.empty(); }
+  // "column C: what was expected and what came" for a syntax error; empty when parsed.
+  const std::string& error() const { return error_; }
+  // The 1-based column of the syntax error; 0 when parsed.
+  std::size_t errorColumn() const { return errorColumn_; }
+  // The names of the fields read, each once, X, Y and Z included.
+  std::vector<std::string> fields() const;
+  // Why grid cannot be evaluated: a field it lacks (named, with the fields it has) or one whose
+  // elements are not single numbers; empty when it can.
+  std::string problemWith(const Basalt::StrongPtr<Tressel::Grid>& grid) const;
+  // The value of every point of the fragment id of grid's positions, in file order; false when
+  // a field holds no array of the positions' length for the fragment.
+  bool values(const Basalt::StrongPtr<Tressel::Grid>& grid, const Tressel::FragmentID& id,
+              std::vector<double>& out) const;
+  // Whether the value of every point of the fragment is true (1) or not (0); false as values.
+  bool mask(const Basalt::StrongPtr<Tressel::Grid>& grid, const Tressel::FragmentID& id,
+            std::vector<unsigned char>& out) const;
+
+private:
+  template <class Sink>
+  bool evaluate(const Basalt::StrongPtr<Tressel::Grid>& grid, const Tressel::FragmentID& id,
+                Sink&& sink) const;
+
+  std::string text_;
+  std::vector<ExpressionNode> nodes_; // the root last
+  std::string error_;
+  std::size_t errorColumn_ = 0;
 };
 
 // The element types in the order both families offer an array to their members.
@@ -307,5 +379,32 @@ Basalt::StrongPtr<Tressel::Grid> computeSelection(const Basalt::StrongPtr<Tresse
 // computeSelection or a column field that is missing or not numeric.
 Basalt::StrongPtr<Tressel::MemArray<2, double>>
 array2D(const Basalt::StrongPtr<Tressel::Grid>& grid, SelectionParameterBox& box);
+
+// Settings of an assignment: values given to fields where an expression holds.
+struct FieldAssignmentParameterBox {
+  // Which points change: an expression (docs/expressions.md); empty: every point.
+  std::string where;
+  // FIELD=VALUE items; VALUE is a number or an expression, and every value and the condition
+  // are evaluated on the values before the assignment, so the items do not see each other.
+  std::vector<std::string> set;
+  // FIELD:TYPE items (TYPE int8, uint8, ..., uint64, float32 or float64): fields made before the
+  // assignment, 0 at every point; a field of that type that exists already is kept.
+  std::vector<std::string> create;
+  // Messages of the run.
+  std::string message;
+
+  // "where: ", "set: ", "create: " lines.
+  void print() const;
+};
+
+// Gives the box's fields their values at the points where box.where holds, in every fragment.
+// A value that the field's element type cannot hold (a fraction or a number beyond the range of
+// an integer type, a finite number beyond float32) changes nothing and is reported naming the
+// field and the value; so are an unknown field, an expression that does not parse, a field of
+// several components and the positions: then the reason is in box.message after "ERROR: " and
+// is returned, and no existing field has changed (fields made on request stay, 0). Returns
+// "assigned F fields at P points" on success.
+std::string assignFields(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                         FieldAssignmentParameterBox& box);
 
 } // namespace Quorvel

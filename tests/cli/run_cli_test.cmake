@@ -102,11 +102,11 @@ quorvel(2 "--quantile: \"101\" is not a number from 0 to 100" regress ${s}
         -o ${WORK_DIR}/never.las --quantile 101)
 quorvel(2 "--half-width: \"nan\" is not a positive finite number" relheight ${s}
         -o ${WORK_DIR}/never.las --half-width nan)
-quorvel(2 "--output: \"${WORK_DIR}/never.xyz\" names no file type the host writes" cellsize ${s}
-        -o ${WORK_DIR}/never.xyz)
-quorvel(2 "OUT: \"${WORK_DIR}/never.txt\" names no file type" convert ${s} ${WORK_DIR}/never.txt)
+quorvel(2 "--output: \"${WORK_DIR}/never.dat\" names no file type the host writes" cellsize ${s}
+        -o ${WORK_DIR}/never.dat)
+quorvel(2 "OUT: \"${WORK_DIR}/never.bak\" names no file type" convert ${s} ${WORK_DIR}/never.bak)
 quorvel(2 "quorvel: unknown command \"bogus\" (the commands: info, convert," bogus x)
-if(EXISTS ${WORK_DIR}/never.las OR EXISTS ${WORK_DIR}/never.xyz OR EXISTS ${WORK_DIR}/never.txt)
+if(EXISTS ${WORK_DIR}/never.las OR EXISTS ${WORK_DIR}/never.dat OR EXISTS ${WORK_DIR}/never.bak)
   message(FATAL_ERROR "a refused command wrote its output")
 endif()
 # Inputs that are no regular files are refused at once (a pipe used to block the reader).

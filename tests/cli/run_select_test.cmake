@@ -30,7 +30,7 @@ quorvel(2 "--range: \"x\" is not a value or low:high of finite numbers" select
         ${data}/sample_c.las --range x --count)
 quorvel(2 "--coordinate: \"3\" is not one of 0, 1, 2" select ${data}/sample_c.las --range 1 --coordinate 3
         --count)
-quorvel(2 "--range is required" select ${data}/sample_c.las --count)
+quorvel(2 "--range or --where is required" select ${data}/sample_c.las --count)
 quorvel(2 "--output or --count is required" select ${data}/sample_c.las --range 2)
 if(EXISTS ${WORK_DIR}/never.las)
   message(FATAL_ERROR "a failed selection wrote its output")

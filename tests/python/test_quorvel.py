@@ -151,6 +151,25 @@ def test_selection_grids_and_tables_match_numpy_masks():
     np.testing.assert_array_equal(by_height.xyz, xyz[~((xyz[:, 2] >= 50.1) & (xyz[:, 2] <= 60))])
 
 
+def test_expressions_select_and_assign_as_numpy_masks_do():
+    xyz = surface(300)
+    classes = (np.arange(300) % 7).astype(np.uint8)
+    cloud = quorvel.Cloud(xyz, fragment_points=64, Classification=classes)
+    mask = np.isin(classes, [1, 5]) & (xyz[:, 2] > 50)
+    selected = quorvel.select(cloud, quorvel.SelectionParameterBox(
+        where="Classification in [1, 5] && Z > 50"))
+    np.testing.assert_array_equal(selected.xyz, xyz[mask])
+    box = quorvel.FieldAssignmentParameterBox(
+        where="Classification in [1, 5] && Z > 50", set=["Classification=Classification+100"],
+        create=["Z2:float64"])
+    box.set = box.set + ["Z2 = Z * 2"]
+    assert quorvel.assign(cloud, box) == f"assigned 2 fields at {mask.sum()} points"
+    np.testing.assert_array_equal(cloud["Classification"], np.where(mask, classes + 100, classes))
+    np.testing.assert_array_equal(cloud["Z2"], np.where(mask, xyz[:, 2] * 2, 0))
+    with pytest.raises(quorvel.Error, match="does not fit: uint8"):
+        quorvel.assign(cloud, quorvel.FieldAssignmentParameterBox(set=["Classification=-1"]))
+
+
 def test_terrain_and_transfer():
     line = np.column_stack([np.arange(10.0), np.zeros(10), np.zeros(10)])
     classes = np.zeros(10, np.uint8)

@@ -253,7 +253,7 @@ TEST(SelectionGrids, MissingInputsAndEmptyRangesSayWhat) {
   CaptureStdout();
   Box().print();
   EXPECT_EQ(GetCapturedStdout(),
-            "fieldname: Classification\nselection: \ninverse: 0\ncoordinate: 2\n");
+            "fieldname: Classification\nselection: \nwhere: \ninverse: 0\ncoordinate: 2\n");
 }
 
 TEST(SelectionTables, RowsAreTheSelectedPointsAndColumnsTheirComponents) {
