@@ -32,6 +32,11 @@ const std::vector<CommandEntry>& commands() {
       {"mapfield", "a field of SOURCE onto the cells of a TARGET raster, by nearest x-y",
        makeMapField},
       {"select", "the points whose value in a field lies in ranges (or outside them)", makeSelect},
+      {"crop", "the points inside a box or polygons of a vector file (or outside)", makeCrop},
+      {"outliers", "isolated points (statistical or radius rule), classified or removed",
+       makeOutliers},
+      {"thin", "fewer points: one per voxel, a seeded random fraction or every N-th", makeThin},
+      {"reproject", "positions into another coordinate system (EPSG, WKT, PROJ)", makeReproject},
   };
   return table;
 }

@@ -50,5 +50,6 @@ void bindAlgorithms(py::module_& m);
 void bindKernels(py::module_& m);
 void bindRaster(py::module_& m);
 void bindStreams(py::module_& m);
+void bindFilters(py::module_& m);
 
 } // namespace Quorvel::Python

@@ -23,6 +23,7 @@ PYBIND11_MODULE(_quorvel, m) {
   Quorvel::Python::bindKernels(m);
   Quorvel::Python::bindRaster(m);
   Quorvel::Python::bindStreams(m);
+  Quorvel::Python::bindFilters(m);
 
   // The library's own lines (progress, per-fragment reports) are hidden until asked for: in a
   // notebook or a script they would bury the output the user wrote.

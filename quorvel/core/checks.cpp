@@ -142,6 +142,14 @@ const std::vector<BoxChecks>& table() {
       {"GroundRasterParameterBox",
        {positive("cell_size"), range("classes"), whole("fill_rings", 0, 1000),
         whole("fragment_cells", 1, 65536)}},
+      {"OutlierParameterBox",
+       {oneOf("method", "statistical|radius"), whole("neighbours", 1, 1000),
+        within("multiplier", 0, Largest), positive("radius"), whole("minPoints", 0, 1000000),
+        whole("classify", 0, 255)}},
+      {"ThinParameterBox",
+       {oneOf("mode", "voxel|random|every"), positive("voxel"),
+        oneOf("keep", "first|lowest|highest|centre"), within("fraction", 0, 1),
+        whole("every", 1, 9e18)}},
   };
   return boxes;
 }
