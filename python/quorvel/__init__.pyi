@@ -121,6 +121,7 @@ class ThinParameterBox:
 class ReprojectionParameterBox:
     target: str
     source: str
+    inputScale: Tuple[float, float, float]
     threads: int
     scale: Tuple[float, float, float]
     offset: Tuple[float, float, float]

@@ -36,7 +36,10 @@ void bindCrop(py::module_& m) {
       "crop",
       [](Cloud& c, Box& box) { return newCloud(box.message, [&] { return crop(c.grid, box); }); },
       py::arg("cloud"), py::arg("box"),
-      "The points inside the box or the polygons (or outside, inverse), as a new cloud.");
+      "The points inside the box or the polygons (or outside, inverse), as a new cloud.\n\n"
+      "Parameters:\n"
+      "    cloud: the point cloud\n"
+      "    box: CropParameterBox (a box or polygons in the cloud's units)");
   m.def(
       "readPolygons",
       [](const std::string& path, const std::string& layer, const std::string& filter,
@@ -48,7 +51,12 @@ void bindCrop(py::module_& m) {
       },
       py::arg("path"), py::arg("layer") = "", py::arg("feature_filter") = "", py::arg("crs") = "",
       "The polygons of a vector file GDAL reads (every feature of the layer passing OGR's "
-      "attribute filter), carried into crs (WKT, EPSG:n) when given: CropParameterBox.polygons.");
+      "attribute filter), carried into crs when given: CropParameterBox.polygons.\n\n"
+      "Parameters:\n"
+      "    path: the vector file (GeoPackage, GeoJSON, Shapefile, ...)\n"
+      "    layer: the layer's name; empty: the first\n"
+      "    feature_filter: OGR's attribute filter (an SQL WHERE clause); empty: all\n"
+      "    crs: the cloud's system (WKT, EPSG:n); empty: the vertices as they are");
 }
 
 void bindOutliers(py::module_& m) {
@@ -73,7 +81,10 @@ void bindOutliers(py::module_& m) {
         return newCloud(box.message, [&] { return filterOutliers(c.grid, box); });
       },
       py::arg("cloud"), py::arg("box"),
-      "The cloud with outliers classified (the same cloud) or removed (a new cloud).");
+      "The cloud with outliers classified (the same cloud) or removed (a new cloud).\n\n"
+      "Parameters:\n"
+      "    cloud: the point cloud (positions in metres)\n"
+      "    box: OutlierParameterBox (the rule and what happens to outliers)");
 }
 
 void bindThin(py::module_& m) {
@@ -92,7 +103,11 @@ void bindThin(py::module_& m) {
         requireBox("ThinParameterBox", box);
         return newCloud(box.message, [&] { return thin(c.grid, box); });
       },
-      py::arg("cloud"), py::arg("box"), "The points kept, as a new cloud.");
+      py::arg("cloud"), py::arg("box"),
+      "The points kept, as a new cloud.\n\n"
+      "Parameters:\n"
+      "    cloud: the point cloud\n"
+      "    box: ThinParameterBox (mode and its setting)");
 }
 
 void bindReproject(py::module_& m) {
@@ -100,6 +115,8 @@ void bindReproject(py::module_& m) {
   BoxBinding<Box>(m, "ReprojectionParameterBox", "Settings of a reprojection.")
       .field("target", &Box::target, "the output's system: EPSG:n, WKT or a PROJ string")
       .field("source", &Box::source, "the input's system; empty: the cloud's own")
+      .field("inputScale", &Box::inputScale,
+             "the input's LAS scale (set from the cloud's LAS origin where it has one)")
       .field("threads", &Box::threads, "0: all but one")
       .field("scale", &Box::scale, "LAS scale chosen by the last run")
       .field("offset", &Box::offset, "LAS offset chosen by the last run")
@@ -127,7 +144,10 @@ void bindReproject(py::module_& m) {
       },
       py::arg("cloud"), py::arg("box"),
       "Carries the cloud's positions into box.target in place, with the scale, offset and "
-      "coordinate-system records a written LAS file gets.");
+      "coordinate-system records a written LAS file gets.\n\n"
+      "Parameters:\n"
+      "    cloud: the point cloud\n"
+      "    box: ReprojectionParameterBox (target and source systems); receives scale and offset");
 }
 
 } // namespace

@@ -11,13 +11,7 @@
 namespace Quorvel {
 
 void CropParameterBox::print() const {
-  std::size_t vertices = 0;
-  for (const Polygon& polygon : polygons)
-    for (const Ring& ring : polygon.rings)
-      vertices += ring.size();
-  printField("box: ", Basalt::format("%.17g,%.17g,%.17g,%.17g", box[0], box[1], box[2], box[3]));
-  printField("polygons: ", polygons.size());
-  printField("vertices: ", vertices);
+  printField("box: ", Basalt::format("(%.17g,%.17g,%.17g,%.17g)", box[0], box[1], box[2], box[3]));
   printField("inverse: ", inverse);
 }
 

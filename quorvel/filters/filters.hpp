@@ -36,7 +36,7 @@ struct CropParameterBox {
   // Messages of the run.
   std::string message;
 
-  // "box: ", "polygons: ", "vertices: ", "inverse: " lines.
+  // "box: " and "inverse: " lines.
   void print() const;
 };
 
@@ -69,7 +69,8 @@ struct OutlierParameterBox {
   std::int32_t threads = 0; // 0: maximumThreadsMinusOne(); the result never depends on it
   // Results: outliers found, and mu and sigma of the statistical rule.
   std::size_t outliers = 0;
-  double mean = 0.0, deviation = 0.0;
+  double mean = 0.0;
+  double deviation = 0.0;
   std::string message;
 
   void print() const;

@@ -16,7 +16,7 @@ void ReprojectionParameterBox::print() const {
   printField("target: ", target);
   printField("source: ", source);
   printField("inputScale: ",
-             Basalt::format("%g,%g,%g", inputScale[0], inputScale[1], inputScale[2]));
+             Basalt::format("(%g,%g,%g)", inputScale[0], inputScale[1], inputScale[2]));
 }
 
 namespace {

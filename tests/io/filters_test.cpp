@@ -74,7 +74,8 @@ TEST(Reprojection, EveryPointAsGdalTransformsItWithAnyThreadCount) {
 }
 
 TEST(Reprojection, RecordsAreWktForLas14AndGeoKeysBefore) {
-  const auto cs = *Raster::coordinateSystemOfWkt(Raster::transformation("EPSG:4326", "EPSG:25832").target.wkt);
+  const auto cs =
+      *Raster::coordinateSystemOfWkt(Raster::transformation("EPSG:4326", "EPSG:25832").target.wkt);
   Las::FileInfo info;
   info.vlrs.push_back({0, "LASF_Projection", 34735, "", {1, 0}});
   Raster::setCoordinateSystem(info, cs);
