@@ -3,9 +3,11 @@
 #include "quorvel/filters/filters.hpp"
 
 #include "quorvel/core/core.hpp"
+#include "quorvel/spatial/spatial.hpp"
 
 #include <nanoflann.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -51,12 +53,53 @@ struct CountWithin {
   double worstDist() const { return limit; }
 };
 
-// Every position of the cloud in layout order, and the slots they came from.
-Points gather(const Field& positions, const std::vector<FragmentSlot>& slots) {
-  Points points;
+// Every position of the cloud in layout order.
+std::vector<point> gather(const Field& positions, const std::vector<FragmentSlot>& slots) {
+  std::vector<point> all;
   for (const FragmentSlot& slot : slots)
     if (const auto xyz = fragmentArray<point>(positions, slot))
-      points.xyz.insert(points.xyz.end(), xyz->data(), xyz->data() + xyz->size());
+      all.insert(all.end(), xyz->data(), xyz->data() + xyz->size());
+  return all;
+}
+
+// Spreads the low 21 bits of v to every third bit.
+std::uint64_t spread(std::uint64_t v) {
+  v &= 0x1FFFFF;
+  v = (v | v << 32) & 0x1F00000000FFFFull;
+  v = (v | v << 16) & 0x1F0000FF0000FFull;
+  v = (v | v << 8) & 0x100F00F00F00F00Full;
+  v = (v | v << 4) & 0x10C30C30C30C30C3ull;
+  v = (v | v << 2) & 0x1249249249249249ull;
+  return v;
+}
+
+// The points in Morton (z-order) order, with the place each came from: neighbours then lie
+// near each other in memory, so the tree's leaves and a run of queries stay in the caches
+// whatever the order of the file. Non-finite coordinates sort as 0.
+Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& from) {
+  point lo = all.empty() ? point() : all[0], hi = lo;
+  for (const point& p : all)
+    for (int a = 0; a < 3; ++a) {
+      lo[a] = std::min(lo[a], p[a]);
+      hi[a] = std::max(hi[a], p[a]);
+    }
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(all.size());
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    std::uint64_t key = 0;
+    for (int a = 0; a < 3; ++a) {
+      const double t = (all[i][a] - lo[a]) / (hi[a] - lo[a]) * 2097151.0;
+      key |= spread(t >= 0 && t <= 2097151.0 ? static_cast<std::uint64_t>(t) : 0) << a;
+    }
+    keyed[i] = {key, static_cast<std::uint32_t>(i)};
+  }
+  sortByKey(keyed);
+  Points points;
+  points.xyz.resize(all.size());
+  from.resize(all.size());
+  for (std::size_t j = 0; j < keyed.size(); ++j) {
+    from[j] = keyed[j].second;
+    points.xyz[j] = all[keyed[j].second];
+  }
   return points;
 }
 
@@ -75,9 +118,12 @@ std::vector<std::uint8_t> statistical(const Points& points, const KdTree& tree,
   const std::size_t n = points.xyz.size();
   const std::size_t k = static_cast<std::size_t>(box.neighbours);
   std::vector<double> means(n, 0.0);
+  // Room for one answer per thread, made once.
+  thread_local std::vector<std::size_t> found;
+  thread_local std::vector<double> squared;
   forEachPoint(n, threads, [&](std::size_t i) {
-    std::vector<std::size_t> found(k + 1);
-    std::vector<double> squared(k + 1);
+    found.resize(k + 1);
+    squared.resize(k + 1);
     const point& p = points.xyz[i];
     const double q[3] = {p.x, p.y, p.z};
     const std::size_t got = tree.knnSearch(q, k + 1, found.data(), squared.data());
@@ -131,17 +177,22 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
     log.report("ERROR: unknown method \"" + box.method + "\" (statistical or radius)");
     return {};
   }
-  const Points points = gather(*positions, fragmentsOf(*positions));
+  const std::vector<point> all = gather(*positions, fragmentsOf(*positions));
   box.outliers = 0;
-  if (points.xyz.empty())
+  if (all.empty())
     return {};
+  std::vector<std::uint32_t> from;
+  const Points points = inSpaceOrder(all, from);
   KdTree tree(3, points, nanoflann::KDTreeSingleIndexAdaptorParams(10));
   tree.buildIndex();
   const int threads = correctedThreadCount(box.threads);
-  auto outlier = box.method == "statistical" ? statistical(points, tree, box, threads)
-                                             : byRadius(points, tree, box, threads);
-  for (const std::uint8_t o : outlier)
-    box.outliers += o;
+  const auto sorted = box.method == "statistical" ? statistical(points, tree, box, threads)
+                                                  : byRadius(points, tree, box, threads);
+  std::vector<std::uint8_t> outlier(all.size());
+  for (std::size_t j = 0; j < sorted.size(); ++j) {
+    outlier[from[j]] = sorted[j];
+    box.outliers += sorted[j];
+  }
   return outlier;
 }
 
