@@ -46,12 +46,14 @@ void addCommonOptions(CLI::App& app, Common& common) {
   app.add_flag("-v,--verbose", common.verbose,
                "show the library's own lines (parameter boxes, progress, diagnostics) on "
                "standard error");
-  app.add_option_function<std::vector<double>>(
-         "--box", [&common](const std::vector<double>& v) { common.box = boxOf(v); },
-         "read only the points of LAS and LAZ inputs inside X0,Y0,X1,Y1 or X0,Y0,X1,Y1,Z0,Z1 "
-         "(edges included)")
-      ->delimiter(',')
-      ->expected(4, 6);
+  // crop has a --box of its own (its area, also as a pipeline stage).
+  if (!app.get_option_no_throw("--box"))
+    app.add_option_function<std::vector<double>>(
+           "--box", [&common](const std::vector<double>& v) { common.box = boxOf(v); },
+           "read only the points of LAS and LAZ inputs inside X0,Y0,X1,Y1 or X0,Y0,X1,Y1,Z0,Z1 "
+           "(edges included)")
+        ->delimiter(',')
+        ->expected(4, 6);
   if (!app.get_option_no_throw("--threads"))
     app.add_option_function<int>(
            "--threads", [&common](int n) { common.threads = n; },

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "io/las.hpp"
+#include "quorvel/filters/filters.hpp"
 #include "quorvel/raster/raster.hpp"
 #include "quorvel/render/render.hpp"
 
@@ -124,5 +125,29 @@ std::string worldFilePath(const std::string& path);
 // throws Las::Error naming path when the grid is not a raster or lacks the fields.
 HeightGrid heightsOf(const Tressel::Grid& raster, const std::string& heightField,
                      const std::string& path);
+
+// The polygons of a vector file GDAL reads (GeoPackage, GeoJSON, Shapefile, ...): every feature
+// of the layer (the first when layer is empty) that passes OGR's attribute filter (an SQL WHERE
+// clause; empty: all), polygons and multipolygons with their holes, carried into the system
+// cloudWkt when the layer has another one (cloudWkt empty: taken as they are). Throws Las::Error
+// naming the file and the problem (no such layer, a refused filter, a feature that is no
+// polygon).
+std::vector<Polygon> readPolygons(const std::string& path, const std::string& layer,
+                                  const std::string& filter, const std::string& cloudWkt);
+
+// A transform between two coordinate systems given as users type them (EPSG:n, WKT, PROJ
+// strings), x-y in easting (longitude) first order; z changes too where the vertical systems
+// differ and PROJ has the grid.
+struct Transformation {
+  TransformFactory factory; // one transform per thread
+  CoordinateSystem target;
+};
+// Throws Las::Error naming the text GDAL cannot read or the pair it has no transform for.
+Transformation transformation(const std::string& from, const std::string& to);
+
+// Replaces the coordinate-system records of a LAS origin by cs: a WKT record (2112, with the
+// global encoding's WKT bit) for LAS 1.4, GeoTIFF keys by EPSG code before; throws Las::Error for
+// a system without an EPSG code in a file before 1.4.
+void setCoordinateSystem(Las::FileInfo& info, const CoordinateSystem& cs);
 
 } // namespace Quorvel::Raster

@@ -21,6 +21,7 @@
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
+#include "quorvel/filters/filters.hpp"
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/metadata/metadata.hpp"
 #include "quorvel/raster/raster.hpp"

@@ -118,6 +118,10 @@ std::unique_ptr<Command> makeMerge();
 std::unique_ptr<Command> makeIndex();
 std::unique_ptr<Command> makeCatalog();
 std::unique_ptr<Command> makeRender();
+std::unique_ptr<Command> makeCrop();
+std::unique_ptr<Command> makeOutliers();
+std::unique_ptr<Command> makeThin();
+std::unique_ptr<Command> makeReproject();
 
 // The options of shape factors and of reduction weights, shared by the commands that compute
 // them (reduce computes both when a cloud has no weights yet), and their runs; a run's messages

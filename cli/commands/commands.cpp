@@ -41,6 +41,11 @@ const std::vector<CommandEntry>& commands() {
        makeSelect},
       {"assign", "values given to fields where an expression holds (new fields on request)",
        makeAssign},
+      {"crop", "the points inside a box or polygons of a vector file (or outside)", makeCrop},
+      {"outliers", "isolated points (statistical or radius rule), classified or removed",
+       makeOutliers},
+      {"thin", "fewer points: one per voxel, a seeded random fraction or every N-th", makeThin},
+      {"reproject", "positions into another coordinate system (EPSG, WKT, PROJ)", makeReproject},
   };
   return table;
 }

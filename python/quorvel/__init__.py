@@ -48,6 +48,8 @@ fit_plane                       planarRegression
 weighted_mean                   weightedMean
 weighted_median                 weightedMedian
 cubic_kernel                    sphCubic
+outliers                        filterOutliers
+read_polygons                   readPolygons
 ==============================  =====================================
 """
 import re as _re
@@ -88,6 +90,8 @@ ALIASES = {
     "weighted_mean": "weightedMean",
     "weighted_median": "weightedMedian",
     "cubic_kernel": "sphCubic",
+    "outliers": "filterOutliers",
+    "read_polygons": "readPolygons",
 }
 for _snake, _camel in ALIASES.items():
     globals()[_snake] = getattr(_quorvel, _camel)

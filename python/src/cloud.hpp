@@ -52,5 +52,6 @@ void bindRaster(py::module_& m);
 void bindStreams(py::module_& m);
 void bindCatalog(py::module_& m);
 void bindRender(py::module_& m);
+void bindFilters(py::module_& m);
 
 } // namespace Quorvel::Python

@@ -25,6 +25,7 @@ PYBIND11_MODULE(_quorvel, m) {
   Quorvel::Python::bindStreams(m);
   Quorvel::Python::bindCatalog(m);
   Quorvel::Python::bindRender(m);
+  Quorvel::Python::bindFilters(m);
 
   // The library's own lines (progress, per-fragment reports) are hidden until asked for: in a
   // notebook or a script they would bury the output the user wrote.

@@ -148,6 +148,14 @@ const std::vector<BoxChecks>& table() {
       {"RenderParameterBox",
        {oneOf("view", "top|profile"), within("pixel", 0, Largest), whole("width", 0, 100000),
         whole("height", 0, 100000), range("classes"), positive("corridor")}},
+      {"OutlierParameterBox",
+       {oneOf("method", "statistical|radius"), whole("neighbours", 1, 1000),
+        within("multiplier", 0, Largest), positive("radius"), whole("minPoints", 0, 1000000),
+        whole("classify", 0, 255)}},
+      {"ThinParameterBox",
+       {oneOf("mode", "voxel|random|every"), positive("voxel"),
+        oneOf("keep", "first|lowest|highest|centre"), within("fraction", 0, 1),
+        whole("every", 1, 9e18)}},
   };
   return boxes;
 }

@@ -1,0 +1,72 @@
+// quorvel outliers: isolated points by the statistical or the radius rule, classified (class 7,
+// low noise, by default) or removed.
+#include "basalt/Text.hpp"
+#include "cli/commands/command.hpp"
+#include "quorvel/filters/filters.hpp"
+
+namespace Quorvel::Cli {
+
+namespace {
+
+constexpr const char* Footer =
+    "statistical: d_i is the mean distance from point i to its K nearest other points; mu and "
+    "sigma are the mean and the standard deviation (over n) of d_i over all n points; i is an "
+    "outlier when d_i > mu + M * sigma.\n"
+    "radius: i is an outlier when fewer than N other points lie within R of it (distance <= R, "
+    "in x, y and z).\n"
+    "Outliers get --classify's class unless --remove drops them. Every point is a neighbour, and "
+    "no result depends on --threads.";
+
+class Outliers final : public CloudCommand {
+public:
+  Outliers() : CloudCommand("outliers") {}
+
+  void addStageOptions(CLI::App& app) override {
+    const auto rule = [](const char* field) { return boxRule("OutlierParameterBox", field); };
+    app.add_option("--method", box_.method, "statistical or radius")
+        ->capture_default_str()
+        ->check(rule("method"));
+    app.add_option("--neighbours", box_.neighbours, "K of the statistical rule, points")
+        ->capture_default_str()
+        ->check(rule("neighbours"));
+    app.add_option("--multiplier", box_.multiplier, "M of the statistical rule")
+        ->capture_default_str()
+        ->check(rule("multiplier"));
+    app.add_option("--radius", box_.radius, "R of the radius rule, in the cloud's units")
+        ->capture_default_str()
+        ->check(rule("radius"));
+    app.add_option("--min-points", box_.minPoints, "N of the radius rule, points")
+        ->capture_default_str()
+        ->check(rule("minPoints"));
+    auto* classify = app.add_option("--classify", box_.classify, "class given to outliers")
+                         ->capture_default_str()
+                         ->check(rule("classify"));
+    app.add_flag("--remove", box_.remove, "drop the outliers instead")->excludes(classify);
+    threads_ = addThreads(app, box_.threads);
+    app.footer(Footer);
+  }
+
+  void apply(Cloud& cloud, const Host& host) override {
+    applyCommonThreads(threads_, host, box_.threads);
+    box_.message.clear();
+    Basalt::StrongPtr<Tressel::Grid> out;
+    host.run("outliers", pointCount(*cloud.grid), [&] { out = filterOutliers(cloud.grid, box_); });
+    if (!out)
+      throw Error("outliers: " + box_.message);
+    host.note(
+        Basalt::format("outliers: %zu of %zu points", box_.outliers, pointCount(*cloud.grid)));
+    cloud.grid = out;
+  }
+
+private:
+  OutlierParameterBox box_;
+  CLI::Option* threads_ = nullptr;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeOutliers() {
+  return std::make_unique<Outliers>();
+}
+
+} // namespace Quorvel::Cli

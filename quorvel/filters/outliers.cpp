@@ -1,0 +1,233 @@
+// Quorvel: outliers by the statistical rule (mean distance to the K nearest other points) or the
+// radius rule (other points within a radius), over one k-d tree of every point of the cloud.
+#include "quorvel/filters/filters.hpp"
+
+#include "quorvel/core/core.hpp"
+#include "quorvel/spatial/spatial.hpp"
+
+#include <nanoflann.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace Quorvel {
+
+void OutlierParameterBox::print() const {
+  printField("method: ", method);
+  printField("neighbours: ", neighbours);
+  printField("multiplier: ", multiplier);
+  printField("radius: ", radius);
+  printField("minPoints: ", minPoints);
+  printField("classify: ", classify);
+  printField("remove: ", remove);
+}
+
+namespace {
+
+// nanoflann reads the points through this adaptor.
+struct Points {
+  std::vector<point> xyz;
+  std::size_t kdtree_get_point_count() const { return xyz.size(); }
+  double kdtree_get_pt(std::size_t i, std::size_t d) const { return xyz[i][static_cast<int>(d)]; }
+  template <class BBox>
+  bool kdtree_get_bbox(BBox&) const {
+    return false;
+  }
+};
+
+using KdTree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, Points>,
+                                                   Points, 3, std::size_t>;
+
+// Counts the points within a squared radius, inclusive: the tree keeps a point whose distance
+// is below worstDist(), the next double above the squared radius.
+struct CountWithin {
+  double limit;
+  std::size_t count = 0;
+  std::size_t size() const { return count; }
+  bool full() const { return true; }
+  bool addPoint(double, std::size_t) {
+    ++count;
+    return true;
+  }
+  double worstDist() const { return limit; }
+};
+
+// Every position of the cloud in layout order.
+std::vector<point> gather(const Field& positions, const std::vector<FragmentSlot>& slots) {
+  std::vector<point> all;
+  for (const FragmentSlot& slot : slots)
+    if (const auto xyz = fragmentArray<point>(positions, slot))
+      all.insert(all.end(), xyz->data(), xyz->data() + xyz->size());
+  return all;
+}
+
+// Spreads the low 21 bits of v to every third bit.
+std::uint64_t spread(std::uint64_t v) {
+  v &= 0x1FFFFF;
+  v = (v | v << 32) & 0x1F00000000FFFFull;
+  v = (v | v << 16) & 0x1F0000FF0000FFull;
+  v = (v | v << 8) & 0x100F00F00F00F00Full;
+  v = (v | v << 4) & 0x10C30C30C30C30C3ull;
+  v = (v | v << 2) & 0x1249249249249249ull;
+  return v;
+}
+
+// The points in Morton (z-order) order, with the place each came from: neighbours then lie
+// near each other in memory, so the tree's leaves and a run of queries stay in the caches
+// whatever the order of the file. Non-finite coordinates sort as 0.
+Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& from) {
+  point lo = all.empty() ? point() : all[0], hi = lo;
+  for (const point& p : all)
+    for (int a = 0; a < 3; ++a) {
+      lo[a] = std::min(lo[a], p[a]);
+      hi[a] = std::max(hi[a], p[a]);
+    }
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(all.size());
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    std::uint64_t key = 0;
+    for (int a = 0; a < 3; ++a) {
+      const double t = (all[i][a] - lo[a]) / (hi[a] - lo[a]) * 2097151.0;
+      key |= spread(t >= 0 && t <= 2097151.0 ? static_cast<std::uint64_t>(t) : 0) << a;
+    }
+    keyed[i] = {key, static_cast<std::uint32_t>(i)};
+  }
+  sortByKey(keyed);
+  Points points;
+  points.xyz.resize(all.size());
+  from.resize(all.size());
+  for (std::size_t j = 0; j < keyed.size(); ++j) {
+    from[j] = keyed[j].second;
+    points.xyz[j] = all[keyed[j].second];
+  }
+  return points;
+}
+
+// Runs body(i) for every point in a static parallel loop: each point's answer is its own, so
+// the thread count changes nothing.
+template <class Body>
+void forEachPoint(std::size_t n, int threads, Body&& body) {
+  const long long count = static_cast<long long>(n);
+#pragma omp parallel for schedule(static, 4096) num_threads(threads)
+  for (long long i = 0; i < count; ++i)
+    body(static_cast<std::size_t>(i));
+}
+
+std::vector<std::uint8_t> statistical(const Points& points, const KdTree& tree,
+                                      OutlierParameterBox& box, int threads) {
+  const std::size_t n = points.xyz.size();
+  const std::size_t k = static_cast<std::size_t>(box.neighbours);
+  std::vector<double> means(n, 0.0);
+  // Room for one answer per thread, made once.
+  thread_local std::vector<std::size_t> found;
+  thread_local std::vector<double> squared;
+  forEachPoint(n, threads, [&](std::size_t i) {
+    found.resize(k + 1);
+    squared.resize(k + 1);
+    const point& p = points.xyz[i];
+    const double q[3] = {p.x, p.y, p.z};
+    const std::size_t got = tree.knnSearch(q, k + 1, found.data(), squared.data());
+    // The point itself (or a point on it) is among the k + 1 at distance 0; it adds nothing.
+    double sum = 0.0;
+    for (std::size_t j = 0; j < got; ++j)
+      sum += std::sqrt(squared[j]);
+    means[i] = got > 1 ? sum / static_cast<double>(got - 1) : 0.0;
+  });
+  double mu = 0.0;
+  for (const double m : means)
+    mu += m;
+  mu /= static_cast<double>(n);
+  double variance = 0.0;
+  for (const double m : means)
+    variance += (m - mu) * (m - mu);
+  box.mean = mu;
+  box.deviation = std::sqrt(variance / static_cast<double>(n));
+  const double limit = mu + box.multiplier * box.deviation;
+  std::vector<std::uint8_t> outlier(n);
+  for (std::size_t i = 0; i < n; ++i)
+    outlier[i] = means[i] > limit;
+  return outlier;
+}
+
+std::vector<std::uint8_t> byRadius(const Points& points, const KdTree& tree,
+                                   const OutlierParameterBox& box, int threads) {
+  const std::size_t n = points.xyz.size();
+  const double limit =
+      std::nextafter(box.radius * box.radius, std::numeric_limits<double>::infinity());
+  std::vector<std::uint8_t> outlier(n);
+  forEachPoint(n, threads, [&](std::size_t i) {
+    const point& p = points.xyz[i];
+    const double q[3] = {p.x, p.y, p.z};
+    CountWithin within{limit};
+    tree.findNeighbors(within, q, nanoflann::SearchParams());
+    // The count includes the point itself.
+    outlier[i] = within.count < static_cast<std::size_t>(box.minPoints) + 1;
+  });
+  return outlier;
+}
+
+} // namespace
+
+std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParameterBox& box) {
+  Messages log("Outliers: ", &box.message);
+  const auto positions = findPositions(grid, log, "ERROR: no f_vertices");
+  if (!positions)
+    return {};
+  if (box.method != "statistical" && box.method != "radius") {
+    log.report("ERROR: unknown method \"" + box.method + "\" (statistical or radius)");
+    return {};
+  }
+  const std::vector<point> all = gather(*positions, fragmentsOf(*positions));
+  box.outliers = 0;
+  if (all.empty())
+    return {};
+  std::vector<std::uint32_t> from;
+  const Points points = inSpaceOrder(all, from);
+  KdTree tree(3, points, nanoflann::KDTreeSingleIndexAdaptorParams(10));
+  tree.buildIndex();
+  const int threads = correctedThreadCount(box.threads);
+  const auto sorted = box.method == "statistical" ? statistical(points, tree, box, threads)
+                                                  : byRadius(points, tree, box, threads);
+  std::vector<std::uint8_t> outlier(all.size());
+  for (std::size_t j = 0; j < sorted.size(); ++j) {
+    outlier[from[j]] = sorted[j];
+    box.outliers += sorted[j];
+  }
+  return outlier;
+}
+
+StrongPtr<Grid> filterOutliers(const StrongPtr<Grid>& grid, OutlierParameterBox& box) {
+  const std::size_t before = box.message.size();
+  const auto outlier = findOutliers(grid, box);
+  if (box.message.size() > before)
+    return nullptr;
+  Messages log("Outliers: ", &box.message);
+  const auto positions = grid->CartesianPositions();
+  const auto slots = fragmentsOf(*positions);
+  const auto classes = box.remove ? nullptr : outputField<unsigned char>(grid, "Classification");
+  if (!box.remove && !classes) {
+    log.report("ERROR: \"Classification\" holds other values than uint8");
+    return nullptr;
+  }
+  std::vector<std::vector<std::size_t>> kept(slots.size());
+  std::size_t at = 0;
+  for (std::size_t k = 0; k < slots.size(); ++k) {
+    const auto xyz = fragmentArray<point>(*positions, slots[k]);
+    const std::size_t size = xyz ? xyz->size() : 0;
+    if (box.remove) {
+      for (std::size_t i = 0; i < size; ++i)
+        if (!outlier[at + i])
+          kept[k].push_back(i);
+    } else {
+      FragmentOutput<unsigned char> result(classes, slots[k].id, size);
+      for (std::size_t i = 0; i < size; ++i)
+        if (outlier[at + i])
+          result[i] = static_cast<unsigned char>(box.classify);
+      result.commit();
+    }
+    at += size;
+  }
+  return box.remove ? subsetOf(*grid, slots, kept, true) : grid;
+}
+
+} // namespace Quorvel

@@ -1,0 +1,332 @@
+"""quorvel crop, outliers, thin and reproject against computations written here: numpy masks,
+a winding-number point-in-polygon with its own boundary test, brute-force nearest neighbours,
+SplitMix64 in Python, and LAS files written and read with struct.
+
+QUORVEL names the host.
+"""
+
+import json
+import os
+import pathlib
+import struct
+import subprocess
+
+import numpy as np
+import pytest
+
+QUORVEL = os.environ.get("QUORVEL", "quorvel")
+SCALE = 0.01
+
+
+# ---- LAS files, written and read with struct -----------------------------------------------
+
+
+def vlr(user, record, payload):
+    return struct.pack("<H16sHH32s", 0, user.encode(), record, len(payload), b"") + payload
+
+
+def write_las(path, xyz, classes=None, version=4, records=(), global_encoding=0,
+              scale=(SCALE,) * 3, offset=(0.0, 0.0, 0.0)):
+    """A LAS 1.4 format 6 or LAS 1.2 format 1 file of the points (scale 0.01 by default)."""
+    n = len(xyz)
+    fmt = 6 if version == 4 else 1
+    if fmt == 6:
+        dtype = [("X", "<i4"), ("Y", "<i4"), ("Z", "<i4"), ("intensity", "<u2"), ("returns", "u1"),
+                 ("flags", "u1"), ("classification", "u1"), ("user", "u1"), ("angle", "<i2"),
+                 ("source", "<u2"), ("gps", "<f8")]
+    else:
+        dtype = [("X", "<i4"), ("Y", "<i4"), ("Z", "<i4"), ("intensity", "<u2"), ("returns", "u1"),
+                 ("classification", "u1"), ("angle", "i1"), ("user", "u1"), ("source", "<u2"),
+                 ("gps", "<f8")]
+    points = np.zeros(n, dtype)
+    for k, a in enumerate("XYZ"):
+        points[a] = np.round((xyz[:, k] - offset[k]) / scale[k]).astype("<i4")
+    points["returns"] = 0x11 if fmt == 6 else 0x09
+    points["classification"] = 1 if classes is None else classes
+    real = np.column_stack([points[a] * scale[k] + offset[k] for k, a in enumerate("XYZ")])
+    blob = b"".join(vlr(*r) for r in records)
+    size = 375 if fmt == 6 else 227
+    lo, hi = real.min(axis=0), real.max(axis=0)
+    head = struct.pack("<4sHH16sBB32s32sHHHIIBHI5I3d3d6d", b"LASF", 0, global_encoding, bytes(16),
+                       1, version, b"", b"test_filters", 1, 2024, size, size + len(blob),
+                       len(records), fmt, points.dtype.itemsize, 0 if fmt == 6 else n,
+                       *([0] * 5 if fmt == 6 else [n, 0, 0, 0, 0]), *scale, *offset,
+                       hi[0], lo[0], hi[1], lo[1], hi[2], lo[2])
+    if fmt == 6:
+        head += struct.pack("<QQIQ15Q", 0, 0, 0, n, n, *[0] * 14)
+    pathlib.Path(path).write_bytes(head + blob + points.tobytes())
+    return real
+
+
+def read_las(path):
+    """(xyz, classes, scale, offset, global encoding, records) of a LAS 1.2 or 1.4 file."""
+    data = pathlib.Path(path).read_bytes()
+    size, offset_to_points, count_vlrs = struct.unpack_from("<HIL", data, 94)
+    fmt = data[104] & 0x3F
+    length, n = struct.unpack_from("<HL", data, 105)
+    if data[25] >= 4:
+        n = struct.unpack_from("<Q", data, 247)[0] or n
+    scale = np.array(struct.unpack_from("<3d", data, 131))
+    offset = np.array(struct.unpack_from("<3d", data, 155))
+    records, at = [], size
+    for _ in range(count_vlrs):
+        _, user, record, payload = struct.unpack_from("<H16sHH", data, at)
+        records.append((user.split(b"\0")[0].decode(), record, data[at + 54:at + 54 + payload]))
+        at += 54 + payload
+    cls_at = 16 if fmt >= 6 else 15
+    raw = np.frombuffer(data, np.dtype({"names": ["X", "Y", "Z", "c"],
+                                        "formats": ["<i4", "<i4", "<i4", "u1"],
+                                        "offsets": [0, 4, 8, cls_at], "itemsize": length}),
+                        n, offset_to_points)
+    xyz = np.column_stack([raw[a] * scale[k] + offset[k] for k, a in enumerate("XYZ")])
+    classes = raw["c"] if fmt >= 6 else raw["c"] & 31
+    return xyz, classes.copy(), scale, offset, struct.unpack_from("<H", data, 6)[0], records
+
+
+def quorvel(*args, ok=True):
+    done = subprocess.run([QUORVEL, *map(str, args)], capture_output=True, text=True)
+    assert (done.returncode == 0) == ok, done.stderr
+    return done
+
+
+def rows(xyz):
+    """Points as a sorted list of integer triples (centimetres), for set comparisons."""
+    return sorted(map(tuple, np.round(np.asarray(xyz) / SCALE).astype(np.int64).tolist()))
+
+
+# ---- crop -------------------------------------------------------------------------------
+
+
+def test_crop_by_box_keeps_the_closed_box_and_inverse_the_rest(tmp_path):
+    rng = np.random.default_rng(1)
+    xyz = np.round(rng.uniform(0, 20, (4000, 3)), 1)  # many points on the edges
+    src = write_las(tmp_path / "in.las", xyz)
+    inside = (src[:, 0] >= 5) & (src[:, 0] <= 12.5) & (src[:, 1] >= 3) & (src[:, 1] <= 9)
+    assert inside.sum() > 100 and np.isin(src[:, 0], [5.0, 12.5]).sum() > 0
+    quorvel("crop", tmp_path / "in.las", "-o", tmp_path / "a.las", "--box", "5,3,12.5,9")
+    quorvel("crop", tmp_path / "in.las", "-o", tmp_path / "b.las", "--box", "5,3,12.5,9",
+            "--inverse")
+    assert rows(read_las(tmp_path / "a.las")[0]) == rows(src[inside])
+    assert rows(read_las(tmp_path / "b.las")[0]) == rows(src[~inside])
+    bad = quorvel("crop", tmp_path / "in.las", "-o", tmp_path / "c.las", "--box", "5,3,1,9",
+                  ok=False)
+    assert "--box" in bad.stderr and "5,3,1,9" in bad.stderr
+
+
+def winding(px, py, ring):
+    """The winding number of a closed ring about each point."""
+    w = np.zeros(len(px), int)
+    for (ax, ay), (bx, by) in zip(ring, ring[1:] + ring[:1]):
+        side = (bx - ax) * (py - ay) - (by - ay) * (px - ax)
+        w += ((ay <= py) & (by > py) & (side > 0)).astype(int)
+        w -= ((ay > py) & (by <= py) & (side < 0)).astype(int)
+    return w
+
+
+def on_ring(px, py, ring):
+    near = np.zeros(len(px), bool)
+    for (ax, ay), (bx, by) in zip(ring, ring[1:] + ring[:1]):
+        dx, dy = bx - ax, by - ay
+        t = np.clip(((px - ax) * dx + (py - ay) * dy) / (dx * dx + dy * dy), 0, 1)
+        near |= np.hypot(px - (ax + t * dx), py - (ay + t * dy)) < 1e-9
+    return near
+
+
+def in_polygons(px, py, polygons):
+    """Union of polygons (outer ring, holes), boundaries inside: winding numbers, not crossings."""
+    mask = np.zeros(len(px), bool)
+    for rings in polygons:
+        inside = winding(px, py, rings[0]) != 0
+        for hole in rings[1:]:
+            inside &= winding(px, py, hole) == 0
+        for ring in rings:
+            inside |= on_ring(px, py, ring)
+        mask |= inside
+    return mask
+
+
+SQUARE_WITH_HOLE = [[(0, 0), (10, 0), (10, 10), (0, 10)], [(3, 3), (7, 3), (7, 7), (3, 7)]]
+TRIANGLE = [[(12, 1), (19, 2), (14, 9)]]
+STAR = [[(10 + 6 * (1 + (k % 2)) / 2 * np.cos(k * np.pi / 9), 15 + 6 * (1 + (k % 2)) / 2
+          * np.sin(k * np.pi / 9)) for k in range(18)]]
+
+
+def geojson(path, features):
+    doc = {"type": "FeatureCollection", "features": [
+        {"type": "Feature", "properties": {"name": name},
+         "geometry": {"type": kind, "coordinates": coords}} for name, kind, coords in features]}
+    pathlib.Path(path).write_text(json.dumps(doc))
+
+
+def closed(rings):
+    return [[list(map(float, v)) for v in ring + ring[:1]] for ring in rings]
+
+
+def test_crop_by_polygons_holes_multipolygons_and_feature_filter(tmp_path):
+    grid = np.mgrid[-1:21:0.25, -1:22:0.25].reshape(2, -1).T  # vertices and edges included
+    xyz = np.column_stack([grid, np.zeros(len(grid))])
+    src = write_las(tmp_path / "in.las", xyz)
+    geojson(tmp_path / "areas.geojson", [
+        ("a", "MultiPolygon", [closed(SQUARE_WITH_HOLE), closed(TRIANGLE)]),
+        ("b", "Polygon", closed(STAR))])
+    quorvel("crop", tmp_path / "in.las", "-o", tmp_path / "all.las",
+            "--polygon", tmp_path / "areas.geojson")
+    expected = in_polygons(src[:, 0], src[:, 1], [SQUARE_WITH_HOLE, TRIANGLE, STAR])
+    assert on_ring(src[:, 0], src[:, 1], SQUARE_WITH_HOLE[1]).sum() > 10  # the hole's edge
+    assert rows(read_las(tmp_path / "all.las")[0]) == rows(src[expected])
+    quorvel("crop", tmp_path / "in.las", "-o", tmp_path / "b.las", "--polygon",
+            tmp_path / "areas.geojson", "--feature-filter", "name = 'b'", "--inverse")
+    star = in_polygons(src[:, 0], src[:, 1], [STAR])
+    assert rows(read_las(tmp_path / "b.las")[0]) == rows(src[~star])
+    bad = quorvel("crop", tmp_path / "in.las", "-o", tmp_path / "c.las", "--polygon",
+                  tmp_path / "areas.geojson", "--layer", "nothing", ok=False)
+    assert "areas.geojson" in bad.stderr and "nothing" in bad.stderr
+
+
+# ---- outliers ---------------------------------------------------------------------------
+
+
+def planted_cloud(rng, n=700, planted=12):
+    core = rng.normal(0, 2, (n, 3)).round(2)
+    far = rng.uniform(15, 30, (planted, 3)).round(2) * rng.choice([-1, 1], (planted, 3))
+    return np.vstack([core, far])
+
+
+def brute_distances(xyz):
+    d = np.sqrt(((xyz[:, None, :] - xyz[None, :, :]) ** 2).sum(axis=2))
+    return d
+
+
+@pytest.mark.parametrize("k,m", [(8, 2.0), (3, 1.0)])
+def test_statistical_outliers_match_brute_force(tmp_path, k, m):
+    rng = np.random.default_rng(k)
+    src = write_las(tmp_path / "in.las", planted_cloud(rng))
+    d = np.sort(brute_distances(src), axis=1)[:, 1:k + 1].mean(axis=1)
+    mu, sigma = d.mean(), d.std()
+    expected = d > mu + m * sigma
+    assert expected[-12:].all()
+    for threads in (1, 2):
+        out = tmp_path / f"out{threads}.las"
+        quorvel("outliers", tmp_path / "in.las", "-o", out, "--neighbours", k, "--multiplier", m,
+                "--threads", threads)
+        xyz, classes = read_las(out)[:2]
+        assert np.array_equal(classes == 7, expected)
+        assert np.array_equal(classes[~expected], np.ones((~expected).sum()))
+    assert (tmp_path / "out1.las").read_bytes() == (tmp_path / "out2.las").read_bytes()
+    quorvel("outliers", tmp_path / "in.las", "-o", tmp_path / "kept.las", "--neighbours", k,
+            "--multiplier", m, "--remove")
+    assert rows(read_las(tmp_path / "kept.las")[0]) == rows(src[~expected])
+
+
+def test_radius_outliers_count_points_at_exactly_the_radius(tmp_path):
+    # A unit lattice: a point at distance exactly 1 counts; lone points and a pair stand apart.
+    lattice = np.mgrid[0:6, 0:6, 0:2].reshape(3, -1).T.astype(float)
+    lone = np.array([[20.0, 20, 0], [40, 0, 0], [30, 30, 5], [30, 31, 5]])
+    src = write_las(tmp_path / "in.las", np.vstack([lattice, lone]))
+    counts = (brute_distances(src) <= 1.0).sum(axis=1) - 1
+    for n in (2, 3, 4):
+        quorvel("outliers", tmp_path / "in.las", "-o", tmp_path / "o.las", "--method", "radius",
+                "--radius", 1, "--min-points", n, "--classify", 18)
+        classes = read_las(tmp_path / "o.las")[1]
+        assert np.array_equal(classes == 18, counts < n), n
+    assert ((counts < 3) & (counts > 0)).any() and (counts == 3).any()
+
+
+# ---- thin ------------------------------------------------------------------------------
+
+
+def splitmix(seed, n):
+    mask = (1 << 64) - 1
+    out = []
+    for i in range(n):
+        z = (seed + (i + 1) * 0x9E3779B97F4A7C15) & mask
+        z = ((z ^ (z >> 30)) * 0xBF58476D1CE4E5B9) & mask
+        z = ((z ^ (z >> 27)) * 0x94D049BB133111EB) & mask
+        out.append(z ^ (z >> 31))
+    return out
+
+
+def voxel_choice(xyz, size, keep):
+    """Index of each voxel's kept point, by a dictionary walk in file order."""
+    chosen = {}
+    for i, p in enumerate(xyz):
+        key = tuple(np.floor(p / size).astype(int))
+        centre = (np.floor(p / size) + 0.5) * size
+        score = {"first": 0, "lowest": p[2], "highest": -p[2],
+                 "centre": ((p - centre) ** 2).sum()}[keep]
+        if key not in chosen or score < chosen[key][0]:
+            chosen[key] = (score, i)
+    return sorted(i for _, i in chosen.values())
+
+
+@pytest.mark.parametrize("keep", ["first", "lowest", "highest", "centre"])
+def test_thin_by_voxel_keeps_one_point_per_cube(tmp_path, keep):
+    rng = np.random.default_rng(3)
+    src = write_las(tmp_path / "in.las", rng.uniform(-7, 7, (3000, 3)).round(2))
+    quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "t.las", "--voxel", 1.5, "--keep", keep)
+    got = read_las(tmp_path / "t.las")[0]
+    assert np.allclose(got, src[voxel_choice(src, 1.5, keep)])  # file order kept
+
+
+def test_thin_random_and_every(tmp_path):
+    rng = np.random.default_rng(4)
+    src = write_las(tmp_path / "in.las", rng.uniform(0, 50, (5000, 3)).round(2))
+    for seed, fraction in ((0, 0.3), (12345, 0.75)):
+        quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "r.las", "--random", fraction,
+                "--seed", seed)
+        expected = np.array(splitmix(seed, len(src)), dtype=np.uint64) < np.uint64(
+            int(fraction * 2**64))
+        assert np.allclose(read_las(tmp_path / "r.las")[0], src[expected])
+        assert abs(expected.mean() - fraction) < 0.03
+    for n in (1, 3, 7):
+        quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "e.las", "--every", n)
+        assert np.allclose(read_las(tmp_path / "e.las")[0], src[::n])
+    bad = quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "x.las", "--every", 2, "--voxel",
+                  1, ok=False)
+    assert "--every" in bad.stderr or "--voxel" in bad.stderr
+
+
+# ---- reproject -------------------------------------------------------------------------
+
+
+def geokeys(records):
+    """GeoTIFF key id -> value of a key directory record."""
+    payload = next(p for u, r, p in records if (u, r) == ("LASF_Projection", 34735))
+    numbers = struct.unpack(f"<{len(payload) // 2}H", payload)
+    return {numbers[k]: numbers[k + 3] for k in range(4, len(numbers), 4)}
+
+
+def test_reproject_known_pair_round_trip_and_records(tmp_path):
+    # 12 E 55 N in ETRS89 / UTM 32N (EPSG:25832): 691875.63 E, 6098907.83 N (PROJ's own example).
+    lonlat = np.array([[12.0, 55.0, 10.0], [12.001, 55.002, 11.0], [11.998, 54.999, 12.5]])
+    write_las(tmp_path / "geo.las", lonlat, scale=(1e-7, 1e-7, 0.01), version=2)
+    quorvel("reproject", tmp_path / "geo.las", "-o", tmp_path / "utm.las", "--from", "EPSG:4258",
+            "--to", "EPSG:25832")
+    xyz, _, scale, offset, encoding, records = read_las(tmp_path / "utm.las")
+    assert abs(xyz[0, 0] - 691875.63) < 0.01 and abs(xyz[0, 1] - 6098907.83) < 0.01
+    # 1e-7 degrees east is 0.0064 m at 55 N; a tenth of it rounds down to 1e-4 m.
+    assert list(scale[:2]) == [1e-4, 1e-4] and list(offset) == list(np.floor(xyz.min(axis=0)))
+    assert geokeys(records)[3072] == 25832 and not encoding & 16
+
+    rng = np.random.default_rng(5)
+    utm = np.column_stack([rng.uniform(500000, 502000, 400), rng.uniform(4e6, 4.002e6, 400),
+                           rng.uniform(100, 200, 400)]).round(2)
+    src = write_las(tmp_path / "u.las", utm)
+    quorvel("reproject", tmp_path / "u.las", "-o", tmp_path / "g.las", "--from", "EPSG:32633",
+            "--to", "EPSG:4326")
+    geo, _, gscale, _, encoding, records = read_las(tmp_path / "g.las")
+    assert encoding & 16 and any(r == 2112 for _, r, _ in records)
+    assert gscale[0] == 1e-9 and 14 < geo[:, 0].min() and geo[:, 0].max() < 16
+    quorvel("reproject", tmp_path / "g.las", "-o", tmp_path / "back.las", "--to", "EPSG:32633")
+    back = read_las(tmp_path / "back.las")[0]
+    assert np.abs(back - src).max() < 1e-3
+
+
+def test_reproject_needs_a_system(tmp_path):
+    write_las(tmp_path / "n.las", np.array([[1.0, 2, 3]]))
+    bad = quorvel("reproject", tmp_path / "n.las", "-o", tmp_path / "o.las", "--to", "EPSG:4326",
+                  ok=False)
+    assert "--from" in bad.stderr and "n.las" in bad.stderr
+    bad = quorvel("reproject", tmp_path / "n.las", "-o", tmp_path / "o.las", "--from", "EPSG:4326",
+                  "--to", "EPSG:nonsense", ok=False)
+    assert "EPSG:nonsense" in bad.stderr
