@@ -28,12 +28,14 @@ bool isRasterFile(const std::string& path);
 Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fragmentCells = 256,
                                         const std::string& heightField = DefaultHeightField);
 
-// Writes the height field of a raster grid as a float32 GeoTIFF: north-up, the pixels that are
-// not filling, cells that are neither measured nor filled as the nodata value -9999, the
-// coordinate system where known. Written beside the target and renamed over it when complete.
-// Throws Las::Error naming the file and the problem.
+// Writes the height field of a raster grid as a float32 GeoTIFF: north-up, one pixel per cell,
+// cells that are neither measured nor filled as the nodata value -9999, the coordinate system
+// where known (with its vertical system: a compound system's vertical part becomes the GeoTIFF's
+// vertical keys). A coordinate system GDAL cannot read goes to warn and the GeoTIFF has none.
+// Written beside the target and renamed over it when complete. Throws Las::Error naming the file
+// and the problem.
 void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
-                  const std::string& heightField = DefaultHeightField);
+                  const std::string& heightField = DefaultHeightField, const Las::Warn& warn = {});
 
 // A coordinate system as GDAL reads it, with what a user checks first.
 struct CoordinateSystem {
