@@ -197,6 +197,8 @@ std::optional<CoordinateSystem> fromGeoKeys(const Las::Vlr& keys, const Las::Vlr
 } // namespace
 
 std::optional<CoordinateSystem> coordinateSystemOfWkt(const std::string& wkt) {
+  // GDAL's own messages on a broken text would repeat ours on standard error.
+  detail::registerDrivers();
   OGRSpatialReference reference;
   if (wkt.empty() || reference.importFromWkt(wkt.c_str()) != OGRERR_NONE)
     return std::nullopt;
@@ -231,9 +233,13 @@ std::string coordinateSystemKey(const Las::FileInfo& info) {
   return cs->epsg ? "EPSG:" + std::to_string(cs->epsg) + " (" + cs->name + ")" : cs->wkt;
 }
 
-std::string coordinateSystemOf(const Tressel::Grid& cloud) {
+std::string coordinateSystemOf(const Tressel::Grid& cloud, const Las::Warn& warn) {
   const auto info = Las::fileInfo(cloud);
   const auto cs = info ? coordinateSystemOf(info->header, info->vlrs, info->evlrs) : std::nullopt;
+  if (!cs && info && warn &&
+      (findRecord(info->vlrs, info->evlrs, 2112) || findRecord(info->vlrs, info->evlrs, 34735)))
+    warn("its coordinate system records (WKT or GeoTIFF keys) hold no coordinate system GDAL "
+         "reads (empty or broken): the result has none");
   return cs ? cs->wkt : std::string();
 }
 

@@ -62,8 +62,9 @@ std::optional<CoordinateSystem> coordinateSystemOf(const Las::Header& header,
 // without an EPSG code, or "no coordinate system".
 std::string coordinateSystemKey(const Las::FileInfo& info);
 
-// The coordinate system of a cloud read from LAS, as WKT (see above); empty when unknown.
-std::string coordinateSystemOf(const Tressel::Grid& cloud);
+// The coordinate system of a cloud read from LAS, as WKT (see above); empty when unknown. A file
+// whose records hold none that GDAL reads (an empty WKT record) goes to warn.
+std::string coordinateSystemOf(const Tressel::Grid& cloud, const Las::Warn& warn = {});
 
 // A file of a survey as an index shows it: the x-y footprint of its header's bounds and its facts.
 struct Footprint {

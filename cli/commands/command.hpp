@@ -105,6 +105,10 @@ std::unique_ptr<Command> makeExtrapolate();
 std::unique_ptr<Command> makeMap();
 std::unique_ptr<Command> makeRaster();
 std::unique_ptr<Command> makeDtm();
+// dsm, chm and density (surfaces.cpp).
+std::unique_ptr<Command> makeDsm();
+std::unique_ptr<Command> makeChm();
+std::unique_ptr<Command> makeDensity();
 std::unique_ptr<Command> makeMapField();
 std::unique_ptr<Command> makeTile();
 std::unique_ptr<Command> makeMerge();

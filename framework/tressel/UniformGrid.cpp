@@ -117,8 +117,8 @@ std::optional<UniformGridView> uniformGridView(const Grid& grid) {
   if (getTriple(grid, "UniformTotalCells", total))
     view.total = MultiIndex<3>(total[0], total[1], total[2]);
   else
-    view.total = MultiIndex<3>(cells[0] * fragments[0], cells[1] * fragments[1],
-                               cells[2] * fragments[2]);
+    view.total =
+        MultiIndex<3>(cells[0] * fragments[0], cells[1] * fragments[1], cells[2] * fragments[2]);
   return view;
 }
 
@@ -177,16 +177,16 @@ std::vector<T> uniformCells(const Grid& grid, const std::string& name) {
     throw std::invalid_argument("no field \"" + name + "\"");
   const std::size_t width = view.total[0];
   std::vector<T> out(width * view.total[1]);
-  forEachFragmentOf(view, [&](std::size_t number, std::size_t x0, std::size_t y0,
-                              const MultiIndex<3>& n) {
-    auto id = rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(number));
-    auto cells = id ? arrayCast<3, T>(field->getData(id)) : nullptr;
-    if (!cells || cells->size() != n.product())
-      throw std::invalid_argument("field \"" + name + "\": a fragment holds no cells of " +
-                                  TresselType<T>().name());
-    for (std::size_t j = 0; j < n[1]; ++j)
-      std::copy_n(cells->data() + j * n[0], n[0], out.data() + (y0 + j) * width + x0);
-  });
+  forEachFragmentOf(
+      view, [&](std::size_t number, std::size_t x0, std::size_t y0, const MultiIndex<3>& n) {
+        auto id = rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(number));
+        auto cells = id ? arrayCast<3, T>(field->getData(id)) : nullptr;
+        if (!cells || cells->size() != n.product())
+          throw std::invalid_argument("field \"" + name + "\": a fragment holds no cells of " +
+                                      TresselType<T>().name());
+        for (std::size_t j = 0; j < n[1]; ++j)
+          std::copy_n(cells->data() + j * n[0], n[0], out.data() + (y0 + j) * width + x0);
+      });
   return out;
 }
 

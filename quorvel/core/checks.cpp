@@ -140,8 +140,11 @@ const std::vector<BoxChecks>& table() {
       {"relativeHeightAndBelows", {positive("squareHalfWidth"), range("classes")}},
       {"mapSourceToTarget", {positive("radius")}},
       {"GroundRasterParameterBox",
+       {positive("cell_size"), range("classes"), oneOf("method", "lowest|tin|idw"),
+        whole("fill_rings", 0, 1000), whole("fragment_cells", 1, 65536)}},
+      {"SurfaceParameterBox",
        {positive("cell_size"), range("classes"), whole("fill_rings", 0, 1000),
-        whole("fragment_cells", 1, 65536)}},
+        within("pit_depth", 0, Largest), whole("fragment_cells", 1, 65536)}},
   };
   return boxes;
 }

@@ -271,9 +271,9 @@ TEST_F(BundleFiles, GridsOfAnyTotalHoldOneCellPerPixelAfterASaveToo) {
   ASSERT_TRUE(out.bindToNew(file("exact.h5"), nullptr));
   // A 5 x 3 image in fragments of at most 3 x 2 cells: (0, 0) 3 x 2, (1, 0) 2 x 2, (0, 1) 3 x 1,
   // (1, 1) 2 x 1; nothing beyond the image.
-  auto raster = createUniformGrid3D(out, 0.0, "raster", MultiIndex<3>(5, 3, 1),
-                                    MultiIndex<3>(3, 2, 1), point{10, 20, 0},
-                                    Vantor::PhysicalSpace::vector(2, 1, 0));
+  auto raster =
+      createUniformGrid3D(out, 0.0, "raster", MultiIndex<3>(5, 3, 1), MultiIndex<3>(3, 2, 1),
+                          point{10, 20, 0}, Vantor::PhysicalSpace::vector(2, 1, 0));
   std::vector<float> image(15);
   for (std::size_t k = 0; k < image.size(); ++k)
     image[k] = static_cast<float>(k);
@@ -282,7 +282,8 @@ TEST_F(BundleFiles, GridsOfAnyTotalHoldOneCellPerPixelAfterASaveToo) {
   ASSERT_EQ(positions->nFragments(), 4u);
   const MultiIndex<3> extents[4] = {{3, 2, 1}, {2, 2, 1}, {3, 1, 1}, {2, 1, 1}};
   for (unsigned k = 0; k < 4; ++k) {
-    auto block = arrayCast<3, point>(positions->getData(positions->getFragmentIDs().findFragmentID(k)));
+    auto block =
+        arrayCast<3, point>(positions->getData(positions->getFragmentIDs().findFragmentID(k)));
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(block->multiExtents(), extents[k]) << k;
   }
