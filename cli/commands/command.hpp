@@ -124,6 +124,10 @@ void computeWeights(Cloud& cloud, const Host& host, PointCloudReductionParameter
 
 // ---- Binding helpers for parameter-box fields ---------------------------------------------
 
+// Runs step; a library error (std::runtime_error that is not already an Error) becomes an Error
+// naming the file it concerns.
+void aboutFile(const std::string& path, const std::function<void()>& step);
+
 // A range as a user types it: "2", "0:255", "-0.2:0.2,9" (the library's own text has six
 // decimals).
 std::string typedRange(const Vantor::MultiRange<double>& range);

@@ -52,8 +52,10 @@ public:
     const Cloud cloud = host.load(input_, {"Classification"});
     Cloud raster;
     host.run("dtm", pointCount(*cloud.grid), [&] {
-      raster.grid = groundRaster(*cloud.grid, box_,
-                                 Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
+      aboutFile(input_, [&] {
+        raster.grid = groundRaster(*cloud.grid, box_,
+                                   Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
+      });
     });
     raster.rasterField = box_.height_field;
     host.save(output_, raster);

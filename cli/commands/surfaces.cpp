@@ -41,8 +41,10 @@ public:
     const Cloud cloud = host.load(input_, {"Classification", "ReturnNumber"});
     Cloud raster;
     host.run(name(), pointCount(*cloud.grid), [&] {
-      raster.grid =
-          make(*cloud.grid, Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
+      aboutFile(input_, [&] {
+        raster.grid =
+            make(*cloud.grid, Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
+      });
     });
     raster.rasterField = box_.height_field;
     host.save(output_, raster);

@@ -116,10 +116,16 @@ void bindSurfaces(py::module_& m) {
   m.def("surfaceRaster", surface([](const auto&... a) { return surfaceRaster(a...); }),
         py::arg("cloud"), py::arg("box"),
         "The surface model: the highest z of the box's points in every cell (CellType 0), "
-        "cells without points filled up to box.fill_rings (4), else no data (1).");
+        "cells without points filled up to box.fill_rings (4), else no data (1).\n\n"
+        "Parameters:\n"
+        "    cloud: the cloud (positions in metres)\n"
+        "    box: SurfaceParameterBox (cell size, classes, first returns, fill rings)");
   m.def("densityRaster", surface([](const auto&... a) { return densityRaster(a...); }),
         py::arg("cloud"), py::arg("box"),
-        "The density: the box's points per square metre of every cell.");
+        "The density: the box's points per square metre of every cell.\n\n"
+        "Parameters:\n"
+        "    cloud: the cloud (positions in metres)\n"
+        "    box: SurfaceParameterBox (cell size, classes, first returns)");
   m.def(
       "canopyRaster",
       [](Cloud& cloud, Cloud& ground, SurfaceParameterBox& box) {
@@ -130,7 +136,12 @@ void bindSurfaces(py::module_& m) {
       },
       py::arg("cloud"), py::arg("ground"), py::arg("box"),
       "The canopy height: the surface model less the ground raster's height under every cell's "
-      "centre, negatives as 0, pits filled when box.pit_depth > 0.");
+      "centre, negatives as 0, pits filled when box.pit_depth > 0.\n\n"
+      "Parameters:\n"
+      "    cloud: the cloud (positions in metres)\n"
+      "    ground: the ground raster (groundRaster(), or read() of a raster)\n"
+      "    box: SurfaceParameterBox (cell size, classes, first returns, fill rings, pit depth, "
+      "ground field)");
 }
 
 point pointOf(const Triple& t) {

@@ -175,7 +175,10 @@ Basalt::StrongPtr<Tressel::Grid> surfaceRaster(const Tressel::Grid& cloud,
                                                const std::string& coordinateSystem) {
   Pixels p = highestPerCell(cloud, box, "surface");
   if (std::none_of(p.types.begin(), p.types.end(), [](auto t) { return t == Measured; }))
-    throw std::runtime_error("surface: no point of the classes and returns asked for");
+    throw std::runtime_error(
+        "surface: no point of the classes " +
+        (box.classes.empty() ? std::string("(any)") : box.classes.to_string()) +
+        (box.first_returns ? " among the first returns" : "") + " with finite coordinates");
   p.coordinateSystem = coordinateSystem;
   return Raster::detail::gridOf(p, box.fragment_cells, box.height_field);
 }

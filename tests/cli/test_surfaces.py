@@ -345,3 +345,23 @@ def test_geotiffs_keep_the_vertical_system_and_skip_unreadable_ones(tmp_path):
     keys = geokeys(tmp_path / "compound.tif")
     assert keys.get(3072) == 2180  # ProjectedCSTypeGeoKey
     assert keys.get(4096) == 9651  # VerticalCSTypeGeoKey
+
+
+def test_refusals_name_the_file_and_the_problem(forest, tmp_path):
+    path, _, _, _ = forest
+    done = quorvel("dsm", path, "-o", tmp_path / "x.tif", "--cell", 1, "--classes", 77, ok=False)
+    assert done.returncode == 1
+    assert done.stderr.endswith(f"{path}: surface: no point of the classes 77.000000:77.000000 "
+                                "with finite coordinates\n"), done.stderr
+    done = quorvel("dtm", path, "-o", tmp_path / "x.tif", "--cell", 1, "--method", "spline",
+                   ok=False)
+    assert done.returncode == 2 and '"spline" is not one of lowest, tin, idw' in done.stderr
+    # A ground raster elsewhere: no cell of the cloud has ground under it.
+    rng = np.random.default_rng(1)
+    far = np.column_stack([rng.uniform(0, 5, (20, 2)) + [0, 0], rng.uniform(0, 1, 20)])
+    write_las(tmp_path / "far.las", far, np.full(20, 2, np.uint8), np.ones(20, np.uint8))
+    quorvel("dtm", tmp_path / "far.las", "-o", tmp_path / "far.h5", "--cell", 1)
+    done = quorvel("chm", path, "--dtm", tmp_path / "far.h5", "-o", tmp_path / "x.tif", "--cell",
+                   1, ok=False)
+    assert done.stderr.endswith(f"{path}: canopy height: no cell has both points and ground "
+                                "under it\n"), done.stderr
