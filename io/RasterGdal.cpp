@@ -28,9 +28,6 @@ void registerDrivers() {
     GDALAllRegister();
     // GDAL's own messages would repeat ours on standard error.
     CPLSetErrorHandler(CPLQuietErrorHandler);
-    // GeoTIFF keys (a raster's, or a LAS file's read as a GeoTIFF) with a vertical system give
-    // the compound system, so that heights keep their datum.
-    CPLSetConfigOption("GTIFF_REPORT_COMPD_CS", "YES");
   });
 }
 

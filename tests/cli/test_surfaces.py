@@ -345,6 +345,12 @@ def test_geotiffs_keep_the_vertical_system_and_skip_unreadable_ones(tmp_path):
     keys = geokeys(tmp_path / "compound.tif")
     assert keys.get(3072) == 2180  # ProjectedCSTypeGeoKey
     assert keys.get(4096) == 9651  # VerticalCSTypeGeoKey
+    # GeoTIFF keys of a LAS file: UTM 17N (26917) with NAVD88 heights (5703).
+    keys = struct.pack("<16H", 1, 1, 0, 3, 1024, 0, 1, 1, 3072, 0, 1, 26917, 4096, 0, 1, 5703)
+    write_las(tmp_path / "keys.las", xyz, cls, returns, [("LASF_Projection", 34735, keys)])
+    quorvel("dtm", tmp_path / "keys.las", "-o", tmp_path / "keys.tif", "--cell", 1)
+    keys = geokeys(tmp_path / "keys.tif")
+    assert keys.get(3072) == 26917 and keys.get(4096) == 5703, keys
 
 
 def test_refusals_name_the_file_and_the_problem(forest, tmp_path):
