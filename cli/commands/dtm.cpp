@@ -13,11 +13,12 @@ cloud, with one column and one row past the highest points' cells so that quorve
 every point. --method lowest: a cell takes the lowest z of the ground points in it ("CellType"
 0); tin: the height at its centre of a Delaunay triangulation of the ground points (qhull),
 inside the triangulation; idw: the ground points of its 3 x 3 block of cells weighted by their
-inverse squared distance from its centre. An empty cell takes the mean of the
-cells with points in the nearest ring around it that holds any, weighted by the inverse squared
-distance, up to --fill-rings rings away ("CellType" 4); farther cells have no data ("CellType" 1,
--9999 in a GeoTIFF). The LAS file's coordinate system (its WKT record or its GeoTIFF keys,
-horizontal and vertical) goes into the raster; one GDAL cannot read is left out with a warning. Heights above this ground:
+inverse squared distance from its centre. An empty cell takes the mean of the cells with points
+in the nearest ring around it that holds any, weighted by the inverse squared distance, up to
+--fill-rings rings away ("CellType" 4); farther cells have no data ("CellType" 1, -9999 in a
+GeoTIFF). The LAS file's coordinate system (its WKT record or its GeoTIFF keys, horizontal and
+vertical) goes into the raster; one GDAL cannot read is left out with a warning. Heights above
+this ground:
   quorvel dtm in.las -o dtm.h5 --cell 1
   quorvel map in.las dtm.h5 -o out.las --height)";
 
