@@ -254,7 +254,7 @@ void Host::save(const std::string& path, const Cloud& cloud,
                 const Las::WriteOptions& options) const {
   const auto shown = progress("write " + path);
   if (Raster::isRasterFile(path))
-    Raster::writeGeoTiff(path, *cloud.grid, cloud.rasterField);
+    Raster::writeGeoTiff(path, *cloud.grid, cloud.rasterField, readWarnings(path));
   else {
     Las::WriteOptions told = options;
     if (!told.warn)

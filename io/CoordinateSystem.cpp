@@ -197,6 +197,8 @@ std::optional<CoordinateSystem> fromGeoKeys(const Las::Vlr& keys, const Las::Vlr
 } // namespace
 
 std::optional<CoordinateSystem> coordinateSystemOfWkt(const std::string& wkt) {
+  // GDAL's own messages on a broken text would repeat ours on standard error.
+  detail::registerDrivers();
   OGRSpatialReference reference;
   if (wkt.empty() || reference.importFromWkt(wkt.c_str()) != OGRERR_NONE)
     return std::nullopt;
@@ -231,9 +233,19 @@ std::string coordinateSystemKey(const Las::FileInfo& info) {
   return cs->epsg ? "EPSG:" + std::to_string(cs->epsg) + " (" + cs->name + ")" : cs->wkt;
 }
 
-std::string coordinateSystemOf(const Tressel::Grid& cloud) {
+std::string coordinateSystemOf(const Tressel::Grid& cloud, const Las::Warn& warn) {
   const auto info = Las::fileInfo(cloud);
+  // What a raster made from the cloud carries: GeoTIFF keys with a vertical system give the
+  // compound system, so that its heights keep their datum (info and index name the horizontal
+  // system by its EPSG code and read the keys as GDAL reports them by default).
+  detail::registerDrivers();
+  CPLSetThreadLocalConfigOption("GTIFF_REPORT_COMPD_CS", "YES");
   const auto cs = info ? coordinateSystemOf(info->header, info->vlrs, info->evlrs) : std::nullopt;
+  CPLSetThreadLocalConfigOption("GTIFF_REPORT_COMPD_CS", nullptr);
+  if (!cs && info && warn &&
+      (findRecord(info->vlrs, info->evlrs, 2112) || findRecord(info->vlrs, info->evlrs, 34735)))
+    warn("its coordinate system records (WKT or GeoTIFF keys) hold no coordinate system GDAL "
+         "reads (empty or broken): the result has none");
   return cs ? cs->wkt : std::string();
 }
 

@@ -8,12 +8,14 @@
 #include <cpl_error.h>
 #include <gdal.h>
 #include <gdal_priv.h>
+#include <ogr_spatialref.h>
 
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace Quorvel::Raster {
@@ -95,6 +97,22 @@ detail::Pixels readPixels(GDALDataset& data, const std::string& path) {
   return p;
 }
 
+// The coordinate system of a raster grid as GDAL takes it; empty, after a warning, when the text
+// is not one GDAL reads (a LAS file's WKT record holding an empty string or a broken text): the
+// raster is written without one rather than not at all.
+std::optional<OGRSpatialReference> referenceOf(const std::string& wkt, const Las::Warn& warn) {
+  if (wkt.empty())
+    return std::nullopt;
+  OGRSpatialReference reference;
+  reference.SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);
+  if (reference.importFromWkt(wkt.c_str()) == OGRERR_NONE && reference.Validate() == OGRERR_NONE)
+    return reference;
+  if (warn)
+    warn("the coordinate system is not one GDAL reads (\"" + wkt.substr(0, 60) +
+         (wkt.size() > 60 ? "...\"" : "\"") + "): the GeoTIFF is written without one");
+  return std::nullopt;
+}
+
 } // namespace
 
 Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fragmentCells,
@@ -112,9 +130,10 @@ Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fra
 }
 
 void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
-                  const std::string& heightField) {
+                  const std::string& heightField, const Las::Warn& warn) {
   registerDrivers();
   const detail::Pixels p = detail::pixelsOf(raster, heightField, path);
+  const auto reference = referenceOf(p.coordinateSystem, warn);
   std::vector<float> rows(p.columns * p.rows);
   for (std::size_t j = 0; j < p.rows; ++j) // north-up: the first row is the highest y
     for (std::size_t i = 0; i < p.columns; ++i) {
@@ -146,8 +165,7 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
                      -p.sizeY};
       GDALRasterBand* band = out->GetRasterBand(1);
       if (out->SetGeoTransform(t) != CE_None || band->SetNoDataValue(NoDataValue) != CE_None ||
-          (!p.coordinateSystem.empty() &&
-           out->SetProjection(p.coordinateSystem.c_str()) != CE_None) ||
+          (reference && out->SetSpatialRef(&*reference) != CE_None) ||
           band->RasterIO(GF_Write, 0, 0, static_cast<int>(p.columns), static_cast<int>(p.rows),
                          rows.data(), static_cast<int>(p.columns), static_cast<int>(p.rows),
                          GDT_Float32, 0, 0) != CE_None)

@@ -31,8 +31,8 @@ std::optional<std::pair<detail::Pixels, std::size_t>> layoutOf(const Tressel::Gr
   if (!view || view->cells[2] != 1 || view->fragments[2] != 1)
     return std::nullopt;
   detail::Pixels p;
-  const std::size_t width = view->cells[0] * view->fragments[0];
-  const std::size_t height = view->cells[1] * view->fragments[1];
+  const std::size_t width = view->total[0];
+  const std::size_t height = view->total[1];
   p.columns = std::min(width, getCount(raster, "RasterColumns", width));
   p.rows = std::min(height, getCount(raster, "RasterRows", height));
   p.x0 = view->origin.x;

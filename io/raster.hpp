@@ -30,12 +30,14 @@ bool isRasterFile(const std::string& path);
 Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fragmentCells = 256,
                                         const std::string& heightField = DefaultHeightField);
 
-// Writes the height field of a raster grid as a float32 GeoTIFF: north-up, the pixels that are
-// not filling, cells that are neither measured nor filled as the nodata value -9999, the
-// coordinate system where known. Written beside the target and renamed over it when complete.
-// Throws Las::Error naming the file and the problem.
+// Writes the height field of a raster grid as a float32 GeoTIFF: north-up, one pixel per cell,
+// cells that are neither measured nor filled as the nodata value -9999, the coordinate system
+// where known (with its vertical system: a compound system's vertical part becomes the GeoTIFF's
+// vertical keys). A coordinate system GDAL cannot read goes to warn and the GeoTIFF has none.
+// Written beside the target and renamed over it when complete. Throws Las::Error naming the file
+// and the problem.
 void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
-                  const std::string& heightField = DefaultHeightField);
+                  const std::string& heightField = DefaultHeightField, const Las::Warn& warn = {});
 
 // Writes to `to` the cells of the north-up raster `from` that overlap area (x0, y0, x1, y1) by
 // more than a touch, as a GeoTIFF that appears when complete; false, writing nothing, when none
@@ -72,8 +74,9 @@ std::optional<CoordinateSystem> coordinateSystemOf(const Las::Header& header,
 // without an EPSG code, or "no coordinate system".
 std::string coordinateSystemKey(const Las::FileInfo& info);
 
-// The coordinate system of a cloud read from LAS, as WKT (see above); empty when unknown.
-std::string coordinateSystemOf(const Tressel::Grid& cloud);
+// The coordinate system of a cloud read from LAS, as WKT (see above); empty when unknown. A file
+// whose records hold none that GDAL reads (an empty WKT record) goes to warn.
+std::string coordinateSystemOf(const Tressel::Grid& cloud, const Las::Warn& warn = {});
 
 // A file of a survey as an index shows it: the x-y footprint of its header's bounds and its facts.
 struct Footprint {

@@ -57,6 +57,16 @@ void CloudCommand::change(Cloud& cloud, const Host& host) {
   }
 }
 
+void aboutFile(const std::string& path, const std::function<void()>& step) {
+  try {
+    step();
+  } catch (const Error&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    throw Error(path + ": " + e.what());
+  }
+}
+
 std::string typedRange(const Vantor::MultiRange<double>& range) {
   std::string text;
   for (const auto& [low, high] : range.intervals)

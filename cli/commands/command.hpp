@@ -112,6 +112,10 @@ std::unique_ptr<Command> makeExtrapolate();
 std::unique_ptr<Command> makeMap();
 std::unique_ptr<Command> makeRaster();
 std::unique_ptr<Command> makeDtm();
+// dsm, chm and density (surfaces.cpp).
+std::unique_ptr<Command> makeDsm();
+std::unique_ptr<Command> makeChm();
+std::unique_ptr<Command> makeDensity();
 std::unique_ptr<Command> makeMapField();
 std::unique_ptr<Command> makeTile();
 std::unique_ptr<Command> makeMerge();
@@ -132,6 +136,10 @@ void addWeightOptions(CLI::App& app, PointCloudReductionParameterBox& box);
 void computeWeights(Cloud& cloud, const Host& host, PointCloudReductionParameterBox& box);
 
 // ---- Binding helpers for parameter-box fields ---------------------------------------------
+
+// Runs step; a library error (std::runtime_error that is not already an Error) becomes an Error
+// naming the file it concerns.
+void aboutFile(const std::string& path, const std::function<void()>& step);
 
 // A range as a user types it: "2", "0:255", "-0.2:0.2,9" (the library's own text has six
 // decimals).

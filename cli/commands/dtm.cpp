@@ -8,12 +8,17 @@ namespace Quorvel::Cli {
 namespace {
 
 const char* const Footer =
-    R"(Every cell of --cell metres (pixel edges at multiples of it, covering the ground points)
-takes the lowest z of the ground points in it ("CellType" 0). An empty cell takes the mean of the
-cells with points in the nearest ring around it that holds any, weighted by the inverse squared
-distance, up to --fill-rings rings away ("CellType" 4); farther cells have no data ("CellType" 1,
--9999 in a GeoTIFF). The LAS file's coordinate system (its WKT record, or the EPSG code of its
-GeoTIFF keys) goes into the raster. Heights above this ground:
+    R"(Cells of --cell metres have their edges at multiples of it and cover every point of the
+cloud, with one column and one row past the highest points' cells so that quorvel map reaches
+every point. --method lowest: a cell takes the lowest z of the ground points in it ("CellType"
+0); tin: the height at its centre of a Delaunay triangulation of the ground points (qhull),
+inside the triangulation; idw: the ground points of its 3 x 3 block of cells weighted by their
+inverse squared distance from its centre. An empty cell takes the mean of the cells with points
+in the nearest ring around it that holds any, weighted by the inverse squared distance, up to
+--fill-rings rings away ("CellType" 4); farther cells have no data ("CellType" 1, -9999 in a
+GeoTIFF). The LAS file's coordinate system (its WKT record or its GeoTIFF keys, horizontal and
+vertical) goes into the raster; one GDAL cannot read is left out with a warning. Heights above
+this ground:
   quorvel dtm in.las -o dtm.h5 --cell 1
   quorvel map in.las dtm.h5 -o out.las --height)";
 
@@ -22,6 +27,9 @@ void addGroundRasterOptions(CLI::App& app, GroundRasterParameterBox& box) {
       ->required()
       ->check(boxRule("GroundRasterParameterBox", "cell_size"));
   addRange(app, "--classes", box.classes, "the ground classes (class numbers)");
+  app.add_option("--method", box.method, "lowest, tin or idw")
+      ->capture_default_str()
+      ->check(boxRule("GroundRasterParameterBox", "method"));
   app.add_option("--fill-rings", box.fill_rings, "how far gaps are filled, in cells (0 to 1000)")
       ->capture_default_str()
       ->check(boxRule("GroundRasterParameterBox", "fill_rings"));
@@ -81,7 +89,10 @@ public:
     const Cloud cloud = host.load(input_, {"Classification"});
     Cloud raster;
     host.run("dtm", pointCount(*cloud.grid), [&] {
-      raster.grid = groundRaster(*cloud.grid, box_, Raster::coordinateSystemOf(*cloud.grid));
+      aboutFile(input_, [&] {
+        raster.grid = groundRaster(*cloud.grid, box_,
+                                   Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
+      });
     });
     raster.rasterField = box_.height_field;
     host.save(output_, raster);

@@ -10,9 +10,9 @@ namespace {
 
 const char* const Footer =
     R"(A raster bundle holds one cell per pixel, at the pixel's centre, in fragments of
---fragment-cells x --fragment-cells cells (the last ones filled up with cells without data):
+--fragment-cells x --fragment-cells cells (the last of a row or column only the pixels left):
 "CellType" 0 for a pixel with a height, 4 for a height filled in from the surrounding cells
-(quorvel dtm), 1 for no data (the raster's nodata value, NaN, or filling), and the height
+(quorvel dtm), 1 for no data (the raster's nodata value or NaN), and the height
 (float32) in --height-field. A GeoTIFF written back has the nodata value -9999 where a cell is
 neither 0 nor 4. Rasters must be north-up (no rotation terms).)";
 

@@ -30,48 +30,75 @@ bool getTriple(const Grid& grid, const char* name, T out[3]) {
 
 } // namespace
 
-StrongPtr<Grid> createRegularlyFragmentedGridWithCartesianVertices3D(
-    Bundle& bundle, double time, const std::string& gridName, const MultiIndex<3>& fragments,
-    const MultiIndex<3>& cells, const point& origin,
-    const Vantor::PhysicalSpace::vector& cellSize) {
+namespace {
+
+StrongPtr<Grid> makeUniformGrid(Bundle& bundle, double time, const std::string& gridName,
+                                const UniformGridView& view) {
+  const MultiIndex<3>& cells = view.cells;
+  const point& origin = view.origin;
+  const Vantor::PhysicalSpace::vector& cellSize = view.cellSize;
   auto grid = std::make_shared<Grid>(gridName);
   auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
   auto layout = std::make_shared<FragmentIDCollection>();
   auto positions =
       rep->makeField(rep->makeFieldID(PositionsFieldName), layout, &TresselType<point>(), 3);
-  for (std::size_t c = 0; c < fragments[2]; ++c)
-    for (std::size_t b = 0; b < fragments[1]; ++b)
-      for (std::size_t a = 0; a < fragments[0]; ++a) {
+  for (std::size_t c = 0; c < view.fragments[2]; ++c)
+    for (std::size_t b = 0; b < view.fragments[1]; ++b)
+      for (std::size_t a = 0; a < view.fragments[0]; ++a) {
         auto id = layout->makeFragmentID("fragment_" + std::to_string(a) + "_" + std::to_string(b) +
                                          "_" + std::to_string(c));
-        auto xyz = std::make_shared<MemArray<3, point>>(cells);
-        auto view = xyz->view();
+        const MultiIndex<3> n = view.fragmentCells(a, b, c);
+        auto xyz = std::make_shared<MemArray<3, point>>(n);
+        auto xyzView = xyz->view();
         const auto at = [&](std::size_t i, std::size_t j, std::size_t k) {
           return point{origin.x + static_cast<double>(a * cells[0] + i) * cellSize.x,
                        origin.y + static_cast<double>(b * cells[1] + j) * cellSize.y,
                        origin.z + static_cast<double>(c * cells[2] + k) * cellSize.z};
         };
-        for (std::size_t k = 0; k < cells[2]; ++k)
-          for (std::size_t j = 0; j < cells[1]; ++j)
-            for (std::size_t i = 0; i < cells[0]; ++i)
-              view(i, j, k) = at(i, j, k);
+        for (std::size_t k = 0; k < n[2]; ++k)
+          for (std::size_t j = 0; j < n[1]; ++j)
+            for (std::size_t i = 0; i < n[0]; ++i)
+              xyzView(i, j, k) = at(i, j, k);
         auto creator = positions->setPersistentData(xyz, id);
         // Every coordinate grows (or falls) with its index: the first and the last cell bound
         // the fragment, exactly as a scan of its cells would.
-        if (cells[0] > 0 && cells[1] > 0 && cells[2] > 0) {
+        if (n[0] > 0 && n[1] > 0 && n[2] > 0) {
           BoundingBox box;
           box.expand(at(0, 0, 0));
-          box.expand(at(cells[0] - 1, cells[1] - 1, cells[2] - 1));
+          box.expand(at(n[0] - 1, n[1] - 1, n[2] - 1));
           setFragmentBBox(creator, box);
         }
       }
   setTriple<double>(*grid, "UniformOrigin", origin.x, origin.y, origin.z);
   setTriple<double>(*grid, "UniformCellSize", cellSize.x, cellSize.y, cellSize.z);
   setTriple<unsigned long long>(*grid, "UniformCellsPerFragment", cells[0], cells[1], cells[2]);
-  setTriple<unsigned long long>(*grid, "UniformFragments", fragments[0], fragments[1],
-                                fragments[2]);
+  setTriple<unsigned long long>(*grid, "UniformFragments", view.fragments[0], view.fragments[1],
+                                view.fragments[2]);
+  setTriple<unsigned long long>(*grid, "UniformTotalCells", view.total[0], view.total[1],
+                                view.total[2]);
   bundle[time]->setGrid(gridName, grid);
   return grid;
+}
+
+} // namespace
+
+StrongPtr<Grid> createUniformGrid3D(Bundle& bundle, double time, const std::string& gridName,
+                                    const MultiIndex<3>& total, const MultiIndex<3>& cells,
+                                    const point& origin,
+                                    const Vantor::PhysicalSpace::vector& cellSize) {
+  UniformGridView view{origin, cellSize, cells, {}, total};
+  for (int k = 0; k < 3; ++k)
+    view.fragments[k] = cells[k] == 0 ? 0 : (total[k] + cells[k] - 1) / cells[k];
+  return makeUniformGrid(bundle, time, gridName, view);
+}
+
+StrongPtr<Grid> createRegularlyFragmentedGridWithCartesianVertices3D(
+    Bundle& bundle, double time, const std::string& gridName, const MultiIndex<3>& fragments,
+    const MultiIndex<3>& cells, const point& origin,
+    const Vantor::PhysicalSpace::vector& cellSize) {
+  const MultiIndex<3> total(fragments[0] * cells[0], fragments[1] * cells[1],
+                            fragments[2] * cells[2]);
+  return makeUniformGrid(bundle, time, gridName, {origin, cellSize, cells, fragments, total});
 }
 
 std::optional<UniformGridView> uniformGridView(const Grid& grid) {
@@ -86,6 +113,12 @@ std::optional<UniformGridView> uniformGridView(const Grid& grid) {
   view.cellSize = Vantor::PhysicalSpace::vector(cellSize[0], cellSize[1], cellSize[2]);
   view.cells = MultiIndex<3>(cells[0], cells[1], cells[2]);
   view.fragments = MultiIndex<3>(fragments[0], fragments[1], fragments[2]);
+  unsigned long long total[3];
+  if (getTriple(grid, "UniformTotalCells", total))
+    view.total = MultiIndex<3>(total[0], total[1], total[2]);
+  else
+    view.total =
+        MultiIndex<3>(cells[0] * fragments[0], cells[1] * fragments[1], cells[2] * fragments[2]);
   return view;
 }
 
@@ -100,12 +133,13 @@ UniformGridView oneLayer(const Grid& grid, const std::string& name) {
   return *view;
 }
 
-// Calls f(fragment number, fragment's first column, first row) for every fragment.
+// Calls f(fragment number, fragment's first column, first row, its cells) for every fragment.
 template <class F>
 void forEachFragmentOf(const UniformGridView& view, F&& f) {
   for (std::size_t b = 0; b < view.fragments[1]; ++b)
     for (std::size_t a = 0; a < view.fragments[0]; ++a)
-      f(view.fragmentNumber(a, b, 0), a * view.cells[0], b * view.cells[1]);
+      f(view.fragmentNumber(a, b, 0), a * view.cells[0], b * view.cells[1],
+        view.fragmentCells(a, b, 0));
 }
 
 } // namespace
@@ -114,7 +148,7 @@ template <class T>
 void setUniformCells(Grid& grid, const std::string& name, const T* values, std::size_t nx,
                      std::size_t ny, T pad) {
   const UniformGridView view = oneLayer(grid, name);
-  if (nx > view.cells[0] * view.fragments[0] || ny > view.cells[1] * view.fragments[1])
+  if (nx > view.total[0] || ny > view.total[1])
     throw std::invalid_argument("field \"" + name + "\": " + std::to_string(nx) + " x " +
                                 std::to_string(ny) + " cells do not fit the grid");
   auto rep = grid.getCartesianRepresentation(StandardCartesianChart3D);
@@ -123,12 +157,13 @@ void setUniformCells(Grid& grid, const std::string& name, const T* values, std::
           : nullptr;
   if (!field)
     throw std::invalid_argument("field \"" + name + "\" exists with another element type");
-  forEachFragmentOf(view, [&](std::size_t number, std::size_t x0, std::size_t y0) {
-    std::vector<T> cells(view.cells.product(), pad);
-    for (std::size_t j = 0; j < view.cells[1] && y0 + j < ny; ++j)
-      for (std::size_t i = 0; i < view.cells[0] && x0 + i < nx; ++i)
-        cells[j * view.cells[0] + i] = values[(y0 + j) * nx + x0 + i];
-    field->setPersistentData(std::make_shared<MemArray<3, T>>(view.cells, std::move(cells)),
+  forEachFragmentOf(view, [&](std::size_t number, std::size_t x0, std::size_t y0,
+                              const MultiIndex<3>& n) {
+    std::vector<T> cells(n.product(), pad);
+    for (std::size_t j = 0; j < n[1] && y0 + j < ny; ++j)
+      for (std::size_t i = 0; i < n[0] && x0 + i < nx; ++i)
+        cells[j * n[0] + i] = values[(y0 + j) * nx + x0 + i];
+    field->setPersistentData(std::make_shared<MemArray<3, T>>(n, std::move(cells)),
                              rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(number)));
   });
 }
@@ -140,18 +175,18 @@ std::vector<T> uniformCells(const Grid& grid, const std::string& name) {
   auto field = rep ? rep->findField(name) : nullptr;
   if (!field)
     throw std::invalid_argument("no field \"" + name + "\"");
-  const std::size_t width = view.cells[0] * view.fragments[0];
-  std::vector<T> out(width * view.cells[1] * view.fragments[1]);
-  forEachFragmentOf(view, [&](std::size_t number, std::size_t x0, std::size_t y0) {
-    auto id = rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(number));
-    auto cells = id ? arrayCast<3, T>(field->getData(id)) : nullptr;
-    if (!cells || cells->size() != view.cells.product())
-      throw std::invalid_argument("field \"" + name + "\": a fragment holds no cells of " +
-                                  TresselType<T>().name());
-    for (std::size_t j = 0; j < view.cells[1]; ++j)
-      std::copy_n(cells->data() + j * view.cells[0], view.cells[0],
-                  out.data() + (y0 + j) * width + x0);
-  });
+  const std::size_t width = view.total[0];
+  std::vector<T> out(width * view.total[1]);
+  forEachFragmentOf(
+      view, [&](std::size_t number, std::size_t x0, std::size_t y0, const MultiIndex<3>& n) {
+        auto id = rep->fragmentLayout()->findFragmentID(static_cast<unsigned>(number));
+        auto cells = id ? arrayCast<3, T>(field->getData(id)) : nullptr;
+        if (!cells || cells->size() != n.product())
+          throw std::invalid_argument("field \"" + name + "\": a fragment holds no cells of " +
+                                      TresselType<T>().name());
+        for (std::size_t j = 0; j < n[1]; ++j)
+          std::copy_n(cells->data() + j * n[0], n[0], out.data() + (y0 + j) * width + x0);
+      });
   return out;
 }
 

@@ -35,6 +35,9 @@ classification_transfer         classificationTransfer
 classification_transfer_old     classificationTransferOLD
 cell_size                       setCellSize
 ground_raster                   groundRaster
+surface_raster                  surfaceRaster
+density_raster                  densityRaster
+canopy_raster                   canopyRaster
 take_raster_layout              takeRasterLayout
 prepare_raster                  prepareRaster
 map_raster                      mapData
@@ -77,6 +80,9 @@ ALIASES = {
     "classification_transfer_old": "classificationTransferOLD",
     "cell_size": "setCellSize",
     "ground_raster": "groundRaster",
+    "surface_raster": "surfaceRaster",
+    "density_raster": "densityRaster",
+    "canopy_raster": "canopyRaster",
     "take_raster_layout": "takeRasterLayout",
     "prepare_raster": "prepareRaster",
     "map_raster": "mapData",

@@ -284,7 +284,7 @@ void bindCloud(py::module_& m) {
                   "for a bundle, .tif or .tiff for a raster's GeoTIFF)");
             py::gil_scoped_release released;
             if (raster)
-              Raster::writeGeoTiff(path, *c.grid, heightField);
+              Raster::writeGeoTiff(path, *c.grid, heightField, readWarnings(path));
             else
               Files::save(path, c.grid, writeOptions(path));
           },

@@ -84,9 +84,64 @@ void bindGroundBox(py::module_& m) {
   BoxBinding<Ground>(m, "GroundRasterParameterBox", "Settings of a ground raster.")
       .field("cell_size", &Ground::cell_size, "edge of a cell in metres, positive")
       .field("classes", &Ground::classes, "the ground classes")
+      .field("method", &Ground::method, "lowest, tin or idw")
       .field("fill_rings", &Ground::fill_rings, "how far gaps are filled, in cells (0 to 1000)")
       .field("fragment_cells", &Ground::fragment_cells, "cells of a fragment along x and y")
       .field("height_field", &Ground::height_field, "the raster's field of the heights");
+  using Surface = SurfaceParameterBox;
+  BoxBinding<Surface>(m, "SurfaceParameterBox",
+                      "Settings of the surface model, density and canopy height rasters.")
+      .field("cell_size", &Surface::cell_size, "edge of a cell in metres, positive")
+      .field("classes", &Surface::classes, "the classes of the points taken (empty: all)")
+      .field("first_returns", &Surface::first_returns, "first returns only")
+      .field("fill_rings", &Surface::fill_rings,
+             "how far cells without points are filled, in cells (0 to 1000)")
+      .field("pit_depth", &Surface::pit_depth,
+             "canopy height: a cell this far below its neighbours' median takes it (0: none)")
+      .field("fragment_cells", &Surface::fragment_cells, "cells of a fragment along x and y")
+      .field("height_field", &Surface::height_field, "the raster's field of the values")
+      .field("ground_field", &Surface::ground_field,
+             "canopy height: the ground raster's field of heights");
+}
+
+// The surfaces: each takes a SurfaceParameterBox, checked as the host checks it.
+void bindSurfaces(py::module_& m) {
+  const auto surface = [](auto make) {
+    return [make](Cloud& cloud, SurfaceParameterBox& box) {
+      requireBox("SurfaceParameterBox", box);
+      py::gil_scoped_release released;
+      return Cloud{make(*cloud.grid, box, Raster::coordinateSystemOf(*cloud.grid))};
+    };
+  };
+  m.def("surfaceRaster", surface([](const auto&... a) { return surfaceRaster(a...); }),
+        py::arg("cloud"), py::arg("box"),
+        "The surface model: the highest z of the box's points in every cell (CellType 0), "
+        "cells without points filled up to box.fill_rings (4), else no data (1).\n\n"
+        "Parameters:\n"
+        "    cloud: the cloud (positions in metres)\n"
+        "    box: SurfaceParameterBox (cell size, classes, first returns, fill rings)");
+  m.def("densityRaster", surface([](const auto&... a) { return densityRaster(a...); }),
+        py::arg("cloud"), py::arg("box"),
+        "The density: the box's points per square metre of every cell.\n\n"
+        "Parameters:\n"
+        "    cloud: the cloud (positions in metres)\n"
+        "    box: SurfaceParameterBox (cell size, classes, first returns)");
+  m.def(
+      "canopyRaster",
+      [](Cloud& cloud, Cloud& ground, SurfaceParameterBox& box) {
+        requireBox("SurfaceParameterBox", box);
+        py::gil_scoped_release released;
+        return Cloud{
+            canopyRaster(*cloud.grid, *ground.grid, box, Raster::coordinateSystemOf(*cloud.grid))};
+      },
+      py::arg("cloud"), py::arg("ground"), py::arg("box"),
+      "The canopy height: the surface model less the ground raster's height under every cell's "
+      "centre, negatives as 0, pits filled when box.pit_depth > 0.\n\n"
+      "Parameters:\n"
+      "    cloud: the cloud (positions in metres)\n"
+      "    ground: the ground raster (groundRaster(), or read() of a raster)\n"
+      "    box: SurfaceParameterBox (cell size, classes, first returns, fill rings, pit depth, "
+      "ground field)");
 }
 
 point pointOf(const Triple& t) {
@@ -245,9 +300,8 @@ Cloud rasterOf(const Heights& height, const std::optional<Types>& types, const T
   const std::size_t cx = std::max<std::size_t>(1, std::min(fragmentCells, nx));
   const std::size_t cy = std::max<std::size_t>(1, std::min(fragmentCells, ny));
   Tressel::Bundle bundle;
-  Cloud out{Tressel::createRegularlyFragmentedGridWithCartesianVertices3D(
-      bundle, 0.0, "raster", {(nx + cx - 1) / cx, (ny + cy - 1) / cy, 1}, {cx, cy, 1},
-      pointOf(origin), vector(cellSize, cellSize, 0.0))};
+  Cloud out{Tressel::createUniformGrid3D(bundle, 0.0, "raster", {nx, ny, 1}, {cx, cy, 1},
+                                         pointOf(origin), vector(cellSize, cellSize, 0.0))};
   const float* h = height.data();
   std::vector<std::uint8_t> cellTypes(nx * ny);
   for (std::size_t k = 0; k < cellTypes.size(); ++k)
@@ -258,14 +312,14 @@ Cloud rasterOf(const Heights& height, const std::optional<Types>& types, const T
   return out;
 }
 
-// A cell field of a raster as a (rows, columns) array over the whole raster, padding included;
+// A cell field of a raster as a (rows, columns) array over the whole raster;
 // vectors as (rows, columns, 3).
 py::array cellsOf(const Cloud& raster, const std::string& name) {
   const auto view = Tressel::uniformGridView(*raster.grid);
   if (!view)
     raise("not a raster");
-  const auto rows = static_cast<py::ssize_t>(view->cells[1] * view->fragments[1]);
-  const auto columns = static_cast<py::ssize_t>(view->cells[0] * view->fragments[0]);
+  const auto rows = static_cast<py::ssize_t>(view->total[1]);
+  const auto columns = static_cast<py::ssize_t>(view->total[0]);
   const auto field = (*raster.grid)(Tressel::StandardCartesianChart3D, name);
   // Types compared by name: the module's own type objects are not the library's.
   const std::string type = field && field->getElementType() ? field->getElementType()->name() : "";
@@ -307,10 +361,11 @@ void bindRasters(py::module_& m) {
   m.def(
       "groundRaster",
       [](Cloud& cloud, double cellSize, const std::string& classes, int fillRings,
-         std::size_t fragmentCells, const std::string& heightField) {
+         std::size_t fragmentCells, const std::string& heightField, const std::string& method) {
         const char* const box = "GroundRasterParameterBox";
         requireValue(box, "cell_size", py::float_(cellSize));
         requireValue(box, "classes", py::str(classes));
+        requireValue(box, "method", py::str(method));
         requireValue(box, "fill_rings", py::int_(fillRings));
         requireValue(box, "fragment_cells", py::int_(fragmentCells));
         GroundRasterParameterBox settings;
@@ -319,22 +374,27 @@ void bindRasters(py::module_& m) {
         settings.fill_rings = fillRings;
         settings.fragment_cells = fragmentCells;
         settings.height_field = heightField;
+        settings.method = method;
         py::gil_scoped_release released;
         return Cloud{groundRaster(*cloud.grid, settings, Raster::coordinateSystemOf(*cloud.grid))};
       },
       py::arg("cloud"), py::arg("cell_size"), py::arg("classes") = "2", py::arg("fill_rings") = 5,
       py::arg("fragment_cells") = 256, py::arg("height_field") = "Height",
-      "A ground raster: the lowest z of the ground points in every cell, gaps filled from the "
-      "nearest ring of measured cells (CellType 0 measured, 4 filled, 1 no data).\n\n"
+      py::arg("method") = "lowest",
+      "A ground raster: the lowest z of the ground points in every cell (or a TIN or inverse "
+      "distance weights at its centre), gaps filled from the nearest ring of measured cells "
+      "(CellType 0 measured, 4 filled, 1 no data); it covers every point of the cloud.\n\n"
       "Parameters:\n"
       "    cloud: the classified cloud (positions in metres)\n"
       "    cell_size: edge of a cell in metres, positive\n"
       "    classes: the ground classes (a range text)\n"
       "    fill_rings: how far gaps are filled, in cells, 0 to 1000\n"
       "    fragment_cells: cells of a fragment along x and y, 1 to 65536\n"
-      "    height_field: the field of the heights (metres)");
+      "    height_field: the field of the heights (metres)\n"
+      "    method: lowest, tin (Delaunay triangulation, qhull) or idw");
+  bindSurfaces(m);
   m.def("cells", &cellsOf, py::arg("raster"), py::arg("name"),
-        "A cell field of a raster as a (rows, columns) array, padding included.\n\n"
+        "A cell field of a raster as a (rows, columns) array, one cell per pixel.\n\n"
         "Parameters:\n"
         "    raster: a raster cloud\n"
         "    name: the cell field (uint8, float32, float64, or vectors as (rows, columns, 3))");

@@ -1,58 +1,17 @@
 // Quorvel: ground rasters from the ground points of a cloud: the lowest ground point of every
-// cell, gaps filled from the nearest ring of measured cells.
+// cell, a TIN or inverse-distance weights; gaps filled from the nearest ring of measured cells.
 #include "quorvel/core/core.hpp"
-#include "quorvel/raster/detail/pixels.hpp"
+#include "quorvel/raster/detail/points.hpp"
 #include "quorvel/raster/raster.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
 
-namespace Quorvel {
-
-using Raster::Filled;
-using Raster::Measured;
-using Raster::NoData;
+namespace Quorvel::Raster::detail {
 
 namespace {
-
-using Raster::detail::Pixels;
-
-constexpr double Tolerance = 1e-9;
-// More cells than this is a cell size far too small for the cloud (or a stray point far away).
-constexpr double LargestRaster = 1u << 30;
-
-// The cloud's extent in whole cells.
-struct Extent {
-  double lowX = std::numeric_limits<double>::infinity(), lowY = lowX;
-  double highX = -lowX, highY = -lowX;
-};
-
-// Calls f(p, ground) for every finite point of the cloud, ground telling whether its class is
-// one of the classes.
-template <class F>
-void forEachPoint(const Tressel::Grid& cloud, const Vantor::MultiRange<double>& classes, F&& f) {
-  auto positions = cloud.CartesianPositions();
-  auto rep = cloud.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
-  auto cls = rep ? rep->findField("Classification") : nullptr;
-  if (!positions)
-    return;
-  std::array<bool, 256> ground{};
-  for (int c = 0; c < 256; ++c)
-    ground[c] = classes.contains(c, Tolerance);
-  for (const FragmentSlot& slot : fragmentsOf(*positions)) {
-    const auto xyz = fragmentArray<point>(*positions, slot);
-    if (!xyz)
-      continue;
-    const auto c = cls ? fragmentArray<unsigned char>(*cls, slot) : nullptr;
-    const bool classified = c && c->size() == xyz->size();
-    for (std::size_t i = 0; i < xyz->size(); ++i) {
-      const point& p = (*xyz)[i];
-      if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
-        f(p, classified && ground[(*c)[i]]);
-    }
-  }
-}
 
 // A cell offset of a ring and its weight, the inverse squared distance.
 struct Offset {
@@ -110,8 +69,8 @@ bool ringMean(const Pixels& p, const Measures& m, long long i, long long j,
   return false;
 }
 
-// Fills every empty cell from the measured cells of the nearest ring (Chebyshev distance up to
-// rings) that holds any, weighted by the inverse squared distance.
+} // namespace
+
 void fillGaps(Pixels& p, int rings) {
   std::vector<std::size_t> starts;
   const std::vector<Offset> offsets = ringOffsets(rings, starts);
@@ -138,11 +97,23 @@ void fillGaps(Pixels& p, int rings) {
   p.types.swap(types);
 }
 
-// Lowers every cell's height (infinity at first) to the lowest z of the ground points in it.
-// Cells and heights are gathered in blocks first, so that the cells of points in any order are
-// fetched ahead of their update.
-void lowestPerCell(const Tressel::Grid& cloud, const Vantor::MultiRange<double>& classes,
-                   const Extent& e, double c, Pixels& p) {
+} // namespace Quorvel::Raster::detail
+
+namespace Quorvel {
+
+using Raster::Filled;
+using Raster::Measured;
+using Raster::NoData;
+
+namespace {
+
+using Raster::detail::Pixels;
+using Raster::detail::PointFilter;
+
+// Lowers every cell's height (infinity at first) to the lowest z of the points in it. Cells and
+// heights are gathered in blocks first, so that the cells of points in any order are fetched ahead
+// of their update.
+void lowestPerCell(const Tressel::Grid& cloud, const PointFilter& filter, Pixels& p) {
   constexpr std::size_t Block = 4096, Ahead = 32;
   std::vector<std::pair<std::size_t, float>> cells;
   cells.reserve(Block);
@@ -156,19 +127,33 @@ void lowestPerCell(const Tressel::Grid& cloud, const Vantor::MultiRange<double>&
     }
     cells.clear();
   };
-  forEachPoint(cloud, classes, [&](const point& q, bool ground) {
-    if (!ground)
-      return;
-    const double gx = std::floor(q.x / c) - e.lowX, gy = std::floor(q.y / c) - e.lowY;
+  filter.forEachPoint(cloud, [&](const point& q) {
+    std::size_t at = 0;
     // A stored box that a point lies outside of (a changed cloud) must not move it off the grid.
-    if (gx >= 0 && gy >= 0 && gx < static_cast<double>(p.columns) &&
-        gy < static_cast<double>(p.rows))
-      cells.emplace_back(static_cast<std::size_t>(gy) * p.columns + static_cast<std::size_t>(gx),
-                         static_cast<float>(q.z));
+    if (Raster::detail::pixelOf(p, q, at))
+      cells.emplace_back(at, static_cast<float>(q.z));
     if (cells.size() == Block)
       lower();
   });
   lower();
+}
+
+// The lowest z per cell: Measured where a point lowered it from infinity, NoData elsewhere.
+void lowestGround(const Tressel::Grid& cloud, const PointFilter& filter, Pixels& p) {
+  p.heights.assign(p.columns * p.rows, std::numeric_limits<float>::infinity());
+  lowestPerCell(cloud, filter, p);
+  p.types.resize(p.heights.size());
+  for (std::size_t k = 0; k < p.heights.size(); ++k) {
+    const bool measured = p.heights[k] < std::numeric_limits<float>::infinity();
+    p.types[k] = measured ? Measured : NoData;
+    p.heights[k] = measured ? p.heights[k] : std::numeric_limits<float>::quiet_NaN();
+  }
+}
+
+std::vector<point> pointsOf(const Tressel::Grid& cloud, const PointFilter& filter) {
+  std::vector<point> out;
+  filter.forEachPoint(cloud, [&](const point& q) { out.push_back(q); });
+  return out;
 }
 
 } // namespace
@@ -176,6 +161,7 @@ void lowestPerCell(const Tressel::Grid& cloud, const Vantor::MultiRange<double>&
 void GroundRasterParameterBox::print() const {
   printField("cell size: ", cell_size);
   printField("classes: ", classes);
+  printField("method: ", method);
   printField("fill rings: ", fill_rings);
   printField("fragment cells: ", fragment_cells);
   printField("height field: ", height_field);
@@ -184,47 +170,21 @@ void GroundRasterParameterBox::print() const {
 Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
                                               const GroundRasterParameterBox& box,
                                               const std::string& coordinateSystem) {
-  const double c = box.cell_size;
-  if (!(c > 0) || !std::isfinite(c))
-    throw std::runtime_error("ground raster: the cell size must be a positive number");
-  // The extent from the fragments' boxes (LAS and bundle readers store them), so that the
-  // points are read once.
-  Extent e;
-  bool anyGround = false;
-  if (auto positions = cloud.CartesianPositions())
-    for (const FragmentSlot& slot : fragmentsOf(*positions))
-      if (const auto box = fragmentBBox(slot); box && !box->empty()) {
-        e.lowX = std::min(e.lowX, std::floor(box->min().x / c));
-        e.highX = std::max(e.highX, std::floor(box->max().x / c));
-        e.lowY = std::min(e.lowY, std::floor(box->min().y / c));
-        e.highY = std::max(e.highY, std::floor(box->max().y / c));
-      }
-  if (!(e.lowX <= e.highX))
-    throw std::runtime_error("ground raster: the cloud has no point with finite coordinates");
-  if ((e.highX - e.lowX + 1) * (e.highY - e.lowY + 1) > LargestRaster)
-    throw std::runtime_error("ground raster: " + std::to_string(e.highX - e.lowX + 1) + " x " +
-                             std::to_string(e.highY - e.lowY + 1) +
-                             " cells: the cell size is far too small for the points' extent");
-  Pixels p;
-  p.columns = static_cast<std::size_t>(e.highX - e.lowX) + 1;
-  p.rows = static_cast<std::size_t>(e.highY - e.lowY) + 1;
-  p.x0 = (e.lowX + 0.5) * c;
-  p.y0 = (e.lowY + 0.5) * c;
-  p.sizeX = p.sizeY = c;
-  p.heights.assign(p.columns * p.rows, std::numeric_limits<float>::infinity());
-  lowestPerCell(cloud, box.classes, e, c, p);
-  // A cell is measured when a point lowered it from infinity.
-  p.types.resize(p.heights.size());
-  for (std::size_t k = 0; k < p.heights.size(); ++k) {
-    const bool measured = p.heights[k] < std::numeric_limits<float>::infinity();
-    anyGround = anyGround || measured;
-    p.types[k] = measured ? Measured : NoData;
-    p.heights[k] = measured ? p.heights[k] : std::numeric_limits<float>::quiet_NaN();
-  }
-  if (!anyGround)
+  if (box.method != "lowest" && box.method != "tin" && box.method != "idw")
+    throw std::runtime_error("ground raster: the method \"" + box.method +
+                             "\" is none of lowest, tin, idw");
+  Pixels p = Raster::detail::coveringPixels(cloud, box.cell_size, "ground raster");
+  const PointFilter ground(box.classes, false);
+  if (box.method == "lowest")
+    lowestGround(cloud, ground, p);
+  else if (box.method == "tin")
+    Raster::detail::tinHeights(pointsOf(cloud, ground), p);
+  else
+    Raster::detail::idwHeights(pointsOf(cloud, ground), p);
+  if (std::find(p.types.begin(), p.types.end(), Measured) == p.types.end())
     throw std::runtime_error("ground raster: no point of the classes " + box.classes.to_string() +
                              " (with finite coordinates and a \"Classification\")");
-  fillGaps(p, box.fill_rings);
+  Raster::detail::fillGaps(p, box.fill_rings);
   p.coordinateSystem = coordinateSystem;
   return Raster::detail::gridOf(p, box.fragment_cells, box.height_field);
 }

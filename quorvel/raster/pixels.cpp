@@ -1,12 +1,14 @@
 // Quorvel: raster grids made from row-major pixels, with their attributes.
-#include "quorvel/raster/detail/pixels.hpp"
+#include "quorvel/raster/detail/points.hpp"
 
 #include "basalt/Chunk.hpp"
 #include "tressel/Bundle.hpp"
 #include "tressel/UniformGrid.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
+#include <stdexcept>
 
 namespace Quorvel::Raster::detail {
 
@@ -22,16 +24,50 @@ void putText(Tressel::Grid& grid, const char* name, const std::string& text) {
                                            std::vector<std::uint8_t>(text.begin(), text.end())));
 }
 
+// More cells than this is a cell size far too small for the cloud (or a stray point far away).
+constexpr double LargestRaster = 1u << 30;
+
 } // namespace
+
+Pixels coveringPixels(const Tressel::Grid& cloud, double c, const std::string& what) {
+  if (!(c > 0) || !std::isfinite(c))
+    throw std::runtime_error(what + ": the cell size must be a positive number");
+  // The extent from the fragments' boxes (LAS and bundle readers store them), so that the points
+  // are read once. One column and row past the pixels of the highest points: the mapping takes a
+  // point whose position shifted by half a cell lies within the box of the pixels' centres, so
+  // the points of the last pixels need the centres beyond them.
+  double lowX = std::numeric_limits<double>::infinity(), lowY = lowX, highX = -lowX, highY = -lowX;
+  if (auto positions = cloud.CartesianPositions())
+    for (const FragmentSlot& slot : fragmentsOf(*positions))
+      if (const auto box = fragmentBBox(slot); box && !box->empty()) {
+        lowX = std::min(lowX, std::floor(box->min().x / c));
+        highX = std::max(highX, std::floor(box->max().x / c) + 1);
+        lowY = std::min(lowY, std::floor(box->min().y / c));
+        highY = std::max(highY, std::floor(box->max().y / c) + 1);
+      }
+  if (!(lowX <= highX) || !std::isfinite(highX - lowX) || !std::isfinite(highY - lowY))
+    throw std::runtime_error(what + ": the cloud has no point with finite coordinates");
+  if ((highX - lowX + 1) * (highY - lowY + 1) > LargestRaster)
+    throw std::runtime_error(what + ": " + std::to_string(highX - lowX + 1) + " x " +
+                             std::to_string(highY - lowY + 1) +
+                             " cells: the cell size is far too small for the points' extent");
+  Pixels p;
+  p.columns = static_cast<std::size_t>(highX - lowX) + 1;
+  p.rows = static_cast<std::size_t>(highY - lowY) + 1;
+  p.x0 = (lowX + 0.5) * c;
+  p.y0 = (lowY + 0.5) * c;
+  p.sizeX = p.sizeY = c;
+  return p;
+}
 
 Basalt::StrongPtr<Tressel::Grid> gridOf(const Pixels& pixels, std::size_t fragmentCells,
                                         const std::string& heightField) {
   const std::size_t cx = std::max<std::size_t>(1, std::min(fragmentCells, pixels.columns));
   const std::size_t cy = std::max<std::size_t>(1, std::min(fragmentCells, pixels.rows));
   Tressel::Bundle bundle;
-  auto grid = Tressel::createRegularlyFragmentedGridWithCartesianVertices3D(
-      bundle, 0.0, "raster", {(pixels.columns + cx - 1) / cx, (pixels.rows + cy - 1) / cy, 1},
-      {cx, cy, 1}, Vantor::PhysicalSpace::point(pixels.x0, pixels.y0, 0.0),
+  auto grid = Tressel::createUniformGrid3D(
+      bundle, 0.0, "raster", {pixels.columns, pixels.rows, 1}, {cx, cy, 1},
+      Vantor::PhysicalSpace::point(pixels.x0, pixels.y0, 0.0),
       Vantor::PhysicalSpace::vector(pixels.sizeX, pixels.sizeY, 0.0));
   Tressel::setUniformCells<std::uint8_t>(*grid, "CellType", pixels.types.data(), pixels.columns,
                                          pixels.rows, NoData);

@@ -3,8 +3,9 @@
 //
 // A raster grid, as ground rasters are made here and raster files read: a regularly fragmented
 // uniform grid of one layer (Tressel::UniformGridView); cell (i, j) lies at origin + (i, j) * cell
-// size, the centre of its pixel, y growing with j; every fragment holds the same number of cells,
-// so the last fragments are filled up with cells of type NoData. Per cell: "CellType" (unsigned
+// size, the centre of its pixel, y growing with j; a fragment holds at most the same number of
+// cells along each axis, the last ones only the pixels left, so that there is exactly one cell per
+// pixel and the raster's box is that of its pixels' centres. Per cell: "CellType" (unsigned
 // 8-bit: Measured, Filled or NoData) and the height (float32, "Height" unless named otherwise).
 // The grid's attributes "RasterColumns" and "RasterRows" give the pixels that are not filling,
 // "CoordinateSystem" the coordinate system as WKT (empty when unknown).
@@ -147,6 +148,11 @@ struct GroundRasterParameterBox {
   double cell_size = 1.0;
   // The ground classes, class numbers 0 to 255.
   Vantor::MultiRange<double> classes{"2"};
+  // How a cell's height comes from the ground points: "lowest" (the lowest point in the cell),
+  // "tin" (linear over a Delaunay triangulation of the points, at the cell's centre) or "idw"
+  // (the points of the cell's 3 x 3 block weighted by their inverse squared distance from its
+  // centre).
+  std::string method = "lowest";
   // Rings of cells, 0 to 1000, within which an empty cell is filled from measured cells.
   int fill_rings = 5;
   // Cells of a raster fragment along x and y, 1 to 65536.
@@ -154,19 +160,74 @@ struct GroundRasterParameterBox {
   // The raster's field of the heights (float32, in the cloud's units).
   std::string height_field = Raster::DefaultHeightField;
 
-  // "cell size: ", "classes: ", "fill rings: ", "fragment cells: ", "height field: " lines.
+  // "cell size: ", "classes: ", "method: ", "fill rings: ", "fragment cells: ", "height field: "
+  // lines.
   void print() const;
 };
 
 // A ground raster of the cloud's points of the box's classes: pixels at multiples of the cell
-// size covering all the cloud's points, each the lowest ground z of the points in it (Measured);
-// an empty cell takes the inverse-distance-weighted mean of the measured cells in the nearest
-// ring around it that holds any, up to fill_rings rings (Filled), else NoData; a raster grid as
-// above, with coordinateSystem (WKT, empty when unknown) as its "CoordinateSystem". Throws
-// std::runtime_error naming the problem: a cell size that is not positive, a cloud without finite
-// points, far too many cells, no point of the classes.
+// size covering the cloud so that every point lies in a pixel and, shifted by half a cell, within
+// the box of the pixels' centres (what mapData takes: one column and one row past the pixels of
+// the highest points); each pixel's height by the box's method (Measured: the lowest ground z of
+// the points in it, the TIN at its centre inside the triangulation's hull, or the inverse-distance
+// mean where its 3 x 3 block holds ground); an empty cell takes the inverse-distance-weighted mean
+// of the measured cells in the nearest ring around it that holds any, up to fill_rings rings
+// (Filled), else NoData; a raster grid as above, with coordinateSystem (WKT, empty when unknown) as
+// its "CoordinateSystem". Throws std::runtime_error naming the problem: a cell size that is not
+// positive, an unknown method, a cloud without finite points, far too many cells, no point of the
+// classes.
 Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
                                               const GroundRasterParameterBox& box,
+                                              const std::string& coordinateSystem = {});
+
+// Settings of the surfaces made from a cloud: the surface model (highest point per cell), the
+// density and the canopy height above a ground raster.
+struct SurfaceParameterBox {
+  // Edge of a cell in the cloud's units (metres), cells at multiples of it; positive, finite.
+  double cell_size = 1.0;
+  // The classes of the points taken, class numbers 0 to 255; empty: every point.
+  Vantor::MultiRange<double> classes;
+  // Only first returns (ReturnNumber 1; a cloud without return numbers has none).
+  bool first_returns = false;
+  // Rings of cells, 0 to 1000, within which a cell without points is filled from the cells with
+  // points (surface and canopy height; the density of such a cell is 0).
+  int fill_rings = 0;
+  // Canopy height: a cell more than this below the median of its neighbours takes the median
+  // (pit-free smoothing), in the cloud's units; 0: none.
+  double pit_depth = 0.0;
+  // Cells of a raster fragment along x and y, 1 to 65536.
+  std::size_t fragment_cells = 256;
+  // The raster's field of the values (float32).
+  std::string height_field = Raster::DefaultHeightField;
+  // Canopy height: the ground raster's field of the ground heights.
+  std::string ground_field = Raster::DefaultHeightField;
+
+  // "cell size: ", "classes: ", "first returns: ", "fill rings: ", "pit depth: ",
+  // "fragment cells: ", "height field: ", "ground field: " lines.
+  void print() const;
+};
+
+// The surface model: pixels as groundRaster lays them out, each the highest z of the box's points
+// in it (Measured), cells without points filled up to fill_rings rings (Filled), else NoData.
+// Throws std::runtime_error as groundRaster does, and when no point is taken.
+Basalt::StrongPtr<Tressel::Grid> surfaceRaster(const Tressel::Grid& cloud,
+                                               const SurfaceParameterBox& box,
+                                               const std::string& coordinateSystem = {});
+
+// The density: pixels as groundRaster lays them out, each the number of the box's points in it
+// per square unit (points / cell_size^2), every cell Measured (0 where it has none).
+Basalt::StrongPtr<Tressel::Grid> densityRaster(const Tressel::Grid& cloud,
+                                               const SurfaceParameterBox& box,
+                                               const std::string& coordinateSystem = {});
+
+// The canopy height: the surface model less the ground height of the ground raster's cell whose
+// pixel holds the cell's centre (its ground_field, cells of type Measured or Filled), negative
+// heights clamped to 0; NoData where either is missing; pits filled when pit_depth > 0. Throws
+// std::runtime_error naming the problem (a ground raster without cells or heights, no cell with
+// both).
+Basalt::StrongPtr<Tressel::Grid> canopyRaster(const Tressel::Grid& cloud,
+                                              const Tressel::Grid& ground,
+                                              const SurfaceParameterBox& box,
                                               const std::string& coordinateSystem = {});
 
 } // namespace Quorvel

@@ -4,22 +4,23 @@
 include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)
 
 # The sample's ground covers its west third: the gaps are filled from up to 100 cells away, so
-# every one of the 85 x 75 cells has a height.
+# every one of the 86 x 76 cells has a height (the points' 85 x 75 cells and one column and row
+# past them, whose centres bound the points of the last ones).
 quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.h5 --cell 1 --fill-rings 100)
-quorvel(0 "cells: 85 x 75 (6375)\ncell size: 1 1\n" info ${WORK_DIR}/dtm.h5)
+quorvel(0 "cells: 86 x 76 (6536)\ncell size: 1 1\n" info ${WORK_DIR}/dtm.h5)
 quorvel(0 "" dtm ${data}/sample_c.las -o ${WORK_DIR}/dtm.tif --cell 1 --fill-rings 100)
 # Rasters are described as cells, never as points. The bundle tells measured from filled cells
-# (372 and 6003); a GeoTIFF holds heights only, so each of its cells with a height is measured.
-quorvel(0 "cell types: 0:372 4:6003\n" info ${WORK_DIR}/dtm.h5)
-quorvel(0 "type: raster\ncells: 85 x 75 (6375)\ncell size: 1 1\nbounds: 674521.000 1206740.000 - 674606.000 1206815.000\ncell types: 0:6375\n"
+# (372 and 6164); a GeoTIFF holds heights only, so each of its cells with a height is measured.
+quorvel(0 "cell types: 0:372 4:6164\n" info ${WORK_DIR}/dtm.h5)
+quorvel(0 "type: raster\ncells: 86 x 76 (6536)\ncell size: 1 1\nbounds: 674521.000 1206740.000 - 674607.000 1206816.000\ncell types: 0:6536\n"
         info ${WORK_DIR}/dtm.tif)
 if(quorvel_output MATCHES "points")
   message(FATAL_ERROR "a raster described as points:\n${quorvel_output}")
 endif()
-quorvel(0 "multi index of raster: 85x75x1\n" map ${data}/sample_c.las ${WORK_DIR}/dtm.h5
+quorvel(0 "multi index of raster: 86x76x1\n" map ${data}/sample_c.las ${WORK_DIR}/dtm.h5
         -o ${WORK_DIR}/from-bundle.las --height --verbose)
 quorvel(0 "CanopyHeight: float32" info ${WORK_DIR}/from-bundle.las)
-quorvel(0 "raster bbox: (674522 ,1.20674e+06 ,0) | (674606 ,1.20681e+06 ,0)\n" map
+quorvel(0 "raster bbox: (674522 ,1.20674e+06 ,0) | (674606 ,1.20682e+06 ,0)\n" map
         ${data}/sample_c.las ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/from-tiff.las --height --verbose)
 expect_same_file(${WORK_DIR}/from-bundle.las ${WORK_DIR}/from-tiff.las "heights of bundle and GeoTIFF")
 
@@ -34,14 +35,14 @@ quorvel(0 "" raster import ${WORK_DIR}/dtm.tif -o ${WORK_DIR}/tiles.h5 --fragmen
 quorvel(0 "# of raster fragments: 6x5x1\n" map ${data}/sample_c.las ${WORK_DIR}/tiles.h5
         -o ${WORK_DIR}/from-tiles.las --height --verbose)
 
-# Height bands: below 0.5 m nothing matches and the points stay unclassified (0); the points of
-# the last row and column of cells lie outside the raster's box of cell centres and keep theirs.
+# Height bands: below 0.5 m nothing matches and the points stay unclassified (0); every point
+# lies within the raster's box of cell centres (shifted by half a cell), so none keeps its class.
 set(bands --bands "0.5:2=3,2:5=4,5:100=5" --unclassify)
 quorvel(0 "" map ${data}/sample_c.las ${WORK_DIR}/dtm.h5 -o ${WORK_DIR}/banded.las ${bands})
-quorvel(0 "classes: 0:1394 2:12 3:140 4:317 5:12544 6:1\n" info ${WORK_DIR}/banded.las)
+quorvel(0 "classes: 0:1406 3:140 4:317 5:12545\n" info ${WORK_DIR}/banded.las)
 quorvel(0 "" convert ${data}/sample_c.las ${WORK_DIR}/files.h5)
 quorvel(0 "" map --files ${WORK_DIR}/files.h5 --raster ${WORK_DIR}/dtm.h5 ${bands})
-quorvel(0 "classes: 0:1394 2:12 3:140 4:317 5:12544 6:1\n" info ${WORK_DIR}/files.h5)
+quorvel(0 "classes: 0:1406 3:140 4:317 5:12545\n" info ${WORK_DIR}/files.h5)
 
 # The nearest point's intensity within 1 m onto the raster's cells, as a GeoTIFF band.
 quorvel(0 "" mapfield ${data}/sample_c.las ${WORK_DIR}/dtm.h5 -o ${WORK_DIR}/near.tif

@@ -266,6 +266,45 @@ TEST_F(BundleFiles, RowMajorCellsGoIntoFragmentsAndComeBackPadded) {
   EXPECT_THROW(uniformCells<float>(Grid(), "Height"), std::invalid_argument);
 }
 
+TEST_F(BundleFiles, GridsOfAnyTotalHoldOneCellPerPixelAfterASaveToo) {
+  Bundle out;
+  ASSERT_TRUE(out.bindToNew(file("exact.h5"), nullptr));
+  // A 5 x 3 image in fragments of at most 3 x 2 cells: (0, 0) 3 x 2, (1, 0) 2 x 2, (0, 1) 3 x 1,
+  // (1, 1) 2 x 1; nothing beyond the image.
+  auto raster =
+      createUniformGrid3D(out, 0.0, "raster", MultiIndex<3>(5, 3, 1), MultiIndex<3>(3, 2, 1),
+                          point{10, 20, 0}, Vantor::PhysicalSpace::vector(2, 1, 0));
+  std::vector<float> image(15);
+  for (std::size_t k = 0; k < image.size(); ++k)
+    image[k] = static_cast<float>(k);
+  setUniformCells<float>(*raster, "Height", image.data(), 5, 3, -1.0f);
+  auto positions = raster->CartesianPositions();
+  ASSERT_EQ(positions->nFragments(), 4u);
+  const MultiIndex<3> extents[4] = {{3, 2, 1}, {2, 2, 1}, {3, 1, 1}, {2, 1, 1}};
+  for (unsigned k = 0; k < 4; ++k) {
+    auto block =
+        arrayCast<3, point>(positions->getData(positions->getFragmentIDs().findFragmentID(k)));
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(block->multiExtents(), extents[k]) << k;
+  }
+  StrongPtr<BoundingBox> box;
+  ASSERT_TRUE(expandBoundingBox(box, *positions));
+  EXPECT_EQ(box->min(), (point{10, 20, 0}));
+  EXPECT_EQ(box->max(), (point{18, 22, 0}));
+  EXPECT_EQ(uniformCells<float>(*raster, "Height"), image);
+  ASSERT_TRUE(out.save()) << out.lastError();
+
+  Bundle in;
+  ASSERT_TRUE(in.bindTo(file("exact.h5"))) << in.lastError();
+  auto loaded = (*in.findSlice(0.0))["raster"];
+  const auto view = uniformGridView(*loaded);
+  ASSERT_TRUE(view.has_value());
+  EXPECT_EQ(view->total, MultiIndex<3>(5, 3, 1));
+  EXPECT_EQ(view->fragments, MultiIndex<3>(2, 2, 1));
+  EXPECT_EQ(view->fragmentCells(1, 1, 0), MultiIndex<3>(2, 1, 1));
+  EXPECT_EQ(uniformCells<float>(*loaded, "Height"), image);
+}
+
 // A policy that fails after a number of fields, as a disk or a host callback might.
 struct FailingPolicy : StorageTransformations {
   int left;

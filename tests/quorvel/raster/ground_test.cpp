@@ -55,7 +55,11 @@ TEST(GroundRasters, FollowTheSlopeAndFillTheirGaps) {
   EXPECT_EQ(view->origin, point(500.5, 800.5, 0));
   const auto types = Tressel::uniformCells<std::uint8_t>(*raster, "CellType");
   const auto heights = Tressel::uniformCells<float>(*raster, "Height");
-  const std::size_t width = view->cells[0] * view->fragments[0];
+  // One column and one row past the cells of the easternmost and northernmost points, so that
+  // every point shifted by half a cell lies within the centres' box; nothing beyond.
+  EXPECT_EQ(view->total, Tressel::MultiIndex<3>(62, 31, 1));
+  const std::size_t width = view->total[0];
+  EXPECT_EQ(types.size(), 62u * 31u);
   std::size_t filled = 0, empty = 0;
   for (std::size_t j = 0; j < 30; ++j)
     for (std::size_t i = 0; i < 61; ++i) {
@@ -101,6 +105,10 @@ TEST(GroundRasters, RefuseWhatTheyCannotMakeWithTheReason) {
   EXPECT_EQ(refused(*slopedCloud(), box), "ground raster: the cell size must be a positive number");
   box.cell_size = 1e-6; // 4e7 x 3e7 cells
   EXPECT_NE(refused(*slopedCloud(), box).find("the cell size is far too small"), std::string::npos);
+  box = {};
+  box.method = "spline";
+  EXPECT_EQ(refused(*slopedCloud(), box),
+            "ground raster: the method \"spline\" is none of lowest, tin, idw");
 }
 
 TEST(GroundRasters, BoxPrintsEveryFieldInItsForm) {
@@ -111,6 +119,7 @@ TEST(GroundRasters, BoxPrintsEveryFieldInItsForm) {
   box.print();
   EXPECT_EQ(GetCapturedStdout(), "cell size: 0.5\n"
                                  "classes: 2.000000:2.000000,8.000000:8.000000\n"
+                                 "method: lowest\n"
                                  "fill rings: 5\n"
                                  "fragment cells: 256\n"
                                  "height field: Height\n");

@@ -1,0 +1,94 @@
+// Quorvel: what the rasters made from clouds share: the points they take (by class, first
+// returns) and the pixels that cover a cloud.
+#pragma once
+
+#include "quorvel/core/core.hpp"
+#include "quorvel/raster/detail/pixels.hpp"
+
+#include <array>
+#include <cmath>
+#include <vector>
+
+namespace Quorvel::Raster::detail {
+
+// The points a raster takes: those of the classes (every point when classes is empty) and, with
+// firstReturns, only first returns.
+class PointFilter {
+public:
+  PointFilter(const Vantor::MultiRange<double>& classes, bool firstReturns)
+      : all_(classes.empty()), first_(firstReturns) {
+    for (int c = 0; c < 256; ++c)
+      take_[static_cast<std::size_t>(c)] = all_ || classes.contains(c, 1e-9);
+  }
+
+  // Calls f(p) for every point of the cloud with finite coordinates that the filter takes. A
+  // cloud without "Classification" has no point of any class; one without "ReturnNumber" no
+  // first return.
+  template <class F>
+  void forEachPoint(const Tressel::Grid& cloud, F&& f) const {
+    auto positions = cloud.CartesianPositions();
+    auto rep = cloud.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+    if (!positions || !rep)
+      return;
+    auto cls = all_ ? nullptr : rep->findField("Classification");
+    auto returns = first_ ? rep->findField("ReturnNumber") : nullptr;
+    if ((!all_ && !cls) || (first_ && !returns))
+      return;
+    for (const FragmentSlot& slot : fragmentsOf(*positions)) {
+      const auto xyz = fragmentArray<point>(*positions, slot);
+      if (!xyz)
+        continue;
+      const auto c = cls ? fragmentArray<unsigned char>(*cls, slot) : nullptr;
+      const auto r = returns ? fragmentArray<unsigned char>(*returns, slot) : nullptr;
+      if ((cls && (!c || c->size() != xyz->size())) ||
+          (returns && (!r || r->size() != xyz->size())))
+        continue;
+      for (std::size_t i = 0; i < xyz->size(); ++i) {
+        const point& p = (*xyz)[i];
+        if ((c && !take_[(*c)[i]]) || (r && (*r)[i] > 1))
+          continue;
+        if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
+          f(p);
+      }
+    }
+  }
+
+private:
+  std::array<bool, 256> take_{};
+  bool all_, first_;
+};
+
+// Empty pixels (no types or heights yet) at multiples of cellSize covering the cloud so that the
+// mapping reaches every point: each point lies in a pixel, and its position shifted by half a cell
+// within the box of the pixels' centres (one column and one row past the highest points' pixels).
+// The extent comes from the fragments' boxes. Throws std::runtime_error starting with what: a cell
+// size that is not positive, a cloud without finite points, far too many cells.
+Pixels coveringPixels(const Tressel::Grid& cloud, double cellSize, const std::string& what);
+
+// The pixel of p (row-major index), false when p lies off the pixels. Pixels whose edges lie at
+// multiples of their size: the pixel is floor(p / size) less that of the first centre.
+inline bool pixelOf(const Pixels& pixels, const point& p, std::size_t& at) {
+  const double gx = std::floor(p.x / pixels.sizeX) - std::floor(pixels.x0 / pixels.sizeX);
+  const double gy = std::floor(p.y / pixels.sizeY) - std::floor(pixels.y0 / pixels.sizeY);
+  if (!(gx >= 0 && gy >= 0 && gx < static_cast<double>(pixels.columns) &&
+        gy < static_cast<double>(pixels.rows)))
+    return false;
+  at = static_cast<std::size_t>(gy) * pixels.columns + static_cast<std::size_t>(gx);
+  return true;
+}
+
+// Fills every empty cell (not Measured) from the measured cells of the nearest ring (Chebyshev
+// distance up to rings) that holds any, weighted by the inverse squared distance (Filled).
+void fillGaps(Pixels& p, int rings);
+
+// Heights at the pixels' centres by linear interpolation over a Delaunay triangulation of the
+// points in x and y (qhull): Measured inside the triangulation's hull, NoData outside. Fewer
+// than three points not on one line leave every pixel NoData.
+void tinHeights(const std::vector<point>& points, Pixels& p);
+
+// Heights at the pixels' centres as the mean z of the points in the pixel's 3 x 3 block of
+// pixels, each weighted by the inverse squared distance from the centre in x and y (a point at
+// the centre gives its z): Measured where the block holds a point, NoData elsewhere.
+void idwHeights(const std::vector<point>& points, Pixels& p);
+
+} // namespace Quorvel::Raster::detail
