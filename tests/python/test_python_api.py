@@ -273,7 +273,7 @@ def same_value(value, text):
 def test_every_box_binds_every_field_of_its_struct_with_the_printed_defaults():
     boxes = header_boxes()
     bound = {name for name in dir(quorvel) if name.endswith("ParameterBox")}
-    assert bound == set(boxes) and len(boxes) == 16
+    assert bound == set(boxes) and len(boxes) == 18
     for name, fields in boxes.items():
         cls = getattr(quorvel, name)
         assert list(cls._fields) == fields, name
