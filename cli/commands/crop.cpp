@@ -26,6 +26,9 @@ public:
         ->needs(polygon_);
     box->excludes(polygon_);
     app.add_flag("--inverse", box_.inverse, "keep the points outside the area instead");
+    addExpression(app, "--where", box_.where,
+                  "test only the points for which an expression holds (docs/expressions.md); "
+                  "the others are kept as they are");
     app.footer("Exactly one of --box and --polygon. Polygons in another coordinate system than the "
                "cloud's are carried into the cloud's; a cloud without one takes them as they are.");
     box_.box = {0, 0, -1, -1};

@@ -42,6 +42,9 @@ public:
                          ->capture_default_str()
                          ->check(rule("classify"));
     app.add_flag("--remove", box_.remove, "drop the outliers instead")->excludes(classify);
+    addExpression(app, "--where", box_.where,
+                  "test only the points for which an expression holds (docs/expressions.md); "
+                  "every point stays a neighbour");
     threads_ = addThreads(app, box_.threads);
     app.footer(Footer);
   }

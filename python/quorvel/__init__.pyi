@@ -94,6 +94,7 @@ class CropParameterBox:
     box: Tuple[float, float, float, float]
     polygons: List[List[List[Tuple[float, float]]]]
     inverse: bool
+    where: str
     message: str
     def __init__(self, **fields: Any) -> None: ...
     def print(self) -> None: ...
@@ -107,6 +108,7 @@ class OutlierParameterBox:
     minPoints: int
     classify: int
     remove: bool
+    where: str
     threads: int
     outliers: int
     mean: float

@@ -31,6 +31,7 @@ void bindCrop(py::module_& m) {
           "polygons, each a list of rings of (x, y) vertices (outer ring first, then holes); "
           "their union is the area, boundaries inside")
       .field("inverse", &Box::inverse, "keep the points outside the area instead")
+      .field("where", &Box::where, "an expression limiting the points tested (the others kept)")
       .field("message", &Box::message, "messages of the last run");
   m.def(
       "crop",
@@ -69,6 +70,8 @@ void bindOutliers(py::module_& m) {
       .field("minPoints", &Box::minPoints, "N: outlier with fewer other points within R")
       .field("classify", &Box::classify, "class given to outliers")
       .field("remove", &Box::remove, "drop the outliers instead")
+      .field("where", &Box::where,
+             "an expression limiting the points tested (all points stay neighbours)")
       .field("threads", &Box::threads, "0: all but one; results never depend on it")
       .field("outliers", &Box::outliers, "outliers found by the last run")
       .field("mean", &Box::mean, "mu of the last statistical run")

@@ -1,4 +1,5 @@
 // Quorvel: cropping a cloud to a box or to a union of polygons with holes.
+#include "quorvel/filters/detail/where.hpp"
 #include "quorvel/filters/filters.hpp"
 
 #include "basalt/Text.hpp"
@@ -13,6 +14,7 @@ namespace Quorvel {
 void CropParameterBox::print() const {
   printField("box: ", Basalt::format("(%.17g,%.17g,%.17g,%.17g)", box[0], box[1], box[2], box[3]));
   printField("inverse: ", inverse);
+  printField("where: ", where);
 }
 
 namespace {
@@ -108,6 +110,12 @@ StrongPtr<Grid> crop(const StrongPtr<Grid>& grid, CropParameterBox& box) {
   }
   const std::vector<BandedEdges> banded(box.polygons.begin(), box.polygons.end());
   const auto slots = fragmentsOf(*positions);
+  std::string problem;
+  const auto tested = detail::testedPoints(grid, slots, box.where, problem);
+  if (!tested) {
+    log.report("ERROR: --where: " + problem);
+    return nullptr;
+  }
   std::vector<std::vector<std::size_t>> chosen(slots.size());
   for (std::size_t k = 0; k < slots.size(); ++k) {
     const auto xyz = fragmentArray<point>(*positions, slots[k]);
@@ -115,6 +123,10 @@ StrongPtr<Grid> crop(const StrongPtr<Grid>& grid, CropParameterBox& box) {
       continue;
     for (std::size_t i = 0; i < xyz->size(); ++i) {
       const point& p = (*xyz)[i];
+      if (!(*tested)[k][i]) { // not tested: kept as it is
+        chosen[k].push_back(i);
+        continue;
+      }
       bool in = false;
       if (banded.empty())
         in = p.x >= b[0] && p.x <= b[2] && p.y >= b[1] && p.y <= b[3];

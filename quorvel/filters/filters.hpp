@@ -33,10 +33,13 @@ struct CropParameterBox {
   std::vector<Polygon> polygons;
   // Keep the points outside the area instead.
   bool inverse = false;
+  // An expression (docs/expressions.md) that limits the points tested: the others are kept as
+  // they are. Empty: every point is tested.
+  std::string where;
   // Messages of the run.
   std::string message;
 
-  // "box: " and "inverse: " lines.
+  // "box: ", "inverse: " and "where: " lines.
   void print() const;
 };
 
@@ -60,12 +63,15 @@ struct OutlierParameterBox {
   // those means over all points. "radius": when fewer than minPoints other points lie within
   // radius (a point at exactly radius counts).
   std::string method = "statistical";
-  int neighbours = 8;       // K of the statistical rule
-  double multiplier = 2.0;  // M of the statistical rule
-  double radius = 1.0;      // R of the radius rule, metres
-  int minPoints = 2;        // N of the radius rule
-  int classify = 7;         // class given to outliers ("Classification") unless remove
-  bool remove = false;      // drop outliers instead of classifying them
+  int neighbours = 8;      // K of the statistical rule
+  double multiplier = 2.0; // M of the statistical rule
+  double radius = 1.0;     // R of the radius rule, metres
+  int minPoints = 2;       // N of the radius rule
+  int classify = 7;        // class given to outliers ("Classification") unless remove
+  bool remove = false;     // drop outliers instead of classifying them
+  // An expression (docs/expressions.md) that limits the points tested: only they can be
+  // outliers, while every point stays a neighbour. Empty: every point is tested.
+  std::string where;
   std::int32_t threads = 0; // 0: maximumThreadsMinusOne(); the result never depends on it
   // Results: outliers found, and mu and sigma of the statistical rule.
   std::size_t outliers = 0;

@@ -1,5 +1,6 @@
 // Quorvel: outliers by the statistical rule (mean distance to the K nearest other points) or the
 // radius rule (other points within a radius), over one k-d tree of every point of the cloud.
+#include "quorvel/filters/detail/where.hpp"
 #include "quorvel/filters/filters.hpp"
 
 #include "quorvel/core/core.hpp"
@@ -21,6 +22,7 @@ void OutlierParameterBox::print() const {
   printField("minPoints: ", minPoints);
   printField("classify: ", classify);
   printField("remove: ", remove);
+  printField("where: ", where);
 }
 
 namespace {
@@ -177,7 +179,14 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
     log.report("ERROR: unknown method \"" + box.method + "\" (statistical or radius)");
     return {};
   }
-  const std::vector<point> all = gather(*positions, fragmentsOf(*positions));
+  const auto slots = fragmentsOf(*positions);
+  std::string problem;
+  const auto tested = detail::testedPoints(grid, slots, box.where, problem);
+  if (!tested) {
+    log.report("ERROR: --where: " + problem);
+    return {};
+  }
+  const std::vector<point> all = gather(*positions, slots);
   box.outliers = 0;
   if (all.empty())
     return {};
@@ -189,10 +198,15 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
   const auto sorted = box.method == "statistical" ? statistical(points, tree, box, threads)
                                                   : byRadius(points, tree, box, threads);
   std::vector<std::uint8_t> outlier(all.size());
-  for (std::size_t j = 0; j < sorted.size(); ++j) {
+  for (std::size_t j = 0; j < sorted.size(); ++j)
     outlier[from[j]] = sorted[j];
-    box.outliers += sorted[j];
-  }
+  // Points the expression leaves out stay neighbours but are never outliers.
+  std::size_t at = 0;
+  for (const auto& fragment : *tested)
+    for (const unsigned char t : fragment) {
+      outlier[at] = outlier[at] && t;
+      box.outliers += outlier[at++];
+    }
   return outlier;
 }
 

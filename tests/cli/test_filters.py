@@ -232,6 +232,30 @@ def test_radius_outliers_count_points_at_exactly_the_radius(tmp_path):
     assert ((counts < 3) & (counts > 0)).any() and (counts == 3).any()
 
 
+
+def test_where_limits_the_points_crop_and_outliers_test(tmp_path):
+    """Points the expression leaves out are kept by crop and never outliers, yet stay the
+    outliers' neighbours."""
+    rng = np.random.default_rng(5)
+    xyz = planted_cloud(rng)
+    classes = np.where(xyz[:, 2] > 0, 5, 2).astype(np.uint8)
+    src = write_las(tmp_path / "in.las", xyz, classes)
+    quorvel("crop", tmp_path / "in.las", "-o", tmp_path / "c.las", "--box", "-1,-1,1,1",
+            "--where", "Classification == 2 && Z < 0")
+    tested = (classes == 2) & (src[:, 2] < 0)
+    inside = (np.abs(src[:, 0]) <= 1) & (np.abs(src[:, 1]) <= 1)
+    assert rows(read_las(tmp_path / "c.las")[0]) == rows(src[~tested | inside])
+    d = np.sort(brute_distances(src), axis=1)[:, 1:9].mean(axis=1)
+    outlier = d > d.mean() + 2 * d.std()
+    quorvel("outliers", tmp_path / "in.las", "-o", tmp_path / "o.las", "--where",
+            "Classification in [2]")
+    got = read_las(tmp_path / "o.las")[1]
+    assert np.array_equal(got == 7, outlier & (classes == 2))
+    assert (outlier & (classes == 5)).any() and (outlier & (classes == 2)).any()
+    bad = quorvel("outliers", tmp_path / "in.las", "-o", tmp_path / "x.las", "--where",
+                  "Clasification == 2", ok=False)
+    assert "Clasification" in bad.stderr
+
 # ---- thin ------------------------------------------------------------------------------
 
 
