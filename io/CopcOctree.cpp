@@ -6,6 +6,7 @@
 // Points are sorted once along a Morton curve of the finest cells; every level is then one pass
 // over the points still unplaced, in that order.
 #include "io/detail/Copc.hpp"
+#include "quorvel/spatial/spatial.hpp"
 
 #include "io/laz/Common.hpp"
 
@@ -26,16 +27,6 @@ struct Coded {
   std::uint64_t code; // Morton code of the point's finest cell: x, y, z bits interleaved
   std::uint64_t index;
 };
-
-std::uint64_t spread(std::uint64_t v) { // 21 bits to every third bit
-  v &= 0x1FFFFF;
-  v = (v | v << 32) & 0x1F00000000FFFFull;
-  v = (v | v << 16) & 0x1F0000FF0000FFull;
-  v = (v | v << 8) & 0x100F00F00F00F00Full;
-  v = (v | v << 4) & 0x10C30C30C30C30C3ull;
-  v = (v | v << 2) & 0x1249249249249249ull;
-  return v;
-}
 
 std::int32_t gather(std::uint64_t v) { // every third bit back to consecutive ones
   v &= 0x1249249249249249ull;
@@ -100,7 +91,7 @@ std::vector<Coded> finestCells(const std::uint8_t* records, std::uint64_t count,
           Laz::load<std::int32_t>(records + i * recordLength + 4 * a) * scale[a] + offset[a];
       const double t = (v - (info.center[a] - info.halfsize)) / (2 * info.halfsize) * Fine;
       const auto cell = static_cast<std::uint64_t>(std::clamp(t, 0.0, Fine - 1));
-      code |= spread(cell) << a;
+      code |= spreadBits(cell) << a;
     }
     out[i] = {code, i};
   }

@@ -14,10 +14,6 @@ namespace Quorvel::Raster {
 
 namespace {
 
-struct DatasetCloser {
-  void operator()(GDALDataset* d) const { GDALClose(d); }
-};
-
 [[noreturn]] void fail(const std::string& path, const std::string& what) {
   const char* text = CPLGetLastErrorMsg();
   throw Las::Error(path + ": cannot write the index: " + (text && *text ? text : what));
@@ -70,8 +66,7 @@ void writeFootprints(const std::string& path, const std::vector<Footprint>& foot
     std::remove(file.temporary().c_str());
     {
       CPLErrorReset();
-      std::unique_ptr<GDALDataset, DatasetCloser> out(
-          driver->Create(file.temporary().c_str(), 0, 0, 0, GDT_Unknown, nullptr));
+      detail::Dataset out(driver->Create(file.temporary().c_str(), 0, 0, 0, GDT_Unknown, nullptr));
       if (!out)
         fail(path, "create error");
       OGRSpatialReference reference;

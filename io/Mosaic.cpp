@@ -8,6 +8,7 @@
 #include <cpl_error.h>
 #include <cpl_string.h>
 #include <gdal.h>
+#include <gdal_priv.h>
 #include <gdal_utils.h>
 
 #include <algorithm>
@@ -19,18 +20,17 @@ namespace Quorvel::Raster {
 
 namespace {
 
+using detail::Dataset;
+
+// "<path>: <what>", with GDAL's message where it has one.
 [[noreturn]] void fail(const std::string& path, const std::string& what) {
-  const char* gdal = CPLGetLastErrorMsg();
-  throw Las::Error(path + ": " + what + (gdal && *gdal ? std::string(": ") + gdal : ""));
+  const std::string gdal = detail::gdalError("");
+  detail::fail(path, gdal.empty() ? what : what + ": " + gdal);
 }
 
-struct Closer {
-  void operator()(void* data) const {
-    if (data)
-      GDALClose(data);
-  }
-};
-using Handle = std::unique_ptr<void, Closer>;
+Dataset owned(GDALDatasetH handle) {
+  return Dataset(GDALDataset::FromHandle(handle));
+}
 
 struct ListFree {
   void operator()(char** list) const { CSLDestroy(list); }
@@ -60,7 +60,7 @@ void replacing(const std::string& path, Make make) {
   try {
     Basalt::ReplacingFile file(path);
     CPLErrorReset();
-    Handle out(make(file.temporary()));
+    Dataset out = owned(make(file.temporary()));
     if (!out)
       fail(path, "cannot write it");
     out.reset();
@@ -76,17 +76,15 @@ void replacing(const std::string& path, Make make) {
 
 bool cutGeoTiff(const std::string& from, const std::string& to, const std::array<double, 4>& area) {
   detail::registerDrivers();
-  Handle in(GDALOpen(from.c_str(), GA_ReadOnly));
+  const Dataset in = owned(GDALOpen(from.c_str(), GA_ReadOnly));
   if (!in)
     fail(from, "not a raster GDAL can read");
   double t[6];
-  if (GDALGetGeoTransform(in.get(), t) != CE_None || t[2] != 0 || t[4] != 0 || t[5] >= 0)
+  if (in->GetGeoTransform(t) != CE_None || t[2] != 0 || t[4] != 0 || t[5] >= 0)
     fail(from, "not a north-up raster");
-  const auto [i0, i1] =
-      cellsOverlapping(t[0], t[1], area[0], area[2], GDALGetRasterXSize(in.get()));
+  const auto [i0, i1] = cellsOverlapping(t[0], t[1], area[0], area[2], in->GetRasterXSize());
   // Rows count down from the top edge.
-  const auto [r0, r1] =
-      cellsOverlapping(-t[3], -t[5], -area[3], -area[1], GDALGetRasterYSize(in.get()));
+  const auto [r0, r1] = cellsOverlapping(-t[3], -t[5], -area[3], -area[1], in->GetRasterYSize());
   if (i1 <= i0 || r1 <= r0)
     return false;
   const Arguments args = arguments({"-of", "GTiff", "-co", "COMPRESS=DEFLATE", "-co", "PREDICTOR=3",
@@ -95,7 +93,7 @@ bool cutGeoTiff(const std::string& from, const std::string& to, const std::array
   GDALTranslateOptions* options = GDALTranslateOptionsNew(args.get(), nullptr);
   try {
     replacing(to, [&](const std::string& temporary) {
-      return GDALTranslate(temporary.c_str(), in.get(), options, nullptr);
+      return GDALTranslate(temporary.c_str(), GDALDataset::ToHandle(in.get()), options, nullptr);
     });
   } catch (...) {
     GDALTranslateOptionsFree(options);

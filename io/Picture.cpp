@@ -18,19 +18,9 @@ namespace Quorvel::Raster {
 
 namespace {
 
-struct DatasetCloser {
-  void operator()(GDALDataset* d) const { GDALClose(d); }
-};
-using Dataset = std::unique_ptr<GDALDataset, DatasetCloser>;
-
-[[noreturn]] void fail(const std::string& path, const std::string& problem) {
-  throw Las::Error(path + ": " + problem);
-}
-
-std::string gdalError(const std::string& otherwise) {
-  const char* text = CPLGetLastErrorMsg();
-  return text && *text ? std::string(text) : otherwise;
-}
+using detail::Dataset;
+using detail::fail;
+using detail::gdalError;
 
 std::string extensionOf(const std::string& path) {
   std::string ext = std::filesystem::path(path).extension().string();

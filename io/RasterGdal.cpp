@@ -31,6 +31,19 @@ void registerDrivers() {
   });
 }
 
+void DatasetCloser::operator()(GDALDataset* d) const {
+  GDALClose(d);
+}
+
+void fail(const std::string& path, const std::string& problem) {
+  throw Las::Error(path + ": " + problem);
+}
+
+std::string gdalError(const std::string& otherwise) {
+  const char* text = CPLGetLastErrorMsg();
+  return text && *text ? std::string(text) : otherwise;
+}
+
 } // namespace detail
 
 namespace {
@@ -39,19 +52,8 @@ using detail::registerDrivers;
 
 constexpr double NoDataValue = -9999.0;
 
-struct DatasetCloser {
-  void operator()(GDALDataset* d) const { GDALClose(d); }
-};
-using Dataset = std::unique_ptr<GDALDataset, DatasetCloser>;
-
-[[noreturn]] void fail(const std::string& path, const std::string& problem) {
-  throw Las::Error(path + ": " + problem);
-}
-
-std::string lastGdalError(const std::string& otherwise) {
-  const char* text = CPLGetLastErrorMsg();
-  return text && *text ? std::string(text) : otherwise;
-}
+using detail::Dataset;
+using detail::fail;
 
 // The pixels of band 1, rows turned so that y grows with the row.
 detail::Pixels readPixels(GDALDataset& data, const std::string& path) {
@@ -74,7 +76,7 @@ detail::Pixels readPixels(GDALDataset& data, const std::string& path) {
   if (band->RasterIO(GF_Read, 0, 0, static_cast<int>(p.columns), static_cast<int>(p.rows),
                      rows.data(), static_cast<int>(p.columns), static_cast<int>(p.rows),
                      GDT_Float32, 0, 0) != CE_None)
-    fail(path, "cannot read band 1: " + lastGdalError("read error"));
+    fail(path, "cannot read band 1: " + detail::gdalError("read error"));
   const bool southUp = t[5] > 0;
   p.sizeX = t[1];
   p.sizeY = std::fabs(t[5]);
@@ -156,7 +158,7 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
                                  static_cast<int>(p.rows), 1, GDT_Float32, options));
       CSLDestroy(options);
       if (!out)
-        fail(path, "cannot create the GeoTIFF: " + lastGdalError("create error"));
+        fail(path, "cannot create the GeoTIFF: " + detail::gdalError("create error"));
       double t[6] = {p.x0 - p.sizeX / 2,
                      p.sizeX,
                      0.0,
@@ -169,14 +171,14 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
           band->RasterIO(GF_Write, 0, 0, static_cast<int>(p.columns), static_cast<int>(p.rows),
                          rows.data(), static_cast<int>(p.columns), static_cast<int>(p.rows),
                          GDT_Float32, 0, 0) != CE_None)
-        fail(path, "cannot write the GeoTIFF: " + lastGdalError("write error"));
+        fail(path, "cannot write the GeoTIFF: " + detail::gdalError("write error"));
       // Flushing and closing write what GDAL still holds, and report a failure (a full disk, a
       // file-size limit) only as the last error: it is cleared first and read after both.
       CPLErrorReset();
       out->FlushCache();
       out.reset();
       if (CPLGetLastErrorType() >= CE_Failure)
-        fail(path, "cannot write the GeoTIFF: " + lastGdalError("write error"));
+        fail(path, "cannot write the GeoTIFF: " + detail::gdalError("write error"));
     }
     file.commit();
   } catch (const Basalt::ReplacingFile::Error& e) {

@@ -5,12 +5,27 @@
 #include "io/raster.hpp"
 #include "quorvel/raster/detail/pixels.hpp"
 
+#include <memory>
+#include <string>
 #include <vector>
+
+class GDALDataset;
 
 namespace Quorvel::Raster::detail {
 
 // Registers GDAL's drivers once and keeps its messages off standard error (ours name the file).
 void registerDrivers();
+
+// A GDAL dataset closed (and so flushed) when dropped.
+struct DatasetCloser {
+  void operator()(GDALDataset* d) const;
+};
+using Dataset = std::unique_ptr<GDALDataset, DatasetCloser>;
+
+// Throws Las::Error "<path>: <problem>".
+[[noreturn]] void fail(const std::string& path, const std::string& problem);
+// GDAL's last error message, or otherwise when it has none.
+std::string gdalError(const std::string& otherwise);
 
 // The pixels of a raster grid (without its filling); throws Las::Error naming path when the grid
 // is not a raster or lacks the fields.

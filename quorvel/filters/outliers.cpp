@@ -64,17 +64,6 @@ std::vector<point> gather(const Field& positions, const std::vector<FragmentSlot
   return all;
 }
 
-// Spreads the low 21 bits of v to every third bit.
-std::uint64_t spread(std::uint64_t v) {
-  v &= 0x1FFFFF;
-  v = (v | v << 32) & 0x1F00000000FFFFull;
-  v = (v | v << 16) & 0x1F0000FF0000FFull;
-  v = (v | v << 8) & 0x100F00F00F00F00Full;
-  v = (v | v << 4) & 0x10C30C30C30C30C3ull;
-  v = (v | v << 2) & 0x1249249249249249ull;
-  return v;
-}
-
 // The points in Morton (z-order) order, with the place each came from: neighbours then lie
 // near each other in memory, so the tree's leaves and a run of queries stay in the caches
 // whatever the order of the file. Non-finite coordinates sort as 0.
@@ -90,7 +79,7 @@ Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& f
     std::uint64_t key = 0;
     for (int a = 0; a < 3; ++a) {
       const double t = (all[i][a] - lo[a]) / (hi[a] - lo[a]) * 2097151.0;
-      key |= spread(t >= 0 && t <= 2097151.0 ? static_cast<std::uint64_t>(t) : 0) << a;
+      key |= spreadBits(t >= 0 && t <= 2097151.0 ? static_cast<std::uint64_t>(t) : 0) << a;
     }
     keyed[i] = {key, static_cast<std::uint32_t>(i)};
   }

@@ -31,6 +31,18 @@ namespace Quorvel {
 // uses.
 void sortByKey(std::vector<std::pair<std::uint64_t, std::uint32_t>>& items);
 
+// Spreads the low 21 bits of v to every third bit: one axis of a Morton (z-order) code, whose
+// order keeps points near each other in space near each other in memory.
+constexpr std::uint64_t spreadBits(std::uint64_t v) {
+  v &= 0x1FFFFF;
+  v = (v | v << 32) & 0x1F00000000FFFFull;
+  v = (v | v << 16) & 0x1F0000FF0000FFull;
+  v = (v | v << 8) & 0x100F00F00F00F00Full;
+  v = (v | v << 4) & 0x10C30C30C30C30C3ull;
+  v = (v | v << 2) & 0x1249249249249249ull;
+  return v;
+}
+
 } // namespace Quorvel
 
 namespace Tarrow {
