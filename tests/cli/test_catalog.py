@@ -91,15 +91,20 @@ NEIGHBOURHOODS = [
 
 @pytest.mark.parametrize("chunk_size", [None, 25.0], ids=["file-chunks", "grid-chunks"])
 def test_buffered_chunks_equal_the_whole_area(survey, tmp_path, chunk_size):
-    pipeline = write_pipeline(tmp_path / "p.json", NEIGHBOURHOODS)
+    root, tiles, _ = survey
+    # Classes from the source moved by 30 cm: each point takes another point's class.
+    transfer = {"command": "transfer", "source": str(root / "source.las"), "bands": "1",
+                "offset": "0.3,0.2,0", "unclassify": True}
+    pipeline = write_pipeline(tmp_path / "p.json", NEIGHBOURHOODS + [transfer])
     want = by_id(whole_area(survey, pipeline, f"whole-{chunk_size}"))
-    _, tiles, _ = survey
     report = qc.Catalog(tiles).run(pipeline, tmp_path / "out", buffer=8, chunk_size=chunk_size,
                                    workers=2)
     assert report.ok and not report.skipped
     got = chunk_outputs(tmp_path / "out")
     # Every point once: chunk edges belong to one chunk.
-    assert_same(got, want, ["RelativeHeight", "RelativeBelows", "Linearity", "NormalVector"])
+    assert_same(got, want, ["RelativeHeight", "RelativeBelows", "Linearity", "NormalVector",
+                            "Classification"])
+    assert (got["Classification"] != scene()[1][got["GpsTime"].astype(int)]).any()
     if chunk_size is None:
         assert sorted(report.written) == sorted(os.path.basename(t)[:-4] for t in tiles)
 
