@@ -8,6 +8,8 @@ Per page (docs/**/*.md), in the page's order, in a fresh folder that holds a cop
 - a ```python block runs with the interpreter running this script, PYTHONPATH at the built
   package (skipped, and counted as such, when no package is given: builds without Python);
 - a block whose info string holds "exit=N" (```sh exit=1) must exit with N: examples of errors;
+- a ```sh block whose info string holds "needs=python" runs commands that use the package
+  (quorvel catalog): skipped as a python block is, when no package is given;
 - a ```json block whose info string names a file (```json file=NAME) is written to NAME, for the
   blocks after it (pipeline files);
 - a ```text block right after a sh or python block (nothing but blank lines between) is output
@@ -176,7 +178,8 @@ class Runner:
         return [sys.executable, "-c", block.text]
 
     def run_block(self, block, folder):
-        if block.language == "python" and not self.python_path:
+        needs_python = block.language == "python" or "needs=python" in block.info.split()
+        if needs_python and not self.python_path:
             self.skipped += 1
             return
         command = self.command(block)
