@@ -14,19 +14,10 @@ Usage: python3 bench/render_yardstick.py QUORVEL WORKDIR [N ...]   (default N: 1
 import pathlib
 import subprocess
 import sys
-import time
 
 import quorvel
 from tile_yardstick import make_las
-
-
-def best(f, runs=5):
-    times = []
-    for _ in range(runs):
-        start = time.perf_counter()
-        f()
-        times.append(time.perf_counter() - start)
-    return min(times)
+from timing import best
 
 
 def main():
