@@ -104,7 +104,9 @@ public:
         },
         "LOW:HIGH, the values from the ramp's first to its last colour");
     app.add_flag("--legend", box_.legend, "add the class names or a colour bar on the right");
-    app.add_flag("--shade", box_.shade, "top views: shade by the slope of the highest points");
+    app.add_flag("--shade", box_.shade,
+                 "top views: shade by the slope of the highest points; rasters: the height "
+                 "colours shaded (not with --hillshade)");
     app.add_flag("--hillshade", box_.hillshade, "rasters: the hillshade of the heights");
     app.add_option_function<std::string>(
         "--from",

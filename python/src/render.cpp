@@ -114,7 +114,8 @@ const char* const Parameters =
     "    classes: only the points of these classes (a range text)\n"
     "    range: (low, high) of the colour ramp; None: the 2nd and 98th percentile\n"
     "    legend: class names or a colour bar on the right\n"
-    "    shade: top views shaded by the slope of the highest points\n"
+    "    shade: top views shaded by the slope of the highest points; rasters: the height colours "
+    "shaded (not with hillshade)\n"
     "    hillshade: rasters as their hillshade (light from azimuth 315, altitude 45)\n"
     "    line: ((x0, y0), (x1, y1)) of a profile, seen from its right\n"
     "    width: a profile's points within this many metres of the line\n"
@@ -157,7 +158,9 @@ void bindBox(py::module_& m) {
       .field("range_high", &Box::range_high,
              "the value of its last colour (equal to range_low: the 2nd and 98th percentile)")
       .field("legend", &Box::legend, "class names or a colour bar on the right")
-      .field("shade", &Box::shade, "top views shaded by the slope of the highest points")
+      .field("shade", &Box::shade,
+             "top views shaded by the slope of the highest points; rasters: the height "
+             "colours shaded (not with hillshade)")
       .field("hillshade", &Box::hillshade, "rasters as their hillshade")
       .field("from_x", &Box::from_x, "x of a profile's start in metres")
       .field("from_y", &Box::from_y, "y of a profile's start in metres")

@@ -1,5 +1,6 @@
 // Quorvel: pictures of rasters: heights through the ramp, or their hillshade as gdaldem draws it
-// (light from the north-west, 45 degrees up), grey or coloured by height.
+// (light from the north-west, 45 degrees up), grey or coloured by height, or the height colours
+// darkened by the hillshade (shade, as top views of clouds).
 #include "quorvel/render/detail/draw.hpp"
 
 #include <algorithm>
@@ -40,11 +41,31 @@ std::pair<double, double> heightRange(const HeightGrid& g, const RenderParameter
   return {at(0.02), at(0.98)};
 }
 
+// A cell's colour under the light: multiplied by the hillshade (--hillshade, as gdaldem), or
+// darkened by it as top views of clouds are (--shade).
+Rgba lit(const HeightGrid& g, long long column, long long row, Rgba colour,
+         const RenderParameterBox& box) {
+  const double shade = hillshade(
+      detail::window([&](long long x, long long y) { return heightAt(g, x, y, std::nan("")); },
+                     column, row),
+      g.sizeX, g.sizeY);
+  if (!box.hillshade)
+    return detail::darkened(colour, shade);
+  const double f = shade / 255.0;
+  return {static_cast<std::uint8_t>(std::lround(colour.r * f)),
+          static_cast<std::uint8_t>(std::lround(colour.g * f)),
+          static_cast<std::uint8_t>(std::lround(colour.b * f)), 255};
+}
+
 } // namespace
 
 Image renderRaster(const HeightGrid& g, const RenderParameterBox& box) {
   if (g.columns == 0 || g.rows == 0 || g.heights.size() != g.columns * g.rows)
     throw std::runtime_error("render: the raster holds no cells");
+  if (box.shade && box.hillshade)
+    throw std::runtime_error("render: shade and hillshade together: a raster is either its "
+                             "grey hillshade (hillshade; coloured by height with by z) or its "
+                             "height colours darkened by the hillshade (shade)");
   const auto [low, high] = heightRange(g, box);
   const bool coloured = !box.hillshade || box.by == "z" || box.by == "height";
   Image image;
@@ -62,20 +83,9 @@ Image renderRaster(const HeightGrid& g, const RenderParameterBox& box) {
       const double h = heightAt(g, c, r, std::nan(""));
       if (std::isnan(h))
         continue;
-      Rgba colour = coloured ? rampColour(high > low ? (h - low) / (high - low) : 0.5)
-                             : Rgba{255, 255, 255, 255};
-      if (box.hillshade) {
-        const double f =
-            hillshade(detail::window(
-                          [&](long long x, long long y) { return heightAt(g, x, y, std::nan("")); },
-                          c, r),
-                      g.sizeX, g.sizeY) /
-            255.0;
-        colour = {static_cast<std::uint8_t>(std::lround(colour.r * f)),
-                  static_cast<std::uint8_t>(std::lround(colour.g * f)),
-                  static_cast<std::uint8_t>(std::lround(colour.b * f)), 255};
-      }
-      image.at(i, row) = colour;
+      const Rgba colour = coloured ? rampColour(high > low ? (h - low) / (high - low) : 0.5)
+                                   : Rgba{255, 255, 255, 255};
+      image.at(i, row) = box.hillshade || box.shade ? lit(g, c, r, colour, box) : colour;
     }
   if (box.legend && coloured)
     detail::addLegend(image, {{}, true, low, high, "height (m)"});

@@ -80,7 +80,8 @@ struct RenderParameterBox {
   // A panel on the right naming the classes drawn, or a colour bar with its values and unit.
   bool legend = false;
   // Top views: colours darkened by the hillshade of the highest points, so that roofs, walls and
-  // trees stand out.
+  // trees stand out; rasters: the height colours darkened by the hillshade of the heights (not
+  // together with hillshade).
   bool shade = false;
   // Rasters: the hillshade of the heights (grey, or colours by height when by names z or height).
   bool hillshade = false;
@@ -130,9 +131,10 @@ struct HeightGrid {
   std::vector<float> heights;
 };
 
-// The picture of a raster's heights, pixel for pixel: colours by height, or with box.hillshade
-// its hillshade (coloured when box.by names z or height); cells without a height transparent.
-// Throws std::runtime_error for a raster without cells or without any height.
+// The picture of a raster's heights, pixel for pixel: colours by height (with box.shade darkened
+// by the hillshade), or with box.hillshade its hillshade (coloured when box.by names z or
+// height); cells without a height transparent. Throws std::runtime_error for a raster without
+// cells or without any height, or with both shade and hillshade.
 Image renderRaster(const HeightGrid& raster, const RenderParameterBox& box);
 
 // A small top view by classification, its longer side `size` pixels: what an overview of many

@@ -245,13 +245,6 @@ std::array<double, 9> window(const Frame& f, std::size_t column, std::size_t row
       static_cast<long long>(column), static_cast<long long>(row));
 }
 
-Rgba darkened(Rgba c, double shade) {
-  // A flat surface keeps most of its colour; a face away from the light keeps 40 %.
-  const double f = 0.4 + 0.6 * shade / 255.0;
-  return {static_cast<std::uint8_t>(c.r * f), static_cast<std::uint8_t>(c.g * f),
-          static_cast<std::uint8_t>(c.b * f), c.a};
-}
-
 // Colours the frame's pixels, and the legend's content.
 detail::LegendContent colour(Frame& f, const RenderParameterBox& box) {
   detail::LegendContent legend;
@@ -271,7 +264,7 @@ detail::LegendContent colour(Frame& f, const RenderParameterBox& box) {
       Rgba c = classes ? palette[cls].colour
                        : rampColour(high > low ? (cell.value - low) / (high - low) : 0.5);
       if (box.shade && box.view == "top")
-        c = darkened(c, hillshade(window(f, column, row), f.image.pixelX, f.image.pixelY));
+        c = detail::darkened(c, hillshade(window(f, column, row), f.image.pixelX, f.image.pixelY));
       f.image.pixels[at] = c;
     }
   for (int c = 0; c < 256; ++c)

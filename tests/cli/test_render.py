@@ -237,6 +237,27 @@ def test_hillshade_of_a_plane_is_uniform_and_a_ridge_is_lit_from_the_north_west(
     assert luminance(coloured[10, 35, :3].astype(float)) > luminance(coloured[10, 3, :3].astype(float))
 
 
+def test_shaded_raster_keeps_its_height_colours_darkened_by_the_hillshade(tmp_path):
+    j, i = np.mgrid[0:30, 0:40].astype(float)
+    heights = (10 - np.abs(i - 20) + 0.2 * j).astype(np.float32)  # a ridge rising northwards
+    ridge = quorvel.raster(heights, cell_size=1.0)
+    flat = quorvel.render_array(ridge)[..., :3].astype(float)
+    shaded = quorvel.render_array(ridge, shade=True)[..., :3].astype(int)
+    # A face away from the light keeps 40 % of its colour, one facing it all of it.
+    for cells, dzdx in ((np.s_[2:28, 2:18], 1), (np.s_[2:28, 22:38], -1)):
+        factor = 0.4 + 0.6 * gdal_hillshade(dzdx, 0.2) / 255
+        assert abs(shaded[cells] - np.floor(flat[cells] * factor)).max() <= 1
+    # From the host too, and --shade with --hillshade is refused by name.
+    tif = tmp_path / "ridge.tif"
+    ridge.write(str(tif))
+    out = tmp_path / "ridge.png"
+    assert run("render", tif, "-o", out, "--shade").returncode == 0
+    np.testing.assert_array_equal(png_pixels(out)[..., :3], shaded)
+    result = run("render", tif, "-o", out, "--shade", "--hillshade")
+    assert result.returncode == 1
+    assert f"{tif}: render: shade and hillshade together" in result.stderr
+
+
 def test_legend_names_the_classes_or_shows_a_colour_bar():
     xyz, classes = scene()
     cloud = quorvel.Cloud(xyz, classification=classes)
