@@ -4,6 +4,7 @@
 #include "cli/stages.hpp"
 #include "io/raster.hpp"
 #include "io/tiles.hpp"
+#include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
 #include "tressel/Grid.hpp"
@@ -91,6 +92,20 @@ Basalt::StrongPtr<Tressel::Grid> ownPoints(const Cloud& cloud, const Las::FileIn
   return own;
 }
 
+// The points of class 2 (ground) of a cloud; none when it has no "Classification".
+std::uint64_t groundPoints(const Tressel::Grid& cloud) {
+  const auto rep = cloud.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
+  const auto classes = rep ? rep->findField("Classification") : nullptr;
+  if (!classes)
+    return 0;
+  std::uint64_t ground = 0;
+  for (const FragmentSlot& slot : fragmentsOf(*classes))
+    if (const auto c = fragmentArray<unsigned char>(*classes, slot))
+      for (std::size_t k = 0; k < c->size(); ++k)
+        ground += (*c)[k] == 2 ? 1 : 0;
+  return ground;
+}
+
 // A name without its folder and extension ("out/dtm.tif": "dtm").
 std::string stemOf(const std::string& path) {
   return fs::path(path).stem().string();
@@ -134,8 +149,12 @@ ChunkResult runChunk(const ChunkJob& job) {
   writeRasters(job, cloud, host, result);
   cloud.grid = ownPoints(cloud, info);
   result.written = pointCount(*cloud.grid);
-  if (result.written > 0)
-    host.save(job.output, cloud);
+  if (result.written == 0)
+    return result;
+  host.save(job.output, cloud);
+  result.ground = groundPoints(*cloud.grid);
+  if (!job.thumbnail.empty())
+    Raster::writeThumbnail(job.thumbnail, *cloud.grid, job.thumbnailSize);
   return result;
 }
 

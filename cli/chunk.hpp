@@ -25,12 +25,17 @@ struct ChunkJob {
   std::array<double, 4> square{0, 0, 0, 0};
   std::string output; // where the chunk's own points go (LAS or LAZ by the name)
   int threads = 1;    // the threads of the run (OpenMP)
+  // Where the top view by classification of the written points goes (PNG with its world file,
+  // for a catalogue's overview page), thumbnailSize pixels along its longer side; empty: none.
+  std::string thumbnail;
+  std::size_t thumbnailSize = 128;
 };
 
 struct ChunkResult {
   std::uint64_t read = 0;    // points read, the buffer's included
   std::uint64_t own = 0;     // the chunk's own points before the pipeline
   std::uint64_t written = 0; // points written (none: no file is written)
+  std::uint64_t ground = 0;  // points written of class 2 (ground)
   // The rasters that stages made, each cut to the chunk: the stem of the name the stage gave
   // ("dtm" for "dtm.tif") and the GeoTIFF written, OUTPUT-STEM_NAME-STEM.tif beside the output.
   std::vector<std::pair<std::string, std::string>> rasters;

@@ -55,10 +55,11 @@ void bindCatalog(py::module_& m) {
       "_catalog_run_chunk",
       [](const std::string& pipeline, const std::vector<std::string>& files,
          const std::array<double, 4>& read, std::optional<std::size_t> ownFile,
-         const std::array<double, 4>& square, const std::string& output, int threads) {
-        Cli::ChunkJob job{pipeline, files,  {read[0], read[1], read[2], read[3], {}},
-                          ownFile,  square, output,
-                          threads};
+         const std::array<double, 4>& square, const std::string& output, int threads,
+         const std::string& thumbnail) {
+        Cli::ChunkJob job{pipeline, files,    {read[0], read[1], read[2], read[3], {}},
+                          ownFile,  square,   output,
+                          threads,  thumbnail};
         Cli::ChunkResult result;
         {
           py::gil_scoped_release released;
@@ -68,6 +69,7 @@ void bindCatalog(py::module_& m) {
         r["read"] = result.read;
         r["own"] = result.own;
         r["written"] = result.written;
+        r["ground"] = result.ground;
         py::list rasters;
         for (const auto& [stem, path] : result.rasters)
           rasters.append(py::make_tuple(stem, path));
@@ -75,11 +77,13 @@ void bindCatalog(py::module_& m) {
         return r;
       },
       py::arg("pipeline"), py::arg("files"), py::arg("read"), py::arg("own_file"),
-      py::arg("square"), py::arg("output"), py::arg("threads") = 1,
+      py::arg("square"), py::arg("output"), py::arg("threads") = 1, py::arg("thumbnail") = "",
       "Runs one chunk of a catalogue: the points of files within read (x0, y0, x1, y1), the\n"
       "pipeline's stages on them all, and the chunk's own points (those of files[own_file], or\n"
       "else those in the half-open square) written to output, and the rasters stages made cut\n"
-      "to the square. Returns the counts and the rasters written.");
+      "to the square; with thumbnail a path, the top view by classification of the points\n"
+      "written goes there. Returns the counts (read, own, written, ground: class 2 points\n"
+      "written) and the rasters written.");
   m.def(
       "_catalog_mosaic",
       [](const std::string& path, const std::vector<std::string>& files) {

@@ -73,7 +73,9 @@ TEST(CatalogChunk, OwnPointsTakeTheWholeAreasValues) {
                       std::nullopt,
                       {-5, -5, 25, 15},
                       folder / "whole.las",
-                      1};
+                      1,
+                      "",
+                      64};
   EXPECT_EQ(Cli::runChunk(whole).written, all.size());
   const std::vector<float> reference = heightsOf(whole.output);
 
@@ -84,12 +86,16 @@ TEST(CatalogChunk, OwnPointsTakeTheWholeAreasValues) {
                     0,
                     {0, 0, 10, 10},
                     folder / "out-a.las",
-                    1};
+                    1,
+                    folder / "out-a.png",
+                    64};
   const Cli::ChunkResult result = Cli::runChunk(job);
   EXPECT_EQ(result.own, a.size());
   EXPECT_EQ(result.written, a.size());
   EXPECT_GT(result.read, a.size());
   EXPECT_LT(result.read, all.size());
+  EXPECT_EQ(result.ground, 0u) << "no Classification: no ground point";
+  EXPECT_TRUE(fs::exists(job.thumbnail) && fs::exists(folder / "out-a.pgw"));
   const auto out = Las::read(job.output).grid;
   const auto positions = Tressel::readField<Point>(*out->CartesianPositions());
   const auto heights =
@@ -125,8 +131,9 @@ TEST(CatalogChunk, OwnPointsTakeTheWholeAreasValues) {
   job.square = {50, 50, 60, 60};
   job.read = {48, 48, 62, 62, {}};
   job.output = folder / "out-none.las";
+  job.thumbnail = folder / "out-none.png";
   EXPECT_EQ(Cli::runChunk(job).written, 0u);
-  EXPECT_FALSE(fs::exists(job.output));
+  EXPECT_FALSE(fs::exists(job.output) || fs::exists(job.thumbnail));
 }
 
 } // namespace
