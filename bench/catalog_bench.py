@@ -6,9 +6,12 @@
    neighbouring files), with the split;
 2. two workers against one on the same catalogue;
 3. the driver alone on 10,000 tiny tiles: the index (headers), the plan (chunks, buffers) and
-   the manifest's check, its time and the process's peak resident memory.
+   the manifest's check, its time and the process's peak resident memory;
+4. the report page's cost (--report: a thumbnail per chunk, ground counts, index.html): the
+   catalogue with one worker with and without it, under this pipeline and under a light one
+   (a selection of every point), where the pictures weigh most.
 
-    PYTHONPATH=build/release/python python3 bench/catalog_bench.py [--quorvel build/release/cli/quorvel]
+    PYTHONPATH=build/release/python python3 bench/catalog_bench.py [--quorvel build/release/cli/quorvel] [--report-only]
 """
 
 import argparse
@@ -97,12 +100,42 @@ def tiny_tiles(folder, count):
     return files
 
 
+def report_cost(tiles, folder):
+    """Seconds of the catalogue (one worker, 10 m buffer) without and with the report page, each
+    the best of two runs into a fresh folder, under a light pipeline and under PIPELINE."""
+    light = os.path.join(folder, "light.json")
+    json.dump([{"command": "select", "range": "0:255"}], open(light, "w"))
+    heavy = os.path.join(folder, "p.json")
+    json.dump(PIPELINE, open(heavy, "w"))
+    points = qc.Catalog(tiles).points
+    for name, pipeline, runs in (("light (select)", light, 2), ("PIPELINE", heavy, 1)):
+        seconds = {}
+        for report in (False, True):
+            best = float("inf")
+            for k in range(runs):
+                out = os.path.join(folder, f"r{report:d}{k}{len(seconds)}{name[0]}")
+                best = min(best, timed(lambda: qc.Catalog(tiles).run(
+                    pipeline, out, buffer=10, workers=1, report=report))[0])
+            seconds[report] = best
+        print(f"  report page, {name}: without {seconds[False]:.2f} s, with {seconds[True]:.2f} s"
+              f" (+{100 * (seconds[True] / seconds[False] - 1):.1f} %, "
+              f"{points / seconds[True]:.0f} points/s)")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--quorvel", default="build/release/cli/quorvel")
     parser.add_argument("--tiny", type=int, default=10_000)
+    parser.add_argument("--report-only", action="store_true",
+                        help="only the report page's cost (4.)")
     args = parser.parse_args()
     host = os.path.abspath(args.quorvel)
+    if args.report_only:
+        with tempfile.TemporaryDirectory() as folder:
+            tiles = survey(folder)
+            print(f"16 tiles, {qc.Catalog(tiles).points} points, buffer 10 m, 1 worker")
+            report_cost(tiles, folder)
+        return
     # The driver alone first, so that the peak resident size is its own.
     with tempfile.TemporaryDirectory() as root:
         folder = os.path.join(root, "tiny")
@@ -143,6 +176,7 @@ def main():
               f" {one / buffered:.2f}")
         print(f"  catalogue, 2 workers: {two:.2f} s, speed-up over 1 worker {one / two:.2f} "
               f"(goal >= 1.8)")
+        report_cost(tiles, folder)
 
 
 if __name__ == "__main__":
