@@ -29,6 +29,10 @@ Error = _quorvel.Error
 # The manifest of finished chunks, one JSON object a line, appended as chunks finish: a run cut
 # off at any moment leaves every line before the last complete.
 MANIFEST = "catalog-manifest.jsonl"
+# The folder of the chunks' pictures beside the report page (index.html), one PNG a chunk.
+THUMBNAILS = "thumbnails"
+# What the report page colours the chunks by at first (the page switches between them).
+PAGE_COLOURINGS = ("status", "points", "density", "ground")
 _EXTENSIONS = (".las", ".laz")
 
 
@@ -89,9 +93,37 @@ class Chunk:
 
 
 @dataclass
+class Tile:
+    """A chunk of a run as its report shows it: its square (x0, y0, x1, y1), its outcome
+    (written, skipped, empty, failed), its points and ground points (class 2) written (None
+    when unknown: failed chunks), its thumbnail (relative to the output folder; None without a
+    report page) and its failure's message."""
+
+    name: str
+    square: tuple
+    status: str
+    points: object = None
+    ground: object = None
+    thumbnail: object = None
+    message: object = None
+
+    @property
+    def density(self):
+        """Points written per square unit of the chunk's square (None: unknown, or no area)."""
+        area = (self.square[2] - self.square[0]) * (self.square[3] - self.square[1])
+        return self.points / area if self.points is not None and area > 0 else None
+
+    @property
+    def ground_share(self):
+        """Ground points (class 2) per point written (None: unknown, or no point)."""
+        return self.ground / self.points if self.points and self.ground is not None else None
+
+
+@dataclass
 class Report:
     """What a run did: chunk names by outcome, failures with their messages, the VRT mosaics
-    of the rasters that stages made, points read and written, and the seconds it took."""
+    of the rasters that stages made, points read and written, the seconds it took, every
+    chunk as a Tile, and the report page written (None: not asked for)."""
 
     written: list = field(default_factory=list)
     skipped: list = field(default_factory=list)
@@ -101,6 +133,8 @@ class Report:
     points_read: int = 0
     points_written: int = 0
     seconds: float = 0.0
+    tiles: list = field(default_factory=list)
+    page: object = None
 
     @property
     def ok(self):
@@ -184,7 +218,8 @@ class Catalog:
         return Chunk(_stem(self.files[k]), box, read, files, meeting.index(k))
 
     def run(self, pipeline, output, buffer=0.0, chunk_size=None, alignment=(0.0, 0.0),
-            workers=None, scheduler=None, force=False, stop_early=False, progress=None):
+            workers=None, scheduler=None, force=False, stop_early=False, progress=None,
+            report=False, report_by="status"):
         """Runs pipeline (a pipeline file: stage objects, its input and output file names
         optional and ignored) on every chunk and writes each chunk's own points to output/ as
         {name}.las (file chunks: the file's stem and type) or {x}_{y}.las (grid chunks: the
@@ -193,11 +228,17 @@ class Catalog:
         force. A failing chunk is reported and the others go on (stop_early: the run ends).
         workers: processes of the local cluster (default: one per core); scheduler: the
         address of an existing Dask cluster instead ("tcp://HOST:PORT"), whose workers see the
-        same paths. progress: called with the report after each chunk. Returns a Report."""
+        same paths. progress: called with the report after each chunk. report: the workers
+        also draw each chunk's points (output/thumbnails/NAME.png) and the run ends by writing
+        output/index.html, an overview page of the chunks for a browser, coloured at first by
+        report_by (status, points, density or ground). Returns a Report."""
         from .catalog_run import Run  # the Dask side, imported when a run starts
 
+        if report_by not in PAGE_COLOURINGS:
+            raise Error(f"report_by: \"{report_by}\" is none of {', '.join(PAGE_COLOURINGS)}")
+        page = report_by if report else None
         return Run(self, pipeline, output, buffer, chunk_size, alignment, workers, scheduler,
-                   force, stop_early, progress).go()
+                   force, stop_early, progress, page).go()
 
 
 class _BoxIndex:

@@ -9,14 +9,17 @@ import sys
 import time
 
 from . import _quorvel
-from .catalog import MANIFEST, Catalog, Error, Report, _stem, run_hash
+from .catalog import (MANIFEST, PAGE_COLOURINGS, THUMBNAILS, Catalog, Error, Report, Tile, _stem,
+                      run_hash)
 
 
-def _run_chunk(pipeline, files, read, own_file, square, output, threads):
-    """One chunk, in a worker: the C++ library reads, runs and writes (the GIL released)."""
+def _run_chunk(pipeline, files, read, own_file, square, output, threads, thumbnail):
+    """One chunk, in a worker: the C++ library reads, runs and writes (the GIL released), and
+    with thumbnail a path draws the points written there."""
     from quorvel import _quorvel as q
 
-    return q._catalog_run_chunk(pipeline, files, read, own_file, square, output, threads)
+    return q._catalog_run_chunk(pipeline, files, read, own_file, square, output, threads,
+                                thumbnail)
 
 
 def _stamp(path):
@@ -26,7 +29,8 @@ def _stamp(path):
 
 class Manifest:
     """The finished chunks of the runs into one output folder: per chunk the run's hash, the
-    size and modification time of every file it read and what it wrote."""
+    size and modification time of every file it read, what it wrote, its points and ground
+    points (class 2) and its thumbnail (runs with a report page)."""
 
     def __init__(self, folder):
         self.path = os.path.join(folder, MANIFEST)
@@ -43,16 +47,23 @@ class Manifest:
             pass
         self.file = open(self.path, "a", encoding="utf-8")
 
-    def finished(self, chunk, run, inputs, folder):
+    def finished(self, chunk, run, inputs, folder, thumbnails=False):
+        """Whether an earlier run left the chunk's results; thumbnails: its thumbnail too (a
+        chunk finished by a run without a report page is redone for its picture)."""
         entry = self.done.get(chunk.name)
         if not entry or entry.get("run") != run or entry.get("inputs") != inputs:
             return False
         files = [entry.get("output")] + [name for _, name in entry.get("rasters", [])]
+        if thumbnails and entry.get("output") is not None:
+            if not entry.get("thumbnail"):
+                return False
+            files.append(entry["thumbnail"])
         return all(f is None or os.path.exists(os.path.join(folder, f)) for f in files)
 
-    def add(self, chunk, run, inputs, output, points, rasters):
+    def add(self, chunk, run, inputs, output, counts, rasters, thumbnail):
         entry = {"chunk": chunk.name, "run": run, "inputs": inputs, "output": output,
-                 "points": points, "rasters": rasters}
+                 "points": counts["written"], "ground": counts["ground"], "rasters": rasters,
+                 "thumbnail": thumbnail}
         self.done[chunk.name] = entry
         self.file.write(json.dumps(entry, separators=(",", ":")) + "\n")
         self.file.flush()
@@ -92,7 +103,7 @@ class Progress:
 
 class Run:
     def __init__(self, catalog, pipeline, output, buffer, chunk_size, alignment, workers,
-                 scheduler, force, stop_early, progress):
+                 scheduler, force, stop_early, progress, page):
         self.catalog = catalog
         self.pipeline = os.path.abspath(str(pipeline))
         self.output = os.path.abspath(str(output))
@@ -101,6 +112,8 @@ class Run:
         self.run = run_hash(self.pipeline, buffer, chunk_size, alignment)
         self.workers, self.scheduler = workers, scheduler
         self.force, self.stop_early, self.progress = force, stop_early, progress
+        self.page = page
+        self.counts = {}  # chunk name: points, ground points and thumbnail, of chunks run now
         if workers is not None and (int(workers) != workers or workers < 1):
             raise Error(f"workers must be a whole number of 1 or more, not {workers}")
         # Checks the pipeline before any worker starts: a mistake is said once, not per chunk.
@@ -123,9 +136,14 @@ class Run:
             if todo:
                 self._schedule(todo, manifest, report, start)
             self._mosaics(manifest, report)
+            self._tiles(manifest, report)
         finally:
             manifest.close()
             report.seconds = time.monotonic() - start
+        if self.page:
+            from .catalog_page import write_page
+
+            report.page = write_page(report, self.output, self.page)
         return report
 
     def _plan(self, manifest, report):
@@ -135,7 +153,8 @@ class Run:
         todo = []
         for chunk in self.chunks:
             inputs = {f: _stamp(f) for f in chunk.files}
-            if not self.force and manifest.finished(chunk, self.run, inputs, self.output):
+            if not self.force and manifest.finished(chunk, self.run, inputs, self.output,
+                                                    self.page):
                 report.skipped.append(chunk.name)
             else:
                 todo.append((chunk, inputs))
@@ -156,13 +175,16 @@ class Run:
         from dask.distributed import as_completed
 
         client, cluster = self._client()
+        if self.page:
+            os.makedirs(os.path.join(self.output, THUMBNAILS), exist_ok=True)
         bar = Progress(len(self.chunks), sys.stderr.isatty() and self.progress is None)
         try:
             futures = {}
             for chunk, inputs in todo:
                 target = os.path.join(self.output, self._outputName(chunk))
                 future = client.submit(_run_chunk, self.pipeline, chunk.files, chunk.read,
-                                       chunk.own_file, chunk.square, target, 1, pure=False,
+                                       chunk.own_file, chunk.square, target, 1,
+                                       self._thumbnail(chunk), pure=False,
                                        key=f"chunk-{chunk.name}-{self.run[:12]}")
                 futures[future] = (chunk, inputs, target)
             for future in as_completed(list(futures)):
@@ -180,6 +202,12 @@ class Run:
             client.close()
             if cluster is not None:
                 cluster.close()
+
+    def _thumbnail(self, chunk):
+        """Where the worker draws the chunk's points for the report page ("": no page)."""
+        if not self.page:
+            return ""
+        return os.path.join(self.output, THUMBNAILS, chunk.name + ".png")
 
     def _sweep(self, todo):
         """Removes what chunks cut off (a worker killed while writing) left beside their
@@ -204,11 +232,30 @@ class Run:
         name = os.path.basename(target) if counts["written"] else None
         (report.written if name else report.empty).append(chunk.name)
         rasters = [[stem, os.path.basename(path)] for stem, path in counts["rasters"]]
+        thumbnail = self._thumbnail(chunk) if name else ""
+        thumbnail = os.path.relpath(thumbnail, self.output) if thumbnail else None
+        self.counts[chunk.name] = {"points": counts["written"], "ground": counts["ground"],
+                                   "thumbnail": thumbnail}
         # Chunks beside an unreadable file may have missed its points: none is recorded, so
         # that a rerun after the file is repaired redoes them.
         if not (self.catalog.unreadable and (self.buffered or chunk.own_file is None)):
-            manifest.add(chunk, self.run, inputs, name, counts["written"], rasters)
+            manifest.add(chunk, self.run, inputs, name, counts, rasters, thumbnail)
         return True
+
+    def _tiles(self, manifest, report):
+        """Every chunk of the run with its square, outcome and points (those of chunks
+        skipped from the manifest), in the order of the plan."""
+        outcome = {name: status for status in ("written", "skipped", "empty")
+                   for name in getattr(report, status)}
+        for chunk in self.chunks:
+            status = outcome.get(chunk.name, "failed" if chunk.name in report.failed else None)
+            if status is None:
+                continue  # not run: the run stopped early
+            counts = self.counts.get(chunk.name) or manifest.done.get(chunk.name) or {}
+            report.tiles.append(Tile(chunk.name, tuple(chunk.square), status,
+                                     counts.get("points"), counts.get("ground"),
+                                     counts.get("thumbnail") if self.page else None,
+                                     report.failed.get(chunk.name)))
 
     def _mosaics(self, manifest, report):
         """One GDAL VRT per raster the stages made (OUTDIR/NAME.vrt), over the pieces of
@@ -256,13 +303,19 @@ def main(argv=None):
     parser.add_argument("--force", action="store_true", help="redo chunks already finished")
     parser.add_argument("--stop-early", action="store_true",
                         help="end the run at the first failing chunk")
+    parser.add_argument("--report", action="store_true",
+                        help="also write OUTDIR/index.html, an overview page of the chunks with "
+                        "their statistics and pictures (OUTDIR/thumbnails/)")
+    parser.add_argument("--report-by", choices=PAGE_COLOURINGS, default="status",
+                        help="what the page colours the chunks by at first (default status)")
     parser.add_argument("-q", "--quiet", action="store_true", help="no progress, no summary")
     args = parser.parse_args(argv)
     try:
         catalog = Catalog(args.inputs)
         report = catalog.run(args.pipeline, args.output, args.buffer, args.chunk_size,
                              args.alignment, args.workers, args.scheduler, args.force,
-                             args.stop_early, (lambda r: None) if args.quiet else None)
+                             args.stop_early, (lambda r: None) if args.quiet else None,
+                             args.report, args.report_by)
     except Error as e:
         print(f"quorvel: error: {e}", file=sys.stderr)
         return 1
@@ -270,4 +323,6 @@ def main(argv=None):
         print(f"quorvel catalog: chunk {name}: {message}", file=sys.stderr)
     if not args.quiet:
         print(report.summary(), file=sys.stderr)
+        if report.page:
+            print(f"quorvel catalog: the overview page: {report.page}", file=sys.stderr)
     return 0 if report.ok else 1
