@@ -32,7 +32,7 @@ MANIFEST = "catalog-manifest.jsonl"
 # The folder of the chunks' pictures beside the report page (index.html), one PNG a chunk.
 THUMBNAILS = "thumbnails"
 # What the report page colours the chunks by at first (the page switches between them).
-PAGE_COLOURINGS = ("status", "points", "density", "ground")
+PAGE_COLOURINGS = ("status", "points", "density", "ground", "pictures")
 _EXTENSIONS = (".las", ".laz")
 
 
@@ -231,7 +231,7 @@ class Catalog:
         same paths. progress: called with the report after each chunk. report: the workers
         also draw each chunk's points (output/thumbnails/NAME.png) and the run ends by writing
         output/index.html, an overview page of the chunks for a browser, coloured at first by
-        report_by (status, points, density or ground). Returns a Report."""
+        report_by (status, points, density, ground or pictures). Returns a Report."""
         from .catalog_run import Run  # the Dask side, imported when a run starts
 
         if report_by not in PAGE_COLOURINGS:
