@@ -166,8 +166,10 @@ class Run:
         if self.scheduler:
             return Client(self.scheduler), None
         workers = self.workers or os.cpu_count() or 1
+        # The scheduler's HTTP server on a free loopback port: the default (8787, on every
+        # address) warns on standard error whenever another cluster holds that port.
         cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
-                               host="127.0.0.1", dashboard_address=None,
+                               host="127.0.0.1", dashboard_address="127.0.0.1:0",
                                silence_logs=logging.ERROR)
         return Client(cluster), cluster
 
