@@ -237,10 +237,10 @@ def test_report_by_colours_by_a_statistic_and_python_returns_tiles(tmp_path):
     plain = qc.Catalog(tiles).run(str(pipeline), tmp_path / "out", workers=1)
     counts = expected(x, y, kind)
     assert {t.name: (t.points, t.ground) for t in plain.tiles} == counts and plain.page is None
-    # Chunks finished without pictures are redone for them.
+    # Chunks finished without pictures are redone for them (an empty one has none).
     report = qc.Catalog(tiles).run(str(pipeline), tmp_path / "out", workers=1, report=True,
                                    report_by="ground")
-    assert sorted(report.written) == ["0_0", "40_0", "40_40"] and report.empty == ["0_40"]
+    assert sorted(report.written) == ["0_0", "40_0", "40_40"] and report.skipped == ["0_40"]
     assert {t.name: (t.points, t.ground) for t in report.tiles} == counts
     assert report.page == str(tmp_path / "out" / "index.html")
     url = (tmp_path / "out" / "index.html").as_uri()
