@@ -15,6 +15,9 @@ namespace {
 // crossed by no edge, while the grid stays a few bytes per cell.
 constexpr double CellsPerEdge = 64.0;
 constexpr double MostCells = 1 << 22;
+// Edges listed in cells (32 bytes each): at most this many, or so many per edge.
+constexpr double MostListed = 1 << 21;
+constexpr double ListedPerEdge = 8.0;
 
 // Cells of side length extent / count, count between 1 and the cap.
 std::size_t cellCount(double extent, double side, double cap) {
@@ -46,22 +49,37 @@ PolygonIndex::PolygonIndex(const Polygon& polygon) {
   std::copy(lo, lo + 2, lo_);
   std::copy(hi, hi + 2, hi_);
   const double width = hi_[0] - lo_[0], height = hi_[1] - lo_[1];
+  // Within this of a cell, an edge counts as crossing it: well above the rounding of the
+  // coordinates and of the cell arithmetic, far below any distance that matters.
+  const double magnitude = std::max(
+      {std::abs(lo_[0]), std::abs(lo_[1]), std::abs(hi_[0]), std::abs(hi_[1]), width, height});
+  hair_ = magnitude * 1e-12 + std::max(width, height) * 1e-9;
   const double cells = std::min(CellsPerEdge * static_cast<double>(edges.size()), MostCells);
   const double area = width * height;
-  const double side = area > 0 ? std::sqrt(area / cells) : std::max(width, height) / cells;
+  double side = area > 0 ? std::sqrt(area / cells) : std::max(width, height) / cells;
+  // Long edges over fine cells would be listed in very many cells (a star of long thin spikes):
+  // the grid is made coarser until the lists fit their budget.
+  const double budget = std::max(MostListed, ListedPerEdge * static_cast<double>(edges.size()));
+  for (;; side *= 2) {
+    layOut(side);
+    double listed = 0;
+    for (const Edge& e : edges)
+      forEachCell(e, [&](std::size_t, std::size_t) { ++listed; });
+    if (listed <= budget || columns_ * rows_ == 1)
+      break;
+  }
+  listEdges(edges);
+  settleCells(edges);
+}
+
+void PolygonIndex::layOut(double side) {
+  const double width = hi_[0] - lo_[0], height = hi_[1] - lo_[1];
   columns_ = cellCount(width, side, std::sqrt(MostCells));
   rows_ = cellCount(height, side, std::sqrt(MostCells));
   step_[0] = width > 0 ? width / static_cast<double>(columns_) : 1.0;
   step_[1] = height > 0 ? height / static_cast<double>(rows_) : 1.0;
   perStep_[0] = 1.0 / step_[0];
   perStep_[1] = 1.0 / step_[1];
-  // Within this of a cell, an edge counts as crossing it: well above the rounding of the
-  // coordinates and of the cell arithmetic, far below any distance that matters.
-  const double magnitude = std::max(
-      {std::abs(lo_[0]), std::abs(lo_[1]), std::abs(hi_[0]), std::abs(hi_[1]), width, height});
-  hair_ = magnitude * 1e-12 + std::max(width, height) * 1e-9;
-  listEdges(edges);
-  settleCells(edges);
 }
 
 template <class Visit>
@@ -104,13 +122,19 @@ void PolygonIndex::listEdges(const std::vector<Edge>& edges) {
 // from the crossings of the horizontal line through the references of its row. A cell that no
 // edge crosses has the state of its reference; a crossed one keeps the parity in its low bit.
 void PolygonIndex::settleCells(const std::vector<Edge>& edges) {
+  // The edges each row's line may cross: those whose y extent meets the row.
+  std::vector<std::vector<const Edge*>> byRow(rows_);
+  for (const Edge& e : edges)
+    for (std::size_t r = row(std::min(e.ay, e.by)), last = row(std::max(e.ay, e.by)); r <= last;
+         ++r)
+      byRow[r].push_back(&e);
   std::vector<double> crossings;
   for (std::size_t r = 0; r < rows_; ++r) {
     const double y = referenceY(r);
     crossings.clear();
-    for (const Edge& e : edges)
-      if ((e.ay > y) != (e.by > y))
-        crossings.push_back(e.ax + (y - e.ay) * (e.bx - e.ax) / (e.by - e.ay));
+    for (const Edge* e : byRow[r])
+      if ((e->ay > y) != (e->by > y))
+        crossings.push_back(e->ax + (y - e->ay) * (e->bx - e->ax) / (e->by - e->ay));
     std::sort(crossings.begin(), crossings.end());
     for (std::size_t c = 0; c < columns_; ++c) {
       const double x = referenceX(c);

@@ -34,6 +34,8 @@ private:
   // A cell's state: the parity of its reference point, and whether edges cross it.
   enum : std::uint8_t { Inside = 1, Crossed = 2 };
 
+  // Cells of about side by side over the box.
+  void layOut(double side);
   // Calls visit(row, column) for every cell the edge comes within a hair of.
   template <class Visit>
   void forEachCell(const Edge& e, Visit&& visit) const;
