@@ -155,22 +155,20 @@ bool PolygonIndex::contains(double x, double y) const {
   // reference: each edge met flips the parity. The rules for vertices match the ray's, which
   // counts an edge when one end is above y and the other not, and a crossing strictly right.
   const double rx = referenceX(c), ry = referenceY(r);
+  const double xFrom = std::min(x, rx), xTo = std::max(x, rx);
+  const double yFrom = std::min(y, ry), yTo = std::max(y, ry);
   for (std::uint32_t k = first_[cell]; k < first_[cell + 1]; ++k) {
     const Edge& e = edges_[k];
     const double cross = (e.bx - e.ax) * (y - e.ay) - (e.by - e.ay) * (x - e.ax);
     if (cross == 0.0 && x >= std::min(e.ax, e.bx) && x <= std::max(e.ax, e.bx) &&
         y >= std::min(e.ay, e.by) && y <= std::max(e.ay, e.by))
       return true;
-    if ((e.ay > y) != (e.by > y)) {
-      const double at = e.ax + (y - e.ay) * (e.bx - e.ax) / (e.by - e.ay);
-      if (x < rx ? x < at && at <= rx : rx < at && at <= x)
-        inside = !inside;
-    }
-    if ((e.ax > rx) != (e.bx > rx)) {
-      const double at = e.ay + (rx - e.ax) * (e.by - e.ay) / (e.bx - e.ax);
-      if (y < ry ? y < at && at <= ry : ry < at && at <= y)
-        inside = !inside;
-    }
+    // Without branches, which the data would make unpredictable. An edge parallel to a leg
+    // gives an infinite or NaN quotient, but then its straddle test is false.
+    const double atX = e.ax + (y - e.ay) * (e.bx - e.ax) / (e.by - e.ay);
+    const double atY = e.ay + (rx - e.ax) * (e.by - e.ay) / (e.bx - e.ax);
+    inside ^= ((e.ay > y) != (e.by > y)) & (xFrom < atX) & (atX <= xTo);
+    inside ^= ((e.ax > rx) != (e.bx > rx)) & (yFrom < atY) & (atY <= yTo);
   }
   return inside;
 }
