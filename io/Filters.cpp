@@ -90,19 +90,21 @@ std::string missingGrids(const OGRSpatialReference& from, const OGRSpatialRefere
   const Owned<PJ_CONTEXT, proj_context_destroy> context(proj_context_create());
   proj_log_level(context.get(), PJ_LOG_NONE);
   const auto a = projSystem(context.get(), from), b = projSystem(context.get(), to);
-  PJ_OPERATION_FACTORY_CONTEXT* f = proj_create_operation_factory_context(context.get(), nullptr);
-  if (!a || !b || !f)
+  const Owned<PJ_OPERATION_FACTORY_CONTEXT, proj_operation_factory_context_destroy> factory(
+      proj_create_operation_factory_context(context.get(), nullptr));
+  if (!a || !b || !factory)
     return {};
-  proj_operation_factory_context_set_grid_availability_use(context.get(), f,
+  proj_operation_factory_context_set_grid_availability_use(context.get(), factory.get(),
                                                            PROJ_GRID_AVAILABILITY_USED_FOR_SORTING);
-  proj_operation_factory_context_set_allow_ballpark_transformations(context.get(), f, 0);
-  PJ_OBJ_LIST* operations = proj_create_operations(context.get(), a.get(), b.get(), f);
-  proj_operation_factory_context_destroy(f);
+  proj_operation_factory_context_set_allow_ballpark_transformations(context.get(), factory.get(),
+                                                                    0);
+  const Owned<PJ_OBJ_LIST, proj_list_destroy> operations(
+      proj_create_operations(context.get(), a.get(), b.get(), factory.get()));
   std::set<std::string> missing;
   bool runs = false;
-  const int count = operations ? proj_list_get_count(operations) : 0;
+  const int count = operations ? proj_list_get_count(operations.get()) : 0;
   for (int k = 0; k < count && !runs; ++k) {
-    const Owned<PJ, proj_destroy> operation(proj_list_get(context.get(), operations, k));
+    const Owned<PJ, proj_destroy> operation(proj_list_get(context.get(), operations.get(), k));
     runs = proj_coordoperation_is_instantiable(context.get(), operation.get());
     for (int g = 0; g < proj_coordoperation_get_grid_used_count(context.get(), operation.get());
          ++g) {
@@ -114,7 +116,6 @@ std::string missingGrids(const OGRSpatialReference& from, const OGRSpatialRefere
         missing.insert(name);
     }
   }
-  proj_list_destroy(operations);
   std::string names;
   for (const std::string& name : missing)
     names += (names.empty() ? "" : " or ") + name;
