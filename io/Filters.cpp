@@ -8,9 +8,11 @@
 #include <ogr_geometry.h>
 #include <ogr_spatialref.h>
 #include <ogrsf_frmts.h>
+#include <proj.h>
 
 #include <cstring>
 #include <memory>
+#include <set>
 
 namespace Quorvel::Raster {
 
@@ -64,6 +66,60 @@ bool appendGeometry(const OGRGeometry& geometry, std::vector<Polygon>& out) {
   default:
     return false;
   }
+}
+
+// PROJ's objects, freed by their own functions.
+template <class T, auto Free>
+using Owned = std::unique_ptr<T, decltype([](T* p) { Free(p); })>;
+
+// A system as PROJ reads it, through its WKT2 (which keeps the grids of a bound system).
+Owned<PJ, proj_destroy> projSystem(PJ_CONTEXT* context, const OGRSpatialReference& reference) {
+  char* wkt = nullptr;
+  const char* const options[] = {"FORMAT=WKT2_2019", nullptr};
+  Owned<PJ, proj_destroy> system;
+  if (reference.exportToWkt(&wkt, options) == OGRERR_NONE && wkt)
+    system.reset(proj_create(context, wkt));
+  CPLFree(wkt);
+  return system;
+}
+
+// The grids PROJ lacks when every operation between the systems, ballpark ones aside, needs
+// one of them; empty when one can run. Without this, PROJ would fall back on a ballpark
+// operation and leave heights unchanged without a word.
+std::string missingGrids(const OGRSpatialReference& from, const OGRSpatialReference& to) {
+  const Owned<PJ_CONTEXT, proj_context_destroy> context(proj_context_create());
+  proj_log_level(context.get(), PJ_LOG_NONE);
+  const auto a = projSystem(context.get(), from), b = projSystem(context.get(), to);
+  const Owned<PJ_OPERATION_FACTORY_CONTEXT, proj_operation_factory_context_destroy> factory(
+      proj_create_operation_factory_context(context.get(), nullptr));
+  if (!a || !b || !factory)
+    return {};
+  proj_operation_factory_context_set_grid_availability_use(context.get(), factory.get(),
+                                                           PROJ_GRID_AVAILABILITY_USED_FOR_SORTING);
+  proj_operation_factory_context_set_allow_ballpark_transformations(context.get(), factory.get(),
+                                                                    0);
+  const Owned<PJ_OBJ_LIST, proj_list_destroy> operations(
+      proj_create_operations(context.get(), a.get(), b.get(), factory.get()));
+  std::set<std::string> missing;
+  bool runs = false;
+  const int count = operations ? proj_list_get_count(operations.get()) : 0;
+  for (int k = 0; k < count && !runs; ++k) {
+    const Owned<PJ, proj_destroy> operation(proj_list_get(context.get(), operations.get(), k));
+    runs = proj_coordoperation_is_instantiable(context.get(), operation.get());
+    for (int g = 0; g < proj_coordoperation_get_grid_used_count(context.get(), operation.get());
+         ++g) {
+      const char* name = nullptr;
+      int available = 1;
+      proj_coordoperation_get_grid_used(context.get(), operation.get(), g, &name, nullptr, nullptr,
+                                        nullptr, nullptr, nullptr, &available);
+      if (!available && name)
+        missing.insert(name);
+    }
+  }
+  std::string names;
+  for (const std::string& name : missing)
+    names += (names.empty() ? "" : " or ") + name;
+  return runs ? std::string() : names;
 }
 
 } // namespace
@@ -122,6 +178,11 @@ Transformation transformation(const std::string& from, const std::string& to) {
     if (const auto cs = coordinateSystemOfWkt(wkt))
       t.target = *cs;
   CPLFree(wkt);
+  if (source->IsVertical() || target->IsVertical())
+    if (const std::string grids = missingGrids(*source, *target); !grids.empty())
+      throw Las::Error("from \"" + from + "\" to \"" + to + "\" needs the grid " + grids +
+                       ", which PROJ does not find (put it in PROJ's data directory or name "
+                       "that directory in PROJ_DATA)");
   std::shared_ptr<const OGRSpatialReference> a(source->Clone()), b(target->Clone());
   // Checked once here, so that a refusal names the systems before any point is read.
   if (!std::unique_ptr<OGRCoordinateTransformation>(

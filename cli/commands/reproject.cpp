@@ -35,10 +35,16 @@ public:
     auto info = Las::fileInfo(*cloud.grid);
     const std::string from =
         box_.source.empty() ? Raster::coordinateSystemOf(*cloud.grid) : box_.source;
+    const std::string name = input().empty() ? std::string("the cloud") : input();
     if (from.empty())
-      throw Error("reproject: " + (input().empty() ? std::string("the cloud") : input()) +
-                  " has no coordinate system: give --from");
-    const auto transformation = Raster::transformation(from, box_.target);
+      throw Error("reproject: " + name + " has no coordinate system: give --from");
+    const auto transformation = [&] {
+      try {
+        return Raster::transformation(from, box_.target);
+      } catch (const Las::Error& e) {
+        throw Error("reproject: " + name + ": " + e.what());
+      }
+    }();
     box_.inputScale = info ? info->header.scale : std::array<double, 3>{0.001, 0.001, 0.001};
     box_.message.clear();
     bool done = false;

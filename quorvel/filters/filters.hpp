@@ -44,8 +44,8 @@ struct CropParameterBox {
 };
 
 // Whether each of n x-y points lies in the union of the polygons (boundaries inside), as bytes
-// 0/1. Edges are sorted into horizontal bands once, so that a point meets only the edges of its
-// band: a polygon of thousands of vertices costs a few edge tests per point.
+// 0/1. Each polygon gets a grid of cells known to be inside, outside or crossed by edges once, so
+// that most points need no edge test and the others test the few edges of their cells.
 std::vector<std::uint8_t> insidePolygons(const std::vector<Polygon>& polygons, std::size_t n,
                                          const double* x, const double* y);
 

@@ -346,6 +346,46 @@ def test_reproject_known_pair_round_trip_and_records(tmp_path):
     assert np.abs(back - src).max() < 1e-3
 
 
+def write_gtx(path, south, west, step, heights):
+    """A GTX grid (big-endian): origin, steps, rows and columns, then rows from south to north."""
+    rows, cols = heights.shape
+    pathlib.Path(path).write_bytes(struct.pack(">4d2i", south, west, step, step, rows, cols)
+                                   + heights.astype(">f4").tobytes())
+
+
+def bilinear(heights, south, west, step, lon, lat):
+    fi, fj = (lat - south) / step, (lon - west) / step
+    i, j = np.floor(fi).astype(int), np.floor(fj).astype(int)
+    a, b = fi - i, fj - j
+    return (heights[i, j] * (1 - a) * (1 - b) + heights[i + 1, j] * a * (1 - b)
+            + heights[i, j + 1] * (1 - a) * b + heights[i + 1, j + 1] * a * b)
+
+
+def test_reproject_heights_through_a_geoid_grid(tmp_path):
+    # A geoid-like grid over 11.9..12.1 E, 54.9..55.1 N whose heights are not a plane, so that
+    # a wrong corner or weight shows.
+    i, j = np.mgrid[0:5, 0:5]
+    heights = (30 + 3 * i + 7 * j + 0.5 * i * j + (i == 2) * (j == 3) * 4.0).astype(np.float32)
+    write_gtx(tmp_path / "geoid.gtx", 54.9, 11.9, 0.05, heights)
+    rng = np.random.default_rng(8)
+    lonlat = np.column_stack([rng.uniform(11.91, 12.09, 60), rng.uniform(54.91, 55.09, 60),
+                              rng.uniform(-5, 80, 60)])
+    lonlat[:3, :2] = [[12.0, 55.0], [12.05, 55.0], [11.95, 55.05]]  # on grid nodes
+    src = write_las(tmp_path / "h.las", lonlat, scale=(1e-7, 1e-7, 0.001))
+    geoid = f"+proj=longlat +datum=WGS84 +geoidgrids={tmp_path / 'geoid.gtx'} +vunits=m +type=crs"
+    undulation = bilinear(heights.astype(float), 54.9, 11.9, 0.05, src[:, 0], src[:, 1])
+    # Ellipsoidal heights to heights above the geoid: h - N, and back: H + N.
+    for source, target, sign in (("EPSG:4979", geoid, -1), (geoid, "EPSG:4979", 1)):
+        quorvel("reproject", tmp_path / "h.las", "-o", tmp_path / "o.las", "--from", source,
+                "--to", target)
+        out = read_las(tmp_path / "o.las")[0]
+        assert np.abs(out[:, :2] - src[:, :2]).max() < 1e-7
+        assert np.abs(out[:, 2] - (src[:, 2] + sign * undulation)).max() < 1e-3
+    bad = quorvel("reproject", tmp_path / "h.las", "-o", tmp_path / "o.las", "--from",
+                  "EPSG:4979", "--to", geoid.replace("geoid.gtx", "absent.gtx"), ok=False)
+    assert "absent.gtx" in bad.stderr and "h.las" in bad.stderr
+
+
 def test_reproject_needs_a_system(tmp_path):
     write_las(tmp_path / "n.las", np.array([[1.0, 2, 3]]))
     bad = quorvel("reproject", tmp_path / "n.las", "-o", tmp_path / "o.las", "--to", "EPSG:4326",
