@@ -80,6 +80,17 @@ def test_laz_claims_beyond_the_bytes_are_refused(tmp_path):
     assert (f"{tmp_path / 'bomb.laz'}: chunk 0 of 1 holds {chunk_bytes} bytes, too few for the "
             f"200000000 points it is given (at most {1 + 2048 * chunk_bytes}, 2048 a byte)") in err
 
+    # Claims the bound lets through: memory runs out, or the points run out of bytes; either way
+    # the file is named, with what was being read.
+    for claim, reason in ((2000 * chunk_bytes, "out of memory while reading its points (the file "
+                           f"holds {len(bomb)} bytes)"),
+                          (100 * chunk_bytes, "chunk 0 of 1: truncated (its points need more "
+                           "bytes than it holds)")):
+        struct.pack_into("<I", bomb, 107, claim)
+        (tmp_path / "bomb.laz").write_bytes(bomb)
+        err = refused("convert", tmp_path / "bomb.laz", tmp_path / "out.las")
+        assert f"{tmp_path / 'bomb.laz'}: {reason}" in err
+
     # A count one short: the last point is not dropped without a word.
     short = bytearray(data)
     struct.pack_into("<I", short, 107, count - 1)
