@@ -100,6 +100,15 @@ def test_laz_claims_beyond_the_bytes_are_refused(tmp_path):
                      r": chunk 0 of 1: \d+ of its %d bytes are left after its 1064 points: it "
                      r"holds more points than the file counts" % chunk_bytes, err), err
 
+    # The same in a layered chunk (point format 6), whose own count tells the truth.
+    layered = bytearray((SAMPLES / "1_4_w_evlr.laz").read_bytes())
+    assert layered[104] & 0x3F == 6 and struct.unpack_from("<Q", layered, 247)[0] == 1000
+    struct.pack_into("<Q", layered, 247, 999)
+    (tmp_path / "short6.laz").write_bytes(layered)
+    err = refused("convert", tmp_path / "short6.laz", tmp_path / "out.las")
+    assert (f"{tmp_path / 'short6.laz'}: chunk 0 of 1: it holds 1000 points, the file counts 999 "
+            "in it") in err
+
     # The file as it is reads whole.
     code, err = run_limited("convert", SAMPLES / "simple.laz", tmp_path / "out.las")
     assert code == 0, err
