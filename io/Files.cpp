@@ -98,16 +98,18 @@ Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragm
     return grid;
   }
   if (Text::isText(path) || Text::isPly(path))
-    return Text::read(path);
+    return Las::reading(path, "its points", [&] { return Text::read(path); });
   if (!isBundle(path))
     return Las::read(path, fragmentPoints, progress, only, warn).grid;
-  Tressel::Bundle bundle;
-  if (!bundle.bindTo(path))
-    throw Las::Error(bundle.lastError());
-  const auto ids = bundle.getGridIdentifiers();
-  if (ids.empty())
-    throw Las::Error(path + ": the bundle holds no grid");
-  return (*bundle.findSlice(ids.front().time))[ids.front().grid];
+  return Las::reading(path, "its grid", [&] {
+    Tressel::Bundle bundle;
+    if (!bundle.bindTo(path))
+      throw Las::Error(bundle.lastError());
+    const auto ids = bundle.getGridIdentifiers();
+    if (ids.empty())
+      throw Las::Error(path + ": the bundle holds no grid");
+    return (*bundle.findSlice(ids.front().time))[ids.front().grid];
+  });
 }
 
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,

@@ -343,11 +343,9 @@ void inBlocks(std::size_t count, std::size_t done, Percent& percent, Step step) 
   }
 }
 
-} // namespace
-
-ReadResult read(const std::string& path, std::size_t fragmentPoints,
-                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
-                const std::set<std::string>& only, const Warn& warn) {
+ReadResult readAll(const std::string& path, std::size_t fragmentPoints,
+                   const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
+                   const std::set<std::string>& only, const Warn& warn) {
   OpenedFile in(path, false, warn);
   const Header& h = in.info.header;
   const std::size_t n = static_cast<std::size_t>(in.pointCount);
@@ -415,7 +413,7 @@ ReadResult read(const std::string& path, std::size_t fragmentPoints,
   return result;
 }
 
-ReadResult read(const std::string& path, const Box& box, const Warn& warn) {
+ReadResult readInBox(const std::string& path, const Box& box, const Warn& warn) {
   Reader reader(path, warn);
   reader.restrict(box);
   const FileInfo& info = reader.info();
@@ -432,6 +430,26 @@ ReadResult read(const std::string& path, const Box& box, const Warn& warn) {
   result.grid = cloud.build(std::filesystem::path(path).stem().string());
   setFileInfo(*result.grid, info);
   return result;
+}
+
+} // namespace
+
+void outOfMemory(const std::string& path, const std::string& what) {
+  std::error_code error;
+  const auto size = std::filesystem::file_size(path, error);
+  throw Error(path + ": out of memory while reading " + what +
+              (error ? std::string() : " (the file holds " + std::to_string(size) + " bytes)"));
+}
+
+ReadResult read(const std::string& path, std::size_t fragmentPoints,
+                const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
+                const std::set<std::string>& only, const Warn& warn) {
+  return reading(path, "its points",
+                 [&] { return readAll(path, fragmentPoints, progress, only, warn); });
+}
+
+ReadResult read(const std::string& path, const Box& box, const Warn& warn) {
+  return reading(path, "its points in the box", [&] { return readInBox(path, box, warn); });
 }
 
 } // namespace Quorvel::Las

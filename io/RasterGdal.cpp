@@ -3,6 +3,7 @@
 #include "io/detail/Raster.hpp"
 
 #include "basalt/ReplacingFile.hpp"
+#include "quorvel/core/budget.hpp"
 
 #include <cpl_conv.h>
 #include <cpl_error.h>
@@ -69,6 +70,13 @@ detail::Pixels readPixels(GDALDataset& data, const std::string& path) {
   p.rows = static_cast<std::size_t>(data.GetRasterYSize());
   if (p.columns == 0 || p.rows == 0)
     fail(path, "the raster holds no pixels");
+  // A few bytes (a sparse TIFF, a VRT) may claim billions of pixels: the claim is checked
+  // before anything is sized from it.
+  try {
+    checkCellBudget(path, static_cast<double>(p.columns), static_cast<double>(p.rows), "pixels");
+  } catch (const std::runtime_error& e) {
+    throw Las::Error(e.what());
+  }
   GDALRasterBand* band = data.GetRasterBand(1);
   int hasNoData = 0;
   const double noData = band->GetNoDataValue(&hasNoData);
@@ -128,7 +136,9 @@ Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fra
       GDALOpenEx(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr)));
   if (!data || data->GetRasterCount() < 1)
     fail(path, "not a raster GDAL can read");
-  return detail::gridOf(readPixels(*data, path), fragmentCells, heightField);
+  return Las::reading(path, "its pixels", [&] {
+    return detail::gridOf(readPixels(*data, path), fragmentCells, heightField);
+  });
 }
 
 void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -20,6 +21,20 @@ namespace Quorvel::Las {
 struct Error : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+
+// The Error of an allocation that failed while what (of the file at path) was read: "<path>: out
+// of memory while reading <what> (the file holds <size> bytes)".
+[[noreturn]] void outOfMemory(const std::string& path, const std::string& what);
+// read(), an allocation failing inside it reported by outOfMemory: the file and what was read are
+// named, where std::bad_alloc names neither.
+template <class Read>
+auto reading(const std::string& path, const std::string& what, Read&& read) -> decltype(read()) {
+  try {
+    return read();
+  } catch (const std::bad_alloc&) {
+    outOfMemory(path, what);
+  }
+}
 
 // Receives each warning about a file as it arises, on the calling thread: an oddity of a file
 // read that real writers produce and that is tolerated, or the version and format a file written

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdio>
+#include <new>
 #include <optional>
 
 namespace Quorvel::Cli {
@@ -64,6 +65,8 @@ void aboutFile(const std::string& path, const std::function<void()>& step) {
     throw;
   } catch (const std::runtime_error& e) {
     throw Error(path + ": " + e.what());
+  } catch (const std::bad_alloc&) {
+    throw Error(path + ": out of memory while working on its points");
   }
 }
 

@@ -78,18 +78,23 @@ public:
 
 protected:
   // A raster beside the cloud would map nothing; said plainly instead of failing inside the run.
+  // The raster's box is that of its cells, half a cell beyond its outer centres.
   void checkOverlap(const Tressel::Grid& raster, const Tressel::Grid& cloud) const {
-    const auto rasterBox = boxOf(raster);
+    const auto centres = boxOf(raster);
     const auto cloudBox = boxOf(cloud);
-    if (!rasterBox || !cloudBox)
+    if (!centres || !cloudBox)
       return;
-    if (rasterBox->max().x < cloudBox->min().x || cloudBox->max().x < rasterBox->min().x ||
-        rasterBox->max().y < cloudBox->min().y || cloudBox->max().y < rasterBox->min().y)
+    const double hx = std::max(box_.cellsize[0], 0.0) / 2, hy = std::max(box_.cellsize[1], 0.0) / 2;
+    const Vantor::BoundingBox rasterBox(
+        Vantor::PhysicalSpace::point(centres->min().x - hx, centres->min().y - hy, 0),
+        Vantor::PhysicalSpace::point(centres->max().x + hx, centres->max().y + hy, 0));
+    if (rasterBox.max().x < cloudBox->min().x || cloudBox->max().x < rasterBox.min().x ||
+        rasterBox.max().y < cloudBox->min().y || cloudBox->max().y < rasterBox.min().y)
       throw Error(Basalt::format("map: the raster %s (x %.3f to %.3f, y %.3f to %.3f) does not "
                                  "meet the cloud %s (x %.3f to %.3f, y %.3f to %.3f): no point "
                                  "lies over it",
-                                 rasterPath_.c_str(), rasterBox->min().x, rasterBox->max().x,
-                                 rasterBox->min().y, rasterBox->max().y, input().c_str(),
+                                 rasterPath_.c_str(), rasterBox.min().x, rasterBox.max().x,
+                                 rasterBox.min().y, rasterBox.max().y, input().c_str(),
                                  cloudBox->min().x, cloudBox->max().x, cloudBox->min().y,
                                  cloudBox->max().y));
   }

@@ -56,6 +56,9 @@ public:
   std::uint32_t readInt();
 
   bool overran() const { return overran_; }
+  // The bytes not read yet: once every point is decoded, at most one byte of the encoder's end
+  // is left; more belong to points that were not counted.
+  std::size_t unread() const { return static_cast<std::size_t>(end_ - at_); }
 
 private:
   std::uint8_t byte() {

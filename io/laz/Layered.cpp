@@ -151,8 +151,10 @@ void decodeLayeredChunk(const std::uint8_t* data, std::size_t size, const std::v
   firstOf(items, out);
   if (count == 1)
     return;
-  if (in.u32() != count)
-    throw std::runtime_error("its point count differs from the chunk table's");
+  // The chunk's own count: a header count short of it would drop its last points.
+  if (const std::uint32_t stored = in.u32(); stored != count)
+    throw std::runtime_error("it holds " + std::to_string(stored) + " points, the file counts " +
+                             std::to_string(count) + " in it");
   items.eachLayers([&in](ItemLayers& l) { l.readSizes(in); });
   items.eachLayers([&in](ItemLayers& l) { l.open(in); });
   for (std::uint32_t i = 1; i < count; ++i)

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 
 namespace Quorvel::Laz {
@@ -18,6 +19,32 @@ namespace {
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::runtime_error(what);
+}
+
+// The most points a chunk's bytes can hold. A chunk stores its first record raw; every later
+// point codes at least one symbol of 64 (or of 128: the changed fields) and three integers (x, y,
+// z), each a symbol of 33 and a bit. LASzip's models keep every symbol's count at 1 or more of at
+// most 2^15 (a bit's at 1 of 2^13), so no point costs less than about 0.0075 bits: 1,062 points a
+// byte. Twice that leaves room for the coder's rounding.
+constexpr std::uint64_t MostPointsPerByte = 2048;
+
+// The bytes of a chunk's end that the encoder writes and the decoder may leave unread.
+constexpr std::size_t MostBytesLeft = 1;
+
+// Refuses a chunk given more points than its bytes can hold, before anything is sized from the
+// count (a header or chunk table claiming millions of points in a few bytes).
+void checkRoom(const std::vector<Chunk>& chunks) {
+  for (std::size_t k = 0; k < chunks.size(); ++k) {
+    const Chunk& c = chunks[k];
+    const std::uint64_t most = c.bytes > (~std::uint64_t(0) - 1) / MostPointsPerByte
+                                   ? ~std::uint64_t(0)
+                                   : 1 + c.bytes * MostPointsPerByte;
+    if (c.points > most)
+      fail("chunk " + std::to_string(k) + " of " + std::to_string(chunks.size()) + " holds " +
+           std::to_string(c.bytes) + " bytes, too few for the " + std::to_string(c.points) +
+           " points it is given (at most " + std::to_string(most) + ", " +
+           std::to_string(MostPointsPerByte) + " a byte)");
+  }
 }
 
 // Reads the chunk table that the point data's first 8 bytes point to (or, when they hold -1, the
@@ -87,8 +114,14 @@ void decodeChunk(const std::uint8_t* file, const Chunk& c, const Description& d,
   if (d.compressor == Compressor::LayeredChunked)
     return decodeLayeredChunk(file + c.start, c.bytes, d.items,
                               static_cast<std::uint32_t>(c.points), recordLength, out);
-  decodePointwiseChunk(file + c.start, c.bytes, d.items, static_cast<std::uint32_t>(c.points),
-                       recordLength, out);
+  const std::size_t left = decodePointwiseChunk(
+      file + c.start, c.bytes, d.items, static_cast<std::uint32_t>(c.points), recordLength, out);
+  // Bytes left in a chunk (not the one stream of all points, which may run on to the end of the
+  // file) are points the file does not count, as when the header's count is short.
+  if (d.compressor == Compressor::PointwiseChunked && left > MostBytesLeft)
+    fail(std::to_string(left) + " of its " + std::to_string(c.bytes) +
+         " bytes are left after its " + std::to_string(c.points) +
+         " points: it holds more points than the file counts");
 }
 
 } // namespace
@@ -194,6 +227,7 @@ Points::Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_
     chunks_.push_back({0, pointCount, pointOffset, end - pointOffset});
   else
     chunks_ = chunkTable(file, pointOffset, end, fileSize, d_, pointCount);
+  checkRoom(chunks_);
 }
 
 // Runs step(chunk, k) for every chunk (or the listed ones, k their place in the list) in
@@ -208,14 +242,20 @@ void Points::inParallel(const std::vector<std::size_t>* which, Step step) const 
   for (long long k = 0; k < n; ++k) {
     const std::size_t c =
         which ? (*which)[static_cast<std::size_t>(k)] : static_cast<std::size_t>(k);
+    std::string why;
     try {
       step(chunks_[c], static_cast<std::size_t>(k));
+    } catch (const std::bad_alloc&) {
+      why = "out of memory for its " + std::to_string(chunks_[c].points) + " points";
     } catch (const std::exception& e) {
+      why = e.what();
+    }
+    if (!why.empty()) {
       const std::lock_guard<std::mutex> lock(mutex);
       if (k < failed) {
         failed = k;
-        problem = "chunk " + std::to_string(c) + " of " + std::to_string(chunks_.size()) + ": " +
-                  e.what();
+        problem =
+            "chunk " + std::to_string(c) + " of " + std::to_string(chunks_.size()) + ": " + why;
       }
     }
   }

@@ -291,6 +291,9 @@ void decodeChunk(Decoder& d, const std::vector<Item>& list, std::uint32_t count,
   items.each(out, [](auto& item, const std::uint8_t* at) { item.first(at); });
   d.start();
   for (std::uint32_t i = 1; i < count; ++i) {
+    // Points beyond the bytes decode from zeros: stopped early rather than at the end.
+    if ((i & 0xFFFF) == 0 && d.overran())
+      return;
     std::uint8_t* record = out + i * recordLength;
     items.each(record, [&d](auto& item, std::uint8_t* at) { item.next(d, at); });
   }
@@ -315,10 +318,11 @@ void encodePointwiseChunk(const std::uint8_t* records, std::uint32_t count,
   e.done();
 }
 
-void decodePointwiseChunk(const std::uint8_t* data, std::size_t size, const std::vector<Item>& list,
-                          std::uint32_t count, std::size_t recordLength, std::uint8_t* out) {
+std::size_t decodePointwiseChunk(const std::uint8_t* data, std::size_t size,
+                                 const std::vector<Item>& list, std::uint32_t count,
+                                 std::size_t recordLength, std::uint8_t* out) {
   if (count == 0)
-    return;
+    return size;
   const std::uint16_t version = versionOf(list);
   Decoder d(data, size);
   if (!d.rawBytes(out, recordLength))
@@ -329,6 +333,7 @@ void decodePointwiseChunk(const std::uint8_t* data, std::size_t size, const std:
     decodeChunk<ItemsV2>(d, list, count, recordLength, out);
   if (d.overran())
     throw std::runtime_error("truncated (its points need more bytes than it holds)");
+  return d.unread();
 }
 
 } // namespace Quorvel::Laz

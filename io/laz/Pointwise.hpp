@@ -6,11 +6,12 @@
 
 namespace Quorvel::Laz {
 
-// Decodes count records from the chunk's bytes into out; throws std::runtime_error naming the
-// problem.
-void decodePointwiseChunk(const std::uint8_t* data, std::size_t size,
-                          const std::vector<Item>& items, std::uint32_t count,
-                          std::size_t recordLength, std::uint8_t* out);
+// Decodes count records from the chunk's bytes into out; returns the bytes left unread (at most
+// one of the encoder's end when the chunk holds count points). Throws std::runtime_error naming
+// the problem.
+std::size_t decodePointwiseChunk(const std::uint8_t* data, std::size_t size,
+                                 const std::vector<Item>& items, std::uint32_t count,
+                                 std::size_t recordLength, std::uint8_t* out);
 
 // Appends the chunk of count records (the first raw, then the coded rest) to out; throws
 // std::runtime_error when the items do not fit the records.

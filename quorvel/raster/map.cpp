@@ -170,25 +170,15 @@ bool outsideRaster(const Run& run, const FragmentSlot& slot) {
     return false;
   const auto& r = *run.box.raster_bbox;
   const auto& c = run.box.cellsize;
-  const BoundingBox shifted(point(r.min().x - c[0] / 2, r.min().y - c[1] / 2, r.min().z),
-                            point(r.max().x - c[0] / 2, r.max().y - c[1] / 2, r.max().z));
-  return !shifted.inside(*box, Vantor::BoundingBox::IntersectsPlanar);
+  // The raster's cells reach half a cell beyond its outer centres on every side.
+  const BoundingBox cells(point(r.min().x - c[0] / 2, r.min().y - c[1] / 2, r.min().z),
+                          point(r.max().x + c[0] / 2, r.max().y + c[1] / 2, r.max().z));
+  return !cells.inside(*box, Vantor::BoundingBox::IntersectsPlanar);
 }
 
-void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace>& buffer) {
-  auto xyz = fragmentArray<point>(*run.positions, slot);
-  if (!xyz)
-    return run.log.report("ERROR, no m_vertices");
-  const std::size_t n = xyz->size();
-  if (!run.classesCreated && !fragmentArray<unsigned char>(*run.classification, slot))
-    return run.log.report("ERROR, no m_classification");
-  if (outsideRaster(run, slot))
-    return run.log.report("INFO, skip");
-  FragmentOutput<unsigned char> cls(run.classification, slot.id, n);
-  FragmentOutput<float> canopy(run.canopy, slot.id, run.canopy ? n : 0,
-                               std::numeric_limits<float>::quiet_NaN());
-  const point* p = xyz->data();
-  unsigned char* classes = cls.data();
+// Both passes over the n points p of a fragment whose outputs are classes and heights.
+void mapPoints(const Run& run, const point* p, std::size_t n, unsigned char* classes,
+               float* heights, std::vector<CellPlace>& buffer) {
   buffer.assign(n, CellPlace());
   CellPlace* places = buffer.data();
   const long long count = static_cast<long long>(n);
@@ -202,7 +192,25 @@ void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace
       classes[i] = 0;
   }
   MissingReports missing;
-  secondPass({run, places, p, classes, canopy.data(), missing}, n);
+  secondPass({run, places, p, classes, heights, missing}, n);
+}
+
+// A fragment off the raster keeps its classes and gets NaN heights: its outputs are committed
+// all the same, so that every field stays laid out like the positions.
+void mapFragment(const Run& run, const FragmentSlot& slot, std::vector<CellPlace>& buffer) {
+  auto xyz = fragmentArray<point>(*run.positions, slot);
+  if (!xyz)
+    return run.log.report("ERROR, no m_vertices");
+  const std::size_t n = xyz->size();
+  if (!run.classesCreated && !fragmentArray<unsigned char>(*run.classification, slot))
+    return run.log.report("ERROR, no m_classification");
+  FragmentOutput<unsigned char> cls(run.classification, slot.id, n);
+  FragmentOutput<float> canopy(run.canopy, slot.id, run.canopy ? n : 0,
+                               std::numeric_limits<float>::quiet_NaN());
+  if (outsideRaster(run, slot))
+    run.log.note("INFO, skip: a fragment off the raster");
+  else
+    mapPoints(run, xyz->data(), n, cls.data(), canopy.data(), buffer);
   cls.commit();
   if (run.canopy)
     canopy.commit();

@@ -1,4 +1,5 @@
 // Quorvel: raster grids made from row-major pixels, with their attributes.
+#include "quorvel/core/budget.hpp"
 #include "quorvel/raster/detail/points.hpp"
 
 #include "basalt/Chunk.hpp"
@@ -24,9 +25,6 @@ void putText(Tressel::Grid& grid, const char* name, const std::string& text) {
                                            std::vector<std::uint8_t>(text.begin(), text.end())));
 }
 
-// More cells than this is a cell size far too small for the cloud (or a stray point far away).
-constexpr double LargestRaster = 1u << 30;
-
 } // namespace
 
 Pixels coveringPixels(const Tressel::Grid& cloud, double c, const std::string& what) {
@@ -47,10 +45,9 @@ Pixels coveringPixels(const Tressel::Grid& cloud, double c, const std::string& w
       }
   if (!(lowX <= highX) || !std::isfinite(highX - lowX) || !std::isfinite(highY - lowY))
     throw std::runtime_error(what + ": the cloud has no point with finite coordinates");
-  if ((highX - lowX + 1) * (highY - lowY + 1) > LargestRaster)
-    throw std::runtime_error(what + ": " + std::to_string(highX - lowX + 1) + " x " +
-                             std::to_string(highY - lowY + 1) +
-                             " cells: the cell size is far too small for the points' extent");
+  // More cells than the budget is a cell size far too small for the cloud (or a stray point far
+  // away): refused before anything is sized from it.
+  checkCellBudget(what, highX - lowX + 1, highY - lowY + 1);
   Pixels p;
   p.columns = static_cast<std::size_t>(highX - lowX) + 1;
   p.rows = static_cast<std::size_t>(highY - lowY) + 1;

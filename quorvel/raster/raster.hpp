@@ -166,16 +166,15 @@ struct GroundRasterParameterBox {
 };
 
 // A ground raster of the cloud's points of the box's classes: pixels at multiples of the cell
-// size covering the cloud so that every point lies in a pixel and, shifted by half a cell, within
-// the box of the pixels' centres (what mapData takes: one column and one row past the pixels of
-// the highest points); each pixel's height by the box's method (Measured: the lowest ground z of
-// the points in it, the TIN at its centre inside the triangulation's hull, or the inverse-distance
-// mean where its 3 x 3 block holds ground); an empty cell takes the inverse-distance-weighted mean
-// of the measured cells in the nearest ring around it that holds any, up to fill_rings rings
-// (Filled), else NoData; a raster grid as above, with coordinateSystem (WKT, empty when unknown) as
-// its "CoordinateSystem". Throws std::runtime_error naming the problem: a cell size that is not
-// positive, an unknown method, a cloud without finite points, far too many cells, no point of the
-// classes.
+// size covering the cloud so that every point lies in a pixel, with one column and one row past
+// the pixels of the highest points (the layout of earlier rasters); each pixel's height by the
+// box's method (Measured: the lowest ground z of the points in it, the TIN at its centre inside the
+// triangulation's hull, or the inverse-distance mean where its 3 x 3 block holds ground); an empty
+// cell takes the inverse-distance-weighted mean of the measured cells in the nearest ring around it
+// that holds any, up to fill_rings rings (Filled), else NoData; a raster grid as above, with
+// coordinateSystem (WKT, empty when unknown) as its "CoordinateSystem". Throws std::runtime_error
+// naming the problem: a cell size that is not positive, an unknown method, a cloud without finite
+// points, more cells than cellBudget() (before anything is sized), no point of the classes.
 Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
                                               const GroundRasterParameterBox& box,
                                               const std::string& coordinateSystem = {});

@@ -1,6 +1,7 @@
 // Quorvel: top views and profiles of clouds. Both project every point drawn onto a plane (x-y
 // seen from above; distance along a line and z seen from its right) and keep in every pixel the
 // point nearest the viewer, a z-buffer; the kept points' classes or values give the colours.
+#include "quorvel/core/budget.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/render/detail/draw.hpp"
 
@@ -15,8 +16,6 @@ using namespace Render;
 
 namespace {
 
-// More pixels than this is a pixel size far too small for the cloud.
-constexpr double LargestImage = 1 << 27;
 // The longer side when neither a pixel size nor a size is given.
 constexpr std::size_t DefaultSide = 1000;
 
@@ -95,10 +94,8 @@ void layOut(Image& image, const RenderParameterBox& box, double lowU, double low
   const double top = aligned ? (std::floor(highV / p) + 1) * p : highV;
   const double columns = std::max(1.0, std::ceil((highU - left) / p - 1e-9));
   const double rows = std::max(1.0, std::ceil((top - lowV) / p - 1e-9));
-  if (columns * rows > LargestImage)
-    throw std::runtime_error("render: " + std::to_string(static_cast<long long>(columns)) + " x " +
-                             std::to_string(static_cast<long long>(rows)) +
-                             " pixels: the pixel size is far too small for the points' extent");
+  // More pixels than the budget of cells is a pixel size far too small for the cloud.
+  checkCellBudget("render", columns, rows, "pixels");
   image.width = static_cast<std::size_t>(columns);
   image.height = static_cast<std::size_t>(rows);
   image.left = left;

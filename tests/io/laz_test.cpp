@@ -327,8 +327,16 @@ TEST_F(LazFiles, EncodedChunksDecodeToTheirRecordsInEveryFormat) {
                                          decoded.data());
       } else {
         Quorvel::Laz::encodePointwiseChunk(records.data(), count, c.items, c.length, coded);
-        Quorvel::Laz::decodePointwiseChunk(coded.data(), coded.size(), c.items, count, c.length,
-                                           decoded.data());
+        // Every byte but at most one of the encoder's end is read; a point less leaves its bytes.
+        EXPECT_LE(Quorvel::Laz::decodePointwiseChunk(coded.data(), coded.size(), c.items, count,
+                                                     c.length, decoded.data()),
+                  1u);
+        if (count > 1) {
+          EXPECT_GT(Quorvel::Laz::decodePointwiseChunk(coded.data(), coded.size(), c.items,
+                                                       count - 1, c.length, decoded.data()),
+                    1u)
+              << "format " << c.format << ", " << count << " points";
+        }
       }
       EXPECT_TRUE(decoded == records) << "format " << c.format << ", " << count << " points";
       if (count > 2) {
@@ -337,8 +345,9 @@ TEST_F(LazFiles, EncodedChunksDecodeToTheirRecordsInEveryFormat) {
         EXPECT_THROW(c.format >= 6
                          ? Quorvel::Laz::decodeLayeredChunk(coded.data(), coded.size(), c.items,
                                                             count, c.length, decoded.data())
-                         : Quorvel::Laz::decodePointwiseChunk(coded.data(), coded.size(), c.items,
-                                                              count, c.length, decoded.data()),
+                         : (void)Quorvel::Laz::decodePointwiseChunk(coded.data(), coded.size(),
+                                                                    c.items, count, c.length,
+                                                                    decoded.data()),
                      std::runtime_error)
             << "format " << c.format;
       }
@@ -444,6 +453,49 @@ TEST_F(LazFiles, DamagedFilesAreRefusedWithTheirReason) {
   b[104] |= 0xC0;
   expectRefused(b, "point format byte 195 (both compression bits: an old compression) is not "
                    "supported");
+}
+
+TEST_F(LazFiles, CountsBeyondWhatTheBytesHoldAreRefusedBeforeSizing) {
+  const auto good = bytesOf(Sample / "simple.laz");
+  const Layout l = layoutOf(good);
+  std::int64_t table;
+  std::memcpy(&table, good.data() + l.points, 8);
+  const std::uint64_t bytes = static_cast<std::uint64_t>(table) - l.points - 8;
+  // The chunk table of variable chunks rewritten with the given point counts, the header's count
+  // their sum, the chunk's bytes split between them.
+  const auto variable = [&](const std::vector<std::uint64_t>& counts) {
+    auto b = std::vector<std::uint8_t>(good.begin(), good.begin() + table);
+    const std::uint32_t any = Quorvel::Laz::Description::VariableChunks;
+    std::memcpy(b.data() + l.laszip + 12, &any, 4);
+    std::vector<Quorvel::Laz::Chunk> chunks;
+    std::uint64_t sum = 0;
+    for (std::size_t k = 0; k < counts.size(); ++k) {
+      const std::uint64_t share =
+          k + 1 < counts.size() ? bytes / counts.size() : bytes - k * (bytes / counts.size());
+      chunks.push_back({sum, counts[k], 0, share});
+      sum += counts[k];
+    }
+    const auto total = static_cast<std::uint32_t>(sum);
+    std::memcpy(b.data() + 107, &total, 4);
+    Quorvel::Laz::appendChunkTable(b, chunks, true);
+    return b;
+  };
+  // One chunk claiming 2e8 points, and the second of two chunks claiming 2^31: refused with the
+  // chunk's bytes and the most they can hold (2048 points a byte and the raw first point).
+  expectRefused(variable({200000000}), "chunk 0 of 1 holds " + std::to_string(bytes) +
+                                           " bytes, too few for the " +
+                                           "200000000 points it is given (at most " +
+                                           std::to_string(1 + 2048 * bytes) + ", 2048 a byte)");
+  const std::uint64_t second = bytes - bytes / 2;
+  expectRefused(variable({1000, 2147483648u}),
+                "chunk 1 of 2 holds " + std::to_string(second) + " bytes, too few for the " +
+                    "2147483648 points it is given (at most " + std::to_string(1 + 2048 * second) +
+                    ", 2048 a byte)");
+  // The file's own table rewritten as variable chunks reads as before.
+  const auto same = variable({1065});
+  std::ofstream(file("same.laz"), std::ios::binary)
+      .write(reinterpret_cast<const char*>(same.data()), static_cast<std::streamsize>(same.size()));
+  EXPECT_EQ(Las::read(file("same.laz")).info.header.pointCount, 1065u);
 }
 
 TEST_F(LazFiles, ChunksThatLostBytesAreNotDecoded) {

@@ -40,12 +40,13 @@ public:
   const Tressel::MultiIndex<3>& fragments() const { return counts_; }
   const PreparedCells& operator[](std::uint32_t fragment) const { return cells_[fragment]; }
 
-  // The cell under p: p shifted by half a cell must lie in the raster's box in x and y (else
-  // false, place untouched); an axis of cell size 0 or less is not indexed. A cell outside every
-  // fragment's arrays gives fragment NoFragment.
+  // The cell under p: p must lie in a cell of the raster in x and y, from half a cell before
+  // the first centre up to (not including) half a cell after the last, so that a raster of one
+  // pixel or one row holds its points (else false, place untouched); an axis of cell size 0 or
+  // less is not indexed. A cell outside every fragment's arrays gives fragment NoFragment.
   bool locate(const Vantor::PhysicalSpace::point& p, CellPlace& place) const {
     const double q[3] = {p.x + half_[0], p.y + half_[1], p.z + half_[2]};
-    if (!(q[0] >= min_[0] && q[0] <= max_[0] && q[1] >= min_[1] && q[1] <= max_[1]))
+    if (!covers(0, q[0]) || !covers(1, q[1]))
       return false;
     std::uint32_t fragment[3] = {0, 0, 0}, cell[3] = {0, 0, 0};
     place.fragment = CellPlace::NoFragment;
@@ -72,6 +73,11 @@ public:
   }
 
 private:
+  // Whether q (a coordinate shifted by half a cell) lies in the cells of axis a.
+  bool covers(int a, double q) const {
+    return q >= min_[a] && (indexed_[a] ? q < max_[a] + size_[a] : q <= max_[a]);
+  }
+
   double min_[3] = {0, 0, 0}, max_[3] = {-1, -1, -1}; // the box of the cell centres
   double size_[3], half_[3];                          // cell sizes and their halves
   bool indexed_[3];                                   // cell size above 0

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
@@ -55,8 +56,8 @@ TEST(GroundRasters, FollowTheSlopeAndFillTheirGaps) {
   EXPECT_EQ(view->origin, point(500.5, 800.5, 0));
   const auto types = Tressel::uniformCells<std::uint8_t>(*raster, "CellType");
   const auto heights = Tressel::uniformCells<float>(*raster, "Height");
-  // One column and one row past the cells of the easternmost and northernmost points, so that
-  // every point shifted by half a cell lies within the centres' box; nothing beyond.
+  // One column and one row past the cells of the easternmost and northernmost points (the layout
+  // of earlier rasters); nothing beyond.
   EXPECT_EQ(view->total, Tressel::MultiIndex<3>(62, 31, 1));
   const std::size_t width = view->total[0];
   EXPECT_EQ(types.size(), 62u * 31u);
@@ -103,8 +104,23 @@ TEST(GroundRasters, RefuseWhatTheyCannotMakeWithTheReason) {
   box = {};
   box.cell_size = 0;
   EXPECT_EQ(refused(*slopedCloud(), box), "ground raster: the cell size must be a positive number");
-  box.cell_size = 1e-6; // 4e7 x 3e7 cells
-  EXPECT_NE(refused(*slopedCloud(), box).find("the cell size is far too small"), std::string::npos);
+  box.cell_size = 1e-6; // 6e7 x 3e7 cells, far beyond the default budget
+  EXPECT_NE(refused(*slopedCloud(), box)
+                .find("exceed the budget of 268435456 cells (set QUORVEL_MAX_CELLS to allow more)"),
+            std::string::npos);
+  // Cells of 0.5: x from floor(500.3 / 0.5) = 1000 to floor(560.5 / 0.5) + 1 = 1122, y from 1601
+  // to 1660 (one column and row past the points): 123 x 60 = 7380 cells, refused by a budget of
+  // one cell less.
+  box.cell_size = 0.5;
+  ::setenv("QUORVEL_MAX_CELLS", "7379", 1);
+  EXPECT_EQ(refused(*slopedCloud(), box), "ground raster: 123 x 60 cells (7380) exceed the budget "
+                                          "of 7379 cells (set QUORVEL_MAX_CELLS to allow more)");
+  ::setenv("QUORVEL_MAX_CELLS", "7380", 1);
+  EXPECT_EQ(refused(*slopedCloud(), box), "made");
+  ::setenv("QUORVEL_MAX_CELLS", "7e3", 1);
+  EXPECT_EQ(refused(*slopedCloud(), box),
+            "QUORVEL_MAX_CELLS=\"7e3\" is not a whole number of cells above 0");
+  ::unsetenv("QUORVEL_MAX_CELLS");
   box = {};
   box.method = "spline";
   EXPECT_EQ(refused(*slopedCloud(), box),

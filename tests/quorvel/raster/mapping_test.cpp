@@ -51,7 +51,7 @@ Cloud cloudOver(const RasterSpec& r, std::size_t n, unsigned seed) {
 }
 
 // The prepared values of the cell under p, found from the raster's origin: p lies in cell
-// floor((p - origin + size / 2) / size) when p + size / 2 lies in the box of the cell centres.
+// floor((p - origin + size / 2) / size) when that is a cell of the raster.
 struct Cell {
   bool inside = false;
   unsigned char type = 0;
@@ -61,10 +61,11 @@ struct Cell {
 
 Cell cellUnder(const Grid& raster, const RasterSpec& r, const point& p) {
   Cell c;
+  // A cell reaches half a cell beyond its centre on every side, the last ones too.
   const double qx = p.x + r.size / 2, qy = p.y + r.size / 2;
-  const double lastX = r.origin.x + r.size * static_cast<double>(r.width() - 1);
-  const double lastY = r.origin.y + r.size * static_cast<double>(r.depth() - 1);
-  if (qx < r.origin.x || qy < r.origin.y || qx > lastX || qy > lastY)
+  const double endX = r.origin.x + r.size * static_cast<double>(r.width());
+  const double endY = r.origin.y + r.size * static_cast<double>(r.depth());
+  if (qx < r.origin.x || qy < r.origin.y || qx >= endX || qy >= endY)
     return c;
   const auto gx = static_cast<std::size_t>((qx - r.origin.x) / r.size);
   const auto gy = static_cast<std::size_t>((qy - r.origin.y) / r.size);
