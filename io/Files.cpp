@@ -10,11 +10,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <iostream>
+#include <optional>
 #include <unistd.h>
 
 namespace Quorvel::Files {
@@ -62,6 +64,53 @@ bool copy(std::istream& from, std::ostream& to) {
   return from.eof() && static_cast<bool>(to);
 }
 
+// The first point of a cloud with a NaN or infinite coordinate, counted from 0 over the
+// fragments in layout order; nothing for a cloud without one (and for rasters, which hold no
+// positions).
+std::optional<std::size_t> firstNonFinitePoint(const StrongPtr<Grid>& grid) {
+  const auto positions = findOptionalField(grid, Tressel::PositionsFieldName);
+  if (!positions)
+    return std::nullopt;
+  std::size_t before = 0;
+  for (const FragmentSlot& slot : fragmentsOf(*positions)) {
+    const auto xyz = fragmentArray<point>(*positions, slot);
+    if (!xyz)
+      continue;
+    for (std::size_t i = 0; i < xyz->size(); ++i)
+      if (!std::isfinite((*xyz)[i][0]) || !std::isfinite((*xyz)[i][1]) ||
+          !std::isfinite((*xyz)[i][2]))
+        return before + i;
+    before += xyz->size();
+  }
+  return std::nullopt;
+}
+
+// The one cloud or raster of a bundle. A bundle of several is refused rather than read in part:
+// which one was meant is not the reader's guess.
+StrongPtr<Grid> readBundle(const std::string& path) {
+  Tressel::Bundle bundle;
+  if (!bundle.bindTo(path))
+    throw Las::Error(bundle.lastError());
+  const auto ids = bundle.getGridIdentifiers();
+  if (ids.empty())
+    throw Las::Error(path + ": the bundle holds no grid");
+  if (ids.size() > 1) {
+    std::string names;
+    for (const Tressel::GridIdentifier& id : ids)
+      names += (names.empty() ? "" : ", ") +
+               Basalt::format("\"%s\" (time %g)", id.grid.c_str(), id.time);
+    throw Las::Error(path + ": the bundle holds " + std::to_string(ids.size()) + " grids (" +
+                     names + "); only a bundle of one grid can be read");
+  }
+  auto grid = (*bundle.findSlice(ids.front().time))[ids.front().grid];
+  // LAS cannot hold a NaN position; a bundle can, and every neighbourhood and cell of such a
+  // point would be wrong without a word.
+  if (const auto bad = firstNonFinitePoint(grid))
+    throw Las::Error(path + ": point " + std::to_string(*bad) +
+                     " (counted from 0) has a NaN or infinite coordinate");
+  return grid;
+}
+
 } // namespace
 
 bool isStream(const std::string& path) {
@@ -101,13 +150,7 @@ Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragm
     return Text::read(path);
   if (!isBundle(path))
     return Las::read(path, fragmentPoints, progress, only, warn).grid;
-  Tressel::Bundle bundle;
-  if (!bundle.bindTo(path))
-    throw Las::Error(bundle.lastError());
-  const auto ids = bundle.getGridIdentifiers();
-  if (ids.empty())
-    throw Las::Error(path + ": the bundle holds no grid");
-  return (*bundle.findSlice(ids.front().time))[ids.front().grid];
+  return readBundle(path);
 }
 
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,
