@@ -1,6 +1,7 @@
 // Quorvel for Python: clouds from numpy arrays and back, LAS and bundle files.
 #include "cloud.hpp"
 
+#include "basalt/Text.hpp"
 #include "io/detail/LasFormats.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
@@ -76,6 +77,17 @@ std::string elementTypeOf(const std::string& name, const py::array& a, std::size
         py::cast<std::string>(py::str(static_cast<const py::handle&>(d))) + " of shape " + shape);
 }
 
+// Positions cannot be NaN or infinite: every neighbourhood and cell would be wrong without a
+// word. Names the first such point.
+void requireFinitePositions(const py::array& xyz) {
+  const auto* p = static_cast<const double*>(xyz.data());
+  const auto n = static_cast<std::size_t>(xyz.size());
+  const auto bad = std::find_if(p, p + n, [](double v) { return !std::isfinite(v); });
+  if (bad != p + n)
+    raiseValue(Basalt::format("xyz: row %zu holds %g; positions must be finite",
+                              static_cast<std::size_t>(bad - p) / 3, *bad));
+}
+
 // A cloud of the arrays, in fragments of at most fragmentPoints consecutive points (one for 0).
 Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& fields) {
   const std::size_t n = xyz.ndim() == 2 ? static_cast<std::size_t>(xyz.shape(0)) : 0;
@@ -91,6 +103,8 @@ Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& 
     if (!a)
       throw std::runtime_error("field \"" + name + "\" is not an array");
     const std::string type = elementTypeOf(name, a, n);
+    if (type == "point")
+      requireFinitePositions(a);
     const std::size_t bytes = TresselTypeBase::find(type)->size();
     const auto* from = static_cast<const std::uint8_t*>(a.data());
     const auto to = arrays.addField(name, type);
