@@ -1,7 +1,8 @@
 """Inputs the host used to read as something else without a word, each refused or warned of with
 the file (or the option) and the value: classes beyond a byte, empty and reversed ranges, LAS
-extra-bytes descriptors no reader can apply, rasters with infinite heights or unusable pixel
-sizes.
+extra-bytes descriptors no reader can apply, LAS points outside their header's bounds (a scale
+or offset that is not the one they were written with), rasters with infinite heights or
+unusable pixel sizes.
 
 LAS files are written here with struct; rasters are GDAL virtual rasters (XML) over raw float32
 pixels written with numpy.
@@ -54,17 +55,21 @@ def test_values_read_as_something_else_are_refused(tmp_path, option, value, mess
 # ---- LAS extra-bytes descriptors ---------------------------------------------------------------
 
 
-def extra_bytes_las(path, descriptors, extra_length):
-    """A LAS 1.4 format 6 file of three points whose records carry extra_length bytes after
+def small_las(path, descriptors=(), extra_length=0, offset=0.0):
+    """A LAS 1.4 format 6 file of three points at 0, 0.01 and 0.02 m on every axis (its header
+    bounds), stored with scale 0.01 and the offset given; records carry extra_length bytes after
     the 30 of the format, described by the given 192-byte descriptors."""
     payload = b"".join(descriptors)
-    record = struct.pack("<H16sHH32s", 0, b"LASF_Spec", 4, len(payload), b"") + payload
+    record = (struct.pack("<H16sHH32s", 0, b"LASF_Spec", 4, len(payload), b"") + payload
+              if descriptors else b"")
     length = 30 + extra_length
-    points = b"".join(struct.pack("<iiiHBBBBhHd", k, k, k, 0, 0x11, 0, 1, 0, 0, 0, 0.0)
-                      + bytes(range(extra_length)) for k in range(3))
+    stored = [round((0.01 * k - offset) / 0.01) for k in range(3)]
+    points = b"".join(struct.pack("<iiiHBBBBhHd", v, v, v, 0, 0x11, 0, 1, 0, 0, 0, 0.0)
+                      + bytes(range(extra_length)) for v in stored)
     head = struct.pack("<4sHH16sBB32s32sHHHIIBHI5I3d3d6d", b"LASF", 0, 0, bytes(16), 1, 4, b"",
-                       b"test_misreads", 1, 2024, 375, 375 + len(record), 1, 6, length, 0,
-                       0, 0, 0, 0, 0, 0.01, 0.01, 0.01, 0, 0, 0, 0.02, 0, 0.02, 0, 0.02, 0)
+                       b"test_misreads", 1, 2024, 375, 375 + len(record), int(bool(record)), 6,
+                       length, 0, 0, 0, 0, 0, 0, 0.01, 0.01, 0.01, offset, offset, offset,
+                       0.02, 0, 0.02, 0, 0.02, 0)
     head += struct.pack("<QQIQ15Q", 0, 0, 0, 3, 3, *[0] * 14)
     pathlib.Path(path).write_bytes(head + record + points)
 
@@ -95,7 +100,7 @@ SCALE, OFFSET = 1 << 3, 1 << 4
 def test_extra_bytes_descriptors_no_reader_can_apply_are_warned_of(tmp_path, described, length,
                                                                   warning):
     path = tmp_path / "extra.las"
-    extra_bytes_las(path, [described], length)
+    small_las(path, [described], length)
     done = quorvel("info", path)
     assert done.returncode == 0, done.stderr
     assert f"{path}: warning: {warning}" in done.stderr
@@ -103,8 +108,26 @@ def test_extra_bytes_descriptors_no_reader_can_apply_are_warned_of(tmp_path, des
 
 def test_usable_extra_bytes_descriptors_read_quietly(tmp_path):
     path = tmp_path / "extra.las"
-    extra_bytes_las(path, [descriptor("height", 4, SCALE | OFFSET, 0.01, 5.0)], 2)
+    small_las(path, [descriptor("height", 4, SCALE | OFFSET, 0.01, 5.0)], 2)
     done = quorvel("info", path)
+    assert done.returncode == 0 and "warning" not in done.stderr, done.stderr
+
+
+def test_points_outside_the_header_bounds_are_warned_of(tmp_path):
+    # The records were written with offset 0; a header saying -1 moves every point by 1 m.
+    path = tmp_path / "moved.las"
+    small_las(path)
+    data = bytearray(path.read_bytes())
+    struct.pack_into("<d", data, 155, -1.0)
+    path.write_bytes(bytes(data))
+    done = quorvel("convert", path, tmp_path / "moved.xyz")
+    assert done.returncode == 0, done.stderr
+    assert (f"{path}: warning: the points' x runs from -1 to -0.98, outside the header's bounds "
+            "0 to 0.02: the scale (0.01) or offset (-1) of x is likely not the one the points "
+            "were written with") in done.stderr
+    # Written with the offset it states, the same header reads quietly.
+    small_las(path, offset=-1.0)
+    done = quorvel("convert", path, tmp_path / "fine.xyz")
     assert done.returncode == 0 and "warning" not in done.stderr, done.stderr
 
 
