@@ -85,32 +85,6 @@ std::optional<std::size_t> firstNonFinitePoint(const StrongPtr<Grid>& grid) {
   return std::nullopt;
 }
 
-// The one cloud or raster of a bundle. A bundle of several is refused rather than read in part:
-// which one was meant is not the reader's guess.
-StrongPtr<Grid> readBundle(const std::string& path) {
-  Tressel::Bundle bundle;
-  if (!bundle.bindTo(path))
-    throw Las::Error(bundle.lastError());
-  const auto ids = bundle.getGridIdentifiers();
-  if (ids.empty())
-    throw Las::Error(path + ": the bundle holds no grid");
-  if (ids.size() > 1) {
-    std::string names;
-    for (const Tressel::GridIdentifier& id : ids)
-      names += (names.empty() ? "" : ", ") +
-               Basalt::format("\"%s\" (time %g)", id.grid.c_str(), id.time);
-    throw Las::Error(path + ": the bundle holds " + std::to_string(ids.size()) + " grids (" +
-                     names + "); only a bundle of one grid can be read");
-  }
-  auto grid = (*bundle.findSlice(ids.front().time))[ids.front().grid];
-  // LAS cannot hold a NaN position; a bundle can, and every neighbourhood and cell of such a
-  // point would be wrong without a word.
-  if (const auto bad = firstNonFinitePoint(grid))
-    throw Las::Error(path + ": point " + std::to_string(*bad) +
-                     " (counted from 0) has a NaN or infinite coordinate");
-  return grid;
-}
-
 } // namespace
 
 bool isStream(const std::string& path) {
@@ -150,7 +124,37 @@ Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragm
     return Text::read(path);
   if (!isBundle(path))
     return Las::read(path, fragmentPoints, progress, only, warn).grid;
-  return readBundle(path);
+  return loadBundle(path);
+}
+
+StrongPtr<Grid> loadBundle(const std::string& path, const std::string& grid) {
+  Tressel::Bundle bundle;
+  if (!bundle.bindTo(path))
+    throw Las::Error(bundle.lastError());
+  const auto ids = bundle.getGridIdentifiers();
+  if (ids.empty())
+    throw Las::Error(path + ": the bundle holds no grid");
+  std::string names;
+  for (const Tressel::GridIdentifier& id : ids)
+    names +=
+        (names.empty() ? "" : ", ") + Basalt::format("\"%s\" (time %g)", id.grid.c_str(), id.time);
+  // Several grids: which one was meant is not the reader's guess.
+  const auto chosen = std::find_if(ids.begin(), ids.end(), [&](const Tressel::GridIdentifier& id) {
+    return grid.empty() ? ids.size() == 1 : id.grid == grid;
+  });
+  if (chosen == ids.end())
+    throw Las::Error(path + ": the bundle holds " + std::to_string(ids.size()) +
+                     (ids.size() == 1 ? " grid (" : " grids (") + names + ")" +
+                     (grid.empty() ? "; name the one to read (in Python: quorvel.read(path, "
+                                     "grid=NAME))"
+                                   : ", none named \"" + grid + "\""));
+  auto read = (*bundle.findSlice(chosen->time))[chosen->grid];
+  // LAS cannot hold a NaN position; a bundle can, and every neighbourhood and cell of such a
+  // point would be wrong without a word.
+  if (const auto bad = firstNonFinitePoint(read))
+    throw Las::Error(path + ": point " + std::to_string(*bad) +
+                     " (counted from 0) has a NaN or infinite coordinate");
+  return read;
 }
 
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,

@@ -313,7 +313,13 @@ void bindCloud(py::module_& m) {
   m.def(
       "read",
       [](const std::string& path, std::size_t fragmentPoints,
-         const std::optional<std::vector<double>>& box) {
+         const std::optional<std::vector<double>>& box, const std::optional<std::string>& grid) {
+        if (grid) {
+          if (!Files::isBundle(path))
+            raiseValue("grid names a grid of a bundle (.h5, .hdf5), not of \"" + path + "\"");
+          py::gil_scoped_release released;
+          return Cloud{Files::loadBundle(path, *grid)};
+        }
         if (const auto b = boxOf(box))
           return readBox(path, fragmentPoints, *b);
         py::gil_scoped_release released;
@@ -322,6 +328,7 @@ void bindCloud(py::module_& m) {
                          : Files::load(path, fragmentPoints, {}, {}, readWarnings(path))};
       },
       py::arg("path"), py::arg("fragment_points") = 0, py::arg("box") = py::none(),
+      py::arg("grid") = py::none(),
       "Reads a point cloud or a raster.\n\n"
       "Parameters:\n"
       "    path: a LAS or LAZ file, a bundle (.h5, .hdf5) or a raster GDAL reads (.tif, .tiff, "
@@ -330,7 +337,9 @@ void bindCloud(py::module_& m) {
       "points\n"
       "    box: (x0, y0, x1, y1) or (x0, y0, x1, y1, z0, z1): only the points of a LAS or LAZ "
       "file inside it (edges included) are read, in one fragment; the other points are never "
-      "built (a COPC file's nodes outside it are not even decoded)");
+      "built (a COPC file's nodes outside it are not even decoded)\n"
+      "    grid: the name of the grid to read from a bundle of several; None: a bundle must "
+      "hold one");
 }
 
 } // namespace Quorvel::Python

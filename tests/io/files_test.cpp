@@ -91,16 +91,27 @@ std::string loadError(const std::string& path) {
   return "loaded";
 }
 
-TEST_F(LoadedFiles, ABundleOfSeveralGridsIsRefusedWithTheirNames) {
+TEST_F(LoadedFiles, ABundleOfSeveralGridsIsReadOnlyByName) {
   Tressel::Bundle bundle;
   ASSERT_TRUE(
       bundle.bindToNew(file("two.h5"), std::make_shared<Tressel::StorageTransformations>()));
   bundle[0.0]->setGrid("ground", weightedCloud());
-  bundle[0.0]->setGrid("trees", weightedCloud());
+  Tressel::PointCloudBuilder trees({{0, 0, 5}, {1, 1, 7}});
+  bundle[0.0]->setGrid("trees", trees.build({{0, 1}}));
   ASSERT_TRUE(bundle.save()) << bundle.lastError();
+  const std::string holds = file("two.h5") + ": the bundle holds 2 grids (\"ground\" (time 0), "
+                                             "\"trees\" (time 0))";
   EXPECT_EQ(loadError(file("two.h5")),
-            file("two.h5") + ": the bundle holds 2 grids (\"ground\" (time 0), \"trees\" (time "
-                             "0)); only a bundle of one grid can be read");
+            holds + "; name the one to read (in Python: quorvel.read(path, grid=NAME))");
+  EXPECT_EQ(
+      Tressel::readField<point>(*Files::loadBundle(file("two.h5"), "trees")->CartesianPositions()),
+      (std::vector<point>{{0, 0, 5}, {1, 1, 7}}));
+  try {
+    Files::loadBundle(file("two.h5"), "roofs");
+    ADD_FAILURE() << "a grid that is not there was read";
+  } catch (const std::exception& e) {
+    EXPECT_EQ(std::string(e.what()), holds + ", none named \"roofs\"");
+  }
 }
 
 TEST_F(LoadedFiles, NonFinitePositionsAreRefusedWithTheFirstPoint) {

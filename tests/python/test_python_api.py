@@ -222,6 +222,16 @@ def test_non_finite_positions_and_heights_are_refused_with_their_place():
         quorvel.raster(np.ones((2, 2), np.float32), cell_size=math.inf)
 
 
+def test_a_bundle_of_several_grids_is_read_by_name_only(tmp_path):
+    path = str(tmp_path / "two.h5")
+    quorvel.Cloud(line()).write(path)
+    assert len(quorvel.read(path, grid="PointCloud")) == 20
+    with pytest.raises(quorvel.Error, match='holds 1 grid .*, none named "trees"'):
+        quorvel.read(path, grid="trees")
+    with pytest.raises(ValueError, match="grid names a grid of a bundle"):
+        quorvel.read(os.path.join(DATA, "sample_c.las"), grid="PointCloud")
+
+
 def test_the_command_line_host_words_refusals_the_same(tmp_path):
     host = os.path.join(os.path.dirname(os.path.dirname(quorvel.__file__)), "..", "cli", "quorvel")
     if not os.path.exists(host):
