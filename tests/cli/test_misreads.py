@@ -173,10 +173,3 @@ def test_rasters_with_unusable_heights_or_pixels_are_refused(tmp_path, heights, 
     assert done.returncode == 1, done.stderr
     assert f"{source}: {problem}" in done.stderr
     assert not (tmp_path / "imported.h5").exists()
-
-
-def test_nan_heights_are_no_data_cells(tmp_path):
-    # NaN is how GDAL writes a missing height: a cell without data, never an error.
-    source = virtual_raster(tmp_path, [[1, math.nan], [3, 4]], NORTH_UP)
-    done = quorvel("raster", "import", source, "-o", tmp_path / "imported.h5")
-    assert done.returncode == 0, done.stderr
