@@ -94,6 +94,11 @@ void checkRange(const std::string& name, const std::string& text) {
 }
 
 void checkBands(const std::string& name, const std::string& text) {
+  // The library reads an empty text as its default band; given on a command line or in a
+  // pipeline it is rather a value that went missing (an unset variable).
+  if (text.find_first_not_of(" \t\r\n") == std::string::npos)
+    throw CLI::ValidationError(name, "an empty value holds no distance (leave the option out "
+                                     "for the default)");
   if (const auto problem = Checks::bandsProblem(text))
     throw CLI::ValidationError(name, *problem);
 }

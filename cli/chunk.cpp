@@ -145,7 +145,7 @@ ChunkResult runChunk(const ChunkJob& job) {
     return result;
   Cloud cloud = host.load(scratch.path);
   fs::remove(scratch.path);
-  runStages(pipeline.stages, cloud, host);
+  runStages(pipeline, cloud, host);
   writeRasters(job, cloud, host, result);
   cloud.grid = ownPoints(cloud, info);
   result.written = pointCount(*cloud.grid);

@@ -12,6 +12,69 @@ namespace Quorvel::Cli {
 
 namespace {
 
+using Event = nlohmann::json::parse_event_t;
+
+// The JSON library's message without its "[json.exception.parse_error.101] " tag.
+std::string withoutTag(const std::string& what) {
+  const auto end = what.find("] ");
+  return what.rfind("[json.", 0) == 0 && end != std::string::npos ? what.substr(end + 2) : what;
+}
+
+// Follows the parser through the file (as its callback), so that an error can say which element
+// of the array and which key it is in, and refuses what the JSON library takes silently: a key
+// twice in one object (the library keeps the last) and a NUL inside a text (a file name would
+// end there).
+class Place {
+public:
+  explicit Place(const std::string& path) : path_(&path) {}
+
+  bool operator()(int depth, Event event, nlohmann::json& parsed) {
+    const bool opens = event == Event::object_start || event == Event::array_start;
+    if (depth == 1 && (opens || event == Event::value)) {
+      ++element_;
+      key_.clear();
+    }
+    if (event == Event::object_start)
+      keys_.emplace_back();
+    else if (event == Event::object_end)
+      keys_.pop_back();
+    else if (event == Event::key)
+      see(parsed.get<std::string>());
+    else if (event == Event::value && parsed.is_string() &&
+             parsed.get_ref<const std::string&>().find('\0') != std::string::npos)
+      fail("a text holds a NUL character");
+    return true;
+  }
+
+  // "element 3: \"radius\": ", or nothing before the first element.
+  std::string where() const {
+    if (element_ == 0)
+      return {};
+    return "element " + std::to_string(element_) + ": " + (key_.empty() ? "" : quoted(key_) + ": ");
+  }
+
+private:
+  static std::string quoted(const std::string& text) { return "\"" + text + "\""; }
+
+  void see(const std::string& key) {
+    key_.clear();
+    if (key.find('\0') != std::string::npos)
+      fail("a key holds a NUL character");
+    if (!keys_.empty() && !keys_.back().insert(key).second)
+      fail("the key " + quoted(key) + " is given twice");
+    key_ = key;
+  }
+
+  [[noreturn]] void fail(const std::string& what) const {
+    throw Error(*path_ + ": " + where() + what);
+  }
+
+  const std::string* path_;
+  std::size_t element_ = 0;                 // the top-level elements begun, counted from 1
+  std::string key_;                         // the last key read in the current element
+  std::vector<std::set<std::string>> keys_; // the keys of every open object
+};
+
 class Reading {
 public:
   explicit Reading(const std::string& path) : path_(path) {}
@@ -24,11 +87,12 @@ public:
     std::ifstream in(path_);
     if (!in)
       throw Error(path_ + ": no such file");
+    Place place(path_);
     nlohmann::json stages;
     try {
-      stages = nlohmann::json::parse(in);
-    } catch (const nlohmann::json::parse_error& e) {
-      throw Error(path_ + ": not a JSON text: " + e.what());
+      stages = nlohmann::json::parse(in, std::ref(place));
+    } catch (const nlohmann::json::exception& e) {
+      throw Error(path_ + ": " + place.where() + "not a JSON text: " + withoutTag(e.what()));
     }
     if (filesRequired && (!stages.is_array() || stages.size() < 2))
       throw Error(path_ + ": a pipeline is a JSON array: an input file name, stage objects, "
@@ -41,7 +105,7 @@ public:
   Stage parse(const nlohmann::json& object, std::size_t k) {
     if (!object.is_object() || !object.contains("command") || !object["command"].is_string())
       fail(k, "a stage is an object with a text \"command\"");
-    Stage stage{object["command"].get<std::string>(), nullptr, std::make_unique<CLI::App>()};
+    Stage stage{object["command"].get<std::string>(), k, nullptr, std::make_unique<CLI::App>()};
     const auto& table = commands();
     const auto entry = std::find_if(table.begin(), table.end(),
                                     [&](const auto& e) { return stage.name == e.name; });
@@ -64,6 +128,18 @@ public:
   }
 
 private:
+  // An option with its value, as the command line gives it. An empty value stands apart from its
+  // option: after "--key=" the parser would take the next option as the value.
+  static void addValue(std::vector<std::string>& args, const std::string& key,
+                       const std::string& value) {
+    if (value.empty()) {
+      args.push_back("--" + key);
+      args.push_back(value);
+    } else {
+      args.push_back("--" + key + "=" + value);
+    }
+  }
+
   void parseOptions(Stage& stage, const nlohmann::json& object, std::size_t k) const {
     const std::string where = stage.name + ": ";
     std::vector<std::string> args;
@@ -79,16 +155,15 @@ private:
         if (value.get<bool>())
           args.push_back("--" + key);
       } else if (value.is_string()) {
-        args.push_back("--" + key + "=" + value.get<std::string>());
+        addValue(args, key, value.get<std::string>());
       } else if (value.is_number()) {
-        args.push_back("--" + key + "=" + value.dump());
+        addValue(args, key, value.dump());
       } else if (value.is_array() && option->get_items_expected_max() > 1) {
         // A repeatable option (assign's --set): one item each.
         for (const auto& item : value) {
           if (!item.is_string() && !item.is_number())
             fail(k, where + "\"" + key + "\" takes texts or numbers, not " + item.type_name());
-          args.push_back("--" + key + "=" +
-                         (item.is_string() ? item.get<std::string>() : item.dump()));
+          addValue(args, key, item.is_string() ? item.get<std::string>() : item.dump());
         }
       } else {
         fail(k, where + "\"" + key + "\" takes a text or a number, not " + value.type_name());
@@ -121,6 +196,7 @@ PipelineFile readPipeline(const std::string& path, bool filesRequired,
   Reading reading(path);
   const nlohmann::json elements = reading.readFile(filesRequired);
   PipelineFile file;
+  file.path = path;
   file.elements = elements.size();
   std::size_t begin = 0, end = elements.size();
   const auto name = [&](std::size_t k, const char* what) {
@@ -139,9 +215,14 @@ PipelineFile readPipeline(const std::string& path, bool filesRequired,
   return file;
 }
 
-void runStages(std::vector<Stage>& stages, Cloud& cloud, const Host& host) {
-  for (Stage& stage : stages)
-    stage.command->change(cloud, host);
+void runStages(PipelineFile& pipeline, Cloud& cloud, const Host& host) {
+  for (Stage& stage : pipeline.stages) {
+    try {
+      stage.command->change(cloud, host);
+    } catch (const std::exception& e) {
+      throw elementError(pipeline.path, stage.element, stage.name + ": " + e.what());
+    }
+  }
 }
 
 } // namespace Quorvel::Cli

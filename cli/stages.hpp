@@ -15,12 +15,14 @@ namespace Quorvel::Cli {
 // One stage: its command with its own option parser, its options parsed.
 struct Stage {
   std::string name;
+  std::size_t element = 0; // its place in the file's array, counted from 0
   std::unique_ptr<CloudCommand> command;
   std::unique_ptr<CLI::App> options;
 };
 
 // A pipeline file read and every stage checked, nothing run yet.
 struct PipelineFile {
+  std::string path;
   std::optional<std::string> input, output; // the first and last elements when they are texts
   std::size_t elements = 0;                 // how many elements the array holds
   std::vector<Stage> stages;
@@ -36,7 +38,8 @@ PipelineFile readPipeline(const std::string& path, bool filesRequired,
 // The error about element (counted from 0) of the pipeline file at path.
 Error elementError(const std::string& path, std::size_t element, const std::string& what);
 
-// Runs the stages on a cloud, in order.
-void runStages(std::vector<Stage>& stages, Cloud& cloud, const Host& host);
+// Runs the stages on a cloud, in order. A stage's failure is rethrown as an Error naming the
+// pipeline file, the stage's element and its command ("<path>: element 3: transfer: <what>").
+void runStages(PipelineFile& pipeline, Cloud& cloud, const Host& host);
 
 } // namespace Quorvel::Cli

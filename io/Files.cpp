@@ -10,11 +10,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <iostream>
+#include <optional>
 #include <unistd.h>
 
 namespace Quorvel::Files {
@@ -62,6 +64,58 @@ bool copy(std::istream& from, std::ostream& to) {
   return from.eof() && static_cast<bool>(to);
 }
 
+// The first point of a cloud with a NaN or infinite coordinate, counted from 0 over the
+// fragments in layout order; nothing for a cloud without one (and for rasters, which hold no
+// positions).
+std::optional<std::size_t> firstNonFinitePoint(const StrongPtr<Grid>& grid) {
+  const auto positions = findOptionalField(grid, Tressel::PositionsFieldName);
+  if (!positions)
+    return std::nullopt;
+  std::size_t before = 0;
+  for (const FragmentSlot& slot : fragmentsOf(*positions)) {
+    const auto xyz = fragmentArray<point>(*positions, slot);
+    if (!xyz)
+      continue;
+    for (std::size_t i = 0; i < xyz->size(); ++i)
+      if (!std::isfinite((*xyz)[i][0]) || !std::isfinite((*xyz)[i][1]) ||
+          !std::isfinite((*xyz)[i][2]))
+        return before + i;
+    before += xyz->size();
+  }
+  return std::nullopt;
+}
+
+// The grid of a bundle: the one named, or its only one.
+StrongPtr<Grid> bundleGrid(const std::string& path, const std::string& grid) {
+  Tressel::Bundle bundle;
+  if (!bundle.bindTo(path))
+    throw Las::Error(bundle.lastError());
+  const auto ids = bundle.getGridIdentifiers();
+  if (ids.empty())
+    throw Las::Error(path + ": the bundle holds no grid");
+  std::string names;
+  for (const Tressel::GridIdentifier& id : ids)
+    names +=
+        (names.empty() ? "" : ", ") + Basalt::format("\"%s\" (time %g)", id.grid.c_str(), id.time);
+  // Several grids: which one was meant is not the reader's guess.
+  const auto chosen = std::find_if(ids.begin(), ids.end(), [&](const Tressel::GridIdentifier& id) {
+    return grid.empty() ? ids.size() == 1 : id.grid == grid;
+  });
+  if (chosen == ids.end())
+    throw Las::Error(path + ": the bundle holds " + std::to_string(ids.size()) +
+                     (ids.size() == 1 ? " grid (" : " grids (") + names + ")" +
+                     (grid.empty() ? "; name the one to read (in Python: quorvel.read(path, "
+                                     "grid=NAME))"
+                                   : ", none named \"" + grid + "\""));
+  auto read = (*bundle.findSlice(chosen->time))[chosen->grid];
+  // LAS cannot hold a NaN position; a bundle can, and every neighbourhood and cell of such a
+  // point would be wrong without a word.
+  if (const auto bad = firstNonFinitePoint(read))
+    throw Las::Error(path + ": point " + std::to_string(*bad) +
+                     " (counted from 0) has a NaN or infinite coordinate");
+  return read;
+}
+
 } // namespace
 
 bool isStream(const std::string& path) {
@@ -101,15 +155,11 @@ Basalt::StrongPtr<Tressel::Grid> load(const std::string& path, std::size_t fragm
     return Las::reading(path, "its points", [&] { return Text::read(path); });
   if (!isBundle(path))
     return Las::read(path, fragmentPoints, progress, only, warn).grid;
-  return Las::reading(path, "its grid", [&] {
-    Tressel::Bundle bundle;
-    if (!bundle.bindTo(path))
-      throw Las::Error(bundle.lastError());
-    const auto ids = bundle.getGridIdentifiers();
-    if (ids.empty())
-      throw Las::Error(path + ": the bundle holds no grid");
-    return (*bundle.findSlice(ids.front().time))[ids.front().grid];
-  });
+  return loadBundle(path);
+}
+
+StrongPtr<Grid> loadBundle(const std::string& path, const std::string& grid) {
+  return Las::reading(path, "its grid", [&] { return bundleGrid(path, grid); });
 }
 
 void save(const std::string& path, const Basalt::StrongPtr<Tressel::Grid>& grid,

@@ -313,6 +313,26 @@ std::string unique(const std::string& base, std::set<std::string>& taken) {
   return name;
 }
 
+// The options bits that say a descriptor's scale and offset are given.
+constexpr std::uint8_t ScaleGiven = 1 << 3, OffsetGiven = 1 << 4;
+
+// Warns of a descriptor's scale or offset that no reader can apply (0, NaN, infinite): this
+// reader keeps the stored numbers, but readers that apply them would turn every value into 0
+// or NaN.
+void checkScaling(const ExtraBytes& e, const std::string& label, Findings& findings) {
+  if (e.dataType < 1 || e.dataType > 10)
+    return;
+  const Decoder io{e.descriptor.data(), DescriptorSize};
+  double scale = 1.0, offset = 0.0;
+  io(112, scale);
+  io(136, offset);
+  const std::string stored = ", which no reader can apply: its stored values are read unscaled";
+  if ((e.descriptor[3] & ScaleGiven) && !(std::isfinite(scale) && scale != 0))
+    findings.warnings.push_back(label + " has scale " + number(scale) + stored);
+  if ((e.descriptor[3] & OffsetGiven) && !std::isfinite(offset))
+    findings.warnings.push_back(label + " has offset " + number(offset) + stored);
+}
+
 } // namespace
 
 std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings) {
@@ -342,6 +362,10 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
     const std::string label = "extra-bytes dimension \"" + e.name + "\"";
     if (e.dataType == 0) {
       e.size = e.descriptor[3]; // undescribed bytes: their count is in the options byte
+      if (e.size == 0) {
+        findings.warnings.push_back(label + " has length 0 (type 0 with no bytes): left out");
+        continue;
+      }
     } else if (e.dataType <= 10) {
       e.size = kindSize(extraKind(e.dataType));
     } else if (e.dataType <= 30) {
@@ -355,6 +379,7 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
       findings.problems.push_back(label + " has unknown type " + std::to_string(e.dataType));
       return {};
     }
+    checkScaling(e, label, findings);
     total += static_cast<std::size_t>(e.size);
     if (e.name.empty())
       e.name = "ExtraBytes" + std::to_string(at / DescriptorSize);

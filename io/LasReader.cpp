@@ -6,14 +6,19 @@
 #include "io/laz/Laz.hpp"
 #include "io/stream.hpp"
 
+#include "basalt/Text.hpp"
+#include "quorvel/core/core.hpp"
+
 #include "tressel/PointCloud.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <limits>
 #include <mutex>
 #include <set>
 #include <sys/mman.h>
@@ -343,6 +348,38 @@ void inBlocks(std::size_t count, std::size_t done, Percent& percent, Step step) 
   }
 }
 
+// Points outside the header's bounds (by more than one scale step) were written with another
+// scale or offset than the header gives, so every coordinate read is wrong. A header without
+// bounds (all zero, as some writers leave it) says nothing.
+void checkBounds(const Tressel::Grid& grid, const Header& h, const Warn& warn) {
+  const auto zero = [](const std::array<double, 3>& a) {
+    return a[0] == 0 && a[1] == 0 && a[2] == 0;
+  };
+  const auto positions = grid.CartesianPositions();
+  if (!warn || !positions || (zero(h.min) && zero(h.max)))
+    return;
+  std::array<double, 3> low, high;
+  low.fill(std::numeric_limits<double>::infinity());
+  high.fill(-std::numeric_limits<double>::infinity());
+  for (const FragmentSlot& slot : fragmentsOf(*positions))
+    if (const auto box = fragmentBBox(slot))
+      for (int k = 0; k < 3; ++k) {
+        low[k] = std::min(low[k], box->min()[k]);
+        high[k] = std::max(high[k], box->max()[k]);
+      }
+  for (int k = 0; k < 3; ++k) {
+    const double step = std::fabs(h.scale[k]) * 1.001;
+    if (low[k] <= high[k] && (low[k] < h.min[k] - step || high[k] > h.max[k] + step)) {
+      warn(Basalt::format("the points' %c runs from %.10g to %.10g, outside the header's bounds "
+                          "%.10g to %.10g: the scale (%g) or offset (%.10g) of %c is likely not "
+                          "the one the points were written with",
+                          "xyz"[k], low[k], high[k], h.min[k], h.max[k], h.scale[k], h.offset[k],
+                          "xyz"[k]));
+      return;
+    }
+  }
+}
+
 ReadResult readAll(const std::string& path, std::size_t fragmentPoints,
                    const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
                    const std::set<std::string>& only, const Warn& warn) {
@@ -409,6 +446,7 @@ ReadResult readAll(const std::string& path, std::size_t fragmentPoints,
     percent.finish();
     result.grid = cloud.build(name);
   }
+  checkBounds(*result.grid, h, warn);
   setFileInfo(*result.grid, in.info);
   return result;
 }
@@ -428,6 +466,7 @@ ReadResult readInBox(const std::string& path, const Box& box, const Warn& warn) 
   ReadResult result;
   result.info = info;
   result.grid = cloud.build(std::filesystem::path(path).stem().string());
+  checkBounds(*result.grid, info.header, warn);
   setFileInfo(*result.grid, info);
   return result;
 }

@@ -3,6 +3,7 @@
 #include "io/detail/Raster.hpp"
 
 #include "basalt/ReplacingFile.hpp"
+#include "basalt/Text.hpp"
 #include "quorvel/core/budget.hpp"
 
 #include <cpl_conv.h>
@@ -63,8 +64,12 @@ detail::Pixels readPixels(GDALDataset& data, const std::string& path) {
     fail(path, "the raster has no georeferencing (geotransform)");
   if (t[2] != 0.0 || t[4] != 0.0)
     fail(path, "the raster is rotated (its geotransform has rotation terms); warp it north-up");
-  if (!(t[1] > 0) || t[5] == 0 || !std::isfinite(t[0]) || !std::isfinite(t[3]))
-    fail(path, "the raster's pixel size is not usable");
+  if (!std::isfinite(t[0]) || !std::isfinite(t[3]))
+    fail(path, Basalt::format("the raster's origin (%g, %g) is not finite", t[0], t[3]));
+  if (!(std::isfinite(t[1]) && t[1] > 0) || !(std::isfinite(t[5]) && t[5] != 0))
+    fail(path, Basalt::format("the raster's pixel size (%g by %g) is not usable: the width must "
+                              "be positive and finite, the height finite and not 0",
+                              t[1], t[5]));
   detail::Pixels p;
   p.columns = static_cast<std::size_t>(data.GetRasterXSize());
   p.rows = static_cast<std::size_t>(data.GetRasterYSize());
@@ -97,6 +102,10 @@ detail::Pixels readPixels(GDALDataset& data, const std::string& path) {
     const float* from = rows.data() + (southUp ? j : p.rows - 1 - j) * p.columns;
     for (std::size_t i = 0; i < p.columns; ++i) {
       const float h = from[i];
+      // NaN is no-data as GDAL writes it; an infinite height is a broken value, not a height.
+      if (std::isinf(h))
+        fail(path, Basalt::format("the pixel at row %zu, column %zu of band 1 is %g",
+                                  southUp ? j : p.rows - 1 - j, i, double(h)));
       const bool missing = std::isnan(h) || (hasNoData && h == noDataFloat);
       p.types[j * p.columns + i] = missing ? NoData : Measured;
       p.heights[j * p.columns + i] = missing ? std::nanf("") : h;

@@ -4,6 +4,7 @@
 #include "io/las.hpp"
 
 #include "basalt/ReplacingFile.hpp"
+#include "basalt/Text.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <algorithm>
@@ -293,8 +294,15 @@ Basalt::StrongPtr<Tressel::Grid> gridOf(const Table& table) {
   const std::size_t n = table.values.front().size();
   std::vector<Vantor::PhysicalSpace::point> xyz(n);
   for (std::size_t i = 0; i < n; ++i)
-    for (std::size_t a = 0; a < 3; ++a)
-      xyz[i][static_cast<int>(a)] = table.values[static_cast<std::size_t>(axes[a])][i];
+    for (std::size_t a = 0; a < 3; ++a) {
+      const double v = table.values[static_cast<std::size_t>(axes[a])][i];
+      // "nan" and "inf" read as numbers, but no neighbourhood or cell of such a point is right.
+      if (!std::isfinite(v))
+        throw Las::Error(
+            Basalt::format("point %zu (counted from 1) has %s = %g; positions must be finite",
+                           i + 1, table.names[static_cast<std::size_t>(axes[a])].c_str(), v));
+      xyz[i][static_cast<int>(a)] = v;
+    }
   Tressel::PointCloudBuilder builder(xyz);
   for (std::size_t c = 0; c < table.names.size(); ++c) {
     if (std::find(axes.begin(), axes.end(), static_cast<int>(c)) != axes.end())

@@ -27,13 +27,18 @@ bool isLaz(const std::string& path);
 // Whether a path names a GeoTIFF (.tif, .tiff), the raster file the hosts write.
 bool isGeoTiff(const std::string& path);
 
-// Reads the first grid of a bundle, a text or PLY file (io/text.hpp), LAS from standard input
-// ("-"), or a LAS file as Las::read does (fragmentPoints, only and warn apply to LAS files). Throws
-// Las::Error naming the file and the problem.
+// Reads the grid of a bundle of one grid (loadBundle), a text or PLY file (io/text.hpp), LAS from
+// standard input ("-"), or a LAS file as Las::read does (fragmentPoints, only and warn apply to
+// LAS files). Throws Las::Error naming the file and the problem.
 Basalt::StrongPtr<Tressel::Grid>
 load(const std::string& path, std::size_t fragmentPoints = 0,
      const Basalt::StrongPtr<Basalt::LoaderProgress>& progress = {},
      const std::set<std::string>& only = {}, const Las::Warn& warn = {});
+
+// Reads the grid named `grid` of a bundle, or its only grid when the name is empty; a bundle of
+// several grids without a name, or without a grid of that name, is refused with the names it
+// holds. A cloud with a NaN or infinite position is refused with the first such point.
+Basalt::StrongPtr<Tressel::Grid> loadBundle(const std::string& path, const std::string& grid = {});
 
 // Writes a grid as a bundle (every field as it is, positions in double precision), as text or
 // PLY (every column, io/text.hpp), as LAS to standard output ("-") or as LAS (Las::write with

@@ -34,7 +34,7 @@ public:
     PipelineFile checked = check();
     checkOutput(*checked.output);
     Cloud cloud = host.load(*checked.input);
-    runStages(checked.stages, cloud, host);
+    runStages(checked, cloud, host);
     for (const Cloud::Raster& made : cloud.rasters)
       host.save(made.name, {made.grid, made.field, {}});
     host.save(*checked.output, cloud, write_);

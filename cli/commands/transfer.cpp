@@ -21,8 +21,8 @@ public:
           box_ = ClassificationTransferParameterBox(text);
         },
         "distance bands in metres and the class given within each, e.g. 1 (nearest source "
-        "point's class within 1 m) or 0.5=2;1=3 (class 2 within 0.5 m, 3 within 1 m); empty: "
-        "0.001");
+        "point's class within 1 m) or 0.5=2;1=3 (class 2 within 0.5 m, 3 within 1 m); classes 0 to "
+        "255; left out: 0.001");
     addDimension(app, box_.dimension, "3: distances in x, y, z; 2: in x, y");
     addRange(app, "--source-classes", box_.source,
              "source classes that are searched (class numbers, e.g. 2 or 2:6,9)");

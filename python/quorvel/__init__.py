@@ -246,7 +246,7 @@ def _cloud_init(self, xyz, fragment_points=0, **fields):
     """A cloud of n x 3 positions and per-point fields.
 
     Parameters:
-        xyz: n x 3 positions in metres, any numeric type (converted to float64 once)
+        xyz: n x 3 finite positions in metres, any numeric type (converted to float64 once)
         fragment_points: points of a fragment (consecutive points); 0: one fragment
         fields: per-point arrays of n values (n x 3 for vectors) by field name: the framework's
             names (Classification, Intensity, GpsTime, ...), laspy's (classification,

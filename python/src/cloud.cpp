@@ -1,6 +1,7 @@
 // Quorvel for Python: clouds from numpy arrays and back, LAS and bundle files.
 #include "cloud.hpp"
 
+#include "basalt/Text.hpp"
 #include "io/detail/LasFormats.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
@@ -76,6 +77,17 @@ std::string elementTypeOf(const std::string& name, const py::array& a, std::size
         py::cast<std::string>(py::str(static_cast<const py::handle&>(d))) + " of shape " + shape);
 }
 
+// Positions cannot be NaN or infinite: every neighbourhood and cell would be wrong without a
+// word. Names the first such point.
+void requireFinitePositions(const py::array& xyz) {
+  const auto* p = static_cast<const double*>(xyz.data());
+  const auto n = static_cast<std::size_t>(xyz.size());
+  const auto bad = std::find_if(p, p + n, [](double v) { return !std::isfinite(v); });
+  if (bad != p + n)
+    raiseValue(Basalt::format("xyz: row %zu holds %g; positions must be finite",
+                              static_cast<std::size_t>(bad - p) / 3, *bad));
+}
+
 // A cloud of the arrays, in fragments of at most fragmentPoints consecutive points (one for 0).
 Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& fields) {
   const std::size_t n = xyz.ndim() == 2 ? static_cast<std::size_t>(xyz.shape(0)) : 0;
@@ -91,6 +103,8 @@ Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& 
     if (!a)
       throw std::runtime_error("field \"" + name + "\" is not an array");
     const std::string type = elementTypeOf(name, a, n);
+    if (type == "point")
+      requireFinitePositions(a);
     const std::size_t bytes = TresselTypeBase::find(type)->size();
     const auto* from = static_cast<const std::uint8_t*>(a.data());
     const auto to = arrays.addField(name, type);
@@ -299,7 +313,13 @@ void bindCloud(py::module_& m) {
   m.def(
       "read",
       [](const std::string& path, std::size_t fragmentPoints,
-         const std::optional<std::vector<double>>& box) {
+         const std::optional<std::vector<double>>& box, const std::optional<std::string>& grid) {
+        if (grid) {
+          if (!Files::isBundle(path))
+            raiseValue("grid names a grid of a bundle (.h5, .hdf5), not of \"" + path + "\"");
+          py::gil_scoped_release released;
+          return Cloud{Files::loadBundle(path, *grid)};
+        }
         if (const auto b = boxOf(box))
           return readBox(path, fragmentPoints, *b);
         py::gil_scoped_release released;
@@ -308,6 +328,7 @@ void bindCloud(py::module_& m) {
                          : Files::load(path, fragmentPoints, {}, {}, readWarnings(path))};
       },
       py::arg("path"), py::arg("fragment_points") = 0, py::arg("box") = py::none(),
+      py::arg("grid") = py::none(),
       "Reads a point cloud or a raster.\n\n"
       "Parameters:\n"
       "    path: a LAS or LAZ file, a bundle (.h5, .hdf5) or a raster GDAL reads (.tif, .tiff, "
@@ -316,7 +337,9 @@ void bindCloud(py::module_& m) {
       "points\n"
       "    box: (x0, y0, x1, y1) or (x0, y0, x1, y1, z0, z1): only the points of a LAS or LAZ "
       "file inside it (edges included) are read, in one fragment; the other points are never "
-      "built (a COPC file's nodes outside it are not even decoded)");
+      "built (a COPC file's nodes outside it are not even decoded)\n"
+      "    grid: the name of the grid to read from a bundle of several; None: a bundle must "
+      "hold one");
 }
 
 } // namespace Quorvel::Python

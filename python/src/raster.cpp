@@ -1,6 +1,7 @@
 // Quorvel for Python: raster preparation and mapping, and fields carried from grid to grid.
 #include "boxes.hpp"
 
+#include "basalt/Text.hpp"
 #include "io/raster.hpp"
 #include "quorvel/raster/raster.hpp"
 #include "tressel/Bundle.hpp"
@@ -293,16 +294,22 @@ Cloud rasterOf(const Heights& height, const std::optional<Types>& types, const T
   if (height.ndim() != 2 || (types && (types->ndim() != 2 || types->shape(0) != height.shape(0) ||
                                        types->shape(1) != height.shape(1))))
     raise("a raster needs a 2-D array of heights and cell types of the same shape");
-  if (!(cellSize > 0) || fragmentCells == 0)
-    raise("a raster needs a positive cell size and fragment size");
+  if (!(std::isfinite(cellSize) && cellSize > 0) || fragmentCells == 0)
+    raise("a raster needs a positive finite cell size and fragment size");
   const auto ny = static_cast<std::size_t>(height.shape(0));
   const auto nx = static_cast<std::size_t>(height.shape(1));
   const std::size_t cx = std::max<std::size_t>(1, std::min(fragmentCells, nx));
   const std::size_t cy = std::max<std::size_t>(1, std::min(fragmentCells, ny));
+  const float* h = height.data();
+  // NaN marks a cell without a height; an infinite height is no measurement at all.
+  if (const auto bad = std::find_if(h, h + nx * ny, [](float v) { return std::isinf(v); });
+      bad != h + nx * ny)
+    raiseValue(Basalt::format("height: the cell at row %zu, column %zu is %g",
+                              static_cast<std::size_t>(bad - h) / nx,
+                              static_cast<std::size_t>(bad - h) % nx, double(*bad)));
   Tressel::Bundle bundle;
   Cloud out{Tressel::createUniformGrid3D(bundle, 0.0, "raster", {nx, ny, 1}, {cx, cy, 1},
                                          pointOf(origin), vector(cellSize, cellSize, 0.0))};
-  const float* h = height.data();
   std::vector<std::uint8_t> cellTypes(nx * ny);
   for (std::size_t k = 0; k < cellTypes.size(); ++k)
     cellTypes[k] = types ? types->data()[k] : static_cast<std::uint8_t>(std::isnan(h[k]) ? 1 : 0);
@@ -351,11 +358,12 @@ void bindRasters(py::module_& m) {
         "A raster from a (rows, columns) array of heights.\n\n"
         "Cell (i, j) at origin + (i, j) * cell_size takes height[j, i].\n\n"
         "Parameters:\n"
-        "    height: (rows, columns) heights in metres\n"
+        "    height: (rows, columns) heights in metres; NaN: no data; an infinite height "
+        "raises ValueError\n"
         "    cell_type: (rows, columns) cell types (0, 4: ground; 1: no data); None: 0, or 1 "
         "where the height is NaN\n"
         "    origin: (x, y, z) of cell (0, 0) in metres\n"
-        "    cell_size: edge of a cell in metres\n"
+        "    cell_size: edge of a cell in metres, positive and finite\n"
         "    fragment_cells: cells of a fragment along x and y\n"
         "    height_field: the field of the heights");
   m.def(

@@ -202,6 +202,9 @@ std::optional<std::string> rangeProblem(std::string_view text) {
       numbers = numbers && finiteNumber(piece).has_value();
     if (!numbers)
       return quoted(item, text) + " is not a value or low:high of finite numbers";
+    // A reversed range holds nothing: the ends were swapped by mistake.
+    if (pieces.size() == 2 && *finiteNumber(pieces[0]) > *finiteNumber(pieces[1]))
+      return quoted(item, text) + " is reversed: its low end is above its high end";
   }
   if (any && Vantor::MultiRange<double>(std::string(text)).empty())
     return inQuotes(text) + " is not a range the library reads";
@@ -217,6 +220,10 @@ std::optional<std::string> bandsProblem(std::string_view text) {
     if (parts.size() > 2 || !distance || *distance < 0 ||
         (parts.size() == 2 && !wholeNumber(parts[1])))
       return quoted(item, text) + " is not a distance or distance=class";
+    // Classes are stored in one byte: 999 would become 231.
+    if (const auto cls = parts.size() == 2 ? wholeNumber(parts[1]) : std::nullopt;
+        cls && (*cls < 0 || *cls > 255))
+      return quoted(item, text) + " gives a class outside 0 to 255";
   }
   return std::nullopt;
 }

@@ -139,6 +139,12 @@ StrongPtr<Grid> loadRaster(const std::string& fileName, Messages& log) {
     log.report("prepareRaster, ERROR: no grids in file " + fileName + " found");
     return nullptr;
   }
+  // Which of several rasters was meant is not this reader's guess: a bundle of one is needed.
+  if (const auto grids = bundle.getGridIdentifiers().size(); grids > 1) {
+    log.report("prepareRaster, ERROR: " + fileName + " holds " + std::to_string(grids) +
+               " grids; a raster bundle of one grid is needed");
+    return nullptr;
+  }
   auto raster = (*slices.front())[names.front()];
   if (!raster)
     log.report("prepareRaster, ERROR: no grid found");

@@ -185,6 +185,42 @@ def test_runs_refuse_what_the_command_refuses_with_its_words():
     assert set(cloud.fields) == {"Positions", "Classification"}
 
 
+def test_classes_beyond_a_byte_and_reversed_ranges_are_refused_by_the_same_table():
+    # Class 999 became 231; a reversed range selected nothing.
+    cases = [
+        (lambda: quorvel.ClassificationTransferParameterBox("0.5=2;1=999"),
+         '"text": "1=999" in "0.5=2;1=999" gives a class outside 0 to 255'),
+        (lambda: quorvel.ExtrapolationParameterBox(source="5:1"),
+         '"source": "5:1" is reversed: its low end is above its high end'),
+    ]
+    for k, (run, message) in enumerate(cases):
+        assert refused(run) == message, k
+
+
+def test_non_finite_positions_and_heights_are_refused_with_their_place():
+    xyz = line()
+    xyz[7, 1] = math.nan
+    assert refused(lambda: quorvel.Cloud(xyz)) == "xyz: row 7 holds nan; positions must be finite"
+    xyz[7, 1], xyz[3, 2] = 0, -math.inf
+    assert refused(lambda: quorvel.Cloud(xyz)) == "xyz: row 3 holds -inf; positions must be finite"
+    # NaN heights are cells without data; an infinite one is refused by its row and column.
+    height = np.ones((3, 4), np.float32)
+    height[2, 1] = math.inf
+    assert refused(lambda: quorvel.raster(height)) == "height: the cell at row 2, column 1 is inf"
+    with pytest.raises(quorvel.Error, match="positive finite cell size"):
+        quorvel.raster(np.ones((2, 2), np.float32), cell_size=math.inf)
+
+
+def test_a_bundle_of_several_grids_is_read_by_name_only(tmp_path):
+    path = str(tmp_path / "two.h5")
+    quorvel.Cloud(line()).write(path)
+    assert len(quorvel.read(path, grid="PointCloud")) == 20
+    with pytest.raises(quorvel.Error, match='holds 1 grid .*, none named "trees"'):
+        quorvel.read(path, grid="trees")
+    with pytest.raises(ValueError, match="grid names a grid of a bundle"):
+        quorvel.read(os.path.join(DATA, "sample_c.las"), grid="PointCloud")
+
+
 def test_the_command_line_host_words_refusals_the_same(tmp_path):
     host = os.path.join(os.path.dirname(os.path.dirname(quorvel.__file__)), "..", "cli", "quorvel")
     if not os.path.exists(host):

@@ -61,6 +61,16 @@ TEST(Checks, RangeAndBandTextsUnderAnyLocale) {
             "\"0.5=two\" is not a distance or distance=class");
   EXPECT_EQ(problemOf("classificationTransfer", "text", "1;-1"),
             "\"-1\" in \"1;-1\" is not a distance or distance=class");
+  // Ranges whose ends were swapped hold nothing; equal ends hold one value.
+  EXPECT_EQ(problemOf(regression, "source", "5:5,7:8"), "");
+  EXPECT_EQ(problemOf(regression, "source", "2,5:1"),
+            "\"5:1\" in \"2,5:1\" is reversed: its low end is above its high end");
+  // Classes are one byte: 999 would wrap to 231.
+  EXPECT_EQ(problemOf("classificationTransfer", "text", "1=255"), "");
+  EXPECT_EQ(problemOf("classificationTransfer", "text", "1=999"),
+            "\"1=999\" gives a class outside 0 to 255");
+  EXPECT_EQ(problemOf("classificationTransfer", "text", "0.5=-1;1"),
+            "\"0.5=-1\" in \"0.5=-1;1\" gives a class outside 0 to 255");
   if (previous)
     std::setlocale(LC_NUMERIC, "C");
   EXPECT_EQ(named("step", "\"-1\" is not a positive finite number"),
