@@ -23,7 +23,7 @@ RUNS = int(os.environ.get("RUNS", "1"))
 
 # name, arguments after the input (OUT is replaced by the output path), needs shape factors first
 COMMANDS = [
-    ("convert", ["-o", "OUT.las"]),  # reading and writing alone: the floor of every command
+    ("convert", ["OUT.las"]),  # reading and writing alone: the floor of every command
     ("shapefactors", ["-o", "OUT.las", "--normals", "--linearity"]),
     ("weights", ["-o", "OUT.las"]),
     ("reduce", ["-o", "OUT.las", "--keep", "0.25"]),
