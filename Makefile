@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 SOURCES := $(shell git ls-files '*.cpp' '*.hpp' 2>/dev/null)
 
-.PHONY: all deps build test asan-test fuzz bench format format-check demo clean
+.PHONY: all deps build test asan-test fuzz fuzz-long bench format format-check demo clean
 
 all: build
 
@@ -30,6 +30,16 @@ fuzz: deps
 	@cmake --preset fuzz >/dev/null
 	@cmake --build --preset fuzz -j $(JOBS)
 	@FUZZ_RUNS=$(FUZZ_RUNS) bash fuzz/run $(FUZZ_SECONDS)
+
+# A campaign: every fuzz target for FUZZ_SECONDS each (given on the command line), one after the
+# other and at the lowest priority, from the committed corpus and seeds; `fuzz/minimise` then
+# folds what it found into fuzz/corpus.
+fuzz-long: deps
+	@if [ "$(origin FUZZ_SECONDS)" = file ]; then \
+	  echo "make fuzz-long FUZZ_SECONDS=N: every target for N seconds"; exit 2; fi
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+	@FUZZ_RUNS= nice -n 19 bash fuzz/run $(FUZZ_SECONDS)
 
 # Google Benchmark programs (Release build).
 bench: build

@@ -120,6 +120,8 @@ public:
     bool insert(const Point& p, const Index& i) override {
       if (indices.size() >= this->capacity && divisible(p))
         return false;
+      if (!points.empty() && !OcTreeStd::samePosition(points.front(), p))
+        copies = false;
       indices.push_back(i);
       points.push_back(p);
       return true;
@@ -137,6 +139,9 @@ public:
 
     std::vector<Index> indices;
     std::vector<Point> points;
+    // True while every entry has the position of the first on the D axes: every query then
+    // measures one distance for the whole leaf, however many copies it holds.
+    bool copies = true;
 
   private:
     // False when splitting cannot separate the entries: all equal p, the box has collapsed on
@@ -150,11 +155,7 @@ public:
             collapsed && !(this->min[k] < this->centre[k] && this->centre[k] < this->max[k]);
       if (collapsed)
         return false;
-      for (const Point& q : points)
-        for (int k = 0; k < D; ++k)
-          if (!(q[k] == p[k]))
-            return true;
-      return false;
+      return !points.empty() && (!copies || !OcTreeStd::samePosition(points.front(), p));
     }
   };
 
@@ -275,6 +276,38 @@ public:
     sortByDistance(out);
   }
 
+  // The radius query of getEuclideanRangeSorted, except that a leaf of copies of one position
+  // lists only its first `perLeaf` entries that lie within radius: the list is then the sorted
+  // one without entries that come after perLeaf others of the same distance, so its first
+  // perLeaf entries are those of the whole list. Returns how many entries lie within radius,
+  // those left out included. A point among 10^5 copies costs one distance, not 10^5.
+  std::size_t getEuclideanRangeSortedFirst(const Point& centre, double radius, std::size_t perLeaf,
+                                           std::vector<std::pair<double, Index>>& out) const {
+    out.clear();
+    std::size_t found = 0;
+    const double r2 = radius * radius;
+    walk(
+        *root, [&](const Node& n) { return euclideanMiss(n, centre, radius); },
+        [&](const Leaf& leaf) {
+          if (!leaf.copies || leaf.points.empty()) {
+            for (std::size_t j = 0; j < leaf.points.size(); ++j) {
+              const double d2 = squaredDistance(leaf.points[j], centre);
+              if (d2 <= r2)
+                out.emplace_back(d2, leaf.indices[j]), ++found;
+            }
+            return;
+          }
+          const double d2 = squaredDistance(leaf.points.front(), centre);
+          if (!(d2 <= r2))
+            return;
+          found += leaf.indices.size();
+          for (std::size_t j = 0; j < std::min(perLeaf, leaf.indices.size()); ++j)
+            out.emplace_back(d2, leaf.indices[j]);
+        });
+    sortByDistance(out);
+    return found;
+  }
+
   // Visits the leaves in tree order with their points and indices: f(points, indices). Points
   // visited in this order lie near each other, so queries about them touch the same nodes.
   template <class F>
@@ -346,6 +379,13 @@ private:
         out[j] = out[j - 1];
       out[j] = entry;
     }
+  }
+  // Equal on the D axes (as the distances see them).
+  static bool samePosition(const Point& a, const Point& b) {
+    for (int k = 0; k < D; ++k)
+      if (!(a[k] == b[k]))
+        return false;
+    return true;
   }
   // Squared distance over the D axes.
   static double squaredDistance(const Point& a, const Point& b) {

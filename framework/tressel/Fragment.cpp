@@ -10,11 +10,10 @@ namespace Tressel {
 
 StrongPtr<FragmentID> FragmentIDCollection::makeFragmentID(const std::string& name) {
   std::unique_lock<std::shared_mutex> lock(mutex_);
-  for (const auto& id : ids_)
-    if (id->Name() == name)
-      return id;
-  ids_.push_back(std::make_shared<FragmentID>(name, static_cast<unsigned>(ids_.size()), this));
-  return ids_.back();
+  const auto [at, added] = byName_.try_emplace(name, ids_.size());
+  if (added)
+    ids_.push_back(std::make_shared<FragmentID>(name, static_cast<unsigned>(ids_.size()), this));
+  return ids_[at->second];
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::findFragmentID(unsigned number) const {
@@ -24,10 +23,8 @@ StrongPtr<FragmentID> FragmentIDCollection::findFragmentID(unsigned number) cons
 
 StrongPtr<FragmentID> FragmentIDCollection::findFragmentID(const std::string& name) const {
   std::shared_lock<std::shared_mutex> lock(mutex_);
-  for (const auto& id : ids_)
-    if (id->Name() == name)
-      return id;
-  return nullptr;
+  const auto at = byName_.find(name);
+  return at == byName_.end() ? nullptr : ids_[at->second];
 }
 
 std::size_t FragmentIDCollection::size() const {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <shared_mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace Tressel {
@@ -47,6 +48,9 @@ public:
 private:
   mutable std::shared_mutex mutex_;
   std::vector<StrongPtr<FragmentID>> ids_;
+  // Each name's place in ids_: a layout of tens of thousands of fragments (a raster in small
+  // tiles) is built and searched by name without a scan per fragment.
+  std::unordered_map<std::string, std::size_t> byName_;
 };
 
 } // namespace Tressel

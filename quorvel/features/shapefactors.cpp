@@ -161,21 +161,51 @@ struct Outputs {
   FragmentOutput<vector> normal;
 };
 
-// Every selected point of the fragment, in static blocks of n / threads points.
+// The shape of the neighbourhood about p.
+template <class Tree>
+detail::PointShape shapeAt(const Tree& tree, const point* positions, const point& p, double radius,
+                           const Box& box, detail::SortedNeighbours& neighbours) {
+  tree.getEuclideanRangeSorted(p, radius, neighbours);
+  return detail::shapeOfPoint(positions, p, neighbours, box.maxstep, box.step);
+}
+
+void storeShape(Outputs& out, const Box& box, std::size_t i, const detail::PointShape& s) {
+  out.planarity[i] = s.planarity;
+  if (box.linearity)
+    out.linearity[i] = s.linearity;
+  if (box.sphericity)
+    out.sphericity[i] = s.sphericity;
+  if (box.normalvector)
+    out.normal[i] = s.normal;
+}
+
+void copyShape(Outputs& out, const Box& box, std::size_t copy, std::size_t first) {
+  storeShape(out, box, copy,
+             {out.planarity[first], box.linearity ? out.linearity[first] : 0.0f,
+              box.sphericity ? out.sphericity[first] : 0.0f,
+              box.normalvector ? out.normal[first] : vector{0, 0, 0}});
+}
+
+// Every selected point of the fragment, in static blocks of n / threads points. A point's shape
+// depends on its position alone, so copies of a position (they share a leaf) take the first's.
 template <int D>
 void computePoints(const point* positions, std::size_t n, const Mask& mask, const BoundingBox& bbox,
                    const Box& box, Outputs& out, int threads) {
-  Tarrow::OcTreeStd<unsigned, point, D> tree(bbox.min(), bbox.max(), 64);
+  constexpr unsigned Capacity = 64;
+  Tarrow::OcTreeStd<unsigned, point, D> tree(bbox.min(), bbox.max(), Capacity);
   for (std::size_t i = 0; i < n; ++i)
     if (mask.test(i))
       tree.insert(positions[i], static_cast<unsigned>(i));
   // The selected points in the tree's order, so that consecutive queries touch the same nodes
   // and points; each point's result is the same in any order.
-  std::vector<unsigned> order;
-  order.reserve(n);
+  CopyPlan plan;
+  plan.computing.reserve(n);
   tree.forEachLeaf([&](const auto&, const std::vector<unsigned>& indices) {
-    order.insert(order.end(), indices.begin(), indices.end());
+    separateCopies(
+        indices.data(), indices.data() + indices.size(), Capacity,
+        [&](unsigned i) { return positions[i]; }, plan);
   });
+  const std::vector<std::size_t>& order = plan.computing;
   const double radius = static_cast<double>(box.maxstep) * box.step;
   omp_set_dynamic(0);
 #pragma omp parallel num_threads(threads)
@@ -184,20 +214,12 @@ void computePoints(const point* positions, std::size_t n, const Mask& mask, cons
         detail::staticBlock(order.size(), static_cast<std::size_t>(omp_get_num_threads()),
                             static_cast<std::size_t>(omp_get_thread_num()));
     detail::SortedNeighbours neighbours;
-    for (std::size_t at = begin; at < end; ++at) {
-      const std::size_t i = order[at];
-      tree.getEuclideanRangeSorted(positions[i], radius, neighbours);
-      const detail::PointShape s =
-          detail::shapeOfPoint(positions, positions[i], neighbours, box.maxstep, box.step);
-      out.planarity[i] = s.planarity;
-      if (box.linearity)
-        out.linearity[i] = s.linearity;
-      if (box.sphericity)
-        out.sphericity[i] = s.sphericity;
-      if (box.normalvector)
-        out.normal[i] = s.normal;
-    }
+    for (std::size_t at = begin; at < end; ++at)
+      storeShape(out, box, order[at],
+                 shapeAt(tree, positions, positions[order[at]], radius, box, neighbours));
   }
+  for (const auto& [copy, first] : plan.copies)
+    copyShape(out, box, copy, first);
 }
 
 // One fragment: box, filters, tree, points, hand-over.

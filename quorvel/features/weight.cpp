@@ -30,10 +30,13 @@ float weightOfPoint(const WeightInputs& in, std::size_t i, WeightScratch& scratc
     return -1.0f;
   const point& p = in.positions[i];
   double r = in.radius;
-  in.tree.getEuclideanRangeSorted(p, r, scratch.list);
-  while (scratch.list.size() < in.neighbours + 1 && r < LargestWeightRadius) {
+  // The weight reads the first K entries other than i: of a leaf of copies, K + 1 entries
+  // hold them (i is one at most), so a query lists no more of it and only counts the rest.
+  const std::size_t perLeaf = in.neighbours + 1;
+  std::size_t found = in.tree.getEuclideanRangeSortedFirst(p, r, perLeaf, scratch.list);
+  while (found < in.neighbours + 1 && r < LargestWeightRadius) {
     r *= 2;
-    in.tree.getEuclideanRangeSorted(p, r, scratch.query);
+    found += in.tree.getEuclideanRangeSortedFirst(p, r, perLeaf, scratch.query);
     accumulate(scratch);
   }
   if (scratch.list.empty())

@@ -104,6 +104,24 @@ void forEachPoint(std::size_t n, int threads, Body&& body) {
     body(static_cast<std::size_t>(i));
 }
 
+// True for a point at the position of the one before it in space order, bit for bit: copies
+// sort together, their neighbours are the same, and the first answers for all of them (the
+// search of a point among 10^5 copies would visit every one).
+std::vector<std::uint8_t> copyOfPrevious(const Points& points) {
+  std::vector<std::uint8_t> copy(points.xyz.size(), 0);
+  for (std::size_t i = 1; i < copy.size(); ++i)
+    copy[i] = positionBits(points.xyz[i]) == positionBits(points.xyz[i - 1]);
+  return copy;
+}
+
+// Gives each copy the answer of the point before it.
+template <class T>
+void fillCopies(std::vector<T>& answers, const std::vector<std::uint8_t>& copy) {
+  for (std::size_t i = 1; i < answers.size(); ++i)
+    if (copy[i])
+      answers[i] = answers[i - 1];
+}
+
 std::vector<std::uint8_t> statistical(const Points& points, const KdTree& tree,
                                       OutlierParameterBox& box, int threads) {
   const std::size_t n = points.xyz.size();
@@ -112,7 +130,10 @@ std::vector<std::uint8_t> statistical(const Points& points, const KdTree& tree,
   // Room for one answer per thread, made once.
   thread_local std::vector<std::size_t> found;
   thread_local std::vector<double> squared;
+  const auto copy = copyOfPrevious(points);
   forEachPoint(n, threads, [&](std::size_t i) {
+    if (copy[i])
+      return;
     found.resize(k + 1);
     squared.resize(k + 1);
     const point& p = points.xyz[i];
@@ -124,6 +145,7 @@ std::vector<std::uint8_t> statistical(const Points& points, const KdTree& tree,
       sum += std::sqrt(squared[j]);
     means[i] = got > 1 ? sum / static_cast<double>(got - 1) : 0.0;
   });
+  fillCopies(means, copy);
   double mu = 0.0;
   for (const double m : means)
     mu += m;
@@ -146,7 +168,10 @@ std::vector<std::uint8_t> byRadius(const Points& points, const KdTree& tree,
   const double limit =
       std::nextafter(box.radius * box.radius, std::numeric_limits<double>::infinity());
   std::vector<std::uint8_t> outlier(n);
+  const auto copy = copyOfPrevious(points);
   forEachPoint(n, threads, [&](std::size_t i) {
+    if (copy[i])
+      return;
     const point& p = points.xyz[i];
     const double q[3] = {p.x, p.y, p.z};
     CountWithin within{limit};
@@ -154,6 +179,7 @@ std::vector<std::uint8_t> byRadius(const Points& points, const KdTree& tree,
     // The count includes the point itself.
     outlier[i] = within.count < static_cast<std::size_t>(box.minPoints) + 1;
   });
+  fillCopies(outlier, copy);
   return outlier;
 }
 

@@ -21,7 +21,12 @@
 #include "tressel/Trees.hpp"
 #include "vantor/Trees.hpp"
 
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -42,6 +47,88 @@ constexpr std::uint64_t spreadBits(std::uint64_t v) {
   v = (v | v << 2) & 0x1249249249249249ull;
   return v;
 }
+
+// Copies of one position among the points an algorithm visits. Where a point's answer depends
+// on its position alone (the same neighbours, the same arithmetic), a run of copies is answered
+// once: `computing` lists the entries that compute, in visit order, and `copies` pairs every
+// other entry with the one whose answer it takes. Positions match bit for bit in x, y and z.
+struct CopyPlan {
+  std::vector<std::size_t> computing;
+  std::vector<std::pair<std::size_t, std::size_t>> copies;
+  std::vector<std::size_t> order; // scratch of separateCopies
+  std::vector<std::size_t> first; // likewise
+
+  void clear() {
+    computing.clear();
+    copies.clear();
+  }
+};
+
+// The bits of a position, for comparing copies.
+inline std::array<std::uint64_t, 3> positionBits(const Vantor::PhysicalSpace::point& p) {
+  return {std::bit_cast<std::uint64_t>(p.x), std::bit_cast<std::uint64_t>(p.y),
+          std::bit_cast<std::uint64_t>(p.z)};
+}
+
+// Adds the entries [begin, end) of a group (a leaf, a grid cell: copies of a position always
+// share one) to plan: positionOf(entry) gives an entry's position. A group of at most `few`
+// entries goes to `computing` whole, as sorting it would cost more than its copies do.
+template <class Entry, class PositionOf>
+void separateCopies(const Entry* begin, const Entry* end, std::size_t few,
+                    const PositionOf& positionOf, CopyPlan& plan) {
+  const auto count = static_cast<std::size_t>(end - begin);
+  if (count <= few) {
+    plan.computing.insert(plan.computing.end(), begin, end);
+    return;
+  }
+  plan.order.resize(count);
+  for (std::size_t k = 0; k < count; ++k)
+    plan.order[k] = k;
+  std::stable_sort(plan.order.begin(), plan.order.end(), [&](std::size_t a, std::size_t b) {
+    return positionBits(positionOf(begin[a])) < positionBits(positionOf(begin[b]));
+  });
+  plan.first.resize(count);
+  for (std::size_t k = 0; k < count; ++k) {
+    const std::size_t at = plan.order[k];
+    const bool same = k > 0 && positionBits(positionOf(begin[at])) ==
+                                   positionBits(positionOf(begin[plan.order[k - 1]]));
+    plan.first[at] = same ? plan.first[plan.order[k - 1]] : at;
+  }
+  for (std::size_t k = 0; k < count; ++k) {
+    if (plan.first[k] == k)
+      plan.computing.push_back(begin[k]);
+    else
+      plan.copies.emplace_back(begin[k], begin[plan.first[k]]);
+  }
+}
+
+// Answers remembered by a key of N words (a position's bits and what else decides the answer),
+// for the loops that meet copies in any order: a thread's own table, filled only where an
+// answer was dear (a large neighbourhood), so that other clouds pay nothing but an empty check.
+template <std::size_t N, class Value>
+class CopyAnswers {
+public:
+  using Key = std::array<std::uint64_t, N>;
+
+  const Value* find(const Key& key) const {
+    if (known_.empty())
+      return nullptr;
+    const auto it = known_.find(key);
+    return it == known_.end() ? nullptr : &it->second;
+  }
+  void remember(const Key& key, const Value& value) { known_.emplace(key, value); }
+
+private:
+  struct Hash {
+    std::size_t operator()(const Key& key) const {
+      std::uint64_t h = 0;
+      for (const std::uint64_t v : key)
+        h = (h ^ v) * 0x9E3779B97F4A7C15ull;
+      return static_cast<std::size_t>(h ^ (h >> 29));
+    }
+  };
+  std::unordered_map<Key, Value, Hash> known_;
+};
 
 } // namespace Quorvel
 

@@ -3,6 +3,7 @@
 // snapshot of the classes, so the growth is the same on any number of threads.
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/detail/planes.hpp"
+#include "quorvel/spatial/spatial.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/detail/rounds.hpp"
 #include "quorvel/terrain/terrain.hpp"
@@ -57,25 +58,37 @@ struct Decision {
   const Box& box;
   Mode mode;
 
-  unsigned char operator()(std::size_t i, std::vector<unsigned>& seeds,
-                           std::vector<point>& scratch) const {
+  // Whether the plane through the seeds about p passes within range of p: a question of p's
+  // position alone (candidates are no seeds), so copies of p ask it once when their seeds are
+  // many.
+  bool nearPlane(const point& p, std::vector<unsigned>& seeds, std::vector<point>& scratch,
+                 CopyAnswers<3, bool>& copies) const {
+    constexpr std::size_t Many = 64;
+    const auto key = positionBits(p);
+    if (const bool* known = copies.find(key))
+      return *known;
+    seeds.clear();
+    tree.getRange(p, box.radius, seeds);
+    if (seeds.size() < 3)
+      return false;
+    scratch.clear();
+    for (const unsigned j : seeds)
+      scratch.push_back(positions[j]);
+    detail::Plane plane;
+    const bool near =
+        detail::planarRegressionInPlace(scratch, plane, static_cast<unsigned>(box.quantile)) &&
+        box.range.contains(computeDistanceOfPointFromPlane(plane, p), RangeTolerance);
+    if (seeds.size() > Many)
+      copies.remember(key, near);
+    return near;
+  }
+
+  unsigned char operator()(std::size_t i, std::vector<unsigned>& seeds, std::vector<point>& scratch,
+                           CopyAnswers<3, bool>& copies) const {
     const point& p = positions[i];
     const auto grown = static_cast<unsigned char>(box.extrapolation_class);
-    if (mode == Mode::PlanarRegression) {
-      seeds.clear();
-      tree.getRange(p, box.radius, seeds);
-      if (seeds.size() < 3)
-        return before[i];
-      scratch.clear();
-      for (const unsigned j : seeds)
-        scratch.push_back(positions[j]);
-      detail::Plane plane;
-      if (!detail::planarRegressionInPlace(scratch, plane, static_cast<unsigned>(box.quantile)))
-        return before[i];
-      return box.range.contains(computeDistanceOfPointFromPlane(plane, p), RangeTolerance)
-                 ? grown
-                 : before[i];
-    }
+    if (mode == Mode::PlanarRegression)
+      return nearPlane(p, seeds, scratch, copies) ? grown : before[i];
     unsigned nearest = 0;
     double squared = 0;
     if (!tree.findNearest(p, box.radius, nearest, squared))
@@ -109,11 +122,12 @@ int rounds(const MultiArray<1, point>& positions, const StrongPtr<BoundingBox>& 
     detail::inStaticBlocks(n, [&](std::size_t begin, std::size_t end) {
       std::vector<unsigned> seeds;
       std::vector<point> scratch;
+      CopyAnswers<3, bool> copies;
       std::size_t mine = 0;
       for (std::size_t i = begin; i < end; ++i) {
         if (isSeed(i) || !box.target.contains(static_cast<double>(before[i]), RangeTolerance))
           continue;
-        const unsigned char c = decide(i, seeds, scratch);
+        const unsigned char c = decide(i, seeds, scratch, copies);
         if (c != before[i]) {
           classes[i] = c;
           grown[i] = 1;

@@ -4,6 +4,7 @@
 // leaves the tree in the next one, and candidates with too few neighbours search twice as far.
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/detail/planes.hpp"
+#include "quorvel/spatial/spatial.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/detail/rounds.hpp"
 #include "quorvel/terrain/terrain.hpp"
@@ -11,6 +12,9 @@
 #include "vantor/Trees.hpp"
 
 #include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdint>
 #include <omp.h>
 #include <type_traits>
 
@@ -18,25 +22,34 @@ namespace Quorvel {
 
 namespace detail {
 
-void RegressionStep::operator()(std::size_t i, const std::vector<unsigned>& neighbours,
-                                unsigned char& cls, double& radius, std::uint32_t& lastCount,
-                                std::vector<point>& scratch) const {
+RegressionStep::Outcome RegressionStep::outcome(std::size_t i,
+                                                const std::vector<unsigned>& neighbours,
+                                                std::uint32_t lastCount,
+                                                std::vector<point>& scratch) const {
   const auto found = static_cast<std::uint32_t>(neighbours.size());
-  if (found == lastCount)
-    return; // the same neighbourhood as in the last round: the same plane
-  lastCount = found;
-  if (found <= 3) {
-    radius *= 2;
-    return;
-  }
+  if (found == lastCount || found <= 3)
+    return {found, false};
   scratch.clear();
   for (const unsigned j : neighbours)
     if (j != i)
       scratch.push_back(positions[j]);
   Plane plane;
   if (!planarRegressionInPlace(scratch, plane, quantile))
+    return {found, false};
+  return {found,
+          range.contains(computeDistanceOfPointFromPlane(plane, positions[i]), RangeTolerance)};
+}
+
+void RegressionStep::apply(const Outcome& o, unsigned char& cls, double& radius,
+                           std::uint32_t& lastCount) const {
+  if (o.found == lastCount)
+    return; // the same neighbourhood as in the last round: the same plane
+  lastCount = o.found;
+  if (o.found <= 3) {
+    radius *= 2;
     return;
-  if (range.contains(computeDistanceOfPointFromPlane(plane, positions[i]), RangeTolerance))
+  }
+  if (o.inRange)
     cls = target < 0 ? static_cast<unsigned char>(cls + 100) : static_cast<unsigned char>(target);
 }
 
@@ -46,34 +59,85 @@ namespace {
 
 using Box = PlanarRegressionParameterBox;
 
+// True for a class whose points the rounds' trees hold.
+bool inTreeClass(unsigned char cls, const Box& box) {
+  const double c = cls;
+  return box.source.contains(c, RangeTolerance) || box.additional.contains(c, RangeTolerance);
+}
+
 // The tree of one round over the points whose class is in source or additional.
 template <class Tree>
 StrongPtr<Tree> roundTree(const MultiArray<1, point>& positions,
                           const MultiArray<1, unsigned char>& classes, const Box& box,
                           const StrongPtr<BoundingBox>& bbox) {
-  return detail::treeOf<Tree>(positions, bbox, [&](std::size_t i) {
-    const double c = classes[i];
-    return box.source.contains(c, RangeTolerance) || box.additional.contains(c, RangeTolerance);
-  });
+  return detail::treeOf<Tree>(positions, bbox,
+                              [&](std::size_t i) { return inTreeClass(classes[i], box); });
 }
 
-// One round's point step over all candidates, in static blocks of n / threads points.
-template <class Tree>
+// Outcomes of a round for copies of one position. Candidates at one position, with the same
+// radius, last count and membership of the tree, have the same neighbourhood and, when their
+// position's entries come one after the other in it, the same neighbours without themselves:
+// the same outcome. Only large neighbourhoods are remembered, where a search costs more than
+// the look-up; so copies by the thousand cost one search each, and other clouds none more.
+class CopyOutcomes {
+public:
+  static constexpr std::uint32_t Many = 64;
+  using Key = CopyAnswers<5, detail::RegressionStep::Outcome>::Key;
+
+  static Key keyOf(const point& p, double radius, std::uint32_t lastCount, bool inTree) {
+    const auto bits = positionBits(p);
+    return {bits[0], bits[1], bits[2], std::bit_cast<std::uint64_t>(radius),
+            std::uint64_t{lastCount} << 1 | (inTree ? 1 : 0)};
+  }
+  const detail::RegressionStep::Outcome* find(const Key& key) const { return known_.find(key); }
+  // Remembers o for key when the neighbourhood is large and the entries at the position are
+  // consecutive in it.
+  void remember(const Key& key, const detail::RegressionStep::Outcome& o,
+                const std::vector<unsigned>& neighbours, const MultiArray<1, point>& positions) {
+    if (o.found <= Many)
+      return;
+    const std::array<std::uint64_t, 3> position{key[0], key[1], key[2]};
+    int runs = 0;
+    bool previous = false;
+    for (const unsigned j : neighbours) {
+      const bool here = positionBits(positions[j]) == position;
+      runs += here && !previous ? 1 : 0;
+      previous = here;
+    }
+    if (runs <= 1)
+      known_.remember(key, o);
+  }
+
+private:
+  CopyAnswers<5, detail::RegressionStep::Outcome> known_;
+};
+
+// One round's point step over all candidates, in static blocks of n / threads points; inTree(i)
+// tells whether the round's tree holds point i.
+template <class Tree, class InTree>
 void pointStep(const Tree* tree, const MultiArray<1, point>& positions,
                MultiArray<1, unsigned char>& classes, const Box& box, std::vector<double>& radii,
-               std::vector<std::uint32_t>& counts) {
+               std::vector<std::uint32_t>& counts, const InTree& inTree) {
   const detail::RegressionStep step{positions, box.range, box.target,
                                     static_cast<unsigned>(box.quantile)};
   detail::inStaticBlocks(positions.size(), [&](std::size_t begin, std::size_t end) {
     std::vector<unsigned> neighbours;
     std::vector<point> scratch;
+    CopyOutcomes copies;
     for (std::size_t i = begin; i < end; ++i) {
       if (!box.working_range.contains(static_cast<double>(classes[i]), RangeTolerance))
         continue;
+      const auto key = CopyOutcomes::keyOf(positions[i], radii[i], counts[i], inTree(i));
+      if (const auto* known = copies.find(key)) {
+        step.apply(*known, classes[i], radii[i], counts[i]);
+        continue;
+      }
       neighbours.clear();
       if (tree)
         tree->getRange(positions[i], radii[i], neighbours);
-      step(i, neighbours, classes[i], radii[i], counts[i], scratch);
+      const auto o = step.outcome(i, neighbours, counts[i], scratch);
+      copies.remember(key, o, neighbours, positions);
+      step.apply(o, classes[i], radii[i], counts[i]);
     }
   });
 }
@@ -99,7 +163,13 @@ int rounds(const MultiArray<1, point>& positions, MultiArray<1, unsigned char>& 
     if (maximum == previousMaximum && size == previousSize)
       break;
     previousSize = size;
-    pointStep(tree.get(), positions, classes, box, radii, counts);
+    // Membership as the tree was built, from the classes at the start of the round: a point's
+    // class changes only in its own step (copies share whether the box takes them).
+    std::vector<bool> inTree(tree ? n : 0);
+    for (std::size_t i = 0; i < inTree.size(); ++i)
+      inTree[i] = inTreeClass(classes[i], box);
+    pointStep(tree.get(), positions, classes, box, radii, counts,
+              [&](std::size_t i) { return i < inTree.size() && inTree[i]; });
     previousMaximum = maximum;
   }
   return round;

@@ -5,6 +5,7 @@
 // with chunks of one point, the belows loop on the runtime's default threads with chunks of
 // 15000 points; every result is written by point index.
 #include "quorvel/core/core.hpp"
+#include "quorvel/spatial/spatial.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/detail/square_index.hpp"
 #include "quorvel/terrain/terrain.hpp"
@@ -32,8 +33,39 @@ std::size_t visited(const SquareIndex& index, std::size_t k,
   return i;
 }
 
-long long steps(const SquareIndex& index) {
-  return static_cast<long long>(index.size() + index.refused().size());
+std::size_t steps(const SquareIndex& index) {
+  return index.size() + index.refused().size();
+}
+
+// The steps whose point asks(k) for its square, the first of each position in a cell computing
+// and its copies (the same square, the same answer) taking that answer: 10^5 copies of a point
+// cost one square instead of 10^5.
+template <class Asks>
+Quorvel::CopyPlan plannedSteps(const SquareIndex& index, const Asks& asks) {
+  constexpr std::size_t Few = 64;
+  Quorvel::CopyPlan plan;
+  plan.computing.reserve(steps(index));
+  const auto positionOf = [&](std::size_t k) {
+    return point{index.x()[k], index.y()[k], index.z()[k]};
+  };
+  const std::vector<std::size_t>& start = index.cellStarts();
+  std::vector<std::size_t> cell;
+  for (std::size_t c = 0; c + 1 < start.size(); ++c) {
+    cell.clear();
+    for (std::size_t k = start[c]; k < start[c + 1]; ++k)
+      if (asks(k))
+        cell.push_back(k);
+    Quorvel::separateCopies(cell.data(), cell.data() + cell.size(), Few, positionOf, plan);
+  }
+  for (std::size_t k = index.size(); k < steps(index); ++k)
+    if (asks(k))
+      plan.computing.push_back(k);
+  return plan;
+}
+
+// The point index of step k.
+std::size_t pointOf(const SquareIndex& index, std::size_t k) {
+  return k < index.size() ? index.ids()[k] : index.refused()[k - index.size()];
 }
 
 // Relative heights of the points that `takes` accepts, among those points.
@@ -44,13 +76,14 @@ void heights(double halfWidth, const MultiArray<1, float>& result,
   const double h = Quorvel::detail::squareHalfWidthInUse(halfWidth);
   const std::size_t n = result.size();
   const SquareIndex index(positions, bbox.get(), h, takes);
-  const long long m = steps(index);
+  const Quorvel::CopyPlan plan =
+      plannedSteps(index, [&](std::size_t k) { return pointOf(index, k) < n; });
+  const auto m = static_cast<long long>(plan.computing.size());
 #pragma omp parallel for schedule(dynamic, 1) num_threads(Quorvel::maximumThreadsMinusOne())
-  for (long long k = 0; k < m; ++k) {
+  for (long long at = 0; at < m; ++at) {
     point p;
-    const std::size_t i = visited(index, static_cast<std::size_t>(k), positions, p);
-    if (i >= n)
-      continue;
+    const std::size_t i =
+        visited(index, plan.computing[static_cast<std::size_t>(at)], positions, p);
     const double loX = p.x - h, hiX = p.x + h, loY = p.y - h, hiY = p.y + h;
     double lowest = std::numeric_limits<double>::infinity();
     index.runs(loX, hiX, loY, hiY, [&](std::size_t b, std::size_t e) {
@@ -60,6 +93,8 @@ void heights(double halfWidth, const MultiArray<1, float>& result,
     result[i] =
         lowest < std::numeric_limits<double>::infinity() ? static_cast<float>(p.z - lowest) : 0.0f;
   }
+  for (const auto& [copy, first] : plan.copies)
+    result[pointOf(index, copy)] = result[pointOf(index, first)];
 }
 
 // Shares below of the points that `computes` accepts, among all points.
@@ -70,13 +105,16 @@ void belows(double halfWidth, const MultiArray<1, unsigned char>& result,
   const double h = Quorvel::detail::squareHalfWidthInUse(halfWidth);
   const std::size_t n = result.size();
   const SquareIndex index(positions, bbox.get(), h, [](std::size_t) { return true; });
-  const long long m = steps(index);
+  const Quorvel::CopyPlan plan = plannedSteps(index, [&](std::size_t k) {
+    const std::size_t i = pointOf(index, k);
+    return i < n && computes(i);
+  });
+  const auto m = static_cast<long long>(plan.computing.size());
 #pragma omp parallel for schedule(dynamic, 15000)
-  for (long long k = 0; k < m; ++k) {
+  for (long long at = 0; at < m; ++at) {
     point p;
-    const std::size_t i = visited(index, static_cast<std::size_t>(k), positions, p);
-    if (i >= n || !computes(i))
-      continue;
+    const std::size_t i =
+        visited(index, plan.computing[static_cast<std::size_t>(at)], positions, p);
     const double loX = p.x - h, hiX = p.x + h, loY = p.y - h, hiY = p.y + h;
     std::size_t inside = 0, below = 0;
     index.runs(loX, hiX, loY, hiY, [&](std::size_t b, std::size_t e) {
@@ -84,6 +122,8 @@ void belows(double halfWidth, const MultiArray<1, unsigned char>& result,
     });
     result[i] = Quorvel::detail::shareOf(below, inside);
   }
+  for (const auto& [copy, first] : plan.copies)
+    result[pointOf(index, copy)] = result[pointOf(index, first)];
 }
 
 } // namespace

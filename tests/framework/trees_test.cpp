@@ -65,6 +65,47 @@ double squared(const point& a, const point& b) {
   return s;
 }
 
+// Piles of copies (in x-y only for 2-D trees, whose leaves then hold several heights) among
+// clustered points: the lists that stop at perLeaf entries of a leaf of copies begin as the
+// full sorted lists do, and count every entry within the radius.
+TYPED_TEST(TreeOracle, ListsCutAtCopiesBeginAsTheFullLists) {
+  using Index = typename TypeParam::Index;
+  constexpr int D = TypeParam::D;
+  auto xyz = makeCloud(true, 1500, 5);
+  const point piles[] = {xyz[0], xyz[1], {xyz[2].x, xyz[2].y, xyz[2].z + 0.1}};
+  for (int k = 0; k < 3000; ++k) {
+    point p = piles[k % 3];
+    if (D == 2 && k % 3 == 2)
+      p.z += 0.01 * (k % 7);
+    xyz.insert(xyz.begin() + static_cast<std::ptrdiff_t>((k * 7919) % xyz.size()), p);
+  }
+  point lo = xyz[0], hi = xyz[0];
+  for (const point& p : xyz)
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], p[k]);
+      hi[k] = std::max(hi[k], p[k]);
+    }
+  Tarrow::OcTreeStd<Index, point, D> tree(lo, hi, 16);
+  for (std::size_t i = 0; i < xyz.size(); ++i)
+    ASSERT_TRUE(tree.insert(xyz[i], static_cast<Index>(i)));
+  std::mt19937 random(9);
+  std::vector<std::pair<double, Index>> full, cut;
+  for (int query = 0; query < 90; ++query) {
+    const point q = query % 3 == 0 ? piles[query % 2] : xyz[random() % xyz.size()];
+    const double r = query % 5 == 0 ? 0.0 : 0.05 + 3.0 * (random() % 1000) / 1000.0;
+    tree.getEuclideanRangeSorted(q, r, full);
+    for (std::size_t perLeaf : {1u, 5u, 40u}) {
+      ASSERT_EQ(tree.getEuclideanRangeSortedFirst(q, r, perLeaf, cut), full.size());
+      ASSERT_LE(cut.size(), full.size());
+      const std::size_t head = std::min(perLeaf, full.size());
+      ASSERT_GE(cut.size(), head);
+      EXPECT_TRUE(
+          std::equal(full.begin(), full.begin() + static_cast<std::ptrdiff_t>(head), cut.begin()))
+          << "query " << query << " perLeaf " << perLeaf;
+    }
+  }
+}
+
 TYPED_TEST(TreeOracle, EveryQueryMatchesBruteForce) {
   using Index = typename TypeParam::Index;
   constexpr int D = TypeParam::D;

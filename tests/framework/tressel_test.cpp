@@ -173,6 +173,31 @@ struct SmallGrid {
   }
 };
 
+// A raster in one-cell fragments holds tens of thousands of them: each name keeps its number,
+// a repeated name gives the fragment made first, and every name and number is found (a layout
+// that searched its names one by one took minutes for this).
+TEST(FragmentLayout, TensOfThousandsOfNamesKeepTheirNumbers) {
+  FragmentIDCollection layout;
+  constexpr unsigned Count = 60000;
+  for (unsigned k = 0; k < Count; ++k)
+    ASSERT_EQ(layout
+                  .makeFragmentID("fragment_" + std::to_string(k % 300) + "_" +
+                                  std::to_string(k / 300) + "_0")
+                  ->number(),
+              k);
+  EXPECT_EQ(layout.size(), Count);
+  EXPECT_EQ(layout.makeFragmentID("fragment_7_3_0")->number(), 907u);
+  EXPECT_EQ(layout.size(), Count);
+  for (unsigned k = 0; k < Count; k += 997) {
+    const auto byName = layout.findFragmentID("fragment_" + std::to_string(k % 300) + "_" +
+                                              std::to_string(k / 300) + "_0");
+    ASSERT_NE(byName, nullptr);
+    EXPECT_EQ(byName, layout.findFragmentID(k));
+  }
+  EXPECT_EQ(layout.findFragmentID("fragment_300_0_0"), nullptr);
+  EXPECT_EQ(layout.fragments().back()->Name(), "fragment_299_199_0");
+}
+
 TEST(Grid, LookupsByChartRepresentationAndName) {
   SmallGrid g;
   EXPECT_NE(g.grid->findCartesianChart(StandardCartesianChart3D), nullptr);

@@ -34,10 +34,23 @@ struct RegressionStep {
   int target;
   unsigned quantile;
 
+  // What a step learns from a neighbourhood: its size, and whether the candidate lies within
+  // range of the plane through its neighbours (only asked of a new neighbourhood of more than
+  // three).
+  struct Outcome {
+    std::uint32_t found = 0;
+    bool inRange = false;
+  };
+
   // Updates the candidate's class, radius and last neighbour count. scratch is the caller's
   // reusable buffer.
   void operator()(std::size_t i, const std::vector<unsigned>& neighbours, unsigned char& cls,
-                  double& radius, std::uint32_t& lastCount, std::vector<point>& scratch) const;
+                  double& radius, std::uint32_t& lastCount, std::vector<point>& scratch) const {
+    apply(outcome(i, neighbours, lastCount, scratch), cls, radius, lastCount);
+  }
+  Outcome outcome(std::size_t i, const std::vector<unsigned>& neighbours, std::uint32_t lastCount,
+                  std::vector<point>& scratch) const;
+  void apply(const Outcome& o, unsigned char& cls, double& radius, std::uint32_t& lastCount) const;
 };
 
 // planarRegressionOfMultiArray, returning the number of rounds whose point step ran.

@@ -44,6 +44,8 @@ public:
   const std::vector<double>& z() const { return z_; }
   const std::vector<std::size_t>& ids() const { return ids_; }
   const std::vector<std::size_t>& refused() const { return refused_; }
+  // The first entry of every cell, row by row, and the end: a position's copies share a cell.
+  const std::vector<std::size_t>& cellStarts() const { return start_; }
 
   // Calls run(begin, end) for runs of entries that together hold every entry of the square
   // [lo.x, hi.x] x [lo.y, hi.y] (and others, which the caller tests). Nothing for a square with a

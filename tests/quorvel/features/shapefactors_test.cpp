@@ -231,6 +231,27 @@ TEST(ShapeFactors, MatchTheOracleAtSeveralScalesIn2DAnd3D) {
   }
 }
 
+// Hundreds of copies of surface points, shuffled in: copies of one x-y position at three heights
+// share their neighbours in 2-D but not their shape, and copies of a point take every query of
+// their neighbours (a leaf that cannot split). Each copy's shape is what brute force gives.
+TEST(ShapeFactors, CopiesOfPositionsMatchTheOracleIn2DAnd3D) {
+  auto xyz = mixedCloud(7, 500);
+  const point a = xyz[5], b = xyz[9];
+  for (int k = 0; k < 700; ++k) {
+    xyz.push_back(a);
+    if (k % 2 == 0)
+      xyz.emplace_back(b.x, b.y, b.z + 0.3 * (k % 3));
+  }
+  std::shuffle(xyz.begin(), xyz.end(), std::mt19937(11));
+  for (int dimension : {3, 2}) {
+    const auto grid = cloudOf(xyz);
+    Box box = everything(3, 0.5, dimension);
+    run(grid, box);
+    EXPECT_EQ(box.message, "");
+    expectOracle(xyz, std::vector<bool>(xyz.size(), true), grid, box);
+  }
+}
+
 TEST(ShapeFactors, EdgeRulesZeroScalesLonelyPointsAndTies) {
   // maxstep 0: planarity -1 and zeros; a lonely point (only a duplicate closer than 0.01): zeros
   // with the solver's first axis as normal; a flat grid: every scale is equally planar and the

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <omp.h>
 #include <random>
 
@@ -224,6 +225,51 @@ TEST(ReductionWeights, MissingInputsAndBadBoxesSayWhat) {
   CaptureStdout();
   Box().print();
   EXPECT_EQ(GetCapturedStdout(), "radius: 0.5\nneighbours: 8\n");
+}
+
+// Copies of positions shuffled among the points, each with its own normal and planarity: a
+// copy's K neighbours are the first copies of its position other than itself (in index order,
+// the tree's order among equal distances), and five far copies grow their radius together.
+TEST(ReductionWeights, CopiesOfPositionsMatchBruteForce) {
+  Cloud c = randomCloud(5, 400);
+  std::mt19937 random(2);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  const auto copy = [&](const point& p) {
+    c.xyz.push_back(p);
+    c.normals.emplace_back(u(random) - 0.5, u(random) - 0.5, 1.0);
+    c.planarity.push_back(static_cast<float>(u(random)));
+  };
+  const point a = c.xyz[3], b = c.xyz[7];
+  for (int k = 0; k < 600; ++k) {
+    copy(a);
+    if (k % 3 == 0)
+      copy(b);
+    if (k < 5)
+      copy({150, 250, 1});
+  }
+  std::vector<std::size_t> order(c.xyz.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::shuffle(order.begin(), order.end(), random);
+  Cloud shuffled;
+  for (std::size_t i : order) {
+    shuffled.xyz.push_back(c.xyz[i]);
+    shuffled.normals.push_back(c.normals[i]);
+    shuffled.planarity.push_back(c.planarity[i]);
+  }
+  for (const auto& [radius, k] : {std::pair{0.3, 8}, {0.05, 70}}) {
+    const auto grid = shuffled.grid();
+    Box box;
+    box.radius = radius;
+    box.neighbours = k;
+    run(grid, box);
+    const auto raw = oracle(shuffled, 0, shuffled.xyz.size(), radius, k);
+    // Copies among copies weigh 0, and they are most points: the weights then stay undivided.
+    EXPECT_EQ(medianOf(box.fragmentMedianWeights), 0.0f);
+    const auto weights = weightsOf(grid);
+    for (std::size_t i = 0; i < raw.size(); ++i)
+      ASSERT_NEAR(weights[i], raw[i], 1e-4 * std::fabs(raw[i]) + 1e-6)
+          << "point " << i << " K " << k;
+  }
 }
 
 TEST(ReductionWeights, ResultsDoNotDependOnThreads) {

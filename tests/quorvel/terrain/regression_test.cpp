@@ -11,6 +11,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <numeric>
 #include <omp.h>
 #include <random>
 
@@ -234,6 +235,39 @@ TEST(PlanarRegression, MatchesTheOracleInEveryVariant) {
     if (std::string(v.name) != "growing 3D") { // 3D finds the same ground on this cloud
       EXPECT_NE(expected.classes, base) << v.name << " changes nothing";
     }
+  }
+}
+
+// Copies of a ground point and of a vegetation point, seeds and candidates shuffled among the
+// terrain: copies that share radius, count and tree membership share an outcome, the others
+// (a seed copy is in the tree, a candidate copy is not) keep their own, as the oracle says.
+TEST(PlanarRegression, CopiesOfPositionsMatchTheOracle) {
+  Terrain terrain(7, 900);
+  std::size_t groundPoint = 0, vegetation = 0;
+  while (!terrain.ground[groundPoint] || terrain.xyz[groundPoint].x - 6.5e5 > 8)
+    ++groundPoint;
+  while (terrain.ground[vegetation])
+    ++vegetation;
+  for (int k = 0; k < 400; ++k)
+    for (std::size_t i : {groundPoint, vegetation}) {
+      terrain.xyz.push_back(terrain.xyz[i]);
+      terrain.cls.push_back(k % 4 == 0 ? 2 : 1);
+      terrain.ground.push_back(terrain.ground[i]);
+    }
+  std::vector<std::size_t> order(terrain.xyz.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::shuffle(order.begin(), order.end(), std::mt19937(4));
+  Terrain shuffled = terrain;
+  for (std::size_t k = 0; k < order.size(); ++k) {
+    shuffled.xyz[k] = terrain.xyz[order[k]];
+    shuffled.cls[k] = terrain.cls[order[k]];
+  }
+  for (const char* dimension : {"2D", "3D"}) {
+    Box box = growing();
+    box.dimension = dimension;
+    Box used = box;
+    EXPECT_EQ(regressed(shuffled, used), oracle(shuffled.xyz, shuffled.cls, box).classes)
+        << dimension;
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <omp.h>
@@ -168,6 +169,39 @@ TEST(RelativeMeasures, ClassFormsSkipTheirPoints) {
   Tressel::RelativeHeightBox{1.5}.compute(view(h), view(xyz), view(classes), ground, boxOf(xyz));
   EXPECT_EQ(h, bruteHeights(xyz, 1.5, in));
   EXPECT_NE(h, bruteHeights(xyz, 1.5)); // the class filter matters on this cloud
+}
+
+// Hundreds of copies of a few positions (one of them twice with another height, one a hair
+// apart), shuffled among spread points so that copies are neither neighbours in the input nor
+// alone in their cells: each copy answers as its first does, as brute force says.
+TEST(RelativeMeasures, CopiesOfPositionsAnswerAsBruteForceWithTheClassForms) {
+  std::vector<point> xyz = makeFragment(false, 600, 21);
+  const point a = xyz[10], b{xyz[20].x, xyz[20].y, xyz[20].z + 1.0};
+  for (int k = 0; k < 900; ++k) {
+    xyz.push_back(a);
+    xyz.push_back(k % 3 == 0 ? b : xyz[20]);
+    if (k % 4 == 0)
+      xyz.push_back({a.x + 1e-9, a.y, a.z - 0.5});
+  }
+  std::shuffle(xyz.begin(), xyz.end(), std::mt19937(3));
+  std::vector<unsigned char> classes(xyz.size());
+  for (std::size_t i = 0; i < xyz.size(); ++i)
+    classes[i] = static_cast<unsigned char>(i % 6);
+  for (double halfWidth : {0.05, 2.0}) {
+    EXPECT_EQ(heights(xyz, halfWidth), bruteHeights(xyz, halfWidth)) << halfWidth;
+    EXPECT_EQ(belows(xyz, halfWidth), bruteBelows(xyz, halfWidth)) << halfWidth;
+  }
+  // A copy whose class asks nothing neither answers nor lends its position's answer.
+  std::vector<unsigned char> below(xyz.size(), 77);
+  Tressel::RelativeBelowsBox{2.0}.compute(view(below), view(xyz), view(classes), boxOf(xyz));
+  const auto all = bruteBelows(xyz, 2.0);
+  for (std::size_t i = 0; i < xyz.size(); ++i)
+    ASSERT_EQ(below[i], classes[i] == 4 ? 77 : all[i]) << i;
+  auto in = [&](std::size_t j) { return classes[j] == 2 || classes[j] == 5; };
+  std::vector<float> h(xyz.size(), -1.0f);
+  Tressel::RelativeHeightBox{2.0}.compute(view(h), view(xyz), view(classes),
+                                          MultiRange<double>("2,5"), boxOf(xyz));
+  EXPECT_EQ(h, bruteHeights(xyz, 2.0, in));
 }
 
 TEST(RelativeMeasures, ResultsDoNotDependOnThreads) {
