@@ -30,15 +30,15 @@ bool corner(double u, double v) {
   return (u == 0.0 || u == 1.0) && (v == 0.0 || v == 1.0);
 }
 
-// Output coordinate k of a cell's interpolant at (u, v) and height offset dz.
-double interpolate(const std::array<std::array<double, 16>, 6>& nodes, const double* w, int k,
-                   double dz) {
-  double base = 0, slope = 0;
-  for (std::size_t i = 0; i < NodeCount; ++i) {
-    base += w[i] * nodes[static_cast<std::size_t>(k)][i];
-    slope += w[i] * nodes[static_cast<std::size_t>(k) + 3][i];
-  }
-  return base + slope * dz;
+// Sum of the weights w times the node values v, or their common value where they are all equal
+// (most slopes: 0 for x and y, 1 for z when heights pass through).
+double weighted(const std::array<double, 16>& v, bool constant, const double* w) {
+  if (constant)
+    return v[0];
+  double sum = 0;
+  for (std::size_t i = 0; i < NodeCount; ++i)
+    sum += w[i] * v[i];
+  return sum;
 }
 
 // The 16 tensor-product weights at (u, v), row by row.
@@ -115,13 +115,17 @@ bool ApproximateTransform::fit(Cell& cell, const PointTransform& transform) cons
       cell.nodes[k][i] = out[k][i];
       cell.nodes[k + 3][i] = (out[k][NodeCount + i] - out[k][i]) / (z1_ - z0_);
     }
+  for (std::size_t k = 0; k < 6; ++k)
+    cell.constant[k] = std::all_of(cell.nodes[k].begin(), cell.nodes[k].end(),
+                                   [&](double v) { return v == cell.nodes[k][0]; });
+  cell.heightKept =
+      cell.constant[2] && cell.constant[5] && cell.nodes[2][0] == z0_ && cell.nodes[5][0] == 1.0;
   // Half the tolerance at the test points: between them a cubic's error grows by up to a
   // sixteenth over its value at the points a sixth from the nodes.
   for (std::size_t t = 2 * NodeCount; t < x.size(); ++t) {
     const auto w = weightsAt((inX[t] - cell.x0) / cell.width, (inY[t] - cell.y0) / cell.height);
-    for (int k = 0; k < 3; ++k)
-      if (!(std::abs(interpolate(cell.nodes, w.data(), k, inZ[t] - z0_) - out[k][t]) <=
-            0.5 * tolerance_[static_cast<std::size_t>(k)]))
+    for (std::size_t k = 0; k < 3; ++k)
+      if (!(std::abs(interpolate(cell, w.data(), k, inZ[t]) - out[k][t]) <= 0.5 * tolerance_[k]))
         return false;
   }
   cell.exact = false;
@@ -139,6 +143,14 @@ void ApproximateTransform::split(std::size_t at) {
     child.y0 = parent.y0 + (c >> 1) * child.height;
     cells_.push_back(child);
   }
+}
+
+double ApproximateTransform::interpolate(const Cell& cell, const double* w, std::size_t k,
+                                         double z) const {
+  if (k == 2 && cell.heightKept)
+    return z;
+  return weighted(cell.nodes[k], cell.constant[k], w) +
+         weighted(cell.nodes[k + 3], cell.constant[k + 3], w) * (z - z0_);
 }
 
 const ApproximateTransform::Cell* ApproximateTransform::leafOf(double x, double y) const {
@@ -168,10 +180,9 @@ bool ApproximateTransform::apply(std::size_t n, double* x, double* y, double* z,
     // A point just past a split line by rounding still interpolates well: u and v stay in [0, 1]
     // up to a few ulps.
     const auto w = weightsAt((x[i] - cell->x0) / cell->width, (y[i] - cell->y0) / cell->height);
-    const double dz = z[i] - z0_;
-    x[i] = interpolate(cell->nodes, w.data(), 0, dz);
-    y[i] = interpolate(cell->nodes, w.data(), 1, dz);
-    z[i] = interpolate(cell->nodes, w.data(), 2, dz);
+    x[i] = interpolate(*cell, w.data(), 0, z[i]);
+    y[i] = interpolate(*cell, w.data(), 1, z[i]);
+    z[i] = interpolate(*cell, w.data(), 2, z[i]);
   }
   if (left.empty())
     return true;

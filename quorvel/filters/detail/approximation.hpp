@@ -43,11 +43,16 @@ private:
     bool exact = true;
     // Values at the nodes, row by row: x, y, z at the base height, then their change per unit.
     std::array<std::array<double, 16>, 6> nodes{};
+    // Whether each row of nodes holds one value; whether heights pass through unchanged.
+    std::array<bool, 6> constant{};
+    bool heightKept = false;
   };
 
   bool fit(Cell& cell, const PointTransform& transform) const;
   void split(std::size_t at);
   const Cell* leafOf(double x, double y) const;
+  // Output coordinate k at input height z from the tensor-product weights w.
+  double interpolate(const Cell& cell, const double* w, std::size_t k, double z) const;
 
   std::vector<Cell> cells_;
   std::array<double, 3> tolerance_;
