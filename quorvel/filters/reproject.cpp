@@ -19,8 +19,8 @@ void ReprojectionParameterBox::print() const {
   printField("source: ", source);
   printField("inputScale: ",
              Basalt::format("(%g,%g,%g)", inputScale[0], inputScale[1], inputScale[2]));
-  printField("exact: ", exact ? "true" : "false");
-  printField("tolerance: ", Basalt::format("%g", tolerance));
+  printField("exact: ", exact);
+  printField("tolerance: ", tolerance);
 }
 
 namespace {
