@@ -14,7 +14,11 @@ constexpr const char* Footer =
     "transform at the cloud's centre (0.01 m becomes 1e-09 degrees), z's likewise, so rounding "
     "adds at most a twentieth of an input step; offsets are the floor of the smallest "
     "coordinates. LAS 1.4 files get a WKT record, earlier ones GeoTIFF keys (by EPSG "
-    "code). --scale and --offset still decide where given.";
+    "code). --scale and --offset still decide where given. Without --exact, PROJ transforms a "
+    "4 x 4 grid of points in each cell over the cloud's extent, at two heights, and the points "
+    "in between take cubic interpolants of them (linear in height); a cell is split until 21 "
+    "more points transformed exactly agree with its interpolants within a hundredth of the "
+    "output's scale, or its points go through PROJ one by one.";
 
 class Reproject final : public CloudCommand {
 public:
@@ -26,6 +30,8 @@ public:
         ->required();
     app.add_option("--from", box_.source,
                    "the input's coordinate system (default: the file's; needed without one)");
+    app.add_flag("--exact", box_.exact,
+                 "transform every point through PROJ instead of interpolating checked cells");
     threads_ = addThreads(app, box_.threads);
     app.footer(Footer);
   }

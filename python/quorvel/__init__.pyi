@@ -134,6 +134,8 @@ class ReprojectionParameterBox:
     target: str
     source: str
     inputScale: Tuple[float, float, float]
+    exact: bool
+    tolerance: float
     threads: int
     scale: Tuple[float, float, float]
     offset: Tuple[float, float, float]

@@ -120,6 +120,10 @@ void bindReproject(py::module_& m) {
       .field("source", &Box::source, "the input's system; empty: the cloud's own")
       .field("inputScale", &Box::inputScale,
              "the input's LAS scale (set from the cloud's LAS origin where it has one)")
+      .field("exact", &Box::exact,
+             "transform every point exactly instead of interpolating checked cells")
+      .field("tolerance", &Box::tolerance,
+             "largest error of an interpolated coordinate, a fraction of the output's scale")
       .field("threads", &Box::threads, "0: all but one")
       .field("scale", &Box::scale, "LAS scale chosen by the last run")
       .field("offset", &Box::offset, "LAS offset chosen by the last run")

@@ -134,6 +134,10 @@ struct ReprojectionParameterBox {
   std::string source;
   // The input's LAS scale (the step of its coordinates); 0.001 when it had none.
   std::array<double, 3> inputScale{0.001, 0.001, 0.001};
+  // Transform every point exactly instead of interpolating checked cells (see reproject()).
+  bool exact = false;
+  // The largest error of an interpolated coordinate, as a fraction of the output's scale.
+  double tolerance = 0.01;
   std::int32_t threads = 0;
   // Results: a LAS scale and offset that keep the precision of the input (see reproject()).
   std::array<double, 3> scale{0.001, 0.001, 0.001};
@@ -144,12 +148,16 @@ struct ReprojectionParameterBox {
 };
 
 // Transforms every position of grid in place, in blocks across threads, each thread with its own
-// transform from makeTransform. Then chooses the output's scale and offset: x and y take the
-// largest power of ten not above a tenth of the length in output units of one input step (the
-// finer of x and y) moved through the transform at the cloud's centre, z the same from a step
-// in z (so rounding adds at most a twentieth of an input step); the
-// offset is the floor of the smallest coordinate (whole units), and a scale too fine for the
-// extent in 32-bit integers is coarsened tenfold until it fits. False with a message on a point
+// transform from makeTransform. Unless box.exact, the transform is first approximated over the
+// cloud's extent by cubic interpolants in cells, each checked at 21 extra points against exact
+// transforms and split until they agree within box.tolerance times the output's scale (exact
+// transforms for cells that never do, within a budget of one exact transform per eight points);
+// the points then take the interpolants, which are the same whatever the thread count. Then chooses
+// the output's scale and offset: x and y take the largest power of ten not above a tenth of the
+// length in output units of one input step (the finer of x and y) moved through the transform at
+// the cloud's centre, z the same from a step in z (so rounding adds at most a twentieth of an input
+// step); the offset is the floor of the smallest coordinate (whole units), and a scale too fine for
+// the extent in 32-bit integers is coarsened tenfold until it fits. False with a message on a point
 // that cannot be transformed.
 bool reproject(const Basalt::StrongPtr<Tressel::Grid>& grid, ReprojectionParameterBox& box,
                const TransformFactory& makeTransform);

@@ -1,5 +1,6 @@
 // Quorvel: reprojection of a cloud's positions through a transform the host supplies, and the
 // LAS scale and offset that keep their precision.
+#include "quorvel/filters/detail/approximation.hpp"
 #include "quorvel/filters/filters.hpp"
 
 #include "basalt/Text.hpp"
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <tuple>
 
 namespace Quorvel {
@@ -17,19 +19,24 @@ void ReprojectionParameterBox::print() const {
   printField("source: ", source);
   printField("inputScale: ",
              Basalt::format("(%g,%g,%g)", inputScale[0], inputScale[1], inputScale[2]));
+  printField("exact: ", exact);
+  printField("tolerance: ", tolerance);
 }
 
 namespace {
 
-// Transforms one fragment's points in blocks, each block by the calling thread's transform.
-bool transformFragment(point* xyz, std::size_t n, const PointTransform& transform) {
+// Transforms one fragment's points in blocks, each block by the approximation where there is
+// one, else (and for the points it leaves) by the calling thread's transform.
+bool transformFragment(point* xyz, std::size_t n, const PointTransform& transform,
+                       const detail::ApproximateTransform* approximation) {
   constexpr std::size_t Block = 4096;
   std::vector<double> x(Block), y(Block), z(Block);
   for (std::size_t b = 0; b < n; b += Block) {
     const std::size_t size = std::min(Block, n - b);
     for (std::size_t i = 0; i < size; ++i)
       std::tie(x[i], y[i], z[i]) = std::tuple(xyz[b + i].x, xyz[b + i].y, xyz[b + i].z);
-    if (!transform(size, x.data(), y.data(), z.data()))
+    if (approximation ? !approximation->apply(size, x.data(), y.data(), z.data(), transform)
+                      : !transform(size, x.data(), y.data(), z.data()))
       return false;
     for (std::size_t i = 0; i < size; ++i)
       xyz[b + i] = point(x[i], y[i], z[i]);
@@ -106,6 +113,15 @@ bool reproject(const StrongPtr<Grid>& grid, ReprojectionParameterBox& box,
     log.report("ERROR: the centre of the cloud cannot be transformed");
     return false;
   }
+  std::optional<detail::ApproximateTransform> approximation;
+  if (!box.exact) {
+    std::size_t count = 0;
+    for (const auto& a : arrays)
+      count += a->size();
+    const std::array<double, 3> tolerance{
+        box.scale[0] * box.tolerance, box.scale[1] * box.tolerance, box.scale[2] * box.tolerance};
+    approximation.emplace(lo, hi, tolerance, count / 8, makeTransform());
+  }
   // Pieces of about 64k points, so that one large fragment still spreads over the threads.
   constexpr std::size_t Piece = 65536;
   std::vector<std::pair<point*, std::size_t>> pieces;
@@ -120,7 +136,8 @@ bool reproject(const StrongPtr<Grid>& grid, ReprojectionParameterBox& box,
 #pragma omp for schedule(dynamic, 1)
     for (long long k = 0; k < count; ++k) {
       const auto& [xyz, n] = pieces[static_cast<std::size_t>(k)];
-      failed = failed || !transformFragment(xyz, n, transform);
+      failed = failed ||
+               !transformFragment(xyz, n, transform, approximation ? &*approximation : nullptr);
     }
   }
   if (failed) {

@@ -346,6 +346,31 @@ def test_reproject_known_pair_round_trip_and_records(tmp_path):
     assert np.abs(back - src).max() < 1e-3
 
 
+@pytest.mark.parametrize("source,target,lo,hi", [
+    # 30 km across the 12 E edge of UTM zone 32, into zone 33.
+    ("EPSG:32632", "EPSG:32633", (705000, 5.30e6, 0), (735000, 5.33e6, 800)),
+    # Longitude, latitude and height into geocentric x, y, z: the height moves all three.
+    ("EPSG:4979", "EPSG:4978", (11.7, 47.8, -40), (12.1, 48.1, 2500)),
+])
+def test_reproject_interpolated_cells_write_what_exact_does(tmp_path, source, target, lo, hi):
+    rng = np.random.default_rng(11)
+    n = 60000
+    xyz = np.column_stack([rng.uniform(lo[k], hi[k], n) for k in range(3)])
+    scale = (1e-7, 1e-7, 0.01) if source == "EPSG:4979" else (0.01,) * 3
+    write_las(tmp_path / "in.las", xyz, scale=scale, offset=tuple(np.floor(lo)))
+    for extra in ([], ["--exact"]):
+        quorvel("reproject", tmp_path / "in.las", "-o", tmp_path / f"out{len(extra)}.las", "--from",
+                source, "--to", target, *extra)
+    approx, _, ascale, aoffset = read_las(tmp_path / "out0.las")[:4]
+    exact, _, escale, eoffset = read_las(tmp_path / "out1.las")[:4]
+    assert list(ascale) == list(escale) and list(aoffset) == list(eoffset)
+    # Within a hundredth of a step of the exact coordinates, so a written value differs only
+    # where the exact one lies that close to a rounding boundary: by one step, rarely.
+    steps = np.abs(np.round((approx - exact) / np.asarray(escale)))
+    assert steps.max() <= 1
+    assert (steps > 0).mean() < 0.03
+
+
 def write_gtx(path, south, west, step, heights):
     """A GTX grid (big-endian): origin, steps, rows and columns, then rows from south to north."""
     rows, cols = heights.shape

@@ -41,3 +41,18 @@ def test_reproject_from_python():
     box = quorvel.ReprojectionParameterBox(source="EPSG:4258", target="EPSG:25832")
     quorvel.reproject(cloud, box)
     assert np.allclose(cloud.xyz[0, :2], [691875.63, 6098907.83], atol=0.01)
+
+
+def test_reproject_interpolated_and_exact_agree_within_the_tolerance():
+    rng = np.random.default_rng(3)
+    xyz = np.column_stack([rng.uniform(500000, 503000, 4000), rng.uniform(5.4e6, 5.403e6, 4000),
+                           rng.uniform(0, 100, 4000)])
+    results = []
+    for exact in (False, True):
+        cloud = quorvel.Cloud(xyz.copy())
+        box = quorvel.ReprojectionParameterBox(source="EPSG:32633", target="EPSG:4326",
+                                               inputScale=(0.01, 0.01, 0.01), exact=exact)
+        quorvel.reproject(cloud, box)
+        results.append(np.asarray(cloud.xyz))
+    assert box.exact and box.scale[0] == 1e-9
+    assert np.abs(results[0] - results[1]).max(axis=0)[:2].max() <= 1e-11
