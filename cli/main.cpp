@@ -6,26 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <malloc.h>
 #include <string>
-#include <unistd.h>
 
 namespace {
-
-// Arrays of a whole cloud are touched page by page when first written; on a virtual machine each
-// 4 KiB page fault costs microseconds, and a transfer of 1M points onto 1M faults some 47,000
-// times: half its time. glibc backs its heap with transparent huge pages when its tunable
-// glibc.malloc.hugetlb is 1, but reads tunables only when a program starts, so the host starts
-// itself once more with the tunable added. Should that fail, it simply runs as it is.
-void restartWithHugePages(char** argv) {
-  const char* tunables = std::getenv("GLIBC_TUNABLES");
-  if (tunables && std::strstr(tunables, "glibc.malloc.hugetlb"))
-    return;
-  std::string value = tunables && *tunables ? std::string(tunables) + ":" : std::string();
-  value += "glibc.malloc.hugetlb=1";
-  if (::setenv("GLIBC_TUNABLES", value.c_str(), 1) == 0)
-    ::execv("/proc/self/exe", argv);
-}
 
 // The option of app (or of the host) nearest to an unknown one, when it is near enough to be a
 // typing slip: at most two edits, or the unknown one a beginning of it.
@@ -101,15 +84,9 @@ int usageError(CLI::App& app, const CLI::ParseError& error) {
 
 int main(int argc, char** argv) {
   using namespace Quorvel::Cli;
-  restartWithHugePages(argv);
   // A write beyond the file-size limit then fails with its error, reported like any other,
   // instead of killing the host with the file half written.
   std::signal(SIGXFSZ, SIG_IGN);
-  // A run allocates and frees arrays of a whole cloud's size several times (fields, trees,
-  // answers). Kept in the heap instead of being mapped and returned to the system each time,
-  // their pages are not faulted in anew: a fifth of a transfer's time on 1M points.
-  mallopt(M_MMAP_THRESHOLD, 1 << 30);
-  mallopt(M_TRIM_THRESHOLD, 1 << 30);
   CLI::App app{"quorvel: point-cloud algorithms on LAS and bundle files"};
   app.require_subcommand(1);
   app.set_version_flag("--version", "quorvel " QUORVEL_VERSION);

@@ -16,7 +16,7 @@ namespace {
 
 std::string getText(const Tressel::Grid& grid, const char* name) {
   const auto chunk = Basalt::chunkCast<std::uint8_t>(grid.attributes().getAttribute(name));
-  return chunk ? std::string(chunk->values().begin(), chunk->values().end()) : std::string();
+  return chunk ? std::string(chunk->view().begin(), chunk->view().end()) : std::string();
 }
 
 std::size_t getCount(const Tressel::Grid& grid, const char* name, std::size_t otherwise) {

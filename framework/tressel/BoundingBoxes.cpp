@@ -44,7 +44,7 @@ bool fragmentBox(const CreativeArrayBase& creator, BoundingBox& out) {
   // Per coordinate, not through point's indexed access, so that the loop stays branch-free but
   // for the finiteness test (v - v is 0 exactly when v is finite).
   double lx = inf, ly = inf, lz = inf, hx = -inf, hy = -inf, hz = -inf;
-  for (const point& p : chunk->values()) {
+  for (const point& p : chunk->view()) {
     if (!(p.x - p.x == 0 && p.y - p.y == 0 && p.z - p.z == 0))
       continue;
     lx = std::min(lx, p.x);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -149,12 +150,18 @@ public:
   static_assert(N >= 1 && N <= 4, "ranks 1 to 4 are supported");
   static const bool TypeIsRegistered;
 
-  // Value-initialised elements (zeros for numbers, points and vectors).
+  // Elements default-initialised: numbers, points and vectors are left for the maker to write
+  // (see Basalt::ArrayAllocator); filled() gives an array of one value.
   explicit MemArray(const MultiIndex<N>& extents)
       : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(extents.product())) {}
   // Takes the values; their count must be the product of the extents.
-  MemArray(const MultiIndex<N>& extents, std::vector<T> values)
+  MemArray(const MultiIndex<N>& extents, Basalt::ArrayVector<T> values)
       : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(std::move(values))) {}
+  // Copies the values; their count must be the product of the extents.
+  MemArray(const MultiIndex<N>& extents, std::initializer_list<T> values)
+      : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(values)) {}
+  MemArray(const MultiIndex<N>& extents, const std::vector<T>& values)
+      : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(std::span<const T>(values))) {}
   // Shares an existing chunk; its element count must be the product of the extents.
   MemArray(const MultiIndex<N>& extents, StrongPtr<Basalt::Chunk<T>> chunk)
       : extents_(extents), typed_(chunk.get()), chunk_(std::move(chunk)) {
@@ -171,7 +178,7 @@ public:
   std::size_t nElements() const override { return typed_->size(); }
   const StrongPtr<Basalt::ChunkBase>& myChunk() const override { return chunk_; }
   StrongPtr<MemBase> clone() const override {
-    return std::make_shared<MemArray>(extents_, typed_->values());
+    return std::make_shared<MemArray>(extents_, std::make_shared<Basalt::Chunk<T>>(typed_->view()));
   }
 
   const MultiIndex<N>& multiExtents() const { return extents_; }
@@ -184,6 +191,12 @@ public:
   MultiArray<N, T> view() { return MultiArray<N, T>::dense(data(), extents_, chunk_); }
   MultiArray<N, const T> view() const {
     return MultiArray<N, const T>::dense(data(), extents_, chunk_);
+  }
+
+  // Every element equal to value (zeros: T()).
+  static StrongPtr<MemArray> filled(const MultiIndex<N>& extents, const T& value) {
+    return std::make_shared<MemArray>(extents,
+                                      std::make_shared<Basalt::Chunk<T>>(extents.product(), value));
   }
 
   static StrongPtr<MemBase> make(const Extents& extents) {

@@ -52,7 +52,7 @@ public:
                                   " values for " + std::to_string(count_) + " points");
     auto shared = std::make_shared<const std::vector<T>>(std::move(values));
     fields_.push_back({name, [shared](const std::vector<std::size_t>& indices) {
-                         std::vector<T> part;
+                         Basalt::ArrayVector<T> part;
                          part.reserve(indices.size());
                          for (std::size_t i : indices)
                            part.push_back((*shared)[i]);
@@ -111,6 +111,10 @@ public:
   // MemBase::registerCreator): byte pointers to the arrays, one per fragment. Throws
   // std::invalid_argument for a type without a maker.
   std::vector<std::uint8_t*> addField(const std::string& name, const std::string& typeName);
+
+  // A field of arrays made elsewhere, one per fragment with the fragment's count (arrays that
+  // borrow another library's buffers, for one). Throws std::invalid_argument otherwise.
+  void addArrays(const std::string& name, std::vector<StrongPtr<MemBase>> arrays);
 
   StrongPtr<Grid> build(const std::string& gridName = "PointCloud") const;
 

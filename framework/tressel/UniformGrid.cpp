@@ -159,7 +159,7 @@ void setUniformCells(Grid& grid, const std::string& name, const T* values, std::
     throw std::invalid_argument("field \"" + name + "\" exists with another element type");
   forEachFragmentOf(view, [&](std::size_t number, std::size_t x0, std::size_t y0,
                               const MultiIndex<3>& n) {
-    std::vector<T> cells(n.product(), pad);
+    Basalt::ArrayVector<T> cells(n.product(), pad);
     for (std::size_t j = 0; j < n[1] && y0 + j < ny; ++j)
       for (std::size_t i = 0; i < n[0] && x0 + i < nx; ++i)
         cells[j * n[0] + i] = values[(y0 + j) * nx + x0 + i];

@@ -27,9 +27,9 @@ void voxelAxis(double extent, std::uint64_t& count, double& width) {
 }
 
 // Cell sizes of one fragment's points. Voxel keys are counted by sorting, not in a map.
-std::vector<float> cellSizes(const MemArray<1, point>& xyz) {
+Basalt::ArrayVector<float> cellSizes(const MemArray<1, point>& xyz) {
   const std::size_t n = xyz.size();
-  std::vector<float> out(n, std::numeric_limits<float>::quiet_NaN());
+  Basalt::ArrayVector<float> out(n, std::numeric_limits<float>::quiet_NaN());
   BoundingBox box;
   for (std::size_t i = 0; i < n; ++i)
     box.expand(xyz[i]); // non-finite points are left out

@@ -70,8 +70,8 @@ void mapFragment(const Tree& tree, const SourcePoints& source, const Field& posi
     return;
   }
   const std::size_t n = xyz->size();
-  auto out = std::make_shared<MemArray<3, float>>(
-      xyz->multiExtents(), std::vector<float>(n, std::numeric_limits<float>::quiet_NaN()));
+  auto out =
+      MemArray<3, float>::filled(xyz->multiExtents(), std::numeric_limits<float>::quiet_NaN());
   const point* p = xyz->data();
   float* v = out->data();
 #pragma omp parallel for schedule(dynamic, 4096) num_threads(maximumThreadsMinusOne())

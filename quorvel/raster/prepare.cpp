@@ -102,11 +102,10 @@ void prepareFragment(const Field& positions, const Field& types, const Field& he
     return log.report("ERROR, no m_height");
   const auto& n = in.positions->multiExtents();
   const std::size_t count = in.positions->size();
-  auto planes = std::make_shared<MemArray<3, vector>>(
-      n, std::vector<vector>(count, vector(0.0, 0.0, NoPlaneC)));
+  auto planes = MemArray<3, vector>::filled(n, vector(0.0, 0.0, NoPlaneC));
   const float nan = std::numeric_limits<float>::quiet_NaN();
-  auto highest = std::make_shared<MemArray<3, float>>(n, std::vector<float>(count, nan));
-  auto lowest = std::make_shared<MemArray<3, float>>(n, std::vector<float>(count, nan));
+  auto highest = MemArray<3, float>::filled(n, nan);
+  auto lowest = MemArray<3, float>::filled(n, nan);
   std::vector<point> block;
   block.reserve(9);
   const unsigned char* cellTypes = in.types->data();

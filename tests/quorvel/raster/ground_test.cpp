@@ -22,7 +22,7 @@ using Vantor::PhysicalSpace::point;
 std::string coordinateSystemOf(const Tressel::Grid& raster) {
   const auto chunk =
       Basalt::chunkCast<std::uint8_t>(raster.attributes().getAttribute("CoordinateSystem"));
-  return chunk ? std::string(chunk->values().begin(), chunk->values().end()) : std::string();
+  return chunk ? std::string(chunk->view().begin(), chunk->view().end()) : std::string();
 }
 
 // Ground on the slope z = 0.1 x + 0.05 y + 100, one point in every other 1 m cell of a 40 x 30 m

@@ -1,0 +1,92 @@
+// Tests of the storage of large arrays: alignment, values asked for, and pages given back.
+#include "basalt/ArrayAllocator.hpp"
+#include "basalt/Chunk.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <numeric>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+bool sanitized() {
+#if defined(__SANITIZE_ADDRESS__)
+  return true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+  return true;
+#else
+  return false;
+#endif
+#else
+  return false;
+#endif
+}
+
+// Whether the page holding p is mapped in this process (mincore fails with ENOMEM otherwise).
+bool mapped(const void* p) {
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  auto* start = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(p) / page * page);
+  unsigned char resident = 0;
+  return ::mincore(start, page, &resident) == 0 || errno != ENOMEM;
+}
+
+TEST(ArrayAllocator, SmallBlocksAreCacheLineAlignedAndLargeOnesPageAligned) {
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  for (std::size_t size :
+       {std::size_t{1}, std::size_t{100}, std::size_t{4097}, Basalt::LargeArrayBytes - 1,
+        Basalt::LargeArrayBytes, Basalt::LargeArrayBytes * 5 + 3}) {
+    void* p = Basalt::allocateArray(size);
+    const auto at = reinterpret_cast<std::uintptr_t>(p);
+    EXPECT_EQ(at % 64, 0u) << size;
+    if (size >= Basalt::LargeArrayBytes && !sanitized()) {
+      EXPECT_EQ(at % page, 0u) << size;
+    }
+    static_cast<unsigned char*>(p)[size - 1] = 1; // the last byte is ours to write
+    Basalt::releaseArray(p, size);
+  }
+}
+
+TEST(ArrayAllocator, LargeBlocksGoBackToTheSystemWhenReleased) {
+  if (sanitized())
+    GTEST_SKIP() << "the sanitizer's heap holds every block";
+  const std::size_t size = Basalt::LargeArrayBytes * 8;
+  auto* p = static_cast<unsigned char*>(Basalt::allocateArray(size));
+  p[0] = 1;
+  p[size - 1] = 2;
+  EXPECT_TRUE(mapped(p));
+  EXPECT_TRUE(mapped(p + size - 1));
+  Basalt::releaseArray(p, size);
+  EXPECT_FALSE(mapped(p));
+  EXPECT_FALSE(mapped(p + size - 1));
+}
+
+TEST(ArrayAllocator, ValuesAskedForAreThereAndCopiesAreEqual) {
+  const std::size_t n = Basalt::LargeArrayBytes / sizeof(double) * 3 + 7;
+  Basalt::Chunk<double> filled(n, 2.5);
+  ASSERT_EQ(filled.size(), n);
+  for (std::size_t i = 0; i < n; i += 997)
+    EXPECT_EQ(filled[i], 2.5);
+  EXPECT_EQ(filled[n - 1], 2.5);
+
+  Basalt::Chunk<int> zeros(100, 0);
+  EXPECT_EQ(std::accumulate(zeros.data(), zeros.data() + 100, 0), 0);
+
+  Basalt::Chunk<std::uint32_t> counted(n);
+  std::iota(counted.data(), counted.data() + n, 0u);
+  const auto copy = Basalt::chunkCast<std::uint32_t>(counted.clone());
+  ASSERT_TRUE(copy);
+  EXPECT_NE(copy->data(), counted.data());
+  EXPECT_TRUE(std::equal(counted.data(), counted.data() + n, copy->data()));
+
+  // A vector's growth by count keeps what was written before it.
+  Basalt::ArrayVector<std::uint16_t> grown(10, 7);
+  grown.resize(Basalt::LargeArrayBytes);
+  EXPECT_EQ(grown[9], 7);
+  EXPECT_EQ(grown.size(), Basalt::LargeArrayBytes);
+}
+
+} // namespace
