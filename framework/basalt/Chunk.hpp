@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <initializer_list>
-#include <memory>
 #include <span>
 #include <typeinfo>
 #include <vector>
@@ -24,9 +23,6 @@ public:
   virtual const void* rawData() const = 0;
   // A new chunk of the same element type and count holding a copy of the elements.
   virtual StrongPtr<ChunkBase> clone() const = 0;
-  // Whether the elements belong to another owner (a buffer of another library, e.g. a numpy
-  // array) that the chunk only keeps alive: results are never written into them.
-  virtual bool borrowed() const = 0;
 
   std::size_t byteSize() const { return size() * elementSize(); }
 };
@@ -36,47 +32,31 @@ class Chunk final : public ChunkBase {
 public:
   // count elements default-initialised: numbers and plain structs are left unwritten, for the
   // maker to fill (ArrayAllocator). Ask for a fill value where zeros or another value are needed.
-  explicit Chunk(std::size_t count = 0) : values_(count) { own(); }
-  Chunk(std::size_t count, const T& fill) : values_(count, fill) { own(); }
-  Chunk(std::initializer_list<T> init) : values_(init) { own(); }
-  explicit Chunk(ArrayVector<T> values) : values_(std::move(values)) { own(); }
+  explicit Chunk(std::size_t count = 0) : values_(count) {}
+  Chunk(std::size_t count, const T& fill) : values_(count, fill) {}
+  Chunk(std::initializer_list<T> init) : values_(init) {}
+  explicit Chunk(ArrayVector<T> values) : values_(std::move(values)) {}
   // Copies the values into storage of the chunk's own.
-  explicit Chunk(std::span<const T> values) : values_(values.begin(), values.end()) { own(); }
+  explicit Chunk(std::span<const T> values) : values_(values.begin(), values.end()) {}
   explicit Chunk(const std::vector<T>& values) : Chunk(std::span<const T>(values)) {}
-  // Borrows count elements at data without copying them; keeper keeps their owner alive for as
-  // long as the chunk lives.
-  Chunk(T* data, std::size_t count, std::shared_ptr<const void> keeper)
-      : data_(data), size_(count), keeper_(std::move(keeper)) {}
-
-  Chunk(const Chunk&) = delete;
-  Chunk& operator=(const Chunk&) = delete;
 
   const std::type_info& elementType() const override { return typeid(T); }
   std::size_t elementSize() const override { return sizeof(T); }
-  std::size_t size() const override { return size_; }
-  void* rawData() override { return data_; }
-  const void* rawData() const override { return data_; }
+  std::size_t size() const override { return values_.size(); }
+  void* rawData() override { return values_.data(); }
+  const void* rawData() const override { return values_.data(); }
   StrongPtr<ChunkBase> clone() const override { return std::make_shared<Chunk<T>>(view()); }
-  bool borrowed() const override { return keeper_ != nullptr; }
 
-  T* data() { return data_; }
-  const T* data() const { return data_; }
-  T& operator[](std::size_t i) { return data_[i]; }
-  const T& operator[](std::size_t i) const { return data_[i]; }
-  std::span<const T> view() const { return {data_, size_}; }
+  T* data() { return values_.data(); }
+  const T* data() const { return values_.data(); }
+  T& operator[](std::size_t i) { return values_[i]; }
+  const T& operator[](std::size_t i) const { return values_[i]; }
+  std::span<const T> view() const { return values_; }
   // A copy of the elements (for small values such as attributes).
-  std::vector<T> values() const { return std::vector<T>(data_, data_ + size_); }
+  std::vector<T> values() const { return std::vector<T>(values_.begin(), values_.end()); }
 
 private:
-  void own() {
-    data_ = values_.data();
-    size_ = values_.size();
-  }
-
   ArrayVector<T> values_;
-  T* data_ = nullptr;
-  std::size_t size_ = 0;
-  std::shared_ptr<const void> keeper_;
 };
 
 // Typed view of a chunk, empty when the chunk is missing or holds another element type.

@@ -203,19 +203,6 @@ std::vector<std::uint8_t*> FragmentArrays::addField(const std::string& name,
   return out;
 }
 
-void FragmentArrays::addArrays(const std::string& name, std::vector<StrongPtr<MemBase>> arrays) {
-  if (arrays.size() != sizes_.size() || arrays.empty())
-    throw std::invalid_argument("field \"" + name + "\": " + std::to_string(arrays.size()) +
-                                " arrays for " + std::to_string(sizes_.size()) + " fragments");
-  for (std::size_t k = 0; k < arrays.size(); ++k)
-    if (!arrays[k] || arrays[k]->nElements() != sizes_[k] || arrays[k]->rank() != 1 ||
-        arrays[k]->elementType().name() != arrays.front()->elementType().name())
-      throw std::invalid_argument("field \"" + name + "\": fragment " + std::to_string(k) +
-                                  " has no array of " + std::to_string(sizes_[k]) + " elements");
-  auto prototype = MemBase::create(1, arrays.front()->elementType().name(), {0});
-  columns_.push_back({name, std::move(arrays), std::move(prototype)});
-}
-
 StrongPtr<Grid> FragmentArrays::build(const std::string& gridName) const {
   return makeCloud(
       gridName, sizes_.size(), columns_.size(),

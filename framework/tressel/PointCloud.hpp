@@ -112,10 +112,6 @@ public:
   // std::invalid_argument for a type without a maker.
   std::vector<std::uint8_t*> addField(const std::string& name, const std::string& typeName);
 
-  // A field of arrays made elsewhere, one per fragment with the fragment's count (arrays that
-  // borrow another library's buffers, for one). Throws std::invalid_argument otherwise.
-  void addArrays(const std::string& name, std::vector<StrongPtr<MemBase>> arrays);
-
   StrongPtr<Grid> build(const std::string& gridName = "PointCloud") const;
 
 private:

@@ -251,11 +251,6 @@ def _cloud_init(self, xyz, fragment_points=0, **fields):
         fields: per-point arrays of n values (n x 3 for vectors) by field name: the framework's
             names (Classification, Intensity, GpsTime, ...), laspy's (classification,
             intensity, gps_time, red/green/blue, ...) or a name of your own
-
-    Arrays already of the field's type (the LAS type for LAS fields), C-contiguous and in the
-    machine's byte order are shared with the cloud, not copied: the cloud keeps them alive and
-    sees later changes to them, and algorithms write their results into arrays of their own.
-    Others are converted into a new array once (a copy).
     """
     _plain_cloud_init(self, _positions(xyz), fragment_points, **_fields(dict(fields)))
 

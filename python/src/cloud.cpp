@@ -88,55 +88,7 @@ void requireFinitePositions(const py::array& xyz) {
                               static_cast<std::size_t>(bad - p) / 3, *bad));
 }
 
-// The framework's arrays over a numpy array's buffer, one per fragment of the sizes given,
-// without copying: the chunks keep the numpy array alive (released with the GIL held, since
-// the last owner may be a thread of the library).
-template <class T>
-std::vector<Basalt::StrongPtr<Tressel::MemBase>>
-borrowedArrays(const py::array& a, const std::vector<std::size_t>& sizes) {
-  std::shared_ptr<const void> keeper(new py::object(a), [](const void* p) {
-    py::gil_scoped_acquire gil;
-    delete static_cast<const py::object*>(p);
-  });
-  auto* data = static_cast<T*>(const_cast<void*>(a.data()));
-  std::vector<Basalt::StrongPtr<Tressel::MemBase>> arrays;
-  for (std::size_t k = 0, at = 0; k < sizes.size(); at += sizes[k], ++k)
-    arrays.push_back(std::make_shared<Tressel::MemArray<1, T>>(
-        Tressel::MultiIndex<1>(sizes[k]),
-        std::make_shared<Basalt::Chunk<T>>(data + at, sizes[k], keeper)));
-  return arrays;
-}
-
-// Arrays sharing the numpy array's buffer where its element type is one of these (by the
-// framework's name) and its elements are aligned for it; empty otherwise.
-std::vector<Basalt::StrongPtr<Tressel::MemBase>>
-sharedArrays(const py::array& a, const std::string& type, const std::vector<std::size_t>& sizes) {
-  using namespace Vantor::PhysicalSpace;
-  if (sizes.empty() || !(a.flags() & py::array::aligned))
-    return {};
-  std::vector<Basalt::StrongPtr<Tressel::MemBase>> out;
-  const auto take = [&]<class T>(T) {
-    if (out.empty() && type == Tressel::TresselType<T>().name())
-      out = borrowedArrays<T>(a, sizes);
-  };
-  take(std::uint8_t{});
-  take(std::int8_t{});
-  take(std::uint16_t{});
-  take(std::int16_t{});
-  take(std::uint32_t{});
-  take(std::int32_t{});
-  take(static_cast<unsigned long long>(0));
-  take(0LL);
-  take(0.0f);
-  take(0.0);
-  take(point{});
-  take(vector{});
-  take(Vantor::RGB16{});
-  return out;
-}
-
 // A cloud of the arrays, in fragments of at most fragmentPoints consecutive points (one for 0).
-// Arrays whose element type and layout the framework has are shared, not copied.
 Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& fields) {
   const std::size_t n = xyz.ndim() == 2 ? static_cast<std::size_t>(xyz.shape(0)) : 0;
   std::vector<std::pair<std::string, py::array>> columns{
@@ -153,10 +105,6 @@ Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& 
     const std::string type = elementTypeOf(name, a, n);
     if (type == "point")
       requireFinitePositions(a);
-    if (auto shared = sharedArrays(a, type, sizes); !shared.empty()) {
-      arrays.addArrays(name, std::move(shared));
-      continue;
-    }
     const std::size_t bytes = TresselTypeBase::find(type)->size();
     const auto* from = static_cast<const std::uint8_t*>(a.data());
     const auto to = arrays.addField(name, type);
@@ -305,11 +253,7 @@ void bindCloud(py::module_& m) {
            }),
            py::arg("xyz"), py::arg("fragment_points") = 0,
            "A cloud of n x 3 positions and named per-point arrays (keywords), in fragments of "
-           "at most fragment_points consecutive points (0: one fragment). Arrays that are "
-           "C-contiguous, aligned and of a type the cloud holds as it is (float64 positions, "
-           "vectors and scalars, uint16 RGB, any integer or float32 scalar) are shared, not "
-           "copied: the cloud keeps them alive and sees later changes made to them; algorithms "
-           "never write into them. Others (strided, another byte order, ...) are copied.")
+           "at most fragment_points consecutive points (0: one fragment).")
       .def_static(
           "from_dict",
           [](const py::dict& fields, std::size_t fragmentPoints) {

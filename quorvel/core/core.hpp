@@ -199,11 +199,10 @@ void forEachFragment(std::size_t count, int threads, Messages& log, Body&& body)
 }
 
 // The result array of one fragment of an output field. Where the field already holds an array
-// of the right type and size for the fragment, and of its own (not borrowed from another owner,
-// such as a numpy array a Python cloud was built from), that array is written in place; otherwise a
-// new one filled with `fill` (zeros by default) is made. commit() then marks the reused array
-// changed (touch) or attaches the new one as persistent data in the default memory cache, inside
-// the critical section.
+// of the right type and size for the fragment, that array is written in place; otherwise a new
+// one filled with `fill` (zeros by default) is made. commit() then marks the reused array changed
+// (touch) or attaches the new one as persistent data in the default memory cache, inside the
+// critical section.
 template <class T>
 class FragmentOutput {
 public:
@@ -214,7 +213,7 @@ public:
       creator_ = field_->getCreator(*id_);
       array_ = Tressel::arrayCast<1, T>(creator_ ? creator_->peekData() : nullptr);
     }
-    if (!array_ || array_->size() != count || array_->myChunk()->borrowed()) {
+    if (!array_ || array_->size() != count) {
       array_ = MemArray<1, T>::filled(Tressel::MultiIndex<1>(count), fill);
       creator_.reset();
     }

@@ -11,13 +11,13 @@ import re
 import shutil
 import struct
 import subprocess
-import zlib
 from html.parser import HTMLParser
 
 import numpy as np
 import pytest
 
 import quorvel
+from test_render import png_pixels
 
 QUORVEL = os.environ.get("QUORVEL", "quorvel")
 CHROMIUM = shutil.which("chromium") or shutil.which("chromium-browser")
@@ -91,44 +91,8 @@ class Dom(HTMLParser):
 
 
 def png_rgb(path):
-    """The pixels of an 8-bit RGB or RGBA PNG (as Chromium writes screenshots) as a (rows,
-    columns, 3) array: zlib and the five row filters of the PNG format, nothing else."""
-    data = open(path, "rb").read()
-    assert data[:8] == b"\x89PNG\r\n\x1a\n"
-    at, idat = 8, b""
-    while at < len(data):
-        length, kind = struct.unpack_from(">I4s", data, at)
-        body = data[at + 8:at + 8 + length]
-        if kind == b"IHDR":
-            width, height, depth, colour, _, _, interlace = struct.unpack_from(">IIBBBBB", body)
-            assert depth == 8 and colour in (2, 6) and interlace == 0
-        elif kind == b"IDAT":
-            idat += body
-        at += 12 + length
-    bpp, raw = (3 if colour == 2 else 4), zlib.decompress(idat)
-    stride = width * bpp
-    rows, up = [], bytearray(stride)
-    for row in range(height):
-        kind, line = raw[row * (stride + 1)], raw[row * (stride + 1) + 1:(row + 1) * (stride + 1)]
-        out = bytearray(line)
-        if kind == 2:
-            out = bytearray((a + b) & 255 for a, b in zip(line, up))
-        elif kind in (1, 3, 4):  # Sub, Average and Paeth depend on the bytes just made
-            for i in range(stride):
-                left = out[i - bpp] if i >= bpp else 0
-                corner = up[i - bpp] if i >= bpp else 0
-                if kind == 1:
-                    pred = left
-                elif kind == 3:
-                    pred = (left + up[i]) >> 1
-                else:
-                    p = left + up[i] - corner
-                    pa, pb, pc = abs(p - left), abs(p - up[i]), abs(p - corner)
-                    pred = left if pa <= pb and pa <= pc else up[i] if pb <= pc else corner
-                out[i] = (line[i] + pred) & 255
-        rows.append(out)
-        up = out
-    return np.frombuffer(b"".join(rows), np.uint8).reshape(height, width, bpp)[..., :3]
+    """The colours of a PNG's pixels (as Chromium writes screenshots), (rows, columns, 3)."""
+    return png_pixels(path)[..., :3]
 
 
 def header_area(path):

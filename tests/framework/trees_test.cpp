@@ -14,6 +14,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -33,6 +34,17 @@ class TreeOracle : public testing::Test {};
 using Configs = testing::Types<Config<unsigned, 2>, Config<unsigned, 3>,
                                Config<unsigned long long, 2>, Config<unsigned long long, 3>>;
 TYPED_TEST_SUITE(TreeOracle, Configs);
+
+// The lowest and highest coordinates of the points, axis by axis.
+std::pair<point, point> boundsOf(const std::vector<point>& xyz) {
+  point lo = xyz[0], hi = xyz[0];
+  for (const point& p : xyz)
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::min(lo[k], p[k]);
+      hi[k] = std::max(hi[k], p[k]);
+    }
+  return {lo, hi};
+}
 
 // Uniform points, or clusters with many exact duplicates.
 std::vector<point> makeCloud(bool clustered, std::size_t n, unsigned seed) {
@@ -79,12 +91,7 @@ TYPED_TEST(TreeOracle, ListsCutAtCopiesBeginAsTheFullLists) {
       p.z += 0.01 * (k % 7);
     xyz.insert(xyz.begin() + static_cast<std::ptrdiff_t>((k * 7919) % xyz.size()), p);
   }
-  point lo = xyz[0], hi = xyz[0];
-  for (const point& p : xyz)
-    for (int k = 0; k < 3; ++k) {
-      lo[k] = std::min(lo[k], p[k]);
-      hi[k] = std::max(hi[k], p[k]);
-    }
+  const auto [lo, hi] = boundsOf(xyz);
   Tarrow::OcTreeStd<Index, point, D> tree(lo, hi, 16);
   for (std::size_t i = 0; i < xyz.size(); ++i)
     ASSERT_TRUE(tree.insert(xyz[i], static_cast<Index>(i)));
@@ -111,12 +118,7 @@ TYPED_TEST(TreeOracle, EveryQueryMatchesBruteForce) {
   constexpr int D = TypeParam::D;
   for (bool clustered : {false, true}) {
     const auto xyz = makeCloud(clustered, 3000, clustered ? 11 : 7);
-    point lo = xyz[0], hi = xyz[0];
-    for (const point& p : xyz)
-      for (int k = 0; k < 3; ++k) {
-        lo[k] = std::min(lo[k], p[k]);
-        hi[k] = std::max(hi[k], p[k]);
-      }
+    const auto [lo, hi] = boundsOf(xyz);
     Tarrow::OcTreeStd<Index, point, D> tree(lo, hi, 16);
     for (std::size_t i = 0; i < xyz.size(); ++i)
       ASSERT_TRUE(tree.insert(xyz[i], static_cast<Index>(i)));
@@ -324,12 +326,7 @@ TEST(OcTreeStd, ManyIdenticalPointsAndNaNDoNotHarmTheTree) {
 
 TEST(OcTreeStd, ConcurrentQueriesAgreeWithSerialOnes) {
   const auto xyz = makeCloud(false, 5000, 5);
-  point lo = xyz[0], hi = xyz[0];
-  for (const point& p : xyz)
-    for (int k = 0; k < 3; ++k) {
-      lo[k] = std::min(lo[k], p[k]);
-      hi[k] = std::max(hi[k], p[k]);
-    }
+  const auto [lo, hi] = boundsOf(xyz);
   Tarrow::OcTreeStd<unsigned, point, 3> tree(lo, hi, 64);
   for (unsigned i = 0; i < xyz.size(); ++i)
     tree.insert(xyz[i], i);

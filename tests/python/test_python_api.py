@@ -98,35 +98,6 @@ def test_positions_and_fields_of_any_numeric_type_are_converted_once():
         quorvel._plain_from_dict({"Positions": xyz.astype(">f8")})
 
 
-def test_arrays_of_the_clouds_types_are_shared_and_never_written_by_algorithms():
-    xyz = line(50)
-    classes = np.full(50, 2, np.uint8)
-    intensity = np.arange(50, dtype=np.uint16)
-    height = np.linspace(0, 1, 50)
-    for fragment_points in (0, 20):
-        cloud = quorvel.Cloud(xyz, fragment_points, Classification=classes, Intensity=intensity,
-                              height=height)
-        if fragment_points == 0:  # one fragment: what comes back is the very same memory
-            for given, name in ((xyz, "Positions"), (classes, "Classification"),
-                                (intensity, "Intensity"), (height, "height")):
-                assert np.shares_memory(cloud[name], given), name
-        height[3] = 7.5  # the cloud sees the change: it holds the buffer, not a copy
-        assert cloud["height"][3] == 7.5
-        height[3] = 0.0
-    del cloud, xyz  # the cloud kept the positions alive
-    # A strided or foreign-typed array is copied: later changes stay outside the cloud.
-    strided = np.zeros((50, 6))
-    strided[:, ::2] = line(50)
-    cloud = quorvel.Cloud(strided[:, ::2], Intensity=intensity.astype(np.int64))
-    strided[:, :] = -1
-    assert cloud.xyz[0, 0] == 1000 and not np.shares_memory(cloud["Intensity"], intensity)
-    # A result of an algorithm never lands in the caller's array of the same name.
-    source = quorvel.Cloud(line(50), Classification=np.full(50, 6, np.uint8))
-    target = quorvel.Cloud(line(50), Classification=classes)
-    quorvel.classification_transfer(source, target, quorvel.ClassificationTransferParameterBox("1"))
-    assert (classes == 2).all() and (target["Classification"] == 6).all()
-
-
 @pytest.mark.parametrize("fields, error, message", [
     ({"Classification": np.array(["2"] * 20)}, TypeError,
      'field "Classification": an array of numbers is needed, not <U1'),
