@@ -2,8 +2,12 @@
 #include "basalt/ArrayAllocator.hpp"
 
 #include <cstdint>
+#include <iterator>
+#include <mutex>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace Basalt {
 
@@ -58,14 +62,55 @@ bool small(std::size_t size) {
   return Sanitized || size < LargeArrayBytes;
 }
 
+// Freed mappings kept for the next array of the same length, up to KeptArrayBytes in all: a
+// process that makes arrays of one cloud's size again and again (a Python loop, a catalogue
+// worker) finds their pages already there instead of faulting them in anew; anything beyond goes
+// back to the system at once.
+class Kept {
+public:
+  void* take(std::size_t length) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = blocks_.rbegin(); it != blocks_.rend(); ++it)
+      if (it->second == length) {
+        void* data = it->first;
+        bytes_ -= length;
+        blocks_.erase(std::next(it).base());
+        return data;
+      }
+    return nullptr;
+  }
+  bool keep(void* data, std::size_t length) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (bytes_ + length > KeptArrayBytes)
+      return false;
+    blocks_.emplace_back(data, length);
+    bytes_ += length;
+    return true;
+  }
+
+private:
+  std::mutex mutex_;
+  std::vector<std::pair<void*, std::size_t>> blocks_;
+  std::size_t bytes_ = 0;
+};
+
+// Never destroyed: arrays may be released while the process ends.
+Kept& kept() {
+  static Kept* const instance = new Kept;
+  return *instance;
+}
+
 } // namespace
 
 void* allocateArray(std::size_t size) {
   if (small(size))
     return ::operator new(size == 0 ? 1 : size, SmallAlignment);
-  void* data = mapAligned(roundUp(size, pageSize()));
+  const std::size_t length = roundUp(size, pageSize());
+  if (void* data = kept().take(length))
+    return data;
+  void* data = mapAligned(length);
   // Advice only: where huge pages are off (or the call is unknown) the pages stay normal ones.
-  ::madvise(data, roundUp(size, pageSize()), MADV_HUGEPAGE);
+  ::madvise(data, length, MADV_HUGEPAGE);
   return data;
 }
 
@@ -74,8 +119,8 @@ void releaseArray(void* data, std::size_t size) noexcept {
     return;
   if (small(size))
     ::operator delete(data, SmallAlignment);
-  else
-    ::munmap(data, roundUp(size, pageSize()));
+  else if (const std::size_t length = roundUp(size, pageSize()); !kept().keep(data, length))
+    ::munmap(data, length);
 }
 
 } // namespace Basalt

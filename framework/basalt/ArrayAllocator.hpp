@@ -14,13 +14,15 @@ namespace Basalt {
 // - page-aligned pages of their own can be backed by transparent huge pages (madvise), so the
 //   first write of 100 MB faults 50 times instead of 25,000 (on a virtual machine each 4 KiB fault
 //   costs microseconds: a fifth to a half of a run on 1M points);
-// - they go back to the system when freed, so a long-lived process (Python, a catalogue worker)
-//   does not keep the peak of its largest run;
+// - they go back to the system when freed (beyond KeptArrayBytes of them, kept for the next
+//   arrays of the same length), so a long-lived process (Python, a catalogue worker) does not
+//   keep the peak of its largest run;
 // - fresh pages come zeroed from the kernel, so nothing is filled twice.
 // Small blocks, where a system call would cost more than it saves, come from the heap.
 // Every host (the CLI, Python, a program linking the library) gets the same behaviour: none of
 // this depends on process-wide allocator settings.
 constexpr std::size_t LargeArrayBytes = std::size_t{1} << 20;
+constexpr std::size_t KeptArrayBytes = std::size_t{128} << 20;
 
 // size bytes, at least 64-byte aligned (page-aligned when size >= LargeArrayBytes). Throws
 // std::bad_alloc when the system refuses.

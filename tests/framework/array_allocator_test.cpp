@@ -50,18 +50,27 @@ TEST(ArrayAllocator, SmallBlocksAreCacheLineAlignedAndLargeOnesPageAligned) {
   }
 }
 
-TEST(ArrayAllocator, LargeBlocksGoBackToTheSystemWhenReleased) {
+TEST(ArrayAllocator, LargeBlocksAreReusedOrGoBackToTheSystem) {
   if (sanitized())
     GTEST_SKIP() << "the sanitizer's heap holds every block";
-  const std::size_t size = Basalt::LargeArrayBytes * 8;
-  auto* p = static_cast<unsigned char*>(Basalt::allocateArray(size));
+  // More than the allocator keeps for reuse: back to the system at once.
+  const std::size_t huge = Basalt::KeptArrayBytes + Basalt::LargeArrayBytes;
+  auto* p = static_cast<unsigned char*>(Basalt::allocateArray(huge));
   p[0] = 1;
-  p[size - 1] = 2;
+  p[huge - 1] = 2;
   EXPECT_TRUE(mapped(p));
-  EXPECT_TRUE(mapped(p + size - 1));
-  Basalt::releaseArray(p, size);
+  EXPECT_TRUE(mapped(p + huge - 1));
+  Basalt::releaseArray(p, huge);
   EXPECT_FALSE(mapped(p));
-  EXPECT_FALSE(mapped(p + size - 1));
+  EXPECT_FALSE(mapped(p + huge - 1));
+  // A block of a length kept is the next block of that length, its pages still there.
+  const std::size_t size = Basalt::LargeArrayBytes * 8;
+  void* first = Basalt::allocateArray(size);
+  Basalt::releaseArray(first, size);
+  void* second = Basalt::allocateArray(size);
+  EXPECT_EQ(second, first);
+  EXPECT_TRUE(mapped(static_cast<unsigned char*>(second) + size - 1));
+  Basalt::releaseArray(second, size);
 }
 
 TEST(ArrayAllocator, ValuesAskedForAreThereAndCopiesAreEqual) {
