@@ -18,7 +18,7 @@ using Vantor::PhysicalSpace::vector;
 
 // A raster of 2 x 2 fragments of 4 x 3 cells of 2 m at (1000, 2000): heights on a slope with
 // noise, cell types 0 and 4 with a few 1, 2 and 5 among them.
-struct RasterSpec {
+struct RasterShape {
   Tressel::MultiIndex<3> fragments{2, 2, 1}, cells{4, 3, 1};
   point origin{1000.0, 2000.0, 0.0};
   double size = 2.0;
@@ -37,7 +37,7 @@ struct RasterSpec {
 
 // The row-major values of every cell of the raster.
 template <class T, class F>
-void addCells(Tressel::Grid& grid, const char* name, const RasterSpec& r, F value) {
+void addCells(Tressel::Grid& grid, const char* name, const RasterShape& r, F value) {
   std::vector<T> cells;
   for (std::size_t y = 0; y < r.depth(); ++y)
     for (std::size_t x = 0; x < r.width(); ++x)
@@ -45,7 +45,7 @@ void addCells(Tressel::Grid& grid, const char* name, const RasterSpec& r, F valu
   Tressel::setUniformCells<T>(grid, name, cells.data(), r.width(), r.depth(), T());
 }
 
-inline void writeRaster(const std::string& path, const RasterSpec& r, bool withTypes = true) {
+inline void writeRaster(const std::string& path, const RasterShape& r, bool withTypes = true) {
   auto bundle = std::make_shared<Tressel::Bundle>();
   ASSERT_TRUE(bundle->bindToNew(path, nullptr));
   auto grid = Tressel::createRegularlyFragmentedGridWithCartesianVertices3D(
@@ -57,7 +57,7 @@ inline void writeRaster(const std::string& path, const RasterSpec& r, bool withT
   ASSERT_TRUE(bundle->save()) << bundle->lastError();
 }
 
-inline Quorvel::MapRasterOnPointCloudParameterBox boxFor(const RasterSpec& r) {
+inline Quorvel::MapRasterOnPointCloudParameterBox boxFor(const RasterShape& r) {
   Quorvel::MapRasterOnPointCloudParameterBox box;
   box.cellsize = {r.size, r.size, 0.0};
   box.rastersize = {r.cells[0], r.cells[1], 1};
@@ -66,7 +66,7 @@ inline Quorvel::MapRasterOnPointCloudParameterBox boxFor(const RasterSpec& r) {
 
 // The value of a prepared field at global cell (gx, gy).
 template <class T>
-T cellValue(const Tressel::Grid& raster, const char* name, const RasterSpec& r, std::size_t gx,
+T cellValue(const Tressel::Grid& raster, const char* name, const RasterShape& r, std::size_t gx,
             std::size_t gy) {
   auto rep = raster.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
   auto field = rep->findField(name);

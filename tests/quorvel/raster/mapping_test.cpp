@@ -33,7 +33,7 @@ struct Cloud {
 
 // Points over the raster and around it (some beyond every edge), heights around the ground,
 // classes from a small set; fragments of 37 points.
-Cloud cloudOver(const RasterSpec& r, std::size_t n, unsigned seed) {
+Cloud cloudOver(const RasterShape& r, std::size_t n, unsigned seed) {
   std::mt19937 random(seed);
   std::uniform_real_distribution<double> x(r.origin.x - 3, r.origin.x + 2.0 * 8 + 3);
   std::uniform_real_distribution<double> y(r.origin.y - 3, r.origin.y + 2.0 * 6 + 3);
@@ -59,7 +59,7 @@ struct Cell {
   vector plane;
 };
 
-Cell cellUnder(const Grid& raster, const RasterSpec& r, const point& p) {
+Cell cellUnder(const Grid& raster, const RasterShape& r, const point& p) {
   Cell c;
   // A cell reaches half a cell beyond its centre on every side, the last ones too.
   const double qx = p.x + r.size / 2, qy = p.y + r.size / 2;
@@ -89,7 +89,7 @@ bool bandHolds(double low, double high, const Cell& cell, const point& p, bool s
   return hit || (p.z > cell.ground + low && p.z < cell.ground + high);
 }
 
-std::vector<unsigned char> oracle(const Grid& raster, const RasterSpec& r, const Cloud& cloud,
+std::vector<unsigned char> oracle(const Grid& raster, const RasterShape& r, const Cloud& cloud,
                                   const Box& box, const MultiRange<double>& computing) {
   std::vector<unsigned char> out = cloud.cls;
   for (std::size_t i = 0; i < out.size(); ++i) {
@@ -127,8 +127,8 @@ class RasterMapping : public ScratchDirectory {
 protected:
   void SetUp() override {
     ScratchDirectory::SetUp();
-    writeRaster(file("dtm.h5"), spec);
-    box = boxFor(spec);
+    writeRaster(file("dtm.h5"), shape);
+    box = boxFor(shape);
     CaptureStdout();
     ASSERT_TRUE(prepareRaster(file("dtm.h5"), raster, box));
     GetCapturedStdout();
@@ -136,11 +136,11 @@ protected:
 
   // Maps onto a fresh cloud and compares every class with the oracle's; returns the output.
   std::string expectOracle(unsigned seed, const MultiRange<double>& computing) {
-    Cloud cloud = cloudOver(spec, 600, seed);
+    Cloud cloud = cloudOver(shape, 600, seed);
     CaptureStdout();
     EXPECT_TRUE(mapData(cloud.grid, raster, box));
     const std::string out = GetCapturedStdout();
-    const auto expected = oracle(*raster, spec, cloud, box, computing);
+    const auto expected = oracle(*raster, shape, cloud, box, computing);
     const auto got = classesOf(cloud);
     std::size_t changed = 0;
     for (std::size_t i = 0; i < got.size(); ++i) {
@@ -151,7 +151,7 @@ protected:
     return out;
   }
 
-  RasterSpec spec;
+  RasterShape shape;
   Box box;
   StrongPtr<Grid> raster;
 };
@@ -186,7 +186,7 @@ TEST_F(RasterMapping, ConstantClassesStayEvenWhenUnclassifyingAndCollisionsAreRe
   box.assignment = {{100.0, 200.0, 9}}; // no point matches
   box.unclassify = true;
   box.constantclasses = MultiRange<double>("0");
-  Cloud cloud = cloudOver(spec, 300, 5);
+  Cloud cloud = cloudOver(shape, 300, 5);
   CaptureStdout();
   ASSERT_TRUE(mapData(cloud.grid, raster, box));
   const std::string out = GetCapturedStdout();
@@ -199,7 +199,7 @@ TEST_F(RasterMapping, ConstantClassesStayEvenWhenUnclassifyingAndCollisionsAreRe
   const auto got = classesOf(cloud);
   std::size_t zeroed = 0;
   for (std::size_t i = 0; i < got.size(); ++i) {
-    const bool inside = cellUnder(*raster, spec, cloud.xyz[i]).inside;
+    const bool inside = cellUnder(*raster, shape, cloud.xyz[i]).inside;
     EXPECT_EQ(int(got[i]), inside ? 0 : int(cloud.cls[i])) << i;
     zeroed += inside && cloud.cls[i] != 0;
   }
@@ -208,7 +208,7 @@ TEST_F(RasterMapping, ConstantClassesStayEvenWhenUnclassifyingAndCollisionsAreRe
 
 TEST_F(RasterMapping, HeightsAboveTheCellPlaneWithMarksForPlanelessAndOutsidePoints) {
   box.height = true;
-  Cloud cloud = cloudOver(spec, 500, 6);
+  Cloud cloud = cloudOver(shape, 500, 6);
   CaptureStdout();
   ASSERT_TRUE(mapData(cloud.grid, raster, box));
   GetCapturedStdout();
@@ -220,7 +220,7 @@ TEST_F(RasterMapping, HeightsAboveTheCellPlaneWithMarksForPlanelessAndOutsidePoi
   std::size_t planeless = 0, outside = 0;
   for (std::size_t i = 0; i < heights.size(); ++i) {
     const point& p = cloud.xyz[i];
-    const Cell cell = cellUnder(*raster, spec, p);
+    const Cell cell = cellUnder(*raster, shape, p);
     if (!cell.inside) {
       EXPECT_TRUE(std::isnan(heights[i]));
       ++outside;
@@ -256,7 +256,7 @@ std::string bytesOf(const std::string& path) {
 }
 
 TEST_F(RasterMapping, FileListWritesMappedFilesAndLeavesFailingOnesAlone) {
-  Cloud cloud = cloudOver(spec, 400, 7);
+  Cloud cloud = cloudOver(shape, 400, 7);
   auto bundle = std::make_shared<Tressel::Bundle>();
   ASSERT_TRUE(bundle->bindToNew(file("a.h5"), nullptr));
   (*bundle)[0.0]->setGrid("cloud", cloud.grid);
@@ -279,7 +279,7 @@ TEST_F(RasterMapping, FileListWritesMappedFilesAndLeavesFailingOnesAlone) {
   auto field = grid->getCartesianRepresentation(Tressel::StandardCartesianChart3D)
                    ->findField("Classification");
   EXPECT_EQ(Tressel::readField<unsigned char>(*field, cloud.partition),
-            oracle(*raster, spec, cloud, box, MultiRange<double>("0:255")));
+            oracle(*raster, shape, cloud, box, MultiRange<double>("0:255")));
 
   CaptureStdout();
   EXPECT_FALSE(mapData({file("a.h5")}, file("missing.h5"), box));
@@ -287,7 +287,7 @@ TEST_F(RasterMapping, FileListWritesMappedFilesAndLeavesFailingOnesAlone) {
 }
 
 TEST_F(RasterMapping, SourceToTargetTakesTheNearestSourcePointWithinTheRadius) {
-  Cloud source = cloudOver(spec, 80, 8);
+  Cloud source = cloudOver(shape, 80, 8);
   std::vector<float> values;
   for (std::size_t i = 0; i < source.xyz.size(); ++i)
     values.push_back(static_cast<float>(i) * 0.5f);
@@ -299,10 +299,10 @@ TEST_F(RasterMapping, SourceToTargetTakesTheNearestSourcePointWithinTheRadius) {
   const std::string out = GetCapturedStdout();
   EXPECT_TRUE(holds(out, "\tHave a scalar source height field\nbut grid is not uniform\n"));
   std::size_t found = 0;
-  for (std::size_t gx = 0; gx < spec.width(); ++gx)
-    for (std::size_t gy = 0; gy < spec.depth(); ++gy) {
-      const point centre(spec.origin.x + spec.size * static_cast<double>(gx),
-                         spec.origin.y + spec.size * static_cast<double>(gy), 0.0);
+  for (std::size_t gx = 0; gx < shape.width(); ++gx)
+    for (std::size_t gy = 0; gy < shape.depth(); ++gy) {
+      const point centre(shape.origin.x + shape.size * static_cast<double>(gx),
+                         shape.origin.y + shape.size * static_cast<double>(gy), 0.0);
       double best = 1.5 * 1.5;
       float expected = std::nanf("");
       for (std::size_t i = 0; i < source.xyz.size(); ++i) {
@@ -310,7 +310,7 @@ TEST_F(RasterMapping, SourceToTargetTakesTheNearestSourcePointWithinTheRadius) {
         if (dx * dx + dy * dy <= best && (std::isnan(expected) || dx * dx + dy * dy < best))
           best = dx * dx + dy * dy, expected = values[i];
       }
-      const float got = cellValue<float>(*raster, "Mapped", spec, gx, gy);
+      const float got = cellValue<float>(*raster, "Mapped", shape, gx, gy);
       if (std::isnan(expected))
         EXPECT_TRUE(std::isnan(got)) << gx << "," << gy;
       else {

@@ -62,7 +62,7 @@ bool fitAbout(const std::vector<point>& pts, double x0, double y0, double out[3]
 class RasterPreparation : public ScratchDirectory {};
 
 TEST_F(RasterPreparation, EveryGroundCellGetsThePlaneAndExtremesOfItsBlockInsideItsFragment) {
-  const RasterSpec r;
+  const RasterShape r;
   writeRaster(file("dtm.h5"), r);
   Box box = boxFor(r);
   StrongPtr<Grid> raster;
@@ -129,7 +129,7 @@ TEST_F(RasterPreparation, MissingFilesGridsAndFieldsAreReported) {
   EXPECT_TRUE(holds(GetCapturedStdout(), "mapRasterOnPointCloud: prepareRaster, ERROR: no file " +
                                              file("none.h5") + " found\n"));
 
-  const RasterSpec r;
+  const RasterShape r;
   writeRaster(file("untyped.h5"), r, false);
   CaptureStdout();
   EXPECT_FALSE(prepareRaster(file("untyped.h5"), raster, box));
