@@ -168,7 +168,7 @@ struct SmallGrid {
       positions->setPersistentData(
           std::make_shared<MemArray<1, point>>(MultiIndex<1>(xyz[k].size()), xyz[k]), ids[k]);
       classes->setPersistentData(
-          std::make_shared<MemArray<1, unsigned char>>(MultiIndex<1>(xyz[k].size())), ids[k]);
+          MemArray<1, unsigned char>::filled(MultiIndex<1>(xyz[k].size()), 0), ids[k]);
     }
   }
 };
