@@ -69,8 +69,15 @@ bool appendGeometry(const OGRGeometry& geometry, std::vector<Polygon>& out) {
 }
 
 // PROJ's objects, freed by their own functions.
+template <auto Free>
+struct Freeing {
+  template <class T>
+  void operator()(T* p) const {
+    Free(p);
+  }
+};
 template <class T, auto Free>
-using Owned = std::unique_ptr<T, decltype([](T* p) { Free(p); })>;
+using Owned = std::unique_ptr<T, Freeing<Free>>;
 
 // A system as PROJ reads it, through its WKT2 (which keeps the grids of a bound system).
 Owned<PJ, proj_destroy> projSystem(PJ_CONTEXT* context, const OGRSpatialReference& reference) {
