@@ -11,13 +11,13 @@ Usage: python3 bench/duplicates_yardstick.py QUORVEL WORKDIR [N ...]   (default 
 
 import os
 import pathlib
-import struct
 import subprocess
 import sys
 import time
 
 import numpy as np
 
+from lasfile import write_las
 DENSITY = 10.0  # points per square metre of the spread cloud
 RUNS = int(os.environ.get("RUNS", "1"))
 
@@ -55,24 +55,7 @@ def make_las(path, xyz_cm, seed=1):
     rec["r"] = 0x09  # return 1 of 1
     rec["c"] = 1 + np.arange(n) % 2
     rec["t"] = np.arange(n) * 1e-5
-    offset = (500000.0, 4000000.0, 0.0)
-    header = bytearray(227)
-    header[0:4] = b"LASF"
-    header[24], header[25] = 1, 2
-    struct.pack_into("<H", header, 94, 227)
-    struct.pack_into("<I", header, 96, 227)
-    header[104] = 1
-    struct.pack_into("<H", header, 105, 28)
-    struct.pack_into("<I", header, 107, n)
-    struct.pack_into("<3d", header, 131, 0.01, 0.01, 0.01)
-    struct.pack_into("<3d", header, 155, *offset)
-    lo = [xyz_cm[:, k].min() * 0.01 + offset[k] for k in range(3)]
-    hi = [xyz_cm[:, k].max() * 0.01 + offset[k] for k in range(3)]
-    struct.pack_into("<6d", header, 179, hi[0], lo[0], hi[1], lo[1], hi[2], lo[2])
-    with open(path, "wb") as out:
-        out.write(header)
-        rec.tofile(out)
-
+    write_las(path, rec, offset=(500000.0, 4000000.0, 0.0))
 
 def clouds(work, n):
     """The two inputs of size n: copies of one point, and points spread at DENSITY."""

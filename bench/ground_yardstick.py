@@ -18,6 +18,7 @@ import time
 
 import numpy as np
 
+from lasfile import write_las
 REAL = ["/work/shared/data/real/bcts_2.las", "/work/shared/data/real/bcts_3.las",
         "/work/shared/data/real/lidarhd_pf8_extrabytes.las"]
 
@@ -35,18 +36,7 @@ def make_scene(path, n, seed=1):
                              ("s", "<u2"), ("t", "<f8")])
     rec["x"], rec["y"], rec["z"] = (np.round(v * 100).astype(np.int32) for v in (x, y, z))
     rec["r"] = 0x09
-    header = bytearray(227)
-    header[0:4] = b"LASF"
-    header[24], header[25] = 1, 2
-    struct.pack_into("<H", header, 94, 227)
-    struct.pack_into("<I", header, 96, 227)
-    header[104] = 1
-    struct.pack_into("<H", header, 105, rec.dtype.itemsize)
-    struct.pack_into("<I", header, 107, n)
-    struct.pack_into("<3d", header, 131, 0.01, 0.01, 0.01)
-    struct.pack_into("<6d", header, 179, x.max(), x.min(), y.max(), y.min(), z.max(), z.min())
-    pathlib.Path(path).write_bytes(bytes(header) + rec.tobytes())
-
+    write_las(path, rec)
 
 def best_time(command, runs=3):
     """The best wall time and the best processor time (user + system) of the runs: on a shared

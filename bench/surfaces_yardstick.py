@@ -12,11 +12,11 @@ Usage: PYTHONPATH=build/release/python python3 bench/surfaces_yardstick.py WORKD
 """
 
 import pathlib
-import struct
 import sys
 
 import numpy as np
 
+from lasfile import write_las
 import quorvel
 import time
 
@@ -47,13 +47,8 @@ def make_las(path, n, seed=30):
     rec["cls"] = cls
     numbers = np.bincount(rec["bits"] & 7, minlength=6)[1:6]
     real = [v / 100 + o for v, o in ((rec["X"], 5.0e5), (rec["Y"], 5.4e6), (rec["Z"], 0))]
-    head = struct.pack("<4sHH16sBB32s32sHHHIIBHI5I3d3d6d", b"LASF", 0, 0, bytes(16), 1, 2, b"",
-                       b"surfaces_yardstick", 1, 2026, 227, 227, 0, 1, 28, n, *numbers,
-                       0.01, 0.01, 0.01, 5.0e5, 5.4e6, 0.0, real[0].max(), real[0].min(),
-                       real[1].max(), real[1].min(), real[2].max(), real[2].min())
-    with open(path, "wb") as f:
-        f.write(head)
-        rec.tofile(f)
+    write_las(path, rec, offset=(5.0e5, 5.4e6, 0.0), returns=numbers,
+              software=b"surfaces_yardstick")
     return np.column_stack(real)
 
 

@@ -13,13 +13,13 @@ Usage: python3 bench/tile_yardstick.py QUORVEL WORKDIR [N ...]   (default N: 200
 import os
 import pathlib
 import resource
-import struct
 import subprocess
 import sys
 import time
 
 import numpy as np
 
+from lasfile import write_las
 DENSITY = 10.0  # points per square metre
 TILE = 250.0
 
@@ -38,24 +38,7 @@ def make_las(path, n, seed=1):
     rec["r"] = 0x11
     rec["c"] = rng.integers(1, 7, n)
     rec["t"] = np.sort(rng.random(n)) * 1000
-    header = bytearray(375)
-    header[0:4] = b"LASF"
-    header[24], header[25] = 1, 4
-    struct.pack_into("<H", header, 94, 375)
-    struct.pack_into("<I", header, 96, 375)
-    header[104] = 6
-    struct.pack_into("<H", header, 105, 30)
-    struct.pack_into("<3d", header, 131, 0.01, 0.01, 0.01)
-    struct.pack_into("<3d", header, 155, 500000.0, 4000000.0, 0.0)
-    mins = [rec[a].min() * 0.01 + o for a, o in (("x", 500000.0), ("y", 4000000.0), ("z", 0))]
-    maxs = [rec[a].max() * 0.01 + o for a, o in (("x", 500000.0), ("y", 4000000.0), ("z", 0))]
-    struct.pack_into("<6d", header, 179, maxs[0], mins[0], maxs[1], mins[1], maxs[2], mins[2])
-    struct.pack_into("<Q", header, 247, n)
-    struct.pack_into("<Q", header, 255, n)
-    with open(path, "wb") as out:
-        out.write(header)
-        rec.tofile(out)
-    return mins, maxs
+    return write_las(path, rec, offset=(500000.0, 4000000.0, 0.0), point_format=6, returns=[n])
 
 
 NUMPY_TILE = r"""
