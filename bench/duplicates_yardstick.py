@@ -55,7 +55,7 @@ def make_las(path, xyz_cm, seed=1):
     rec["r"] = 0x09  # return 1 of 1
     rec["c"] = 1 + np.arange(n) % 2
     rec["t"] = np.arange(n) * 1e-5
-    write_las(path, rec, offset=(500000.0, 4000000.0, 0.0))
+    write_las(path, rec, offset=(500000.0, 4000000.0, 0.0), returns=[n])
 
 def clouds(work, n):
     """The two inputs of size n: copies of one point, and points spread at DENSITY."""

@@ -36,7 +36,7 @@ def make_scene(path, n, seed=1):
                              ("s", "<u2"), ("t", "<f8")])
     rec["x"], rec["y"], rec["z"] = (np.round(v * 100).astype(np.int32) for v in (x, y, z))
     rec["r"] = 0x09
-    write_las(path, rec)
+    write_las(path, rec, returns=[n])
 
 def best_time(command, runs=3):
     """The best wall time and the best processor time (user + system) of the runs: on a shared
