@@ -412,6 +412,15 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
   return extras;
 }
 
+std::vector<int> extraStarts(int pointFormat, const std::vector<ExtraBytes>& extras) {
+  std::vector<int> starts;
+  for (int at = format(pointFormat).length; const ExtraBytes& e : extras) {
+    starts.push_back(at);
+    at += e.size;
+  }
+  return starts;
+}
+
 std::vector<ExtraField> extraFields(const ExtraBytes& extra) {
   if (extra.dataType != 0)
     return {{extra.name, extraKind(extra.dataType), 0}};

@@ -3,6 +3,7 @@
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasProgress.hpp"
+#include "io/detail/LasRecord.hpp"
 #include "io/laz/Laz.hpp"
 #include "io/stream.hpp"
 
@@ -187,13 +188,11 @@ std::vector<std::uint8_t*> addOfKind(Tressel::FragmentArrays& cloud, const std::
                              [&](auto v) { return bytesOf(cloud.addField<decltype(v)>(name)); });
 }
 
-// One value copied from the record into a field: bits of a byte, or a whole number of bytes.
+// A plain value of the record and the arrays it is read into, one per fragment (for a component
+// of vectors, its first double).
 struct Copy {
-  int from;  // offset in the record
-  int size;  // bytes; 0 for bits; -4 or -8 for a float32 or float64 into a component of a vector
-  int shift; // bits: position
-  std::uint8_t mask;
-  std::vector<std::uint8_t*> to; // per fragment; for a component, its first double
+  FieldCopy field;
+  std::vector<std::uint8_t*> to;
 };
 
 // Everything the decoding loop writes, per fragment.
@@ -216,15 +215,9 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
   plan.xyz = cloud.addField<point>(Tressel::PositionsFieldName);
   for (const Dim& d : dims(f))
     if (wanted(d.name))
-      plan.copies.push_back({d.offset, d.bits > 0 ? 0 : kindSize(d.kind), d.shift,
-                             static_cast<std::uint8_t>((1 << d.bits) - 1),
-                             addOfKind(cloud, d.name, d.kind)});
+      plan.copies.push_back({fieldCopy(d), addOfKind(cloud, d.name, d.kind)});
   const auto& extras = info.extraBytes;
-  std::vector<int> starts; // of each extra-bytes dimension in the record
-  for (int at = format(f).length; const ExtraBytes& e : extras) {
-    starts.push_back(at);
-    at += e.size;
-  }
+  const std::vector<int> starts = extraStarts(f, extras);
   // Normals become one field of vectors, in the place of their x component.
   const auto normals = normalsOf(extras);
   for (std::size_t i = 0; i < extras.size(); ++i) {
@@ -234,7 +227,7 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
       for (std::size_t k = 0; k < 3; ++k) {
         const ExtraBytes& e = extras[normals->at[k]];
         plan.copies.push_back(
-            {starts[normals->at[k]], -e.size, 0, 0, bytesOf(vectors, sizeof(double) * k)});
+            {{starts[normals->at[k]], -e.size, 0, 0}, bytesOf(vectors, sizeof(double) * k)});
       }
     }
     if (c >= 0)
@@ -242,7 +235,7 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
     for (const ExtraField& x : extraFields(extras[i]))
       if (wanted(x.name))
         plan.copies.push_back(
-            {starts[i] + x.offset, kindSize(x.kind), 0, 0, addOfKind(cloud, x.name, x.kind)});
+            {{starts[i] + x.offset, kindSize(x.kind), 0, 0}, addOfKind(cloud, x.name, x.kind)});
   }
   if (wanted("ScanAngle"))
     plan.scanAngle = cloud.addField<float>("ScanAngle");
@@ -253,6 +246,16 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
   if (format(f).rgb >= 0 && wanted("RGB"))
     plan.rgb = cloud.addField<Vantor::RGB16>("RGB");
   return plan;
+}
+
+// The values the reader derives from a record: the scan angle in degrees and whether the point
+// is the last of its pulse.
+template <class Record>
+inline void derived(Record r, float* angle, unsigned char* last, std::size_t j) {
+  if (angle)
+    angle[j] = r.scanAngle();
+  if (last)
+    last[j] = r.lastReturn() ? 1 : 0;
 }
 
 // Decodes the records index(j) of records, for j in [from, to), into slot j of fragment k's
@@ -272,68 +275,29 @@ void decode(const Plan& plan, const Header& h, const std::uint8_t* records, std:
   Vantor::RGB16* rgb = plan.rgb.empty() ? nullptr : plan.rgb[k];
   // This fragment's destinations beside their sources, so the loop reads one small array.
   struct Op {
-    int from, size, shift;
-    std::uint8_t mask;
+    FieldCopy field;
     std::uint8_t* out;
   };
   std::vector<Op> ops;
   ops.reserve(plan.copies.size());
   for (const Copy& c : plan.copies)
-    ops.push_back({c.from, c.size, c.shift, c.mask, c.to[k]});
+    ops.push_back({c.field, c.to[k]});
   for (std::size_t j = from; j < to; ++j) {
     const std::uint64_t i = index(j);
     const std::uint8_t* r = records + i * length;
     std::int32_t raw[3];
     std::memcpy(raw, r, 12);
     xyz[j] = point(raw[0] * sx + ox, raw[1] * sy + oy, raw[2] * sz + oz);
-    const std::uint8_t returns = r[14];
-    if (extended) {
-      std::int16_t a;
-      std::memcpy(&a, r + 18, 2);
-      if (angle)
-        angle[j] = static_cast<float>(a * 0.006);
-      if (last)
-        last[j] = (returns & 15) == (returns >> 4) ? 1 : 0;
-    } else {
-      if (angle)
-        angle[j] = static_cast<float>(static_cast<std::int8_t>(r[16]));
-      if (last)
-        last[j] = (returns & 7) == ((returns >> 3) & 7) ? 1 : 0;
-    }
+    if (extended)
+      derived(ExtendedRecord(r), angle, last, j);
+    else
+      derived(LegacyRecord(r), angle, last, j);
     if (place)
       place[j] = i;
     if (rgb)
       std::memcpy(&rgb[j], r + rgbAt, 6);
-    for (const Op& c : ops) {
-      std::uint8_t* out = c.out;
-      switch (c.size) {
-      case 0:
-        out[j] = static_cast<std::uint8_t>((r[c.from] >> c.shift) & c.mask);
-        break;
-      case 1:
-        out[j] = r[c.from];
-        break;
-      case 2:
-        std::memcpy(out + 2 * j, r + c.from, 2);
-        break;
-      case 4:
-        std::memcpy(out + 4 * j, r + c.from, 4);
-        break;
-      case 8:
-        std::memcpy(out + 8 * j, r + c.from, 8);
-        break;
-      case -4: { // a vector component of three doubles
-        float value;
-        std::memcpy(&value, r + c.from, 4);
-        const double wide = value;
-        std::memcpy(out + 24 * j, &wide, 8);
-        break;
-      }
-      default:
-        std::memcpy(out + 24 * j, r + c.from, 8);
-        break;
-      }
-    }
+    for (const Op& c : ops)
+      copyField<Direction::Read>(c.field, r, c.out, j);
   }
 }
 
