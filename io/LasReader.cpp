@@ -344,73 +344,90 @@ void checkBounds(const Tressel::Grid& grid, const Header& h, const Warn& warn) {
   }
 }
 
-ReadResult readAll(const std::string& path, std::size_t fragmentPoints,
-                   const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
-                   const std::set<std::string>& only, const Warn& warn) {
-  OpenedFile in(path, false, warn);
+using Progress = Basalt::StrongPtr<Basalt::LoaderProgress>;
+
+// A LAZ file's points in one fragment: each chunk decoded by its thread and its records placed in
+// the arrays while they are still in the cache.
+Tressel::FragmentArrays readCompressed(OpenedFile& in, const Progress& progress,
+                                       const std::set<std::string>& only) {
+  const std::size_t n = static_cast<std::size_t>(in.pointCount);
+  Tressel::FragmentArrays cloud({n});
+  const Plan plan = allocate(cloud, in.info, false, only);
+  Percent percent(progress, n, "reading");
+  std::mutex mutex;
+  std::size_t done = 0;
+  in.decoding([&] {
+    in.laz->decode([&](const Laz::Chunk& c, const std::uint8_t* records) {
+      decode(plan, in.info.header, records, 0, c.firstPoint, c.firstPoint + c.points,
+             [&c](std::size_t j) { return j - c.firstPoint; });
+      const std::lock_guard<std::mutex> lock(mutex);
+      done += c.points;
+      percent.reached(done);
+    });
+  });
+  percent.finish();
+  return cloud;
+}
+
+// A LAS file's points in one fragment, in file order.
+Tressel::FragmentArrays readRecords(const OpenedFile& in, const Progress& progress,
+                                    const std::set<std::string>& only) {
+  const std::size_t n = static_cast<std::size_t>(in.pointCount);
+  Tressel::FragmentArrays cloud({n});
+  const Plan plan = allocate(cloud, in.info, false, only);
+  Percent percent(progress, n, "reading");
+  inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
+    decode(plan, in.info.header, in.records, 0, from, to, [](std::size_t j) { return j; });
+  });
+  percent.finish();
+  return cloud;
+}
+
+// The points in x-y tiles of about fragmentPoints: tiles from x and y first, then each tile's
+// records decoded into its own arrays.
+Tressel::FragmentArrays readTiles(OpenedFile& in, std::size_t fragmentPoints,
+                                  const Progress& progress, const std::set<std::string>& only) {
+  in.decodeAll();
   const Header& h = in.info.header;
   const std::size_t n = static_cast<std::size_t>(in.pointCount);
-  const std::string name = std::filesystem::path(path).stem().string();
+  std::vector<point> xy(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    std::int32_t raw[3]; // the positions lie alike in both records
+    LegacyRecord(in.records + i * h.recordLength).xyz(raw);
+    xy[i] = point(raw[0] * h.scale[0] + h.offset[0], raw[1] * h.scale[1] + h.offset[1], 0.0);
+  }
+  const Tressel::Partition tiles = Tressel::tilePartitionByCount(xy, fragmentPoints);
+  xy = {};
+  std::vector<std::size_t> sizes;
+  for (const auto& tile : tiles)
+    sizes.push_back(tile.size());
+  Tressel::FragmentArrays cloud(sizes);
+  const Plan plan = allocate(cloud, in.info, true, only);
+  std::size_t done = 0;
+  Percent percent(progress, n, "reading");
+  for (std::size_t k = 0; k < tiles.size(); ++k) {
+    const auto& tile = tiles[k];
+    inBlocks(tile.size(), done, percent, [&](std::size_t from, std::size_t to) {
+      decode(plan, h, in.records, k, from, to, [&tile](std::size_t j) { return tile[j]; });
+    });
+    done += tile.size();
+  }
+  percent.finish();
+  return cloud;
+}
+
+ReadResult readAll(const std::string& path, std::size_t fragmentPoints, const Progress& progress,
+                   const std::set<std::string>& only, const Warn& warn) {
+  OpenedFile in(path, false, warn);
+  const std::size_t n = static_cast<std::size_t>(in.pointCount);
+  const bool whole = fragmentPoints == 0 || fragmentPoints >= n;
+  Tressel::FragmentArrays cloud = whole && in.laz ? readCompressed(in, progress, only)
+                                  : whole         ? readRecords(in, progress, only)
+                                                  : readTiles(in, fragmentPoints, progress, only);
   ReadResult result;
   result.info = in.info;
-
-  if ((fragmentPoints == 0 || fragmentPoints >= n) && in.laz) {
-    // Each chunk decoded by its thread and its records placed in the arrays while they are
-    // still in the cache.
-    Tressel::FragmentArrays cloud({n});
-    const Plan plan = allocate(cloud, in.info, false, only);
-    Percent percent(progress, n, "reading");
-    std::mutex mutex;
-    std::size_t done = 0;
-    in.decoding([&] {
-      in.laz->decode([&](const Laz::Chunk& c, const std::uint8_t* records) {
-        decode(plan, h, records, 0, c.firstPoint, c.firstPoint + c.points,
-               [&c](std::size_t j) { return j - c.firstPoint; });
-        const std::lock_guard<std::mutex> lock(mutex);
-        done += c.points;
-        percent.reached(done);
-      });
-    });
-    percent.finish();
-    result.grid = cloud.build(name);
-  } else if (fragmentPoints == 0 || fragmentPoints >= n) {
-    Tressel::FragmentArrays cloud({n});
-    const Plan plan = allocate(cloud, in.info, false, only);
-    Percent percent(progress, n, "reading");
-    inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
-      decode(plan, h, in.records, 0, from, to, [](std::size_t j) { return j; });
-    });
-    percent.finish();
-    result.grid = cloud.build(name);
-  } else {
-    in.decodeAll();
-    // Tiles from x and y first, then each tile's records decoded into its own arrays.
-    std::vector<point> xy(n);
-    for (std::size_t i = 0; i < n; ++i) {
-      std::int32_t raw[2];
-      std::memcpy(raw, in.records + i * h.recordLength, 8);
-      xy[i] = point(raw[0] * h.scale[0] + h.offset[0], raw[1] * h.scale[1] + h.offset[1], 0.0);
-    }
-    const Tressel::Partition tiles = Tressel::tilePartitionByCount(xy, fragmentPoints);
-    xy = {};
-    std::vector<std::size_t> sizes;
-    for (const auto& tile : tiles)
-      sizes.push_back(tile.size());
-    Tressel::FragmentArrays cloud(sizes);
-    const Plan plan = allocate(cloud, in.info, true, only);
-    std::size_t done = 0;
-    Percent percent(progress, n, "reading");
-    for (std::size_t k = 0; k < tiles.size(); ++k) {
-      const auto& tile = tiles[k];
-      inBlocks(tile.size(), done, percent, [&](std::size_t from, std::size_t to) {
-        decode(plan, h, in.records, k, from, to, [&tile](std::size_t j) { return tile[j]; });
-      });
-      done += tile.size();
-    }
-    percent.finish();
-    result.grid = cloud.build(name);
-  }
-  checkBounds(*result.grid, h, warn);
+  result.grid = cloud.build(std::filesystem::path(path).stem().string());
+  checkBounds(*result.grid, in.info.header, warn);
   setFileInfo(*result.grid, in.info);
   return result;
 }
