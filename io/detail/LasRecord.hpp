@@ -19,6 +19,7 @@ struct RecordLayout;
 
 template <>
 struct RecordLayout<false> {
+  static constexpr int Intensity = 12;      // uint16
   static constexpr int Returns = 14;        // return number (3 bits), count (3), scan, edge
   static constexpr int Flags = 15;          // class (5 bits), synthetic, key point, withheld
   static constexpr int ScanAngle = 16;      // int8, whole degrees
@@ -30,6 +31,7 @@ struct RecordLayout<false> {
 
 template <>
 struct RecordLayout<true> {
+  static constexpr int Intensity = 12;      // uint16
   static constexpr int Returns = 14;        // return number (4 bits), count (4)
   static constexpr int Flags = 15;          // class flags (4 bits), channel (2), scan, edge
   static constexpr int Classification = 16; //
@@ -57,7 +59,7 @@ public:
   }
   // The integer coordinates, before scale and offset.
   void xyz(std::int32_t out[3]) const { std::memcpy(out, r_, 12); }
-  std::uint16_t intensity() const { return load<std::uint16_t>(12); }
+  std::uint16_t intensity() const { return load<std::uint16_t>(L::Intensity); }
   unsigned returnNumber() const { return r_[L::Returns] & ((1u << L::ReturnBits) - 1); }
   unsigned returnCount() const {
     return (r_[L::Returns] >> L::ReturnBits) & ((1u << L::ReturnBits) - 1);
