@@ -2,12 +2,12 @@
 // format that hold its fields, scale and offset, the extra-bytes dimensions and the records.
 #pragma once
 
+#include "io/detail/LasOutput.hpp"
 #include "io/las.hpp"
 
 #include "vantor/PhysicalSpace.hpp"
 
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -21,22 +21,6 @@ struct Source {
   std::vector<const std::uint8_t*> fragments;
   int component = -1; // 0, 1 or 2 for x, y or z of a vector; -1 for the whole element
 };
-
-// A problem of the file being written, said without the file: namingFile adds the path once,
-// where the writing began, so the steps below need not carry it.
-struct Problem : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-// f(), a Problem it throws becoming the Error "path: problem".
-template <class F>
-decltype(auto) namingFile(const std::string& path, F&& f) {
-  try {
-    return f();
-  } catch (const Problem& e) {
-    throw Error(path + ": " + e.what());
-  }
-}
 
 // The positions of a grid, fragment by fragment.
 struct Layout {
