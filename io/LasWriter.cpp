@@ -13,6 +13,7 @@
 #include "tressel/PointCloud.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <fcntl.h>
@@ -131,17 +132,39 @@ std::vector<Put> putsOf(const WritePlan& plan) {
   return puts;
 }
 
+// Coordinates to the record's integers: less the offset, divided by the scale (multiplied by its
+// inverse where that is exact), rounded half away from zero. A local of the encoding loop, so
+// that its numbers stay in registers.
+struct Quantizer {
+  explicit Quantizer(const Header& h) : offset(h.offset), scale(h.scale) {
+    for (std::size_t a = 0; a < 3; ++a)
+      inverse[a] = 1 / scale[a];
+    exactInverse =
+        inverse[0] * scale[0] == 1 && inverse[1] * scale[1] == 1 && inverse[2] * scale[2] == 1;
+  }
+
+  // Coordinate c of axis a of point g.
+  std::int32_t operator()(double c, std::size_t a, std::size_t g) const {
+    const double shifted = c - offset[a];
+    const double v = exactInverse ? shifted * inverse[a] : shifted / scale[a];
+    // Rounded half away from zero once the range is known (NaN fails the test).
+    if (!(v > -2147483648.5 && v < 2147483647.5))
+      throw Problem("coordinate " + Basalt::format("%.17g", c) + " of point " + std::to_string(g) +
+                    " does not fit the LAS integer coordinates (an automatic offset or another "
+                    "scale may help)");
+    return static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
+  }
+
+  std::array<double, 3> offset, scale, inverse;
+  bool exactInverse;
+};
+
 // Encodes points into zeroed records: the positions scaled and rounded, the plain values, the
 // scan angle and the colours. Throws a Problem for a value that does not fit.
 class PointEncoder {
 public:
   explicit PointEncoder(const WritePlan& plan)
-      : h_(plan.info.header), f_(format(h_.pointFormat)), plan_(plan), puts_(putsOf(plan)) {
-    for (int a = 0; a < 3; ++a)
-      inverse_[a] = 1 / h_.scale[a];
-    exactInverse_ = inverse_[0] * h_.scale[0] == 1 && inverse_[1] * h_.scale[1] == 1 &&
-                    inverse_[2] * h_.scale[2] == 1;
-  }
+      : h_(plan.info.header), f_(format(h_.pointFormat)), plan_(plan), puts_(putsOf(plan)) {}
 
   // The arrays of fragment k.
   struct Fragment {
@@ -158,48 +181,36 @@ public:
             rgb ? rgb->fragments[k] : nullptr};
   }
 
-  // Point j of the fragment, point g of the file, into the zeroed record r; tallied.
-  void encode(const Fragment& in, std::size_t j, std::size_t g, std::uint8_t* r,
-              Tally& tally) const {
+  // Point j of the fragment, point g of the file, into the zeroed record r (extended or legacy,
+  // as the format is); tallied.
+  template <bool Extended>
+  void encode(const Quantizer& quantized, const Fragment& in, std::size_t j, std::size_t g,
+              std::uint8_t* r, Tally& tally) const {
     std::int32_t xyz[3];
-    for (int a = 0; a < 3; ++a)
+    for (std::size_t a = 0; a < 3; ++a)
       xyz[a] = quantized(in.xyz[j][a], a, g);
     std::memcpy(r, xyz, 12);
     for (const Put& u : puts_)
       if (!copyField<Direction::Write>(u.field, r, u.from->fragments[in.k], j))
         misfit(u, in.k, j, g);
     if (in.angle)
-      setScanAngle(r, in.angle[j], g);
+      setScanAngle<Extended>(r, in.angle[j], g);
     if (in.rgb)
       std::memcpy(r + f_.rgb, in.rgb + 6 * j, 6);
-    tally.add(xyz, static_cast<int>(f_.extended ? ExtendedRecord(r).returnNumber()
-                                                : LegacyRecord(r).returnNumber()));
+    tally.add(xyz, static_cast<int>(RecordView<Extended>(r).returnNumber()));
   }
 
 private:
-  std::int32_t quantized(double c, int a, std::size_t g) const {
-    const double shifted = c - h_.offset[a];
-    const double v = exactInverse_ ? shifted * inverse_[a] : shifted / h_.scale[a];
-    // Rounded half away from zero once the range is known (NaN fails the test).
-    if (!(v > -2147483648.5 && v < 2147483647.5))
-      throw Problem("coordinate " + Basalt::format("%.17g", c) + " of point " + std::to_string(g) +
-                    " does not fit the LAS integer coordinates (an automatic offset or another "
-                    "scale may help)");
-    return static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
-  }
-
+  template <bool Extended>
   void setScanAngle(std::uint8_t* r, float degrees, std::size_t g) const {
-    const double v = f_.extended ? degrees / 0.006 : degrees;
-    const double limit = f_.extended ? 32767.5 : 127.5; // int16 or int8 after rounding
+    const double v = Extended ? degrees / 0.006 : degrees;
+    const double limit = Extended ? 32767.5 : 127.5; // int16 or int8 after rounding
     if (!(v > -limit - 1 && v < limit))
       throw Problem("ScanAngle " + Basalt::format("%g", degrees) + " of point " +
                     std::to_string(g) + " does not fit point format " +
                     std::to_string(h_.pointFormat));
     const auto steps = static_cast<std::int16_t>(v + (v < 0 ? -0.5 : 0.5));
-    if (f_.extended)
-      ExtendedRecordOut(r).setScanAngleSteps(steps);
-    else
-      LegacyRecordOut(r).setScanAngleSteps(steps);
+    RecordView<Extended, std::uint8_t>(r).setScanAngleSteps(steps);
   }
 
   // The Problem of a value that copyField found not to fit.
@@ -219,8 +230,6 @@ private:
   const Format& f_;
   const WritePlan& plan_;
   std::vector<Put> puts_;
-  double inverse_[3];
-  bool exactInverse_;
 };
 
 // The records of every point, in file order. Streamed ones (file order is layout order, not
@@ -237,26 +246,34 @@ Tally encodeRecords(const WritePlan& plan, const Layout& layout, bool streaming,
   records.reset( // every byte of a record is written below
       new std::uint8_t[std::max<std::size_t>(std::min(n, blockPoints), 1) * recordLength]);
   const PointEncoder encoder(plan);
+  const Quantizer quantizer(plan.info.header);
   Tally tally;
   std::size_t filled = 0, g0 = 0;
   Percent percent(progress, n, "writing");
-  for (std::size_t k = 0; k < layout.sizes.size(); ++k) {
-    const PointEncoder::Fragment in = encoder.fragment(layout, k);
-    for (std::size_t j = 0; j < layout.sizes[k]; ++j) {
-      const std::size_t g = g0 + j;
-      const std::size_t slot = streaming ? filled++ : place.empty() ? g : place[g];
-      std::uint8_t* r = records.get() + slot * recordLength;
-      std::memset(r, 0, recordLength);
-      encoder.encode(in, j, g, r, tally);
-      if (streaming && filled == blockPoints) {
-        out.write(records.get(), filled * recordLength);
-        filled = 0;
-        percent.reached(g + 1);
+  // The loop made once per kind of record, so that no point asks which kind it is.
+  const auto encodeAll = [&]<bool Extended>() {
+    for (std::size_t k = 0; k < layout.sizes.size(); ++k) {
+      const PointEncoder::Fragment in = encoder.fragment(layout, k);
+      for (std::size_t j = 0; j < layout.sizes[k]; ++j) {
+        const std::size_t g = g0 + j;
+        const std::size_t slot = streaming ? filled++ : place.empty() ? g : place[g];
+        std::uint8_t* r = records.get() + slot * recordLength;
+        std::memset(r, 0, recordLength);
+        encoder.encode<Extended>(quantizer, in, j, g, r, tally);
+        if (streaming && filled == blockPoints) {
+          out.write(records.get(), filled * recordLength);
+          filled = 0;
+          percent.reached(g + 1);
+        }
       }
+      g0 += layout.sizes[k];
+      percent.reached(g0);
     }
-    g0 += layout.sizes[k];
-    percent.reached(g0);
-  }
+  };
+  if (format(plan.info.header.pointFormat).extended)
+    encodeAll.template operator()<true>();
+  else
+    encodeAll.template operator()<false>();
   percent.finish();
   if (streaming)
     out.write(records.get(), filled * recordLength);
