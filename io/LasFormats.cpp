@@ -27,32 +27,34 @@ std::vector<Dim> makeDims(int id) {
   std::vector<Dim> d;
   d.push_back({"Intensity", 12, Kind::UInt16});
   if (!f.extended) {
-    d.push_back({"ReturnNumber", 14, Kind::UInt8, 0, 3});
-    d.push_back({"NumberOfReturns", 14, Kind::UInt8, 3, 3});
-    d.push_back({"ScanDirectionFlag", 14, Kind::UInt8, 6, 1});
-    d.push_back({"EdgeOfFlightLine", 14, Kind::UInt8, 7, 1});
-    d.push_back({"Classification", 15, Kind::UInt8, 0, 5});
-    d.push_back({"Synthetic", 15, Kind::UInt8, 5, 1});
-    d.push_back({"KeyPoint", 15, Kind::UInt8, 6, 1});
-    d.push_back({"Withheld", 15, Kind::UInt8, 7, 1});
-    d.push_back({"UserData", 17, Kind::UInt8});
-    d.push_back({"PointSourceId", 18, Kind::UInt16});
+    using L = RecordLayout<false>;
+    d.push_back({"ReturnNumber", L::Returns, Kind::UInt8, 0, 3});
+    d.push_back({"NumberOfReturns", L::Returns, Kind::UInt8, 3, 3});
+    d.push_back({"ScanDirectionFlag", L::Returns, Kind::UInt8, 6, 1});
+    d.push_back({"EdgeOfFlightLine", L::Returns, Kind::UInt8, 7, 1});
+    d.push_back({"Classification", L::Flags, Kind::UInt8, 0, 5});
+    d.push_back({"Synthetic", L::Flags, Kind::UInt8, 5, 1});
+    d.push_back({"KeyPoint", L::Flags, Kind::UInt8, 6, 1});
+    d.push_back({"Withheld", L::Flags, Kind::UInt8, 7, 1});
+    d.push_back({"UserData", L::UserData, Kind::UInt8});
+    d.push_back({"PointSourceId", L::PointSource, Kind::UInt16});
     if (f.gps)
-      d.push_back({"GpsTime", 20, Kind::Float64});
+      d.push_back({"GpsTime", L::GpsTime, Kind::Float64});
   } else {
-    d.push_back({"ReturnNumber", 14, Kind::UInt8, 0, 4});
-    d.push_back({"NumberOfReturns", 14, Kind::UInt8, 4, 4});
-    d.push_back({"Synthetic", 15, Kind::UInt8, 0, 1});
-    d.push_back({"KeyPoint", 15, Kind::UInt8, 1, 1});
-    d.push_back({"Withheld", 15, Kind::UInt8, 2, 1});
-    d.push_back({"Overlap", 15, Kind::UInt8, 3, 1});
-    d.push_back({"ScannerChannel", 15, Kind::UInt8, 4, 2});
-    d.push_back({"ScanDirectionFlag", 15, Kind::UInt8, 6, 1});
-    d.push_back({"EdgeOfFlightLine", 15, Kind::UInt8, 7, 1});
-    d.push_back({"Classification", 16, Kind::UInt8});
-    d.push_back({"UserData", 17, Kind::UInt8});
-    d.push_back({"PointSourceId", 20, Kind::UInt16});
-    d.push_back({"GpsTime", 22, Kind::Float64});
+    using L = RecordLayout<true>;
+    d.push_back({"ReturnNumber", L::Returns, Kind::UInt8, 0, 4});
+    d.push_back({"NumberOfReturns", L::Returns, Kind::UInt8, 4, 4});
+    d.push_back({"Synthetic", L::Flags, Kind::UInt8, 0, 1});
+    d.push_back({"KeyPoint", L::Flags, Kind::UInt8, 1, 1});
+    d.push_back({"Withheld", L::Flags, Kind::UInt8, 2, 1});
+    d.push_back({"Overlap", L::Flags, Kind::UInt8, 3, 1});
+    d.push_back({"ScannerChannel", L::Flags, Kind::UInt8, 4, 2});
+    d.push_back({"ScanDirectionFlag", L::Flags, Kind::UInt8, 6, 1});
+    d.push_back({"EdgeOfFlightLine", L::Flags, Kind::UInt8, 7, 1});
+    d.push_back({"Classification", L::Classification, Kind::UInt8});
+    d.push_back({"UserData", L::UserData, Kind::UInt8});
+    d.push_back({"PointSourceId", L::PointSource, Kind::UInt16});
+    d.push_back({"GpsTime", L::GpsTime, Kind::Float64});
   }
   if (f.nir >= 0)
     d.push_back({"NIR", f.nir, Kind::UInt16});

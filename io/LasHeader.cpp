@@ -133,18 +133,26 @@ void encodeHeader(const RawHeader& raw, std::uint8_t* out) {
   headerTable(Encoder{out, size}, raw);
 }
 
-void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, bool compressed) {
-  auto& problems = findings.problems;
-  const Header& h = raw.header;
+namespace {
+
+using Problems = std::vector<std::string>;
+
+// Whether the bytes can be a LAS header at all: its signature, and the smallest header whole.
+bool isLasHeader(const RawHeader& raw, std::uint64_t fileSize, Problems& problems) {
   if (std::memcmp(raw.signature.data(), "LASF", 4) != 0 || fileSize < 4) {
     problems.push_back("not a LAS file (no LASF signature)");
-    return;
+    return false;
   }
   if (fileSize < SmallestHeader) {
     problems.push_back("truncated header (" + std::to_string(fileSize) + " of " +
                        std::to_string(SmallestHeader) + " bytes)");
-    return;
+    return false;
   }
+  return true;
+}
+
+// The version and the header's size; the version's minor number, at most 4.
+int checkVersion(const Header& h, std::uint64_t fileSize, Problems& problems) {
   if (h.versionMajor != 1 || h.versionMinor > 4)
     problems.push_back("LAS version " + std::to_string(h.versionMajor) + "." +
                        std::to_string(h.versionMinor) + " is not supported");
@@ -159,15 +167,18 @@ void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, 
   else if (h.headerSize > fileSize)
     problems.push_back("header size " + std::to_string(h.headerSize) +
                        " is larger than the file (" + std::to_string(fileSize) + " bytes)");
+  return minor;
+}
 
-  bool formatKnown = false;
+// The point format and its record length; whether the format is known.
+bool checkFormat(const Header& h, int minor, Findings& findings) {
+  auto& problems = findings.problems;
   if (h.pointFormat & 0xC0)
     problems.push_back("point format byte " + std::to_string(h.pointFormat) +
                        " (both compression bits: an old compression) is not supported");
   else if (h.pointFormat >= FormatCount)
     problems.push_back("point format " + std::to_string(h.pointFormat) + " is not supported");
   else {
-    formatKnown = true;
     const Format& f = format(h.pointFormat);
     if (h.recordLength < f.length)
       problems.push_back("point record length " + std::to_string(h.recordLength) +
@@ -183,7 +194,10 @@ void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, 
       (f.extended ? problems : findings.warnings).push_back(text);
     }
   }
+  return h.pointFormat < FormatCount;
+}
 
+void checkScales(const Header& h, Problems& problems) {
   // A scale outside these bounds makes no coordinate a real survey could have: 1e-12 is far
   // below any instrument's resolution, and beyond 1e6 an integer step spans a thousand km.
   static const char* axes[] = {"x", "y", "z"};
@@ -196,7 +210,11 @@ void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, 
       problems.push_back("offset of " + std::string(axes[k]) + " " + number(h.offset[k]) +
                          " is not usable (magnitude up to 1e12)");
   }
+}
 
+// Where the VLRs and the points lie; whether the points are known to end inside the file.
+bool checkPlaces(const Header& h, std::uint64_t fileSize, bool formatKnown, bool compressed,
+                 Problems& problems) {
   const std::uint64_t pointOffset = h.pointOffset;
   bool pointsPlaced = false;
   if (pointOffset < h.headerSize)
@@ -221,6 +239,15 @@ void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, 
         pointsPlaced = true;
     }
   }
+  return pointsPlaced;
+}
+
+// The point counts' agreement and the EVLRs' place.
+void checkCounts(const RawHeader& raw, std::uint64_t fileSize, int minor, bool pointsPlaced,
+                 Findings& findings) {
+  const Header& h = raw.header;
+  auto& problems = findings.problems;
+  const std::uint64_t pointOffset = h.pointOffset;
   if (minor >= 4 && raw.legacyPointCount != 0 && raw.pointCount != 0 &&
       raw.legacyPointCount != raw.pointCount)
     findings.warnings.push_back("legacy point count " + std::to_string(raw.legacyPointCount) +
@@ -238,6 +265,20 @@ void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, 
                          " lies inside the header, VLRs or points (which end at byte " +
                          std::to_string(pointOffset + h.pointCount * h.recordLength) + ")");
   }
+}
+
+} // namespace
+
+void validate(const RawHeader& raw, std::uint64_t fileSize, Findings& findings, bool compressed) {
+  Problems& problems = findings.problems;
+  const Header& h = raw.header;
+  if (!isLasHeader(raw, fileSize, problems))
+    return;
+  const int minor = checkVersion(h, fileSize, problems);
+  const bool formatKnown = checkFormat(h, minor, findings);
+  checkScales(h, problems);
+  const bool pointsPlaced = checkPlaces(h, fileSize, formatKnown, compressed, problems);
+  checkCounts(raw, fileSize, minor, pointsPlaced, findings);
 }
 
 std::vector<Vlr> parseRecords(const std::uint8_t* file, std::uint64_t start, std::uint64_t end,
@@ -410,6 +451,15 @@ std::vector<ExtraBytes> parseExtraBytes(const FileInfo& info, Findings& findings
                                 " of point format " + std::to_string(format) + ", record length " +
                                 std::to_string(info.header.recordLength) + ")");
   return extras;
+}
+
+std::vector<int> extraStarts(int pointFormat, const std::vector<ExtraBytes>& extras) {
+  std::vector<int> starts;
+  for (int at = format(pointFormat).length; const ExtraBytes& e : extras) {
+    starts.push_back(at);
+    at += e.size;
+  }
+  return starts;
 }
 
 std::vector<ExtraField> extraFields(const ExtraBytes& extra) {

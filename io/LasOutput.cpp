@@ -1,5 +1,6 @@
 // Quorvel: the file a LAS writer writes, and the header completed from its records.
 #include "io/detail/LasOutput.hpp"
+#include "io/detail/LasRecord.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -37,13 +38,19 @@ void TemporaryFile::commit() {
 }
 
 void Tally::add(const std::uint8_t* records, std::size_t n, std::size_t length, bool extended) {
-  const int returnBits = extended ? 15 : 7;
-  for (std::size_t i = 0; i < n; ++i) {
-    const std::uint8_t* r = records + i * length;
-    std::int32_t xyz[3];
-    std::memcpy(xyz, r, 12);
-    add(xyz, r[14] & returnBits);
-  }
+  const auto addAll = [&](auto view) {
+    using Record = decltype(view);
+    for (std::size_t i = 0; i < n; ++i) {
+      const Record r(records + i * length);
+      std::int32_t xyz[3];
+      r.xyz(xyz);
+      add(xyz, static_cast<int>(r.returnNumber()));
+    }
+  };
+  if (extended)
+    addAll(ExtendedRecord(records));
+  else
+    addAll(LegacyRecord(records));
 }
 
 RawHeader completed(const Header& h, const Places& layout, const Tally& tally) {

@@ -3,6 +3,7 @@
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasHeader.hpp"
 #include "io/detail/LasProgress.hpp"
+#include "io/detail/LasRecord.hpp"
 #include "io/laz/Laz.hpp"
 #include "io/stream.hpp"
 
@@ -187,13 +188,11 @@ std::vector<std::uint8_t*> addOfKind(Tressel::FragmentArrays& cloud, const std::
                              [&](auto v) { return bytesOf(cloud.addField<decltype(v)>(name)); });
 }
 
-// One value copied from the record into a field: bits of a byte, or a whole number of bytes.
+// A plain value of the record and the arrays it is read into, one per fragment (for a component
+// of vectors, its first double).
 struct Copy {
-  int from;  // offset in the record
-  int size;  // bytes; 0 for bits; -4 or -8 for a float32 or float64 into a component of a vector
-  int shift; // bits: position
-  std::uint8_t mask;
-  std::vector<std::uint8_t*> to; // per fragment; for a component, its first double
+  FieldCopy field;
+  std::vector<std::uint8_t*> to;
 };
 
 // Everything the decoding loop writes, per fragment.
@@ -216,15 +215,9 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
   plan.xyz = cloud.addField<point>(Tressel::PositionsFieldName);
   for (const Dim& d : dims(f))
     if (wanted(d.name))
-      plan.copies.push_back({d.offset, d.bits > 0 ? 0 : kindSize(d.kind), d.shift,
-                             static_cast<std::uint8_t>((1 << d.bits) - 1),
-                             addOfKind(cloud, d.name, d.kind)});
+      plan.copies.push_back({fieldCopy(d), addOfKind(cloud, d.name, d.kind)});
   const auto& extras = info.extraBytes;
-  std::vector<int> starts; // of each extra-bytes dimension in the record
-  for (int at = format(f).length; const ExtraBytes& e : extras) {
-    starts.push_back(at);
-    at += e.size;
-  }
+  const std::vector<int> starts = extraStarts(f, extras);
   // Normals become one field of vectors, in the place of their x component.
   const auto normals = normalsOf(extras);
   for (std::size_t i = 0; i < extras.size(); ++i) {
@@ -234,7 +227,7 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
       for (std::size_t k = 0; k < 3; ++k) {
         const ExtraBytes& e = extras[normals->at[k]];
         plan.copies.push_back(
-            {starts[normals->at[k]], -e.size, 0, 0, bytesOf(vectors, sizeof(double) * k)});
+            {{starts[normals->at[k]], -e.size, 0, 0}, bytesOf(vectors, sizeof(double) * k)});
       }
     }
     if (c >= 0)
@@ -242,7 +235,7 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
     for (const ExtraField& x : extraFields(extras[i]))
       if (wanted(x.name))
         plan.copies.push_back(
-            {starts[i] + x.offset, kindSize(x.kind), 0, 0, addOfKind(cloud, x.name, x.kind)});
+            {{starts[i] + x.offset, kindSize(x.kind), 0, 0}, addOfKind(cloud, x.name, x.kind)});
   }
   if (wanted("ScanAngle"))
     plan.scanAngle = cloud.addField<float>("ScanAngle");
@@ -253,6 +246,16 @@ Plan allocate(Tressel::FragmentArrays& cloud, const FileInfo& info, bool tiled,
   if (format(f).rgb >= 0 && wanted("RGB"))
     plan.rgb = cloud.addField<Vantor::RGB16>("RGB");
   return plan;
+}
+
+// The values the reader derives from a record: the scan angle in degrees and whether the point
+// is the last of its pulse.
+template <class Record>
+inline void derived(Record r, float* angle, unsigned char* last, std::size_t j) {
+  if (angle)
+    angle[j] = r.scanAngle();
+  if (last)
+    last[j] = r.lastReturn() ? 1 : 0;
 }
 
 // Decodes the records index(j) of records, for j in [from, to), into slot j of fragment k's
@@ -272,68 +275,29 @@ void decode(const Plan& plan, const Header& h, const std::uint8_t* records, std:
   Vantor::RGB16* rgb = plan.rgb.empty() ? nullptr : plan.rgb[k];
   // This fragment's destinations beside their sources, so the loop reads one small array.
   struct Op {
-    int from, size, shift;
-    std::uint8_t mask;
+    FieldCopy field;
     std::uint8_t* out;
   };
   std::vector<Op> ops;
   ops.reserve(plan.copies.size());
   for (const Copy& c : plan.copies)
-    ops.push_back({c.from, c.size, c.shift, c.mask, c.to[k]});
+    ops.push_back({c.field, c.to[k]});
   for (std::size_t j = from; j < to; ++j) {
     const std::uint64_t i = index(j);
     const std::uint8_t* r = records + i * length;
     std::int32_t raw[3];
     std::memcpy(raw, r, 12);
     xyz[j] = point(raw[0] * sx + ox, raw[1] * sy + oy, raw[2] * sz + oz);
-    const std::uint8_t returns = r[14];
-    if (extended) {
-      std::int16_t a;
-      std::memcpy(&a, r + 18, 2);
-      if (angle)
-        angle[j] = static_cast<float>(a * 0.006);
-      if (last)
-        last[j] = (returns & 15) == (returns >> 4) ? 1 : 0;
-    } else {
-      if (angle)
-        angle[j] = static_cast<float>(static_cast<std::int8_t>(r[16]));
-      if (last)
-        last[j] = (returns & 7) == ((returns >> 3) & 7) ? 1 : 0;
-    }
+    if (extended)
+      derived(ExtendedRecord(r), angle, last, j);
+    else
+      derived(LegacyRecord(r), angle, last, j);
     if (place)
       place[j] = i;
     if (rgb)
       std::memcpy(&rgb[j], r + rgbAt, 6);
-    for (const Op& c : ops) {
-      std::uint8_t* out = c.out;
-      switch (c.size) {
-      case 0:
-        out[j] = static_cast<std::uint8_t>((r[c.from] >> c.shift) & c.mask);
-        break;
-      case 1:
-        out[j] = r[c.from];
-        break;
-      case 2:
-        std::memcpy(out + 2 * j, r + c.from, 2);
-        break;
-      case 4:
-        std::memcpy(out + 4 * j, r + c.from, 4);
-        break;
-      case 8:
-        std::memcpy(out + 8 * j, r + c.from, 8);
-        break;
-      case -4: { // a vector component of three doubles
-        float value;
-        std::memcpy(&value, r + c.from, 4);
-        const double wide = value;
-        std::memcpy(out + 24 * j, &wide, 8);
-        break;
-      }
-      default:
-        std::memcpy(out + 24 * j, r + c.from, 8);
-        break;
-      }
-    }
+    for (const Op& c : ops)
+      copyField<Direction::Read>(c.field, r, c.out, j);
   }
 }
 
@@ -380,73 +344,90 @@ void checkBounds(const Tressel::Grid& grid, const Header& h, const Warn& warn) {
   }
 }
 
-ReadResult readAll(const std::string& path, std::size_t fragmentPoints,
-                   const Basalt::StrongPtr<Basalt::LoaderProgress>& progress,
-                   const std::set<std::string>& only, const Warn& warn) {
-  OpenedFile in(path, false, warn);
+using Progress = Basalt::StrongPtr<Basalt::LoaderProgress>;
+
+// A LAZ file's points in one fragment: each chunk decoded by its thread and its records placed in
+// the arrays while they are still in the cache.
+Tressel::FragmentArrays readCompressed(OpenedFile& in, const Progress& progress,
+                                       const std::set<std::string>& only) {
+  const std::size_t n = static_cast<std::size_t>(in.pointCount);
+  Tressel::FragmentArrays cloud({n});
+  const Plan plan = allocate(cloud, in.info, false, only);
+  Percent percent(progress, n, "reading");
+  std::mutex mutex;
+  std::size_t done = 0;
+  in.decoding([&] {
+    in.laz->decode([&](const Laz::Chunk& c, const std::uint8_t* records) {
+      decode(plan, in.info.header, records, 0, c.firstPoint, c.firstPoint + c.points,
+             [&c](std::size_t j) { return j - c.firstPoint; });
+      const std::lock_guard<std::mutex> lock(mutex);
+      done += c.points;
+      percent.reached(done);
+    });
+  });
+  percent.finish();
+  return cloud;
+}
+
+// A LAS file's points in one fragment, in file order.
+Tressel::FragmentArrays readRecords(const OpenedFile& in, const Progress& progress,
+                                    const std::set<std::string>& only) {
+  const std::size_t n = static_cast<std::size_t>(in.pointCount);
+  Tressel::FragmentArrays cloud({n});
+  const Plan plan = allocate(cloud, in.info, false, only);
+  Percent percent(progress, n, "reading");
+  inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
+    decode(plan, in.info.header, in.records, 0, from, to, [](std::size_t j) { return j; });
+  });
+  percent.finish();
+  return cloud;
+}
+
+// The points in x-y tiles of about fragmentPoints: tiles from x and y first, then each tile's
+// records decoded into its own arrays.
+Tressel::FragmentArrays readTiles(OpenedFile& in, std::size_t fragmentPoints,
+                                  const Progress& progress, const std::set<std::string>& only) {
+  in.decodeAll();
   const Header& h = in.info.header;
   const std::size_t n = static_cast<std::size_t>(in.pointCount);
-  const std::string name = std::filesystem::path(path).stem().string();
+  std::vector<point> xy(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    std::int32_t raw[3]; // the positions lie alike in both records
+    LegacyRecord(in.records + i * h.recordLength).xyz(raw);
+    xy[i] = point(raw[0] * h.scale[0] + h.offset[0], raw[1] * h.scale[1] + h.offset[1], 0.0);
+  }
+  const Tressel::Partition tiles = Tressel::tilePartitionByCount(xy, fragmentPoints);
+  xy = {};
+  std::vector<std::size_t> sizes;
+  for (const auto& tile : tiles)
+    sizes.push_back(tile.size());
+  Tressel::FragmentArrays cloud(sizes);
+  const Plan plan = allocate(cloud, in.info, true, only);
+  std::size_t done = 0;
+  Percent percent(progress, n, "reading");
+  for (std::size_t k = 0; k < tiles.size(); ++k) {
+    const auto& tile = tiles[k];
+    inBlocks(tile.size(), done, percent, [&](std::size_t from, std::size_t to) {
+      decode(plan, h, in.records, k, from, to, [&tile](std::size_t j) { return tile[j]; });
+    });
+    done += tile.size();
+  }
+  percent.finish();
+  return cloud;
+}
+
+ReadResult readAll(const std::string& path, std::size_t fragmentPoints, const Progress& progress,
+                   const std::set<std::string>& only, const Warn& warn) {
+  OpenedFile in(path, false, warn);
+  const std::size_t n = static_cast<std::size_t>(in.pointCount);
+  const bool whole = fragmentPoints == 0 || fragmentPoints >= n;
+  Tressel::FragmentArrays cloud = whole && in.laz ? readCompressed(in, progress, only)
+                                  : whole         ? readRecords(in, progress, only)
+                                                  : readTiles(in, fragmentPoints, progress, only);
   ReadResult result;
   result.info = in.info;
-
-  if ((fragmentPoints == 0 || fragmentPoints >= n) && in.laz) {
-    // Each chunk decoded by its thread and its records placed in the arrays while they are
-    // still in the cache.
-    Tressel::FragmentArrays cloud({n});
-    const Plan plan = allocate(cloud, in.info, false, only);
-    Percent percent(progress, n, "reading");
-    std::mutex mutex;
-    std::size_t done = 0;
-    in.decoding([&] {
-      in.laz->decode([&](const Laz::Chunk& c, const std::uint8_t* records) {
-        decode(plan, h, records, 0, c.firstPoint, c.firstPoint + c.points,
-               [&c](std::size_t j) { return j - c.firstPoint; });
-        const std::lock_guard<std::mutex> lock(mutex);
-        done += c.points;
-        percent.reached(done);
-      });
-    });
-    percent.finish();
-    result.grid = cloud.build(name);
-  } else if (fragmentPoints == 0 || fragmentPoints >= n) {
-    Tressel::FragmentArrays cloud({n});
-    const Plan plan = allocate(cloud, in.info, false, only);
-    Percent percent(progress, n, "reading");
-    inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
-      decode(plan, h, in.records, 0, from, to, [](std::size_t j) { return j; });
-    });
-    percent.finish();
-    result.grid = cloud.build(name);
-  } else {
-    in.decodeAll();
-    // Tiles from x and y first, then each tile's records decoded into its own arrays.
-    std::vector<point> xy(n);
-    for (std::size_t i = 0; i < n; ++i) {
-      std::int32_t raw[2];
-      std::memcpy(raw, in.records + i * h.recordLength, 8);
-      xy[i] = point(raw[0] * h.scale[0] + h.offset[0], raw[1] * h.scale[1] + h.offset[1], 0.0);
-    }
-    const Tressel::Partition tiles = Tressel::tilePartitionByCount(xy, fragmentPoints);
-    xy = {};
-    std::vector<std::size_t> sizes;
-    for (const auto& tile : tiles)
-      sizes.push_back(tile.size());
-    Tressel::FragmentArrays cloud(sizes);
-    const Plan plan = allocate(cloud, in.info, true, only);
-    std::size_t done = 0;
-    Percent percent(progress, n, "reading");
-    for (std::size_t k = 0; k < tiles.size(); ++k) {
-      const auto& tile = tiles[k];
-      inBlocks(tile.size(), done, percent, [&](std::size_t from, std::size_t to) {
-        decode(plan, h, in.records, k, from, to, [&tile](std::size_t j) { return tile[j]; });
-      });
-      done += tile.size();
-    }
-    percent.finish();
-    result.grid = cloud.build(name);
-  }
-  checkBounds(*result.grid, h, warn);
+  result.grid = cloud.build(std::filesystem::path(path).stem().string());
+  checkBounds(*result.grid, in.info.header, warn);
   setFileInfo(*result.grid, in.info);
   return result;
 }

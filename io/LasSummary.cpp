@@ -1,6 +1,7 @@
 // Quorvel: a LAS file summarized from its header, its records and one pass over its points.
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasHeader.hpp"
+#include "io/detail/LasRecord.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -13,42 +14,22 @@ namespace {
 
 using namespace detail;
 
-const Dim& dimNamed(int pointFormat, const std::string& name) {
-  const auto& all = dims(pointFormat);
-  return *std::find_if(all.begin(), all.end(), [&](const Dim& d) { return name == d.name; });
-}
-
 // What the pass over the records gathers. Tallies of separate runs of records (the chunks of a
 // LAZ file) merge into the tally of them all.
 class Tally {
 public:
   explicit Tally(const Header& h)
-      : length_(h.recordLength), classes_(dimNamed(h.pointFormat, "Classification")),
-        returns_(dimNamed(h.pointFormat, "ReturnNumber")),
-        gpsAt_(format(h.pointFormat).gps ? dimNamed(h.pointFormat, "GpsTime").offset : -1) {
+      : length_(h.recordLength), extended_(format(h.pointFormat).extended),
+        gps_(format(h.pointFormat).gps) {
     lo_.fill(std::numeric_limits<std::int32_t>::max());
     hi_.fill(std::numeric_limits<std::int32_t>::min());
   }
 
   void add(const std::uint8_t* r, std::uint64_t count) {
-    const std::uint8_t classMask = mask(classes_), returnMask = mask(returns_);
-    for (std::uint64_t i = 0; i < count; ++i, r += length_) {
-      std::int32_t raw[3];
-      std::memcpy(raw, r, 12);
-      for (std::size_t k = 0; k < 3; ++k) {
-        lo_[k] = std::min(lo_[k], raw[k]);
-        hi_[k] = std::max(hi_[k], raw[k]);
-      }
-      ++classCounts_[(r[classes_.offset] >> classes_.shift) & classMask];
-      ++returnCounts_[(r[returns_.offset] >> returns_.shift) & returnMask];
-      if (gpsAt_ >= 0) {
-        double t;
-        std::memcpy(&t, r + gpsAt_, 8);
-        // NaN compares false both ways, so it never becomes a bound.
-        gpsLo_ = std::min(gpsLo_, t);
-        gpsHi_ = std::max(gpsHi_, t);
-      }
-    }
+    if (extended_)
+      addRecords<ExtendedRecord>(r, count);
+    else
+      addRecords<LegacyRecord>(r, count);
     points_ += count;
   }
 
@@ -77,18 +58,34 @@ public:
       s.min[k] = std::min(a, b);
       s.max[k] = std::max(a, b);
     }
-    if (gpsAt_ >= 0 && gpsLo_ <= gpsHi_)
+    if (gps_ && gpsLo_ <= gpsHi_)
       s.gpsTime = std::array<double, 2>{gpsLo_, gpsHi_};
   }
 
 private:
-  static std::uint8_t mask(const Dim& d) {
-    return d.bits > 0 ? static_cast<std::uint8_t>((1 << d.bits) - 1) : std::uint8_t{0xFF};
+  template <class Record>
+  void addRecords(const std::uint8_t* r, std::uint64_t count) {
+    for (std::uint64_t i = 0; i < count; ++i, r += length_) {
+      const Record p(r);
+      std::int32_t raw[3];
+      p.xyz(raw);
+      for (std::size_t k = 0; k < 3; ++k) {
+        lo_[k] = std::min(lo_[k], raw[k]);
+        hi_[k] = std::max(hi_[k], raw[k]);
+      }
+      ++classCounts_[p.classification()];
+      ++returnCounts_[p.returnNumber()];
+      if (gps_) {
+        const double t = p.gpsTime();
+        // NaN compares false both ways, so it never becomes a bound.
+        gpsLo_ = std::min(gpsLo_, t);
+        gpsHi_ = std::max(gpsHi_, t);
+      }
+    }
   }
 
   std::size_t length_;
-  Dim classes_, returns_;
-  int gpsAt_;
+  bool extended_, gps_;
   std::array<std::int32_t, 3> lo_{}, hi_{};
   std::array<std::uint64_t, 256> classCounts_{};
   std::array<std::uint64_t, 16> returnCounts_{};

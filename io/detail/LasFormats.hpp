@@ -2,6 +2,8 @@
 // which formats hold which values, and the element kinds shared with extra-bytes dimensions.
 #pragma once
 
+#include "io/detail/LasRecord.hpp"
+
 #include "tressel/ElementTypes.hpp"
 
 #include <cstdint>
@@ -39,6 +41,12 @@ struct Dim {
   int shift = 0;
   int bits = 0;
 };
+
+// The copy of a plain value between the record and its field's arrays.
+inline FieldCopy fieldCopy(const Dim& d) {
+  return {d.offset, d.bits > 0 ? 0 : kindSize(d.kind), d.shift,
+          static_cast<std::uint8_t>((1 << d.bits) - 1)};
+}
 
 // What a point format holds beyond the core of every format.
 struct Format {

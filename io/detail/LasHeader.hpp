@@ -78,6 +78,9 @@ struct ExtraField {
   int offset;
 };
 std::vector<ExtraField> extraFields(const ExtraBytes& extra);
+// Where each extra-bytes dimension starts in a record of the point format: after the format's
+// own values, one after the other.
+std::vector<int> extraStarts(int pointFormat, const std::vector<ExtraBytes>& extras);
 
 // The names a field of vectors has as three extra-bytes dimensions: the field's name without a
 // trailing "Vector", then X, Y and Z ("NormalVector": "NormalX", "NormalY", "NormalZ", the names

@@ -1,5 +1,5 @@
-// Quorvel: what every LAS writer shares: the file written beside its target, and the header
-// completed from the records written.
+// Quorvel: what every LAS writer shares: problems said without the file and named once, the file
+// written beside its target, and the header completed from the records written.
 #pragma once
 
 #include "io/detail/LasHeader.hpp"
@@ -11,11 +11,28 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace Quorvel::Las::detail {
+
+// A problem of the file being written, said without the file: namingFile adds the path once,
+// where the writing began, so the steps below need not carry it.
+struct Problem : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// f(), a Problem it throws becoming the Error "path: problem".
+template <class F>
+decltype(auto) namingFile(const std::string& path, F&& f) {
+  try {
+    return f();
+  } catch (const Problem& e) {
+    throw Error(path + ": " + e.what());
+  }
+}
 
 // An allocator that leaves new elements uninitialized, for buffers that are written whole before
 // they are read: growing them costs no zero filling.

@@ -2,6 +2,7 @@
 // format that hold its fields, scale and offset, the extra-bytes dimensions and the records.
 #pragma once
 
+#include "io/detail/LasOutput.hpp"
 #include "io/las.hpp"
 
 #include "vantor/PhysicalSpace.hpp"
@@ -27,24 +28,30 @@ struct Layout {
   std::vector<const Vantor::PhysicalSpace::point*> xyz;
   std::size_t count = 0;
 };
-Layout layoutOf(const Tressel::Grid& grid, const std::string& path);
+Layout layoutOf(const Tressel::Grid& grid);
 
 // The field of that name laid out like the positions; nullopt when the grid has none. Throws
-// Error when its fragments differ from the positions'.
+// a Problem when its fragments differ from the positions'.
 std::optional<Source> sourceOf(const Tressel::Grid& grid, const std::string& name,
-                               const Layout& layout, const std::string& path);
+                               const Layout& layout);
 
 struct WritePlan {
   // The header as written (version, format, scale, offset, record length, identity), the VLRs
   // and EVLRs as written, and the extra-bytes dimensions in record order.
   FileInfo info;
-  std::vector<std::vector<Source>> extraSources; // per info.extraBytes, per extraFields()
+  // The sources of every value the record holds: the format's plain values (per dims() of the
+  // format; nullopt for those the grid lacks), the scan angle and RGB, and the extra bytes (per
+  // info.extraBytes, per extraFields()).
+  std::vector<std::optional<Source>> standard;
+  std::optional<Source> scanAngle, rgb;
+  std::vector<std::vector<Source>> extraSources;
   // The file slot of each point in layout order; empty when the layout order is the file order.
   std::vector<std::uint64_t> place;
 };
 
-// Plans the file: origin is the grid's LAS origin (or an explicit one), nullptr for none. A
-// change of version or format is said in one line to options.warn.
+// Plans the file at path (its name tells COPC): origin is the grid's LAS origin (or an explicit
+// one), nullptr for none. A change of version or format is said in one line to options.warn.
+// Problems are thrown as Problem.
 WritePlan planWrite(const std::string& path, const Tressel::Grid& grid, const Layout& layout,
                     const FileInfo* origin, const WriteOptions& options);
 

@@ -5,6 +5,8 @@
 // stream; values are predicted per scanner channel.
 #include "io/laz/Layered.hpp"
 
+#include "io/detail/LasRecord.hpp"
+
 #include "io/laz/Byte14.hpp"
 #include "io/laz/Point14.hpp"
 #include "io/laz/Rgb14.hpp"
@@ -120,7 +122,7 @@ void next(Items& items, Byte* record) {
 // The raw first record's items, each in its channel.
 void firstOf(Items& items, const std::uint8_t* record) {
   items.point->first(record);
-  const unsigned k = (record[15] >> 4) & 3;
+  const unsigned k = Las::detail::ExtendedRecord(record).channel();
   items.eachAfterPoint([&](auto& item, std::size_t at) { item.first(record + at, k); });
 }
 

@@ -11,6 +11,9 @@ namespace Quorvel::Laz {
 
 namespace {
 
+// The record's values by name; the offsets that the decoder stores at.
+using R = Las::detail::ExtendedRecord;
+
 // Contexts of x and y by number of returns and return number.
 
 constexpr std::uint8_t ReturnMap6[16][16] = {{0, 1, 2, 3, 4, 5, 3, 4, 4, 5, 5, 5, 5, 5, 5, 5},
@@ -85,7 +88,7 @@ void Point14Item::returnsOf(Point14Channel& c, unsigned changed, std::uint32_t& 
   else if (plus && minus)
     r = (changed & 16) ? d.decodeSymbol(c.returnNumbers[r])
                        : (r + d.decodeSymbol(c.sameTime) + 2) % 16;
-  c.last.b[14] = static_cast<std::uint8_t>((n << 4) | r);
+  c.last.b[R::Returns] = static_cast<std::uint8_t>((n << 4) | r);
 }
 
 void Point14Item::position(Point14Channel& c, unsigned changed, std::uint32_t n, std::uint32_t r) {
@@ -120,14 +123,14 @@ unsigned Point14Item::next(std::uint8_t* out) {
   Point14Channel& c = channel(k);
   if (fresh)
     c.start(previous.last);
-  c.last.b[15] = static_cast<std::uint8_t>((c.last.b[15] & 0xCF) | (k << 4));
+  c.last.b[R::Flags] = static_cast<std::uint8_t>((c.last.b[R::Flags] & 0xCF) | (k << 4));
   std::uint32_t n, r;
   returnsOf(c, changed, n, r);
   position(c, changed, n, r);
   attributes(c, changed, n, r);
   const bool timeChanged = (changed >> 4) & 1;
   if (timeChanged)
-    store(c.last.b.data() + 22, c.time.decode(layer(GpsTime)));
+    store(c.last.b.data() + R::GpsTime, c.time.decode(layer(GpsTime)));
   c.timeChanged = timeChanged;
   std::memcpy(out, c.last.b.data(), 30);
   // Before version 4 the other items take the channel as their context only when it changed with
@@ -139,12 +142,13 @@ void Point14Item::attributes(Point14Channel& c, unsigned changed, std::uint32_t 
                              std::uint32_t r) {
   std::uint8_t* b = c.last.b.data();
   if (layers_.has(Class)) {
-    const std::uint32_t context = (r == 1 && r >= n) | ((b[16] & 0x1Fu) << 1);
-    b[16] = static_cast<std::uint8_t>(layer(Class).decodeSymbol(c.classes[context]));
+    const std::uint32_t context = (r == 1 && r >= n) | ((b[R::Classification] & 0x1Fu) << 1);
+    b[R::Classification] = static_cast<std::uint8_t>(layer(Class).decodeSymbol(c.classes[context]));
   }
   if (layers_.has(Flags)) {
     const std::uint32_t flags = layer(Flags).decodeSymbol(c.flagModels[c.last.flags()]);
-    b[15] = static_cast<std::uint8_t>((b[15] & 0x30) | (flags & 15) | ((flags & 0x30) << 2));
+    b[R::Flags] =
+        static_cast<std::uint8_t>((b[R::Flags] & 0x30) | (flags & 15) | ((flags & 0x30) << 2));
   }
   const std::uint32_t gpsChanged = (changed >> 4) & 1;
   if (layers_.has(Intensity)) {
@@ -155,13 +159,14 @@ void Point14Item::attributes(Point14Channel& c, unsigned changed, std::uint32_t 
     store(b + 12, i);
   }
   if (changed & 8)
-    store(b + 18, static_cast<std::int16_t>(c.scanAngle.decode(
-                      layer(ScanAngle), load<std::int16_t>(b + 18), gpsChanged)));
+    store(b + R::ScanAngle, static_cast<std::int16_t>(c.scanAngle.decode(
+                                layer(ScanAngle), c.last.view().scanAngleSteps(), gpsChanged)));
   if (layers_.has(UserData))
-    b[17] = static_cast<std::uint8_t>(layer(UserData).decodeSymbol(c.userData[b[17] / 4]));
+    b[R::UserData] = static_cast<std::uint8_t>(
+        layer(UserData).decodeSymbol(c.userData[c.last.view().userData() / 4]));
   if (changed & 32)
-    store(b + 20, static_cast<std::uint16_t>(
-                      c.pointSource.decode(layer(PointSource), load<std::uint16_t>(b + 20), 0)));
+    store(b + R::PointSource, static_cast<std::uint16_t>(c.pointSource.decode(
+                                  layer(PointSource), c.last.view().pointSource(), 0)));
 }
 
 // What changed from the channel's (or, for a channel not used yet, the previous) last point.
@@ -172,13 +177,9 @@ unsigned Point14Item::changesOf(const Point14Record& p, const Point14Channel& ol
   const bool misc = r != lastR && !up && !down;
   return unsigned(up || misc) | (unsigned(down || misc) << 1) |
          (unsigned(p.returns() != old.last.returns()) << 2) |
-         (unsigned(load<std::int16_t>(p.b.data() + 18) !=
-                   load<std::int16_t>(old.last.b.data() + 18))
-          << 3) |
+         (unsigned(p.view().scanAngleSteps() != old.last.view().scanAngleSteps()) << 3) |
          (unsigned(p.time() != old.last.time()) << 4) |
-         (unsigned(load<std::uint16_t>(p.b.data() + 20) !=
-                   load<std::uint16_t>(old.last.b.data() + 20))
-          << 5) |
+         (unsigned(p.view().pointSource() != old.last.view().pointSource()) << 5) |
          (unsigned(sc != current_) << 6);
 }
 
@@ -237,22 +238,22 @@ unsigned Point14Item::next(const std::uint8_t* in) {
 }
 
 void Point14Item::encodeAttributes(Point14Channel& c, const Point14Record& p, unsigned changed) {
-  const std::uint8_t* l = c.last.b.data();
-  const std::uint8_t* b = p.b.data();
+  const R l = c.last.view(), b = p.view();
   const std::uint32_t n = p.returns(), r = p.returnNumber(), gps = (changed >> 4) & 1;
-  const std::uint32_t classContext = (r == 1 && r >= n) | ((l[16] & 0x1Fu) << 1);
-  out(Class, b[16] != l[16]).encodeSymbol(c.classes[classContext], b[16]);
+  const std::uint32_t classContext = (r == 1 && r >= n) | ((l.classification() & 0x1Fu) << 1);
+  out(Class, b.classification() != l.classification())
+      .encodeSymbol(c.classes[classContext], b.classification());
   out(Flags, p.flags() != c.last.flags()).encodeSymbol(c.flagModels[c.last.flags()], p.flags());
   const std::uint32_t context = gps | ((r >= n) << 1) | ((r == 1) << 2);
   c.intensity.encode(out(Intensity, p.intensity() != c.last.intensity()), c.lastIntensity[context],
                      p.intensity(), context >> 1);
   c.lastIntensity[context] = p.intensity();
   if (changed & 8)
-    c.scanAngle.encode(out(ScanAngle), load<std::int16_t>(l + 18), load<std::int16_t>(b + 18), gps);
-  out(UserData, b[17] != l[17]).encodeSymbol(c.userData[l[17] / 4], b[17]);
+    c.scanAngle.encode(out(ScanAngle), l.scanAngleSteps(), b.scanAngleSteps(), gps);
+  out(UserData, b.userData() != l.userData())
+      .encodeSymbol(c.userData[l.userData() / 4], b.userData());
   if (changed & 32)
-    c.pointSource.encode(out(PointSource), load<std::uint16_t>(l + 20), load<std::uint16_t>(b + 20),
-                         0);
+    c.pointSource.encode(out(PointSource), l.pointSource(), b.pointSource(), 0);
 }
 
 } // namespace Quorvel::Laz

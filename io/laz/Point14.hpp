@@ -4,6 +4,7 @@
 // scanner channel.
 #pragma once
 
+#include "io/detail/LasRecord.hpp"
 #include "io/laz/GpsTime.hpp"
 #include "io/laz/Layers.hpp"
 
@@ -13,19 +14,23 @@
 
 namespace Quorvel::Laz {
 
-// The 30 bytes of a POINT14 record.
+// The 30 bytes of a POINT14 record: an extended LAS record.
 struct Point14Record {
   std::array<std::uint8_t, 30> b{};
-  std::int32_t x() const { return load<std::int32_t>(b.data()); }
-  std::int32_t y() const { return load<std::int32_t>(b.data() + 4); }
-  std::int32_t z() const { return load<std::int32_t>(b.data() + 8); }
-  std::uint16_t intensity() const { return load<std::uint16_t>(b.data() + 12); }
-  std::uint32_t returnNumber() const { return b[14] & 15; }
-  std::uint32_t returns() const { return b[14] >> 4; }
-  std::uint32_t channel() const { return (b[15] >> 4) & 3; }
+  Las::detail::ExtendedRecord view() const { return Las::detail::ExtendedRecord(b.data()); }
+  std::int32_t x() const { return view().load<std::int32_t>(0); }
+  std::int32_t y() const { return view().load<std::int32_t>(4); }
+  std::int32_t z() const { return view().load<std::int32_t>(8); }
+  std::uint16_t intensity() const { return view().intensity(); }
+  std::uint32_t returnNumber() const { return view().returnNumber(); }
+  std::uint32_t returns() const { return view().returnCount(); }
+  std::uint32_t channel() const { return view().channel(); }
   // Class flags, scan direction and edge of flight line as one 6-bit context.
-  std::uint32_t flags() const { return (b[15] & 15) | ((b[15] >> 2) & 0x30); }
-  std::int64_t time() const { return load<std::int64_t>(b.data() + 22); }
+  std::uint32_t flags() const {
+    const std::uint8_t f = b[Las::detail::ExtendedRecord::Flags];
+    return (f & 15) | ((f >> 2) & 0x30);
+  }
+  std::int64_t time() const { return view().gpsTimeBits(); }
 };
 
 // What POINT14 keeps per scanner channel.

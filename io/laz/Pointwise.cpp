@@ -4,6 +4,7 @@
 // PointwiseV1. A chunk starts with its first record raw; every later value is predicted from the
 // ones before and only the correction is coded.
 #include "io/laz/Pointwise.hpp"
+#include "io/detail/LasRecord.hpp"
 #include "io/laz/Common.hpp"
 #include "io/laz/GpsTime.hpp"
 #include "io/laz/PointwiseV1.hpp"
@@ -21,6 +22,9 @@
 namespace Quorvel::Laz {
 
 namespace {
+
+// The legacy record's values by name, and the offsets the coders keep them at.
+using R = Las::detail::LegacyRecord;
 
 // Contexts of the x, y, z predictions by return r of n returns: numbered pairs of (n, r) and how
 // far r lies from n; the tables also cover files that number returns from 0 or swap r and n.
@@ -63,27 +67,28 @@ void PointItem::changes(Decoder& d, unsigned changed, unsigned m) {
   if (changed & 16) {
     const auto i =
         static_cast<std::uint16_t>(intensity_.decode(d, lastIntensity_[m], m < 3 ? m : 3));
-    store(l + 12, i);
+    store(l + R::Intensity, i);
     lastIntensity_[m] = i;
   } else
-    store(l + 12, lastIntensity_[m]);
+    store(l + R::Intensity, lastIntensity_[m]);
   if (changed & 8)
-    l[15] = static_cast<std::uint8_t>(d.decodeSymbol(classes_[l[15]]));
+    l[R::Flags] = static_cast<std::uint8_t>(d.decodeSymbol(classes_[l[R::Flags]]));
   if (changed & 4)
-    l[16] = static_cast<std::uint8_t>(d.decodeSymbol(scanAngle_[(l[14] >> 6) & 1]) + l[16]);
+    l[R::ScanAngle] = static_cast<std::uint8_t>(d.decodeSymbol(scanAngle_[R(l).scanDirection()]) +
+                                                l[R::ScanAngle]);
   if (changed & 2)
-    l[17] = static_cast<std::uint8_t>(d.decodeSymbol(userData_[l[17]]));
+    l[R::UserData] = static_cast<std::uint8_t>(d.decodeSymbol(userData_[l[R::UserData]]));
   if (changed & 1)
-    store(l + 18,
-          static_cast<std::uint16_t>(pointSource_.decode(d, load<std::uint16_t>(l + 18), 0)));
+    store(l + R::PointSource, static_cast<std::uint16_t>(pointSource_.decode(
+                                  d, load<std::uint16_t>(l + R::PointSource), 0)));
 }
 
 void PointItem::next(Decoder& d, std::uint8_t* out) {
   std::uint8_t* l = last_.data();
   const unsigned changed = d.decodeSymbol(changed_);
   if (changed & 32)
-    l[14] = static_cast<std::uint8_t>(d.decodeSymbol(returns_[l[14]]));
-  const unsigned r = l[14] & 7, n = (l[14] >> 3) & 7;
+    l[R::Returns] = static_cast<std::uint8_t>(d.decodeSymbol(returns_[l[R::Returns]]));
+  const unsigned r = R(l).returnNumber(), n = R(l).returnCount();
   const unsigned m = ReturnMap[n][r], level = ReturnLevel[n][r];
   if (changed)
     changes(d, changed, m);
@@ -104,31 +109,35 @@ void PointItem::next(Decoder& d, std::uint8_t* out) {
 void PointItem::changes(Encoder& e, unsigned changed, unsigned m, const std::uint8_t* in) {
   const std::uint8_t* l = last_.data();
   if (changed & 32)
-    e.encodeSymbol(returns_[l[14]], in[14]);
+    e.encodeSymbol(returns_[l[R::Returns]], in[R::Returns]);
   if (changed & 16) {
-    const auto i = load<std::uint16_t>(in + 12);
+    const auto i = load<std::uint16_t>(in + R::Intensity);
     intensity_.encode(e, lastIntensity_[m], i, m < 3 ? m : 3);
     lastIntensity_[m] = i;
   }
   if (changed & 8)
-    e.encodeSymbol(classes_[l[15]], in[15]);
+    e.encodeSymbol(classes_[l[R::Flags]], in[R::Flags]);
   if (changed & 4)
-    e.encodeSymbol(scanAngle_[(in[14] >> 6) & 1], static_cast<std::uint8_t>(in[16] - l[16]));
+    e.encodeSymbol(scanAngle_[R(in).scanDirection()],
+                   static_cast<std::uint8_t>(in[R::ScanAngle] - l[R::ScanAngle]));
   if (changed & 2)
-    e.encodeSymbol(userData_[l[17]], in[17]);
+    e.encodeSymbol(userData_[l[R::UserData]], in[R::UserData]);
   if (changed & 1)
-    pointSource_.encode(e, load<std::uint16_t>(l + 18), load<std::uint16_t>(in + 18), 0);
+    pointSource_.encode(e, load<std::uint16_t>(l + R::PointSource),
+                        load<std::uint16_t>(in + R::PointSource), 0);
 }
 
 void PointItem::next(Encoder& e, const std::uint8_t* in) {
   const std::uint8_t* l = last_.data();
-  const unsigned r = in[14] & 7, n = (in[14] >> 3) & 7;
+  const unsigned r = R(in).returnNumber(), n = R(in).returnCount();
   const unsigned m = ReturnMap[n][r], level = ReturnLevel[n][r];
-  const unsigned changed = (unsigned(in[14] != l[14]) << 5) |
-                           (unsigned(load<std::uint16_t>(in + 12) != lastIntensity_[m]) << 4) |
-                           (unsigned(in[15] != l[15]) << 3) | (unsigned(in[16] != l[16]) << 2) |
-                           (unsigned(in[17] != l[17]) << 1) |
-                           unsigned(load<std::uint16_t>(in + 18) != load<std::uint16_t>(l + 18));
+  const unsigned changed =
+      (unsigned(in[R::Returns] != l[R::Returns]) << 5) |
+      (unsigned(load<std::uint16_t>(in + R::Intensity) != lastIntensity_[m]) << 4) |
+      (unsigned(in[R::Flags] != l[R::Flags]) << 3) |
+      (unsigned(in[R::ScanAngle] != l[R::ScanAngle]) << 2) |
+      (unsigned(in[R::UserData] != l[R::UserData]) << 1) |
+      unsigned(load<std::uint16_t>(in + R::PointSource) != load<std::uint16_t>(l + R::PointSource));
   e.encodeSymbol(changed_, changed);
   changes(e, changed, m, in);
   const std::int32_t dx = wrap(std::int64_t(load<std::int32_t>(in)) - load<std::int32_t>(l));

@@ -1,11 +1,15 @@
 // Quorvel: decoding the pointwise items of version 1.
 #include "io/laz/PointwiseV1.hpp"
+#include "io/detail/LasRecord.hpp"
 
 #include <algorithm>
 
 namespace Quorvel::Laz {
 
 namespace {
+
+// The legacy record's values by name, and the offsets the coders keep them at.
+using R = Las::detail::LegacyRecord;
 
 std::int32_t median3(const std::array<std::int32_t, 3>& v) {
   return std::max(std::min(v[0], v[1]), std::min(std::max(v[0], v[1]), v[2]));
@@ -16,18 +20,19 @@ std::int32_t median3(const std::array<std::int32_t, 3>& v) {
 void PointItemV1::changes(Decoder& d, unsigned changed, unsigned k) {
   std::uint8_t* l = last_.data();
   if (changed & 32)
-    store(l + 12, static_cast<std::uint16_t>(intensity_.decode(d, load<std::uint16_t>(l + 12), 0)));
+    store(l + R::Intensity, static_cast<std::uint16_t>(
+                                intensity_.decode(d, load<std::uint16_t>(l + R::Intensity), 0)));
   if (changed & 16)
-    l[14] = static_cast<std::uint8_t>(d.decodeSymbol(returns_[l[14]]));
+    l[R::Returns] = static_cast<std::uint8_t>(d.decodeSymbol(returns_[l[R::Returns]]));
   if (changed & 8)
-    l[15] = static_cast<std::uint8_t>(d.decodeSymbol(classes_[l[15]]));
+    l[R::Flags] = static_cast<std::uint8_t>(d.decodeSymbol(classes_[l[R::Flags]]));
   if (changed & 4)
-    l[16] = static_cast<std::uint8_t>(scanAngle_.decode(d, l[16], k < 3));
+    l[R::ScanAngle] = static_cast<std::uint8_t>(scanAngle_.decode(d, l[R::ScanAngle], k < 3));
   if (changed & 2)
-    l[17] = static_cast<std::uint8_t>(d.decodeSymbol(userData_[l[17]]));
+    l[R::UserData] = static_cast<std::uint8_t>(d.decodeSymbol(userData_[l[R::UserData]]));
   if (changed & 1)
-    store(l + 18,
-          static_cast<std::uint16_t>(pointSource_.decode(d, load<std::uint16_t>(l + 18), 0)));
+    store(l + R::PointSource, static_cast<std::uint16_t>(pointSource_.decode(
+                                  d, load<std::uint16_t>(l + R::PointSource), 0)));
 }
 
 void PointItemV1::next(Decoder& d, std::uint8_t* out) {
