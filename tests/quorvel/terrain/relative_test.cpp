@@ -1,5 +1,6 @@
 // Tests of the relative height and below boxes against brute-force squares.
 #include "quorvel/terrain/terrain.hpp"
+#include "tressel/PointCloud.hpp"
 
 #include <gtest/gtest.h>
 
@@ -220,6 +221,28 @@ TEST(RelativeMeasures, ResultsDoNotDependOnThreads) {
     EXPECT_EQ(belows(xyz, 1.0, threads), b1) << threads;
   }
   omp_set_num_threads(saved);
+}
+
+// The driver on one fragment: its two measures side by side or one after the other, their points
+// over one, two or seven threads, always the same arrays.
+TEST(RelativeMeasures, OneFragmentOfACloudGivesTheSameFieldsOnAnyThreads) {
+  const auto xyz = makeFragment(false, 20000, 21);
+  const auto partition = Tressel::tilePartition(xyz, 1000.0);
+  ASSERT_EQ(partition.size(), 1u);
+  const auto run = [&](int threads) {
+    auto grid = Tressel::PointCloudBuilder(xyz).build(partition);
+    const int saved = omp_get_max_threads();
+    omp_set_num_threads(threads + 1); // the library keeps one back
+    EXPECT_EQ(Quorvel::relativeHeightAndBelows(grid, 1.0, nullptr), "");
+    omp_set_num_threads(saved);
+    const auto& chart = Tressel::StandardCartesianChart3D;
+    return std::pair(
+        Tressel::readField<float>(*(*grid)(chart, "RelativeHeight"), partition),
+        Tressel::readField<unsigned char>(*(*grid)(chart, "RelativeBelows"), partition));
+  };
+  const auto one = run(1);
+  for (int threads : {2, 7})
+    EXPECT_EQ(run(threads), one) << threads;
 }
 
 } // namespace
