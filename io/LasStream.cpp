@@ -4,11 +4,11 @@
 #include "io/detail/LasFile.hpp"
 #include "io/detail/LasOutput.hpp"
 #include "io/stream.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <omp.h>
 #include <set>
 #include <stdexcept>
 
@@ -79,7 +79,7 @@ Batch Reader::Impl::chunks() {
   std::vector<std::size_t> group;
   std::uint64_t points = 0;
   // At least a chunk per thread, so that every thread decodes.
-  const auto threads = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
+  const auto threads = static_cast<std::size_t>(allThreads());
   while (nextChunk < order.size() && (group.size() < threads || points * length < BatchBytes)) {
     group.push_back(order[nextChunk++]);
     points += all[group.back()].points;

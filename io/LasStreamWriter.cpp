@@ -3,11 +3,11 @@
 #include "io/files.hpp"
 #include "io/laz/Laz.hpp"
 #include "io/stream.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <omp.h>
 
 namespace Quorvel::Las {
 
@@ -144,7 +144,7 @@ void Writer::append(std::size_t count, const std::function<void(std::uint8_t* ou
   fill(m.pending.data() + at);
   m.tally.add(m.pending.data() + at, count, m.length, format(m.header.pointFormat).extended);
   if (m.laz) {
-    const auto ahead = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
+    const auto ahead = static_cast<std::size_t>(allThreads());
     if (m.pending.size() >= ChunkPoints * ahead * m.length)
       m.compress(false);
   } else if (m.pending.size() >= WriteBytes)

@@ -2,6 +2,7 @@
 // neighbouring tiles' points marked in an extra-bytes field.
 #include "io/detail/Copc.hpp"
 #include "io/tiles.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include "basalt/Text.hpp"
 
@@ -187,18 +188,11 @@ void Tiler::flushAll() {
   for (auto& [key, tile] : tiles_)
     if (tile.writer->pending() > 0)
       writers.push_back(tile.writer.get());
-  std::string problem;
-#pragma omp parallel for schedule(dynamic, 1)
-  for (long long k = 0; k < static_cast<long long>(writers.size()); ++k) {
-    try {
-      writers[static_cast<std::size_t>(k)]->flush();
-    } catch (const std::exception& e) {
-#pragma omp critical
-      problem = e.what();
-    }
-  }
-  if (!problem.empty())
-    throw Error(problem);
+  // Of the tiles that fail, the first in the table's order is reported, whatever the threads.
+  FirstError errors;
+  forEachItem(writers.size(), allThreads(), errors, [&](std::size_t k) { writers[k]->flush(); });
+  if (!errors.empty())
+    throw Error(errors.message());
 }
 
 void Tiler::add(const std::uint8_t* records, std::size_t count) {

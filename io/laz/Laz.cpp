@@ -5,13 +5,16 @@
 #include "io/laz/Common.hpp"
 #include "io/laz/Layered.hpp"
 #include "io/laz/Pointwise.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include <algorithm>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <new>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace Quorvel::Laz {
 
@@ -19,6 +22,24 @@ namespace {
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::runtime_error(what);
+}
+
+// Runs work(k) for k in [0, count) on the runtime's threads, chunkOf(k) giving the number and the
+// points of the chunk that k works on. Of the chunks that fail, the lowest k is the one reported,
+// whatever the threads: "chunk <number> of <total>: " and why.
+template <class ChunkOf, class Work>
+void inChunks(std::size_t count, std::size_t total, const ChunkOf& chunkOf, const Work& work) {
+  FirstError errors;
+  forEachItem(count, allThreads(), errors, [&](std::size_t k) {
+    try {
+      work(k);
+    } catch (const std::bad_alloc&) {
+      fail("out of memory for its " + std::to_string(chunkOf(k).second) + " points");
+    }
+  });
+  if (!errors.empty())
+    fail("chunk " + std::to_string(chunkOf(errors.index()).first) + " of " + std::to_string(total) +
+         ": " + errors.message());
 }
 
 // The most points a chunk's bytes can hold. A chunk stores its first record raw; every later
@@ -152,25 +173,15 @@ std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
   for (std::size_t k = 1; k < first.size(); ++k)
     first[k] = first[k - 1] + chunkPoints[k - 1];
   std::vector<std::vector<std::uint8_t>> coded(chunkPoints.size());
-  std::string problem;
-  std::mutex mutex;
-#pragma omp parallel for schedule(dynamic, 1)
-  for (long long k = 0; k < static_cast<long long>(coded.size()); ++k) {
-    const auto K = static_cast<std::size_t>(k);
-    try {
-      const std::uint8_t* from = records + first[K] * recordLength;
-      const auto points = static_cast<std::uint32_t>(chunkPoints[K]);
-      if (d.compressor == Compressor::LayeredChunked)
-        encodeLayeredChunk(from, points, d.items, recordLength, coded[K]);
-      else
-        encodePointwiseChunk(from, points, d.items, recordLength, coded[K]);
-    } catch (const std::exception& e) {
-      const std::lock_guard<std::mutex> lock(mutex);
-      problem = e.what();
-    }
-  }
-  if (!problem.empty())
-    fail(problem);
+  const auto chunkOf = [&](std::size_t k) { return std::pair(k, chunkPoints[k]); };
+  inChunks(coded.size(), coded.size(), chunkOf, [&](std::size_t k) {
+    const std::uint8_t* from = records + first[k] * recordLength;
+    const auto points = static_cast<std::uint32_t>(chunkPoints[k]);
+    if (d.compressor == Compressor::LayeredChunked)
+      encodeLayeredChunk(from, points, d.items, recordLength, coded[k]);
+    else
+      encodePointwiseChunk(from, points, d.items, recordLength, coded[k]);
+  });
   return coded;
 }
 
@@ -234,33 +245,16 @@ Points::Points(const std::uint8_t* file, std::uint64_t pointOffset, std::uint64_
 // parallel; the first chunk that fails is the one reported, whatever the threads.
 template <class Step>
 void Points::inParallel(const std::vector<std::size_t>* which, Step step) const {
-  std::mutex mutex;
-  std::string problem;
-  const long long n = static_cast<long long>(which ? which->size() : chunks_.size());
-  long long failed = n;
-#pragma omp parallel for schedule(dynamic, 1)
-  for (long long k = 0; k < n; ++k) {
-    const std::size_t c =
-        which ? (*which)[static_cast<std::size_t>(k)] : static_cast<std::size_t>(k);
-    std::string why;
-    try {
-      step(chunks_[c], static_cast<std::size_t>(k));
-    } catch (const std::bad_alloc&) {
-      why = "out of memory for its " + std::to_string(chunks_[c].points) + " points";
-    } catch (const std::exception& e) {
-      why = e.what();
-    }
-    if (!why.empty()) {
-      const std::lock_guard<std::mutex> lock(mutex);
-      if (k < failed) {
-        failed = k;
-        problem =
-            "chunk " + std::to_string(c) + " of " + std::to_string(chunks_.size()) + ": " + why;
-      }
-    }
+  const std::size_t n = which ? which->size() : chunks_.size();
+  std::vector<std::uint64_t> points(n);
+  std::vector<std::size_t> numbers(n);
+  for (std::size_t k = 0; k < n; ++k) {
+    numbers[k] = which ? (*which)[k] : k;
+    points[k] = chunks_[numbers[k]].points;
   }
-  if (!problem.empty())
-    fail(problem);
+  inChunks(
+      n, chunks_.size(), [&](std::size_t k) { return std::pair(numbers[k], points[k]); },
+      [&](std::size_t k) { step(chunks_[numbers[k]], k); });
 }
 
 void Points::decode(std::uint8_t* out) const {

@@ -97,14 +97,15 @@ std::string classificationTransferOLD(const Basalt::StrongPtr<Tressel::Grid>& so
 
 // One source fragment onto one target fragment: fills tree with the source points whose class
 // passes `source`, then every target point whose class passes `target` takes the class (and,
-// with positions, the position) of its nearest source point within radius.
+// with positions, the position) of its nearest source point within radius. The searches run on
+// `threads` threads; the result does not depend on their number.
 template <class Tree>
 void classificationTransfer(
     const Basalt::StrongPtr<Tree>& tree, const ClassificationTransferParameterBox& box,
     const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& sourcePositions,
     const Tressel::MultiArray<1, const unsigned char>& sourceClasses,
     const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& targetPositions,
-    const Tressel::MultiArray<1, unsigned char>& targetClasses);
+    const Tressel::MultiArray<1, unsigned char>& targetClasses, int threads);
 
 // One target point against the single tree of one-tree mode. Without expand the query is at
 // p - offset with radius; with expand it is at p itself, never shifted, with 2 radius, 4 radius,
@@ -120,13 +121,13 @@ extern template void classificationTransfer<Vantor::OcTree<unsigned>>(
     const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>&,
     const Tressel::MultiArray<1, const unsigned char>&,
     const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>&,
-    const Tressel::MultiArray<1, unsigned char>&);
+    const Tressel::MultiArray<1, unsigned char>&, int);
 extern template void classificationTransfer<Vantor::QuadTree<unsigned>>(
     const Basalt::StrongPtr<Vantor::QuadTree<unsigned>>&, const ClassificationTransferParameterBox&,
     const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>&,
     const Tressel::MultiArray<1, const unsigned char>&,
     const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>&,
-    const Tressel::MultiArray<1, unsigned char>&);
+    const Tressel::MultiArray<1, unsigned char>&, int);
 extern template void classificationTransferOneTree<Vantor::OcTree<unsigned>>(
     const Basalt::StrongPtr<Vantor::OcTree<unsigned>>&, const ClassificationTransferParameterBox&,
     Vantor::PhysicalSpace::point&, unsigned char&);

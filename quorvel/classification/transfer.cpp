@@ -71,10 +71,11 @@ struct SourcePass {
   Messages& log;
 };
 
-// Transfers onto one target fragment from the tree of one source fragment.
+// Transfers onto one target fragment from the tree of one source fragment, its searches on
+// `threads` threads.
 template <class Tree>
 void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& positions,
-                  Field& targetClasses) {
+                  Field& targetClasses, int threads) {
   auto creator = targetClasses.getCreator(positions.id);
   if (!creator)
     return pass.log.report("ERROR: no cab_target");
@@ -101,13 +102,17 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   constexpr std::uint32_t None = std::numeric_limits<std::uint32_t>::max();
   std::vector<std::uint32_t> nearest(asking.size(), None);
   std::vector<double> squared(box.hasAssignment ? asking.size() : 0);
-  tree.findNearestEach(
-      asking.size(), [&](std::size_t k) { return at(asking[k]); }, box.radius,
-      [&](std::size_t k, const typename Tree::Neighbour& found) {
-        nearest[k] = found.index;
-        if (box.hasAssignment)
-          squared[k] = found.squared;
-      });
+  // Each block of the asking points is answered on its own thread; an answer does not depend on
+  // the other queries, so the blocks change nothing but the time.
+  inStaticBlocks(asking.size(), threads, [&](std::size_t b, std::size_t e) {
+    tree.findNearestEach(
+        e - b, [&](std::size_t k) { return at(asking[b + k]); }, box.radius,
+        [&](std::size_t k, const typename Tree::Neighbour& found) {
+          nearest[b + k] = found.index;
+          if (box.hasAssignment)
+            squared[b + k] = found.squared;
+        });
+  });
   constexpr std::size_t Ahead = 16; // answers whose source class is fetched ahead
   for (std::size_t k = 0; k < asking.size(); ++k) {
     if (nearest[k] == None)
@@ -153,9 +158,9 @@ bool sourcePass(const FragmentSlot& slot, const TransferInputs& in, Box& box,
     if (offsetApplies(box.offset))
       reachable = BoundingBox(sourceBox->min() + box.offset, sourceBox->max() + box.offset);
     const SourcePass pass{box, *points.cls, targetClasses, widened(*sourceBox, box.radius), log};
-    forEachFragment(targets.slots.size(), box.threads, log, [&](std::size_t t) {
+    forEachFragment(targets.slots.size(), box.threads, log, [&](std::size_t t, int inner) {
       if (targets.reach[t].inside(reachable, BoundingBox::Intersects))
-        transferOnto(*tree, pass, targets.slots[t], *in.targetClasses);
+        transferOnto(*tree, pass, targets.slots[t], *in.targetClasses, inner);
     });
   });
   return true;

@@ -92,46 +92,48 @@ void withOneTree(const Box& box, F&& f) {
 // read is reported and passed over.
 void transferFromEachSourceFragment(const Box& box, const TransferInputs& in,
                                     const FragmentID& targetID, MemArray<1, point>& targetXYZ,
-                                    MemArray<1, unsigned char>& targetCls, Messages& log) {
-  in.sourcePositions->iterate([&](const StrongPtr<FragmentID>& id,
-                                  const StrongPtr<CreativeArrayBase>& creator) {
-    if (!creator) {
-      log.report("ERROR: no cab_source_vertices");
-      return true;
-    }
-    auto xyz = arrayCast<1, point>(creator->getData());
-    if (!xyz) {
-      log.report("ERROR: no m_sourcevertices");
-      return true;
-    }
-    if (!in.sourceClasses->getCreator(*id)) {
-      Basalt::Console() << "INFO: no cab_source_classification for target fragment: "
-                        << targetID.Name();
-      return true;
-    }
-    auto cls = fragmentArray<unsigned char>(*in.sourceClasses, *id);
-    if (!cls || cls->size() != xyz->size()) {
-      log.report("ERROR: no m_sourceclassification");
-      return true;
-    }
-    auto bbox = fragmentBBox({id, creator});
-    if (!bbox) {
-      log.report("ERROR: no fragment_bbox of sourcevertices");
-      return true;
-    }
-    withTree(box.dimension, bbox, [&](const auto& tree) {
-      const MultiArray<1, const point> sourceXYZ = xyz->view();
-      const MultiArray<1, const unsigned char> sourceCls = cls->view();
-      classificationTransfer(tree, box, sourceXYZ, sourceCls, targetXYZ.view(), targetCls.view());
-    });
-    return true;
-  });
+                                    MemArray<1, unsigned char>& targetCls, Messages& log,
+                                    int threads) {
+  in.sourcePositions->iterate(
+      [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (!creator) {
+          log.report("ERROR: no cab_source_vertices");
+          return true;
+        }
+        auto xyz = arrayCast<1, point>(creator->getData());
+        if (!xyz) {
+          log.report("ERROR: no m_sourcevertices");
+          return true;
+        }
+        if (!in.sourceClasses->getCreator(*id)) {
+          Basalt::Console() << "INFO: no cab_source_classification for target fragment: "
+                            << targetID.Name();
+          return true;
+        }
+        auto cls = fragmentArray<unsigned char>(*in.sourceClasses, *id);
+        if (!cls || cls->size() != xyz->size()) {
+          log.report("ERROR: no m_sourceclassification");
+          return true;
+        }
+        auto bbox = fragmentBBox({id, creator});
+        if (!bbox) {
+          log.report("ERROR: no fragment_bbox of sourcevertices");
+          return true;
+        }
+        withTree(box.dimension, bbox, [&](const auto& tree) {
+          const MultiArray<1, const point> sourceXYZ = xyz->view();
+          const MultiArray<1, const unsigned char> sourceCls = cls->view();
+          classificationTransfer(tree, box, sourceXYZ, sourceCls, targetXYZ.view(),
+                                 targetCls.view(), threads);
+        });
+        return true;
+      });
 }
 
 // Target pass, one target fragment: its points and classes (reset first where asked, or where
 // the field is new), answered from the single tree point by point or from each source fragment.
 void transferOntoTargetFragment(const FragmentSlot& slot, Box& box, const TransferInputs& in,
-                                Messages& log) {
+                                Messages& log, int threads) {
   const auto xyzCreator = slot.creator;
   if (!xyzCreator)
     return log.report("ERROR: no cab_target of vertices found");
@@ -149,11 +151,12 @@ void transferOntoTargetFragment(const FragmentSlot& slot, Box& box, const Transf
 
   if (box.onetree) {
     withOneTree(box, [&](const auto& tree) {
-      for (std::size_t i = 0; i < xyz->size(); ++i)
+      forEachPoint(xyz->size(), threads, SearchPointGrain, [&](std::size_t i) {
         classificationTransferOneTree(tree, box, (*xyz)[i], (*cls)[i]);
+      });
     });
   } else {
-    transferFromEachSourceFragment(box, in, *slot.id, *xyz, *cls, log);
+    transferFromEachSourceFragment(box, in, *slot.id, *xyz, *cls, log, threads);
   }
   underCriticalSection([&] {
     clsCreator->touch();
@@ -188,9 +191,9 @@ std::string classificationTransferOLD(const StrongPtr<Grid>& source, const Stron
 
   const auto targets = fragmentsOf(*in.targetPositions);
   FragmentProgress progress(targets.size());
-  forEachFragment(targets.size(), maximumThreadsMinusOne(), log, [&](std::size_t k) {
+  forEachFragment(targets.size(), maximumThreadsMinusOne(), log, [&](std::size_t k, int inner) {
     progress.step();
-    transferOntoTargetFragment(targets[k], box, in, log);
+    transferOntoTargetFragment(targets[k], box, in, log, inner);
   });
 
   Basalt::Console() << "\nClassificationTransfer: time needed: " << secondsSince(start);

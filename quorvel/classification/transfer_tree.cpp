@@ -13,7 +13,7 @@ void classificationTransfer(const StrongPtr<Tree>& tree, const Box& box,
                             const MultiArray<1, const point>& sourcePositions,
                             const MultiArray<1, const unsigned char>& sourceClasses,
                             const MultiArray<1, point>& targetPositions,
-                            const MultiArray<1, unsigned char>& targetClasses) {
+                            const MultiArray<1, unsigned char>& targetClasses, int threads) {
   if (!tree)
     return;
   const ClassSet source(box.source), target(box.target);
@@ -22,20 +22,14 @@ void classificationTransfer(const StrongPtr<Tree>& tree, const Box& box,
   if (!tree->valid() || tree->size() == 0)
     return;
 
-  // The target points that ask, in as many parts as there are threads; the tree answers each
-  // part in its own order.
+  // The target points that ask, in one static block per thread; the tree answers each block in
+  // its own order, and an answer does not depend on the block.
   const std::size_t targetCount = std::min(targetPositions.size(), targetClasses.size());
   std::vector<std::size_t> asking;
   for (std::size_t i = 0; i < targetCount; ++i)
     if (target(targetClasses[i]))
       asking.push_back(i);
-  const int parts = maximumThreadsMinusOne();
-  const std::size_t part =
-      (asking.size() + static_cast<std::size_t>(parts) - 1) / static_cast<std::size_t>(parts);
-#pragma omp parallel for schedule(static, 1) num_threads(parts)
-  for (int t = 0; t < parts; ++t) {
-    const std::size_t b = std::min(asking.size(), static_cast<std::size_t>(t) * part);
-    const std::size_t e = std::min(asking.size(), b + part);
+  inStaticBlocks(asking.size(), threads, [&](std::size_t b, std::size_t e) {
     tree->findNearestEach(
         e - b, [&](std::size_t k) { return targetPositions[asking[b + k]]; }, box.radius,
         [&](std::size_t k, const typename Tree::Neighbour& found) {
@@ -44,7 +38,7 @@ void classificationTransfer(const StrongPtr<Tree>& tree, const Box& box,
           if (box.positions)
             targetPositions[i] = found.position;
         });
-  }
+  });
 }
 
 template <class Tree>
@@ -91,7 +85,7 @@ void classificationTransferOneTree(const StrongPtr<Tree>& tree, const Box& box, 
   template void classificationTransfer<TREE>(                                                      \
       const StrongPtr<TREE>&, const ClassificationTransferParameterBox&,                           \
       const MultiArray<1, const point>&, const MultiArray<1, const unsigned char>&,                \
-      const MultiArray<1, point>&, const MultiArray<1, unsigned char>&);                           \
+      const MultiArray<1, point>&, const MultiArray<1, unsigned char>&, int);                      \
   template void classificationTransferOneTree<TREE>(                                               \
       const StrongPtr<TREE>&, const ClassificationTransferParameterBox&, point&, unsigned char&);
 QUORVEL_TRANSFER_INSTANCES(Vantor::OcTree<unsigned>)

@@ -16,6 +16,7 @@
 #pragma once
 
 #include "basalt/Console.hpp"
+#include "quorvel/core/parallel.hpp"
 #include "tressel/BoundingBoxes.hpp"
 #include "tressel/Grid.hpp"
 #include "tressel/MemArray.hpp"
@@ -28,6 +29,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -180,22 +182,30 @@ StrongPtr<MemArray<1, T>> fragmentArray(const Field& field, const FragmentSlot& 
 // Empty when neither exists.
 StrongPtr<BoundingBox> fragmentBBox(const FragmentSlot& slot);
 
-// Runs body(k) for k = 0 .. count-1 in a parallel loop of `threads` threads, dynamic schedule
-// with chunk 1. An exception thrown by the body never leaves the loop: it is reported as
-// "ERROR: " and its text, and the other fragments go on.
+// Runs body(k) for k = 0 .. count-1, the fragments shared out over `threads` threads as
+// splitThreads says; a body taking (k, inner) is told how many threads its own loops may use
+// (all of them when there is one fragment). An exception thrown by the body never leaves the loop:
+// after it, each is reported as "ERROR: " and its text, in fragment order, and the other
+// fragments went on.
 template <class Body>
 void forEachFragment(std::size_t count, int threads, Messages& log, Body&& body) {
-  const long long n = static_cast<long long>(count);
-#pragma omp parallel for schedule(dynamic, 1) num_threads(threads)
-  for (long long k = 0; k < n; ++k) {
+  const ThreadSplit split = splitThreads(threads, count);
+  std::vector<std::string> failures(count);
+  loops::parallelFor(count, split.outer, 1, [&](std::size_t k, int) {
     try {
-      body(static_cast<std::size_t>(k));
+      if constexpr (std::is_invocable_v<Body&, std::size_t, int>)
+        body(k, split.inner);
+      else
+        body(k);
     } catch (const std::exception& e) {
-      log.report(std::string("ERROR: ") + e.what());
+      failures[k] = std::string("ERROR: ") + e.what();
     } catch (...) {
-      log.report("ERROR: unknown failure");
+      failures[k] = "ERROR: unknown failure";
     }
-  }
+  });
+  for (const std::string& failure : failures)
+    if (!failure.empty())
+      log.report(failure);
 }
 
 // The result array of one fragment of an output field. Where the field already holds an array

@@ -10,7 +10,6 @@
 #include "basalt/Text.hpp"
 
 #include <algorithm>
-#include <omp.h>
 
 namespace Quorvel {
 
@@ -207,17 +206,12 @@ void computePoints(const point* positions, std::size_t n, const Mask& mask, cons
   });
   const std::vector<std::size_t>& order = plan.computing;
   const double radius = static_cast<double>(box.maxstep) * box.step;
-  omp_set_dynamic(0);
-#pragma omp parallel num_threads(threads)
-  {
-    const auto [begin, end] =
-        detail::staticBlock(order.size(), static_cast<std::size_t>(omp_get_num_threads()),
-                            static_cast<std::size_t>(omp_get_thread_num()));
+  inStaticBlocks(order.size(), threads, [&](std::size_t begin, std::size_t end) {
     detail::SortedNeighbours neighbours;
     for (std::size_t at = begin; at < end; ++at)
       storeShape(out, box, order[at],
                  shapeAt(tree, positions, positions[order[at]], radius, box, neighbours));
-  }
+  });
   for (const auto& [copy, first] : plan.copies)
     copyShape(out, box, copy, first);
 }
@@ -290,14 +284,8 @@ std::string shapeFactorComputation(const StrongPtr<Grid>& grid, Box& box,
 
   const std::vector<FragmentSlot> fragments = fragmentsOf(*f.positions);
   // Threads go to the fragments first; what one fragment's share leaves goes to its points.
-  const int threads = maximumThreadsMinusOne();
-  const int outer = static_cast<int>(std::min<std::size_t>(
-      static_cast<std::size_t>(threads), std::max<std::size_t>(1, fragments.size())));
-  const int inner = std::max(1, threads / outer);
-  if (inner > 1)
-    omp_set_max_active_levels(std::max(omp_get_max_active_levels(), 2));
   FragmentProgress progress(fragments.size(), "shapeFactorComputation: compute ", "       \r");
-  forEachFragment(fragments.size(), outer, log, [&](std::size_t k) {
+  forEachFragment(fragments.size(), maximumThreadsMinusOne(), log, [&](std::size_t k, int inner) {
     computeFragment(f, fragments[k], box, log, progress, inner);
   });
   return box.message;

@@ -21,13 +21,10 @@ void PointCloudReductionParameterBox::print() const {
 
 namespace {
 
-// The point loops of both passes: dynamic schedule in chunks of 25000 points.
+// The point loops of both passes.
 template <class Body>
 void forEachPoint(std::size_t n, const Body& body) {
-  const long long count = static_cast<long long>(n);
-#pragma omp parallel for schedule(dynamic, 25000) num_threads(maximumThreadsMinusOne())
-  for (long long i = 0; i < count; ++i)
-    body(static_cast<std::size_t>(i));
+  Quorvel::forEachPoint(n, maximumThreadsMinusOne(), CheapPointGrain, body);
 }
 
 struct Fields {
@@ -86,14 +83,12 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
   tree.forEachLeaf([&](const auto&, const std::vector<unsigned>& indices) {
     order.insert(order.end(), indices.begin(), indices.end());
   });
-#pragma omp parallel num_threads(maximumThreadsMinusOne())
-  {
-    detail::WeightScratch scratch;
-#pragma omp for schedule(dynamic, 25000)
-    for (long long at = 0; at < static_cast<long long>(order.size()); ++at)
-      w[order[static_cast<std::size_t>(at)]] =
-          detail::weightOfPoint(in, order[static_cast<std::size_t>(at)], scratch);
-  }
+  forEachPointWith(
+      order.size(), maximumThreadsMinusOne(), SearchPointGrain,
+      [] { return detail::WeightScratch(); },
+      [&](detail::WeightScratch& scratch, std::size_t at) {
+        w[order[at]] = detail::weightOfPoint(in, order[at], scratch);
+      });
   box.fragmentMaxWeights.push_back(*std::max_element(w, w + n));
   weights.commit();
   box.fragmentMedianWeights.push_back(medianOf(std::vector<float>(w, w + n)));

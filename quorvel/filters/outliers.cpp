@@ -94,16 +94,6 @@ Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& f
   return points;
 }
 
-// Runs body(i) for every point in a static parallel loop: each point's answer is its own, so
-// the thread count changes nothing.
-template <class Body>
-void forEachPoint(std::size_t n, int threads, Body&& body) {
-  const long long count = static_cast<long long>(n);
-#pragma omp parallel for schedule(static, 4096) num_threads(threads)
-  for (long long i = 0; i < count; ++i)
-    body(static_cast<std::size_t>(i));
-}
-
 // True for a point at the position of the one before it in space order, bit for bit: copies
 // sort together, their neighbours are the same, and the first answers for all of them (the
 // search of a point among 10^5 copies would visit every one).
@@ -131,7 +121,7 @@ std::vector<std::uint8_t> statistical(const Points& points, const KdTree& tree,
   thread_local std::vector<std::size_t> found;
   thread_local std::vector<double> squared;
   const auto copy = copyOfPrevious(points);
-  forEachPoint(n, threads, [&](std::size_t i) {
+  forEachPoint(n, threads, SearchPointGrain, [&](std::size_t i) {
     if (copy[i])
       return;
     found.resize(k + 1);
@@ -169,7 +159,7 @@ std::vector<std::uint8_t> byRadius(const Points& points, const KdTree& tree,
       std::nextafter(box.radius * box.radius, std::numeric_limits<double>::infinity());
   std::vector<std::uint8_t> outlier(n);
   const auto copy = copyOfPrevious(points);
-  forEachPoint(n, threads, [&](std::size_t i) {
+  forEachPoint(n, threads, SearchPointGrain, [&](std::size_t i) {
     if (copy[i])
       return;
     const point& p = points.xyz[i];

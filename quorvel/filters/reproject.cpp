@@ -128,19 +128,15 @@ bool reproject(const StrongPtr<Grid>& grid, ReprojectionParameterBox& box,
   for (const auto& a : arrays)
     for (std::size_t b = 0; b < a->size(); b += Piece)
       pieces.emplace_back(a->data() + b, std::min(Piece, a->size() - b));
-  bool failed = false;
-  const long long count = static_cast<long long>(pieces.size());
-#pragma omp parallel num_threads(correctedThreadCount(box.threads)) reduction(|| : failed)
-  {
-    const PointTransform transform = makeTransform();
-#pragma omp for schedule(dynamic, 1)
-    for (long long k = 0; k < count; ++k) {
-      const auto& [xyz, n] = pieces[static_cast<std::size_t>(k)];
-      failed = failed ||
-               !transformFragment(xyz, n, transform, approximation ? &*approximation : nullptr);
-    }
-  }
-  if (failed) {
+  // A transform per thread: a PROJ object is not to be shared between threads.
+  std::vector<std::uint8_t> failed(pieces.size(), 0);
+  forEachItemWith(pieces.size(), correctedThreadCount(box.threads), makeTransform,
+                  [&](const PointTransform& transform, std::size_t k) {
+                    const auto& [xyz, n] = pieces[k];
+                    failed[k] = !transformFragment(xyz, n, transform,
+                                                   approximation ? &*approximation : nullptr);
+                  });
+  if (std::find(failed.begin(), failed.end(), 1) != failed.end()) {
     log.report("ERROR: points that the transform cannot carry (outside the systems' area?)");
     return false;
   }

@@ -83,16 +83,15 @@ void fillGaps(Pixels& p, int rings) {
       m.measured[k] = 1;
     }
   // Rows are independent: each reads the measured cells and writes its own row of the copies.
-  const auto rows = static_cast<long long>(p.rows);
-#pragma omp parallel for schedule(dynamic, 16)
-  for (long long row = 0; row < rows; ++row)
-    for (std::size_t i = 0, j = static_cast<std::size_t>(row); i < p.columns; ++i) {
+  forEachItem(p.rows, maximumThreadsMinusOne(), [&](std::size_t j) {
+    for (std::size_t i = 0; i < p.columns; ++i) {
       const std::size_t at = j * p.columns + i;
       if (p.types[at] != Measured &&
           ringMean(p, m, static_cast<long long>(i), static_cast<long long>(j), offsets, starts,
                    filled[at]))
         types[at] = Filled;
     }
+  });
   p.heights.swap(filled);
   p.types.swap(types);
 }

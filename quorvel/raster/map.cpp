@@ -153,15 +153,15 @@ struct SecondPass {
 };
 
 void secondPass(const SecondPass& pass, std::size_t n) {
-  const long long count = static_cast<long long>(n);
-#pragma omp parallel for schedule(static) num_threads(maximumThreadsMinusOne())
-  for (long long i = 0; i < count; ++i) {
-    // The cells of points a little ahead (known from the first pass) are fetched while this one
-    // is worked on.
-    if (i + Ahead < count)
-      prefetch(pass.run, pass.places[i + Ahead]);
-    pass(static_cast<std::size_t>(i));
-  }
+  inStaticBlocks(n, maximumThreadsMinusOne(), [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+      // The cells of points a little ahead (known from the first pass) are fetched while this
+      // one is worked on.
+      if (i + Ahead < end)
+        prefetch(pass.run, pass.places[i + Ahead]);
+      pass(i);
+    }
+  });
 }
 
 bool outsideRaster(const Run& run, const FragmentSlot& slot) {
@@ -181,16 +181,14 @@ void mapPoints(const Run& run, const point* p, std::size_t n, unsigned char* cla
                float* heights, std::vector<CellPlace>& buffer) {
   buffer.assign(n, CellPlace());
   CellPlace* places = buffer.data();
-  const long long count = static_cast<long long>(n);
-#pragma omp parallel for schedule(static) num_threads(maximumThreadsMinusOne())
-  for (long long i = 0; i < count; ++i) {
+  forEachPoint(n, maximumThreadsMinusOne(), CheapPointGrain, [&](std::size_t i) {
     if (!run.classes.mapped(classes[i], run.log,
                             "ERROR: constant class ... but still computing !? - class: ") ||
         !run.raster.locate(p[i], places[i]))
-      continue;
+      return;
     if (run.box.unclassify)
       classes[i] = 0;
-  }
+  });
   MissingReports missing;
   secondPass({run, places, p, classes, heights, missing}, n);
 }

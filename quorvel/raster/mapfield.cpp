@@ -74,13 +74,12 @@ void mapFragment(const Tree& tree, const SourcePoints& source, const Field& posi
       MemArray<3, float>::filled(xyz->multiExtents(), std::numeric_limits<float>::quiet_NaN());
   const point* p = xyz->data();
   float* v = out->data();
-#pragma omp parallel for schedule(dynamic, 4096) num_threads(maximumThreadsMinusOne())
-  for (long long i = 0; i < static_cast<long long>(n); ++i) {
+  forEachPoint(n, maximumThreadsMinusOne(), SearchPointGrain, [&](std::size_t i) {
     std::uint32_t k = 0;
     double squared = 0;
     if (tree.findNearest(p[i], radius, k, squared))
       v[i] = source.values[k];
-  }
+  });
   target.setPersistentData(out, id);
 }
 

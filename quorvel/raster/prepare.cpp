@@ -8,7 +8,6 @@
 
 #include <cmath>
 #include <limits>
-#include <omp.h>
 
 namespace Quorvel {
 
@@ -186,7 +185,7 @@ bool prepareRaster(const StrongPtr<Grid>& raster, MapRasterOnPointCloudParameter
   if (!out.plane || !out.maxGround || !out.minGround)
     return log.report("ERROR: the raster holds prepared fields of other types"), false;
   const auto fragments = fragmentsOf(*positions);
-  forEachFragment(fragments.size(), omp_get_max_threads(), log, [&](std::size_t k) {
+  forEachFragment(fragments.size(), maximumThreadsMinusOne(), log, [&](std::size_t k) {
     prepareFragment(*positions, *types, *heights, out, fragments[k].id, box, log);
   });
   Basalt::Console() << "PlanarRegressionAndMaxGround - finished";

@@ -119,7 +119,7 @@ int rounds(const MultiArray<1, point>& positions, const StrongPtr<BoundingBox>& 
       break;
     const Decision<Tree> decide{*tree, positions, before, box, mode};
     std::atomic<std::size_t> changed{0};
-    detail::inStaticBlocks(n, [&](std::size_t begin, std::size_t end) {
+    inStaticBlocks(n, maximumThreadsMinusOne(), [&](std::size_t begin, std::size_t end) {
       std::vector<unsigned> seeds;
       std::vector<point> scratch;
       CopyAnswers<3, bool> copies;

@@ -15,7 +15,6 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <omp.h>
 #include <type_traits>
 
 namespace Quorvel {
@@ -120,26 +119,27 @@ void pointStep(const Tree* tree, const MultiArray<1, point>& positions,
                std::vector<std::uint32_t>& counts, const InTree& inTree) {
   const detail::RegressionStep step{positions, box.range, box.target,
                                     static_cast<unsigned>(box.quantile)};
-  detail::inStaticBlocks(positions.size(), [&](std::size_t begin, std::size_t end) {
-    std::vector<unsigned> neighbours;
-    std::vector<point> scratch;
-    CopyOutcomes copies;
-    for (std::size_t i = begin; i < end; ++i) {
-      if (!box.working_range.contains(static_cast<double>(classes[i]), RangeTolerance))
-        continue;
-      const auto key = CopyOutcomes::keyOf(positions[i], radii[i], counts[i], inTree(i));
-      if (const auto* known = copies.find(key)) {
-        step.apply(*known, classes[i], radii[i], counts[i]);
-        continue;
-      }
-      neighbours.clear();
-      if (tree)
-        tree->getRange(positions[i], radii[i], neighbours);
-      const auto o = step.outcome(i, neighbours, counts[i], scratch);
-      copies.remember(key, o, neighbours, positions);
-      step.apply(o, classes[i], radii[i], counts[i]);
-    }
-  });
+  inStaticBlocks(
+      positions.size(), maximumThreadsMinusOne(), [&](std::size_t begin, std::size_t end) {
+        std::vector<unsigned> neighbours;
+        std::vector<point> scratch;
+        CopyOutcomes copies;
+        for (std::size_t i = begin; i < end; ++i) {
+          if (!box.working_range.contains(static_cast<double>(classes[i]), RangeTolerance))
+            continue;
+          const auto key = CopyOutcomes::keyOf(positions[i], radii[i], counts[i], inTree(i));
+          if (const auto* known = copies.find(key)) {
+            step.apply(*known, classes[i], radii[i], counts[i]);
+            continue;
+          }
+          neighbours.clear();
+          if (tree)
+            tree->getRange(positions[i], radii[i], neighbours);
+          const auto o = step.outcome(i, neighbours, counts[i], scratch);
+          copies.remember(key, o, neighbours, positions);
+          step.apply(o, classes[i], radii[i], counts[i]);
+        }
+      });
 }
 
 // The rounds with a tree of type Tree (none when Tree is void); returns how many ran their point

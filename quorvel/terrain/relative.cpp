@@ -1,9 +1,8 @@
 // Quorvel: the square-neighbourhood terrain measures, relative height and share of points below.
 // Each compute indexes the fragment's points in a cell grid (detail/square_index.hpp) and answers
 // every point's closed x-y square from it; points are visited in the grid's order, so that
-// neighbouring squares read neighbouring memory. The height loop runs on the library's threads
-// with chunks of one point, the belows loop on the runtime's default threads with chunks of
-// 15000 points; every result is written by point index.
+// neighbouring squares read neighbouring memory. Both loops run on the box's threads in chunks
+// of SearchPointGrain points; every result is written by point index.
 #include "quorvel/core/core.hpp"
 #include "quorvel/spatial/spatial.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
@@ -70,7 +69,7 @@ std::size_t pointOf(const SquareIndex& index, std::size_t k) {
 
 // Relative heights of the points that `takes` accepts, among those points.
 template <class Takes>
-void heights(double halfWidth, const MultiArray<1, float>& result,
+void heights(double halfWidth, int threads, const MultiArray<1, float>& result,
              const MultiArray<1, const point>& positions,
              const StrongPtr<Vantor::BoundingBox>& bbox, const Takes& takes) {
   const double h = Quorvel::detail::squareHalfWidthInUse(halfWidth);
@@ -78,12 +77,9 @@ void heights(double halfWidth, const MultiArray<1, float>& result,
   const SquareIndex index(positions, bbox.get(), h, takes);
   const Quorvel::CopyPlan plan =
       plannedSteps(index, [&](std::size_t k) { return pointOf(index, k) < n; });
-  const auto m = static_cast<long long>(plan.computing.size());
-#pragma omp parallel for schedule(dynamic, 1) num_threads(Quorvel::maximumThreadsMinusOne())
-  for (long long at = 0; at < m; ++at) {
+  const auto step = [&](std::size_t at) {
     point p;
-    const std::size_t i =
-        visited(index, plan.computing[static_cast<std::size_t>(at)], positions, p);
+    const std::size_t i = visited(index, plan.computing[at], positions, p);
     const double loX = p.x - h, hiX = p.x + h, loY = p.y - h, hiY = p.y + h;
     double lowest = std::numeric_limits<double>::infinity();
     index.runs(loX, hiX, loY, hiY, [&](std::size_t b, std::size_t e) {
@@ -92,14 +88,16 @@ void heights(double halfWidth, const MultiArray<1, float>& result,
     // An empty square has no lowest point (and a point's z is never infinite in one).
     result[i] =
         lowest < std::numeric_limits<double>::infinity() ? static_cast<float>(p.z - lowest) : 0.0f;
-  }
+  };
+  Quorvel::forEachPoint(plan.computing.size(), Quorvel::correctedThreadCount(threads),
+                        Quorvel::SearchPointGrain, step);
   for (const auto& [copy, first] : plan.copies)
     result[pointOf(index, copy)] = result[pointOf(index, first)];
 }
 
 // Shares below of the points that `computes` accepts, among all points.
 template <class Computes>
-void belows(double halfWidth, const MultiArray<1, unsigned char>& result,
+void belows(double halfWidth, int threads, const MultiArray<1, unsigned char>& result,
             const MultiArray<1, const point>& positions, const StrongPtr<Vantor::BoundingBox>& bbox,
             const Computes& computes) {
   const double h = Quorvel::detail::squareHalfWidthInUse(halfWidth);
@@ -109,19 +107,18 @@ void belows(double halfWidth, const MultiArray<1, unsigned char>& result,
     const std::size_t i = pointOf(index, k);
     return i < n && computes(i);
   });
-  const auto m = static_cast<long long>(plan.computing.size());
-#pragma omp parallel for schedule(dynamic, 15000)
-  for (long long at = 0; at < m; ++at) {
+  const auto step = [&](std::size_t at) {
     point p;
-    const std::size_t i =
-        visited(index, plan.computing[static_cast<std::size_t>(at)], positions, p);
+    const std::size_t i = visited(index, plan.computing[at], positions, p);
     const double loX = p.x - h, hiX = p.x + h, loY = p.y - h, hiY = p.y + h;
     std::size_t inside = 0, below = 0;
     index.runs(loX, hiX, loY, hiY, [&](std::size_t b, std::size_t e) {
       Quorvel::detail::countInSquare(index, b, e, loX, hiX, loY, hiY, p.z, inside, below);
     });
     result[i] = Quorvel::detail::shareOf(below, inside);
-  }
+  };
+  Quorvel::forEachPoint(plan.computing.size(), Quorvel::correctedThreadCount(threads),
+                        Quorvel::SearchPointGrain, step);
   for (const auto& [copy, first] : plan.copies)
     result[pointOf(index, copy)] = result[pointOf(index, first)];
 }
@@ -131,7 +128,7 @@ void belows(double halfWidth, const MultiArray<1, unsigned char>& result,
 bool RelativeHeightBox::compute(const MultiArray<1, float>& result,
                                 const MultiArray<1, const point>& positions,
                                 const StrongPtr<Vantor::BoundingBox>& bbox) const {
-  heights(squareHalfWidth, result, positions, bbox, [](std::size_t) { return true; });
+  heights(squareHalfWidth, threads, result, positions, bbox, [](std::size_t) { return true; });
   return true;
 }
 
@@ -140,7 +137,7 @@ bool RelativeHeightBox::compute(const MultiArray<1, float>& result,
                                 const MultiArray<1, const unsigned char>& pointClasses,
                                 const Vantor::MultiRange<double>& classes,
                                 const StrongPtr<Vantor::BoundingBox>& bbox) const {
-  heights(squareHalfWidth, result, positions, bbox, [&](std::size_t i) {
+  heights(squareHalfWidth, threads, result, positions, bbox, [&](std::size_t i) {
     return i < pointClasses.size() &&
            classes.contains(static_cast<double>(pointClasses[i]), Quorvel::RangeTolerance);
   });
@@ -150,7 +147,7 @@ bool RelativeHeightBox::compute(const MultiArray<1, float>& result,
 bool RelativeBelowsBox::compute(const MultiArray<1, unsigned char>& result,
                                 const MultiArray<1, const point>& positions,
                                 const StrongPtr<Vantor::BoundingBox>& bbox) const {
-  belows(squareHalfWidth, result, positions, bbox, [](std::size_t) { return true; });
+  belows(squareHalfWidth, threads, result, positions, bbox, [](std::size_t) { return true; });
   return true;
 }
 
@@ -158,7 +155,7 @@ bool RelativeBelowsBox::compute(const MultiArray<1, unsigned char>& result,
                                 const MultiArray<1, const point>& positions,
                                 const MultiArray<1, const unsigned char>& pointClasses,
                                 const StrongPtr<Vantor::BoundingBox>& bbox) const {
-  belows(squareHalfWidth, result, positions, bbox,
+  belows(squareHalfWidth, threads, result, positions, bbox,
          [&](std::size_t i) { return i < pointClasses.size() && pointClasses[i] != 4; });
   return true;
 }

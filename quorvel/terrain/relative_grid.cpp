@@ -19,6 +19,11 @@ std::string relativeHeightAndBelows(const StrongPtr<Grid>& grid, double squareHa
   Tressel::RelativeHeightBox height;
   Tressel::RelativeBelowsBox below;
   height.squareHalfWidth = below.squareHalfWidth = squareHalfWidth;
+  // The two measures of a fragment are independent and share the threads as splitThreads says:
+  // side by side where each has threads of its own (their one-thread index builds then overlap),
+  // else one after the other with all the threads.
+  const ThreadSplit split = splitThreads(maximumThreadsMinusOne(), 2);
+  height.threads = below.threads = split.inner;
   for (const FragmentSlot& slot : fragmentsOf(*positions)) {
     const auto xyz = fragmentArray<point>(*positions, slot);
     const auto bbox = xyz ? fragmentBBox(slot) : nullptr;
@@ -29,13 +34,14 @@ std::string relativeHeightAndBelows(const StrongPtr<Grid>& grid, double squareHa
       return "a fragment has no class of every point";
     FragmentOutput<float> h(heights, slot.id, xyz->size());
     FragmentOutput<unsigned char> b(belows, slot.id, xyz->size());
-    if (cls) {
-      height.compute(h.view(), xyz->view(), cls->view(), *classes, bbox);
-      below.compute(b.view(), xyz->view(), cls->view(), bbox);
-    } else {
-      height.compute(h.view(), xyz->view(), bbox);
-      below.compute(b.view(), xyz->view(), bbox);
-    }
+    forEachItem(2, split.outer, [&](std::size_t measure) {
+      if (measure == 0)
+        cls ? height.compute(h.view(), xyz->view(), cls->view(), *classes, bbox)
+            : height.compute(h.view(), xyz->view(), bbox);
+      else
+        cls ? below.compute(b.view(), xyz->view(), cls->view(), bbox)
+            : below.compute(b.view(), xyz->view(), bbox);
+    });
     h.commit();
     b.commit();
   }

@@ -220,6 +220,8 @@ namespace Tressel {
 struct RelativeHeightBox {
   // Half the side of the square (units of the positions).
   double squareHalfWidth = 1.0;
+  // Threads of the per-point loop; 0 or less: all but one. The result never depends on it.
+  int threads = 0;
 
   // result[i] = z of point i minus the lowest z of its square (0 for a point that is not in the
   // tree: outside bbox or not finite). result must hold one value per position.
@@ -239,6 +241,8 @@ struct RelativeHeightBox {
 struct RelativeBelowsBox {
   // Half the side of the square (units of the positions).
   double squareHalfWidth = 1.0;
+  // Threads of the per-point loop; 0 or less: all but one. The result never depends on it.
+  int threads = 0;
 
   // result[i] = int(255 * (points of the square strictly lower than point i) / (points of the
   // square)); 255 for a point that is not in the tree. A point never counts itself, so the

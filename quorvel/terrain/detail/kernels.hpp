@@ -17,15 +17,6 @@ namespace Quorvel::detail {
 
 using Plane = Vantor::PhysicalSpace::vector;
 
-// The contiguous block of n items that thread t of `threads` works on: n / threads items each,
-// the first n % threads threads one more.
-inline std::pair<std::size_t, std::size_t> staticBlock(std::size_t n, std::size_t threads,
-                                                       std::size_t t) {
-  const std::size_t base = n / threads, extra = n % threads;
-  const std::size_t begin = t * base + std::min(t, extra);
-  return {begin, begin + base + (t < extra ? 1 : 0)};
-}
-
 // What a round of the regression does with one candidate, given the indices of its neighbours
 // (itself included when it is in the tree).
 struct RegressionStep {

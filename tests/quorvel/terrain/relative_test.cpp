@@ -1,5 +1,6 @@
 // Tests of the relative height and below boxes against brute-force squares.
 #include "quorvel/terrain/terrain.hpp"
+#include "tressel/PointCloud.hpp"
 
 #include <gtest/gtest.h>
 
@@ -94,18 +95,21 @@ std::vector<unsigned char> bruteBelows(const std::vector<point>& xyz, double hal
   return out;
 }
 
-std::vector<float> heights(const std::vector<point>& xyz, double halfWidth) {
+std::vector<float> heights(const std::vector<point>& xyz, double halfWidth, int threads = 0) {
   std::vector<float> out(xyz.size(), -1.0f);
   Tressel::RelativeHeightBox box;
   box.squareHalfWidth = halfWidth;
+  box.threads = threads;
   EXPECT_TRUE(box.compute(view(out), view(xyz), boxOf(xyz)));
   return out;
 }
 
-std::vector<unsigned char> belows(const std::vector<point>& xyz, double halfWidth) {
+std::vector<unsigned char> belows(const std::vector<point>& xyz, double halfWidth,
+                                  int threads = 0) {
   std::vector<unsigned char> out(xyz.size(), 77);
   Tressel::RelativeBelowsBox box;
   box.squareHalfWidth = halfWidth;
+  box.threads = threads;
   EXPECT_TRUE(box.compute(view(out), view(xyz), boxOf(xyz)));
   return out;
 }
@@ -205,17 +209,40 @@ TEST(RelativeMeasures, CopiesOfPositionsAnswerAsBruteForceWithTheClassForms) {
 }
 
 TEST(RelativeMeasures, ResultsDoNotDependOnThreads) {
-  const auto xyz = makeFragment(true, 4000, 13);
+  // One fragment of many more points than a chunk, so that its points spread over the threads.
+  // The runtime's count is raised so that 7 is not corrected down on a small machine.
+  const auto xyz = makeFragment(true, 20000, 13);
   const int saved = omp_get_max_threads();
-  omp_set_num_threads(1);
-  const auto h1 = heights(xyz, 1.0);
-  const auto b1 = belows(xyz, 1.0);
-  omp_set_num_threads(5);
-  const auto h5 = heights(xyz, 1.0);
-  const auto b5 = belows(xyz, 1.0);
+  omp_set_num_threads(8);
+  const auto h1 = heights(xyz, 1.0, 1);
+  const auto b1 = belows(xyz, 1.0, 1);
+  for (int threads : {2, 3, 7}) {
+    EXPECT_EQ(heights(xyz, 1.0, threads), h1) << threads;
+    EXPECT_EQ(belows(xyz, 1.0, threads), b1) << threads;
+  }
   omp_set_num_threads(saved);
-  EXPECT_EQ(h1, h5);
-  EXPECT_EQ(b1, b5);
+}
+
+// The driver on one fragment: its two measures side by side or one after the other, their points
+// over one, two or seven threads, always the same arrays.
+TEST(RelativeMeasures, OneFragmentOfACloudGivesTheSameFieldsOnAnyThreads) {
+  const auto xyz = makeFragment(false, 20000, 21);
+  const auto partition = Tressel::tilePartition(xyz, 1000.0);
+  ASSERT_EQ(partition.size(), 1u);
+  const auto run = [&](int threads) {
+    auto grid = Tressel::PointCloudBuilder(xyz).build(partition);
+    const int saved = omp_get_max_threads();
+    omp_set_num_threads(threads + 1); // the library keeps one back
+    EXPECT_EQ(Quorvel::relativeHeightAndBelows(grid, 1.0, nullptr), "");
+    omp_set_num_threads(saved);
+    const auto& chart = Tressel::StandardCartesianChart3D;
+    return std::pair(
+        Tressel::readField<float>(*(*grid)(chart, "RelativeHeight"), partition),
+        Tressel::readField<unsigned char>(*(*grid)(chart, "RelativeBelows"), partition));
+  };
+  const auto one = run(1);
+  for (int threads : {2, 7})
+    EXPECT_EQ(run(threads), one) << threads;
 }
 
 } // namespace

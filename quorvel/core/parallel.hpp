@@ -1,0 +1,182 @@
+// Quorvel: the library's parallel loops, the one place where it opens OpenMP regions.
+//
+// Three shapes:
+//   forEachItem     items of large, uneven work (fragments, file chunks, tiles), one at a time;
+//   forEachPoint    points, dynamically, in chunks of a named grain;
+//   inStaticBlocks  points in a fixed partition of [0, n) into contiguous blocks, one per thread.
+// Thread counts are always passed in. No loop changes the runtime's settings (dynamic
+// adjustment, active levels, the default thread count), so a host's own OpenMP use is left as it
+// was. Work inside work is expressed by sharing a thread count (splitThreads): a loop over fewer
+// items than threads gives each item's own loops the threads it leaves.
+//
+// No exception leaves a region. Each iteration's exception is caught; after the loop the one of
+// the lowest index is rethrown, whatever the threads and their timing ("first error wins").
+// Every iteration should write only its own slots, so that no result depends on the threads.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <exception>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Quorvel {
+
+// Chunk of the dynamic loops over points whose work is a few steps each (a transform, a cell).
+inline constexpr std::size_t CheapPointGrain = 4096;
+// Chunk of the dynamic loops over points whose work is a neighbourhood search, of uneven cost.
+inline constexpr std::size_t SearchPointGrain = 256;
+
+// The block [begin, end) of part `part` of [0, n) cut into `parts` contiguous blocks: n / parts
+// items each, the first n % parts blocks one more.
+inline std::pair<std::size_t, std::size_t> staticBlock(std::size_t n, std::size_t parts,
+                                                       std::size_t part) {
+  const std::size_t base = n / parts, extra = n % parts;
+  const std::size_t begin = part * base + std::min(part, extra);
+  return {begin, begin + base + (part < extra ? 1 : 0)};
+}
+
+// The runtime's thread count for a region opened here (the host's setting, as OMP_NUM_THREADS or
+// omp_set_num_threads left it): the count of the io loops, which keep no thread back.
+int allThreads();
+
+// How a thread count is shared between a loop over items and the loops inside each item.
+struct ThreadSplit {
+  int outer = 1; // threads of the loop over the items
+  int inner = 1; // threads each item's own loops may use
+};
+
+// With at least as many items as threads, every thread takes whole items and the inner loops run
+// on one. With fewer, the items share the threads: `count` outer threads of threads / count inner
+// ones each where the runtime lets a region open inside a region, else the items one after the
+// other, each with all the threads. threads below 1 count as 1.
+ThreadSplit splitThreads(int threads, std::size_t count);
+
+// The exception of the lowest index among those the iterations of a loop threw.
+class FirstError {
+public:
+  static constexpr std::size_t None = std::numeric_limits<std::size_t>::max();
+
+  // Keeps the exception being handled when index is lower than the one kept. Call it from a
+  // catch block.
+  void keep(std::size_t index) noexcept;
+  bool empty() const { return index_ == None; }
+  // The index of the kept exception; None when there is none.
+  std::size_t index() const { return index_; }
+  // The kept exception's text ("unknown failure" for one not derived from std::exception);
+  // empty when there is none.
+  std::string message() const;
+  // Throws the kept exception, if any.
+  void rethrow() const {
+    if (error_)
+      std::rethrow_exception(error_);
+  }
+
+private:
+  std::mutex mutex_;
+  std::size_t index_ = None;
+  std::exception_ptr error_;
+};
+
+namespace loops {
+
+// The number of the calling thread in the innermost region (0 outside any).
+int workerIndex();
+
+// The one loop shape: f(i, worker) for i in [0, n) on `threads` threads in dynamic chunks of
+// `grain`, worker the thread's number in [0, threads); in the calling thread alone (worker 0)
+// when one thread or one chunk would do. f must not throw.
+template <class F>
+void parallelFor(std::size_t n, int threads, std::size_t grain, const F& f) {
+  if (threads <= 1 || n <= grain) {
+    for (std::size_t i = 0; i < n; ++i)
+      f(i, 0);
+    return;
+  }
+  const auto count = static_cast<long long>(n);
+  const auto chunk = static_cast<long long>(grain);
+#pragma omp parallel for schedule(dynamic, chunk) num_threads(threads)
+  for (long long i = 0; i < count; ++i)
+    f(static_cast<std::size_t>(i), workerIndex());
+}
+
+// body(i), with what it throws kept in errors under i.
+template <class Body>
+void guarded(FirstError& errors, std::size_t i, const Body& body) noexcept {
+  try {
+    body(i);
+  } catch (...) {
+    errors.keep(i);
+  }
+}
+
+} // namespace loops
+
+// body(k) for k in [0, count) on `threads` threads, one item at a time in any order; what the
+// items throw is kept in errors, for a caller that names the failing item in its report.
+template <class Body>
+void forEachItem(std::size_t count, int threads, FirstError& errors, Body&& body) {
+  loops::parallelFor(count, threads, 1,
+                     [&](std::size_t k, int) { loops::guarded(errors, k, body); });
+}
+
+// The same, then the exception of the lowest failing item, if any, is rethrown.
+template <class Body>
+void forEachItem(std::size_t count, int threads, Body&& body) {
+  FirstError errors;
+  forEachItem(count, threads, errors, body);
+  errors.rethrow();
+}
+
+// forEachPoint with a state per thread: body(state, i), the state made by make() the first time
+// a thread needs one (scratch buffers, or what threads may not share, such as a PROJ transform).
+template <class Make, class Body>
+void forEachPointWith(std::size_t n, int threads, std::size_t grain, const Make& make,
+                      Body&& body) {
+  std::vector<std::optional<decltype(make())>> states(
+      static_cast<std::size_t>(std::max(1, threads)));
+  FirstError errors;
+  loops::parallelFor(n, threads, grain, [&](std::size_t i, int worker) {
+    auto& state = states[static_cast<std::size_t>(worker)];
+    loops::guarded(errors, i, [&](std::size_t) {
+      if (!state)
+        state.emplace(make());
+      body(*state, i);
+    });
+  });
+  errors.rethrow();
+}
+
+// forEachItem with a state per thread, as forEachPointWith makes it.
+template <class Make, class Body>
+void forEachItemWith(std::size_t count, int threads, const Make& make, Body&& body) {
+  forEachPointWith(count, threads, 1, make, body);
+}
+
+// body(i) for i in [0, n) on `threads` threads, in dynamic chunks of grain (CheapPointGrain or
+// SearchPointGrain); then the exception of the lowest failing point, if any, is rethrown.
+template <class Body>
+void forEachPoint(std::size_t n, int threads, std::size_t grain, Body&& body) {
+  FirstError errors;
+  loops::parallelFor(n, threads, grain,
+                     [&](std::size_t i, int) { loops::guarded(errors, i, body); });
+  errors.rethrow();
+}
+
+// body(begin, end) for the `threads` blocks of staticBlock(n, threads, part), each block on one
+// thread; then the exception of the lowest failing block, if any, is rethrown. The partition
+// depends on n and threads alone, never on how many threads the runtime really gives.
+template <class Body>
+void inStaticBlocks(std::size_t n, int threads, Body&& body) {
+  const auto parts = static_cast<std::size_t>(std::max(1, threads));
+  forEachItem(parts, threads, [&](std::size_t part) {
+    const auto [begin, end] = staticBlock(n, parts, part);
+    body(begin, end);
+  });
+}
+
+} // namespace Quorvel
