@@ -10,10 +10,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace Quorvel::Cli {
@@ -161,6 +165,52 @@ CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalS
 // (a number, or the text "2D"/"3D").
 CLI::Option* addDimension(CLI::App& app, int& dimension, const std::string& help);
 CLI::Option* addDimension(CLI::App& app, std::string& dimension, const std::string& help);
+
+// Whether an option's help shows its default: hidden where the default is not what a run takes
+// (an option that chooses a mode when given).
+enum class Default { Shown, Hidden };
+
+// addField's work once the field is found; throws std::logic_error for a field whose
+// description has no option (a programming error).
+template <class T>
+CLI::Option* addDescribed(CLI::App& app, std::string_view box, std::string_view field,
+                          std::string_view option, std::string_view help, T& value, Default shown) {
+  if (option.empty())
+    throw std::logic_error(std::string(box) + "::" + std::string(field) + " has no option");
+  const std::string name(option), text(help);
+  if constexpr (std::is_same_v<T, bool>) {
+    return app.add_flag(name, value, text);
+  } else if constexpr (std::is_same_v<T, Vantor::MultiRange<double>>) {
+    return addRange(app, name, value, text);
+  } else {
+    CLI::Option* added = app.add_option(name, value, text);
+    bool unset = false;
+    if constexpr (std::is_floating_point_v<T>)
+      unset = std::isnan(value);
+    if (shown == Default::Shown && !unset)
+      added->capture_default_str();
+    if (Checks::checkOf(box, field))
+      added->check(boxRule(box, field));
+    return added;
+  }
+}
+
+// The option that a box's description (quorvel/core/fields.hpp) gives one of its fields, with
+// the description's name and help: a switch for a bool, a range text for a MultiRange (addRange),
+// else a value with its default shown (unless NaN, "not set", or hidden) and the checks table's
+// rule for the field, if it has one. Options are bound one field at a time so that each command
+// keeps the order of its help.
+template <class Box, class T>
+CLI::Option* addField(CLI::App& app, Box& box, T Box::*member, Default shown = Default::Shown) {
+  CLI::Option* added = nullptr;
+  forEachField<Box>([&](const auto& described) {
+    if (describes(described, member))
+      added = addDescribed(app, Box::fields().name, described.name, described.cliOption,
+                           described.cliHelp, box.*member, shown);
+  });
+  return added;
+}
+
 // A box's thread count: set by --threads after the command name, or by the common --threads
 // before it.
 CLI::Option* addThreads(CLI::App& app, std::int32_t& threads);

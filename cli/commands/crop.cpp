@@ -25,7 +25,7 @@ public:
                    "OGR's attribute filter on the features, an SQL WHERE clause (\"class = 'A'\")")
         ->needs(polygon_);
     box->excludes(polygon_);
-    app.add_flag("--inverse", box_.inverse, "keep the points outside the area instead");
+    addField(app, box_, &CropParameterBox::inverse);
     addExpression(app, "--where", box_.where,
                   "test only the points for which an expression holds (docs/expressions.md); "
                   "the others are kept as they are");

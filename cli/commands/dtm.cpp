@@ -23,21 +23,13 @@ this ground:
   quorvel map in.las dtm.h5 -o out.las --height)";
 
 void addGroundRasterOptions(CLI::App& app, GroundRasterParameterBox& box) {
-  app.add_option("--cell", box.cell_size, "edge of a cell, in metres (the cloud's units)")
-      ->required()
-      ->check(boxRule("GroundRasterParameterBox", "cell_size"));
-  addRange(app, "--classes", box.classes, "the ground classes (class numbers)");
-  app.add_option("--method", box.method, "lowest, tin or idw")
-      ->capture_default_str()
-      ->check(boxRule("GroundRasterParameterBox", "method"));
-  app.add_option("--fill-rings", box.fill_rings, "how far gaps are filled, in cells (0 to 1000)")
-      ->capture_default_str()
-      ->check(boxRule("GroundRasterParameterBox", "fill_rings"));
-  app.add_option("--fragment-cells", box.fragment_cells, "cells of a fragment along x and y")
-      ->capture_default_str()
-      ->check(boxRule("GroundRasterParameterBox", "fragment_cells"));
-  app.add_option("--height-field", box.height_field, "the field of the heights")
-      ->capture_default_str();
+  using Box = GroundRasterParameterBox;
+  addField(app, box, &Box::cell_size, Default::Hidden)->required();
+  addField(app, box, &Box::classes);
+  addField(app, box, &Box::method);
+  addField(app, box, &Box::fill_rings);
+  addField(app, box, &Box::fragment_cells);
+  addField(app, box, &Box::height_field);
 }
 
 // In a pipeline: the raster of the cloud as it stands, kept beside it under the name "output"

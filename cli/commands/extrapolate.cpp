@@ -15,31 +15,17 @@ public:
   Extrapolate() : CloudCommand("extrapolate") {}
 
   void addStageOptions(CLI::App& app) override {
-    app.add_option("--mode", box_.mode, "planarregression, threshold, classification, constant")
-        ->capture_default_str()
-        ->check(boxRule("ExtrapolationParameterBox", "mode"));
-    app.add_option("--class", box_.extrapolation_class, "class given to grown points (0 to 255)")
-        ->capture_default_str()
-        ->check(boxRule("ExtrapolationParameterBox", "extrapolation_class"));
-    addRange(app, "--source", box_.source, "classes of the seeds (class numbers, e.g. 2)");
-    addRange(app, "--target", box_.target, "classes that may change (class numbers)");
-    app.add_option("--radius", box_.radius, "search radius of every candidate, in metres")
-        ->capture_default_str()
-        ->check(boxRule("ExtrapolationParameterBox", "radius"));
-    app.add_option("--maximum-iteration", box_.maximum_iteration, "largest number of rounds")
-        ->capture_default_str()
-        ->check(boxRule("ExtrapolationParameterBox", "maximum_iteration"));
+    using Box = ExtrapolationParameterBox;
+    addField(app, box_, &Box::mode);
+    addField(app, box_, &Box::extrapolation_class);
+    addField(app, box_, &Box::source);
+    addField(app, box_, &Box::target);
+    addField(app, box_, &Box::radius);
+    addField(app, box_, &Box::maximum_iteration);
     addDimension(app, box_.dimension, "2: seeds in x, y; 3: in x, y, z");
-    addRange(app, "--range", box_.range,
-             "planarregression: signed distances from the plane, in metres, that grow (negative: "
-             "write --range=-0.2:0.2)");
-    app.add_option("--quantile", box_.quantile,
-                   "planarregression: percentage (0 to 100) of the lowest seeds left out")
-        ->capture_default_str()
-        ->check(boxRule("ExtrapolationParameterBox", "quantile"));
-    app.add_option("--threshold", box_.threshold, "threshold: largest height difference, in metres")
-        ->capture_default_str()
-        ->check(boxRule("ExtrapolationParameterBox", "threshold"));
+    addField(app, box_, &Box::range);
+    addField(app, box_, &Box::quantile);
+    addField(app, box_, &Box::threshold);
   }
 
   void apply(Cloud& cloud, const Host& host) override {

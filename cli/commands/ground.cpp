@@ -27,29 +27,15 @@ public:
   Ground() : CloudCommand("ground") {}
 
   void addStageOptions(CLI::App& app) override {
-    app.add_option("--method", box_.method, "the filter: smrf (simple morphological)")
-        ->capture_default_str()
-        ->check(boxRule("GroundFilterParameterBox", "method"));
-    app.add_option("--cell", box_.cell_size, "edge of the cells of the surface, in metres")
-        ->capture_default_str()
-        ->check(boxRule("GroundFilterParameterBox", "cell_size"));
-    app.add_option("--slope", box_.slope, "largest terrain slope, rise over run (0.15: 8.5 deg)")
-        ->capture_default_str()
-        ->check(boxRule("GroundFilterParameterBox", "slope"));
-    app.add_option("--window", box_.window,
-                   "radius of the largest opening, in metres (half the largest building)")
-        ->capture_default_str()
-        ->check(boxRule("GroundFilterParameterBox", "window"));
-    app.add_option("--threshold", box_.threshold,
-                   "height from the terrain that is still ground on flat land, in metres")
-        ->capture_default_str()
-        ->check(boxRule("GroundFilterParameterBox", "threshold"));
-    app.add_option("--scalar", box_.scalar, "growth of the threshold with the slope at the point")
-        ->capture_default_str()
-        ->check(boxRule("GroundFilterParameterBox", "scalar"));
-    addRange(app, "--ignore", box_.ignore, "classes that take no part and keep their class");
-    app.add_flag("--reset", box_.reset,
-                 "every point not ignored becomes 2 or 1, whatever its class was");
+    using Box = GroundFilterParameterBox;
+    addField(app, box_, &Box::method);
+    addField(app, box_, &Box::cell_size);
+    addField(app, box_, &Box::slope);
+    addField(app, box_, &Box::window);
+    addField(app, box_, &Box::threshold);
+    addField(app, box_, &Box::scalar);
+    addField(app, box_, &Box::ignore);
+    addField(app, box_, &Box::reset);
     app.footer(Footer);
   }
 

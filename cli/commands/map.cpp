@@ -44,16 +44,12 @@ public:
         },
         "bands in metres for points of some classes only, low:high=from:to=class;... (the classes "
         "from..to are then the only ones mapped)");
-    app.add_flag("--height", box_.height,
-                 "write \"CanopyHeight\" (metres above the ground) instead of classes");
-    app.add_flag("--step", box_.step, "bands by the height above the cell's ground alone");
-    app.add_flag("--unclassify", box_.unclassify, "set every mapped point's class to 0 first");
-    addRange(
-        app, "--constant-classes", box_.constantclasses,
-        "classes never changed (class numbers; a point of such a class that would be mapped is "
-        "reported)");
-    app.add_option("--height-field", box_.heightfieldname, "the raster's field of ground heights")
-        ->capture_default_str();
+    using Box = MapRasterOnPointCloudParameterBox;
+    addField(app, box_, &Box::height);
+    addField(app, box_, &Box::step);
+    addField(app, box_, &Box::unclassify);
+    addField(app, box_, &Box::constantclasses);
+    addField(app, box_, &Box::heightfieldname);
   }
 
   void addOperandsAfterInput(CLI::App& app) override {

@@ -22,26 +22,14 @@ public:
   Outliers() : CloudCommand("outliers") {}
 
   void addStageOptions(CLI::App& app) override {
-    const auto rule = [](const char* field) { return boxRule("OutlierParameterBox", field); };
-    app.add_option("--method", box_.method, "statistical or radius")
-        ->capture_default_str()
-        ->check(rule("method"));
-    app.add_option("--neighbours", box_.neighbours, "K of the statistical rule, points")
-        ->capture_default_str()
-        ->check(rule("neighbours"));
-    app.add_option("--multiplier", box_.multiplier, "M of the statistical rule")
-        ->capture_default_str()
-        ->check(rule("multiplier"));
-    app.add_option("--radius", box_.radius, "R of the radius rule, in the cloud's units")
-        ->capture_default_str()
-        ->check(rule("radius"));
-    app.add_option("--min-points", box_.minPoints, "N of the radius rule, points")
-        ->capture_default_str()
-        ->check(rule("minPoints"));
-    auto* classify = app.add_option("--classify", box_.classify, "class given to outliers")
-                         ->capture_default_str()
-                         ->check(rule("classify"));
-    app.add_flag("--remove", box_.remove, "drop the outliers instead")->excludes(classify);
+    using Box = OutlierParameterBox;
+    addField(app, box_, &Box::method);
+    addField(app, box_, &Box::neighbours);
+    addField(app, box_, &Box::multiplier);
+    addField(app, box_, &Box::radius);
+    addField(app, box_, &Box::minPoints);
+    CLI::Option* classify = addField(app, box_, &Box::classify);
+    addField(app, box_, &Box::remove)->excludes(classify);
     addExpression(app, "--where", box_.where,
                   "test only the points for which an expression holds (docs/expressions.md); "
                   "every point stays a neighbour");

@@ -15,15 +15,9 @@ public:
   Reduce() : CloudCommand("reduce") {}
 
   void addStageOptions(CLI::App& app) override {
-    auto* keep =
-        app.add_option("--keep", box_.keep, "share of each fragment's points kept (0 to 1)")
-            ->capture_default_str()
-            ->check(boxRule("PointCloudSizeReductionParameterBox", "keep"));
-    app.add_option(
-           "--threshold", box_.threshold,
-           "keep the points whose weight (about 1 for a typical point) is at least W instead")
-        ->check(boxRule("PointCloudSizeReductionParameterBox", "threshold"))
-        ->excludes(keep);
+    using Box = PointCloudSizeReductionParameterBox;
+    CLI::Option* keep = addField(app, box_, &Box::keep);
+    addField(app, box_, &Box::threshold)->excludes(keep);
     app.add_flag("--drop-unweighted", dropUnweighted_,
                  "drop the points without a weight (rough places, edges, isolated points)");
     addShapeFactorOptions(app, shape_);

@@ -12,31 +12,16 @@ public:
   Regress() : CloudCommand("regress") {}
 
   void addStageOptions(CLI::App& app) override {
-    addRange(app, "--range", box_.range,
-             "signed distances from the plane, in metres, that reclassify a candidate (negative: "
-             "write --range=-0.2:0.2)");
-    addRange(app, "--source", box_.source,
-             "classes of the points the planes are fitted to (the seeds), and of the candidates");
-    addRange(app, "--additional", box_.additional,
-             "further classes of the points the planes are fitted to");
-    // The box's working range: without it the candidates are the --source classes.
-    addRange(app, "--candidates", box_.working_range,
-             "classes of the candidates, when not those of --source (growing: 0:1)");
-    app.add_option("--radius", box_.radius, "starting search radius in metres")
-        ->capture_default_str()
-        ->check(boxRule("PlanarRegressionParameterBox", "radius"));
-    app.add_option("--target", box_.target,
-                   "class given to the points near the plane; negative: add 100 to their class")
-        ->capture_default_str();
-    app.add_option("--maximum-iteration", box_.maximum_iteration, "largest number of rounds")
-        ->capture_default_str();
-    app.add_option("--reset", box_.reset,
-                   "0 or more: set every class to this first (-1: keep the classes)")
-        ->capture_default_str();
-    app.add_option("--quantile", box_.quantile,
-                   "percentage (0 to 100) of the lowest neighbours left out of a plane")
-        ->capture_default_str()
-        ->check(boxRule("PlanarRegressionParameterBox", "quantile"));
+    using Box = PlanarRegressionParameterBox;
+    addField(app, box_, &Box::range);
+    addField(app, box_, &Box::source);
+    addField(app, box_, &Box::additional);
+    addField(app, box_, &Box::working_range);
+    addField(app, box_, &Box::radius);
+    addField(app, box_, &Box::target);
+    addField(app, box_, &Box::maximum_iteration);
+    addField(app, box_, &Box::reset);
+    addField(app, box_, &Box::quantile);
     addDimension(app, box_.dimension, "2: neighbours in x, y; 3: in x, y, z");
   }
 

@@ -70,17 +70,12 @@ std::vector<std::pair<std::uint32_t, Render::ClassStyle>> readPalette(const std:
 class Render final : public Command {
 public:
   void addOptions(CLI::App& app) override {
-    const char* const box = "RenderParameterBox";
     app.add_option("IN", input_, "the cloud (LAS, LAZ, bundle) or raster (GeoTIFF, raster bundle)");
     app.add_option("-o,--output", output_, "the picture (.png, with a .pgw beside it, or .tif)");
-    app.add_option("--by", box_.by,
-                   "classification, z, intensity, height (CanopyHeight) or a field's name "
-                   "(default: classification; rasters: height)");
-    app.add_option("--view", box_.view, "top or profile")
-        ->capture_default_str()
-        ->check(boxRule(box, "view"));
-    app.add_option("--pixel", box_.pixel, "edge of a pixel in metres (0: from --size)")
-        ->check(boxRule(box, "pixel"));
+    using Box = RenderParameterBox;
+    addField(app, box_, &Box::by, Default::Hidden);
+    addField(app, box_, &Box::view);
+    addField(app, box_, &Box::pixel, Default::Hidden);
     app.add_option_function<std::string>(
         "--size",
         [this](const std::string& text) {
@@ -94,7 +89,7 @@ public:
           box_.width = static_cast<std::size_t>(w), box_.height = static_cast<std::size_t>(h);
         },
         "the picture's pixels W or WxH at most (the cloud fitted into them)");
-    addRange(app, "--classes", box_.classes, "only the points of these classes");
+    addField(app, box_, &Box::classes);
     app.add_option_function<std::string>(
         "--range",
         [this](const std::string& text) {
@@ -103,11 +98,9 @@ public:
             throw CLI::ValidationError("--range", "LOW must be below HIGH in \"" + text + "\"");
         },
         "LOW:HIGH, the values from the ramp's first to its last colour");
-    app.add_flag("--legend", box_.legend, "add the class names or a colour bar on the right");
-    app.add_flag("--shade", box_.shade,
-                 "top views: shade by the slope of the highest points; rasters: the height "
-                 "colours shaded (not with --hillshade)");
-    app.add_flag("--hillshade", box_.hillshade, "rasters: the hillshade of the heights");
+    addField(app, box_, &Box::legend);
+    addField(app, box_, &Box::shade);
+    addField(app, box_, &Box::hillshade);
     app.add_option_function<std::string>(
         "--from",
         [this](const std::string& text) {
@@ -120,9 +113,7 @@ public:
           std::tie(box_.to_x, box_.to_y) = pairOf("--to", text, ',');
         },
         "X,Y: where a profile ends");
-    app.add_option("--width", box_.corridor, "profiles: the points within this many metres")
-        ->capture_default_str()
-        ->check(boxRule(box, "corridor"));
+    addField(app, box_, &Box::corridor);
     app.add_option("--palette", palette_, "print the class palette, or replace colours from JSON")
         ->expected(0, 1);
     app.add_option("--height-field", heightField_, "rasters: the field of the heights")

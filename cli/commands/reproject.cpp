@@ -25,13 +25,10 @@ public:
   Reproject() : CloudCommand("reproject") {}
 
   void addStageOptions(CLI::App& app) override {
-    app.add_option("--to", box_.target,
-                   "the output's coordinate system: EPSG:n, WKT or a PROJ string")
-        ->required();
-    app.add_option("--from", box_.source,
-                   "the input's coordinate system (default: the file's; needed without one)");
-    app.add_flag("--exact", box_.exact,
-                 "transform every point through PROJ instead of interpolating checked cells");
+    using Box = ReprojectionParameterBox;
+    addField(app, box_, &Box::target, Default::Hidden)->required();
+    addField(app, box_, &Box::source, Default::Hidden);
+    addField(app, box_, &Box::exact);
     threads_ = addThreads(app, box_.threads);
     app.footer(Footer);
   }

@@ -15,20 +15,14 @@ public:
   Select() : CloudCommand("select") {}
 
   void addStageOptions(CLI::App& app) override {
-    app.add_option("--field", box_.fieldname,
-                   "the field whose values decide (quorvel info lists a file's fields)")
-        ->capture_default_str();
-    addRange(app, "--range", box_.selection,
-             "value ranges in the field's units, e.g. 2:5,9 (2 to 5, and 9)");
+    using Box = SelectionParameterBox;
+    addField(app, box_, &Box::fieldname);
+    addField(app, box_, &Box::selection);
     addExpression(app, "--where", box_.where,
                   "the points for which an expression holds (docs/expressions.md), e.g. "
                   "\"Classification == 2 && Z > 300\"; with --range, both must hold");
-    app.add_flag("--inverse", box_.inverse,
-                 "select the points that --range and --where leave out instead");
-    app.add_option("--coordinate", box_.coordinate,
-                   "component of points and vectors: 0 x, 1 y, 2 z")
-        ->capture_default_str()
-        ->check(boxRule("SelectionParameterBox", "coordinate"));
+    addField(app, box_, &Box::inverse);
+    addField(app, box_, &Box::coordinate);
     app.add_flag("--count", count_, "print how many points are selected (on standard output)");
   }
 

@@ -21,16 +21,12 @@ public:
     app.add_option("-o,--output", output_, "the raster (.h5 bundle or .tif GeoTIFF)")
         ->required()
         ->check(rasterOutputFile());
-    app.add_option("--cell", box_.cell_size, "edge of a cell, in metres (the cloud's units)")
-        ->required()
-        ->check(boxRule("SurfaceParameterBox", "cell_size"));
-    addRange(app, "--classes", box_.classes, "the classes of the points taken (default: all)");
-    app.add_flag("--first-returns", box_.first_returns, "first returns only");
-    app.add_option("--fragment-cells", box_.fragment_cells, "cells of a fragment along x and y")
-        ->capture_default_str()
-        ->check(boxRule("SurfaceParameterBox", "fragment_cells"));
-    app.add_option("--height-field", box_.height_field, "the field of the values")
-        ->capture_default_str();
+    using Box = SurfaceParameterBox;
+    addField(app, box_, &Box::cell_size, Default::Hidden)->required();
+    addField(app, box_, &Box::classes);
+    addField(app, box_, &Box::first_returns);
+    addField(app, box_, &Box::fragment_cells);
+    addField(app, box_, &Box::height_field);
     addSurfaceOptions(app);
   }
 
@@ -57,12 +53,7 @@ protected:
   virtual void prepare(const Host&) {}
   virtual Basalt::StrongPtr<Tressel::Grid> make(const Tressel::Grid& cloud,
                                                 const std::string& coordinateSystem) = 0;
-  void addFillRings(CLI::App& app) {
-    app.add_option("--fill-rings", box_.fill_rings,
-                   "how far cells without points are filled, in cells (0 to 1000)")
-        ->capture_default_str()
-        ->check(boxRule("SurfaceParameterBox", "fill_rings"));
-  }
+  void addFillRings(CLI::App& app) { addField(app, box_, &SurfaceParameterBox::fill_rings); }
 
   SurfaceParameterBox box_;
 
@@ -112,14 +103,9 @@ class Chm final : public Surface {
     app.add_option("--dtm", dtm_, "the ground raster (quorvel dtm, or any GDAL raster)")
         ->required()
         ->check(CLI::ExistingFile);
-    app.add_option("--ground-field", box_.ground_field, "the ground raster's field of heights")
-        ->capture_default_str();
+    addField(app, box_, &SurfaceParameterBox::ground_field);
     addFillRings(app);
-    app.add_option("--pit-depth", box_.pit_depth,
-                   "a cell this far below the median of its neighbours takes the median, in "
-                   "metres (0: no smoothing)")
-        ->capture_default_str()
-        ->check(boxRule("SurfaceParameterBox", "pit_depth"));
+    addField(app, box_, &SurfaceParameterBox::pit_depth);
     app.footer(
         std::string(
             R"(Every cell takes the highest z of the points in it less the ground height of the --dtm

@@ -12,27 +12,12 @@ public:
   Thin() : CloudCommand("thin") {}
 
   void addStageOptions(CLI::App& app) override {
-    const auto rule = [](const char* field) { return boxRule("ThinParameterBox", field); };
-    voxel_ = app.add_option("--voxel", box_.voxel,
-                            "one point per cube of this side; cubes at multiples of it from the "
-                            "coordinate origin")
-                 ->check(rule("voxel"));
-    app.add_option("--keep", box_.keep,
-                   "the point a cube keeps: first (in file order), lowest, highest, centre "
-                   "(nearest the cube's centre); ties go to the first")
-        ->capture_default_str()
-        ->check(rule("keep"))
-        ->needs(voxel_);
-    random_ =
-        app.add_option("--random", box_.fraction, "keep each point with this probability (0 to 1)")
-            ->check(rule("fraction"));
-    app.add_option("--seed", box_.seed,
-                   "seed of --random: point i in file order is kept when the i-th number of the "
-                   "SplitMix64 sequence from the seed, over 2^64, is below the fraction")
-        ->capture_default_str()
-        ->needs(random_);
-    every_ = app.add_option("--every", box_.every, "keep the 1st, (N+1)th, 2N+1th, ... point")
-                 ->check(rule("every"));
+    using Box = ThinParameterBox;
+    voxel_ = addField(app, box_, &Box::voxel, Default::Hidden);
+    addField(app, box_, &Box::keep)->needs(voxel_);
+    random_ = addField(app, box_, &Box::fraction, Default::Hidden);
+    addField(app, box_, &Box::seed)->needs(random_);
+    every_ = addField(app, box_, &Box::every, Default::Hidden);
     voxel_->excludes(random_)->excludes(every_);
     random_->excludes(every_);
   }

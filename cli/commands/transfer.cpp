@@ -24,22 +24,18 @@ public:
         "point's class within 1 m) or 0.5=2;1=3 (class 2 within 0.5 m, 3 within 1 m); classes 0 to "
         "255; left out: 0.001");
     addDimension(app, box_.dimension, "3: distances in x, y, z; 2: in x, y");
-    addRange(app, "--source-classes", box_.source,
-             "source classes that are searched (class numbers, e.g. 2 or 2:6,9)");
-    addRange(app, "--target-classes", box_.target,
-             "target classes that are rewritten (class numbers)");
-    app.add_flag("--unclassify", box_.unclassify, "set target classes to 0 first");
+    using Box = ClassificationTransferParameterBox;
+    addField(app, box_, &Box::source);
+    addField(app, box_, &Box::target);
+    addField(app, box_, &Box::unclassify);
     addVector(app, "--offset", box_.offset, "translation from source to target, X,Y,Z in metres");
     threads_ = addThreads(app, box_.threads);
-    app.add_option("--field", box_.fieldname, "per-point class field")->capture_default_str();
+    addField(app, box_, &Box::fieldname);
     app.add_flag("--old", old_, "run classificationTransferOLD");
-    app.add_flag("--onetree", box_.onetree, "one tree over the whole source (with --old)");
-    app.add_flag("--expand", box_.expand, "grow the radius up to --maxradius (with --onetree)");
-    app.add_option("--maxradius", box_.maxradius, "largest radius of --expand, in metres")
-        ->capture_default_str()
-        ->check(boxRule("ClassificationTransferParameterBox", "maxradius"));
-    app.add_flag("--positions", box_.positions,
-                 "also write the nearest source point's position (\"SourcePositions\")");
+    addField(app, box_, &Box::onetree);
+    addField(app, box_, &Box::expand);
+    addField(app, box_, &Box::maxradius);
+    addField(app, box_, &Box::positions);
   }
 
   std::vector<const CLI::Option*> inputFiles() const override { return {source_}; }

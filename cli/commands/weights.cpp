@@ -6,15 +6,8 @@
 namespace Quorvel::Cli {
 
 void addWeightOptions(CLI::App& app, PointCloudReductionParameterBox& box) {
-  app.add_option("--radius", box.radius,
-                 "start radius of the neighbour search in metres (it doubles, up to 5 m, until K "
-                 "neighbours are found)")
-      ->capture_default_str()
-      ->check(boxRule("PointCloudReductionParameterBox", "radius"));
-  app.add_option("--neighbours", box.neighbours,
-                 "nearest neighbours in a weight, in points (1 or more)")
-      ->capture_default_str()
-      ->check(boxRule("PointCloudReductionParameterBox", "neighbours"));
+  addField(app, box, &PointCloudReductionParameterBox::radius);
+  addField(app, box, &PointCloudReductionParameterBox::neighbours);
   app.footer("Writes \"Weights\" (float): how much a point matters when thinning, divided by the "
              "median weight so that a typical point weighs about 1. A point without a smooth "
              "surface around it (planarity below 0.001, or no neighbour) gets -1 divided by "

@@ -206,8 +206,8 @@ class ClassificationTransferParameterBox:
     target: str
     offset: Tuple[float, float, float]
     sourcefilename: str
-    threads: int
     message: str
+    threads: int
     def __init__(self, text: str = "", **fields: Any) -> None: ...
     def print(self) -> None: ...
     def __str__(self) -> str: ...

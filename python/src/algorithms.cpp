@@ -23,24 +23,7 @@ namespace {
 void bindFeatures(py::module_& m) {
   using Shape = ShapeFactorComputationParameterBox;
   BoxBinding<Shape>(m, "ShapeFactorComputationParameterBox", "Settings of shape factors.")
-      .field("maxstep", &Shape::maxstep,
-             "number of scales, 0 to 1000; scale k takes squared distances up to k * step")
-      .field("step", &Shape::step,
-             "scale increment in square metres (compared with squared distances), positive")
-      .field("dimension", &Shape::dimension, "3: neighbours in x, y, z; 2: in x, y")
-      .field("use_only_firstreturns", &Shape::use_only_firstreturns, "only first returns take part")
-      .field("use_only_singlereturns", &Shape::use_only_singlereturns,
-             "only single returns take part")
-      .field("use_only_lastreturns", &Shape::use_only_lastreturns, "only last returns take part")
-      .field("intensity_threshold", &Shape::intensity_threshold,
-             "points of lower \"Amplitude\" (else \"Intensity\") take no part, 0 to 65535; 0: off")
-      .field("verbose", &Shape::verbose,
-             "bounding boxes and filter steps among the library's lines (see set_verbose)")
-      .field("chartname", &Shape::chartname, "chart of the positions and of every field")
-      .field("normalvector", &Shape::normalvector, "also write \"NormalVector\" (unit, z >= 0)")
-      .field("linearity", &Shape::linearity, "also write \"Linearity\"")
-      .field("sphericity", &Shape::sphericity, "also write \"Sphericity\"")
-      .field("message", &Shape::message, "messages of the last run");
+      .describedFields();
   m.def(
       "shapeFactorComputation",
       [](Cloud& c, Shape& box) {
@@ -58,15 +41,7 @@ void bindFeatures(py::module_& m) {
 
   using Weights = PointCloudReductionParameterBox;
   BoxBinding<Weights>(m, "PointCloudReductionParameterBox", "Settings of reduction weights.")
-      .field("message", &Weights::message, "messages of the last run")
-      .field("radius", &Weights::radius,
-             "start radius of the neighbour search in metres, positive; doubles up to 5")
-      .field("neighbours", &Weights::neighbours,
-             "nearest neighbours in a weight (points), 1 to 1000000")
-      .field("fragmentMaxWeights", &Weights::fragmentMaxWeights,
-             "largest weight of every fragment processed with this box")
-      .field("fragmentMedianWeights", &Weights::fragmentMedianWeights,
-             "median weight of every fragment processed with this box");
+      .describedFields();
   m.def(
       "computePointCloudReductionWeights",
       [](Cloud& c, Weights& box) {
@@ -82,12 +57,7 @@ void bindFeatures(py::module_& m) {
 
   using Reduce = PointCloudSizeReductionParameterBox;
   BoxBinding<Reduce>(m, "PointCloudSizeReductionParameterBox", "Settings of thinning by weight.")
-      .field("keep", &Reduce::keep, "share of each fragment's points kept, 0 to 1")
-      .field("threshold", &Reduce::threshold,
-             "keep the points of normalised weight at least this instead (NaN: unset)")
-      .field("keep_unweighted", &Reduce::keep_unweighted,
-             "also keep the points of negative weight (edges, isolated points)")
-      .field("message", &Reduce::message, "messages of the last run");
+      .describedFields();
   m.def(
       "reducedPointCloud",
       [](Cloud& c, Reduce& box) {
@@ -118,19 +88,7 @@ void bindFeatures(py::module_& m) {
 
 void bindSelection(py::module_& m) {
   using Box = SelectionParameterBox;
-  BoxBinding<Box>(m, "SelectionParameterBox", "Settings of a selection.")
-      .field("fieldname", &Box::fieldname, "the field whose values decide")
-      .field("selection", &Box::selection,
-             "value ranges in the field's unit (classes, metres), e.g. \"2:5,9\"; empty: none")
-      .field("where", &Box::where,
-             "an expression that must hold (docs/expressions.md), e.g. \"Classification == 2 "
-             "&& Z > 300\"; with ranges too, both must hold; empty: none")
-      .field("inverse", &Box::inverse, "select the points that the ranges and where leave out")
-      .field("coordinate", &Box::coordinate,
-             "component (0, 1 or 2) that decides for points and vectors; 2: z")
-      .field("columns", &Box::columns, "fields of array2D's columns after x, y, z; empty: all")
-      .field("columnNames", &Box::columnNames, "column names of the last array2D")
-      .field("message", &Box::message, "messages of the last run");
+  BoxBinding<Box>(m, "SelectionParameterBox", "Settings of a selection.").describedFields();
   m.def(
       "computeSelection",
       [](Cloud& c, Box& box) {
@@ -165,13 +123,7 @@ void bindSelection(py::module_& m) {
 
   using Assign = FieldAssignmentParameterBox;
   BoxBinding<Assign>(m, "FieldAssignmentParameterBox", "Settings of an assignment.")
-      .field("where", &Assign::where,
-             "the points that change: an expression (docs/expressions.md); empty: every point")
-      .field("set", &Assign::set,
-             "FIELD=VALUE items, VALUE a number or an expression, all evaluated before any is set")
-      .field("create", &Assign::create,
-             "FIELD:TYPE items (uint8, int32, float32, ...): fields made first, 0 everywhere")
-      .field("message", &Assign::message, "messages of the last run");
+      .describedFields();
   m.def(
       "assignFields",
       [](Cloud& c, Assign& box) {
@@ -188,21 +140,7 @@ void bindSelection(py::module_& m) {
 void bindRegression(py::module_& m) {
   using Regression = PlanarRegressionParameterBox;
   BoxBinding<Regression>(m, "PlanarRegressionParameterBox", "Settings of planar regression.")
-      .field("range", &Regression::range,
-             "signed distances from the plane in metres (positive above) that reclassify")
-      .field("source", &Regression::source, "classes of the tree points (and the candidates)")
-      .field("additional", &Regression::additional, "further classes of the tree points")
-      .field("working_range", &Regression::working_range,
-             "classes of the candidates; empty: those of source")
-      .field("radius", &Regression::radius, "starting search radius in metres, positive")
-      .field("target", &Regression::target, "class given; negative: 100 added to the class")
-      .field("maximum_iteration", &Regression::maximum_iteration, "largest number of rounds")
-      .field("reset", &Regression::reset, "0 or more: every class set to this first; -1: kept")
-      .field("quantile", &Regression::quantile,
-             "percentage (0 to 100) of the lowest neighbours left out of the plane fit")
-      .field("dimension", &Regression::dimension, "\"2D\": neighbours in x, y; \"3D\": x, y, z")
-      .field("fieldname", &Regression::fieldname, "printed only: \"Classification\" is rewritten")
-      .field("message", &Regression::message, "messages of the last run");
+      .describedFields();
   m.def(
       "planarRegressionOfGrid",
       [](Cloud& c, Regression& box) {
@@ -220,23 +158,7 @@ void bindTerrain(py::module_& m) {
   bindRegression(m);
   using Extrapolation = ExtrapolationParameterBox;
   BoxBinding<Extrapolation>(m, "ExtrapolationParameterBox", "Settings of an extrapolation.")
-      .field("mode", &Extrapolation::mode,
-             "\"planarregression\", \"threshold\", \"classification\" or \"constant\"")
-      .field("extrapolation_class", &Extrapolation::extrapolation_class,
-             "class (0 to 255) of a grown point")
-      .field("source", &Extrapolation::source, "classes of the seeds")
-      .field("target", &Extrapolation::target, "classes that may change")
-      .field("radius", &Extrapolation::radius, "search radius of every candidate in metres")
-      .field("maximum_iteration", &Extrapolation::maximum_iteration,
-             "largest number of rounds, 0 to 1000000")
-      .field("dimension", &Extrapolation::dimension, "\"2D\": seeds in x, y; \"3D\": x, y, z")
-      .field("range", &Extrapolation::range,
-             "planarregression: signed distances from the plane in metres that let a point grow")
-      .field("quantile", &Extrapolation::quantile,
-             "planarregression: percentage (0 to 100) of the lowest seeds left out")
-      .field("threshold", &Extrapolation::threshold,
-             "threshold: largest height difference from the nearest seed in metres")
-      .field("message", &Extrapolation::message, "messages of the last run");
+      .describedFields();
   m.def(
       "extrapolation",
       [](Cloud& c, Extrapolation& box) {
@@ -250,15 +172,7 @@ void bindTerrain(py::module_& m) {
       "    box: ExtrapolationParameterBox (radius in metres, classes as ranges)");
   using Filter = GroundFilterParameterBox;
   BoxBinding<Filter>(m, "GroundFilterParameterBox", "Settings of the ground filter.")
-      .field("method", &Filter::method, "\"smrf\": the simple morphological filter")
-      .field("cell_size", &Filter::cell_size, "edge of the cells of the surface in metres")
-      .field("slope", &Filter::slope, "largest terrain slope, rise over run")
-      .field("window", &Filter::window, "radius of the largest opening in metres")
-      .field("threshold", &Filter::threshold, "height from the terrain still ground, in metres")
-      .field("scalar", &Filter::scalar, "growth of the threshold with the local slope")
-      .field("ignore", &Filter::ignore, "classes that take no part (noise)")
-      .field("reset", &Filter::reset, "every point not ignored becomes 2 or 1")
-      .field("message", &Filter::message, "the error of the last run");
+      .describedFields();
   m.def(
       "groundFilter",
       [](Cloud& c, Filter& box) {
@@ -302,38 +216,19 @@ void bindTerrain(py::module_& m) {
       "    classes: classes that take part (a range text such as \"2:5\"); None: every point");
 }
 
-// A transfer box's bands as {squared distance: class} and its offset as (x, y, z).
+// A transfer box's fields, its offset as (x, y, z).
 void bindTransferFields(BoxBinding<ClassificationTransferParameterBox>& box) {
   using Transfer = ClassificationTransferParameterBox;
   using Triple = std::array<double, 3>;
-  box.field("radius", &Transfer::radius, "search radius in metres, positive")
-      .field("assignment", &Transfer::assignment,
-             "distance bands: {squared band radius in square metres: class}")
-      .field("hasAssignment", &Transfer::hasAssignment, "bands instead of copying classes")
-      .field("maxradius", &Transfer::maxradius, "largest radius of expand, in metres, positive")
-      .field("dimension", &Transfer::dimension, "3: search in x, y, z; 2: in x, y")
-      .field("fieldname", &Transfer::fieldname, "per-point class field (uint8)")
-      .field("onetree", &Transfer::onetree,
-             "one tree over the whole source (classificationTransferOLD only)")
-      .field("positions", &Transfer::positions,
-             "also carry the nearest source position (classificationTransferOLD only)")
-      .field("expand", &Transfer::expand, "one-tree mode: double the radius up to maxradius")
-      .field("unclassify", &Transfer::unclassify, "target classes set to 0 first")
-      .field("source", &Transfer::source, "source classes that enter the tree")
-      .field("target", &Transfer::target, "target classes that are rewritten")
-      .property(
-          "offset",
-          [](const Transfer& b) {
-            return Triple{b.offset.x, b.offset.y, b.offset.z};
-          },
-          [](Transfer& b, const Triple& t) {
-            b.offset = {t[0], t[1], t[2]};
-          },
-          "translation (x, y, z) in metres from source to target coordinates")
-      .field("sourcefilename", &Transfer::sourcefilename, "name of the source, printed only")
-      .field("message", &Transfer::message, "every error text of the runs, in order")
-      .field("threads", &Transfer::threads,
-             "worker threads; 0 or less, or more than the machine has: all but one");
+  box.property(
+         "offset",
+         [](const Transfer& b) {
+           return Triple{b.offset.x, b.offset.y, b.offset.z};
+         },
+         [](Transfer& b, const Triple& t) {
+           b.offset = {t[0], t[1], t[2]};
+         })
+      .describedFields();
 }
 
 void bindTransferAndMetadata(py::module_& m) {
@@ -392,9 +287,7 @@ void bindTransferAndMetadata(py::module_& m) {
 void bindNeighbours(py::module_& m) {
   using Box = ComputeNeighboursParameterBox;
   BoxBinding<Box>(m, "ComputeNeighboursParameterBox", "Settings of a neighbourhood search.")
-      .field("radius", &Box::radius, "search radius in metres, positive")
-      .field("mode", &Box::mode, "search mode text")
-      .field("stripwise", &Box::stripwise, "search strip by strip instead of the whole cloud")
+      .describedFields()
       .cls()
       .def("different", &Box::different, py::arg("other"),
            "True when a result computed with other cannot be reused: radii more than 0.001 m "

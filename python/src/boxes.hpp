@@ -4,11 +4,16 @@
 
 #include "cloud.hpp"
 
+#include "quorvel/core/fields.hpp"
+
 #include "basalt/Console.hpp"
 #include "vantor/MultiRange.hpp"
 
+#include <algorithm>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Quorvel::Python {
@@ -46,9 +51,17 @@ void requireBox(const char* name, Box& box) {
   requireChecks(name, py::cast(&box, py::return_value_policy::reference));
 }
 
+// A box whose fields are described once (quorvel/core/fields.hpp).
+template <class Box>
+concept Described = requires {
+  Box::fields();
+};
+
 // A box class with its fields: plain fields read and written as they are, value ranges as texts.
 // The field names, in order, are kept in `_fields` for keyword construction and repr; the class's
-// docstring lists every field with its meaning and unit.
+// docstring lists every field with its meaning and unit. For a described box, describedFields()
+// binds every field not bound by hand before it, and the order and the help of the fields are
+// the description's (`_units` adds each field's unit).
 template <class Box>
 class BoxBinding {
 public:
@@ -73,36 +86,86 @@ public:
         doc);
     return add(name, doc);
   }
-  // A field read and written through conversions (lists of bands, say).
+  // A field read and written through conversions (lists of bands, say); a described box's field
+  // without doc takes the description's help.
   template <class Get, class Set>
-  BoxBinding& property(const char* name, Get get, Set set, const char* doc) {
+  BoxBinding& property(const char* name, Get get, Set set, const char* doc = nullptr) {
+    doc = doc ? doc : describedHelp(name);
     cls_.def_property(name, get, set, doc);
     return add(name, doc);
   }
   // A field the runs set.
   template <class Get>
-  BoxBinding& readonly(const char* name, Get get, const char* doc) {
+  BoxBinding& readonly(const char* name, Get get, const char* doc = nullptr) {
+    doc = doc ? doc : describedHelp(name);
     cls_.def_property_readonly(name, get, doc);
     return add(name, doc);
   }
+  // Every described field not bound yet, as field() binds it. The description's texts are
+  // literals, so their views are null-terminated.
+  BoxBinding& describedFields() requires Described<Box> {
+    forEachField<Box>([&](const auto& described) {
+      if (!bound(described.name))
+        field(described.name.data(), described.member, described.help.data());
+    });
+    return *this;
+  }
   py::class_<Box>& cls() { return cls_; }
   ~BoxBinding() {
-    cls_.attr("_fields") = py::tuple(py::cast(names_));
+    if constexpr (Described<Box>)
+      inDescribedOrder();
+    std::vector<std::string> names;
+    for (const auto& [name, doc] : fields_) {
+      doc_ += std::string(names.empty() ? "\n\nFields (keywords of the constructor):\n" : "") +
+              "    " + name + ": " + doc + "\n";
+      names.push_back(name);
+    }
+    cls_.attr("_fields") = py::tuple(py::cast(names));
     cls_.attr("__doc__") = doc_;
   }
 
 private:
   BoxBinding& add(const char* name, const char* doc) {
-    names_.push_back(name);
-    doc_ += std::string(names_.size() == 1 ? "\n\nFields (keywords of the constructor):\n" : "") +
-            "    " + name + ": " + doc + "\n";
+    fields_.emplace_back(name, doc);
     return *this;
+  }
+  bool bound(std::string_view name) const {
+    for (const auto& entry : fields_)
+      if (entry.first == name)
+        return true;
+    return false;
+  }
+  static const char* describedHelp(std::string_view name) {
+    const char* help = "";
+    if constexpr (Described<Box>)
+      forEachField<Box>([&](const auto& described) {
+        if (described.name == name)
+          help = described.help.data();
+      });
+    return help;
+  }
+  // The bound fields in the description's order, and their units in `_units`.
+  void inDescribedOrder() {
+    std::vector<std::pair<std::string, std::string>> ordered;
+    py::dict units;
+    forEachField<Box>([&](const auto& described) {
+      for (const auto& entry : fields_)
+        if (entry.first == described.name)
+          ordered.push_back(entry);
+      units[py::str(described.name.data())] = py::str(described.unit.data());
+    });
+    // Fields bound by hand that the description lacks (none should) stay, after the others.
+    for (const auto& entry : fields_)
+      if (std::find(ordered.begin(), ordered.end(), entry) == ordered.end())
+        ordered.push_back(entry);
+    fields_ = std::move(ordered);
+    cls_.attr("_units") = units;
   }
 
   py::class_<Box> cls_;
   const char* name_;
   std::string doc_;
-  std::vector<std::string> names_;
+  std::vector<std::pair<std::string, std::string>> fields_;
 };
 
 // Runs f without the GIL; raises when the message grew.

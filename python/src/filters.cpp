@@ -14,7 +14,6 @@ namespace {
 void bindCrop(py::module_& m) {
   using Box = CropParameterBox;
   BoxBinding<Box>(m, "CropParameterBox", "Settings of a crop.")
-      .field("box", &Box::box, "(xmin, ymin, xmax, ymax), edges inside; used without polygons")
       .property(
           "polygons",
           [](const Box& b) {
@@ -27,12 +26,8 @@ void bindCrop(py::module_& m) {
             b.polygons.clear();
             for (const auto& rings : polygons)
               b.polygons.push_back(Polygon{rings});
-          },
-          "polygons, each a list of rings of (x, y) vertices (outer ring first, then holes); "
-          "their union is the area, boundaries inside")
-      .field("inverse", &Box::inverse, "keep the points outside the area instead")
-      .field("where", &Box::where, "an expression limiting the points tested (the others kept)")
-      .field("message", &Box::message, "messages of the last run");
+          })
+      .describedFields();
   m.def(
       "crop",
       [](Cloud& c, Box& box) { return newCloud(box.message, [&] { return crop(c.grid, box); }); },
@@ -62,21 +57,7 @@ void bindCrop(py::module_& m) {
 
 void bindOutliers(py::module_& m) {
   using Box = OutlierParameterBox;
-  BoxBinding<Box>(m, "OutlierParameterBox", "Settings of the outlier rules.")
-      .field("method", &Box::method, "\"statistical\" or \"radius\"")
-      .field("neighbours", &Box::neighbours, "K of the statistical rule")
-      .field("multiplier", &Box::multiplier, "M: outlier when d_i > mu + M sigma")
-      .field("radius", &Box::radius, "R of the radius rule (inclusive), metres")
-      .field("minPoints", &Box::minPoints, "N: outlier with fewer other points within R")
-      .field("classify", &Box::classify, "class given to outliers")
-      .field("remove", &Box::remove, "drop the outliers instead")
-      .field("where", &Box::where,
-             "an expression limiting the points tested (all points stay neighbours)")
-      .field("threads", &Box::threads, "0: all but one; results never depend on it")
-      .field("outliers", &Box::outliers, "outliers found by the last run")
-      .field("mean", &Box::mean, "mu of the last statistical run")
-      .field("deviation", &Box::deviation, "sigma of the last statistical run")
-      .field("message", &Box::message, "messages of the last run");
+  BoxBinding<Box>(m, "OutlierParameterBox", "Settings of the outlier rules.").describedFields();
   m.def(
       "filterOutliers",
       [](Cloud& c, Box& box) {
@@ -92,14 +73,7 @@ void bindOutliers(py::module_& m) {
 
 void bindThin(py::module_& m) {
   using Box = ThinParameterBox;
-  BoxBinding<Box>(m, "ThinParameterBox", "Settings of thinning.")
-      .field("mode", &Box::mode, "\"voxel\", \"random\" or \"every\"")
-      .field("voxel", &Box::voxel, "side of the cubes, from the coordinate origin")
-      .field("keep", &Box::keep, "first, lowest, highest or centre")
-      .field("fraction", &Box::fraction, "probability of keeping a point (random)")
-      .field("seed", &Box::seed, "seed of the SplitMix64 sequence (random)")
-      .field("every", &Box::every, "N: the 1st, (N+1)th, ... point in file order")
-      .field("message", &Box::message, "messages of the last run");
+  BoxBinding<Box>(m, "ThinParameterBox", "Settings of thinning.").describedFields();
   m.def(
       "thin",
       [](Cloud& c, Box& box) {
@@ -115,19 +89,7 @@ void bindThin(py::module_& m) {
 
 void bindReproject(py::module_& m) {
   using Box = ReprojectionParameterBox;
-  BoxBinding<Box>(m, "ReprojectionParameterBox", "Settings of a reprojection.")
-      .field("target", &Box::target, "the output's system: EPSG:n, WKT or a PROJ string")
-      .field("source", &Box::source, "the input's system; empty: the cloud's own")
-      .field("inputScale", &Box::inputScale,
-             "the input's LAS scale (set from the cloud's LAS origin where it has one)")
-      .field("exact", &Box::exact,
-             "transform every point exactly instead of interpolating checked cells")
-      .field("tolerance", &Box::tolerance,
-             "largest error of an interpolated coordinate, a fraction of the output's scale")
-      .field("threads", &Box::threads, "0: all but one")
-      .field("scale", &Box::scale, "LAS scale chosen by the last run")
-      .field("offset", &Box::offset, "LAS offset chosen by the last run")
-      .field("message", &Box::message, "messages of the last run");
+  BoxBinding<Box>(m, "ReprojectionParameterBox", "Settings of a reprojection.").describedFields();
   m.def(
       "reproject",
       [](Cloud& c, Box& box) {

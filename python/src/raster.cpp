@@ -31,24 +31,13 @@ using ClassBand = std::tuple<std::uint32_t, double, double, double, double>;
 void bindBox(py::module_& m) {
   BoxBinding<Box>(m, "MapRasterOnPointCloudParameterBox",
                   "Settings of raster preparation and mapping.")
-      .field("step", &Box::step, "bands by the height above the cell's ground alone")
-      .field("unclassify", &Box::unclassify, "every mapped point's class set to 0 first")
-      .field("height", &Box::height,
-             "write \"CanopyHeight\" (metres above the cell's plane) instead of classes")
-      .field("heightfieldname", &Box::heightfieldname, "the raster's field of ground heights")
-      .field("cellsize", &Box::cellsize,
-             "edge of a raster cell along x, y, z in metres (0: axis not indexed)")
-      .field("rastersize", &Box::rastersize, "cells of a raster fragment along x, y, z")
-      .field("constantclasses", &Box::constantclasses, "classes the mapping never changes")
-      .readonly(
-          "raster_bbox",
-          [](const Box& b) -> std::optional<std::pair<Triple, Triple>> {
-            if (!b.raster_bbox || b.raster_bbox->empty())
-              return std::nullopt;
-            const point &lo = b.raster_bbox->min(), &hi = b.raster_bbox->max();
-            return std::make_pair(Triple{lo.x, lo.y, lo.z}, Triple{hi.x, hi.y, hi.z});
-          },
-          "the whole raster's box ((min), (max)) in metres, set by prepareRaster")
+      .readonly("raster_bbox",
+                [](const Box& b) -> std::optional<std::pair<Triple, Triple>> {
+                  if (!b.raster_bbox || b.raster_bbox->empty())
+                    return std::nullopt;
+                  const point &lo = b.raster_bbox->min(), &hi = b.raster_bbox->max();
+                  return std::make_pair(Triple{lo.x, lo.y, lo.z}, Triple{hi.x, hi.y, hi.z});
+                })
       .property(
           "assignment",
           [](const Box& b) {
@@ -61,8 +50,7 @@ void bindBox(py::module_& m) {
             b.assignment.clear();
             for (const auto& [low, high, cls] : bands)
               b.assignment.push_back({low, high, cls});
-          },
-          "height bands [(low, high, class)] in metres above the ground; later ones override")
+          })
       .property(
           "class_assignment",
           [](const Box& b) {
@@ -75,34 +63,18 @@ void bindBox(py::module_& m) {
             b.class_assignment.clear();
             for (const auto& [cls, low, high, from, to] : bands)
               b.class_assignment.push_back({cls, low, high, from, to});
-          },
-          "bands for some classes only [(class, low, high, from, to)]: heights in metres, "
-          "points of classes from..to");
+          })
+      .describedFields();
 }
 
 void bindGroundBox(py::module_& m) {
   using Ground = GroundRasterParameterBox;
   BoxBinding<Ground>(m, "GroundRasterParameterBox", "Settings of a ground raster.")
-      .field("cell_size", &Ground::cell_size, "edge of a cell in metres, positive")
-      .field("classes", &Ground::classes, "the ground classes")
-      .field("method", &Ground::method, "lowest, tin or idw")
-      .field("fill_rings", &Ground::fill_rings, "how far gaps are filled, in cells (0 to 1000)")
-      .field("fragment_cells", &Ground::fragment_cells, "cells of a fragment along x and y")
-      .field("height_field", &Ground::height_field, "the raster's field of the heights");
+      .describedFields();
   using Surface = SurfaceParameterBox;
   BoxBinding<Surface>(m, "SurfaceParameterBox",
                       "Settings of the surface model, density and canopy height rasters.")
-      .field("cell_size", &Surface::cell_size, "edge of a cell in metres, positive")
-      .field("classes", &Surface::classes, "the classes of the points taken (empty: all)")
-      .field("first_returns", &Surface::first_returns, "first returns only")
-      .field("fill_rings", &Surface::fill_rings,
-             "how far cells without points are filled, in cells (0 to 1000)")
-      .field("pit_depth", &Surface::pit_depth,
-             "canopy height: a cell this far below its neighbours' median takes it (0: none)")
-      .field("fragment_cells", &Surface::fragment_cells, "cells of a fragment along x and y")
-      .field("height_field", &Surface::height_field, "the raster's field of the values")
-      .field("ground_field", &Surface::ground_field,
-             "canopy height: the ground raster's field of heights");
+      .describedFields();
 }
 
 // The surfaces: each takes a SurfaceParameterBox, checked as the host checks it.

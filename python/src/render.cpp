@@ -146,27 +146,6 @@ void bindBox(py::module_& m) {
   BoxBinding<Box>(m, "RenderParameterBox",
                   "Settings of a picture (render() and render_array() build one from their "
                   "keywords).")
-      .field("by", &Box::by,
-             "classification, z, intensity, height (CanopyHeight) or a field's name; empty: "
-             "classification, for rasters heights")
-      .field("view", &Box::view, "top or profile")
-      .field("pixel", &Box::pixel, "edge of a pixel in metres (0: from width and height)")
-      .field("width", &Box::width, "pixels along x at most (0: from height, or 1000)")
-      .field("height", &Box::height, "pixels along y at most (0: from width)")
-      .field("classes", &Box::classes, "only the points of these classes (empty: all)")
-      .field("range_low", &Box::range_low, "the value of the ramp's first colour")
-      .field("range_high", &Box::range_high,
-             "the value of its last colour (equal to range_low: the 2nd and 98th percentile)")
-      .field("legend", &Box::legend, "class names or a colour bar on the right")
-      .field("shade", &Box::shade,
-             "top views shaded by the slope of the highest points; rasters: the height "
-             "colours shaded (not with hillshade)")
-      .field("hillshade", &Box::hillshade, "rasters as their hillshade")
-      .field("from_x", &Box::from_x, "x of a profile's start in metres")
-      .field("from_y", &Box::from_y, "y of a profile's start in metres")
-      .field("to_x", &Box::to_x, "x of a profile's end in metres")
-      .field("to_y", &Box::to_y, "y of a profile's end in metres")
-      .field("corridor", &Box::corridor, "a profile's points within this many metres of its line")
       .property(
           "palette",
           [](const Box& b) {
@@ -179,9 +158,8 @@ void bindBox(py::module_& m) {
             }
             return out;
           },
-          [](Box& b, const std::map<int, Style>& styles) { b.palette = paletteOf(styles); },
-          "{class: \"#rrggbb\" or (\"#rrggbb\", name)} replacing the palette's colours")
-      .field("message", &Box::message, "messages of the run");
+          [](Box& b, const std::map<int, Style>& styles) { b.palette = paletteOf(styles); })
+      .describedFields();
 }
 
 void bindRender(py::module_& m) {

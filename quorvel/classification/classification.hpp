@@ -2,6 +2,8 @@
 // nearest neighbours, copied or chosen from distance bands.
 #pragma once
 
+#include "quorvel/core/fields.hpp"
+
 #include "basalt/StrongPtr.hpp"
 #include "tressel/Grid.hpp"
 #include "tressel/MemArray.hpp"
@@ -78,7 +80,55 @@ struct ClassificationTransferParameterBox {
   // " --> " class, then has assignment, maxradius, dimension, fieldname, onetree, positions,
   // expand, unclassify, source, target, sourcefilename, threads.
   void print() const;
+  static constexpr auto fields();
+  // The bands as print() writes them: the label, then "\t" radius " --> " class per band.
+  static void printBands(std::string_view label, const std::map<double, std::int32_t>& bands);
 };
+
+// The working state (references, trees, source classes and heights) is not described. The
+// command line binds by hand --bands (the text the box is built from), --dimension (2, 3, 2D or
+// 3D), --offset (X,Y,Z) and --threads (shared with the common option).
+constexpr auto ClassificationTransferParameterBox::fields() {
+  using B = ClassificationTransferParameterBox;
+  return describeBox(
+      "ClassificationTransferParameterBox",
+      field(&B::radius, "radius", "m", "radius: ", "search radius in metres, positive"),
+      field(&B::assignment, "assignment", "m²",
+            "\nassignment:", "distance bands: {squared band radius in square metres: class}")
+          .printedBy(&B::printBands),
+      field(&B::hasAssignment, "hasAssignment", "",
+            "has assignment: ", "bands instead of copying classes"),
+      field(&B::maxradius, "maxradius", "m",
+            "maxradius: ", "largest radius of expand, in metres, positive")
+          .option("--maxradius", "largest radius of --expand, in metres"),
+      field(&B::dimension, "dimension", "", "dimension: ", "3: search in x, y, z; 2: in x, y"),
+      field(&B::fieldname, "fieldname", "", "fieldname: ", "per-point class field (uint8)")
+          .option("--field", "per-point class field"),
+      field(&B::onetree, "onetree", "",
+            "onetree: ", "one tree over the whole source (classificationTransferOLD only)")
+          .option("--onetree", "one tree over the whole source (with --old)"),
+      field(&B::positions, "positions", "", "positions: ",
+            "also carry the nearest source position (classificationTransferOLD only)")
+          .option("--positions",
+                  "also write the nearest source point's position (\"SourcePositions\")"),
+      field(&B::expand, "expand", "",
+            "expand: ", "one-tree mode: double the radius up to maxradius")
+          .option("--expand", "grow the radius up to --maxradius (with --onetree)"),
+      field(&B::unclassify, "unclassify", "", "unclassify: ", "target classes set to 0 first")
+          .option("--unclassify", "set target classes to 0 first"),
+      field(&B::source, "source", "", "source: ", "source classes that enter the tree")
+          .option("--source-classes",
+                  "source classes that are searched (class numbers, e.g. 2 or 2:6,9)"),
+      field(&B::target, "target", "", "target: ", "target classes that are rewritten")
+          .option("--target-classes", "target classes that are rewritten (class numbers)"),
+      field(&B::offset, "offset", "m", "",
+            "translation (x, y, z) in metres from source to target coordinates"),
+      field(&B::sourcefilename, "sourcefilename", "",
+            "sourcefilename: ", "name of the source, printed only"),
+      field(&B::message, "message", "", "", "every error text of the runs, in order"),
+      field(&B::threads, "threads", "",
+            "threads: ", "worker threads; 0 or less, or more than the machine has: all but one"));
+}
 
 // Moves classes from source onto target, one source fragment after the other: a tree over the
 // source fragment's points whose class passes `source`, then, in parallel over the target

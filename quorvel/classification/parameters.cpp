@@ -35,22 +35,14 @@ ClassificationTransferParameterBox::ClassificationTransferParameterBox(const std
 }
 
 void ClassificationTransferParameterBox::print() const {
-  printField("radius: ", radius);
-  Basalt::Console() << "\nassignment:";
-  for (const auto& [key, cls] : assignment)
-    Basalt::Console() << "\t" << std::sqrt(key) << " --> " << cls;
-  printField("has assignment: ", hasAssignment);
-  printField("maxradius: ", maxradius);
-  printField("dimension: ", dimension);
-  printField("fieldname: ", fieldname);
-  printField("onetree: ", onetree);
-  printField("positions: ", positions);
-  printField("expand: ", expand);
-  printField("unclassify: ", unclassify);
-  printField("source: ", source);
-  printField("target: ", target);
-  printField("sourcefilename: ", sourcefilename);
-  printField("threads: ", threads);
+  printFields(*this);
+}
+
+void ClassificationTransferParameterBox::printBands(std::string_view label,
+                                                    const std::map<double, std::int32_t>& bands) {
+  Basalt::Console() << label;
+  for (const auto& [key, cls] : bands)
+    Basalt::Console() << "	" << std::sqrt(key) << " --> " << cls;
 }
 
 } // namespace Quorvel

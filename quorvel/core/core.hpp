@@ -15,6 +15,8 @@
 //   });
 #pragma once
 
+#include "quorvel/core/fields.hpp"
+
 #include "basalt/Console.hpp"
 #include "quorvel/core/parallel.hpp"
 #include "tressel/BoundingBoxes.hpp"
@@ -109,13 +111,7 @@ private:
 
 // ---- Parameter boxes -----------------------------------------------------------------------
 
-// One line of a box's print(): the label, as written (with its ": "), and the value; booleans
-// print as the digit 0 or 1, ranges in their text form, numbers in the console's format.
-template <class T>
-void printField(std::string_view label, const T& value) {
-  Basalt::Console() << label << value;
-}
-void printField(std::string_view label, const MultiRange<double>& range);
+// printField and printFields: quorvel/core/fields.hpp.
 
 // ---- Input lookup --------------------------------------------------------------------------
 

@@ -6,6 +6,7 @@
 
 #include "basalt/LoaderProgress.hpp"
 #include "basalt/StrongPtr.hpp"
+#include "quorvel/core/fields.hpp"
 #include "tressel/Grid.hpp"
 
 #include <cstdint>
@@ -46,7 +47,50 @@ struct ShapeFactorComputationParameterBox {
   // "use first returns: ", "use single returns: ", "use last returns: ", "intensity threshold: ",
   // "verbose: ", "chartname: ", "normalvector: ", "linearity: ", "sphericity: " and the value.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto ShapeFactorComputationParameterBox::fields() {
+  using B = ShapeFactorComputationParameterBox;
+  return describeBox(
+      "ShapeFactorComputationParameterBox",
+      field(&B::maxstep, "maxstep", "", "maxstep: ",
+            "number of scales, 0 to 1000; scale k takes squared distances up to k * step")
+          .option("--maxstep", "number of scales (0 to 1000); the widest reaches sqrt(N*S) metres"),
+      field(&B::step, "step", "m²", "step: ",
+            "scale increment in square metres (compared with squared distances), positive")
+          .option("--step", "scale increment in square metres (the cloud's units squared): scale "
+                            "k takes the neighbours within sqrt(k*S) metres"),
+      field(&B::dimension, "dimension", "", "dimension: ", "3: neighbours in x, y, z; 2: in x, y"),
+      field(&B::use_only_firstreturns, "use_only_firstreturns", "",
+            "use first returns: ", "only first returns take part")
+          .option("--first-returns", "only first returns take part"),
+      field(&B::use_only_singlereturns, "use_only_singlereturns", "",
+            "use single returns: ", "only single returns take part")
+          .option("--single-returns", "only single returns take part"),
+      field(&B::use_only_lastreturns, "use_only_lastreturns", "",
+            "use last returns: ", "only last returns take part")
+          .option("--last-returns", "only last returns take part"),
+      field(&B::intensity_threshold, "intensity_threshold", "intensity units",
+            "intensity threshold: ",
+            "points of lower \"Amplitude\" (else \"Intensity\") take no part, 0 to 65535; 0: off")
+          .option("--intensity-threshold",
+                  "points of lower \"Amplitude\" (else \"Intensity\") take no part, in the "
+                  "file's intensity units (0 to 65535; 0: all take part)"),
+      field(&B::verbose, "verbose", "", "verbose: ",
+            "bounding boxes and filter steps among the library's lines (see set_verbose)"),
+      field(&B::chartname, "chartname", "",
+            "chartname: ", "chart of the positions and of every field")
+          .option("--chart", "chart of the positions and fields"),
+      field(&B::normalvector, "normalvector", "",
+            "normalvector: ", "also write \"NormalVector\" (unit, z >= 0)")
+          .option("--normals", "also write \"NormalVector\" (unit vectors, pointing up)"),
+      field(&B::linearity, "linearity", "", "linearity: ", "also write \"Linearity\"")
+          .option("--linearity", "also write \"Linearity\" (0 to 1)"),
+      field(&B::sphericity, "sphericity", "", "sphericity: ", "also write \"Sphericity\"")
+          .option("--sphericity", "also write \"Sphericity\" (0 to 1)"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // Gives every selected point of every fragment "Planarity" (float) and, on request, "Linearity",
 // "Sphericity" (float) and "NormalVector" (unit, z >= 0). One radius query per point (radius
@@ -81,7 +125,26 @@ struct PointCloudReductionParameterBox {
 
   // "radius: " and "neighbours: " lines.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto PointCloudReductionParameterBox::fields() {
+  using B = PointCloudReductionParameterBox;
+  return describeBox(
+      "PointCloudReductionParameterBox",
+      field(&B::message, "message", "", "", "messages of the last run"),
+      field(&B::radius, "radius", "m",
+            "radius: ", "start radius of the neighbour search in metres, positive; doubles up to 5")
+          .option("--radius", "start radius of the neighbour search in metres (it doubles, up to "
+                              "5 m, until K neighbours are found)"),
+      field(&B::neighbours, "neighbours", "points",
+            "neighbours: ", "nearest neighbours in a weight (points), 1 to 1000000")
+          .option("--neighbours", "nearest neighbours in a weight, in points (1 or more)"),
+      field(&B::fragmentMaxWeights, "fragmentMaxWeights", "", "",
+            "largest weight of every fragment processed with this box"),
+      field(&B::fragmentMedianWeights, "fragmentMedianWeights", "", "",
+            "median weight of every fragment processed with this box"));
+}
 
 // Gives every point "Weights" (float): -1 for planarity below 0.001 or no neighbour, otherwise
 // (S_d / K) (S_n + S_p) + S_m + S_d + S_t over its first K neighbours in distance order (S_d the
@@ -109,7 +172,24 @@ struct PointCloudSizeReductionParameterBox {
 
   // "keep: ", "threshold: ", "keep unweighted: " lines.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto PointCloudSizeReductionParameterBox::fields() {
+  using B = PointCloudSizeReductionParameterBox;
+  return describeBox(
+      "PointCloudSizeReductionParameterBox",
+      field(&B::keep, "keep", "share", "keep: ", "share of each fragment's points kept, 0 to 1")
+          .option("--keep", "share of each fragment's points kept (0 to 1)"),
+      field(&B::threshold, "threshold", "", "threshold: ",
+            "keep the points of normalised weight at least this instead (NaN: unset)")
+          .option("--threshold", "keep the points whose weight (about 1 for a typical point) is "
+                                 "at least W instead"),
+      // --drop-unweighted, the opposite switch, is bound by hand.
+      field(&B::keep_unweighted, "keep_unweighted", "", "keep unweighted: ",
+            "also keep the points of negative weight (edges, isolated points)"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // The points of grid that the box keeps, in a new grid: every per-point field of the
 // "StandardCartesianChart3D" representation with the kept points in their order, one fragment per

@@ -11,9 +11,7 @@ namespace Quorvel {
 using Box = PointCloudSizeReductionParameterBox;
 
 void PointCloudSizeReductionParameterBox::print() const {
-  printField("keep: ", keep);
-  printField("threshold: ", threshold);
-  printField("keep unweighted: ", keep_unweighted);
+  printFields(*this);
 }
 
 namespace {

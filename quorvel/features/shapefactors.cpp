@@ -17,18 +17,7 @@ using Box = ShapeFactorComputationParameterBox;
 using Vantor::PhysicalSpace::vector;
 
 void ShapeFactorComputationParameterBox::print() const {
-  printField("maxstep: ", maxstep);
-  printField("step: ", step);
-  printField("dimension: ", dimension);
-  printField("use first returns: ", use_only_firstreturns);
-  printField("use single returns: ", use_only_singlereturns);
-  printField("use last returns: ", use_only_lastreturns);
-  printField("intensity threshold: ", intensity_threshold);
-  printField("verbose: ", verbose);
-  printField("chartname: ", chartname);
-  printField("normalvector: ", normalvector);
-  printField("linearity: ", linearity);
-  printField("sphericity: ", sphericity);
+  printFields(*this);
 }
 
 namespace {

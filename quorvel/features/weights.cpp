@@ -15,8 +15,7 @@ using Box = PointCloudReductionParameterBox;
 using Vantor::PhysicalSpace::vector;
 
 void PointCloudReductionParameterBox::print() const {
-  printField("radius: ", radius);
-  printField("neighbours: ", neighbours);
+  printFields(*this);
 }
 
 namespace {

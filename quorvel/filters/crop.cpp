@@ -11,9 +11,11 @@
 namespace Quorvel {
 
 void CropParameterBox::print() const {
-  printField("box: ", Basalt::format("(%.17g,%.17g,%.17g,%.17g)", box[0], box[1], box[2], box[3]));
-  printField("inverse: ", inverse);
-  printField("where: ", where);
+  printFields(*this);
+}
+
+void CropParameterBox::printBox(std::string_view label, const std::array<double, 4>& box) {
+  printField(label, Basalt::format("(%.17g,%.17g,%.17g,%.17g)", box[0], box[1], box[2], box[3]));
 }
 
 StrongPtr<Grid> crop(const StrongPtr<Grid>& grid, CropParameterBox& box) {

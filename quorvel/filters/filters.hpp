@@ -6,6 +6,7 @@
 #pragma once
 
 #include "basalt/StrongPtr.hpp"
+#include "quorvel/core/fields.hpp"
 #include "tressel/Grid.hpp"
 
 #include <array>
@@ -41,7 +42,29 @@ struct CropParameterBox {
 
   // "box: ", "inverse: " and "where: " lines.
   void print() const;
+  static constexpr auto fields();
+  // The box as print() writes it: "(xmin,ymin,xmax,ymax)" in full precision.
+  static void printBox(std::string_view label, const std::array<double, 4>& box);
 };
+
+constexpr auto CropParameterBox::fields() {
+  using B = CropParameterBox;
+  return describeBox(
+      "CropParameterBox",
+      // --box (a text of four numbers) and --polygon (a file) are bound by hand.
+      field(&B::box, "box", "cloud units",
+            "box: ", "(xmin, ymin, xmax, ymax), edges inside; used without polygons")
+          .printedBy(&B::printBox),
+      field(&B::polygons, "polygons", "cloud units", "",
+            "polygons, each a list of rings of (x, y) vertices (outer ring first, then holes); "
+            "their union is the area, boundaries inside"),
+      field(&B::inverse, "inverse", "", "inverse: ", "keep the points outside the area instead")
+          .option("--inverse", "keep the points outside the area instead"),
+      // --where is an expression, checked as it is read: bound by hand.
+      field(&B::where, "where", "",
+            "where: ", "an expression limiting the points tested (the others kept)"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // Whether each of n x-y points lies in the union of the polygons (boundaries inside), as bytes
 // 0/1. Each polygon gets a grid of cells known to be inside, outside or crossed by edges once, so
@@ -80,7 +103,37 @@ struct OutlierParameterBox {
   std::string message;
 
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto OutlierParameterBox::fields() {
+  using B = OutlierParameterBox;
+  return describeBox(
+      "OutlierParameterBox",
+      field(&B::method, "method", "", "method: ", "\"statistical\" or \"radius\"")
+          .option("--method", "statistical or radius"),
+      field(&B::neighbours, "neighbours", "points", "neighbours: ", "K of the statistical rule")
+          .option("--neighbours", "K of the statistical rule, points"),
+      field(&B::multiplier, "multiplier", "", "multiplier: ", "M: outlier when d_i > mu + M sigma")
+          .option("--multiplier", "M of the statistical rule"),
+      field(&B::radius, "radius", "m", "radius: ", "R of the radius rule (inclusive), metres")
+          .option("--radius", "R of the radius rule, in the cloud's units"),
+      field(&B::minPoints, "minPoints", "points",
+            "minPoints: ", "N: outlier with fewer other points within R")
+          .option("--min-points", "N of the radius rule, points"),
+      field(&B::classify, "classify", "", "classify: ", "class given to outliers")
+          .option("--classify", "class given to outliers"),
+      field(&B::remove, "remove", "", "remove: ", "drop the outliers instead")
+          .option("--remove", "drop the outliers instead"),
+      // --where (an expression) and --threads (shared with the common option) are bound by hand.
+      field(&B::where, "where", "",
+            "where: ", "an expression limiting the points tested (all points stay neighbours)"),
+      field(&B::threads, "threads", "", "", "0: all but one; results never depend on it"),
+      field(&B::outliers, "outliers", "points", "", "outliers found by the last run"),
+      field(&B::mean, "mean", "m", "", "mu of the last statistical run"),
+      field(&B::deviation, "deviation", "m", "", "sigma of the last statistical run"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // Whether each point of the cloud (all fragments, in layout order) is an outlier by the box's
 // rule; one tree over every point, built once and read by all threads. Empty with a message when
@@ -113,7 +166,33 @@ struct ThinParameterBox {
   std::string message;
 
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto ThinParameterBox::fields() {
+  using B = ThinParameterBox;
+  return describeBox(
+      "ThinParameterBox",
+      // The command line has no --mode: the option given (--voxel, --random, --every) sets it.
+      field(&B::mode, "mode", "", "mode: ", "\"voxel\", \"random\" or \"every\""),
+      field(&B::voxel, "voxel", "cloud units",
+            "voxel: ", "side of the cubes, from the coordinate origin")
+          .option("--voxel", "one point per cube of this side; cubes at multiples of it from the "
+                             "coordinate origin"),
+      field(&B::keep, "keep", "", "keep: ", "first, lowest, highest or centre")
+          .option("--keep", "the point a cube keeps: first (in file order), lowest, highest, "
+                            "centre (nearest the cube's centre); ties go to the first"),
+      field(&B::fraction, "fraction", "share",
+            "fraction: ", "probability of keeping a point (random)")
+          .option("--random", "keep each point with this probability (0 to 1)"),
+      field(&B::seed, "seed", "", "seed: ", "seed of the SplitMix64 sequence (random)")
+          .option("--seed", "seed of --random: point i in file order is kept when the i-th "
+                            "number of the SplitMix64 sequence from the seed, over 2^64, is "
+                            "below the fraction"),
+      field(&B::every, "every", "points", "every: ", "N: the 1st, (N+1)th, ... point in file order")
+          .option("--every", "keep the 1st, (N+1)th, 2N+1th, ... point"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // A new cloud of the points kept, with all their fields, in input order; empty with a message
 // (after "Thin: ") on missing positions or an unknown mode.
@@ -145,7 +224,36 @@ struct ReprojectionParameterBox {
   std::string message;
 
   void print() const;
+  static constexpr auto fields();
+  // The input's scale as print() writes it: "(sx,sy,sz)".
+  static void printScale(std::string_view label, const std::array<double, 3>& scale);
 };
+
+constexpr auto ReprojectionParameterBox::fields() {
+  using B = ReprojectionParameterBox;
+  return describeBox(
+      "ReprojectionParameterBox",
+      field(&B::target, "target", "",
+            "target: ", "the output's system: EPSG:n, WKT or a PROJ string")
+          .option("--to", "the output's coordinate system: EPSG:n, WKT or a PROJ string"),
+      field(&B::source, "source", "", "source: ", "the input's system; empty: the cloud's own")
+          .option("--from", "the input's coordinate system (default: the file's; needed without "
+                            "one)"),
+      field(&B::inputScale, "inputScale", "", "inputScale: ",
+            "the input's LAS scale (set from the cloud's LAS origin where it has one)")
+          .printedBy(&B::printScale),
+      field(&B::exact, "exact", "",
+            "exact: ", "transform every point exactly instead of interpolating checked cells")
+          .option("--exact",
+                  "transform every point through PROJ instead of interpolating checked cells"),
+      field(&B::tolerance, "tolerance", "", "tolerance: ",
+            "largest error of an interpolated coordinate, a fraction of the output's scale"),
+      // --threads, shared with the common option, is bound by hand.
+      field(&B::threads, "threads", "", "", "0: all but one"),
+      field(&B::scale, "scale", "", "", "LAS scale chosen by the last run"),
+      field(&B::offset, "offset", "", "", "LAS offset chosen by the last run"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // Transforms every position of grid in place, in blocks across threads, each thread with its own
 // transform from makeTransform. Unless box.exact, the transform is first approximated over the

@@ -15,14 +15,7 @@
 namespace Quorvel {
 
 void OutlierParameterBox::print() const {
-  printField("method: ", method);
-  printField("neighbours: ", neighbours);
-  printField("multiplier: ", multiplier);
-  printField("radius: ", radius);
-  printField("minPoints: ", minPoints);
-  printField("classify: ", classify);
-  printField("remove: ", remove);
-  printField("where: ", where);
+  printFields(*this);
 }
 
 namespace {

@@ -15,12 +15,12 @@
 namespace Quorvel {
 
 void ReprojectionParameterBox::print() const {
-  printField("target: ", target);
-  printField("source: ", source);
-  printField("inputScale: ",
-             Basalt::format("(%g,%g,%g)", inputScale[0], inputScale[1], inputScale[2]));
-  printField("exact: ", exact);
-  printField("tolerance: ", tolerance);
+  printFields(*this);
+}
+
+void ReprojectionParameterBox::printScale(std::string_view label,
+                                          const std::array<double, 3>& scale) {
+  printField(label, Basalt::format("(%g,%g,%g)", scale[0], scale[1], scale[2]));
 }
 
 namespace {

@@ -13,12 +13,7 @@
 namespace Quorvel {
 
 void ThinParameterBox::print() const {
-  printField("mode: ", mode);
-  printField("voxel: ", voxel);
-  printField("keep: ", keep);
-  printField("fraction: ", fraction);
-  printField("seed: ", seed);
-  printField("every: ", every);
+  printFields(*this);
 }
 
 namespace {

@@ -5,6 +5,7 @@
 // of 1e7 or more means "no plane".
 #pragma once
 
+#include "quorvel/core/fields.hpp"
 #include "tressel/MemArray.hpp"
 #include "vantor/Eigen.hpp"
 #include "vantor/PhysicalSpace.hpp"
@@ -92,6 +93,17 @@ struct ComputeNeighboursParameterBox {
   bool different(const ComputeNeighboursParameterBox& other) const;
   // "radius: ", "mode: ", "stripwise: " lines.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto ComputeNeighboursParameterBox::fields() {
+  using B = ComputeNeighboursParameterBox;
+  return describeBox(
+      "ComputeNeighboursParameterBox",
+      field(&B::radius, "radius", "m", "radius: ", "search radius in metres, positive"),
+      field(&B::mode, "mode", "", "mode: ", "search mode text"),
+      field(&B::stripwise, "stripwise", "",
+            "stripwise: ", "search strip by strip instead of the whole cloud"));
+}
 
 } // namespace Quorvel

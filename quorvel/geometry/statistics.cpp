@@ -83,9 +83,7 @@ bool ComputeNeighboursParameterBox::different(const ComputeNeighboursParameterBo
 }
 
 void ComputeNeighboursParameterBox::print() const {
-  Basalt::Console() << "radius: " << radius;
-  Basalt::Console() << "mode: " << mode;
-  Basalt::Console() << "stripwise: " << stripwise;
+  printFields(*this);
 }
 
 } // namespace Quorvel

@@ -26,19 +26,32 @@ std::string cornersText(const BoundingBox& box) {
 } // namespace detail
 
 void MapRasterOnPointCloudParameterBox::print() const {
-  printField("constantclasses: ", constantclasses);
-  printField("cellsize: ", detail::tripleText(cellsize[0], cellsize[1], cellsize[2]));
-  printField("height: ", height);
-  printField("step: ", step);
-  printField("heightfieldname: ", heightfieldname);
-  printField("unclassify: ", unclassify);
-  printField("rastersize: ", std::to_string(rastersize[0]) + "x" + std::to_string(rastersize[1]) +
-                                 "x" + std::to_string(rastersize[2]));
-  printField("raster bbox: ", raster_bbox && !raster_bbox->empty()
-                                  ? detail::cornersText(*raster_bbox)
-                                  : std::string());
-  Basalt::Console() << "assignment: ";
-  for (const HeightBand& band : assignment)
+  // The order of the lines is older than the order of the fields.
+  using B = MapRasterOnPointCloudParameterBox;
+  printFields(*this, &B::constantclasses, &B::cellsize, &B::height, &B::step, &B::heightfieldname,
+              &B::unclassify);
+}
+
+void MapRasterOnPointCloudParameterBox::printCellSize(std::string_view label,
+                                                      const std::array<double, 3>& size) {
+  printField(label, detail::tripleText(size[0], size[1], size[2]));
+}
+
+void MapRasterOnPointCloudParameterBox::printRasterSize(std::string_view label,
+                                                        const std::array<std::uint64_t, 3>& size) {
+  printField(label, std::to_string(size[0]) + "x" + std::to_string(size[1]) + "x" +
+                        std::to_string(size[2]));
+}
+
+void MapRasterOnPointCloudParameterBox::printRasterBox(std::string_view label,
+                                                       const StrongPtr<BoundingBox>& box) {
+  printField(label, box && !box->empty() ? detail::cornersText(*box) : std::string());
+}
+
+void MapRasterOnPointCloudParameterBox::printBands(std::string_view label,
+                                                   const std::vector<HeightBand>& bands) {
+  Basalt::Console() << label;
+  for (const HeightBand& band : bands)
     Basalt::Console() << band.low << ":" << band.high << "=" << band.cls;
 }
 

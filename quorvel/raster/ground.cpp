@@ -158,12 +158,7 @@ std::vector<point> pointsOf(const Tressel::Grid& cloud, const PointFilter& filte
 } // namespace
 
 void GroundRasterParameterBox::print() const {
-  printField("cell size: ", cell_size);
-  printField("classes: ", classes);
-  printField("method: ", method);
-  printField("fill rings: ", fill_rings);
-  printField("fragment cells: ", fragment_cells);
-  printField("height field: ", height_field);
+  printFields(*this);
 }
 
 Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,

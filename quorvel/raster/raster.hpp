@@ -18,6 +18,8 @@
 // bands above that ground or writes the point's height above it ("CanopyHeight").
 #pragma once
 
+#include "quorvel/core/fields.hpp"
+
 #include "basalt/StrongPtr.hpp"
 #include "tressel/Grid.hpp"
 #include "vantor/BoundingBox.hpp"
@@ -88,7 +90,56 @@ struct MapRasterOnPointCloudParameterBox {
   // "unclassify: ", "rastersize: XxYxZ", "raster bbox: min | max", then "assignment: " and one
   // "low:high=class" line per band.
   void print() const;
+  static constexpr auto fields();
+  // The forms of print(): "(x ,y ,z)", "XxYxZ", "(min) | (max)" (empty without a box), and the
+  // label on a line of its own followed by one "low:high=class" line per band.
+  static void printCellSize(std::string_view label, const std::array<double, 3>& size);
+  static void printRasterSize(std::string_view label, const std::array<std::uint64_t, 3>& size);
+  static void printRasterBox(std::string_view label,
+                             const Basalt::StrongPtr<Vantor::BoundingBox>& box);
+  static void printBands(std::string_view label, const std::vector<HeightBand>& bands);
 };
+
+// The command line binds --bands and --class-bands by hand (texts of bands); the raster's layout
+// and box come from the raster.
+constexpr auto MapRasterOnPointCloudParameterBox::fields() {
+  using B = MapRasterOnPointCloudParameterBox;
+  return describeBox(
+      "MapRasterOnPointCloudParameterBox",
+      field(&B::step, "step", "", "step: ", "bands by the height above the cell's ground alone")
+          .option("--step", "bands by the height above the cell's ground alone"),
+      field(&B::unclassify, "unclassify", "",
+            "unclassify: ", "every mapped point's class set to 0 first")
+          .option("--unclassify", "set every mapped point's class to 0 first"),
+      field(&B::height, "height", "",
+            "height: ", "write \"CanopyHeight\" (metres above the cell's plane) instead of classes")
+          .option("--height",
+                  "write \"CanopyHeight\" (metres above the ground) instead of classes"),
+      field(&B::heightfieldname, "heightfieldname", "",
+            "heightfieldname: ", "the raster's field of ground heights")
+          .option("--height-field", "the raster's field of ground heights"),
+      field(&B::cellsize, "cellsize", "m",
+            "cellsize: ", "edge of a raster cell along x, y, z in metres (0: axis not indexed)")
+          .printedBy(&B::printCellSize),
+      field(&B::rastersize, "rastersize", "cells",
+            "rastersize: ", "cells of a raster fragment along x, y, z")
+          .printedBy(&B::printRasterSize),
+      field(&B::constantclasses, "constantclasses", "",
+            "constantclasses: ", "classes the mapping never changes")
+          .option("--constant-classes",
+                  "classes never changed (class numbers; a point of such a class that would be "
+                  "mapped is reported)"),
+      field(&B::raster_bbox, "raster_bbox", "m", "raster bbox: ",
+            "the whole raster's box ((min), (max)) in metres, set by prepareRaster")
+          .printedBy(&B::printRasterBox),
+      field(&B::assignment, "assignment", "m", "assignment: ",
+            "height bands [(low, high, class)] in metres above the ground; later ones override")
+          .printedBy(&B::printBands),
+      // Not printed.
+      field(&B::class_assignment, "class_assignment", "m", "",
+            "bands for some classes only [(class, low, high, from, to)]: heights in metres, "
+            "points of classes from..to"));
+}
 
 // Sets box.cellsize and box.rastersize from the raster's uniform layout (what prepareRaster and
 // mapData expect the caller to have set); false, leaving the box alone, for a grid without one.
@@ -163,7 +214,29 @@ struct GroundRasterParameterBox {
   // "cell size: ", "classes: ", "method: ", "fill rings: ", "fragment cells: ", "height field: "
   // lines.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto GroundRasterParameterBox::fields() {
+  using B = GroundRasterParameterBox;
+  return describeBox(
+      "GroundRasterParameterBox",
+      field(&B::cell_size, "cell_size", "m", "cell size: ", "edge of a cell in metres, positive")
+          .option("--cell", "edge of a cell, in metres (the cloud's units)"),
+      field(&B::classes, "classes", "", "classes: ", "the ground classes")
+          .option("--classes", "the ground classes (class numbers)"),
+      field(&B::method, "method", "", "method: ", "lowest, tin or idw")
+          .option("--method", "lowest, tin or idw"),
+      field(&B::fill_rings, "fill_rings", "cells",
+            "fill rings: ", "how far gaps are filled, in cells (0 to 1000)")
+          .option("--fill-rings", "how far gaps are filled, in cells (0 to 1000)"),
+      field(&B::fragment_cells, "fragment_cells", "cells",
+            "fragment cells: ", "cells of a fragment along x and y")
+          .option("--fragment-cells", "cells of a fragment along x and y"),
+      field(&B::height_field, "height_field", "",
+            "height field: ", "the raster's field of the heights")
+          .option("--height-field", "the field of the heights"));
+}
 
 // A ground raster of the cloud's points of the box's classes: pixels at multiples of the cell
 // size covering the cloud so that every point lies in a pixel, with one column and one row past
@@ -204,7 +277,36 @@ struct SurfaceParameterBox {
   // "cell size: ", "classes: ", "first returns: ", "fill rings: ", "pit depth: ",
   // "fragment cells: ", "height field: ", "ground field: " lines.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto SurfaceParameterBox::fields() {
+  using B = SurfaceParameterBox;
+  return describeBox(
+      "SurfaceParameterBox",
+      field(&B::cell_size, "cell_size", "m", "cell size: ", "edge of a cell in metres, positive")
+          .option("--cell", "edge of a cell, in metres (the cloud's units)"),
+      field(&B::classes, "classes", "", "classes: ", "the classes of the points taken (empty: all)")
+          .option("--classes", "the classes of the points taken (default: all)"),
+      field(&B::first_returns, "first_returns", "", "first returns: ", "first returns only")
+          .option("--first-returns", "first returns only"),
+      field(&B::fill_rings, "fill_rings", "cells",
+            "fill rings: ", "how far cells without points are filled, in cells (0 to 1000)")
+          .option("--fill-rings", "how far cells without points are filled, in cells (0 to 1000)"),
+      field(&B::pit_depth, "pit_depth", "m", "pit depth: ",
+            "canopy height: a cell this far below its neighbours' median takes it (0: none)")
+          .option("--pit-depth", "a cell this far below the median of its neighbours takes the "
+                                 "median, in metres (0: no smoothing)"),
+      field(&B::fragment_cells, "fragment_cells", "cells",
+            "fragment cells: ", "cells of a fragment along x and y")
+          .option("--fragment-cells", "cells of a fragment along x and y"),
+      field(&B::height_field, "height_field", "",
+            "height field: ", "the raster's field of the values")
+          .option("--height-field", "the field of the values"),
+      field(&B::ground_field, "ground_field", "",
+            "ground field: ", "canopy height: the ground raster's field of heights")
+          .option("--ground-field", "the ground raster's field of heights"));
+}
 
 // The surface model: pixels as groundRaster lays them out, each the highest z of the box's points
 // in it (Measured), cells without points filled up to fill_rings rings (Filled), else NoData.

@@ -160,14 +160,7 @@ void fillPits(Pixels& p, double depth) {
 } // namespace
 
 void SurfaceParameterBox::print() const {
-  printField("cell size: ", cell_size);
-  printField("classes: ", classes);
-  printField("first returns: ", first_returns);
-  printField("fill rings: ", fill_rings);
-  printField("pit depth: ", pit_depth);
-  printField("fragment cells: ", fragment_cells);
-  printField("height field: ", height_field);
-  printField("ground field: ", ground_field);
+  printFields(*this);
 }
 
 Basalt::StrongPtr<Tressel::Grid> surfaceRaster(const Tressel::Grid& cloud,

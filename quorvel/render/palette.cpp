@@ -124,22 +124,7 @@ double hillshade(const std::array<double, 9>& w, double sizeX, double sizeY, dou
 } // namespace Render
 
 void RenderParameterBox::print() const {
-  printField("by: ", by);
-  printField("view: ", view);
-  printField("pixel: ", pixel);
-  printField("width: ", width);
-  printField("height: ", height);
-  printField("classes: ", classes);
-  printField("range low: ", range_low);
-  printField("range high: ", range_high);
-  printField("legend: ", legend);
-  printField("shade: ", shade);
-  printField("hillshade: ", hillshade);
-  printField("from x: ", from_x);
-  printField("from y: ", from_y);
-  printField("to x: ", to_x);
-  printField("to y: ", to_y);
-  printField("corridor: ", corridor);
+  printFields(*this);
 }
 
 } // namespace Quorvel

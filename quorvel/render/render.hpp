@@ -5,6 +5,7 @@
 // (io/raster.hpp).
 #pragma once
 
+#include "quorvel/core/fields.hpp"
 #include "tressel/Grid.hpp"
 #include "vantor/MultiRange.hpp"
 
@@ -100,7 +101,53 @@ struct RenderParameterBox {
   // One line per field but palette and message, labelled by its name ("range low: ",
   // "from x: ", ...).
   void print() const;
+  static constexpr auto fields();
 };
+
+// The command line binds by hand what it reads as one text (--size, --range, --from, --to) or
+// from a file (--palette).
+constexpr auto RenderParameterBox::fields() {
+  using B = RenderParameterBox;
+  return describeBox(
+      "RenderParameterBox",
+      field(&B::by, "by", "", "by: ",
+            "classification, z, intensity, height (CanopyHeight) or a field's name; empty: "
+            "classification, for rasters heights")
+          .option("--by", "classification, z, intensity, height (CanopyHeight) or a field's name "
+                          "(default: classification; rasters: height)"),
+      field(&B::view, "view", "", "view: ", "top or profile").option("--view", "top or profile"),
+      field(&B::pixel, "pixel", "m",
+            "pixel: ", "edge of a pixel in metres (0: from width and height)")
+          .option("--pixel", "edge of a pixel in metres (0: from --size)"),
+      field(&B::width, "width", "pixels",
+            "width: ", "pixels along x at most (0: from height, or 1000)"),
+      field(&B::height, "height", "pixels", "height: ", "pixels along y at most (0: from width)"),
+      field(&B::classes, "classes", "",
+            "classes: ", "only the points of these classes (empty: all)")
+          .option("--classes", "only the points of these classes"),
+      field(&B::range_low, "range_low", "", "range low: ", "the value of the ramp's first colour"),
+      field(&B::range_high, "range_high", "", "range high: ",
+            "the value of its last colour (equal to range_low: the 2nd and 98th percentile)"),
+      field(&B::legend, "legend", "", "legend: ", "class names or a colour bar on the right")
+          .option("--legend", "add the class names or a colour bar on the right"),
+      field(&B::shade, "shade", "", "shade: ",
+            "top views shaded by the slope of the highest points; rasters: the height colours "
+            "shaded (not with hillshade)")
+          .option("--shade", "top views: shade by the slope of the highest points; rasters: the "
+                             "height colours shaded (not with --hillshade)"),
+      field(&B::hillshade, "hillshade", "", "hillshade: ", "rasters as their hillshade")
+          .option("--hillshade", "rasters: the hillshade of the heights"),
+      field(&B::from_x, "from_x", "m", "from x: ", "x of a profile's start in metres"),
+      field(&B::from_y, "from_y", "m", "from y: ", "y of a profile's start in metres"),
+      field(&B::to_x, "to_x", "m", "to x: ", "x of a profile's end in metres"),
+      field(&B::to_y, "to_y", "m", "to y: ", "y of a profile's end in metres"),
+      field(&B::corridor, "corridor", "m",
+            "corridor: ", "a profile's points within this many metres of its line")
+          .option("--width", "profiles: the points within this many metres"),
+      field(&B::palette, "palette", "", "",
+            "{class: \"#rrggbb\" or (\"#rrggbb\", name)} replacing the palette's colours"),
+      field(&B::message, "message", "", "", "messages of the run"));
+}
 
 // A picture: RGBA pixels row by row from the top (north, or the highest z of a profile); a top
 // view or raster knows where it lies: pixel (0, 0)'s upper-left corner at (left, top), pixels of

@@ -12,15 +12,15 @@
 namespace Quorvel {
 
 void FieldAssignmentParameterBox::print() const {
-  printField("where: ", where);
-  std::string items;
-  for (const std::string& item : set)
-    items += (items.empty() ? "" : " ") + item;
-  printField("set: ", items);
-  items.clear();
-  for (const std::string& item : create)
-    items += (items.empty() ? "" : " ") + item;
-  printField("create: ", items);
+  printFields(*this);
+}
+
+void FieldAssignmentParameterBox::printItems(std::string_view label,
+                                             const std::vector<std::string>& items) {
+  std::string line;
+  for (const std::string& item : items)
+    line += (line.empty() ? "" : " ") + item;
+  printField(label, line);
 }
 
 namespace {

@@ -12,11 +12,7 @@ using Vantor::PhysicalSpace::bivector;
 using Vantor::PhysicalSpace::vector;
 
 void SelectionParameterBox::print() const {
-  printField("fieldname: ", fieldname);
-  printField("selection: ", selection);
-  printField("where: ", where);
-  printField("inverse: ", inverse);
-  printField("coordinate: ", coordinate);
+  printFields(*this);
 }
 
 SelectionRule::SelectionRule(const SelectionParameterBox& box)

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "basalt/StrongPtr.hpp"
+#include "quorvel/core/fields.hpp"
 #include "tressel/Grid.hpp"
 #include "tressel/MemArray.hpp"
 #include "vantor/MultiRange.hpp"
@@ -79,7 +80,33 @@ struct SelectionParameterBox {
 
   // "fieldname: ", "selection: ", "where: ", "inverse: ", "coordinate: " lines.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto SelectionParameterBox::fields() {
+  using B = SelectionParameterBox;
+  return describeBox(
+      "SelectionParameterBox",
+      field(&B::fieldname, "fieldname", "", "fieldname: ", "the field whose values decide")
+          .option("--field", "the field whose values decide (quorvel info lists a file's fields)"),
+      field(&B::selection, "selection", "field units", "selection: ",
+            "value ranges in the field's unit (classes, metres), e.g. \"2:5,9\"; empty: none")
+          .option("--range", "value ranges in the field's units, e.g. 2:5,9 (2 to 5, and 9)"),
+      // --where is an expression, checked as it is read: bound by hand.
+      field(&B::where, "where", "", "where: ",
+            "an expression that must hold (docs/expressions.md), e.g. \"Classification == 2 "
+            "&& Z > 300\"; with ranges too, both must hold; empty: none"),
+      field(&B::inverse, "inverse", "",
+            "inverse: ", "select the points that the ranges and where leave out")
+          .option("--inverse", "select the points that --range and --where leave out instead"),
+      field(&B::coordinate, "coordinate", "",
+            "coordinate: ", "component (0, 1 or 2) that decides for points and vectors; 2: z")
+          .option("--coordinate", "component of points and vectors: 0 x, 1 y, 2 z"),
+      field(&B::columns, "columns", "", "",
+            "fields of array2D's columns after x, y, z; empty: all"),
+      field(&B::columnNames, "columnNames", "", "", "column names of the last array2D"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // One node of a parsed expression, in the flat tree of an Expression.
 struct ExpressionNode {
@@ -395,7 +422,27 @@ struct FieldAssignmentParameterBox {
 
   // "where: ", "set: ", "create: " lines.
   void print() const;
+  static constexpr auto fields();
+  // Items as print() writes them: on one line, separated by blanks.
+  static void printItems(std::string_view label, const std::vector<std::string>& items);
 };
+
+// The command line binds these by hand: --where is an expression checked as it is read, --set
+// and --create are repeatable options with checks of their own.
+constexpr auto FieldAssignmentParameterBox::fields() {
+  using B = FieldAssignmentParameterBox;
+  return describeBox(
+      "FieldAssignmentParameterBox",
+      field(&B::where, "where", "", "where: ",
+            "the points that change: an expression (docs/expressions.md); empty: every point"),
+      field(&B::set, "set", "", "set: ",
+            "FIELD=VALUE items, VALUE a number or an expression, all evaluated before any is set")
+          .printedBy(&B::printItems),
+      field(&B::create, "create", "", "create: ",
+            "FIELD:TYPE items (uint8, int32, float32, ...): fields made first, 0 everywhere")
+          .printedBy(&B::printItems),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // Gives the box's fields their values at the points where box.where holds, in every fragment.
 // A value that the field's element type cannot hold (a fraction or a number beyond the range of

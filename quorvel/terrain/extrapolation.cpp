@@ -20,16 +20,7 @@ namespace Quorvel {
 using Box = ExtrapolationParameterBox;
 
 void ExtrapolationParameterBox::print() const {
-  printField("mode: ", mode);
-  printField("extrapolation_class: ", extrapolation_class);
-  printField("source: ", source);
-  printField("target: ", target);
-  printField("radius: ", radius);
-  printField("maximum_iteration: ", maximum_iteration);
-  printField("dimension: ", dimension);
-  printField("range: ", range);
-  printField("quantile: ", quantile);
-  printField("threshold: ", threshold);
+  printFields(*this);
 }
 
 namespace {

@@ -18,14 +18,7 @@ namespace Quorvel {
 using detail::HeightGrid;
 
 void GroundFilterParameterBox::print() const {
-  printField("method: ", method);
-  printField("cell_size: ", cell_size);
-  printField("slope: ", slope);
-  printField("window: ", window);
-  printField("threshold: ", threshold);
-  printField("scalar: ", scalar);
-  printField("ignore: ", ignore);
-  printField("reset: ", reset);
+  printFields(*this);
 }
 
 namespace {

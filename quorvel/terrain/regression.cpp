@@ -178,16 +178,7 @@ int rounds(const MultiArray<1, point>& positions, MultiArray<1, unsigned char>& 
 } // namespace
 
 void PlanarRegressionParameterBox::print() const {
-  printField("ParameterBox.fieldname: ", fieldname);
-  printField("ParameterBox.range: ", range);
-  printField("ParameterBox.source: ", source);
-  printField("ParameterBox.additional: ", additional);
-  printField("ParameterBox.radius: ", radius);
-  printField("ParameterBox.target: ", target);
-  printField("ParameterBox.maximum_iteration: ", maximum_iteration);
-  printField("ParameterBox.reset: ", reset);
-  printField("ParameterBox.quantile: ", quantile);
-  printField("ParameterBox.dimension: ", dimension);
+  printFields(*this, &PlanarRegressionParameterBox::fieldname);
 }
 
 int detail::regressFragment(const MultiArray<1, point>& positions,

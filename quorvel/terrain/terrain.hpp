@@ -7,6 +7,7 @@
 
 #include "basalt/LoaderProgress.hpp"
 #include "basalt/StrongPtr.hpp"
+#include "quorvel/core/fields.hpp"
 #include "tressel/Grid.hpp"
 #include "tressel/MemArray.hpp"
 #include "vantor/BoundingBox.hpp"
@@ -61,7 +62,54 @@ struct PlanarRegressionParameterBox {
   // ".additional: ", ".radius: ", ".target: ", ".maximum_iteration: ", ".reset: ",
   // ".quantile: ", ".dimension: " (all with the "ParameterBox" prefix) and the value.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto PlanarRegressionParameterBox::fields() {
+  using B = PlanarRegressionParameterBox;
+  return describeBox(
+      "PlanarRegressionParameterBox",
+      field(&B::range, "range", "m", "ParameterBox.range: ",
+            "signed distances from the plane in metres (positive above) that reclassify")
+          .option("--range", "signed distances from the plane, in metres, that reclassify a "
+                             "candidate (negative: write --range=-0.2:0.2)"),
+      field(&B::source, "source", "",
+            "ParameterBox.source: ", "classes of the tree points (and the candidates)")
+          .option("--source", "classes of the points the planes are fitted to (the seeds), and "
+                              "of the candidates"),
+      field(&B::additional, "additional", "",
+            "ParameterBox.additional: ", "further classes of the tree points")
+          .option("--additional", "further classes of the points the planes are fitted to"),
+      // Not printed.
+      field(&B::working_range, "working_range", "", "",
+            "classes of the candidates; empty: those of source")
+          .option("--candidates",
+                  "classes of the candidates, when not those of --source (growing: 0:1)"),
+      field(&B::radius, "radius", "m",
+            "ParameterBox.radius: ", "starting search radius in metres, positive")
+          .option("--radius", "starting search radius in metres"),
+      field(&B::target, "target", "",
+            "ParameterBox.target: ", "class given; negative: 100 added to the class")
+          .option("--target",
+                  "class given to the points near the plane; negative: add 100 to their class"),
+      field(&B::maximum_iteration, "maximum_iteration", "",
+            "ParameterBox.maximum_iteration: ", "largest number of rounds")
+          .option("--maximum-iteration", "largest number of rounds"),
+      field(&B::reset, "reset", "",
+            "ParameterBox.reset: ", "0 or more: every class set to this first; -1: kept")
+          .option("--reset", "0 or more: set every class to this first (-1: keep the classes)"),
+      field(&B::quantile, "quantile", "%", "ParameterBox.quantile: ",
+            "percentage (0 to 100) of the lowest neighbours left out of the plane fit")
+          .option("--quantile",
+                  "percentage (0 to 100) of the lowest neighbours left out of a plane"),
+      // --dimension takes 2, 3, 2D or 3D: bound by hand.
+      field(&B::dimension, "dimension", "",
+            "ParameterBox.dimension: ", "\"2D\": neighbours in x, y; \"3D\": x, y, z"),
+      // Printed first.
+      field(&B::fieldname, "fieldname", "",
+            "ParameterBox.fieldname: ", "printed only: \"Classification\" is rewritten"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // Reclassifies every fragment of grid's "Classification" field (created when the grid has none)
 // one fragment after the other with planarRegressionOfMultiArray. A fragment without a class
@@ -123,7 +171,44 @@ struct ExtrapolationParameterBox {
   // "source: ", "target: ", "radius: ", "maximum_iteration: ", "dimension: ", "range: ",
   // "quantile: ", "threshold: " and the value.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto ExtrapolationParameterBox::fields() {
+  using B = ExtrapolationParameterBox;
+  return describeBox(
+      "ExtrapolationParameterBox",
+      field(&B::mode, "mode", "",
+            "mode: ", "\"planarregression\", \"threshold\", \"classification\" or \"constant\"")
+          .option("--mode", "planarregression, threshold, classification, constant"),
+      field(&B::extrapolation_class, "extrapolation_class", "",
+            "extrapolation_class: ", "class (0 to 255) of a grown point")
+          .option("--class", "class given to grown points (0 to 255)"),
+      field(&B::source, "source", "", "source: ", "classes of the seeds")
+          .option("--source", "classes of the seeds (class numbers, e.g. 2)"),
+      field(&B::target, "target", "", "target: ", "classes that may change")
+          .option("--target", "classes that may change (class numbers)"),
+      field(&B::radius, "radius", "m", "radius: ", "search radius of every candidate in metres")
+          .option("--radius", "search radius of every candidate, in metres"),
+      field(&B::maximum_iteration, "maximum_iteration", "",
+            "maximum_iteration: ", "largest number of rounds, 0 to 1000000")
+          .option("--maximum-iteration", "largest number of rounds"),
+      // --dimension takes 2, 3, 2D or 3D: bound by hand.
+      field(&B::dimension, "dimension", "",
+            "dimension: ", "\"2D\": seeds in x, y; \"3D\": x, y, z"),
+      field(&B::range, "range", "m", "range: ",
+            "planarregression: signed distances from the plane in metres that let a point grow")
+          .option("--range", "planarregression: signed distances from the plane, in metres, "
+                             "that grow (negative: write --range=-0.2:0.2)"),
+      field(&B::quantile, "quantile", "%",
+            "quantile: ", "planarregression: percentage (0 to 100) of the lowest seeds left out")
+          .option("--quantile",
+                  "planarregression: percentage (0 to 100) of the lowest seeds left out"),
+      field(&B::threshold, "threshold", "m",
+            "threshold: ", "threshold: largest height difference from the nearest seed in metres")
+          .option("--threshold", "threshold: largest height difference, in metres"),
+      field(&B::message, "message", "", "", "messages of the last run"));
+}
 
 // Extrapolates "Classification" fragment by fragment with extrapolationOfMultiArray; afterwards
 // the field's value range is computed again. Messages after "Extrapolation: ": "ERROR: no
@@ -183,7 +268,35 @@ struct GroundFilterParameterBox {
   // One line per field but the message, in order: "method: ", "cell_size: ", "slope: ",
   // "window: ", "threshold: ", "scalar: ", "ignore: ", "reset: " and the value.
   void print() const;
+  static constexpr auto fields();
 };
+
+constexpr auto GroundFilterParameterBox::fields() {
+  using B = GroundFilterParameterBox;
+  return describeBox(
+      "GroundFilterParameterBox",
+      field(&B::method, "method", "", "method: ", "\"smrf\": the simple morphological filter")
+          .option("--method", "the filter: smrf (simple morphological)"),
+      field(&B::cell_size, "cell_size", "m",
+            "cell_size: ", "edge of the cells of the surface in metres")
+          .option("--cell", "edge of the cells of the surface, in metres"),
+      field(&B::slope, "slope", "rise over run", "slope: ", "largest terrain slope, rise over run")
+          .option("--slope", "largest terrain slope, rise over run (0.15: 8.5 deg)"),
+      field(&B::window, "window", "m", "window: ", "radius of the largest opening in metres")
+          .option("--window",
+                  "radius of the largest opening, in metres (half the largest building)"),
+      field(&B::threshold, "threshold", "m",
+            "threshold: ", "height from the terrain still ground, in metres")
+          .option("--threshold",
+                  "height from the terrain that is still ground on flat land, in metres"),
+      field(&B::scalar, "scalar", "", "scalar: ", "growth of the threshold with the local slope")
+          .option("--scalar", "growth of the threshold with the slope at the point"),
+      field(&B::ignore, "ignore", "", "ignore: ", "classes that take no part (noise)")
+          .option("--ignore", "classes that take no part and keep their class"),
+      field(&B::reset, "reset", "", "reset: ", "every point not ignored becomes 2 or 1")
+          .option("--reset", "every point not ignored becomes 2 or 1, whatever its class was"),
+      field(&B::message, "message", "", "", "the error of the last run"));
+}
 
 // Classifies the ground of the whole cloud at once ("Classification" is created, all 0, when the
 // cloud has none) by box.method; fragments are only the storage, so the result does not depend

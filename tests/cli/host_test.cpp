@@ -5,10 +5,13 @@
 #include "cli/commands/command.hpp"
 #include "cli/host.hpp"
 #include "io/las.hpp"
+#include "quorvel/quorvel.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -104,6 +107,57 @@ TEST(Advice, NamesTheMakerOrTheFields) {
             " (the fields there are: Positions, Classification)");
   EXPECT_EQ(Cli::advice("ERROR: no m_vertices", *grid), "");
   EXPECT_EQ(Cli::advice("the raster could not be mapped", *grid), "");
+}
+
+// {option name: help} of every option of every command.
+std::map<std::string, std::vector<std::string>> commandOptions() {
+  std::map<std::string, std::vector<std::string>> options;
+  for (const Cli::CommandEntry& entry : Cli::commands()) {
+    CLI::App app;
+    auto command = entry.make();
+    command->addOptions(app);
+    for (const CLI::Option* option : app.get_options())
+      for (const std::string& name : option->get_lnames())
+        options["--" + name].push_back(option->get_description());
+  }
+  return options;
+}
+
+template <class Box>
+void expectOptionsBound(const std::map<std::string, std::vector<std::string>>& options) {
+  forEachField<Box>([&](const auto& described) {
+    if (described.cliOption.empty())
+      return;
+    const auto found = options.find(std::string(described.cliOption));
+    ASSERT_NE(found, options.end()) << Box::fields().name << "::" << described.name;
+    EXPECT_NE(std::find(found->second.begin(), found->second.end(), described.cliHelp),
+              found->second.end())
+        << Box::fields().name << "::" << described.name;
+  });
+}
+
+// A field whose description names an option reaches the command line with the described help:
+// a description edited without the command that binds the field shows here.
+TEST(DescribedFields, EveryDescribedOptionIsACommandsOption) {
+  const auto options = commandOptions();
+  expectOptionsBound<ShapeFactorComputationParameterBox>(options);
+  expectOptionsBound<PointCloudReductionParameterBox>(options);
+  expectOptionsBound<PointCloudSizeReductionParameterBox>(options);
+  expectOptionsBound<ComputeNeighboursParameterBox>(options);
+  expectOptionsBound<RenderParameterBox>(options);
+  expectOptionsBound<CropParameterBox>(options);
+  expectOptionsBound<OutlierParameterBox>(options);
+  expectOptionsBound<ThinParameterBox>(options);
+  expectOptionsBound<ReprojectionParameterBox>(options);
+  expectOptionsBound<MapRasterOnPointCloudParameterBox>(options);
+  expectOptionsBound<GroundRasterParameterBox>(options);
+  expectOptionsBound<SurfaceParameterBox>(options);
+  expectOptionsBound<PlanarRegressionParameterBox>(options);
+  expectOptionsBound<ExtrapolationParameterBox>(options);
+  expectOptionsBound<GroundFilterParameterBox>(options);
+  expectOptionsBound<ClassificationTransferParameterBox>(options);
+  expectOptionsBound<SelectionParameterBox>(options);
+  expectOptionsBound<FieldAssignmentParameterBox>(options);
 }
 
 } // namespace

@@ -386,6 +386,59 @@ def test_the_stub_lists_every_public_name_and_every_box_field():
             assert set(value._fields) | {"__init__", "print", "__str__"} <= stub[name], name
 
 
+def stub_box_fields():
+    """{box: [(field, annotation node)]} of the stub's box classes, in their order."""
+    tree = ast.parse(open(STUB).read())
+    return {node.name: [(m.target.id, m.annotation) for m in node.body
+                        if isinstance(m, ast.AnnAssign)]
+            for node in tree.body
+            if isinstance(node, ast.ClassDef) and node.name.endswith("ParameterBox")}
+
+
+def fits(annotation, value):
+    """Whether a default value is of the stub's annotation (pybind11 gives lists for arrays,
+    which the setters take as tuples too)."""
+    if isinstance(annotation, ast.Name):
+        kind = {"int": int, "float": float, "bool": bool, "str": str}.get(annotation.id)
+        if annotation.id == "Any":
+            return True
+        return kind is not None and type(value) is kind
+    outer = annotation.value.id
+    inner = annotation.slice.elts if isinstance(annotation.slice, ast.Tuple) else [annotation.slice]
+    if outer == "Optional":
+        return value is None or fits(inner[0], value)
+    if outer == "List":
+        return isinstance(value, list) and all(fits(inner[0], v) for v in value)
+    if outer == "Tuple":
+        return (isinstance(value, (list, tuple)) and len(value) == len(inner) and
+                all(fits(a, v) for a, v in zip(inner, value)))
+    if outer == "Dict":
+        return isinstance(value, dict) and all(
+            fits(inner[0], k) and fits(inner[1], v) for k, v in value.items())
+    return False
+
+
+def test_the_stub_lists_each_box_s_described_fields_with_the_types_of_their_defaults():
+    stub = stub_box_fields()
+    assert set(stub) == {name for name in dir(quorvel) if name.endswith("ParameterBox")}
+    for name, fields in stub.items():
+        cls = getattr(quorvel, name)
+        assert [field for field, _ in fields] == list(cls._fields), name
+        assert set(cls._units) == set(cls._fields), name
+        box = cls()
+        for field, annotation in fields:
+            assert fits(annotation, getattr(box, field)), (name, field, ast.unparse(annotation))
+
+
+def test_the_stub_type_check_refuses_what_it_must():
+    parse = lambda text: ast.parse(text, mode="eval").body
+    assert not fits(parse("int"), True) and not fits(parse("float"), 1)
+    assert not fits(parse("List[str]"), ["a", 1]) and fits(parse("List[str]"), [])
+    assert not fits(parse("Tuple[float, float, float]"), [1.0, 2.0])
+    assert fits(parse("Optional[Tuple[float, float]]"), None)
+    assert not fits(parse("Dict[float, int]"), {1.0: 2.5})
+
+
 # ---- The library's own lines --------------------------------------------------------------------
 
 
