@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 SOURCES := $(shell git ls-files '*.cpp' '*.hpp' 2>/dev/null)
 
-.PHONY: all deps build test asan-test fuzz fuzz-long bench format format-check demo clean
+.PHONY: all deps build test tidy asan-test fuzz fuzz-long bench format format-check demo clean
 
 all: build
 
@@ -16,6 +16,12 @@ build: deps
 # Configures, builds and runs every test through CTest (Release build).
 test: build
 	@ctest --preset release -j $(JOBS)
+
+# clang-tidy (.clang-tidy) over every source of the release build, JOBS at a time; any finding
+# fails.
+tidy: deps
+	@cmake --preset release >/dev/null
+	@scripts/tidy $(JOBS)
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.
 asan-test: deps

@@ -113,8 +113,8 @@ public:
       fail(k, "unknown command \"" + stage.name + "\"");
     auto command = entry->make();
     if (auto* cloudCommand = dynamic_cast<CloudCommand*>(command.get())) {
+      static_cast<void>(command.release()); // the stage owns it from here
       stage.command.reset(cloudCommand);
-      command.release();
     } else {
       stage.command = command->stage();
     }

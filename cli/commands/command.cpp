@@ -139,9 +139,9 @@ CLI::Option* addVector(CLI::App& app, const std::string& name, Vantor::PhysicalS
 
 namespace {
 
-const std::string dimensions = "2|3|2D|3D";
+const std::string DimensionSpellings = "2|3|2D|3D";
 
-// 2 or 3 from any spelling that oneOf(dimensions) let through.
+// 2 or 3 from any spelling that oneOf(DimensionSpellings) let through.
 int dimensionOf(const std::string& text) {
   return text.front() == '2' ? 2 : 3;
 }
@@ -153,7 +153,7 @@ CLI::Option* addDimension(CLI::App& app, int& dimension, const std::string& help
       .add_option_function<std::string>(
           "--dimension", [&dimension](const std::string& text) { dimension = dimensionOf(text); },
           help + " (2, 3, 2D or 3D)")
-      ->check(oneOf(dimensions))
+      ->check(oneOf(DimensionSpellings))
       ->default_str(std::to_string(dimension));
 }
 
@@ -165,7 +165,7 @@ CLI::Option* addDimension(CLI::App& app, std::string& dimension, const std::stri
             dimension = dimensionOf(text) == 2 ? "2D" : "3D";
           },
           help + " (2, 3, 2D or 3D)")
-      ->check(oneOf(dimensions))
+      ->check(oneOf(DimensionSpellings))
       ->default_str(dimension);
 }
 

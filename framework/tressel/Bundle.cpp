@@ -33,7 +33,7 @@ namespace {
 // HDF5 closes what is still open when the process ends, and a file whose closing failed (a full
 // disk, a file-size limit) then crashes it. Every handle here is closed explicitly, so the
 // library is told before its first use to leave the ending alone.
-[[maybe_unused]] const bool hdf5LeavesTheExit = H5dont_atexit() >= 0;
+[[maybe_unused]] const bool Hdf5LeavesTheExit = H5dont_atexit() >= 0;
 
 constexpr const char* FormatName = "QuorvelBundle";
 constexpr int FormatVersion = 1;

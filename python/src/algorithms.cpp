@@ -20,7 +20,8 @@ namespace Quorvel::Python {
 
 namespace {
 
-void bindFeatures(py::module_& m) {
+// Shape factors: planarity, linearity, sphericity and normals.
+void bindShapeFactors(py::module_& m) {
   using Shape = ShapeFactorComputationParameterBox;
   BoxBinding<Shape>(m, "ShapeFactorComputationParameterBox", "Settings of shape factors.")
       .describedFields();
@@ -38,7 +39,10 @@ void bindFeatures(py::module_& m) {
       "    cloud: the point cloud (positions in metres)\n"
       "    box: ShapeFactorComputationParameterBox (step in square metres, maxstep scales)\n"
       "Returns the run's messages; raises Error when the run reports one.");
+}
 
+// Reduction weights, from shape factors.
+void bindReductionWeights(py::module_& m) {
   using Weights = PointCloudReductionParameterBox;
   BoxBinding<Weights>(m, "PointCloudReductionParameterBox", "Settings of reduction weights.")
       .describedFields();
@@ -54,7 +58,10 @@ void bindFeatures(py::module_& m) {
       "Parameters:\n"
       "    cloud: the point cloud (positions in metres)\n"
       "    box: PointCloudReductionParameterBox (radius in metres, neighbours in points)");
+}
 
+// Thinning by weight, to a new cloud or to a file.
+void bindReduction(py::module_& m) {
   using Reduce = PointCloudSizeReductionParameterBox;
   BoxBinding<Reduce>(m, "PointCloudSizeReductionParameterBox", "Settings of thinning by weight.")
       .describedFields();
@@ -84,6 +91,12 @@ void bindFeatures(py::module_& m) {
       "    box: PointCloudSizeReductionParameterBox (keep: a share 0 to 1)\n"
       "    path: the file written: a bundle for .h5 and .hdf5, LAS otherwise\n"
       "Returns \"reduced <in> points to <kept> (<share>%)\".");
+}
+
+void bindFeatures(py::module_& m) {
+  bindShapeFactors(m);
+  bindReductionWeights(m);
+  bindReduction(m);
 }
 
 void bindSelection(py::module_& m) {
@@ -154,8 +167,8 @@ void bindRegression(py::module_& m) {
       "    box: PlanarRegressionParameterBox (radius and range in metres, classes as ranges)");
 }
 
-void bindTerrain(py::module_& m) {
-  bindRegression(m);
+// Extrapolation: classes grown from seeds.
+void bindExtrapolation(py::module_& m) {
   using Extrapolation = ExtrapolationParameterBox;
   BoxBinding<Extrapolation>(m, "ExtrapolationParameterBox", "Settings of an extrapolation.")
       .describedFields();
@@ -170,6 +183,10 @@ void bindTerrain(py::module_& m) {
       "Parameters:\n"
       "    cloud: the point cloud (positions in metres), \"Classification\" rewritten\n"
       "    box: ExtrapolationParameterBox (radius in metres, classes as ranges)");
+}
+
+// The ground filter and the relative heights of x-y squares.
+void bindGroundFilter(py::module_& m) {
   using Filter = GroundFilterParameterBox;
   BoxBinding<Filter>(m, "GroundFilterParameterBox", "Settings of the ground filter.")
       .describedFields();
@@ -214,6 +231,12 @@ void bindTerrain(py::module_& m) {
       "    cloud: the point cloud (positions in metres)\n"
       "    squareHalfWidth: half the side of the square in metres, positive\n"
       "    classes: classes that take part (a range text such as \"2:5\"); None: every point");
+}
+
+void bindTerrain(py::module_& m) {
+  bindRegression(m);
+  bindExtrapolation(m);
+  bindGroundFilter(m);
 }
 
 // A transfer box's fields, its offset as (x, y, z).

@@ -244,9 +244,8 @@ Cloud readBox(const std::string& path, std::size_t fragmentPoints, const Las::Bo
   return Cloud{Las::read(path, box, readWarnings(path)).grid};
 }
 
-} // namespace
-
-void bindCloud(py::module_& m) {
+// The Cloud type: made from arrays or a dict, its fields read as arrays, written to a file.
+void bindCloudType(py::module_& m) {
   py::class_<Cloud>(m, "Cloud", "A point cloud: positions and per-point fields, in fragments.")
       .def(py::init([](const py::array& xyz, std::size_t fragmentPoints, const py::kwargs& fields) {
              return cloudOf(xyz, fragmentPoints, fields);
@@ -308,6 +307,10 @@ void bindCloud(py::module_& m) {
           "    path: .las (LAS), .laz (LAZ), .h5 or .hdf5 (a bundle), .tif or .tiff (a raster's "
           "heights as GeoTIFF); other names raise ValueError\n"
           "    height_field: the raster field written to a GeoTIFF (heights in metres)");
+}
+
+// Reading clouds and rasters from files, and the LAS fields a cloud can carry.
+void bindRead(py::module_& m) {
   m.def("_las_fields", &lasFields,
         "{name: (dtype code, components)} of the fields of LAS point records.");
   m.def(
@@ -340,6 +343,13 @@ void bindCloud(py::module_& m) {
       "built (a COPC file's nodes outside it are not even decoded)\n"
       "    grid: the name of the grid to read from a bundle of several; None: a bundle must "
       "hold one");
+}
+
+} // namespace
+
+void bindCloud(py::module_& m) {
+  bindCloudType(m);
+  bindRead(m);
 }
 
 } // namespace Quorvel::Python

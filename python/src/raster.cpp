@@ -164,7 +164,8 @@ void require(bool ok, const std::string& what) {
     raise(what + " failed (see the messages on standard output)");
 }
 
-void bindRuns(py::module_& m) {
+// Rasters prepared for mapping: read from a bundle or already in memory, and their layout.
+void bindPreparation(py::module_& m) {
   m.def(
       "prepareRaster",
       [](const std::string& path, Box& box) {
@@ -204,6 +205,10 @@ void bindRuns(py::module_& m) {
       "Parameters:\n"
       "    raster: a raster cloud\n"
       "    box: MapRasterOnPointCloudParameterBox (cellsize in metres); receives raster_bbox");
+}
+
+// Mapping prepared rasters onto clouds and bundle files, and fields onto raster cells.
+void bindMapping(py::module_& m) {
   m.def(
       "mapData",
       [](Cloud& cloud, Cloud& raster, Box& box) {
@@ -253,6 +258,11 @@ void bindRuns(py::module_& m) {
       "    target: the raster that receives the field\n"
       "    targetField: the target's new field (float32)\n"
       "    radius: largest x-y distance to a source point in metres, positive");
+}
+
+void bindRuns(py::module_& m) {
+  bindPreparation(m);
+  bindMapping(m);
 }
 
 using Heights = py::array_t<float, py::array::c_style | py::array::forcecast>;

@@ -1,5 +1,6 @@
 // Tests of the bucket tree and the framework trees: every query against brute force, the dump
 // format, bounds, duplicates and NaN.
+#include "support/BruteForce.hpp"
 #include "tarrow/OcTreeStd.hpp"
 #include "tressel/MemArray.hpp"
 #include "tressel/Trees.hpp"
@@ -71,10 +72,7 @@ std::vector<point> makeCloud(bool clustered, std::size_t n, unsigned seed) {
 
 template <int D>
 double squared(const point& a, const point& b) {
-  double s = 0;
-  for (int k = 0; k < D; ++k)
-    s += (a[k] - b[k]) * (a[k] - b[k]);
-  return s;
+  return BruteForce::squaredDistance(a, b, D);
 }
 
 // Piles of copies (in x-y only for 2-D trees, whose leaves then hold several heights) among
@@ -113,6 +111,80 @@ TYPED_TEST(TreeOracle, ListsCutAtCopiesBeginAsTheFullLists) {
   }
 }
 
+// The radius queries of the bucket tree around q against brute force: the indices within r, the
+// lists keyed by squared distance and the nearest point.
+template <class Index, int D, class Tree>
+void checkRadiusQueries(Tree& tree, const std::vector<point>& xyz, const point& q, double r) {
+  std::set<Index> expected;
+  for (const auto& [d2, i] :
+       BruteForce::within(xyz, q, r * r, D, BruteForce::indices(0, xyz.size())))
+    expected.insert(static_cast<Index>(i));
+  std::vector<Index> found;
+  tree.getEuclideanRangeFine(q, r, found);
+  EXPECT_EQ(std::set<Index>(found.begin(), found.end()), expected);
+  EXPECT_EQ(found.size(), expected.size()); // no index twice
+
+  std::multimap<double, Index> ordered;
+  tree.getEuclideanRangeFine(q, r, ordered);
+  ASSERT_EQ(ordered.size(), expected.size());
+  for (const auto& [key, index] : ordered)
+    EXPECT_EQ(key, squared<D>(xyz[index], q)); // keys are squared distances, ascending
+  // Equal keys keep tree order: the multimap's order is the vector's order, stably sorted.
+  std::vector<std::pair<double, Index>> sorted;
+  tree.getEuclideanRangeSorted(q, r, sorted);
+  EXPECT_EQ(sorted, (std::vector<std::pair<double, Index>>(ordered.begin(), ordered.end())));
+  // The nearest: smallest squared distance, then smallest index.
+  Index nearest{};
+  double nearestSquared = -1;
+  ASSERT_TRUE(tree.findNearest(q, r, nearest, nearestSquared));
+  EXPECT_EQ(nearestSquared, ordered.begin()->first);
+  const auto oracle = BruteForce::nearest(xyz, q, r * r, D, BruteForce::indices(0, xyz.size()));
+  ASSERT_TRUE(oracle.has_value());
+  EXPECT_EQ(nearest, static_cast<Index>(oracle->second));
+}
+
+// The box queries of the bucket tree against brute force: half-open and closed boxes, keys by
+// squared distance from the box's middle, and the cell-wise superset.
+template <class Index, int D, class Tree>
+void checkBoxQueries(Tree& tree, const std::vector<point>& xyz, const point& boxLo,
+                     const point& boxHi) {
+  std::set<Index> inBox, inClosedBox;
+  for (std::size_t i = 0; i < xyz.size(); ++i) {
+    bool half = true, closed = true;
+    for (int k = 0; k < D; ++k) {
+      half = half && boxLo[k] <= xyz[i][k] && xyz[i][k] < boxHi[k];
+      closed = closed && boxLo[k] <= xyz[i][k] && xyz[i][k] <= boxHi[k];
+    }
+    if (half)
+      inBox.insert(static_cast<Index>(i));
+    if (closed)
+      inClosedBox.insert(static_cast<Index>(i));
+  }
+  std::vector<Index> found;
+  tree.getManhattenRangeFine(boxLo, boxHi, 0.0, found);
+  EXPECT_EQ(std::set<Index>(found.begin(), found.end()), inBox);
+  EXPECT_EQ(found.size(), inBox.size());
+
+  std::multimap<double, Index> byCentre;
+  tree.getManhattenRangeFine(boxLo, boxHi, 0.0, byCentre);
+  ASSERT_EQ(byCentre.size(), inBox.size());
+  point middle;
+  for (int k = 0; k < 3; ++k)
+    middle[k] = (boxLo[k] + boxHi[k]) / 2;
+  for (const auto& [key, index] : byCentre)
+    EXPECT_EQ(key, squared<D>(xyz[index], middle));
+
+  found.clear();
+  tree.getManhattenRangeCellWise(boxLo, boxHi, 0.0, found);
+  const std::set<Index> cells(found.begin(), found.end());
+  EXPECT_EQ(cells.size(), found.size());
+  EXPECT_TRUE(std::includes(cells.begin(), cells.end(), inBox.begin(), inBox.end()));
+
+  found.clear();
+  tree.getClosedBoxRange(boxLo, boxHi, found);
+  EXPECT_EQ(std::set<Index>(found.begin(), found.end()), inClosedBox);
+}
+
 TYPED_TEST(TreeOracle, EveryQueryMatchesBruteForce) {
   using Index = typename TypeParam::Index;
   constexpr int D = TypeParam::D;
@@ -126,79 +198,17 @@ TYPED_TEST(TreeOracle, EveryQueryMatchesBruteForce) {
 
     std::mt19937 random(3);
     std::uniform_real_distribution<double> pick(0.0, 1.0);
-    std::vector<Index> found;
     for (int query = 0; query < 60; ++query) {
       const point q = xyz[random() % xyz.size()];
       const double r = 0.2 + 4.0 * pick(random);
-
-      std::set<Index> expected;
-      for (std::size_t i = 0; i < xyz.size(); ++i)
-        if (squared<D>(xyz[i], q) <= r * r)
-          expected.insert(static_cast<Index>(i));
-      found.clear();
-      tree.getEuclideanRangeFine(q, r, found);
-      EXPECT_EQ(std::set<Index>(found.begin(), found.end()), expected);
-      EXPECT_EQ(found.size(), expected.size()); // no index twice
-
-      std::multimap<double, Index> ordered;
-      tree.getEuclideanRangeFine(q, r, ordered);
-      ASSERT_EQ(ordered.size(), expected.size());
-      for (const auto& [key, index] : ordered)
-        EXPECT_EQ(key, squared<D>(xyz[index], q)); // keys are squared distances, ascending
-      // Equal keys keep tree order: the multimap's order is the vector's order, stably sorted.
-      std::vector<std::pair<double, Index>> sorted;
-      tree.getEuclideanRangeSorted(q, r, sorted);
-      EXPECT_EQ(sorted, (std::vector<std::pair<double, Index>>(ordered.begin(), ordered.end())));
-      // The nearest: smallest squared distance, then smallest index.
-      Index nearest{};
-      double nearestSquared = -1;
-      ASSERT_TRUE(tree.findNearest(q, r, nearest, nearestSquared));
-      EXPECT_EQ(nearestSquared, ordered.begin()->first);
-      EXPECT_EQ(nearest, *std::min_element(expected.begin(), expected.end(), [&](Index a, Index b) {
-                  return std::make_pair(squared<D>(xyz[a], q), a) <
-                         std::make_pair(squared<D>(xyz[b], q), b);
-                }));
+      ASSERT_NO_FATAL_FAILURE((checkRadiusQueries<Index, D>(tree, xyz, q, r)));
 
       point boxLo = q, boxHi = q;
       for (int k = 0; k < 3; ++k) {
         boxLo[k] -= r * pick(random);
         boxHi[k] += r * pick(random);
       }
-      std::set<Index> inBox, inClosedBox;
-      for (std::size_t i = 0; i < xyz.size(); ++i) {
-        bool half = true, closed = true;
-        for (int k = 0; k < D; ++k) {
-          half = half && boxLo[k] <= xyz[i][k] && xyz[i][k] < boxHi[k];
-          closed = closed && boxLo[k] <= xyz[i][k] && xyz[i][k] <= boxHi[k];
-        }
-        if (half)
-          inBox.insert(static_cast<Index>(i));
-        if (closed)
-          inClosedBox.insert(static_cast<Index>(i));
-      }
-      found.clear();
-      tree.getManhattenRangeFine(boxLo, boxHi, 0.0, found);
-      EXPECT_EQ(std::set<Index>(found.begin(), found.end()), inBox);
-      EXPECT_EQ(found.size(), inBox.size());
-
-      std::multimap<double, Index> byCentre;
-      tree.getManhattenRangeFine(boxLo, boxHi, 0.0, byCentre);
-      ASSERT_EQ(byCentre.size(), inBox.size());
-      point middle;
-      for (int k = 0; k < 3; ++k)
-        middle[k] = (boxLo[k] + boxHi[k]) / 2;
-      for (const auto& [key, index] : byCentre)
-        EXPECT_EQ(key, squared<D>(xyz[index], middle));
-
-      found.clear();
-      tree.getManhattenRangeCellWise(boxLo, boxHi, 0.0, found);
-      const std::set<Index> cells(found.begin(), found.end());
-      EXPECT_EQ(cells.size(), found.size());
-      EXPECT_TRUE(std::includes(cells.begin(), cells.end(), inBox.begin(), inBox.end()));
-
-      found.clear();
-      tree.getClosedBoxRange(boxLo, boxHi, found);
-      EXPECT_EQ(std::set<Index>(found.begin(), found.end()), inClosedBox);
+      ASSERT_NO_FATAL_FAILURE((checkBoxQueries<Index, D>(tree, xyz, boxLo, boxHi)));
     }
   }
 }
@@ -369,6 +379,84 @@ std::vector<point> frameworkCloud(int kind, std::size_t n, unsigned seed) {
   return out;
 }
 
+// The radius queries of a framework tree holding the first `stored` points around q against
+// brute force, and its nearest point, also by the search that starts from the last answer.
+template <class Index, int D, class Tree>
+void checkFrameworkRadius(Tree& tree, const std::vector<point>& xyz, std::size_t stored,
+                          const point& q, double r, typename Tree::Neighbour& last, bool& known) {
+  std::vector<std::pair<double, Index>> expected;
+  for (const auto& [d2, i] :
+       BruteForce::sortedWithin(xyz, q, r * r, D, BruteForce::indices(0, stored)))
+    expected.emplace_back(d2, static_cast<Index>(i));
+
+  std::multimap<double, Index> ordered;
+  tree.getRange(q, r, ordered);
+  using Entries = std::vector<std::pair<double, Index>>;
+  EXPECT_EQ(Entries(ordered.begin(), ordered.end()), expected);
+  std::vector<Index> found;
+  tree.getRange(q, r, found);
+  std::sort(found.begin(), found.end());
+  std::vector<Index> expectedIndices;
+  for (const auto& entry : expected)
+    expectedIndices.push_back(entry.second);
+  std::sort(expectedIndices.begin(), expectedIndices.end());
+  EXPECT_EQ(found, expectedIndices); // each once
+
+  Index nearest{};
+  double nearestSquared = -1;
+  const bool any = tree.findNearest(q, r, nearest, nearestSquared);
+  ASSERT_EQ(any, !expected.empty());
+  const bool started = tree.findNearest(q, r, last, known);
+  ASSERT_EQ(started, any);
+  if (any) {
+    EXPECT_EQ(std::make_pair(nearestSquared, nearest), expected.front());
+    EXPECT_EQ(std::make_pair(last.squared, last.index), expected.front());
+    EXPECT_EQ(last.position, xyz[last.index]);
+    known = true;
+  }
+}
+
+// The closed-box query of a framework tree holding the first `stored` points.
+template <class Index, int D, class Tree>
+void checkFrameworkBox(Tree& tree, const std::vector<point>& xyz, std::size_t stored,
+                       const point& lo, const point& hi) {
+  std::vector<Index> inBox;
+  for (std::size_t i = 0; i < stored; ++i) {
+    bool in = true;
+    for (int k = 0; k < D; ++k)
+      in = in && lo[k] <= xyz[i][k] && xyz[i][k] <= hi[k];
+    if (in)
+      inBox.push_back(static_cast<Index>(i));
+  }
+  std::vector<Index> found;
+  tree.getRectangle(lo, hi, found);
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(found, inBox);
+}
+
+// Many nearest-point queries at once answer as brute force does, one answer per query.
+template <class Index, int D, class Tree>
+void checkFrameworkNearestEach(Tree& tree, const std::vector<point>& xyz, std::size_t stored,
+                               const std::vector<point>& asked) {
+  const auto candidates = BruteForce::indices(0, stored);
+  for (const double r : {0.25, 1.5, std::numeric_limits<double>::infinity()}) {
+    std::vector<std::pair<double, Index>> answers(asked.size(), {-1.0, Index{}});
+    tree.findNearestEach(
+        asked.size(), [&](std::size_t k) { return asked[k]; }, r,
+        [&](std::size_t k, const typename Tree::Neighbour& found) {
+          EXPECT_EQ(answers[k].first, -1.0); // one answer per query
+          EXPECT_EQ(found.position, xyz[found.index]);
+          answers[k] = {found.squared, found.index};
+        });
+    for (std::size_t k = 0; k < asked.size(); ++k) {
+      std::pair<double, Index> expected{-1.0, Index{}};
+      if (const auto nearest = BruteForce::nearest(xyz, asked[k], r * r, D, candidates))
+        expected = {nearest->first, static_cast<Index>(nearest->second)};
+      EXPECT_EQ(answers[k], expected) << "query " << k << " radius " << r;
+    }
+  }
+}
+
 // Every query of the framework trees against brute force, with small buckets so that the tree
 // is deep and searches start from its cell table; points are queried in a walk so that the
 // previous answer is a near start, and more points are added after the first queries.
@@ -407,56 +495,15 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
           for (int k = 0; k < 3; ++k)
             q[k] += move == 5 ? 0.0 : (pick(random) - 0.5) * (kind == 2 ? 2.0 : 0.6);
         const double r = query % 7 == 0 ? 8.0 : 0.3 + 2.0 * pick(random);
-
-        std::vector<std::pair<double, Index>> expected;
-        for (std::size_t i = 0; i < stored; ++i)
-          if (const double d2 = squared<D>(xyz[i], q); d2 <= r * r)
-            expected.emplace_back(d2, static_cast<Index>(i));
-        std::sort(expected.begin(), expected.end());
-
-        std::multimap<double, Index> ordered;
-        tree.getRange(q, r, ordered);
-        using Entries = std::vector<std::pair<double, Index>>;
-        EXPECT_EQ(Entries(ordered.begin(), ordered.end()), expected);
-        std::vector<Index> found;
-        tree.getRange(q, r, found);
-        std::sort(found.begin(), found.end());
-        std::vector<Index> expectedIndices;
-        for (const auto& entry : expected)
-          expectedIndices.push_back(entry.second);
-        std::sort(expectedIndices.begin(), expectedIndices.end());
-        EXPECT_EQ(found, expectedIndices); // each once
-
-        Index nearest{};
-        double nearestSquared = -1;
-        const bool any = tree.findNearest(q, r, nearest, nearestSquared);
-        ASSERT_EQ(any, !expected.empty());
-        const bool started = tree.findNearest(q, r, last, known);
-        ASSERT_EQ(started, any);
-        if (any) {
-          EXPECT_EQ(std::make_pair(nearestSquared, nearest), expected.front());
-          EXPECT_EQ(std::make_pair(last.squared, last.index), expected.front());
-          EXPECT_EQ(last.position, xyz[last.index]);
-          known = true;
-        }
+        ASSERT_NO_FATAL_FAILURE(
+            (checkFrameworkRadius<Index, D>(tree, xyz, stored, q, r, last, known)));
 
         point lo = q, hi = q;
         for (int k = 0; k < 3; ++k) {
           lo[k] -= r * pick(random);
           hi[k] += r * pick(random);
         }
-        std::vector<Index> inBox;
-        for (std::size_t i = 0; i < stored; ++i) {
-          bool in = true;
-          for (int k = 0; k < D; ++k)
-            in = in && lo[k] <= xyz[i][k] && xyz[i][k] <= hi[k];
-          if (in)
-            inBox.push_back(static_cast<Index>(i));
-        }
-        found.clear();
-        tree.getRectangle(lo, hi, found);
-        std::sort(found.begin(), found.end());
-        EXPECT_EQ(found, inBox);
+        checkFrameworkBox<Index, D>(tree, xyz, stored, lo, hi);
         asked.push_back(q);
       }
 
@@ -467,24 +514,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
         asked.push_back(xyz[i]);
       asked.push_back({bbox->min().x - 0.2, bbox->min().y, bbox->max().z + 0.1});
       asked.push_back({std::nan(""), bbox->min().y, 0.0});
-      for (const double r : {0.25, 1.5, std::numeric_limits<double>::infinity()}) {
-        std::vector<std::pair<double, Index>> answers(asked.size(), {-1.0, Index{}});
-        tree.findNearestEach(
-            asked.size(), [&](std::size_t k) { return asked[k]; }, r,
-            [&](std::size_t k, const typename Tree::Neighbour& found) {
-              EXPECT_EQ(answers[k].first, -1.0); // one answer per query
-              EXPECT_EQ(found.position, xyz[found.index]);
-              answers[k] = {found.squared, found.index};
-            });
-        for (std::size_t k = 0; k < asked.size(); ++k) {
-          std::pair<double, Index> expected{-1.0, Index{}};
-          for (std::size_t i = 0; i < stored; ++i)
-            if (const double d2 = squared<D>(xyz[i], asked[k]); d2 <= r * r)
-              if (expected.first < 0 || std::make_pair(d2, Index(i)) < expected)
-                expected = {d2, static_cast<Index>(i)};
-          EXPECT_EQ(answers[k], expected) << "query " << k << " radius " << r;
-        }
-      }
+      checkFrameworkNearestEach<Index, D>(tree, xyz, stored, asked);
     }
   }
 }

@@ -61,17 +61,19 @@ inline std::string text(const std::vector<std::uint8_t>& bytes, std::size_t pos,
   return {reinterpret_cast<const char*>(bytes.data() + pos), length};
 }
 
-// Parses LAS bytes; an empty error means success. Every offset and length is checked against
-// the size, so a damaged file gives a message, never a read outside the buffer.
-inline File parse(const std::vector<std::uint8_t>& bytes, std::string& error) {
-  File f;
-  auto fail = [&](const std::string& what) {
-    error = what;
-    return File{};
-  };
+// Where the header places the parts that follow it.
+struct Layout {
+  std::size_t headerSize = 0, pointOffset = 0;
+  std::uint32_t vlrCount = 0, evlrCount = 0;
+  std::uint64_t evlrStart = 0;
+};
+
+// The fields of the public header block into f and the places of what follows into layout; an
+// empty text when the header is whole, else what is wrong.
+inline std::string parseHeader(const std::vector<std::uint8_t>& bytes, File& f, Layout& layout) {
   const std::size_t size = bytes.size();
   if (size < 227 || std::memcmp(bytes.data(), "LASF", 4) != 0)
-    return fail("not a LAS file");
+    return "not a LAS file";
   f.fileSourceId = at<std::uint16_t>(bytes, 4);
   f.globalEncoding = at<std::uint16_t>(bytes, 6);
   std::memcpy(f.guid.data(), bytes.data() + 8, 16);
@@ -81,9 +83,9 @@ inline File parse(const std::vector<std::uint8_t>& bytes, std::string& error) {
   f.software = text(bytes, 58, 32);
   f.day = at<std::uint16_t>(bytes, 90);
   f.year = at<std::uint16_t>(bytes, 92);
-  const std::size_t headerSize = at<std::uint16_t>(bytes, 94);
-  const std::size_t pointOffset = at<std::uint32_t>(bytes, 96);
-  const std::uint32_t vlrCount = at<std::uint32_t>(bytes, 100);
+  layout.headerSize = at<std::uint16_t>(bytes, 94);
+  layout.pointOffset = at<std::uint32_t>(bytes, 96);
+  layout.vlrCount = at<std::uint32_t>(bytes, 100);
   f.pointFormat = bytes[104];
   f.recordLength = at<std::uint16_t>(bytes, 105);
   f.pointCount = at<std::uint32_t>(bytes, 107);
@@ -93,62 +95,77 @@ inline File parse(const std::vector<std::uint8_t>& bytes, std::string& error) {
     f.max[axis] = at<double>(bytes, 179 + 16 * axis);
     f.min[axis] = at<double>(bytes, 187 + 16 * axis);
   }
-  std::uint64_t evlrStart = 0;
-  std::uint32_t evlrCount = 0;
   if (f.versionMajor == 1 && f.versionMinor >= 4) {
-    if (size < 375 || headerSize < 375)
-      return fail("LAS 1.4 header shorter than 375 bytes");
-    evlrStart = at<std::uint64_t>(bytes, 235);
-    evlrCount = at<std::uint32_t>(bytes, 243);
+    if (size < 375 || layout.headerSize < 375)
+      return "LAS 1.4 header shorter than 375 bytes";
+    layout.evlrStart = at<std::uint64_t>(bytes, 235);
+    layout.evlrCount = at<std::uint32_t>(bytes, 243);
     // The 64-bit count holds every count; the legacy one is 0 when it does not fit.
     f.pointCount = at<std::uint64_t>(bytes, 247);
   }
-  if (headerSize < 227 || headerSize > size || pointOffset < headerSize || pointOffset > size)
-    return fail("header size or offset to point data outside the file");
+  if (layout.headerSize < 227 || layout.headerSize > size ||
+      layout.pointOffset < layout.headerSize || layout.pointOffset > size)
+    return "header size or offset to point data outside the file";
   if (f.recordLength < 20)
-    return fail("point record length below 20 bytes");
+    return "point record length below 20 bytes";
+  return {};
+}
 
-  // Records (extended: the 60-byte headers after the points) from pos up to end; an empty text
-  // when they fit, else what does not.
-  const auto records = [&](std::uint32_t count, std::size_t pos, std::size_t end, bool extended,
-                           std::vector<Record>& into) -> std::string {
-    const std::string what = extended ? "EVLR " : "VLR ";
-    const std::string limit = extended ? "the end of the file" : "the offset to point data";
-    const std::size_t headerBytes = extended ? 60 : 54;
-    for (std::uint32_t k = 0; k < count; ++k) {
-      if (end - pos < headerBytes)
-        return what + std::to_string(k) + " header past " + limit;
-      Record r{text(bytes, pos + 2, 16),
-               at<std::uint16_t>(bytes, pos + 18),
-               text(bytes, pos + (extended ? 28 : 22), 32),
-               {}};
-      const std::uint64_t length =
-          extended ? at<std::uint64_t>(bytes, pos + 20) : at<std::uint16_t>(bytes, pos + 20);
-      pos += headerBytes;
-      if (end - pos < length)
-        return what + std::to_string(k) + " payload past " + limit;
-      r.payload.assign(bytes.begin() + static_cast<std::ptrdiff_t>(pos),
-                       bytes.begin() + static_cast<std::ptrdiff_t>(pos + length));
-      pos += length;
-      into.push_back(std::move(r));
-    }
-    return {};
-  };
-  if (const std::string wrong = records(vlrCount, headerSize, pointOffset, false, f.vlrs);
-      !wrong.empty())
-    return fail(wrong);
+// Records (extended: the 60-byte headers after the points) from pos up to end; an empty text
+// when they fit, else what does not.
+inline std::string parseRecords(const std::vector<std::uint8_t>& bytes, std::uint32_t count,
+                                std::size_t pos, std::size_t end, bool extended,
+                                std::vector<Record>& into) {
+  const std::string what = extended ? "EVLR " : "VLR ";
+  const std::string limit = extended ? "the end of the file" : "the offset to point data";
+  const std::size_t headerBytes = extended ? 60 : 54;
+  for (std::uint32_t k = 0; k < count; ++k) {
+    if (end - pos < headerBytes)
+      return what + std::to_string(k) + " header past " + limit;
+    Record r{text(bytes, pos + 2, 16),
+             at<std::uint16_t>(bytes, pos + 18),
+             text(bytes, pos + (extended ? 28 : 22), 32),
+             {}};
+    const std::uint64_t length =
+        extended ? at<std::uint64_t>(bytes, pos + 20) : at<std::uint16_t>(bytes, pos + 20);
+    pos += headerBytes;
+    if (end - pos < length)
+      return what + std::to_string(k) + " payload past " + limit;
+    r.payload.assign(bytes.begin() + static_cast<std::ptrdiff_t>(pos),
+                     bytes.begin() + static_cast<std::ptrdiff_t>(pos + length));
+    pos += length;
+    into.push_back(std::move(r));
+  }
+  return {};
+}
 
-  if (f.pointCount > (size - pointOffset) / f.recordLength)
-    return fail("point records past the end of the file");
+// Parses LAS bytes; an empty error means success. Every offset and length is checked against
+// the size, so a damaged file gives a message, never a read outside the buffer.
+inline File parse(const std::vector<std::uint8_t>& bytes, std::string& error) {
+  File f;
+  Layout layout;
+  const std::size_t size = bytes.size();
+  error = parseHeader(bytes, f, layout);
+  if (error.empty())
+    error =
+        parseRecords(bytes, layout.vlrCount, layout.headerSize, layout.pointOffset, false, f.vlrs);
+  if (!error.empty())
+    return File{};
+
+  const std::size_t pointOffset = layout.pointOffset;
+  if (f.pointCount > (size - pointOffset) / f.recordLength) {
+    error = "point records past the end of the file";
+    return File{};
+  }
   f.points.assign(bytes.begin() + pointOffset,
                   bytes.begin() + pointOffset + f.pointCount * f.recordLength);
 
-  if (evlrCount > 0 && (evlrStart < pointOffset + f.points.size() || evlrStart > size))
-    return fail("EVLR start outside the bytes after the points");
-  if (const std::string wrong = records(evlrCount, evlrStart, size, true, f.evlrs); !wrong.empty())
-    return fail(wrong);
-  error.clear();
-  return f;
+  if (layout.evlrCount > 0 &&
+      (layout.evlrStart < pointOffset + f.points.size() || layout.evlrStart > size))
+    error = "EVLR start outside the bytes after the points";
+  else
+    error = parseRecords(bytes, layout.evlrCount, layout.evlrStart, size, true, f.evlrs);
+  return error.empty() ? f : File{};
 }
 
 inline std::vector<std::uint8_t> bytesOf(const std::string& path) {

@@ -2,6 +2,7 @@
 // diagnostics.
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
+#include "support/BruteForce.hpp"
 #include "tressel/PointCloud.hpp"
 #include "vantor/Trees.hpp"
 
@@ -127,31 +128,23 @@ std::vector<unsigned char> oracle(const Cloud& source, const Cloud& target, cons
   const bool shift = box.offset.x > 0 || box.offset.y > 0;
   if (box.unclassify)
     std::fill(out.begin(), out.end(), 0);
+  const int dims = box.dimension == 3 ? 3 : 2;
   for (const auto& fragment : source.partition) {
+    std::vector<std::size_t> from; // the fragment's points of a source class
+    for (std::size_t s : fragment)
+      if (box.source.contains(source.cls[s], 1e-9))
+        from.push_back(s);
     for (std::size_t t = 0; t < out.size(); ++t) {
       if (!box.target.contains(out[t], 1e-9))
         continue;
       const point q = shift ? target.xyz[t] - box.offset : target.xyz[t];
-      double best = std::numeric_limits<double>::infinity();
-      std::size_t nearest = 0;
-      for (std::size_t s : fragment) {
-        if (!box.source.contains(source.cls[s], 1e-9))
-          continue;
-        const point& p = source.xyz[s];
-        double d2 = (p.x - q.x) * (p.x - q.x) + (p.y - q.y) * (p.y - q.y);
-        if (box.dimension == 3)
-          d2 += (p.z - q.z) * (p.z - q.z);
-        if (d2 <= box.radius * box.radius && (d2 < best || (d2 == best && s < nearest))) {
-          best = d2;
-          nearest = s;
-        }
-      }
-      if (best == std::numeric_limits<double>::infinity())
+      const auto found = BruteForce::nearest(source.xyz, q, box.radius * box.radius, dims, from);
+      if (!found)
         continue;
       if (!box.hasAssignment) {
-        out[t] = source.cls[nearest];
+        out[t] = source.cls[found->second];
       } else {
-        const auto band = box.assignment.upper_bound(best);
+        const auto band = box.assignment.upper_bound(found->first);
         if (band != box.assignment.end())
           out[t] = static_cast<unsigned char>(band->second);
       }
@@ -404,21 +397,12 @@ TEST(ClassificationTransferOLD, PerFragmentModeCarriesClassesAndPositions) {
   std::vector<point> xyz = target.xyz;
   std::vector<unsigned char> cls = target.cls;
   for (const auto& fragment : source.partition)
-    for (std::size_t t = 0; t < xyz.size(); ++t) {
-      double best = std::numeric_limits<double>::infinity();
-      std::size_t nearest = 0;
-      for (std::size_t s : fragment) {
-        const double d2 = Vantor::PhysicalSpace::squaredDistance(source.xyz[s], xyz[t]);
-        if (d2 <= box.radius * box.radius && (d2 < best || (d2 == best && s < nearest))) {
-          best = d2;
-          nearest = s;
-        }
+    for (std::size_t t = 0; t < xyz.size(); ++t)
+      if (const auto found =
+              BruteForce::nearest(source.xyz, xyz[t], box.radius * box.radius, 3, fragment)) {
+        cls[t] = source.cls[found->second];
+        xyz[t] = source.xyz[found->second];
       }
-      if (best != std::numeric_limits<double>::infinity()) {
-        cls[t] = source.cls[nearest];
-        xyz[t] = source.xyz[nearest];
-      }
-    }
   EXPECT_EQ(target.classes(), cls);
   EXPECT_EQ(Tressel::readField<point>(*target.grid->CartesianPositions(), target.partition), xyz);
 }
@@ -598,6 +582,7 @@ TEST(ClassificationTransferOLD, TreeTypedStepOverThreadsMatchesBruteForce) {
   auto bbox = std::make_shared<Vantor::BoundingBox>();
   for (const point& p : sourcePoints)
     bbox->expand(p);
+  const auto everySource = BruteForce::indices(0, sourcePoints.size());
   for (int dimension : {2, 3}) {
     Tressel::MemArray<1, point> targetXYZ(Tressel::MultiIndex<1>(targetPoints.size()));
     Tressel::MemArray<1, unsigned char> targetCls(Tressel::MultiIndex<1>(targetPoints.size()));
@@ -619,15 +604,8 @@ TEST(ClassificationTransferOLD, TreeTypedStepOverThreadsMatchesBruteForce) {
       run(std::make_shared<Vantor::OcTree<unsigned>>(bbox, 64));
     for (std::size_t i = 0; i < targetPoints.size(); ++i) {
       const point& q = targetPoints[i];
-      std::size_t best = sourcePoints.size();
-      double bestSquared = 0.16;
-      for (std::size_t j = 0; j < sourcePoints.size(); ++j) {
-        const double dx = sourcePoints[j].x - q.x, dy = sourcePoints[j].y - q.y;
-        const double dz = dimension == 3 ? sourcePoints[j].z - q.z : 0.0;
-        const double d2 = dx * dx + dy * dy + dz * dz;
-        if (d2 < bestSquared || (d2 == bestSquared && j < best))
-          best = j, bestSquared = d2;
-      }
+      const auto found = BruteForce::nearest(sourcePoints, q, 0.16, dimension, everySource);
+      const std::size_t best = found ? found->second : sourcePoints.size();
       if (i % 7 == 0 || best == sourcePoints.size()) {
         EXPECT_EQ(targetCls[i], i % 7 == 0 ? 9 : 1) << i;
         EXPECT_EQ(targetXYZ[i], q) << i;

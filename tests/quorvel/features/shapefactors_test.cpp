@@ -3,6 +3,7 @@
 // 3 x 3 matrices; then the filters, the box and the messages.
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
+#include "support/BruteForce.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <gtest/gtest.h>
@@ -83,17 +84,10 @@ Expected oracle(const std::vector<point>& xyz, const std::vector<bool>& selected
     return e;
   }
   const double r = maxstep * step;
-  std::vector<std::pair<double, std::size_t>> list;
-  for (std::size_t j = 0; j < xyz.size(); ++j) {
-    if (!selected[j])
-      continue;
-    const double dx = xyz[j].x - xyz[i].x, dy = xyz[j].y - xyz[i].y, dz = xyz[j].z - xyz[i].z;
-    const double d2 = dx * dx + dy * dy + (dimension == 2 ? 0 : dz * dz);
-    if (d2 <= r * r)
-      list.emplace_back(d2, j);
-  }
-  std::stable_sort(list.begin(), list.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  const auto list = BruteForce::sortedWithin(
+      xyz, xyz[i], r * r, dimension, BruteForce::indicesWhere(xyz.size(), [&](std::size_t j) {
+        return static_cast<bool>(selected[j]);
+      }));
   double best = -1;
   std::array<double, 3> kept{0, 0, 0};
   Matrix keptMatrix{};

@@ -3,6 +3,7 @@
 // of reduced clouds keeping exactly the chosen points with all their fields.
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
+#include "support/BruteForce.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <gtest/gtest.h>
@@ -69,6 +70,7 @@ Vec upward(Vec v) {
 std::vector<double> oracle(const Cloud& c, std::size_t begin, std::size_t end, double radius,
                            int k) {
   std::vector<double> out;
+  const auto fragment = BruteForce::indices(begin, end);
   for (std::size_t i = begin; i < end; ++i) {
     if (!(c.planarity[i] >= 0.001)) {
       out.push_back(-1);
@@ -79,14 +81,7 @@ std::vector<double> oracle(const Cloud& c, std::size_t begin, std::size_t end, d
     for (bool first = true; first || (list.size() < std::size_t(k) + 1 && r < 5.0); first = false) {
       if (!first)
         r *= 2;
-      std::vector<std::pair<double, std::size_t>> query;
-      for (std::size_t j = begin; j < end; ++j) {
-        const Vec d = c.xyz[j] - c.xyz[i];
-        if (dot(d, d) <= r * r)
-          query.emplace_back(dot(d, d), j);
-      }
-      std::stable_sort(query.begin(), query.end(),
-                       [](const auto& a, const auto& b) { return a.first < b.first; });
+      const auto query = BruteForce::sortedWithin(c.xyz, c.xyz[i], r * r, 3, fragment);
       list.insert(list.end(), query.begin(), query.end());
       std::stable_sort(list.begin(), list.end(),
                        [](const auto& a, const auto& b) { return a.first < b.first; });

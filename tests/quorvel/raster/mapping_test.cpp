@@ -4,6 +4,7 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/raster/TestRaster.hpp"
 #include "quorvel/raster/raster.hpp"
+#include "support/BruteForce.hpp"
 #include "support/Output.hpp"
 #include "support/ScratchDirectory.hpp"
 #include "tressel/PointCloud.hpp"
@@ -298,18 +299,14 @@ TEST_F(RasterMapping, SourceToTargetTakesTheNearestSourcePointWithinTheRadius) {
   EXPECT_EQ(mapSourceToTarget(*source.grid, "Height", *raster, "Mapped", 1.5), "");
   const std::string out = GetCapturedStdout();
   EXPECT_TRUE(holds(out, "\tHave a scalar source height field\nbut grid is not uniform\n"));
+  const auto everySource = BruteForce::indices(0, source.xyz.size());
   std::size_t found = 0;
   for (std::size_t gx = 0; gx < shape.width(); ++gx)
     for (std::size_t gy = 0; gy < shape.depth(); ++gy) {
       const point centre(shape.origin.x + shape.size * static_cast<double>(gx),
                          shape.origin.y + shape.size * static_cast<double>(gy), 0.0);
-      double best = 1.5 * 1.5;
-      float expected = std::nanf("");
-      for (std::size_t i = 0; i < source.xyz.size(); ++i) {
-        const double dx = source.xyz[i].x - centre.x, dy = source.xyz[i].y - centre.y;
-        if (dx * dx + dy * dy <= best && (std::isnan(expected) || dx * dx + dy * dy < best))
-          best = dx * dx + dy * dy, expected = values[i];
-      }
+      const auto nearest = BruteForce::nearest(source.xyz, centre, 1.5 * 1.5, 2, everySource);
+      const float expected = nearest ? values[nearest->second] : std::nanf("");
       const float got = cellValue<float>(*raster, "Mapped", shape, gx, gy);
       if (std::isnan(expected))
         EXPECT_TRUE(std::isnan(got)) << gx << "," << gy;

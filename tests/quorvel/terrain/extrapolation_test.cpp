@@ -4,6 +4,7 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/terrain.hpp"
+#include "support/BruteForce.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <gtest/gtest.h>
@@ -19,11 +20,6 @@ using namespace Quorvel;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 using Box = ExtrapolationParameterBox;
-
-double squaredDistance(const point& a, const point& b, bool planimetric) {
-  const double dx = a.x - b.x, dy = a.y - b.y, dz = planimetric ? 0.0 : a.z - b.z;
-  return dx * dx + dy * dy + dz * dz;
-}
 
 // Signed distance of p from the least-squares plane z = a x + b y + c through the points, solved
 // about their centroid with Cramer's rule on the centred normal equations.
@@ -48,7 +44,7 @@ double planeDistance(const std::vector<point>& pts, const point& p, bool& solved
 // The rounds as defined, by brute force; returns the classes.
 std::vector<unsigned char> oracle(const std::vector<point>& xyz, std::vector<unsigned char> cls,
                                   const Box& box) {
-  const bool flat = box.dimension == "2D";
+  const int dims = box.dimension == "2D" ? 2 : 3;
   const std::size_t n = xyz.size();
   std::vector<bool> grown(n, false);
   for (int round = 0; round < box.maximum_iteration; ++round) {
@@ -63,17 +59,12 @@ std::vector<unsigned char> oracle(const std::vector<point>& xyz, std::vector<uns
     for (std::size_t i = 0; i < n; ++i) {
       if (grown[i] || box.source.contains(before[i], 1e-9) || !box.target.contains(before[i], 1e-9))
         continue;
+      const double squaredRadius = box.radius * box.radius;
       std::vector<point> near;
-      std::size_t nearest = n; // the first of the nearest: seeds come in index order
-      double best = 0;
-      for (std::size_t j : seeds) {
-        const double d2 = squaredDistance(xyz[i], xyz[j], flat);
-        if (d2 > box.radius * box.radius)
-          continue;
+      for (const auto& [d2, j] : BruteForce::within(xyz, xyz[i], squaredRadius, dims, seeds))
         near.push_back(xyz[j]);
-        if (nearest == n || d2 < best)
-          best = d2, nearest = j;
-      }
+      const auto closest = BruteForce::nearest(xyz, xyz[i], squaredRadius, dims, seeds);
+      const std::size_t nearest = closest ? closest->second : n;
       int c = before[i];
       if (box.mode == "constant" && !near.empty())
         c = box.extrapolation_class;

@@ -3,6 +3,7 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/terrain.hpp"
+#include "support/BruteForce.hpp"
 #include "tressel/PointCloud.hpp"
 
 #include <gtest/gtest.h>
@@ -95,18 +96,12 @@ OracleRun oracle(const std::vector<point>& xyz, std::vector<unsigned char> cls, 
     for (std::size_t i = 0; i < n; ++i) {
       if (!working.contains(before[i], 1e-9))
         continue;
+      const auto within = BruteForce::within(xyz, xyz[i], radius[i] * radius[i], dims, tree);
+      const std::size_t found = within.size();
       std::vector<point> near;
-      std::size_t found = 0;
-      for (std::size_t j : tree) {
-        double d2 = 0;
-        for (int k = 0; k < dims; ++k)
-          d2 += (xyz[j][k] - xyz[i][k]) * (xyz[j][k] - xyz[i][k]);
-        if (d2 <= radius[i] * radius[i]) {
-          ++found;
-          if (j != i)
-            near.push_back(xyz[j]);
-        }
-      }
+      for (const auto& [d2, j] : within)
+        if (j != i)
+          near.push_back(xyz[j]);
       if (found == last[i])
         continue;
       last[i] = found;
