@@ -35,8 +35,9 @@ contents(const Tressel::Grid& grid) {
   std::map<std::string, std::pair<std::string, std::vector<std::uint8_t>>> out;
   auto rep = grid.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
   for (const auto& [id, field] : rep->snapshot()) {
-    auto& [type, bytes] = out[id->Name()];
-    type = field->getElementType() ? field->getElementType()->name() : "";
+    auto& entry = out[id->Name()];
+    entry.first = field->getElementType() ? field->getElementType()->name() : "";
+    auto& bytes = entry.second;
     field->iterate([&](const auto&, const auto& creator) {
       const auto& chunk = creator->peekData()->myChunk();
       const auto* raw = static_cast<const std::uint8_t*>(chunk->rawData());
