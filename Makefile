@@ -23,18 +23,21 @@ tidy: deps
 	@cmake --preset release >/dev/null
 	@scripts/tidy $(JOBS)
 
-# The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.
+# The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer, built with clang. The same
+# build holds the fuzz targets (every library instrumented for libFuzzer), so the sanitized
+# libraries are compiled once for both.
 asan-test: deps
 	@cmake --preset asan >/dev/null
 	@cmake --build --preset asan -j $(JOBS)
 	@ctest --preset asan -j $(JOBS)
 
-# Every fuzz target (clang's libFuzzer, sanitizers on) for FUZZ_SECONDS each from fuzz/seeds;
-# FUZZ_RUNS=N instead runs N inputs per target with a fixed seed (the same every time: CI).
+# Every fuzz target (clang's libFuzzer, sanitizers on; built in the asan tree) for FUZZ_SECONDS
+# each from fuzz/seeds; FUZZ_RUNS=N instead runs N inputs per target with a fixed seed (the same
+# every time: CI).
 FUZZ_SECONDS ?= 60
 fuzz: deps
-	@cmake --preset fuzz >/dev/null
-	@cmake --build --preset fuzz -j $(JOBS)
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan -j $(JOBS) --target quorvel_fuzz_targets
 	@FUZZ_RUNS=$(FUZZ_RUNS) bash fuzz/run $(FUZZ_SECONDS)
 
 # A campaign: every fuzz target for FUZZ_SECONDS each (given on the command line), one after the
@@ -43,8 +46,8 @@ fuzz: deps
 fuzz-long: deps
 	@if [ "$(origin FUZZ_SECONDS)" = file ]; then \
 	  echo "make fuzz-long FUZZ_SECONDS=N: every target for N seconds"; exit 2; fi
-	@cmake --preset fuzz >/dev/null
-	@cmake --build --preset fuzz -j $(JOBS)
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan -j $(JOBS) --target quorvel_fuzz_targets
 	@FUZZ_RUNS= nice -n 19 bash fuzz/run $(FUZZ_SECONDS)
 
 # Google Benchmark programs (Release build).
