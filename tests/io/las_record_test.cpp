@@ -23,6 +23,19 @@ struct Packed {
   std::map<std::string, double> values;
 };
 
+// The records of a table: each one's bytes and its values by field name.
+std::vector<Packed> records(const std::vector<std::string>& names,
+                            const std::vector<std::vector<double>>& values,
+                            const std::vector<std::vector<std::uint8_t>>& bytes) {
+  std::vector<Packed> out;
+  for (std::size_t c = 0; c < values.size(); ++c) {
+    out.push_back({bytes[c], {}});
+    for (std::size_t i = 0; i < names.size(); ++i)
+      out.back().values[names[i]] = values[c][i];
+  }
+  return out;
+}
+
 // struct.pack('<iiiHBBbBHd', x, y, z, intensity, ret | n << 3 | scan << 6 | edge << 7,
 //             class | synthetic << 5 | key << 6 | withheld << 7, angle, user, source, gps)
 std::vector<Packed> legacy() {
@@ -53,13 +66,7 @@ std::vector<Packed> legacy() {
        0x95, 0x40, 0x7f, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xd0, 0x3f},
       {0x03, 0x00, 0x00, 0x00, 0xfc, 0xff, 0xff, 0xff, 0x05, 0x00, 0x00, 0x00, 0x02, 0x00,
        0x49, 0xac, 0x80, 0x11, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80, 0x74, 0xd2, 0xba, 0x41}};
-  std::vector<Packed> out;
-  for (std::size_t c = 0; c < values.size(); ++c) {
-    out.push_back({bytes[c], {}});
-    for (std::size_t i = 0; i < names.size(); ++i)
-      out.back().values[names[i]] = values[c][i];
-  }
-  return out;
+  return records(names, values, bytes);
 }
 
 // struct.pack('<iiiHBBBBhHd', x, y, z, intensity, ret | n << 4, synthetic | key << 1 |
@@ -96,13 +103,7 @@ std::vector<Packed> extended() {
        0x28, 0x0c, 0x00, 0x30, 0x75, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xd0, 0x3f},
       {0x03, 0x00, 0x00, 0x00, 0xfc, 0xff, 0xff, 0xff, 0x05, 0x00, 0x00, 0x00, 0x02, 0x00, 0x87,
        0x55, 0x00, 0x11, 0x00, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80, 0x74, 0xd2, 0xba, 0x41}};
-  std::vector<Packed> out;
-  for (std::size_t c = 0; c < values.size(); ++c) {
-    out.push_back({bytes[c], {}});
-    for (std::size_t i = 0; i < names.size(); ++i)
-      out.back().values[names[i]] = values[c][i];
-  }
-  return out;
+  return records(names, values, bytes);
 }
 
 // The view's values against the packed ones.
