@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -80,8 +81,8 @@ struct LaszipPoints {
 // Decodes every point of path with LASzip; keeps them when `keep` is given.
 std::uint64_t laszipDecode(const std::string& path, LaszipPoints* keep = nullptr,
                            Laszip* reader = nullptr) {
-  Laszip own;
-  const laszip_POINTER laszip = (reader ? *reader : own).get();
+  std::optional<Laszip> own; // a reader of its own unless the caller keeps one open
+  const laszip_POINTER laszip = (reader ? *reader : own.emplace()).get();
   laszip_BOOL compressed = 0;
   check(laszip, laszip_open_reader(laszip, path.c_str(), &compressed), "open " + path);
   laszip_header* header = nullptr;
@@ -104,7 +105,7 @@ std::uint64_t laszipDecode(const std::string& path, LaszipPoints* keep = nullptr
     std::copy_n(point->extra_bytes, keep->extraPerPoint,
                 keep->extraBytes.data() + i * keep->extraPerPoint);
   }
-  if (!reader)
+  if (own)
     check(laszip, laszip_close_reader(laszip), "close " + path);
   return count;
 }
