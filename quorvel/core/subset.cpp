@@ -11,6 +11,32 @@ namespace Quorvel {
 
 namespace {
 
+// Gathers elements of Size bytes; a size known to the compiler lets each copy be one move.
+template <std::size_t Size>
+void gather(std::uint8_t* to, const std::uint8_t* from, const std::vector<std::size_t>& kept) {
+  for (std::size_t j = 0; j < kept.size(); ++j)
+    std::memcpy(to + j * Size, from + kept[j] * Size, Size);
+}
+
+void gather(std::uint8_t* to, const std::uint8_t* from, const std::vector<std::size_t>& kept,
+            std::size_t size) {
+  switch (size) {
+  case 1:
+    return gather<1>(to, from, kept);
+  case 2:
+    return gather<2>(to, from, kept);
+  case 4:
+    return gather<4>(to, from, kept);
+  case 8:
+    return gather<8>(to, from, kept);
+  case 24:
+    return gather<24>(to, from, kept);
+  default:
+    for (std::size_t j = 0; j < kept.size(); ++j)
+      std::memcpy(to + j * size, from + kept[j] * size, size);
+  }
+}
+
 // Copies the kept elements of every fragment of a field into the new cloud's arrays.
 void copyField(const Field& field, const std::vector<FragmentSlot>& slots,
                const std::vector<std::vector<std::size_t>>& kept, Tressel::FragmentArrays& out,
@@ -23,8 +49,7 @@ void copyField(const Field& field, const std::vector<FragmentSlot>& slots,
     if (!data)
       throw std::runtime_error("field " + name + " has no values in a fragment");
     const auto* from = static_cast<const std::uint8_t*>(data->myChunk()->rawData());
-    for (std::size_t j = 0; j < kept[k].size(); ++j)
-      std::memcpy(to[k] + j * size, from + kept[k][j] * size, size);
+    gather(to[k], from, kept[k], size);
   }
 }
 

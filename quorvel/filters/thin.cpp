@@ -65,69 +65,92 @@ std::uint64_t splitMix(std::uint64_t seed, std::uint64_t i) {
   return z ^ (z >> 31);
 }
 
-// Voxel keys of the points in file order, as (key, flat number) sorted by key, file order kept
-// among equal keys. Non-finite points get no voxel.
-std::vector<std::pair<std::uint64_t, std::uint32_t>> voxelKeys(const Flat& flat, double size,
-                                                               bool& fits) {
+// The voxel of a point, false for a point without one (not finite or too far out).
+bool voxelOf(const point& p, double size, std::array<std::int64_t, 3>& c) {
+  for (int a = 0; a < 3; ++a) {
+    const double v = std::floor(p[a] / size);
+    if (!std::isfinite(v) || std::abs(v) >= 4e18)
+      return false;
+    c[static_cast<std::size_t>(a)] = static_cast<std::int64_t>(v);
+  }
+  return true;
+}
+
+// Voxel keys when the voxels' span is too wide for one word: the rank of each point's voxel among
+// all voxels serves as its key.
+std::vector<std::pair<std::uint64_t, std::uint32_t>> rankedVoxels(const Flat& flat, double size) {
   std::vector<std::array<std::int64_t, 3>> cells;
   std::vector<std::uint32_t> who;
-  std::array<std::int64_t, 3> lo{}, hi{};
-  lo.fill(std::numeric_limits<std::int64_t>::max());
-  hi.fill(std::numeric_limits<std::int64_t>::min());
-  for (const std::uint32_t i : flat.order) {
-    const point& p = flat.at(i);
-    std::array<std::int64_t, 3> c{};
-    bool finite = true;
-    for (int a = 0; a < 3; ++a) {
-      const double v = std::floor(p[a] / size);
-      finite = finite && std::isfinite(v) && std::abs(v) < 4e18;
-      c[static_cast<std::size_t>(a)] = finite ? static_cast<std::int64_t>(v) : 0;
+  for (const std::uint32_t i : flat.order)
+    if (std::array<std::int64_t, 3> c{}; voxelOf(flat.at(i), size, c)) {
+      cells.push_back(c);
+      who.push_back(i);
     }
-    if (!finite)
-      continue;
-    for (std::size_t a = 0; a < 3; ++a) {
-      lo[a] = std::min(lo[a], c[a]);
-      hi[a] = std::max(hi[a], c[a]);
-    }
-    cells.push_back(c);
-    who.push_back(i);
-  }
-  int bits[3] = {0, 0, 0};
-  for (std::size_t a = 0; a < 3 && !cells.empty(); ++a)
-    bits[a] = std::bit_width(static_cast<std::uint64_t>(hi[a] - lo[a]));
-  fits = bits[0] + bits[1] + bits[2] <= 64;
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(cells.size());
-  if (fits) {
-    for (std::size_t j = 0; j < cells.size(); ++j) {
-      std::uint64_t key = 0;
-      for (std::size_t a = 0; a < 3; ++a)
-        key = (bits[a] ? key << bits[a] : key) | static_cast<std::uint64_t>(cells[j][a] - lo[a]);
-      keyed[j] = {key, who[j]};
-    }
-    sortByKey(keyed);
-    return keyed;
-  }
-  // Too wide for one word: the rank of the cell among all cells serves as its key.
   std::vector<std::uint32_t> byCell(cells.size());
   std::iota(byCell.begin(), byCell.end(), 0u);
   std::stable_sort(byCell.begin(), byCell.end(),
                    [&](std::uint32_t a, std::uint32_t b) { return cells[a] < cells[b]; });
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(cells.size());
   std::uint64_t rank = 0;
   for (std::size_t j = 0; j < byCell.size(); ++j) {
     rank += j > 0 && cells[byCell[j]] != cells[byCell[j - 1]];
     keyed[j] = {rank, who[byCell[j]]};
   }
-  fits = true;
   return keyed;
 }
 
-// How much worse a point is than another for a voxel's choice (lower wins).
-double voxelScore(const point& p, const std::string& keep, double size) {
+// Voxel keys of the points in file order, as (key, flat number) sorted by key, file order kept
+// among equal keys. Non-finite points get no voxel. A first pass finds the voxels' span, a second
+// packs each point's voxel into one word, so no voxel is stored per point.
+std::vector<std::pair<std::uint64_t, std::uint32_t>> voxelKeys(const Flat& flat, double size) {
+  std::array<std::int64_t, 3> lo{}, hi{}, c{};
+  lo.fill(std::numeric_limits<std::int64_t>::max());
+  hi.fill(std::numeric_limits<std::int64_t>::min());
+  std::size_t count = 0;
+  for (const std::uint32_t i : flat.order)
+    if (voxelOf(flat.at(i), size, c)) {
+      ++count;
+      for (std::size_t a = 0; a < 3; ++a) {
+        lo[a] = std::min(lo[a], c[a]);
+        hi[a] = std::max(hi[a], c[a]);
+      }
+    }
+  int bits[3] = {0, 0, 0};
+  for (std::size_t a = 0; a < 3 && count > 0; ++a)
+    bits[a] = std::bit_width(static_cast<std::uint64_t>(hi[a] - lo[a]));
+  if (bits[0] + bits[1] + bits[2] > 64)
+    return rankedVoxels(flat, size);
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed;
+  keyed.reserve(count);
+  for (const std::uint32_t i : flat.order)
+    if (voxelOf(flat.at(i), size, c)) {
+      std::uint64_t key = 0;
+      for (std::size_t a = 0; a < 3; ++a)
+        key = (bits[a] ? key << bits[a] : key) | static_cast<std::uint64_t>(c[a] - lo[a]);
+      keyed.emplace_back(key, i);
+    }
+  sortByKey(keyed);
+  return keyed;
+}
+
+enum class Keep { First, Lowest, Highest, Centre };
+
+Keep keepOf(const std::string& keep) {
   if (keep == "lowest")
-    return p.z;
+    return Keep::Lowest;
   if (keep == "highest")
+    return Keep::Highest;
+  return keep == "centre" ? Keep::Centre : Keep::First;
+}
+
+// How much worse a point is than another for a voxel's choice (lower wins).
+double voxelScore(const point& p, Keep keep, double size) {
+  switch (keep) {
+  case Keep::Lowest:
+    return p.z;
+  case Keep::Highest:
     return -p.z;
-  if (keep == "centre") {
+  case Keep::Centre: {
     double s = 0.0;
     for (int a = 0; a < 3; ++a) {
       const double d = p[a] - (std::floor(p[a] / size) + 0.5) * size;
@@ -135,25 +158,32 @@ double voxelScore(const point& p, const std::string& keep, double size) {
     }
     return s;
   }
-  return 0.0; // first: the first in file order
+  case Keep::First:
+    break;
+  }
+  return 0.0; // the first in file order
 }
 
 std::vector<std::uint32_t> keptByVoxel(const Flat& flat, const ThinParameterBox& box) {
-  bool fits = false;
-  const auto keyed = voxelKeys(flat, box.voxel, fits);
+  const auto keyed = voxelKeys(flat, box.voxel);
+  const Keep keep = keepOf(box.keep);
   std::vector<std::uint32_t> kept;
   for (std::size_t j = 0; j < keyed.size();) {
     std::size_t best = j;
-    double score = voxelScore(flat.at(keyed[j].second), box.keep, box.voxel);
     std::size_t e = j + 1;
-    for (; e < keyed.size() && keyed[e].first == keyed[j].first; ++e)
-      if (box.keep != "first") {
-        const double s = voxelScore(flat.at(keyed[e].second), box.keep, box.voxel);
+    if (keep == Keep::First) {
+      while (e < keyed.size() && keyed[e].first == keyed[j].first)
+        ++e;
+    } else {
+      double score = voxelScore(flat.at(keyed[j].second), keep, box.voxel);
+      for (; e < keyed.size() && keyed[e].first == keyed[j].first; ++e) {
+        const double s = voxelScore(flat.at(keyed[e].second), keep, box.voxel);
         if (s < score) {
           score = s;
           best = e;
         }
       }
+    }
     kept.push_back(keyed[best].second);
     j = e;
   }
@@ -191,14 +221,16 @@ StrongPtr<Grid> thin(const StrongPtr<Grid>& grid, ThinParameterBox& box) {
     return nullptr;
   }
   const Flat flat = flatten(grid, *positions);
-  std::vector<std::uint32_t> kept = keptPoints(flat, box);
-  std::sort(kept.begin(), kept.end());
+  // The kept points in layout order: marks over the flat numbers, read fragment by fragment.
+  std::vector<std::uint8_t> marked(flat.order.size(), 0);
+  for (const std::uint32_t i : keptPoints(flat, box))
+    marked[i] = 1;
   std::vector<std::vector<std::size_t>> chosen(flat.slots.size());
-  std::size_t k = 0;
-  for (const std::uint32_t i : kept) {
-    while (k + 1 < flat.start.size() && flat.start[k + 1] <= i)
-      ++k;
-    chosen[k].push_back(i - flat.start[k]);
+  for (std::size_t k = 0; k < flat.slots.size(); ++k) {
+    const std::size_t end = k + 1 < flat.start.size() ? flat.start[k + 1] : marked.size();
+    for (std::size_t i = flat.start[k]; i < end; ++i)
+      if (marked[i])
+        chosen[k].push_back(i - flat.start[k]);
   }
   try {
     return subsetOf(*grid, flat.slots, chosen, true);

@@ -290,6 +290,14 @@ def test_thin_by_voxel_keeps_one_point_per_cube(tmp_path, keep):
     quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "t.las", "--voxel", 1.5, "--keep", keep)
     got = read_las(tmp_path / "t.las")[0]
     assert np.allclose(got, src[voxel_choice(src, 1.5, keep)])  # file order kept
+    # Voxels spread too widely for one 64-bit key on three axes: a point and its copies a few
+    # steps up share a voxel of 0.05 over a span of 2e6 metres.
+    base = rng.uniform(-1e6, 1e6, (300, 3)).round(2)
+    wide = np.concatenate([base, base + [0, 0, 0.02], base[::2] + [0.01, 0, 0]])
+    src = write_las(tmp_path / "wide.las", wide[rng.permutation(len(wide))])
+    quorvel("thin", tmp_path / "wide.las", "-o", tmp_path / "w.las", "--voxel", 0.05, "--keep",
+            keep)
+    assert np.allclose(read_las(tmp_path / "w.las")[0], src[voxel_choice(src, 0.05, keep)])
 
 
 def test_thin_random_and_every(tmp_path):
