@@ -11,35 +11,67 @@ namespace Quorvel {
 
 namespace {
 
-// Gathers elements of Size bytes; a size known to the compiler lets each copy be one move.
-template <std::size_t Size>
-void gather(std::uint8_t* to, const std::uint8_t* from, const std::vector<std::size_t>& kept) {
-  for (std::size_t j = 0; j < kept.size(); ++j)
-    std::memcpy(to + j * Size, from + kept[j] * Size, Size);
+// The points kept of one fragment: their indices, and where most points are kept and the indices
+// ascend, a mark per point up to the last kept one, so that each field is copied by one pass
+// over the marks (a small array read many times) rather than over the indices (a large one).
+struct Kept {
+  const std::vector<std::size_t>* indices = nullptr;
+  std::vector<std::uint8_t> marks;
+};
+
+Kept keptOf(const std::vector<std::size_t>& indices) {
+  Kept kept{&indices, {}};
+  if (indices.empty() || !std::is_sorted(indices.begin(), indices.end()) ||
+      indices.back() + 1 > 4 * indices.size())
+    return kept;
+  kept.marks.assign(indices.back() + 1, 0);
+  for (const std::size_t i : indices)
+    kept.marks[i] = 1;
+  if (static_cast<std::size_t>(std::count(kept.marks.begin(), kept.marks.end(), 1)) !=
+      indices.size())
+    kept.marks.clear(); // repeated indices
+  return kept;
 }
 
-void gather(std::uint8_t* to, const std::uint8_t* from, const std::vector<std::size_t>& kept,
-            std::size_t size) {
+// Copies the kept elements of Size bytes; a size known to the compiler makes each copy one move.
+// The marked pass writes every element and advances past the kept ones; it stops at the last
+// kept point, so it never writes beyond the kept count.
+template <std::size_t Size>
+void copyKept(std::uint8_t* to, const std::uint8_t* from, const Kept& kept, std::size_t size) {
+  const std::size_t step = Size ? Size : size;
+  if (!kept.marks.empty()) {
+    std::size_t w = 0;
+    for (std::size_t i = 0; i < kept.marks.size(); ++i) {
+      std::memcpy(to + w * step, from + i * step, Size ? Size : size);
+      w += kept.marks[i];
+    }
+    return;
+  }
+  const auto& indices = *kept.indices;
+  for (std::size_t j = 0; j < indices.size(); ++j)
+    std::memcpy(to + j * step, from + indices[j] * step, Size ? Size : size);
+}
+
+void copyKept(std::uint8_t* to, const std::uint8_t* from, const Kept& kept, std::size_t size) {
   switch (size) {
   case 1:
-    return gather<1>(to, from, kept);
+    return copyKept<1>(to, from, kept, size);
   case 2:
-    return gather<2>(to, from, kept);
+    return copyKept<2>(to, from, kept, size);
   case 4:
-    return gather<4>(to, from, kept);
+    return copyKept<4>(to, from, kept, size);
   case 8:
-    return gather<8>(to, from, kept);
+    return copyKept<8>(to, from, kept, size);
   case 24:
-    return gather<24>(to, from, kept);
+    return copyKept<24>(to, from, kept, size);
   default:
-    for (std::size_t j = 0; j < kept.size(); ++j)
-      std::memcpy(to + j * size, from + kept[j] * size, size);
+    return copyKept<0>(to, from, kept, size);
   }
 }
 
 // Copies the kept elements of every fragment of a field into the new cloud's arrays.
 void copyField(const Field& field, const std::vector<FragmentSlot>& slots,
-               const std::vector<std::vector<std::size_t>>& kept, Tressel::FragmentArrays& out,
+               const std::vector<Kept>& kept, Tressel::FragmentArrays& out,
                const std::string& name) {
   const auto& type = *field.getElementType();
   const std::size_t size = type.size();
@@ -48,8 +80,7 @@ void copyField(const Field& field, const std::vector<FragmentSlot>& slots,
     const auto data = field.getData(*slots[k].id);
     if (!data)
       throw std::runtime_error("field " + name + " has no values in a fragment");
-    const auto* from = static_cast<const std::uint8_t*>(data->myChunk()->rawData());
-    gather(to[k], from, kept[k], size);
+    copyKept(to[k], static_cast<const std::uint8_t*>(data->myChunk()->rawData()), kept[k], size);
   }
 }
 
@@ -80,12 +111,12 @@ void renumber(Tressel::Grid& grid) {
 StrongPtr<Grid> subsetOf(const Grid& grid, const std::vector<FragmentSlot>& slots,
                          const std::vector<std::vector<std::size_t>>& chosen, bool dropEmpty) {
   std::vector<FragmentSlot> kept;
-  std::vector<std::vector<std::size_t>> indices;
+  std::vector<Kept> indices;
   std::vector<std::size_t> sizes;
   for (std::size_t k = 0; k < slots.size(); ++k)
     if (!dropEmpty || !chosen[k].empty()) {
       kept.push_back(slots[k]);
-      indices.push_back(chosen[k]);
+      indices.push_back(keptOf(chosen[k]));
       sizes.push_back(chosen[k].size());
     }
   Tressel::FragmentArrays cloud(sizes);

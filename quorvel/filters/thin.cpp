@@ -4,6 +4,8 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/spatial/spatial.hpp"
 
+#include "basalt/RadixSort.hpp"
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -24,6 +26,7 @@ struct Flat {
   std::vector<std::size_t> start;   // flat number of each fragment's first point
   std::vector<const point*> xyz;    // each fragment's positions
   std::vector<std::uint32_t> order; // flat numbers in file order
+  bool inLayoutOrder = true;        // order[r] == r
   const point& at(std::uint32_t i) const {
     const std::size_t k =
         static_cast<std::size_t>(std::upper_bound(start.begin(), start.end(), i) - start.begin()) -
@@ -51,7 +54,8 @@ Flat flatten(const StrongPtr<Grid>& grid, const Field& positions) {
   }
   flat.order.resize(n);
   std::iota(flat.order.begin(), flat.order.end(), 0u);
-  if (places.size() == n && flat.slots.size() > 1)
+  flat.inLayoutOrder = places.size() != n || flat.slots.size() <= 1;
+  if (!flat.inLayoutOrder)
     std::stable_sort(flat.order.begin(), flat.order.end(),
                      [&](std::uint32_t a, std::uint32_t b) { return places[a] < places[b]; });
   return flat;
@@ -66,71 +70,111 @@ std::uint64_t splitMix(std::uint64_t seed, std::uint64_t i) {
 }
 
 // The voxel of a point, false for a point without one (not finite or too far out).
+// Below 4e18 a quotient converts to a whole number exactly, so the floor is the truncation, one
+// less where that rounded up (beyond 2^52 every double is whole and both agree with std::floor).
 bool voxelOf(const point& p, double size, std::array<std::int64_t, 3>& c) {
   for (int a = 0; a < 3; ++a) {
-    const double v = std::floor(p[a] / size);
-    if (!std::isfinite(v) || std::abs(v) >= 4e18)
+    const double v = p[a] / size;
+    if (!(std::abs(v) < 4e18))
       return false;
-    c[static_cast<std::size_t>(a)] = static_cast<std::int64_t>(v);
+    const auto t = static_cast<std::int64_t>(v);
+    c[static_cast<std::size_t>(a)] = static_cast<double>(t) > v ? t - 1 : t;
   }
   return true;
 }
 
-// Voxel keys when the voxels' span is too wide for one word: the rank of each point's voxel among
-// all voxels serves as its key.
-std::vector<std::pair<std::uint64_t, std::uint32_t>> rankedVoxels(const Flat& flat, double size) {
+// Calls f(rank, flat number, position) for every point in file order; a cloud whose file order
+// is its layout is walked fragment by fragment without looking fragments up.
+template <class F>
+void inFileOrder(const Flat& flat, const F& f) {
+  if (!flat.inLayoutOrder) {
+    for (std::uint32_t r = 0; r < flat.order.size(); ++r)
+      f(r, flat.order[r], flat.at(flat.order[r]));
+    return;
+  }
+  for (std::size_t k = 0; k < flat.start.size(); ++k) {
+    const auto begin = static_cast<std::uint32_t>(flat.start[k]);
+    const auto end = static_cast<std::uint32_t>(k + 1 < flat.start.size() ? flat.start[k + 1]
+                                                                          : flat.order.size());
+    for (std::uint32_t i = begin; i < end; ++i)
+      f(i, i, flat.xyz[k][i - begin]);
+  }
+}
+
+// The points' voxels, sorted: each item is a voxel's key above the point's rank in file order
+// (rankBits low bits), sorted stably by key, so that a voxel's points lie together in file order.
+struct SortedVoxels {
+  std::vector<std::uint64_t> items;
+  int rankBits = 0;
+  std::uint64_t key(std::size_t j) const { return items[j] >> rankBits; }
+  std::uint32_t rank(std::size_t j) const {
+    return static_cast<std::uint32_t>(items[j] & ((std::uint64_t{1} << rankBits) - 1));
+  }
+};
+
+// Voxels spread too widely for their three coordinates and the rank to share one word: the rank
+// of each voxel among all voxels serves as its key.
+SortedVoxels rankedVoxels(const Flat& flat, double size, int rankBits) {
   std::vector<std::array<std::int64_t, 3>> cells;
   std::vector<std::uint32_t> who;
-  for (const std::uint32_t i : flat.order)
-    if (std::array<std::int64_t, 3> c{}; voxelOf(flat.at(i), size, c)) {
+  inFileOrder(flat, [&](std::uint32_t r, std::uint32_t, const point& p) {
+    if (std::array<std::int64_t, 3> c{}; voxelOf(p, size, c)) {
       cells.push_back(c);
-      who.push_back(i);
+      who.push_back(r);
     }
+  });
   std::vector<std::uint32_t> byCell(cells.size());
   std::iota(byCell.begin(), byCell.end(), 0u);
   std::stable_sort(byCell.begin(), byCell.end(),
                    [&](std::uint32_t a, std::uint32_t b) { return cells[a] < cells[b]; });
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(cells.size());
-  std::uint64_t rank = 0;
+  SortedVoxels sorted{std::vector<std::uint64_t>(cells.size()), rankBits};
+  std::uint64_t voxel = 0;
   for (std::size_t j = 0; j < byCell.size(); ++j) {
-    rank += j > 0 && cells[byCell[j]] != cells[byCell[j - 1]];
-    keyed[j] = {rank, who[byCell[j]]};
+    voxel += j > 0 && cells[byCell[j]] != cells[byCell[j - 1]];
+    sorted.items[j] = voxel << rankBits | who[byCell[j]];
   }
-  return keyed;
+  return sorted;
 }
 
-// Voxel keys of the points in file order, as (key, flat number) sorted by key, file order kept
-// among equal keys. Non-finite points get no voxel. A first pass finds the voxels' span, a second
-// packs each point's voxel into one word, so no voxel is stored per point.
-std::vector<std::pair<std::uint64_t, std::uint32_t>> voxelKeys(const Flat& flat, double size) {
-  std::array<std::int64_t, 3> lo{}, hi{}, c{};
-  lo.fill(std::numeric_limits<std::int64_t>::max());
-  hi.fill(std::numeric_limits<std::int64_t>::min());
-  std::size_t count = 0;
-  for (const std::uint32_t i : flat.order)
-    if (voxelOf(flat.at(i), size, c)) {
-      ++count;
-      for (std::size_t a = 0; a < 3; ++a) {
-        lo[a] = std::min(lo[a], c[a]);
-        hi[a] = std::max(hi[a], c[a]);
+// The voxels of the points in file order, sorted. Non-finite points get no voxel. Floor and
+// division keep the order of coordinates, so the voxels' span follows from the lowest and highest
+// coordinates, and one pass packs each point's voxel and rank into one word.
+SortedVoxels voxelKeys(const Flat& flat, double size) {
+  const int rankBits = std::max(1, static_cast<int>(std::bit_width(flat.order.size())));
+  point low{std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(),
+            std::numeric_limits<double>::infinity()};
+  point high{-low.x, -low.y, -low.z};
+  inFileOrder(flat, [&](std::uint32_t, std::uint32_t, const point& p) {
+    if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
+      for (int a = 0; a < 3; ++a) {
+        low[a] = std::min(low[a], p[a]);
+        high[a] = std::max(high[a], p[a]);
       }
-    }
+  });
+  std::array<std::int64_t, 3> lo{}, hi{};
   int bits[3] = {0, 0, 0};
-  for (std::size_t a = 0; a < 3 && count > 0; ++a)
+  if (low.x <= high.x && (!voxelOf(low, size, lo) || !voxelOf(high, size, hi)))
+    return rankedVoxels(flat, size, rankBits);
+  for (std::size_t a = 0; a < 3; ++a)
     bits[a] = std::bit_width(static_cast<std::uint64_t>(hi[a] - lo[a]));
-  if (bits[0] + bits[1] + bits[2] > 64)
-    return rankedVoxels(flat, size);
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed;
-  keyed.reserve(count);
-  for (const std::uint32_t i : flat.order)
-    if (voxelOf(flat.at(i), size, c)) {
+  if (bits[0] + bits[1] + bits[2] + rankBits > 64)
+    return rankedVoxels(flat, size, rankBits);
+  SortedVoxels sorted{{}, rankBits};
+  sorted.items.reserve(flat.order.size());
+  inFileOrder(flat, [&](std::uint32_t r, std::uint32_t, const point& p) {
+    if (std::array<std::int64_t, 3> c{}; voxelOf(p, size, c)) {
       std::uint64_t key = 0;
       for (std::size_t a = 0; a < 3; ++a)
         key = (bits[a] ? key << bits[a] : key) | static_cast<std::uint64_t>(c[a] - lo[a]);
-      keyed.emplace_back(key, i);
+      sorted.items.push_back(key << rankBits | r);
     }
-  sortByKey(keyed);
-  return keyed;
+  });
+  // Digits of 8 bits keep the 256 places a pass writes to in the first-level cache.
+  std::vector<std::uint64_t> buffer;
+  Basalt::radixSort(
+      sorted.items.data(), sorted.items.size(), rankBits, rankBits + bits[0] + bits[1] + bits[2],
+      [](std::uint64_t item) { return item; }, buffer, 8);
+  return sorted;
 }
 
 enum class Keep { First, Lowest, Highest, Centre };
@@ -165,26 +209,27 @@ double voxelScore(const point& p, Keep keep, double size) {
 }
 
 std::vector<std::uint32_t> keptByVoxel(const Flat& flat, const ThinParameterBox& box) {
-  const auto keyed = voxelKeys(flat, box.voxel);
+  const SortedVoxels voxels = voxelKeys(flat, box.voxel);
   const Keep keep = keepOf(box.keep);
+  const std::size_t n = voxels.items.size();
   std::vector<std::uint32_t> kept;
-  for (std::size_t j = 0; j < keyed.size();) {
+  for (std::size_t j = 0; j < n;) {
     std::size_t best = j;
     std::size_t e = j + 1;
     if (keep == Keep::First) {
-      while (e < keyed.size() && keyed[e].first == keyed[j].first)
+      while (e < n && voxels.key(e) == voxels.key(j))
         ++e;
     } else {
-      double score = voxelScore(flat.at(keyed[j].second), keep, box.voxel);
-      for (; e < keyed.size() && keyed[e].first == keyed[j].first; ++e) {
-        const double s = voxelScore(flat.at(keyed[e].second), keep, box.voxel);
+      double score = voxelScore(flat.at(flat.order[voxels.rank(j)]), keep, box.voxel);
+      for (; e < n && voxels.key(e) == voxels.key(j); ++e) {
+        const double s = voxelScore(flat.at(flat.order[voxels.rank(e)]), keep, box.voxel);
         if (s < score) {
           score = s;
           best = e;
         }
       }
     }
-    kept.push_back(keyed[best].second);
+    kept.push_back(flat.order[voxels.rank(best)]);
     j = e;
   }
   return kept;
@@ -227,10 +272,14 @@ StrongPtr<Grid> thin(const StrongPtr<Grid>& grid, ThinParameterBox& box) {
     marked[i] = 1;
   std::vector<std::vector<std::size_t>> chosen(flat.slots.size());
   for (std::size_t k = 0; k < flat.slots.size(); ++k) {
-    const std::size_t end = k + 1 < flat.start.size() ? flat.start[k + 1] : marked.size();
-    for (std::size_t i = flat.start[k]; i < end; ++i)
-      if (marked[i])
-        chosen[k].push_back(i - flat.start[k]);
+    const auto begin = marked.begin() + static_cast<std::ptrdiff_t>(flat.start[k]);
+    const auto end = k + 1 < flat.start.size()
+                         ? marked.begin() + static_cast<std::ptrdiff_t>(flat.start[k + 1])
+                         : marked.end();
+    chosen[k].reserve(static_cast<std::size_t>(std::count(begin, end, 1)));
+    for (auto i = begin; i != end; ++i)
+      if (*i)
+        chosen[k].push_back(static_cast<std::size_t>(i - begin));
   }
   try {
     return subsetOf(*grid, flat.slots, chosen, true);
