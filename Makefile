@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Quorvel: set-up, build and test entry points. Every target installs what is missing first.
 JOBS ?= $(shell nproc)
 SOURCES := $(shell git ls-files '*.cpp' '*.hpp' 2>/dev/null)

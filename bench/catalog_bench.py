@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 """The catalogue engine's costs on this machine:
 
 1. overhead: 16 tiles of 250k points, a 10 m buffer, one worker, against the same pipeline run

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 # The yardstick of bench/classification_bench: scipy's cKDTree builds a tree over 1M source
 # points and answers, on one thread, the nearest source point within 1 m of each of 1M target
 # points of the same synthetic airborne-like cloud (~0.4 m spacing). Needs numpy and scipy

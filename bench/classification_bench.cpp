@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Classification transfer of 1M source onto 1M target points (~0.4 m spacing, radius 1 m), one
 // fragment and 16 fragments each, against a plain nanoflann nearest-neighbour pass over the same
 // points as the yardstick.
-#include "Nanoflann.hpp"
+#include "nanoflann_cloud.hpp"
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <benchmark/benchmark.h>
 

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // COPC writing against plain LAZ writing: 2,000,000 airborne-like points (2 km x 1 km at one
 // point per square metre, intensity, class and GPS time) written as LAZ and as COPC on 1 and 2
 // threads. COPC adds the octree (a sort along a Morton curve, a pass per level) and the records'
 // reordering to the same chunk encoding; it should take at most twice the time of LAZ.
 #include "io/las.hpp"
 
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <benchmark/benchmark.h>
 

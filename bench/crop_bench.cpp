@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // insidePolygons() on 1M points over the box of a star of 1,000 vertices (spikes from 0.6 to 1
 // radius, the polygon of filters_yardstick.py), in points per second: the points in random
 // order (the generated survey's) and sorted along scan lines (a flight's), and the polygon's

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Every neighbourhood command on copies of one point, against the same number of spread points.
 
 A cloud of N copies of one position (a scanner standing still, a file merged with itself) must

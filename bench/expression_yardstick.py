@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel select --where and quorvel assign with three comparisons on a generated survey, end to
 end as whole processes on one thread, against reading and writing the same file with quorvel
 convert (the yardstick: at most 1.5 times its time).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Shape-factor and reduction-weight benchmarks over one fragment of 1M airborne-like points at
 // about 0.35 m spacing (350 m x 350 m; ground on gentle hills with 5 cm of noise and a quarter of
 // the points scattered 1 to 15 m above it as vegetation), one thread, each beside a nanoflann
@@ -5,10 +6,10 @@
 // query, with normals, linearity and sphericity) a radius search of 1 m of every point; for
 // weights (K = 8, radius 0.5) the K + 1 nearest neighbours of every point. ratio = ours /
 // nanoflann, tree builds included on both sides.
-#include "Nanoflann.hpp"
+#include "nanoflann_cloud.hpp"
 
 #include "quorvel/features/features.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <benchmark/benchmark.h>
 

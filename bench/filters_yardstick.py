@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel crop, thin, outliers and reproject on a generated survey of N points (LAS 1.4, format 6,
 10 points per square metre), each as a whole process on one thread, against the yardsticks:
   - crop by box, crop by a 1,000-vertex polygon, thin by voxel: at most 1.5 x reading and

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Throughput of the framework paths every algorithm run goes through: building a fragmented
 // point cloud from arrays, reading a field back, fragment bounding boxes, class-range tests.
 // The yardstick of each is the plain copy or loop over the same std::vector data.
-#include "AirborneCloud.hpp"
-#include "tressel/BoundingBoxes.hpp"
-#include "tressel/PointCloud.hpp"
-#include "vantor/MultiRange.hpp"
+#include "airborne_cloud.hpp"
+#include "tressel/bounding_boxes.hpp"
+#include "tressel/point_cloud.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <benchmark/benchmark.h>
 

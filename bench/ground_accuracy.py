@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel ground against the ground classes of the providers of the shared corpus.
 
 For every LAS and LAZ file whose provider classified ground (class 2), runs

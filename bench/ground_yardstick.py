@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel ground against its yardstick: 1M airborne points in at most 1 s on one thread, end to
 end (read, filter, write), as a whole process.
 

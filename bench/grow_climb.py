@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Whether growing ground from seeds climbs into trees: extrapolate and regress on forest data.
 
 For each file (default: bcts_2 and pyfor_test of the shared corpus), keeps a random 10% of the

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 """The yardstick of `quorvel info`: what a user scripts with numpy to learn the same about a LAS
 file (header facts by struct, then one pass over the records for the points' bounds, returns and
 classes). Usage: info_yardstick.py FILE.las"""

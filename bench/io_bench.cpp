@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Reading, summarizing and writing 1M points of LAS (point format 6, 30 bytes a point), in points
 // and MB of file per second.
-#include "AirborneCloud.hpp"
+#include "airborne_cloud.hpp"
 #include "io/las.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <benchmark/benchmark.h>
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """LAS files made by the benchmark scripts: the header over point records already packed in a
 numpy structured array whose first three fields are the integer X, Y, Z."""
 import struct

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // LAZ against native LASzip (the library PDAL and most LIDAR tools decode LAZ with), file by
 // file: every .laz of QUORVEL_LAZ_DIR (by default the shared LAZ corpus) decoded into memory, and
 // its points encoded as LAZ again, by our codec on 1 and 2 threads and by LASzip (one thread: it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // LAZ decoding: the records of a LAZ file (QUORVEL_LAZ, by default the shared bcts_4.laz: point
 // format 1, 591,489 points) decoded into a cloud on 1 and 2 threads, against reading the same
 // points from its uncompressed LAS (QUORVEL_LAS, by default bcts_4.decoded.las beside it); and

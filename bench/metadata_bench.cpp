@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Cell size of 1M points in one fragment on one thread (the library runs maximum minus one).
-#include "AirborneCloud.hpp"
+#include "airborne_cloud.hpp"
 #include "quorvel/metadata/metadata.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <benchmark/benchmark.h>
 #include <omp.h>

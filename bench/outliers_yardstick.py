@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel outliers --method statistical (K 8) against the same rule as a numpy and scipy script,
 each a whole process on one thread, on a generated survey of N points (LAS 1.4, format 6).
 

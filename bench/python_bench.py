@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 """Python overhead: 1M points with 16 more fields from numpy arrays into a cloud and back,
 against a plain numpy copy of the same arrays; and shape factors of 1M points run from Python
 against the same run from C++ on the same file (bench/shapefactors_timing).

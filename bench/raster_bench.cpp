@@ -1,16 +1,17 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Raster benchmarks on one thread: preparing a 2000 x 2000 ground raster of 1 m cells (fragments
 // of 250 x 250 cells; a tenth of the cells gap-filled, a fiftieth without data), and mapping it
 // onto the 1M airborne points (1 km x 1 km) as heights above ground, in random and in scan
 // order. The yardstick of the mapping
 // is numpy's plain cell lookup and subtraction over the same points (bench/raster_yardstick.py).
-#include "AirborneCloud.hpp"
+#include "airborne_cloud.hpp"
 
 #include "io/las.hpp"
 #include "io/raster.hpp"
 #include "quorvel/raster/raster.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <benchmark/benchmark.h>
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 """Yardstick of the raster mapping benchmark (raster_bench): numpy's plain cell lookup and
 subtraction, the height of 1M points above a 2000 x 2000 float32 ground raster of 1 m cells, for
 the points in random order and in scan order (strips of 20 m along x, each swept in y), as the

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 # The yardstick of the relative height and belows benchmark (terrain_bench): the same two measures
 # over a cloud of the same make (1M points, 350 m x 350 m, a quarter of them 1 to 15 m above
 # gentle hills) done by numpy and scipy on one thread: a cKDTree over x and y, the square of each

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel render's top view against the time of reading the same file: the picture should cost
 no more than the read.
 

@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Reprojection of 1M points from UTM 33N to UTM 32N (EPSG:32633 to 32632), in points per second:
 // quorvel's reproject() on one and two threads, interpolating its checked cells (second argument
 // 0) and transforming every point through PROJ (--exact, 1), against the yardsticks on the same
 // points and one thread: GDAL's OGRCoordinateTransformation over arrays, and PROJ's
 // proj_trans_generic, the floor that any caller of PROJ pays.
-#include "AirborneCloud.hpp"
+#include "airborne_cloud.hpp"
 #include "io/raster.hpp"
 #include "quorvel/filters/filters.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <benchmark/benchmark.h>
 #include <ogr_spatialref.h>

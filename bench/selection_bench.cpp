@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Selection benchmarks, one thread: the indices of the selected elements of 1M random floats in
 // [0, 10) with the two-interval range "2:3,5:7" (`selectedIndices`, the whole typed walk), and a
 // selection grid keeping half of 1M points with 17 per-point fields (`computeSelection`). Their
@@ -5,7 +6,7 @@
 // `selection_yardstick.py`, run beside them; the loop `direct` below is the same mask as a plain
 // C++ loop, for a ratio inside this program.
 #include "quorvel/selection/selection.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <benchmark/benchmark.h>
 

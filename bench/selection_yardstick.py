@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 """Yardsticks of the selection benchmarks (selection_bench): numpy's range mask plus nonzero over
 1M random floats with the range 2:3,5:7, and numpy's gather of 17 per-point fields (positions and
 16 more, the same kinds as the benchmark's) for every other point of 1M. Best of 20 runs each."""

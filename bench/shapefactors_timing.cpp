@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The C++ side of the Python overhead measurement (python_bench.py): loads the bundle it is given
 // and prints the best of three runs of shape factors (normals, linearity, sphericity) in seconds,
 // the same run the Python script times on the same file.

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The bucket tree and the framework trees against nanoflann on the same cloud: building, one
 // radius query per point with a radius that gives about 30 neighbours (results into a reused
 // vector), and the nearest neighbour of each of 1M points beside the cloud's.
-#include "AirborneCloud.hpp"
-#include "Nanoflann.hpp"
-#include "tarrow/OcTreeStd.hpp"
-#include "vantor/Trees.hpp"
+#include "airborne_cloud.hpp"
+#include "nanoflann_cloud.hpp"
+#include "tarrow/oc_tree_std.hpp"
+#include "vantor/trees.hpp"
 
 #include <benchmark/benchmark.h>
 

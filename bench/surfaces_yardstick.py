@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 """Surfaces on 1M airborne-like points against their yardstick, reading the LAS file.
 
 Writes a LAS 1.2 point-format-1 file of N points (default 1,000,000) at 10 points per square

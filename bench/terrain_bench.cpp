@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Terrain benchmarks over one fragment of 1M airborne-like points at about 0.35 m spacing (350 m x
 // 350 m, about 33 points in a 2 m square): relative height plus belows on one thread, and the
 // planar regression growing ground from class 2 seeds (candidates class 0 or 1, radius 1 m, 2D),
 // one round measured against a plain nanoflann radius-search pass over the same points and radii.
-#include "Nanoflann.hpp"
+#include "nanoflann_cloud.hpp"
 
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/terrain.hpp"
-#include "vantor/Trees.hpp"
+#include "vantor/trees.hpp"
 
 #include <benchmark/benchmark.h>
 

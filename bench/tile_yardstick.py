@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel tile, merge and box reads on generated surveys, against numpy doing the same by hand.
 
 Generates LAS 1.4 point-format-6 files of N points at one density (10 points per square metre,

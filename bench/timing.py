@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Timing shared by the Python benchmark scripts."""
 import time
 

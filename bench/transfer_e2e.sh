@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # End to end: `quorvel transfer` of 1M classified points onto 1M points, LAS in and LAS out,
 # against bench/transfer_yardstick.py doing the same job with numpy and scipy. Makes the two
 # clouds once (LAS 1.4 format 6, ~0.4 m spacing, classes on the source, 0 on the target), runs

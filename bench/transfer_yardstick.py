@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 # The end-to-end yardstick of `quorvel transfer SOURCE.las TARGET.las -o OUT.las --bands 1`: the
 # same job done by numpy and scipy. Both LAS files are read with np.frombuffer over a structured
 # dtype built from the header, scipy's cKDTree is built over the source x, y, z, each target point

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: what to do about a failed run.
 #include "cli/advice.hpp"
 
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: what to do about a failed run. The library's messages name what is missing in
 // its own words ("ERROR: no f_normalvector"); the host keeps them as they are and adds what a
 // user can do: the command that makes a missing field, or the fields the cloud has.
 #pragma once
 
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <string>
 

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: checks of option values. The rules and their words are the library's table of
 // parameter checks, which the Python package uses too.
 #include "cli/checks.hpp"
 
 #include "io/text.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "io/files.hpp"
 
 #include <algorithm>

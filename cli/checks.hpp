@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: checks of option values, so that a mistyped value stops the command with a usage
 // error naming the option and the value instead of running on what a lenient parser made of it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: one chunk of a catalogue run, read with its buffer, changed by the pipeline's
 // stages, and written without its buffer.
 #include "cli/chunk.hpp"
@@ -7,7 +8,7 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <cmath>
 #include <cstring>

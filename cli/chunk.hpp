@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: one chunk of a catalogue run. A chunk is a square of the survey (or one of its
 // files); its points are read together with those of a buffer around it from every file that
 // meets it, the pipeline runs on them all, and only the chunk's own points are written, so that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: loading, saving, progress and the summary line.
 #include "cli/host.hpp"
 
@@ -6,10 +7,10 @@
 #include "cli/progress.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
-#include "basalt/Console.hpp"
-#include "basalt/Text.hpp"
+#include "basalt/console.hpp"
+#include "basalt/text.hpp"
 
 #include <cmath>
 #include <cstdio>

@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: what every command shares: the common options, loading and saving clouds,
 // progress on the terminal and the summary line.
 #pragma once
 
-#include "basalt/LoaderProgress.hpp"
+#include "basalt/loader_progress.hpp"
 #include "io/files.hpp"
 #include "io/las.hpp"
 #include "io/stream.hpp"
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <CLI/CLI.hpp>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel: the command-line host. Loads LAS or bundle files, runs one algorithm (or a pipeline
 // of them) with its parameter box filled from options, writes the result.
 #include "cli/commands/command.hpp"

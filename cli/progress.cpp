@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: the terminal progress bar.
 #include "cli/progress.hpp"
 

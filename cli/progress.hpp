@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: the progress bar shown on a terminal while a file is read, an algorithm runs and
 // a file is written.
 #pragma once
 
-#include "basalt/LoaderProgress.hpp"
+#include "basalt/loader_progress.hpp"
 
 #include <atomic>
 #include <chrono>

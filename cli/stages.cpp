@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: pipeline files read and checked, and their stages run.
 #include "cli/stages.hpp"
 

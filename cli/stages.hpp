@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: pipeline files, a JSON array of stage objects (each a command that changes a
 // cloud, with its long option names as keys) between an optional input and output file name.
 #pragma once

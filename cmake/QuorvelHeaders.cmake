@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # quorvel_install_headers(DESTINATION <dir> [INCLUDE_PREFIX <prefix>] FILES <header>...)
 #
 # The one way a library publishes headers: each header (a path relative to the calling

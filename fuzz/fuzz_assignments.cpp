@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: the three class-assignment parsers ("2>6;3:5>7", "0:1.5=2", "a:b=c:d=k"), the
 // first byte choosing which.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
 #include "quorvel/core/core.hpp"
 

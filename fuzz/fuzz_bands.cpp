@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: the distance/class text of the classification transfer ("0.5=2;1=3", the host's
 // --bands), parsed into a box and printed.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
 #include "quorvel/classification/classification.hpp"
 

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: bundle files loaded and checked, as the host loads them.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
-#include "tressel/Bundle.hpp"
+#include "tressel/bundle.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Quorvel::Fuzz::MemoryFile file(data, size);

@@ -1,5 +1,6 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: acquisition dates read from file names, and their GPS weeks.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
 #include "quorvel/metadata/metadata.hpp"
 

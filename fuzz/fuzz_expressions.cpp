@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: expressions (select --where, assign --set) parsed and, when they parse, evaluated
 // over a small cloud with fields of two types.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const auto grid = [] {

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: LAS files read whole, read in tiles, summarised, and read in batches by box (a COPC
 // file's hierarchy then chooses the chunks), as the host reads them.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
 #include "io/las.hpp"
 #include "io/stream.hpp"

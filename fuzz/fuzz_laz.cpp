@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: LAZ chunks as the bytes give them, decoded by the pointwise and the layered item
 // coders of every point format they write (the first bytes choose the format and the number of
 // points); a chunk may fail with its error, never read or write outside its buffers.
-#include "io/laz/Layered.hpp"
-#include "io/laz/Pointwise.hpp"
+#include "io/laz/layered.hpp"
+#include "io/laz/pointwise.hpp"
 
 #include <stdexcept>
 

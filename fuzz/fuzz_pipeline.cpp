@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: pipeline files read and checked, every stage's options parsed, as `quorvel
 // pipeline` does before it runs anything (nothing is run, so no file is written).
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
 #include "cli/commands/command.hpp"
 

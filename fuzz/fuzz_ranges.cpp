@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: value ranges ("2:5,9") parsed and asked, as every class option and box is.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
-#include "vantor/MultiRange.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <cmath>
 

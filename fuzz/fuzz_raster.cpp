@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Fuzz target: raster preparation and mapping on rasters and clouds made from the bytes: sizes
 // and fragment sizes, cell types, heights and coordinates taken raw (NaN, infinities, huge
 // values), a box whose cell and fragment sizes may contradict the raster, bands and constant
 // classes; then the field mapping from the cloud onto the raster.
-#include "fuzz/FuzzInput.hpp"
+#include "fuzz/fuzz_input.hpp"
 
 #include "quorvel/raster/raster.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: point-cloud files of either kind, LAS or bundle, told apart by their extension (in
 // any case).
 #pragma once
 
 #include "io/las.hpp"
 
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <set>
 #include <string>

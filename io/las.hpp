@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: LAS files (versions 1.0 to 1.4, point formats 0 to 10) to point-cloud grids and back.
 #pragma once
 
-#include "basalt/LoaderProgress.hpp"
-#include "tressel/Grid.hpp"
+#include "basalt/loader_progress.hpp"
+#include "tressel/grid.hpp"
 
 #include <array>
 #include <cstdint>

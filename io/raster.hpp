@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: rasters in and out. Any raster GDAL reads (GeoTIFF, ASCII grid, ...) becomes a
 // raster grid the library prepares and maps; raster grids are written back as GeoTIFF with their
 // coordinate system.
@@ -10,8 +11,8 @@
 #include "quorvel/raster/raster.hpp"
 #include "quorvel/render/render.hpp"
 
-#include "tressel/Grid.hpp"
-#include "vantor/MultiRange.hpp"
+#include "tressel/grid.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <array>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: LAS and LAZ files read and written in batches of records, so that files of any size
 // pass with bounded memory, and the points of a box read without building the rest.
 #pragma once

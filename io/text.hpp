@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: point clouds as text (.csv with a header line and commas; .xyz and .txt without a
 // header, blanks between values) and as binary little-endian PLY (.ply), written and read back.
 #pragma once
 
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <string>
 #include <vector>

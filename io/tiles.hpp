@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: LAS and LAZ files of any size cut into square tiles or joined into one, record by
 // record through the streams of io/stream.hpp, so that memory stays bounded.
 #pragma once

@@ -1,22 +1,23 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: point-cloud algorithms for airborne and terrestrial LIDAR. Including this header
 // reaches every exported function and parameter box, and the framework types they take.
 #pragma once
 
-#include "basalt/Cache.hpp"
-#include "basalt/Console.hpp"
-#include "basalt/LoaderProgress.hpp"
-#include "basalt/StringList.hpp"
-#include "basalt/StrongPtr.hpp"
-#include "tressel/BoundingBoxes.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/DataRange.hpp"
-#include "tressel/Grid.hpp"
-#include "tressel/MemArray.hpp"
-#include "tressel/PointCloud.hpp"
-#include "tressel/UniformGrid.hpp"
-#include "vantor/BoundingBox.hpp"
-#include "vantor/MultiRange.hpp"
-#include "vantor/PhysicalSpace.hpp"
+#include "basalt/cache.hpp"
+#include "basalt/console.hpp"
+#include "basalt/loader_progress.hpp"
+#include "basalt/string_list.hpp"
+#include "basalt/strong_ptr.hpp"
+#include "tressel/bounding_boxes.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/data_range.hpp"
+#include "tressel/grid.hpp"
+#include "tressel/mem_array.hpp"
+#include "tressel/point_cloud.hpp"
+#include "tressel/uniform_grid.hpp"
+#include "vantor/bounding_box.hpp"
+#include "vantor/multi_range.hpp"
+#include "vantor/physical_space.hpp"
 
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"

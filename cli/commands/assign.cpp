@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel assign: values given to fields at the points where an expression holds; fields made
 // on request (0 elsewhere).
 #include "cli/commands/command.hpp"
 #include "quorvel/selection/selection.hpp"
 
-#include "tressel/ElementTypes.hpp"
+#include "tressel/element_types.hpp"
 
 namespace Quorvel::Cli {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel catalog: a pipeline over a whole survey, chunk by chunk with buffers, on Dask. The
 // engine is the Python package's quorvel.catalog; the host hands its command line over to it.
 #include "cli/commands/command.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel cellsize: the voxel-density cell size of every point ("CellTensor").
 #include "cli/commands/command.hpp"
 #include "quorvel/metadata/metadata.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: what every command shares: the cloud-changing command's run and the binding of
 // box fields to options.
 #include "cli/commands/command.hpp"
@@ -5,7 +6,7 @@
 #include "cli/advice.hpp"
 #include "cli/checks.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "quorvel/selection/selection.hpp"
 
 #include <array>

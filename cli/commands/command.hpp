@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: the shape of a command. Each command lives in one file of cli/commands/ and is
 // listed once in the table of commands.cpp.
 #pragma once
@@ -5,8 +6,8 @@
 #include "cli/checks.hpp"
 #include "cli/host.hpp"
 #include "quorvel/features/features.hpp"
-#include "vantor/MultiRange.hpp"
-#include "vantor/PhysicalSpace.hpp"
+#include "vantor/multi_range.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <CLI/CLI.hpp>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: the table of commands. A new command is one file of cli/commands/ with its
 // factory, declared in command.hpp and listed here.
 #include "cli/commands/command.hpp"

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel compare: agreement of a one-byte per-point field of two files, overall and per class
 // of the second file.
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "cli/commands/command.hpp"
 
 #include <iostream>

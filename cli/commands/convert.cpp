@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel convert: LAS, LAZ, bundle (.h5), text (.csv, .xyz, .txt) and PLY into one another,
 // chosen by the file extensions; "-" is LAS through standard input or output.
 #include "cli/commands/command.hpp"

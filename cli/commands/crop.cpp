@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel crop: the points inside a box or inside the polygons of a vector file (or outside
 // them), with all their fields.
 #include "cli/commands/command.hpp"

@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel date: the acquisition date read from file names, and its GPS week.
 #include "cli/commands/command.hpp"
 #include "quorvel/metadata/metadata.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 
 #include <cstdio>
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel dtm: a ground raster (digital terrain model) from the ground points of a cloud.
 #include "cli/commands/command.hpp"
 #include "io/raster.hpp"

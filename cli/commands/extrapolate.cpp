@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel extrapolate: spreads a class from seed points into the unclassified points near them,
 // in rounds, by one of four modes (ground along the terrain, flat surfaces, nearest classes, any
 // seed near).

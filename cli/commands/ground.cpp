@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel ground: finds the ground points of an unclassified cloud (class 2), and calls the other
 // points of classes 0 and 1 unassigned (class 1).
 #include "cli/commands/command.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel index: the footprints of a survey's LAS and LAZ files, from their headers alone, as a
 // GeoPackage for QGIS or as GeoJSON.
 #include "cli/commands/command.hpp"

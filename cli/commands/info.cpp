@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel info: what a LIDAR user checks first of LAS, LAZ, bundle and raster files (header
 // facts, coordinate system, bounds, GPS times, records, fields, classes, density), as text lines
 // or as one JSON document (docs/info-json.md). Each file is described as one JSON object, which
 // the text form then prints line by line, so both forms always tell the same.
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "cli/commands/command.hpp"
 #include "cli/commands/operands.hpp"
 #include "io/raster.hpp"
 #include "io/stream.hpp"
-#include "tressel/BoundingBoxes.hpp"
+#include "tressel/bounding_boxes.hpp"
 
 #include <nlohmann/json.hpp>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel map: a ground raster onto a cloud, as height-band classes or as heights above ground;
 // or onto every grid of a list of bundle files, each rewritten in place.
 #include "cli/commands/command.hpp"
@@ -6,8 +7,8 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/raster/raster.hpp"
 
-#include "basalt/Text.hpp"
-#include "tressel/BoundingBoxes.hpp"
+#include "basalt/text.hpp"
+#include "tressel/bounding_boxes.hpp"
 
 namespace Quorvel::Cli {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel mapfield: a field of a SOURCE grid carried onto the cells of a TARGET raster, each
 // taking the value of the nearest source point in x-y within a radius.
 #include "cli/commands/command.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel merge: LAS and LAZ files of any size joined into one.
 #include "cli/commands/command.hpp"
 #include "cli/commands/streams.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: the files that operands name.
 #include "cli/commands/operands.hpp"
 

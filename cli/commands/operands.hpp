@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: the files that operands name, for the commands that take many (info, index).
 #pragma once
 

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel outliers: isolated points by the statistical or the radius rule, classified (class 7,
 // low noise, by default) or removed.
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "cli/commands/command.hpp"
 #include "quorvel/filters/filters.hpp"
 

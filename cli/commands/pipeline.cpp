@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel pipeline: reads a cloud once, runs several commands on it in order, writes it once.
 // The file is a JSON array: the input file name, stage objects whose keys are the long option
 // names of their command, and the output file name. Every stage is checked before anything runs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel raster: rasters in and out. import reads any raster GDAL reads (GeoTIFF, ASCII grid,
 // ...) into a raster bundle the mapping commands prepare; export writes a raster bundle's
 // height field as a GeoTIFF with its coordinate system.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: loading and preparing ground rasters for the mapping commands.
 #include "cli/commands/raster_input.hpp"
 

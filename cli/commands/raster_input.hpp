@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: ground rasters as the mapping commands take them: loaded from a file, with the
 // cell size and fragment size the raster itself records, and prepared.
 #pragma once

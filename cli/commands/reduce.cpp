@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel reduce: thins a cloud to the points that matter most by their "Weights", computing
 // shape factors and weights first when the cloud has none.
 #include "cli/commands/command.hpp"

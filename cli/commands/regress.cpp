@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel regress: reclassifies points by their distance from the plane through their neighbours,
 // in rounds (planar regression; by default it grows the ground class from class 2 seeds).
 #include "cli/commands/command.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel relheight: every point's height above the lowest point of its square x-y neighbourhood
 // ("RelativeHeight", float) and the share of that square's points below it ("RelativeBelows",
 // 0 to 255), fragment by fragment.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel render: pictures of clouds (top views and profiles, by class or by value) and of
 // rasters (heights and hillshades), as georeferenced PNG or GeoTIFF.
 #include "quorvel/render/render.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel reproject: the positions carried into another coordinate system through GDAL's OSR and
 // PROJ, with a LAS scale and offset that keep their precision and the new system's records.
 #include "cli/commands/command.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel select: the points whose value in one field lies in value ranges (or outside them), or
 // for which an expression holds, with all their fields; --count prints how many instead of (or
 // besides) writing them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel shapefactors: every point's planarity and, on request, linearity, sphericity and
 // normal vector, at the most planar of several neighbourhood scales.
 #include "cli/commands/command.hpp"

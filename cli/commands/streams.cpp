@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: how the commands that stream files read and write them.
 #include "cli/commands/streams.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel host: how the commands that stream files (tile, merge) read and write them.
 #pragma once
 

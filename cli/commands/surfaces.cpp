@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel dsm, chm and density: surfaces made from a cloud, laid out as quorvel dtm lays out its
 // ground rasters (pixel edges at multiples of --cell, covering every point).
 #include "cli/commands/command.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel thin: fewer points, by voxel (one per cube), at random (a seeded fraction) or every
 // N-th point in file order.
 #include "cli/commands/command.hpp"

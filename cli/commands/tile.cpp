@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel tile: LAS and LAZ files of any size cut into square tiles, with buffers.
 #include "cli/commands/command.hpp"
 #include "cli/commands/streams.hpp"

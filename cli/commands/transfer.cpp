@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel transfer: classes from a classified SOURCE cloud onto TARGET by nearest neighbours.
 #include "cli/commands/command.hpp"
 #include "quorvel/classification/classification.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // quorvel weights: how much every point matters when the cloud is thinned ("Weights"), from the
 // "Planarity" and "NormalVector" that `quorvel shapefactors --normals` writes.
 #include "cli/commands/command.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Example host: builds a small point cloud from plain arrays, reads a class range and a class
 // assignment from text, reclassifies the cloud and prints what it did.
 #include <quorvel/quorvel.hpp>

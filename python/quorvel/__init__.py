@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Quorvel: point-cloud algorithms for airborne and terrestrial LIDAR.
 
 Clouds are built from numpy arrays (``Cloud(xyz, classification=c)``) or read from LAS, LAZ and

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Type stubs of the quorvel package, so that editors complete names and arguments.
 from contextlib import AbstractContextManager
 from typing import Any, Dict, List, Optional, Sequence, Tuple, overload

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Catalogues: a survey of LAS, LAZ and COPC files processed chunk by chunk, each chunk with a
 buffer of its neighbours' points, in parallel on Dask (a local cluster, or an existing one).
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """The overview page of a catalogue run (quorvel catalog --report): OUTDIR/index.html, one file
 a browser opens without a network: the chunks' squares on a map coloured by outcome or by a
 statistic, their pictures (OUTDIR/thumbnails/, beside the page), the run's summary and a table

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Catalogues on Dask: the run of a catalogue's chunks (quorvel.catalog.Catalog.run), its
 manifest, its progress on a terminal, and `quorvel catalog` (python3 -m quorvel.catalog)."""
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: the algorithms with their parameter boxes. Boxes keep the C++ defaults;
 // their value ranges read and take the range texts ("2:5,9"). Runs release the GIL, and a run
 // that reports an error raises quorvel.Error with the message.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: what the bindings of the algorithms share: parameter boxes as classes with
 // their fields, and runs without the GIL that raise quorvel.Error when they report an error.
 #pragma once
@@ -6,8 +7,8 @@
 
 #include "quorvel/core/fields.hpp"
 
-#include "basalt/Console.hpp"
-#include "vantor/MultiRange.hpp"
+#include "basalt/console.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <algorithm>
 #include <optional>

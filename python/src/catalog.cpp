@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: what the catalogue engine (quorvel/catalog.py) asks of the library: the
 // facts of a survey's files from their headers, and the run of one chunk in a worker.
 #include "cloud.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: the library's checks of parameter values before every run, raising
 // ValueError with the field's name, so that Python refuses what the command-line host refuses.
 #include "boxes.hpp"

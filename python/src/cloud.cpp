@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: clouds from numpy arrays and back, LAS and bundle files.
 #include "cloud.hpp"
 
-#include "basalt/Text.hpp"
-#include "io/detail/LasFormats.hpp"
+#include "basalt/text.hpp"
+#include "io/detail/las_formats.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
 #include "io/stream.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <pybind11/stl.h>
 

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: point clouds as numpy arrays.
 #pragma once
 
 #include "io/las.hpp"
 #include "io/stream.hpp"
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>

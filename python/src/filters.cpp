@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: the everyday filters: crop, outliers, thinning and reprojection.
 #include "boxes.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: the parsers and kernels, with Python values.
 #include "boxes.hpp"
 

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: the extension module behind `import quorvel`.
 #include "cloud.hpp"
 
-#include "basalt/Console.hpp"
+#include "basalt/console.hpp"
 
 #include <iostream>
 #include <stdexcept>

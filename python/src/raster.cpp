@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: raster preparation and mapping, and fields carried from grid to grid.
 #include "boxes.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "io/raster.hpp"
 #include "quorvel/raster/raster.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <pybind11/stl.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: pictures of clouds and rasters, to PNG or GeoTIFF files or as numpy RGBA
 // arrays for notebooks.
 #include "boxes.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel for Python: LAS and LAZ files of any size cut into tiles or joined, as `quorvel tile`
 // and `quorvel merge` do.
 #include "cloud.hpp"

@@ -1,15 +1,16 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: classification transfer, classes from a classified point cloud onto another one by
 // nearest neighbours, copied or chosen from distance bands.
 #pragma once
 
 #include "quorvel/core/fields.hpp"
 
-#include "basalt/StrongPtr.hpp"
-#include "tressel/Grid.hpp"
-#include "tressel/MemArray.hpp"
-#include "vantor/MultiRange.hpp"
-#include "vantor/PhysicalSpace.hpp"
-#include "vantor/TreeBase.hpp"
+#include "basalt/strong_ptr.hpp"
+#include "tressel/grid.hpp"
+#include "tressel/mem_array.hpp"
+#include "vantor/multi_range.hpp"
+#include "vantor/physical_space.hpp"
+#include "vantor/tree_base.hpp"
 
 #include <cstdint>
 #include <map>

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the parameter box of the classification transfer.
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
 
-#include "basalt/Console.hpp"
-#include "basalt/Text.hpp"
+#include "basalt/console.hpp"
+#include "basalt/text.hpp"
 
 #include <cmath>
 

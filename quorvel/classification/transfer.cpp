@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the fragment-driven classification transfer. It runs in three steps: the inputs are
 // looked up, a target pass resets classes and notes where each target fragment lies, and a source
 // pass builds one tree per source fragment and answers the target fragments it can reach.
 #include "quorvel/classification/detail/transfer.hpp"
 
-#include "tressel/DataRange.hpp"
+#include "tressel/data_range.hpp"
 
 #include <limits>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the earlier classification transfer. Its inputs are looked up, in one-tree mode a
 // single tree over the whole source is filled, and then one parallel pass over the target
 // fragments answers each of them from that tree or from a tree per source fragment.

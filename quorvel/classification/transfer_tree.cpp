@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the classification transfer steps on a tree the caller gives: one source fragment onto
 // one target fragment, and one target point against the single tree of one-tree mode.
 #include "quorvel/classification/detail/transfer.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: finding the inputs of an algorithm and walking the fragments of a point cloud.
 #include "quorvel/core/core.hpp"
 

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: parsers of class-assignment texts.
 #include "quorvel/core/core.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 
 #include <algorithm>
 #include <cmath>

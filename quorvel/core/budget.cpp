@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the budget of cells of a raster or picture.
 #include "quorvel/core/budget.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the budget of cells that one raster or picture may hold, so that a cell size far too
 // small for a cloud, or a raster file that claims billions of pixels in a few bytes, is refused
 // with its numbers before anything is sized from them.

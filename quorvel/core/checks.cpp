@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the checks of parameter values.
 #include "quorvel/core/checks.hpp"
 
-#include "basalt/Text.hpp"
-#include "vantor/MultiRange.hpp"
+#include "basalt/text.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <algorithm>
 #include <cerrno>

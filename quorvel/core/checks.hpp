@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the checks of parameter values that every host runs before an algorithm, kept as one
 // table so that the command-line host and the Python package refuse the same values with the same
 // words. A parameter box (or the arguments of a function without one) lists its checked fields;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the point-cloud access layer that every algorithm shares, the thread and diagnostics
 // conventions, and the class-assignment parsers.
 //
@@ -17,12 +18,12 @@
 
 #include "quorvel/core/fields.hpp"
 
-#include "basalt/Console.hpp"
+#include "basalt/console.hpp"
 #include "quorvel/core/parallel.hpp"
-#include "tressel/BoundingBoxes.hpp"
-#include "tressel/Grid.hpp"
-#include "tressel/MemArray.hpp"
-#include "vantor/MultiRange.hpp"
+#include "tressel/bounding_boxes.hpp"
+#include "tressel/grid.hpp"
+#include "tressel/mem_array.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <cstddef>
 #include <exception>

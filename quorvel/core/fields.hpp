@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the one description of a parameter box's fields. A box lists its fields once, in
 // order, in `static constexpr auto fields()` (defined after the struct, so that the struct's body
 // holds only its fields): the member's name (the Python keyword and the checks table's name), the
@@ -6,8 +7,8 @@
 // are all made from that list, so a field added to a box reaches every host.
 #pragma once
 
-#include "basalt/Console.hpp"
-#include "vantor/MultiRange.hpp"
+#include "basalt/console.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <ostream>
 #include <string_view>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the thread split and the first-error rule of the parallel loops.
 #include "quorvel/core/parallel.hpp"
 

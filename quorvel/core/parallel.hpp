@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the library's parallel loops, the one place where it opens OpenMP regions.
 //
 // Three shapes:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: threads, diagnostics and the parameter-box print convention.
 #include "quorvel/core/core.hpp"
 

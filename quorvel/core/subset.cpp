@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: subsets of point clouds: the chosen points of every fragment with all their fields.
 #include "quorvel/core/core.hpp"
 
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <algorithm>
 #include <cstring>

@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: shape factors and cloud reduction. Shape factors describe every point's neighbourhood
 // by the eigenvalues of its second moments (planarity, linearity, sphericity and the normal), at
 // the scale that makes it most planar; reduction weights turn planarity and normals into how much
 // a point matters when the cloud is thinned; reduced clouds keep the points that matter most.
 #pragma once
 
-#include "basalt/LoaderProgress.hpp"
-#include "basalt/StrongPtr.hpp"
+#include "basalt/loader_progress.hpp"
+#include "basalt/strong_ptr.hpp"
 #include "quorvel/core/fields.hpp"
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <cstdint>
 #include <limits>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: thinning a point cloud by its "Weights" into a new grid.
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"

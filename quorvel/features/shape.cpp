@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: planarity, linearity, sphericity and the normal of one point over several scales.
 #include "quorvel/features/detail/shape.hpp"
 
-#include "vantor/Eigen.hpp"
+#include "vantor/eigen.hpp"
 
 #include <algorithm>
 #include <cmath>

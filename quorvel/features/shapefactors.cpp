@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: shape factors of point clouds. Per fragment: the points that the return and intensity
 // filters select, a tree of them over the fragment's enlarged box, and per point one radius query
 // whose ordered neighbours serve every scale.
@@ -7,7 +8,7 @@
 #include "quorvel/spatial/spatial.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 
 #include <algorithm>
 

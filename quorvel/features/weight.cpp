@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the reduction weight of one point.
 #include "quorvel/features/detail/weights.hpp"
 

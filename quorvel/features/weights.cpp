@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: reduction weights of point clouds. A first pass weighs fragment after fragment and
 // notes each fragment's largest and median weight; a second pass divides every weight by the
 // median of the fragments' medians, so that a typical point weighs about 1.

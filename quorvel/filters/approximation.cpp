@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: a transform approximated by checked cubic interpolants over a cloud's extent (see
 // detail/approximation.hpp).
 #include "quorvel/filters/detail/approximation.hpp"

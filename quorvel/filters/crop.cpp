@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: cropping a cloud to a box or to a union of polygons with holes.
 #include "quorvel/filters/detail/polygons.hpp"
 #include "quorvel/filters/detail/where.hpp"
 #include "quorvel/filters/filters.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "quorvel/core/core.hpp"
 
 #include <algorithm>

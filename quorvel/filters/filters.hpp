@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the everyday filters of a cloud: cropping to a box or polygons, statistical and
 // radius outliers, thinning (by voxel, at random, every N-th point) and reprojection of the
 // positions through a transform the host supplies. Each takes its parameter box; the filters
@@ -5,9 +6,9 @@
 // write into the grid they are given.
 #pragma once
 
-#include "basalt/StrongPtr.hpp"
+#include "basalt/strong_ptr.hpp"
 #include "quorvel/core/fields.hpp"
-#include "tressel/Grid.hpp"
+#include "tressel/grid.hpp"
 
 #include <array>
 #include <cstddef>

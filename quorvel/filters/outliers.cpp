@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: outliers by the statistical rule (mean distance to the K nearest other points) or the
 // radius rule (other points within a radius), over one k-d tree of every point of the cloud.
 #include "quorvel/filters/detail/where.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: point-in-polygon through a grid of cells over each polygon's box.
 #include "quorvel/filters/detail/polygons.hpp"
 

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: reprojection of a cloud's positions through a transform the host supplies, and the
 // LAS scale and offset that keep their precision.
 #include "quorvel/filters/detail/approximation.hpp"
 #include "quorvel/filters/filters.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 #include "quorvel/core/core.hpp"
 
 #include <algorithm>

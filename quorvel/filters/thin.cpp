@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: thinning a cloud by voxels, at random or to every N-th point, in file order.
 #include "quorvel/filters/filters.hpp"
 
 #include "quorvel/core/core.hpp"
 #include "quorvel/spatial/spatial.hpp"
 
-#include "basalt/RadixSort.hpp"
+#include "basalt/radix_sort.hpp"
 
 #include <algorithm>
 #include <bit>

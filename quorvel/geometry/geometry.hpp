@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: plane fitting, distances and heights relative to planes, weighted statistics of
 // points, the cubic spline kernel and the neighbourhood parameter box.
 //
@@ -6,9 +7,9 @@
 #pragma once
 
 #include "quorvel/core/fields.hpp"
-#include "tressel/MemArray.hpp"
-#include "vantor/Eigen.hpp"
-#include "vantor/PhysicalSpace.hpp"
+#include "tressel/mem_array.hpp"
+#include "vantor/eigen.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <string>
 #include <vector>

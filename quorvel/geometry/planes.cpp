@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: least-squares height planes and distances from them.
 #include "quorvel/geometry/detail/planes.hpp"
 #include "quorvel/geometry/geometry.hpp"

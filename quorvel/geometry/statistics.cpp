@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: weighted statistics of points, the cubic spline kernel and the neighbourhood box.
 #include "quorvel/geometry/geometry.hpp"
 
-#include "basalt/Console.hpp"
+#include "basalt/console.hpp"
 
 #include <cmath>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the voxel-density cell size of points.
 #include "quorvel/core/core.hpp"
 #include "quorvel/metadata/metadata.hpp"

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: acquisition dates from file names and GPS weeks.
 #include "quorvel/metadata/metadata.hpp"
 
-#include "basalt/Console.hpp"
+#include "basalt/console.hpp"
 
 // The date library's parser leaves a seconds field unset on paths that GCC 12 cannot prove
 // unreachable; the warning is about the library, not this file.

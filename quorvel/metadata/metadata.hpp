@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: acquisition metadata, the voxel-density cell size of points and acquisition dates
 // read from file names.
 #pragma once
 
-#include "basalt/LoaderProgress.hpp"
-#include "basalt/StrongPtr.hpp"
-#include "tressel/CreativeArray.hpp"
-#include "tressel/Grid.hpp"
+#include "basalt/loader_progress.hpp"
+#include "basalt/strong_ptr.hpp"
+#include "tressel/creative_array.hpp"
+#include "tressel/grid.hpp"
 
 #include <cstdint>
 #include <string>

@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the raster mapping box's print() and the two height-band rules.
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/raster/detail/raster.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <locale>
 #include <sstream>

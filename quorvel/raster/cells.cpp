@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: finding a prepared raster's cells under points.
 #include "quorvel/raster/detail/cells.hpp"
 
-#include "tressel/UniformGrid.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <cmath>
 

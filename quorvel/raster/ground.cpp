@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: ground rasters from the ground points of a cloud: the lowest ground point of every
 // cell, a TIN or inverse-distance weights; gaps filled from the nearest ring of measured cells.
 #include "quorvel/core/core.hpp"

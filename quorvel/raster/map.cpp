@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: mapping a prepared raster onto a point cloud. Each fragment is handled in two passes
 // over its points: the first finds every point's raster cell (and resets its class when asked),
 // the second reads the cell and assigns classes by the bands or writes the height above ground.

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: carrying a field of one grid onto the points of another by horizontal position. The
 // source points go into one 2-D tree (x and y) with their values beside it; every target point
 // takes the value of the nearest source point within the radius.
 #include "quorvel/raster/detail/raster.hpp"
 #include "quorvel/spatial/spatial.hpp"
 
-#include "tressel/UniformGrid.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <limits>
 

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: mapping a raster onto every grid of a list of bundle files, each file written back in
 // place through the library's storage policy.
 #include "quorvel/raster/detail/raster.hpp"
 #include "quorvel/storage/storage.hpp"
 
-#include "tressel/Bundle.hpp"
+#include "tressel/bundle.hpp"
 
 namespace Quorvel {
 

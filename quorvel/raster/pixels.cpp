@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: raster grids made from row-major pixels, with their attributes.
 #include "quorvel/core/budget.hpp"
 #include "quorvel/raster/detail/points.hpp"
 
-#include "basalt/Chunk.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "basalt/chunk.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <algorithm>
 #include <cmath>

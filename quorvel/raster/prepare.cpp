@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: raster preparation. Every ground cell (type 0 or 4) gets the plane through the ground
 // cells of its 3 x 3 block and the block's highest and lowest ground. A block never reaches into
 // the next fragment, so fragments are prepared independently, in parallel.
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/raster/detail/raster.hpp"
 
-#include "tressel/Bundle.hpp"
+#include "tressel/bundle.hpp"
 
 #include <cmath>
 #include <limits>

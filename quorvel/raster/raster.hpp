@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: ground rasters made from clouds and mapped onto point clouds, and fields carried from
 // grid to grid.
 //
@@ -20,11 +21,11 @@
 
 #include "quorvel/core/fields.hpp"
 
-#include "basalt/StrongPtr.hpp"
-#include "tressel/Grid.hpp"
-#include "vantor/BoundingBox.hpp"
-#include "vantor/MultiRange.hpp"
-#include "vantor/PhysicalSpace.hpp"
+#include "basalt/strong_ptr.hpp"
+#include "tressel/grid.hpp"
+#include "vantor/bounding_box.hpp"
+#include "vantor/multi_range.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <array>
 #include <cstdint>

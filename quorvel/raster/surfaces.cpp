@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: surfaces made from clouds: the highest point per cell (DSM), points per square unit
 // (density), the DSM above a ground raster (CHM), and ground heights by inverse distance.
 #include "quorvel/raster/detail/points.hpp"
 #include "quorvel/raster/raster.hpp"
 
-#include "tressel/UniformGrid.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <algorithm>
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: heights at pixel centres from a TIN, a Delaunay triangulation of points in x and y by
 // qhull (Debian's libqhull-dev, the reentrant libqhull_r), each triangle a plane through its
 // corners.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: text in pictures, in a 5 x 7 bitmap font of capitals, digits and the punctuation of
 // numbers and class names, so that a legend needs no font library.
 #include "quorvel/render/detail/draw.hpp"

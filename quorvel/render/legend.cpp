@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the legend panel of a picture: a swatch and a name per class drawn, or a colour bar
 // with its lowest, middle and highest value and its title.
 #include "quorvel/render/detail/draw.hpp"

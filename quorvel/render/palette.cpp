@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the colours of pictures: the class palette, the value ramp, and the hillshade that
 // darkens them.
 #include "quorvel/core/core.hpp"

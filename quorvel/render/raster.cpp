@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: pictures of rasters: heights through the ramp, or their hillshade as gdaldem draws it
 // (light from the north-west, 45 degrees up), grey or coloured by height, or the height colours
 // darkened by the hillshade (shade, as top views of clouds).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: pictures of clouds and rasters: top views (the highest point of every pixel),
 // vertical profiles along a line, and hillshades of rasters, coloured by class through a palette
 // or by a value through a perceptually uniform ramp, with an optional legend drawn in a small
@@ -6,8 +7,8 @@
 #pragma once
 
 #include "quorvel/core/fields.hpp"
-#include "tressel/Grid.hpp"
-#include "vantor/MultiRange.hpp"
+#include "tressel/grid.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <array>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: top views and profiles of clouds. Both project every point drawn onto a plane (x-y
 // seen from above; distance along a line and z seen from its right) and keep in every pixel the
 // point nearest the viewer, a z-buffer; the kept points' classes or values give the colours.

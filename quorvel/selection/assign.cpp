@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: assignment of values to fields where an expression holds, with fields made on request.
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 
 #include <charconv>
 #include <cmath>

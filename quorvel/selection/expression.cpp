@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: expressions over a cloud's fields: a recursive-descent parser of the grammar of
 // docs/expressions.md into a flat tree, and its evaluation block by block over whole fragments.
 #include "quorvel/core/core.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: typed selection walks, selection grids and selection tables.
 #include "quorvel/selection/selection.hpp"
 

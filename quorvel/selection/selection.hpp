@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: selection of points by the value of one field in value ranges. The field's arrays may
 // hold any of fourteen element types, known only at run time: typed members (one per type) are
 // offered each array in a fixed order by a type-list walker, and only the member of the array's
@@ -5,12 +6,12 @@
 // fields) and tables (the selected points' values as rows).
 #pragma once
 
-#include "basalt/StrongPtr.hpp"
+#include "basalt/strong_ptr.hpp"
 #include "quorvel/core/fields.hpp"
-#include "tressel/Grid.hpp"
-#include "tressel/MemArray.hpp"
-#include "vantor/MultiRange.hpp"
-#include "vantor/PhysicalSpace.hpp"
+#include "tressel/grid.hpp"
+#include "tressel/mem_array.hpp"
+#include "vantor/multi_range.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <algorithm>
 #include <bit>

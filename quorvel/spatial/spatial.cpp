@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the instances of the spatial index that the library exports.
 #include "quorvel/spatial/spatial.hpp"
 
-#include "basalt/RadixSort.hpp"
+#include "basalt/radix_sort.hpp"
 
 namespace Quorvel {
 

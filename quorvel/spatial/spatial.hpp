@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the spatial index and the neighbourhood rules every algorithm shares.
 //
 // Neighbourhood rules, the same for every tree and query of the library:
@@ -17,9 +18,9 @@
 //    holds them beyond its capacity.
 #pragma once
 
-#include "tarrow/OcTreeStd.hpp"
-#include "tressel/Trees.hpp"
-#include "vantor/Trees.hpp"
+#include "tarrow/oc_tree_std.hpp"
+#include "tressel/trees.hpp"
+#include "vantor/trees.hpp"
 
 #include <algorithm>
 #include <array>

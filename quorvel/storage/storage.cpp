@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the storage policy of written results.
 #include "quorvel/storage/storage.hpp"
 

@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the storage policy used when results are written back to bundle files.
 #pragma once
 
-#include "basalt/StringList.hpp"
-#include "tressel/Storage.hpp"
+#include "basalt/string_list.hpp"
+#include "tressel/storage.hpp"
 
 namespace Wexlin {
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: extrapolation of a class into the candidates near its seeds, in rounds. Every round
 // builds a tree of the seeds as they stood at its start and lets every candidate decide on a
 // snapshot of the classes, so the growth is the same on any number of threads.
@@ -8,8 +9,8 @@
 #include "quorvel/terrain/detail/rounds.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
-#include "tressel/DataRange.hpp"
-#include "vantor/Trees.hpp"
+#include "tressel/data_range.hpp"
+#include "vantor/trees.hpp"
 
 #include <atomic>
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the ground filter. The whole cloud is gathered into one minimum surface, so that the
 // result does not depend on the fragments it is stored in; the raster steps are the kernels of
 // detail/morphology.hpp.
@@ -5,7 +6,7 @@
 #include "quorvel/terrain/detail/morphology.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
-#include "basalt/Text.hpp"
+#include "basalt/text.hpp"
 
 #include <algorithm>
 #include <array>

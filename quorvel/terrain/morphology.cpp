@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the raster kernels of the simple morphological ground filter.
 #include "quorvel/terrain/detail/morphology.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: planar regression of grids. Candidates are reclassified by their distance from the
 // plane through their neighbours, in rounds: a tree over the points of the tree classes is built
 // from the classes at the start of every round, so a point that a round reclassifies enters or
@@ -9,7 +10,7 @@
 #include "quorvel/terrain/detail/rounds.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
-#include "vantor/Trees.hpp"
+#include "vantor/trees.hpp"
 
 #include <algorithm>
 #include <array>

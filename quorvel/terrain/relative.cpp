@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the square-neighbourhood terrain measures, relative height and share of points below.
 // Each compute indexes the fragment's points in a cell grid (detail/square_index.hpp) and answers
 // every point's closed x-y square from it; points are visited in the grid's order, so that

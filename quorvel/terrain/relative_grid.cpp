@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the terrain measures over every fragment of a cloud.
 #include "quorvel/core/core.hpp"
 #include "quorvel/terrain/terrain.hpp"

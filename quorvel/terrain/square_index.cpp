@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel, terrain: filling the cell grid of the square neighbourhoods.
 #include "quorvel/terrain/detail/square_index.hpp"
 

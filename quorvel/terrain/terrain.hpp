@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: terrain algorithms. Planar regression of grids reclassifies points by their distance
 // from a plane fitted to their neighbours, in rounds with growing per-point radii (typically to
 // grow a ground class from seed points); the relative height and below boxes give every point its
@@ -5,14 +6,14 @@
 // points lying below it.
 #pragma once
 
-#include "basalt/LoaderProgress.hpp"
-#include "basalt/StrongPtr.hpp"
+#include "basalt/loader_progress.hpp"
+#include "basalt/strong_ptr.hpp"
 #include "quorvel/core/fields.hpp"
-#include "tressel/Grid.hpp"
-#include "tressel/MemArray.hpp"
-#include "vantor/BoundingBox.hpp"
-#include "vantor/MultiRange.hpp"
-#include "vantor/PhysicalSpace.hpp"
+#include "tressel/grid.hpp"
+#include "tressel/mem_array.hpp"
+#include "vantor/bounding_box.hpp"
+#include "vantor/multi_range.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <string>
 

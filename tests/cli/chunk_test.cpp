@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // One chunk of a catalogue: its own points and a buffer read from two files, a stage run on them
 // all, and only its own points written, each with the value a brute-force computation over both
 // files gives.
 #include "cli/chunk.hpp"
 #include "io/las.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

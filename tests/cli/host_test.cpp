@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The host's own pieces: the order in which it reads fields (the writer's rule), the checks of
 // option values and their words, the nearest-option finder and what it advises on a failure.
 #include "cli/advice.hpp"
@@ -6,7 +7,7 @@
 #include "cli/host.hpp"
 #include "io/las.hpp"
 #include "quorvel/quorvel.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Shared by the host's end-to-end tests: a clean work directory and quorvel(CODE TEXT ARGS...),
 # which runs the host and fails unless it exits with CODE and prints TEXT (standard output and
 # standard error together; the last run's are kept in quorvel_output).

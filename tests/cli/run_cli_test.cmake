@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # End-to-end runs of the quorvel host on the sample data: each step's output is checked, and a
 # failing command must leave no output file behind.
 include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # quorvel shapefactors, weights and reduce on the sample data: the fields each writes, the
 # normals surviving a LAS file so that weights run on what shapefactors wrote, thinning by share
 # and by threshold, the option checks, and reduce from scratch giving what the pipeline of all

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # quorvel pipeline: a pipeline gives the file its commands give one after another, and every
 # kind of bad pipeline file is refused, with its place in the array, before anything is written.
 include(${CMAKE_CURRENT_LIST_DIR}/quorvel.cmake)

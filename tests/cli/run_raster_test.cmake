@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # quorvel dtm, raster, map and mapfield on the sample data: a ground raster as bundle and as
 # GeoTIFF mapping to the same heights, height bands on one cloud and on a list of bundle files
 # giving the same classes, a field carried onto a raster, and the refusals.

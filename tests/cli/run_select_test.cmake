@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # quorvel select on the sample data: classes, inverse, components of the positions, --count
 # with and without writing, the messages, and several selections as one pipeline giving the same
 # file as the commands one after the other.

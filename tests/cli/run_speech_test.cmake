@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # How the host speaks: standard output holds data only, --quiet leaves nothing but errors,
 # --verbose shows the library's own lines on standard error; errors say what to do; options share
 # one vocabulary; outputs are checked before anything is read.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # quorvel regress, relheight and extrapolate on the sample data: ground grown from seeds, every
 # option reaching its box field, the per-fragment measures, and a pipeline of regress and
 # relheight giving the same file.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Memory bounded by what a file really holds, and mapping off the raster.
 
 Files that claim far more than their bytes hold (a LAZ header's point count, a TIFF or VRT of

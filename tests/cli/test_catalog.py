@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel catalog and quorvel.catalog: a survey of small generated tiles run chunk by chunk on a
 local Dask cluster (loopback only), each result checked against the same pipeline run by
 `quorvel pipeline` on the whole area merged into one file, point by point (GpsTime is every

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel catalog --report: the overview page opened in headless Chromium (Debian's
 `chromium`), its DOM after the page's script ran and its screenshot checked against a survey of
 four generated tiles whose points per class are known: one written, one left empty by the

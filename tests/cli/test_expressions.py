@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel select --where and quorvel assign against numpy masks over the records of the sample
 read here with numpy (header fields by struct); text and PLY outputs parsed here with csv and
 numpy, read back and compared with the records; LAS through pipes.

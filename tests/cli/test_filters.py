@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel crop, outliers, thin and reproject against computations written here: numpy masks,
 a winding-number point-in-polygon with its own boundary test, brute-force nearest neighbours,
 SplitMix64 in Python, and LAS files written and read with struct.

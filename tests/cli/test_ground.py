@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel ground on synthetic terrain whose ground is known (a sloped and waved surface with a
 cliff, buildings, trees and low noise), the classes it keeps and replaces, and the message of a
 growing run without seeds. LAS files are written and read here with struct and numpy alone.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel index against the files' headers read here with struct, and the GeoPackage read back
 with sqlite3 alone (its geometry blobs parsed here), so that neither side shares code with GDAL's
 reading of it.

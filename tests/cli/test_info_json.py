@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel info --json against LAS headers and point records read here with struct alone.
 
 QUORVEL names the host, QUORVEL_SAMPLE_DATA the sample folder and QUORVEL_REAL_DATA the folder

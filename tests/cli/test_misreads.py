@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Inputs the host used to read as something else without a word, each refused or warned of with
 the file (or the option) and the value: classes beyond a byte, empty and reversed ranges, LAS
 extra-bytes descriptors no reader can apply, LAS points outside their header's bounds (a scale

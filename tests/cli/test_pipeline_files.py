@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel pipeline: every fault of a pipeline file is reported with the file and the element it
 lies in, and nothing is written; a stage that fails while running is named with its element.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel render and quorvel.render against pictures worked out here with numpy: the highest
 point of every pixel and its class's colour, the world file's pixel centres, the nearest point of
 every pixel of a profile, the ramp's lightness, and gdaldem's hillshade formula. PNG files are

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel dsm, chm, density and dtm (--method lowest|tin|idw) against numpy, cell for cell, on
 LAS files written here; the rasters read back with h5py from the bundle's datasets and the GeoTIFF
 keys parsed here with struct, so that no reading shares code with the host.

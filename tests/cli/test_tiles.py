@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """quorvel tile, merge and --box reads against numpy computations on LAS files written here.
 
 The files are made by a small numpy + struct writer (point formats 1 and 6, with and without

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: BSD-3-Clause
 """Runs every example of the documentation and fails when one fails or its shown output drifts.
 
 Per page (docs/**/*.md), in the page's order, in a fresh folder that holds a copy of data/:

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """The docs checker catches what it is there for: a failing example, output that drifted from the
 page, a command that is not the host's, and output blocks that belong to no command."""
 import subprocess

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the storage of large arrays: alignment, values asked for, and pages given back.
-#include "basalt/ArrayAllocator.hpp"
-#include "basalt/Chunk.hpp"
+#include "basalt/array_allocator.hpp"
+#include "basalt/chunk.hpp"
 
 #include <gtest/gtest.h>
 

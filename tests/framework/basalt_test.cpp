@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the memory core: console lines, attributes, the cache and the text helpers.
-#include "basalt/Attributes.hpp"
-#include "basalt/Cache.hpp"
-#include "basalt/Console.hpp"
-#include "basalt/LoaderProgress.hpp"
-#include "basalt/StringList.hpp"
-#include "basalt/Text.hpp"
+#include "basalt/attributes.hpp"
+#include "basalt/cache.hpp"
+#include "basalt/console.hpp"
+#include "basalt/loader_progress.hpp"
+#include "basalt/string_list.hpp"
+#include "basalt/text.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of bundle files: round trips of every element type and rank, slices, grids and
 // attributes; atomic writes; each class of unreadable file with its message.
-#include "tressel/BoundingBoxes.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "tressel/bounding_boxes.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
+#include "tressel/uniform_grid.hpp"
 
-#include "support/ScratchDirectory.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 #include <hdf5.h>

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of building point clouds from plain arrays and reading fields back.
-#include "tressel/BoundingBoxes.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/bounding_boxes.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

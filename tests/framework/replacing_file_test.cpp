@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Output files that replace their targets only when complete: links followed, files that are
 // not regular refused, modes kept, temporaries removed after failures, kills and earlier runs.
-#include "basalt/ReplacingFile.hpp"
+#include "basalt/replacing_file.hpp"
 
-#include "support/ScratchDirectory.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 

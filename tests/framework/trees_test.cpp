@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the bucket tree and the framework trees: every query against brute force, the dump
 // format, bounds, duplicates and NaN.
-#include "support/BruteForce.hpp"
-#include "tarrow/OcTreeStd.hpp"
-#include "tressel/MemArray.hpp"
-#include "tressel/Trees.hpp"
-#include "vantor/Trees.hpp"
+#include "support/brute_force.hpp"
+#include "tarrow/oc_tree_std.hpp"
+#include "tressel/mem_array.hpp"
+#include "tressel/trees.hpp"
+#include "vantor/trees.hpp"
 
 #include <gtest/gtest.h>
 

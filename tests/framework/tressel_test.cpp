@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the data model: arrays and views, type registration, grids, fields, fragments,
 // value ranges and fragment bounding boxes.
-#include "tressel/BoundingBoxes.hpp"
-#include "tressel/DataRange.hpp"
-#include "tressel/Grid.hpp"
-#include "tressel/MemArray.hpp"
+#include "tressel/bounding_boxes.hpp"
+#include "tressel/data_range.hpp"
+#include "tressel/grid.hpp"
+#include "tressel/mem_array.hpp"
 
 #include <gtest/gtest.h>
 

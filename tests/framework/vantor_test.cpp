@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the geometry layer: bounding boxes and value ranges.
-#include "vantor/BoundingBox.hpp"
-#include "vantor/MultiRange.hpp"
+#include "vantor/bounding_box.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Installs the built project into a scratch prefix, runs the installed host, then configures,
 # builds and runs the example host (which links only Quorvel::quorvel) against it with
 # find_package(Quorvel). Both run with no library path set: the installed files must find their
@@ -15,7 +16,7 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 foreach(file include/quorvel/quorvel.hpp include/quorvel/core/core.hpp
-             include/quorvel/framework/tressel/Grid.hpp include/quorvel/io/las.hpp
+             include/quorvel/framework/tressel/grid.hpp include/quorvel/io/las.hpp
              include/quorvel/io/files.hpp include/quorvel/io/raster.hpp
              lib/cmake/Quorvel/QuorvelConfig.cmake)
   if(NOT EXISTS ${prefix}/${file})

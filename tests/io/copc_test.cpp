@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of COPC files: written from sample files and from a synthetic cloud of negative
 // coordinates and many copies of one point, then parsed here with plain byte reads (the info
 // record at byte 375, the hierarchy EVLR, the entries) that share no code with io/; node cubes
@@ -5,9 +6,9 @@
 // checks refuse damaged files naming the file; the nodes a box meets against brute force.
 #include "io/las.hpp"
 
-#include "io/detail/Copc.hpp"
-#include "support/ScratchDirectory.hpp"
-#include "tressel/PointCloud.hpp"
+#include "io/detail/copc.hpp"
+#include "support/scratch_directory.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of thinned clouds written to files: LAS and bundle by extension, the report's counts read
 // back from the file's own bytes, and failures reported without a file left behind; clouds that
 // cannot be read whole and right (several grids in a bundle, NaN positions) refused by name.
 #include "io/files.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
 
-#include "support/ScratchDirectory.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 

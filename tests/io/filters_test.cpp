@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of what the filters take from GDAL: reprojected clouds against GDAL's own transform
 // called here point by point, the records of the new coordinate system, and polygons of a
 // GeoJSON file in another system carried into the cloud's.
@@ -5,8 +6,8 @@
 
 #include "quorvel/core/core.hpp"
 #include "quorvel/filters/detail/approximation.hpp"
-#include "support/ScratchDirectory.hpp"
-#include "tressel/PointCloud.hpp"
+#include "support/scratch_directory.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <ogr_spatialref.h>
 

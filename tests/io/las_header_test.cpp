@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the LAS header checks: every class of hostile header gives its own message, all
 // problems of a header come in one error naming the file, and nothing is read outside the file.
 // The files are built here byte by byte, independently of the writer.
 #include "io/las.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
-#include "support/ScratchDirectory.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 

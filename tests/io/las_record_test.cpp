@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the named views of the LAS point records and of the field copies in both directions,
 // against records packed independently with Python's struct (the bytes below): every bit field
 // of formats 1 and 6 at its extremes, scan angles of both signs, the overlap and withheld flags.
-#include "io/detail/LasFormats.hpp"
-#include "io/detail/LasRecord.hpp"
+#include "io/detail/las_formats.hpp"
+#include "io/detail/las_record.hpp"
 
 #include <gtest/gtest.h>
 

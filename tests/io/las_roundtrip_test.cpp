@@ -1,15 +1,16 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Round trips of every file of the shared LAS corpus, LAS -> LAS and LAS -> bundle -> LAS, judged
-// on the files themselves by the independent parser of LasBytes.hpp: the copy must keep the
+// on the files themselves by the independent parser of las_bytes.hpp: the copy must keep the
 // version, point format, scale, offset, header identity, VLRs, EVLRs and every point record byte.
 // The corpus tests are named Corpus* and skip when the corpus is absent; the parser's own test
 // runs on the sample files of data/. Normals* check normal vectors in the file's own bytes.
-#include "LasBytes.hpp"
+#include "las_bytes.hpp"
 
 #include "io/las.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
 
-#include "support/ScratchDirectory.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of LAS reading and writing: lossless round trips of real files directly and through a
 // bundle, tiles against one fragment, format changes, new fields as extra bytes, write options,
 // safe replacement of files, progress and the summary.
 #include "io/las.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
 
-#include "support/ScratchDirectory.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,16 +1,17 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the LAZ item coders on their own, below the chunks: LASzip's bytes decoded item by item
 // against the records the LAS partners hold (read by the test's own parser); GPS time and return
 // sequences of every kind coded and decoded; the "laszip encoded" record against its byte layout;
 // files of chunks of differing sizes read, and malformed chunk tables refused with their reason.
 #include "io/las.hpp"
 
-#include "LasBytes.hpp"
-#include "io/laz/GpsTime.hpp"
-#include "io/laz/Laz.hpp"
-#include "io/laz/Point14.hpp"
-#include "io/laz/Pointwise.hpp"
-#include "io/laz/PointwiseV1.hpp"
-#include "support/ScratchDirectory.hpp"
+#include "io/laz/gps_time.hpp"
+#include "io/laz/laz.hpp"
+#include "io/laz/point14.hpp"
+#include "io/laz/pointwise.hpp"
+#include "io/laz/pointwise_v1.hpp"
+#include "las_bytes.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of LAZ reading and writing: real LAZ files decoded record for record against the LAS files
 // holding the same records (small pairs in data/, the shared corpus when present), wave packets
 // against what LASzip writes, tiled reads, and damaged or foreign files refused with their reason.
 #include "io/las.hpp"
 
-#include "io/laz/Layered.hpp"
-#include "io/laz/Pointwise.hpp"
-#include "support/ScratchDirectory.hpp"
-#include "tressel/PointCloud.hpp"
+#include "io/laz/layered.hpp"
+#include "io/laz/pointwise.hpp"
+#include "support/scratch_directory.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of rasters in and out: GeoTIFFs written here with GDAL's own writer imported cell for
 // cell and written back, and the coordinate systems of LAS files carried into ground rasters.
 #include "io/raster.hpp"
 
-#include "support/ScratchDirectory.hpp"
-#include "tressel/PointCloud.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "support/scratch_directory.hpp"
+#include "tressel/point_cloud.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <gdal_priv.h>
 #include <ogr_spatialref.h>

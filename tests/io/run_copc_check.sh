@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # Writes COPC files from LAS files of point formats 6 to 8 (records kept as they are) and has
 # npm's copc read them back (scripts/copc-check): the nodes' records must be the LAS file's.
 # Skipped (exit 77) when node or the copc package is missing: `npm install --prefix build/copc

@@ -1,12 +1,13 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of LAS and LAZ streams: records read in batches equal the records the files hold (parsed
 // here by LasBytes, which shares no code with io/), files written from batches carry them and a
 // header recomputed here, LAZ chunks cut short for bounded memory still decode, and box reads
 // equal a mask of all the records.
 #include "io/stream.hpp"
 
-#include "LasBytes.hpp"
-#include "support/ScratchDirectory.hpp"
-#include "tressel/PointCloud.hpp"
+#include "las_bytes.hpp"
+#include "support/scratch_directory.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """The filters from Python: crop by polygons given as plain rings, thinning, outliers and
 reprojection, checked against numpy."""
 import numpy as np

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Tests of the package's own layer: field keywords and their types, the checks every run makes,
 boxes against the library's C++ headers and print() lines, names, the stub and the verbose
 switch."""

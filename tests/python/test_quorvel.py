@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 """Tests of the Python package: clouds from numpy arrays and back, files, the algorithms against
 numpy computations of their own, boxes, errors and the GIL."""
 import os

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // A host that opens both the standard namespace and the library's must still be able to name the
 // standard containers unqualified: no public header may declare a name in Quorvel that collides
 // with one of std. Compiling this file is the test.

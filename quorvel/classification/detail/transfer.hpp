@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: what the classification transfer drivers share: class tests, band lookup, trees over
 // source points, and the steps both drivers take on their inputs.
 #pragma once
 
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
-#include "vantor/Trees.hpp"
+#include "vantor/trees.hpp"
 
 #include <algorithm>
 #include <array>

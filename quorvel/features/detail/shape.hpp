@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the shape of one point's neighbourhood over several scales, from its neighbours in
 // distance order. Shared by the fragment loop and the benchmarks.
 #pragma once
 
-#include "vantor/PhysicalSpace.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <cstdint>
 #include <utility>

@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the reduction weight of one point from its accumulated neighbour list. Shared by the
 // fragment loop and the benchmarks.
 #pragma once
 
-#include "tarrow/OcTreeStd.hpp"
-#include "vantor/PhysicalSpace.hpp"
+#include "tarrow/oc_tree_std.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <cstddef>
 #include <utility>

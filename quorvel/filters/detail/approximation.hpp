@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel filters: a coordinate transform approximated over a cloud's extent by cells of cubic
 // interpolants, each checked against exact transforms of extra points and refined where the
 // error exceeds a tolerance, as image warpers approximate theirs.

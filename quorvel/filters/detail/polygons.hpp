@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: a point-in-polygon index: a grid of cells over a polygon's box, each known to lie
 // wholly inside, wholly outside or to be crossed by edges (listed with the cell).
 #pragma once

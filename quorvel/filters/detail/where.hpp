@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel filters: the points an expression (--where) leaves to a filter.
 #pragma once
 

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the plane fits' shared step for callers inside the library.
 #pragma once
 
-#include "vantor/PhysicalSpace.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <vector>
 

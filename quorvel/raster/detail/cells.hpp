@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: a prepared raster as mapping reads it: the cell arrays of every fragment, found once
 // per run, and the cell under a point.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the pixels of a raster, row-major, and the raster grid made from them: what ground
 // rasters and the raster readers share.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: what the rasters made from clouds share: the points they take (by class, first
 // returns) and the pixels that cover a cloud.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: what raster preparation and mapping share: the messages' tag, the names of the
 // prepared fields, typed access to a raster fragment's cell arrays and the ground height read
 // from float or double cells.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: what the pictures share: text in a 5 x 7 bitmap font, the z-buffer of projected
 // points, and the legend panel.
 #pragma once

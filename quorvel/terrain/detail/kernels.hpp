@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel, terrain: the per-point kernels of the planar regression and of the square terrain
 // measures, kept apart from the drivers so that they can be tested on plain arrays.
 #pragma once
 
 #include "quorvel/geometry/geometry.hpp"
 #include "quorvel/terrain/terrain.hpp"
-#include "tressel/MemArray.hpp"
-#include "vantor/MultiRange.hpp"
+#include "tressel/mem_array.hpp"
+#include "vantor/multi_range.hpp"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel, terrain: the raster kernels of the simple morphological ground filter (Pingel, Clarke
 // and McBride 2013): a grid of heights, hole filling, grey-scale opening with a square window,
 // the progressive opening that marks objects, and bilinear reads. They work on plain arrays so

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel, terrain: what the round-based growers share (planar regression and extrapolation):
 // the tree of a round's seeds.
 #pragma once

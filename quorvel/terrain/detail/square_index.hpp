@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Quorvel, terrain: the index behind the square neighbourhoods of the terrain measures.
 #pragma once
 
-#include "tressel/MemArray.hpp"
-#include "vantor/BoundingBox.hpp"
-#include "vantor/PhysicalSpace.hpp"
-#include "vantor/TreeBase.hpp"
+#include "tressel/mem_array.hpp"
+#include "vantor/bounding_box.hpp"
+#include "vantor/physical_space.hpp"
+#include "vantor/tree_base.hpp"
 
 #include <algorithm>
 #include <cmath>

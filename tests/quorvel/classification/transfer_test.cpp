@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the classification transfer against a brute-force oracle, its parameter box and its
 // diagnostics.
 #include "quorvel/classification/classification.hpp"
 #include "quorvel/core/core.hpp"
-#include "support/BruteForce.hpp"
-#include "tressel/PointCloud.hpp"
-#include "vantor/Trees.hpp"
+#include "support/brute_force.hpp"
+#include "tressel/point_cloud.hpp"
+#include "vantor/trees.hpp"
 
 #include <gtest/gtest.h>
 

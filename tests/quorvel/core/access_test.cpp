@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the shared access layer, driven through a small algorithm written the way every
 // library algorithm is: find inputs, make outputs, loop fragments, compute per point.
 #include "quorvel/core/core.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

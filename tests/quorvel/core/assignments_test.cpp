@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the class-assignment parsers and the range-table printer.
 #include "quorvel/core/core.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the table of parameter checks: each rule with accepted and refused values, as text and
 // as numbers, with the exact words, and the table's fields against the boxes they belong to.
 #include "quorvel/core/checks.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the parallel loops: coverage, the static partition, the first-error rule, the thread
 // split and the runtime's settings left as they were, each on 1, 2, 3 and 7 threads.
 #include "quorvel/core/core.hpp"

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of shape factors against an oracle of their own: brute-force neighbour lists sorted by
 // squared distance, moments summed directly and eigenvalues from the closed form of symmetric
 // 3 x 3 matrices; then the filters, the box and the messages.
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
-#include "support/BruteForce.hpp"
-#include "tressel/PointCloud.hpp"
+#include "support/brute_force.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of reduction weights against a brute-force computation of their own (neighbour lists
 // grown and accumulated by hand), the normalisation over fragments, reused boxes, messages; and
 // of reduced clouds keeping exactly the chosen points with all their fields.
 #include "quorvel/core/core.hpp"
 #include "quorvel/features/features.hpp"
-#include "support/BruteForce.hpp"
-#include "tressel/PointCloud.hpp"
+#include "support/brute_force.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

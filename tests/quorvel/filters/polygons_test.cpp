@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of point-in-polygon against a winding-number count with its own on-edge test, exact in
 // integers on lattices that put points on cell borders, vertices and edges.
 #include "quorvel/filters/filters.hpp"

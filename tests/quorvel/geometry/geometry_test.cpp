@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the plane, distance, statistics and kernel functions against closed forms.
 #include "quorvel/geometry/geometry.hpp"
 

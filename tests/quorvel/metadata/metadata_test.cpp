@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the cell size and of acquisition dates read from file names.
 #include "quorvel/metadata/metadata.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

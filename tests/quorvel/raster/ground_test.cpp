@@ -1,9 +1,10 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of ground rasters against the slope of a synthetic sloped ground: measured cells at the
 // lowest ground point, gaps filled from their rings, cells beyond the rings without data; the
 // refusals with their messages and the printed box.
 #include "quorvel/raster/raster.hpp"
-#include "tressel/PointCloud.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "tressel/point_cloud.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,13 +1,14 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of mapping prepared rasters onto clouds against a brute-force mapping of their own (the
 // cell found from the raster's origin, the band rules written out), the file-list form, and the
 // source-to-target field mapping against a scan over all source points.
 #include "quorvel/core/core.hpp"
-#include "quorvel/raster/TestRaster.hpp"
 #include "quorvel/raster/raster.hpp"
-#include "support/BruteForce.hpp"
-#include "support/Output.hpp"
-#include "support/ScratchDirectory.hpp"
-#include "tressel/PointCloud.hpp"
+#include "quorvel/raster/test_raster.hpp"
+#include "support/brute_force.hpp"
+#include "support/output.hpp"
+#include "support/scratch_directory.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,15 +1,16 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of raster preparation and mapping against computations of their own: planes fitted by
 // Gaussian elimination about each cell, cells found from the raster's origin, the band rules
 // written out from their definition, and the printed box and messages.
 #include "quorvel/core/core.hpp"
 #include "quorvel/geometry/geometry.hpp"
-#include "quorvel/raster/TestRaster.hpp"
 #include "quorvel/raster/raster.hpp"
-#include "support/Output.hpp"
-#include "support/ScratchDirectory.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
-#include "tressel/UniformGrid.hpp"
+#include "quorvel/raster/test_raster.hpp"
+#include "support/output.hpp"
+#include "support/scratch_directory.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
+#include "tressel/uniform_grid.hpp"
 
 #include <gtest/gtest.h>
 

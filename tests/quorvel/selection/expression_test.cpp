@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of expressions: precedence and every operator against the same arithmetic written out in
 // C++, syntax errors with their columns and words, fields of every element type, no wrapping of
 // unsigned values, NaN truth, unknown fields; select with --where (and with ranges); assignments
@@ -5,7 +6,7 @@
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

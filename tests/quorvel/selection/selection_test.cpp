@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of selection: the type-list walker, both typed families over every element type of the
 // table against a direct loop over MultiRange::contains (contiguous and strided), the tolerance,
 // inverse, 64-bit values, components; selection grids and tables against the selection.
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
-#include "tressel/BoundingBoxes.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/bounding_boxes.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the result storage policy: its three questions and their effect on written files.
 #include "quorvel/metadata/metadata.hpp"
 #include "quorvel/storage/storage.hpp"
-#include "tressel/Bundle.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/bundle.hpp"
+#include "tressel/point_cloud.hpp"
 
-#include "support/ScratchDirectory.hpp"
+#include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
 

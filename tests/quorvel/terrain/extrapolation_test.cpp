@@ -1,11 +1,12 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of extrapolation against a brute-force computation of its own over several rounds (seeds
 // found by scanning every point, planes solved about their centroid), in 2-D and 3-D, with the
 // round snapshot, the stop rule, the messages and the box.
 #include "quorvel/core/core.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/terrain.hpp"
-#include "support/BruteForce.hpp"
-#include "tressel/PointCloud.hpp"
+#include "support/brute_force.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

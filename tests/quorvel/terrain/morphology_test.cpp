@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the ground filter's raster kernels against brute force written here: the square
 // opening (every window scanned), hole filling, the progressive opening's objects, slopes and
 // bilinear reads on planes; and the box's printed form.

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the planar regression against an oracle of its own (brute-force neighbourhoods and a
 // plane solved by Gaussian elimination about the centroid), its box and its messages.
 #include "quorvel/core/core.hpp"
 #include "quorvel/terrain/detail/kernels.hpp"
 #include "quorvel/terrain/terrain.hpp"
-#include "support/BruteForce.hpp"
-#include "tressel/PointCloud.hpp"
+#include "support/brute_force.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,7 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tests of the relative height and below boxes against brute-force squares.
 #include "quorvel/terrain/terrain.hpp"
-#include "tressel/PointCloud.hpp"
+#include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Quorvel framework, base: writing a file so that it replaces its target only when complete.
+#include "basalt/replacing_file.hpp"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+namespace Basalt {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The temporaries being written, for the signal handler: fixed storage, since a handler may
+// neither allocate nor lock. A slot is taken by setting `used` once its path is in place.
+struct Slot {
+  std::atomic<bool> used{false};
+  std::atomic<bool> taken{false};
+  char path[PATH_MAX];
+};
+std::array<Slot, 64> slots;
+constexpr std::array<int, 3> Signals = {SIGINT, SIGTERM, SIGHUP};
+
+// Removes every listed temporary, then dies of the signal as it would have.
+extern "C" void removeTemporaries(int signal) {
+  for (Slot& slot : slots)
+    if (slot.used.load(std::memory_order_acquire))
+      ::unlink(slot.path);
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+// Installs the handler once, for signals whose handling nobody else has chosen.
+void installHandler() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    for (int signal : Signals) {
+      struct sigaction current {};
+      if (::sigaction(signal, nullptr, &current) != 0 || current.sa_handler != SIG_DFL)
+        continue;
+      struct sigaction handler {};
+      handler.sa_handler = removeTemporaries;
+      sigemptyset(&handler.sa_mask);
+      ::sigaction(signal, &handler, nullptr);
+    }
+  });
+}
+
+int list(const std::string& path) {
+  if (path.size() >= PATH_MAX)
+    return -1;
+  installHandler();
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    bool expected = false;
+    if (slots[i].taken.compare_exchange_strong(expected, true)) {
+      std::memcpy(slots[i].path, path.c_str(), path.size() + 1);
+      slots[i].used.store(true, std::memory_order_release);
+      return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
+void unlist(int slot) {
+  if (slot < 0)
+    return;
+  slots[static_cast<std::size_t>(slot)].used.store(false, std::memory_order_release);
+  slots[static_cast<std::size_t>(slot)].taken.store(false, std::memory_order_release);
+}
+
+// Where a chain of symbolic links from path ends (the path itself when it is no link).
+fs::path linkTarget(const fs::path& path, const std::string& given) {
+  fs::path at = path;
+  std::error_code error;
+  for (int hops = 0; fs::is_symlink(at, error); ++hops) {
+    if (hops == 40)
+      throw ReplacingFile::Error(given, "too many levels of symbolic links");
+    const fs::path next = fs::read_symlink(at, error);
+    if (error)
+      throw ReplacingFile::Error(given, "cannot read the symbolic link: " + error.message());
+    at = next.is_absolute() ? next : at.parent_path() / next;
+  }
+  return at;
+}
+
+// The number of the process that named a temporary "<name>.tmp.<pid>[.<n>]", or 0 when the
+// entry is not named so.
+pid_t writerOf(const std::string& entry, const std::string& prefix) {
+  if (entry.compare(0, prefix.size(), prefix) != 0 || entry.size() == prefix.size())
+    return 0;
+  const std::string rest = entry.substr(prefix.size());
+  const std::size_t dot = rest.find('.');
+  const std::string pid = rest.substr(0, dot),
+                    count = dot == rest.npos ? "1" : rest.substr(dot + 1);
+  const auto digits = [](const std::string& s) {
+    return !s.empty() && s.size() < 10 &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+  };
+  return digits(pid) && digits(count) ? static_cast<pid_t>(std::stol(pid)) : 0;
+}
+
+// Removes temporaries of the target that processes no longer running left behind.
+void removeStale(const fs::path& target) {
+  const std::string prefix = target.filename().string() + ".tmp.";
+  const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+  std::error_code error;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    const pid_t writer = writerOf(it->path().filename().string(), prefix);
+    if (writer > 0 && writer != ::getpid() && ::kill(writer, 0) != 0 && errno == ESRCH &&
+        it->is_regular_file(error))
+      fs::remove(it->path(), error);
+  }
+}
+
+std::atomic<unsigned> temporaryCount{0};
+
+} // namespace
+
+ReplacingFile::ReplacingFile(const std::string& path) : path_(path) {
+  if (path.empty())
+    throw Error(path, "no output file named");
+  target_ = linkTarget(path, path).string();
+  struct stat existing {};
+  if (::stat(target_.c_str(), &existing) == 0) {
+    if (S_ISDIR(existing.st_mode))
+      fail("is a directory");
+    if (!S_ISREG(existing.st_mode))
+      fail("is not a regular file (a device or a pipe); it is not replaced");
+    if (::access(target_.c_str(), W_OK) != 0)
+      fail("is not writable");
+    keepMode_ = true;
+    mode_ = existing.st_mode & 07777;
+    owner_ = existing.st_uid;
+    group_ = existing.st_gid;
+  }
+  removeStale(target_);
+  temporary_ = target_ + ".tmp." + std::to_string(::getpid()) + "." +
+               std::to_string(temporaryCount.fetch_add(1) + 1);
+  fd_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd_ < 0)
+    fail("cannot create the temporary file " + temporary_ + ": " + std::strerror(errno));
+  slot_ = list(temporary_);
+}
+
+ReplacingFile::~ReplacingFile() {
+  if (fd_ >= 0)
+    ::close(fd_);
+  if (!committed_ && !temporary_.empty())
+    ::unlink(temporary_.c_str());
+  unlist(slot_);
+}
+
+void ReplacingFile::fail(const std::string& problem) const {
+  throw Error(path_, problem);
+}
+
+void ReplacingFile::write(const std::uint8_t* data, std::size_t size) {
+  for (std::size_t done = 0; done < size;) {
+    const ssize_t wrote = ::write(fd_, data + done, std::min<std::size_t>(size - done, 1u << 30));
+    if (wrote <= 0)
+      fail(std::string("cannot write the file: ") + std::strerror(wrote < 0 ? errno : ENOSPC));
+    done += static_cast<std::size_t>(wrote);
+  }
+}
+
+void ReplacingFile::writeAt(std::uint64_t at, const std::uint8_t* data, std::size_t size) {
+  for (std::size_t done = 0; done < size;) {
+    const ssize_t wrote = ::pwrite(fd_, data + done, size - done, static_cast<off_t>(at + done));
+    if (wrote <= 0)
+      fail(std::string("cannot write the file: ") + std::strerror(wrote < 0 ? errno : ENOSPC));
+    done += static_cast<std::size_t>(wrote);
+  }
+}
+
+void ReplacingFile::commit() {
+  if (keepMode_) {
+    // Owner first: changing it may clear set-id bits, which the mode then restores.
+    if (::fchown(fd_, owner_, group_) != 0) {
+      // Only the superuser may give a file away; the file is then ours, as with any copy.
+    }
+    ::fchmod(fd_, static_cast<mode_t>(mode_));
+  }
+  const int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0)
+    fail(std::string("cannot write the file: ") + std::strerror(errno));
+  if (std::rename(temporary_.c_str(), target_.c_str()) != 0)
+    fail(std::string("cannot replace the file: ") + std::strerror(errno));
+  committed_ = true;
+  unlist(slot_);
+  slot_ = -1;
+}
+
+} // namespace Basalt

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Quorvel framework, data model: fragment and field bounding boxes.
+#include "tressel/bounding_boxes.hpp"
+
+#include "basalt/chunk.hpp"
+
+#include <algorithm>
+#include <limits>
+
+namespace Tressel {
+
+using Vantor::PhysicalSpace::point;
+
+void setFragmentBBox(const StrongPtr<CreativeArrayBase>& creator, const BoundingBox& box) {
+  if (!creator)
+    return;
+  auto stored = std::make_shared<FragmentBBox>();
+  stored->box = std::make_shared<BoundingBox>(box);
+  stored->age = creator->age();
+  creator->addInterface<FragmentBBox>(stored);
+}
+
+StrongPtr<BoundingBox> getFragmentBBox(const StrongPtr<FragmentID>& id,
+                                       const StrongPtr<CreativeArrayBase>& creator,
+                                       const StrongPtr<Field>& field) {
+  auto c = creator ? creator : (field ? field->getCreator(id) : nullptr);
+  if (!c)
+    return nullptr;
+  auto stored = c->getInterface<FragmentBBox>();
+  if (!stored || !stored->box || stored->age != c->age() || stored->box->empty())
+    return nullptr;
+  // A copy, so that callers may widen or move their box without changing the stored one.
+  return std::make_shared<BoundingBox>(*stored->box);
+}
+
+namespace {
+
+// The box of the finite points of one fragment; no sqrt or ball update per point.
+bool fragmentBox(const CreativeArrayBase& creator, BoundingBox& out) {
+  const auto& data = creator.peekData();
+  const auto chunk = data ? Basalt::chunkCast<point>(data->myChunk()) : nullptr;
+  if (!chunk)
+    return false;
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  // Per coordinate, not through point's indexed access, so that the loop stays branch-free but
+  // for the finiteness test (v - v is 0 exactly when v is finite).
+  double lx = inf, ly = inf, lz = inf, hx = -inf, hy = -inf, hz = -inf;
+  for (const point& p : chunk->view()) {
+    if (!(p.x - p.x == 0 && p.y - p.y == 0 && p.z - p.z == 0))
+      continue;
+    lx = std::min(lx, p.x);
+    ly = std::min(ly, p.y);
+    lz = std::min(lz, p.z);
+    hx = std::max(hx, p.x);
+    hy = std::max(hy, p.y);
+    hz = std::max(hz, p.z);
+  }
+  const bool any = lx <= hx;
+  const point lo{lx, ly, lz}, hi{hx, hy, hz};
+  out = any ? BoundingBox(lo, hi) : BoundingBox();
+  return true;
+}
+
+} // namespace
+
+bool ExpandBBox(StrongPtr<BoundingBox>& box, const StrongPtr<CreativeArrayBase>& creator,
+                int creationMode) {
+  BoundingBox own;
+  if (!creator || !fragmentBox(*creator, own))
+    return false;
+  if (creationMode == BBoxStore)
+    setFragmentBBox(creator, own);
+  if (!box)
+    box = std::make_shared<BoundingBox>();
+  box->expand(own);
+  return !box->empty();
+}
+
+bool expandBoundingBox(StrongPtr<BoundingBox>& box, const Field& positions) {
+  if (!box)
+    box = std::make_shared<BoundingBox>();
+  positions.iterate(
+      [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (auto stored = getFragmentBBox(id, creator, nullptr))
+          box->expand(*stored);
+        else
+          ExpandBBox(box, creator);
+        return true;
+      });
+  return !box->empty();
+}
+
+StrongPtr<BoundingBox> getBoundingBox(const Field& positions) {
+  StrongPtr<BoundingBox> box;
+  return expandBoundingBox(box, positions) ? box : nullptr;
+}
+
+} // namespace Tressel

@@ -1,0 +1,309 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Quorvel framework, geometry: the division of the point trees, made once before the first query
+// after insertions. The queries stay in trees.hpp, where they inline into their callers' loops.
+#include "vantor/trees.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+
+namespace Vantor {
+
+template <class Index, int D>
+BucketTree<Index, D>::BucketTree(const Basalt::StrongPtr<BoundingBox>& box, unsigned capacity)
+    : capacity_(std::max(1u, capacity)) {
+  if (!box || box->empty())
+    return;
+  box_ = *box;
+  valid_ = true;
+  for (int k = 0; k < D; ++k)
+    side_ = std::max(side_, box->max()[k] - box->min()[k]);
+  for (int k = 0; k < D; ++k) {
+    origin_[k] = (box->min()[k] + box->max()[k]) / 2 - side_ / 2;
+    margin_[k] = 1e-9 * (std::abs(origin_[k]) + side_);
+  }
+  scale_ = side_ > 0 ? double(std::uint64_t{1} << Levels) / side_ : 0.0;
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::build() const {
+  const std::size_t n = ids_.size();
+  nodes_.clear();
+  leafCells_.clear();
+  if (n == 0)
+    return;
+  std::vector<Keyed> scratch;
+  std::vector<Keyed> keyed = keyedByLeadingCells(scratch);
+  // Room for more nodes than a division usually makes: a reserve that is never touched costs
+  // no memory, a vector that grows holds its old and new room at once.
+  nodes_.reserve(4 * n / capacity_ + 16);
+  leafCells_.reserve(4 * n / capacity_ + 16);
+  nodes_.push_back({});
+  divide(0, 0, 0, n, 0, keyed, scratch);
+  std::vector<Keyed>().swap(scratch);
+  makeTable(keyed);
+  place(keyed);
+}
+
+template <class Index, int D>
+auto BucketTree<Index, D>::keyedByLeadingCells(std::vector<Keyed>& scratch) const
+    -> std::vector<Keyed> {
+  const auto keyOf = [this](std::size_t i) {
+    const double c[3] = {x_[i], y_[i], z_[i]};
+    return cellKey(c);
+  };
+  std::vector<std::size_t> starts;
+  std::vector<Keyed> keyed = inLeadingCells<Keyed>(
+      ids_.size(), keyOf,
+      [](std::size_t i, std::uint64_t key) {
+        return Keyed{key, i};
+      },
+      starts);
+  std::size_t largest = 0;
+  for (std::size_t c = 1; c < starts.size(); ++c)
+    largest = std::max(largest, starts[c] - starts[c - 1]);
+  scratch.resize(largest);
+  return keyed;
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::makeTable(const std::vector<Keyed>& keyed) const {
+  std::array<std::size_t, Levels + 1> atLevel{};
+  for (const Node& node : nodes_)
+    if (node.leaf)
+      atLevel[node.level] += node.count;
+  int median = 0;
+  for (std::size_t below = 0; below + atLevel[median] <= keyed.size() / 2; ++median)
+    below += atLevel[median];
+  tableLevel_ = std::clamp(median - 1, 0, MaxTableBits / D);
+  table_.assign(std::size_t{1} << (D * tableLevel_), NoNode);
+  cellScale_ = side_ > 0 ? double(std::uint64_t{1} << tableLevel_) / side_ : 0.0;
+  medianLevel_ = median;
+  if (tableLevel_ > 0)
+    tabulate(nodes_[0], keyed);
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::tabulate(const Node& node, const std::vector<Keyed>& keyed) const {
+  const int shift = (Levels - tableLevel_) * D;
+  const auto self = static_cast<std::uint32_t>(&node - nodes_.data());
+  if (node.level >= tableLevel_) {
+    const Node* first = &node;
+    while (!first->leaf)
+      first = &nodes_[first->first];
+    table_[keyed[first->first].key >> shift] = self;
+  } else if (node.leaf) {
+    for (std::size_t i = node.first; i < node.first + node.count; ++i)
+      table_[keyed[i].key >> shift] = self;
+  } else {
+    for (std::size_t c = node.first; c < node.first + node.count; ++c)
+      tabulate(nodes_[c], keyed);
+  }
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::divide(std::size_t parent, std::size_t self, std::size_t b,
+                                  std::size_t e, int level, std::vector<Keyed>& keyed,
+                                  std::vector<Keyed>& scratch) const {
+  constexpr int Cells = 1 << D;
+  std::array<std::size_t, Cells + 1> start{};
+  for (; e - b > capacity_ && level < Levels; ++level) {
+    const int shift = (Levels - 1 - level) * D;
+    start.fill(0);
+    for (std::size_t i = b; i < e; ++i)
+      ++start[((keyed[i].key >> shift) & (Cells - 1)) + 1];
+    if (std::find(start.begin(), start.end(), e - b) != start.end())
+      continue; // one cell holds them all: look at the next digit
+    for (int c = 0; c < Cells; ++c)
+      start[c + 1] += start[c];
+    toCells(keyed.data() + b, e - b, start, shift, scratch);
+
+    const std::size_t first = nodes_.size();
+    std::size_t children = 0;
+    for (int c = 0; c < Cells; ++c)
+      children += start[c + 1] > start[c] ? 1 : 0;
+    nodes_.resize(first + children);
+    std::size_t child = first;
+    for (int c = 0; c < Cells; ++c)
+      if (start[c + 1] > start[c])
+        divide(self, child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch);
+    Node& node = nodes_[self];
+    node.first = first;
+    node.count = children;
+    node.leaf = false;
+    node.level = static_cast<unsigned char>(level);
+    return;
+  }
+  Node& leaf = nodes_[self];
+  leaf.first = b;
+  leaf.count = e - b;
+  leaf.distinct = e - b;
+  leaf.leaf = true;
+  leaf.level = static_cast<unsigned char>(level);
+  // Its cell: the keys sharing the first `level` digits with its entries'.
+  const int shift = (Levels - level) * D;
+  LeafCell cell{};
+  cell.first = (keyed[b].key >> shift) << shift;
+  cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
+  cell.node = static_cast<std::uint32_t>(self);
+  cell.parent = static_cast<std::uint32_t>(parent);
+  leafCells_.push_back(cell);
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::toCells(Keyed* items, std::size_t count,
+                                   const std::array<std::size_t, (1 << D) + 1>& start, int shift,
+                                   std::vector<Keyed>& scratch) {
+  constexpr int Cells = 1 << D;
+  const auto digit = [shift](const Keyed& item) { return (item.key >> shift) & (Cells - 1); };
+  if (std::is_sorted(items, items + count,
+                     [&](const Keyed& u, const Keyed& v) { return digit(u) < digit(v); }))
+    return;
+  if (scratch.size() < count)
+    scratch.resize(count);
+  std::array<std::size_t, Cells> next{};
+  std::copy(start.begin(), start.end() - 1, next.begin());
+  for (std::size_t i = 0; i < count; ++i)
+    scratch[next[digit(items[i])]++] = items[i];
+  std::copy(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(count), items);
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::place(std::vector<Keyed>& keyed) const {
+  inLeafOrder(keyed, x_);
+  inLeafOrder(keyed, y_);
+  inLeafOrder(keyed, z_);
+  inLeafOrder(keyed, ids_);
+  std::vector<std::size_t> order;
+  for (LeafCell& cell : leafCells_) {
+    Node& leaf = nodes_[cell.node];
+    const std::size_t b = leaf.first, e = b + leaf.count;
+    // Of equally near entries, the first is then the one with the smallest index.
+    if (!std::is_sorted(ids_.begin() + static_cast<std::ptrdiff_t>(b),
+                        ids_.begin() + static_cast<std::ptrdiff_t>(e)))
+      sortByIndex(b, e, order);
+    if (leaf.count > capacity_)
+      distinctFirst(leaf, order);
+    for (int k = 0; k < D; ++k) {
+      leaf.lo[k] = std::numeric_limits<double>::infinity();
+      leaf.hi[k] = -std::numeric_limits<double>::infinity();
+    }
+    for (std::size_t i = b; i < e; ++i) {
+      const double c[3] = {x_[i], y_[i], z_[i]};
+      for (int k = 0; k < D; ++k) {
+        leaf.lo[k] = std::min(leaf.lo[k], c[k]);
+        leaf.hi[k] = std::max(leaf.hi[k], c[k]);
+      }
+    }
+    const double c[3] = {x_[b], y_[b], z_[b]};
+    const auto finest = finestCell(c);
+    const auto cellBox = [&](int level, double* lo, double* hi) {
+      const double width = side_ / double(std::uint64_t{1} << level);
+      for (int k = 0; k < D; ++k) {
+        const double start = origin_[k] + double(finest[k] >> (Levels - level)) * width;
+        lo[k] = start + margin_[k];
+        hi[k] = start + width - margin_[k];
+      }
+    };
+    cellBox(leaf.level, cell.lo, cell.hi);
+    cellBox(nodes_[cell.parent].level, cell.outerLo, cell.outerHi);
+  }
+  // Children come after their parent, so a backward pass meets them first.
+  for (std::size_t j = nodes_.size(); j-- > 0;) {
+    Node& node = nodes_[j];
+    if (node.leaf)
+      continue;
+    for (int k = 0; k < D; ++k) {
+      node.lo[k] = nodes_[node.first].lo[k];
+      node.hi[k] = nodes_[node.first].hi[k];
+    }
+    for (std::size_t c = node.first + 1; c < node.first + node.count; ++c)
+      for (int k = 0; k < D; ++k) {
+        node.lo[k] = std::min(node.lo[k], nodes_[c].lo[k]);
+        node.hi[k] = std::max(node.hi[k], nodes_[c].hi[k]);
+      }
+  }
+}
+
+template <class Index, int D>
+template <class T>
+void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values) {
+  static_assert(sizeof(T) <= sizeof(std::uint64_t) && std::is_trivially_copyable_v<T>);
+  constexpr std::size_t Ahead = 16;
+  const std::size_t n = keyed.size();
+  for (std::size_t i = 0; i < n; ++i) {
+    if (i + Ahead < n)
+      __builtin_prefetch(&values[keyed[i + Ahead].source]);
+    std::uint64_t word = 0;
+    std::memcpy(&word, &values[keyed[i].source], sizeof(T));
+    keyed[i].key = word;
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::uint64_t word = keyed[i].key;
+    std::memcpy(&values[i], &word, sizeof(T));
+  }
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::sortByIndex(std::size_t b, std::size_t e,
+                                       std::vector<std::size_t>& order) const {
+  order.resize(e - b);
+  std::iota(order.begin(), order.end(), b);
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::size_t u, std::size_t v) { return ids_[u] < ids_[v]; });
+  rearrange(b, order);
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::distinctFirst(Node& leaf, std::vector<std::size_t>& order) const {
+  const std::size_t b = leaf.first, e = b + leaf.count;
+  // Positions over the tree's D axes: copies in a quadtree may differ in z.
+  const auto position = [&](std::size_t i) {
+    std::array<double, D> c{};
+    for (int k = 0; k < D; ++k)
+      c[static_cast<std::size_t>(k)] = k == 0 ? x_[i] : k == 1 ? y_[i] : z_[i];
+    return c;
+  };
+  order.resize(e - b);
+  std::iota(order.begin(), order.end(), b);
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::size_t u, std::size_t v) { return position(u) < position(v); });
+  std::vector<bool> first(e - b);
+  for (std::size_t k = 0; k < order.size(); ++k)
+    first[order[k] - b] = k == 0 || position(order[k]) != position(order[k - 1]);
+  order.clear();
+  for (const bool wanted : {true, false})
+    for (std::size_t i = b; i < e; ++i)
+      if (first[i - b] == wanted)
+        order.push_back(i);
+  leaf.distinct = static_cast<std::size_t>(std::count(first.begin(), first.end(), true));
+  rearrange(b, order);
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::rearrange(std::size_t b, const std::vector<std::size_t>& order) const {
+  const auto permute = [&](auto& values) {
+    std::vector<std::decay_t<decltype(values[0])>> sorted;
+    sorted.reserve(order.size());
+    for (std::size_t i : order)
+      sorted.push_back(values[i]);
+    std::copy(sorted.begin(), sorted.end(), values.begin() + static_cast<std::ptrdiff_t>(b));
+  };
+  permute(x_);
+  permute(y_);
+  permute(z_);
+  permute(ids_);
+}
+
+template BucketTree<unsigned, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&, unsigned);
+template void BucketTree<unsigned, 2>::build() const;
+template BucketTree<unsigned, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&, unsigned);
+template void BucketTree<unsigned, 3>::build() const;
+template BucketTree<unsigned long long, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
+                                                       unsigned);
+template void BucketTree<unsigned long long, 2>::build() const;
+template BucketTree<unsigned long long, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
+                                                       unsigned);
+template void BucketTree<unsigned long long, 3>::build() const;
+
+} // namespace Vantor

@@ -1,0 +1,337 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Quorvel: writing point-cloud grids as LAS, fragment arrays encoded straight into the records.
+#include "io/detail/copc.hpp"
+#include "io/detail/las_formats.hpp"
+#include "io/detail/las_header.hpp"
+#include "io/detail/las_output.hpp"
+#include "io/detail/las_progress.hpp"
+#include "io/detail/las_record.hpp"
+#include "io/detail/las_write_plan.hpp"
+#include "io/files.hpp"
+#include "io/laz/laz.hpp"
+
+#include "basalt/text.hpp"
+#include "tressel/point_cloud.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <unistd.h>
+
+namespace Quorvel::Las {
+
+using Vantor::PhysicalSpace::point;
+
+namespace {
+
+using namespace detail;
+
+// The compressed point data of n records (as head.size() places it) and, for COPC, the hierarchy
+// EVLR put before the others and the info record written into head, the first VLR.
+std::vector<std::uint8_t> compress(bool copc, const std::uint8_t* records, std::size_t n,
+                                   const Header& h, const Laz::Description& d,
+                                   std::vector<std::uint8_t>& head, std::vector<Vlr>& evlrs) {
+  try {
+    if (!copc)
+      return Laz::encode(records, n, h.recordLength, d, head.size());
+    Copc::Encoded encoded = Copc::encodePoints(records, n, h.recordLength, h, d, head.size());
+    encoded.info.rootPageOffset = head.size() + encoded.pointData.size() + EvlrHeaderSize;
+    encoded.info.rootPageSize = encoded.page.size();
+    const auto info = Copc::encodeInfo(encoded.info);
+    std::copy(info.begin(), info.end(), head.begin() + Copc::InfoOffset);
+    Vlr hierarchy{0, "copc", Copc::HierarchyRecordId, "COPC hierarchy", std::move(encoded.page)};
+    evlrs.insert(evlrs.begin(), std::move(hierarchy));
+    return std::move(encoded.pointData);
+  } catch (const Error&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    throw Problem(e.what());
+  }
+}
+
+// The "copc info" record, its data filled in once the point data is written.
+Vlr copcInfoRecord() {
+  return {0, "copc", Copc::InfoRecordId, "COPC info", std::vector<std::uint8_t>(Copc::InfoSize, 0)};
+}
+
+// What the file holds around its records: the VLRs and EVLRs as written (with COPC's info record
+// first and LAZ's "laszip encoded" record last), and how the records are compressed.
+struct Framing {
+  bool laz = false;  // by the name: chunks described by a "laszip encoded" VLR
+  bool copc = false; // variable chunks, one per node of its octree
+  Laz::Description compression;
+  std::vector<Vlr> vlrs, evlrs;
+};
+
+// Points per chunk of a LAZ file written here, as LASzip writes them.
+constexpr std::uint32_t LazChunkPoints = 50000;
+
+Framing framingOf(const std::string& path, const FileInfo& info) {
+  Framing f;
+  f.laz = Files::isLaz(path);
+  f.copc = Copc::isCopcPath(path);
+  f.vlrs = info.vlrs;
+  f.evlrs = info.evlrs;
+  if (f.copc)
+    f.vlrs.insert(f.vlrs.begin(), copcInfoRecord());
+  if (f.laz) {
+    const Header& h = info.header;
+    try {
+      f.vlrs.push_back(Laz::laszipRecord(
+          h.pointFormat, h.recordLength - format(h.pointFormat).length,
+          f.copc ? Laz::Description::VariableChunks : LazChunkPoints, f.compression));
+    } catch (const std::runtime_error& e) {
+      throw Problem(e.what());
+    }
+  }
+  return f;
+}
+
+// The header's room and the VLRs after it; the header is written over it at the end.
+std::vector<std::uint8_t> headOf(int versionMinor, const std::vector<Vlr>& vlrs) {
+  std::vector<std::uint8_t> head(headerSizeFor(versionMinor), 0);
+  for (const Vlr& v : vlrs) {
+    if (v.data.size() > 0xFFFF)
+      throw Problem("VLR \"" + v.userId + "\" " + std::to_string(v.recordId) + " of " +
+                    std::to_string(v.data.size()) + " bytes is too long for a VLR");
+    encodeRecord(v, false, head);
+  }
+  if (head.size() > std::numeric_limits<std::uint32_t>::max())
+    throw Problem("the VLRs are too long");
+  return head;
+}
+
+// One value of the plan encoded into the record.
+struct Put {
+  const Source* from;
+  FieldCopy field;
+};
+
+// Every value of the format that the grid has, then the extra bytes.
+std::vector<Put> putsOf(const WritePlan& plan) {
+  std::vector<Put> puts;
+  const int chosen = plan.info.header.pointFormat;
+  const std::vector<Dim>& all = dims(chosen);
+  for (std::size_t i = 0; i < all.size(); ++i)
+    if (plan.standard[i])
+      puts.push_back({&*plan.standard[i], fieldCopy(all[i])});
+  const std::vector<ExtraBytes>& extras = plan.info.extraBytes;
+  const std::vector<int> starts = extraStarts(chosen, extras);
+  for (std::size_t e = 0; e < extras.size(); ++e) {
+    const auto fields = extraFields(extras[e]);
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      const Source& s = plan.extraSources[e][i];
+      const int size = kindSize(fields[i].kind);
+      puts.push_back({&s, {starts[e] + fields[i].offset, s.component >= 0 ? -size : size, 0, 0}});
+    }
+  }
+  return puts;
+}
+
+// Coordinates to the record's integers: less the offset, divided by the scale (multiplied by its
+// inverse where that is exact), rounded half away from zero. A local of the encoding loop, so
+// that its numbers stay in registers.
+struct Quantizer {
+  explicit Quantizer(const Header& h) : offset(h.offset), scale(h.scale) {
+    for (std::size_t a = 0; a < 3; ++a)
+      inverse[a] = 1 / scale[a];
+    exactInverse =
+        inverse[0] * scale[0] == 1 && inverse[1] * scale[1] == 1 && inverse[2] * scale[2] == 1;
+  }
+
+  // Coordinate c of axis a of point g.
+  std::int32_t operator()(double c, std::size_t a, std::size_t g) const {
+    const double shifted = c - offset[a];
+    const double v = exactInverse ? shifted * inverse[a] : shifted / scale[a];
+    // Rounded half away from zero once the range is known (NaN fails the test).
+    if (!(v > -2147483648.5 && v < 2147483647.5))
+      throw Problem("coordinate " + Basalt::format("%.17g", c) + " of point " + std::to_string(g) +
+                    " does not fit the LAS integer coordinates (an automatic offset or another "
+                    "scale may help)");
+    return static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
+  }
+
+  std::array<double, 3> offset, scale, inverse;
+  bool exactInverse;
+};
+
+// Encodes points into zeroed records: the positions scaled and rounded, the plain values, the
+// scan angle and the colours. Throws a Problem for a value that does not fit.
+class PointEncoder {
+public:
+  explicit PointEncoder(const WritePlan& plan)
+      : h_(plan.info.header), f_(format(h_.pointFormat)), plan_(plan), puts_(putsOf(plan)) {}
+
+  // The arrays of fragment k.
+  struct Fragment {
+    std::size_t k;
+    const point* xyz;
+    const float* angle;
+    const std::uint8_t* rgb;
+  };
+  Fragment fragment(const Layout& layout, std::size_t k) const {
+    const auto& angles = plan_.scanAngle;
+    const auto& rgb = plan_.rgb;
+    return {k, layout.xyz[k],
+            angles ? reinterpret_cast<const float*>(angles->fragments[k]) : nullptr,
+            rgb ? rgb->fragments[k] : nullptr};
+  }
+
+  // Point j of the fragment, point g of the file, into the zeroed record r (extended or legacy,
+  // as the format is); tallied.
+  template <bool Extended>
+  void encode(const Quantizer& quantized, const Fragment& in, std::size_t j, std::size_t g,
+              std::uint8_t* r, Tally& tally) const {
+    std::int32_t xyz[3];
+    for (std::size_t a = 0; a < 3; ++a)
+      xyz[a] = quantized(in.xyz[j][a], a, g);
+    std::memcpy(r, xyz, 12);
+    for (const Put& u : puts_)
+      if (!copyField<Direction::Write>(u.field, r, u.from->fragments[in.k], j))
+        misfit(u, in.k, j, g);
+    if (in.angle)
+      setScanAngle<Extended>(r, in.angle[j], g);
+    if (in.rgb)
+      std::memcpy(r + f_.rgb, in.rgb + 6 * j, 6);
+    tally.add(xyz, static_cast<int>(RecordView<Extended>(r).returnNumber()));
+  }
+
+private:
+  template <bool Extended>
+  void setScanAngle(std::uint8_t* r, float degrees, std::size_t g) const {
+    const double v = Extended ? degrees / 0.006 : degrees;
+    const double limit = Extended ? 32767.5 : 127.5; // int16 or int8 after rounding
+    if (!(v > -limit - 1 && v < limit))
+      throw Problem("ScanAngle " + Basalt::format("%g", degrees) + " of point " +
+                    std::to_string(g) + " does not fit point format " +
+                    std::to_string(h_.pointFormat));
+    const auto steps = static_cast<std::int16_t>(v + (v < 0 ? -0.5 : 0.5));
+    RecordView<Extended, std::uint8_t>(r).setScanAngleSteps(steps);
+  }
+
+  // The Problem of a value that copyField found not to fit.
+  [[noreturn]] void misfit(const Put& u, std::size_t k, std::size_t j, std::size_t g) const {
+    const std::uint8_t* from = u.from->fragments[k];
+    if (u.field.size == 0)
+      throw Problem(u.from->name + " " + std::to_string(from[j]) + " of point " +
+                    std::to_string(g) + " does not fit point format " +
+                    std::to_string(h_.pointFormat));
+    double wide;
+    std::memcpy(&wide, from + 24 * j, 8);
+    throw Problem(u.from->name + " " + Basalt::format("%.17g", wide) + " of point " +
+                  std::to_string(g) + " does not fit float32");
+  }
+
+  const Header& h_;
+  const Format& f_;
+  const WritePlan& plan_;
+  std::vector<Put> puts_;
+};
+
+// The records of every point, in file order. Streamed ones (file order is layout order, not
+// LAZ) go out to the file in blocks of about 1 MB that stay in cache; the others are assembled
+// whole, in records.
+Tally encodeRecords(const WritePlan& plan, const Layout& layout, bool streaming,
+                    std::unique_ptr<std::uint8_t[]>& records, TemporaryFile& out,
+                    const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  const std::size_t n = layout.count;
+  const std::size_t recordLength = plan.info.header.recordLength;
+  const std::vector<std::uint64_t>& place = plan.place;
+  const std::size_t blockPoints =
+      streaming ? std::max<std::size_t>(1, (std::size_t(1) << 20) / recordLength) : n;
+  records.reset( // every byte of a record is written below
+      new std::uint8_t[std::max<std::size_t>(std::min(n, blockPoints), 1) * recordLength]);
+  const PointEncoder encoder(plan);
+  const Quantizer quantizer(plan.info.header);
+  Tally tally;
+  std::size_t filled = 0, g0 = 0;
+  Percent percent(progress, n, "writing");
+  // The loop made once per kind of record, so that no point asks which kind it is.
+  const auto encodeAll = [&]<bool Extended>() {
+    for (std::size_t k = 0; k < layout.sizes.size(); ++k) {
+      const PointEncoder::Fragment in = encoder.fragment(layout, k);
+      for (std::size_t j = 0; j < layout.sizes[k]; ++j) {
+        const std::size_t g = g0 + j;
+        const std::size_t slot = streaming ? filled++ : place.empty() ? g : place[g];
+        std::uint8_t* r = records.get() + slot * recordLength;
+        std::memset(r, 0, recordLength);
+        encoder.encode<Extended>(quantizer, in, j, g, r, tally);
+        if (streaming && filled == blockPoints) {
+          out.write(records.get(), filled * recordLength);
+          filled = 0;
+          percent.reached(g + 1);
+        }
+      }
+      g0 += layout.sizes[k];
+      percent.reached(g0);
+    }
+  };
+  if (format(plan.info.header.pointFormat).extended)
+    encodeAll.template operator()<true>();
+  else
+    encodeAll.template operator()<false>();
+  percent.finish();
+  if (streaming)
+    out.write(records.get(), filled * recordLength);
+  return tally;
+}
+
+void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInfo* origin,
+               const WriteOptions& options,
+               const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  const Layout layout = layoutOf(grid);
+  const WritePlan plan = planWrite(path, grid, layout, origin, options);
+  const Header& h = plan.info.header;
+  Framing frame = framingOf(path, plan.info);
+  std::vector<std::uint8_t> head = headOf(h.versionMinor, frame.vlrs);
+  TemporaryFile out(path);
+  out.write(head.data(), head.size());
+
+  // The header is written last, when the records tell the bounds and the counts per return.
+  const bool streaming = plan.place.empty() && !frame.laz; // LAZ compresses all records at once
+  std::unique_ptr<std::uint8_t[]> records;
+  const Tally tally = encodeRecords(plan, layout, streaming, records, out, progress);
+  std::uint64_t pointBytes = layout.count * h.recordLength;
+  if (frame.laz) {
+    const auto data =
+        compress(frame.copc, records.get(), layout.count, h, frame.compression, head, frame.evlrs);
+    out.write(data.data(), data.size());
+    pointBytes = data.size();
+  } else if (!streaming)
+    out.write(records.get(), pointBytes);
+  std::vector<std::uint8_t> tail;
+  for (const Vlr& v : frame.evlrs)
+    encodeRecord(v, true, tail);
+  out.write(tail.data(), tail.size());
+
+  const std::uint64_t evlrOffset = frame.evlrs.empty() ? 0 : head.size() + pointBytes;
+  RawHeader raw = completed(
+      h, {frame.vlrs.size(), head.size(), frame.evlrs.size(), evlrOffset, frame.laz}, tally);
+  raw.header.waveformStart =
+      origin && h.waveformStart != 0 && h.waveformStart == h.evlrOffset ? evlrOffset : 0;
+  encodeHeader(raw, head.data());
+  out.writeAt(0, head.data(), head.size()); // the VLRs too: COPC's info is known only now
+  out.commit();
+}
+
+} // namespace
+
+void write(const std::string& path, const Tressel::Grid& grid, const WriteOptions& options,
+           const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  namingFile(path, [&] {
+    std::optional<FileInfo> origin;
+    try {
+      origin = fileInfo(grid);
+    } catch (const Error& e) {
+      throw Problem(e.what());
+    }
+    writeGrid(path, grid, origin ? &*origin : nullptr, options, progress);
+  });
+}
+
+} // namespace Quorvel::Las
