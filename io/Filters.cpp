@@ -1,5 +1,6 @@
 // Quorvel: what the filters need from GDAL: polygons from vector files, coordinate transforms
 // through OSR and PROJ, and the coordinate-system records of a reprojected LAS file.
+#include "io/detail/Gdal.hpp"
 #include "io/detail/Raster.hpp"
 
 #include <cpl_conv.h>
@@ -131,6 +132,8 @@ std::string missingGrids(const OGRSpatialReference& from, const OGRSpatialRefere
 
 } // namespace
 
+namespace Gdal {
+
 std::vector<Polygon> readPolygons(const std::string& path, const std::string& layerName,
                                   const std::string& filter, const std::string& cloudWkt) {
   detail::registerDrivers();
@@ -258,5 +261,7 @@ void setCoordinateSystem(Las::FileInfo& info, const CoordinateSystem& cs) {
   info.header.globalEncoding &= static_cast<std::uint16_t>(~16u);
   info.vlrs.push_back(std::move(record));
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

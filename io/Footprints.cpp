@@ -1,4 +1,5 @@
 // Quorvel: the footprints of a survey's files as a GeoPackage, through GDAL's vector drivers.
+#include "io/detail/Gdal.hpp"
 #include "io/detail/Raster.hpp"
 
 #include "basalt/ReplacingFile.hpp"
@@ -54,6 +55,8 @@ void addFeature(OGRLayer& layer, const Footprint& f, const std::string& path) {
 
 } // namespace
 
+namespace Gdal {
+
 void writeFootprints(const std::string& path, const std::vector<Footprint>& footprints,
                      const std::optional<CoordinateSystem>& cs) {
   detail::registerDrivers();
@@ -91,5 +94,7 @@ void writeFootprints(const std::string& path, const std::vector<Footprint>& foot
     throw Las::Error(e.what());
   }
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

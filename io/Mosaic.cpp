@@ -1,5 +1,6 @@
 // Quorvel: rasters of a catalogue's chunks: each cut to its chunk, and a GDAL VRT mosaic over
 // them all.
+#include "io/detail/Gdal.hpp"
 #include "io/detail/Raster.hpp"
 
 #include "basalt/ReplacingFile.hpp"
@@ -74,6 +75,8 @@ void replacing(const std::string& path, Make make) {
 
 } // namespace
 
+namespace Gdal {
+
 bool cutGeoTiff(const std::string& from, const std::string& to, const std::array<double, 4>& area) {
   detail::registerDrivers();
   const Dataset in = owned(GDALOpen(from.c_str(), GA_ReadOnly));
@@ -117,5 +120,7 @@ void writeMosaic(const std::string& path, const std::vector<std::string>& files)
   });
   GDALBuildVRTOptionsFree(options);
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

@@ -1,5 +1,6 @@
 // Quorvel: raster files through GDAL: any raster it reads, into a raster grid; raster grids out
 // as GeoTIFF.
+#include "io/detail/Gdal.hpp"
 #include "io/detail/Raster.hpp"
 
 #include "basalt/ReplacingFile.hpp"
@@ -134,6 +135,8 @@ std::optional<OGRSpatialReference> referenceOf(const std::string& wkt, const Las
 
 } // namespace
 
+namespace Gdal {
+
 Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fragmentCells,
                                         const std::string& heightField) {
   registerDrivers();
@@ -204,5 +207,7 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
     throw Las::Error(e.what());
   }
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

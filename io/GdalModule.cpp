@@ -1,0 +1,30 @@
+// Quorvel: the entry of the GDAL module (io/detail/Gdal.hpp), the table of its functions.
+#include "io/detail/Gdal.hpp"
+
+namespace {
+
+const Quorvel::Raster::Gdal::Functions Table = [] {
+  namespace Gdal = Quorvel::Raster::Gdal;
+  Gdal::Functions f{};
+  f.import = Gdal::import;
+  f.writeGeoTiff = Gdal::writeGeoTiff;
+  f.cutGeoTiff = Gdal::cutGeoTiff;
+  f.writeMosaic = Gdal::writeMosaic;
+  f.coordinateSystemOfWkt = Gdal::coordinateSystemOfWkt;
+  f.coordinateSystemOfRecords = Gdal::coordinateSystemOf;
+  f.coordinateSystemKey = Gdal::coordinateSystemKey;
+  f.coordinateSystemOfCloud = Gdal::coordinateSystemOf;
+  f.writeFootprints = Gdal::writeFootprints;
+  f.writePicture = Gdal::writePicture;
+  f.writeThumbnail = Gdal::writeThumbnail;
+  f.readPolygons = Gdal::readPolygons;
+  f.transformation = Gdal::transformation;
+  f.setCoordinateSystem = Gdal::setCoordinateSystem;
+  return f;
+}();
+
+} // namespace
+
+extern "C" const Quorvel::Raster::Gdal::Functions* quorvel_gdal_functions() {
+  return &Table;
+}
