@@ -31,8 +31,13 @@ void* moduleEntry(const std::string& file, const char* entry, const void* anchor
   // RTLD_NOW: a module lacking a symbol fails here, with its name, rather than at some later
   // call; RTLD_LOCAL: its dependencies' symbols stay out of the way of the program's own.
   void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!handle)
-    throw std::runtime_error("cannot open " + path + ": " + loaderError());
+  if (!handle) {
+    // The loader's words begin with the path when it is the object itself that is missing.
+    std::string words = loaderError();
+    if (words.rfind(path + ": ", 0) == 0)
+      words.erase(0, path.size() + 2);
+    throw std::runtime_error("cannot open " + path + ": " + words);
+  }
   ::dlerror();
   void* found = ::dlsym(handle, entry);
   if (!found)
