@@ -1,6 +1,7 @@
 // Quorvel: point-cloud files of either kind, and thinned clouds written to them.
 #include "io/files.hpp"
 
+#include "io/detail/Copc.hpp"
 #include "io/text.hpp"
 
 #include "basalt/Text.hpp"
@@ -132,6 +133,10 @@ bool isCloudFile(const std::string& path) {
 
 bool isLaz(const std::string& path) {
   return hasExtension(path, {".laz"});
+}
+
+bool isCopc(const std::string& path) {
+  return Copc::isCopcPath(path);
 }
 
 bool isGeoTiff(const std::string& path) {

@@ -142,3 +142,20 @@ def test_a_missing_module_is_named(tmp_path):
     assert "cannot open %s: cannot open shared object file" % bundle in fails(
         "convert", WITH_CRS, tmp_path / "a.h5")
     assert not (tmp_path / "a.h5").exists()
+
+
+@pytest.mark.parametrize("sample", ["nebraska_wkt_geotiff.las", "extra.decoded.las", "wave4.las",
+                                    "vegetation_1_3.las", "times.las"])
+def test_las_copied_through_is_the_file_a_grid_writes(tmp_path, sample):
+    """convert copies a LAS file's records through without a grid; with a fragment size given it
+    builds one. Both write the same bytes and say the same warnings, once."""
+    for ext in ("las", "laz"):
+        copied = subprocess.run([QUORVEL, "-q", "convert", SAMPLES / sample, tmp_path / ("c." + ext)],
+                                capture_output=True, text=True)
+        built = subprocess.run([QUORVEL, "-q", "--fragment-points", "1000000000", "convert",
+                                SAMPLES / sample, tmp_path / ("g." + ext)],
+                               capture_output=True, text=True)
+        assert copied.returncode == 0 and built.returncode == 0, copied.stderr + built.stderr
+        assert copied.stderr == built.stderr
+        assert (tmp_path / ("c." + ext)).read_bytes() == (tmp_path / ("g." + ext)).read_bytes()
+    assert records(tmp_path / "c.las") == records(SAMPLES / sample)
