@@ -14,12 +14,12 @@
 namespace Tressel {
 
 using detail::Handle;
-using detail::Slices;
 using detail::hasAttribute;
 using detail::Hdf5Error;
 using detail::readArray;
 using detail::readNumbers;
 using detail::readText;
+using detail::Slices;
 using detail::storable;
 using detail::typeOf;
 using detail::writeArray;
