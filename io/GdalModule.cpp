@@ -25,6 +25,6 @@ const Quorvel::Raster::Gdal::Functions Table = [] {
 
 } // namespace
 
-extern "C" const Quorvel::Raster::Gdal::Functions* quorvel_gdal_functions() {
+extern "C" const Quorvel::Raster::Gdal::Functions* quorvelGdalFunctions() {
   return &Table;
 }

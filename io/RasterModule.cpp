@@ -16,7 +16,7 @@ const Functions& functions() {
     const auto anchor = reinterpret_cast<const void*>(&functions);
     try {
       return reinterpret_cast<Entry>(
-          Basalt::moduleEntry("libquorvel_gdal.so", "quorvel_gdal_functions", anchor))();
+          Basalt::moduleEntry("libquorvel_gdal.so", "quorvelGdalFunctions", anchor))();
     } catch (const std::runtime_error& e) {
       throw Las::Error(std::string("rasters and coordinate systems need GDAL: ") + e.what());
     }

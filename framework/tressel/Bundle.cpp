@@ -22,7 +22,7 @@ const BundleFiles& bundleFiles() {
     using Entry = const BundleFiles* (*)();
     const auto anchor = reinterpret_cast<const void*>(&bundleFiles);
     return reinterpret_cast<Entry>(
-        Basalt::moduleEntry("libquorvel_bundle.so", "quorvel_bundle_files", anchor))();
+        Basalt::moduleEntry("libquorvel_bundle.so", "quorvelBundleFiles", anchor))();
   }();
   return *files;
 }

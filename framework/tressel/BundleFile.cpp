@@ -366,6 +366,6 @@ const detail::BundleFiles Functions{readFile, writeFile};
 
 } // namespace Tressel
 
-extern "C" const Tressel::detail::BundleFiles* quorvel_bundle_files() {
+extern "C" const Tressel::detail::BundleFiles* quorvelBundleFiles() {
   return &Tressel::Functions;
 }

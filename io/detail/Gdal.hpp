@@ -62,4 +62,4 @@ const Functions& functions();
 } // namespace Quorvel::Raster::Gdal
 
 // What the module exports: its functions.
-extern "C" const Quorvel::Raster::Gdal::Functions* quorvel_gdal_functions();
+extern "C" const Quorvel::Raster::Gdal::Functions* quorvelGdalFunctions();

@@ -28,4 +28,4 @@ const BundleFiles& bundleFiles();
 } // namespace Tressel::detail
 
 // What the module exports: its functions.
-extern "C" const Tressel::detail::BundleFiles* quorvel_bundle_files();
+extern "C" const Tressel::detail::BundleFiles* quorvelBundleFiles();
