@@ -29,9 +29,8 @@ def loaded(*args, env=None):
     done = subprocess.run([QUORVEL, *map(str, args)], capture_output=True, text=True, env=env)
     names, log = set(), []
     for line in done.stderr.splitlines():
-        if "calling init:" in line or "dynamically loaded by" in line:
-            names.add(pathlib.Path(line.split("file=")[-1].split()[0]
-                                   if "file=" in line else line.split()[-1]).name)
+        if "file=" in line and ("needed by" in line or "dynamically loaded by" in line):
+            names.add(pathlib.Path(line.split("file=")[1].split()[0]).name)
         elif "binding file" in line and "`mallopt'" in line:
             names.add("mallopt")
         elif not line.lstrip().split(":", 1)[0].isdigit():
