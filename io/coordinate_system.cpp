@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: coordinate systems of LAS files and rasters as GDAL reads them, with their names,
 // EPSG codes and units.
+#include "io/detail/gdal.hpp"
 #include "io/detail/raster.hpp"
 
 #include <cpl_conv.h>
@@ -197,6 +198,8 @@ std::optional<CoordinateSystem> fromGeoKeys(const Las::Vlr& keys, const Las::Vlr
 
 } // namespace
 
+namespace Gdal {
+
 std::optional<CoordinateSystem> coordinateSystemOfWkt(const std::string& wkt) {
   // GDAL's own messages on a broken text would repeat ours on standard error.
   detail::registerDrivers();
@@ -249,5 +252,7 @@ std::string coordinateSystemOf(const Tressel::Grid& cloud, const Las::Warn& warn
          "reads (empty or broken): the result has none");
   return cs ? cs->wkt : std::string();
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

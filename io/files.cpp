@@ -2,6 +2,7 @@
 // Quorvel: point-cloud files of either kind, and thinned clouds written to them.
 #include "io/files.hpp"
 
+#include "io/detail/copc.hpp"
 #include "io/text.hpp"
 
 #include "basalt/text.hpp"
@@ -133,6 +134,10 @@ bool isCloudFile(const std::string& path) {
 
 bool isLaz(const std::string& path) {
   return hasExtension(path, {".laz"});
+}
+
+bool isCopc(const std::string& path) {
+  return Copc::isCopcPath(path);
 }
 
 bool isGeoTiff(const std::string& path) {

@@ -25,6 +25,8 @@ bool isBundle(const std::string& path);
 bool isCloudFile(const std::string& path);
 // Whether a path names a LAZ file (.laz, .copc.laz), which the LAS writers compress.
 bool isLaz(const std::string& path);
+// Whether a path names a COPC file (.copc.laz), whose points a writer orders anew.
+bool isCopc(const std::string& path);
 // Whether a path names a GeoTIFF (.tif, .tiff), the raster file the hosts write.
 bool isGeoTiff(const std::string& path);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: what the filters need from GDAL: polygons from vector files, coordinate transforms
 // through OSR and PROJ, and the coordinate-system records of a reprojected LAS file.
+#include "io/detail/gdal.hpp"
 #include "io/detail/raster.hpp"
 
 #include <cpl_conv.h>
@@ -132,6 +133,8 @@ std::string missingGrids(const OGRSpatialReference& from, const OGRSpatialRefere
 
 } // namespace
 
+namespace Gdal {
+
 std::vector<Polygon> readPolygons(const std::string& path, const std::string& layerName,
                                   const std::string& filter, const std::string& cloudWkt) {
   detail::registerDrivers();
@@ -259,5 +262,7 @@ void setCoordinateSystem(Las::FileInfo& info, const CoordinateSystem& cs) {
   info.header.globalEncoding &= static_cast<std::uint16_t>(~16u);
   info.vlrs.push_back(std::move(record));
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

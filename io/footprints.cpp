@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: the footprints of a survey's files as a GeoPackage, through GDAL's vector drivers.
+#include "io/detail/gdal.hpp"
 #include "io/detail/raster.hpp"
 
 #include "basalt/replacing_file.hpp"
@@ -55,6 +56,8 @@ void addFeature(OGRLayer& layer, const Footprint& f, const std::string& path) {
 
 } // namespace
 
+namespace Gdal {
+
 void writeFootprints(const std::string& path, const std::vector<Footprint>& footprints,
                      const std::optional<CoordinateSystem>& cs) {
   detail::registerDrivers();
@@ -92,5 +95,7 @@ void writeFootprints(const std::string& path, const std::vector<Footprint>& foot
     throw Las::Error(e.what());
   }
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: rasters of a catalogue's chunks: each cut to its chunk, and a GDAL VRT mosaic over
 // them all.
+#include "io/detail/gdal.hpp"
 #include "io/detail/raster.hpp"
 
 #include "basalt/replacing_file.hpp"
@@ -75,6 +76,8 @@ void replacing(const std::string& path, Make make) {
 
 } // namespace
 
+namespace Gdal {
+
 bool cutGeoTiff(const std::string& from, const std::string& to, const std::array<double, 4>& area) {
   detail::registerDrivers();
   const Dataset in = owned(GDALOpen(from.c_str(), GA_ReadOnly));
@@ -118,5 +121,7 @@ void writeMosaic(const std::string& path, const std::vector<std::string>& files)
   });
   GDALBuildVRTOptionsFree(options);
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: pictures out through GDAL: PNG with a world file beside it, or GeoTIFF with the
 // coordinate system; and the heights of raster grids for pictures of them.
+#include "io/detail/gdal.hpp"
 #include "io/detail/raster.hpp"
 
 #include "basalt/replacing_file.hpp"
@@ -111,9 +112,7 @@ std::string worldFileText(const Image& image) {
 
 } // namespace
 
-std::string worldFilePath(const std::string& path) {
-  return std::filesystem::path(path).replace_extension(".pgw").string();
-}
+namespace Gdal {
 
 void writePicture(const std::string& path, const Image& image, const std::string& wkt) {
   detail::registerDrivers();
@@ -142,17 +141,9 @@ void writePicture(const std::string& path, const Image& image, const std::string
 }
 
 void writeThumbnail(const std::string& path, const Tressel::Grid& cloud, std::size_t size) {
-  writePicture(path, thumbnail(cloud, size), coordinateSystemOf(cloud));
+  writePicture(path, thumbnail(cloud, size), coordinateSystemOf(cloud, {}));
 }
 
-HeightGrid heightsOf(const Tressel::Grid& raster, const std::string& heightField,
-                     const std::string& path) {
-  const detail::Pixels p = detail::pixelsOf(raster, heightField, path);
-  HeightGrid g{p.columns, p.rows, p.x0, p.y0, p.sizeX, p.sizeY, p.heights};
-  for (std::size_t k = 0; k < p.types.size(); ++k)
-    if (p.types[k] != Measured && p.types[k] != Filled)
-      g.heights[k] = std::nanf("");
-  return g;
-}
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: raster files through GDAL: any raster it reads, into a raster grid; raster grids out
 // as GeoTIFF.
+#include "io/detail/gdal.hpp"
 #include "io/detail/raster.hpp"
 
 #include "basalt/replacing_file.hpp"
@@ -135,6 +136,8 @@ std::optional<OGRSpatialReference> referenceOf(const std::string& wkt, const Las
 
 } // namespace
 
+namespace Gdal {
+
 Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fragmentCells,
                                         const std::string& heightField) {
   registerDrivers();
@@ -205,5 +208,7 @@ void writeGeoTiff(const std::string& path, const Tressel::Grid& raster,
     throw Las::Error(e.what());
   }
 }
+
+} // namespace Gdal
 
 } // namespace Quorvel::Raster

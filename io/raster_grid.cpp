@@ -121,4 +121,18 @@ std::optional<RasterSummary> summarizeRaster(const Tressel::Grid& grid,
   return s;
 }
 
+std::string worldFilePath(const std::string& path) {
+  return std::filesystem::path(path).replace_extension(".pgw").string();
+}
+
+HeightGrid heightsOf(const Tressel::Grid& raster, const std::string& heightField,
+                     const std::string& path) {
+  const detail::Pixels p = detail::pixelsOf(raster, heightField, path);
+  HeightGrid g{p.columns, p.rows, p.x0, p.y0, p.sizeX, p.sizeY, p.heights};
+  for (std::size_t k = 0; k < p.types.size(); ++k)
+    if (p.types[k] != Measured && p.types[k] != Filled)
+      g.heights[k] = std::nanf("");
+  return g;
+}
+
 } // namespace Quorvel::Raster

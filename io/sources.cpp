@@ -44,6 +44,26 @@ bool sameCrsRecords(const FileInfo& a, const FileInfo& b) {
   return true;
 }
 
+// The bit of the global encoding that makes the WKT record the one that counts (LAS 1.4).
+constexpr std::uint16_t WktBit = 16;
+
+// Throws Error when b is of another coordinate system than a. Files whose records are equal (and
+// that say alike which record counts) are of one system, and their names are not asked for:
+// naming a system takes GDAL, which a merge of files of one survey then never loads.
+void checkSameSystem(const Reader& a, const Reader& b, const StreamSettings& settings) {
+  const FileInfo &x = a.info(), &y = b.info();
+  const bool sameWktBit = ((x.header.globalEncoding ^ y.header.globalEncoding) & WktBit) == 0;
+  if (sameCrsRecords(x, y) && (!settings.crsName || sameWktBit))
+    return;
+  if (!settings.crsName)
+    throw Error(b.path() + ": its coordinate-system records differ from those of " + a.path() +
+                "; the files must share one coordinate system");
+  const std::string p = settings.crsName(x), q = settings.crsName(y);
+  if (p != q)
+    throw Error(b.path() + ": " + q + ", " + a.path() + ": " + p +
+                "; the files must share one coordinate system");
+}
+
 // Throws Error when the records of b cannot join those of a in one file.
 void checkAlike(const Reader& a, const Reader& b, const StreamSettings& settings) {
   const FileInfo &x = a.info(), &y = b.info();
@@ -54,14 +74,7 @@ void checkAlike(const Reader& a, const Reader& b, const StreamSettings& settings
   if (extraNames(x) != extraNames(y))
     throw Error(b.path() + ": " + extraNames(y) + ", " + a.path() + ": " + extraNames(x) +
                 "; the files must share their extra-bytes dimensions");
-  if (settings.crsName) {
-    const std::string p = settings.crsName(x), q = settings.crsName(y);
-    if (p != q)
-      throw Error(b.path() + ": " + q + ", " + a.path() + ": " + p +
-                  "; the files must share one coordinate system");
-  } else if (!sameCrsRecords(x, y))
-    throw Error(b.path() + ": its coordinate-system records differ from those of " + a.path() +
-                "; the files must share one coordinate system");
+  checkSameSystem(a, b, settings);
 }
 
 // Rewrites the integer coordinates of count records from the scale and offset of `from` to

@@ -45,6 +45,17 @@ if(NOT last_output MATCHES "points: 14408")
   message(FATAL_ERROR "unexpected output of the installed quorvel:\n${last_output}")
 endif()
 
+# The modules that bring GDAL and HDF5 are opened beside the installed libraries.
+run(${prefix}/bin/quorvel info ${SOURCE_DIR}/data/nebraska_wkt_geotiff.las)
+if(NOT last_output MATCHES "crs: [^\n]*\\(EPSG:[0-9]+\\)")
+  message(FATAL_ERROR "the installed quorvel names no coordinate system:\n${last_output}")
+endif()
+run(${prefix}/bin/quorvel -q convert ${SOURCE_DIR}/data/sample_c.las ${WORK_DIR}/sample_c.h5)
+run(${prefix}/bin/quorvel info ${WORK_DIR}/sample_c.h5)
+if(NOT last_output MATCHES "points: 14408")
+  message(FATAL_ERROR "unexpected bundle of the installed quorvel:\n${last_output}")
+endif()
+
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/host -B ${WORK_DIR}/build
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
