@@ -47,7 +47,7 @@ std::optional<Source> sourceOf(const Tressel::Grid& grid, const std::string& nam
     const auto data = creator ? creator->peekData() : nullptr;
     if (!data || k >= sizes.size() || data->nElements() != sizes[k])
       throw Problem("field \"" + name + "\" is not laid out like the positions");
-    s.fragments.push_back(static_cast<const std::uint8_t*>(data->myChunk()->rawData()));
+    s.fragments.push_back(static_cast<const std::uint8_t*>(data->elementBytes()));
     ++k;
     return true;
   });

@@ -117,8 +117,7 @@ void forEachFragment(const Tressel::Grid& grid, const std::vector<Column>& cols,
       const auto data = c.field ? c.field->getData(id) : nullptr;
       if (c.field && (!data || data->nElements() != xyz->size()))
         throw Las::Error("field \"" + c.name + "\" has no values for every point");
-      bytes.push_back(data ? static_cast<const std::uint8_t*>(data->myChunk()->rawData())
-                           : nullptr);
+      bytes.push_back(data ? static_cast<const std::uint8_t*>(data->elementBytes()) : nullptr);
     }
     f(*xyz, bytes);
     return true;

@@ -162,6 +162,11 @@ public:
       : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(values)) {}
   MemArray(const MultiIndex<N>& extents, const std::vector<T>& values)
       : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(std::span<const T>(values))) {}
+  // Reads the elements at data without copying them, keeper keeping them alive; the first
+  // writable access (data(), operator[], view()) copies them.
+  MemArray(const MultiIndex<N>& extents, const T* data, Basalt::BlockKeeper keeper)
+      : MemArray(extents,
+                 std::make_shared<Basalt::Chunk<T>>(data, extents.product(), std::move(keeper))) {}
   // Shares an existing chunk; its element count must be the product of the extents.
   MemArray(const MultiIndex<N>& extents, StrongPtr<Basalt::Chunk<T>> chunk)
       : extents_(extents), typed_(chunk.get()), chunk_(std::move(chunk)) {
@@ -179,6 +184,11 @@ public:
   const StrongPtr<Basalt::ChunkBase>& myChunk() const override { return chunk_; }
   StrongPtr<MemBase> clone() const override {
     return std::make_shared<MemArray>(extents_, std::make_shared<Basalt::Chunk<T>>(typed_->view()));
+  }
+  StrongPtr<MemBase> borrowing(const Extents& extents, const void* data,
+                               Basalt::BlockKeeper keeper) const override {
+    return std::make_shared<MemArray>(multiIndexOf(extents), static_cast<const T*>(data),
+                                      std::move(keeper));
   }
 
   const MultiIndex<N>& multiExtents() const { return extents_; }
@@ -200,13 +210,16 @@ public:
   }
 
   static StrongPtr<MemBase> make(const Extents& extents) {
-    MultiIndex<N> e;
-    for (int d = 0; d < N; ++d)
-      e[d] = extents[d];
-    return std::make_shared<MemArray>(e);
+    return std::make_shared<MemArray>(multiIndexOf(extents));
   }
 
 private:
+  static MultiIndex<N> multiIndexOf(const Extents& extents) {
+    MultiIndex<N> e;
+    for (int d = 0; d < N && d < static_cast<int>(extents.size()); ++d)
+      e[d] = extents[static_cast<std::size_t>(d)];
+    return e;
+  }
   static bool registerType() {
     MemArrayAllocator<T>::registerMe();
     MemBase::registerCreator(N, TresselType<T>(), &MemArray::make);

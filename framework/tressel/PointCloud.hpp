@@ -111,6 +111,11 @@ public:
   // MemBase::registerCreator): byte pointers to the arrays, one per fragment. Throws
   // std::invalid_argument for a type without a maker.
   std::vector<std::uint8_t*> addField(const std::string& name, const std::string& typeName);
+  // A field over storage it does not own: the fragments' elements one after another at data,
+  // laid out as typeName, kept alive by keeper. Nothing is copied until an array is first
+  // written (see Basalt::ChunkBase). Throws std::invalid_argument as addField does.
+  void borrowField(const std::string& name, const std::string& typeName, const void* data,
+                   const Basalt::BlockKeeper& keeper);
 
   StrongPtr<Grid> build(const std::string& gridName = "PointCloud") const;
 
