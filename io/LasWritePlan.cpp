@@ -24,7 +24,8 @@ Layout layoutOf(const Tressel::Grid& grid) {
     throw Problem("the grid has no positions to write");
   Layout layout;
   positions->iterate([&](const auto& id, const auto& creator) {
-    const auto array = Tressel::arrayCast<1, point>(creator ? creator->peekData() : nullptr);
+    const Basalt::StrongPtr<const Tressel::MemArray<1, point>> array =
+        Tressel::arrayCast<1, point>(creator ? creator->peekData() : nullptr);
     if (!array)
       throw Problem("fragment \"" + id->Name() + "\" holds no positions");
     layout.sizes.push_back(array->size());

@@ -109,7 +109,8 @@ void forEachFragment(const Tressel::Grid& grid, const std::vector<Column>& cols,
   if (!positions)
     throw Las::Error("the cloud has no positions");
   positions->iterate([&](const auto& id, const auto&) {
-    const auto xyz = Tressel::arrayCast<1, Vantor::PhysicalSpace::point>(positions->getData(id));
+    const Basalt::StrongPtr<const Tressel::MemArray<1, Vantor::PhysicalSpace::point>> xyz =
+        Tressel::arrayCast<1, Vantor::PhysicalSpace::point>(positions->getData(id));
     if (!xyz)
       return true;
     std::vector<const std::uint8_t*> bytes;

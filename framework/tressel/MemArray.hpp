@@ -193,11 +193,13 @@ public:
 
   const MultiIndex<N>& multiExtents() const { return extents_; }
   std::size_t size() const { return typed_->size(); }
+  // Writable access copies an array that reads a block it does not own (see Basalt::Chunk);
+  // reading never does.
   T* data() { return typed_->data(); }
-  const T* data() const { return typed_->data(); }
+  const T* data() const { return readable().data(); }
   // Linear element access (first index fastest).
   T& operator[](std::size_t i) { return typed_->data()[i]; }
-  const T& operator[](std::size_t i) const { return typed_->data()[i]; }
+  const T& operator[](std::size_t i) const { return readable().data()[i]; }
   MultiArray<N, T> view() { return MultiArray<N, T>::dense(data(), extents_, chunk_); }
   MultiArray<N, const T> view() const {
     return MultiArray<N, const T>::dense(data(), extents_, chunk_);
@@ -220,6 +222,7 @@ private:
       e[d] = extents[static_cast<std::size_t>(d)];
     return e;
   }
+  const Basalt::Chunk<T>& readable() const { return *typed_; }
   static bool registerType() {
     MemArrayAllocator<T>::registerMe();
     MemBase::registerCreator(N, TresselType<T>(), &MemArray::make);

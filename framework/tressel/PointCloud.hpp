@@ -135,7 +135,8 @@ template <class T>
 std::vector<T> readField(const Field& field) {
   std::vector<T> out;
   field.iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-    const auto array = arrayCast<1, T>(creator ? creator->peekData() : nullptr);
+    const StrongPtr<const MemArray<1, T>> array =
+        arrayCast<1, T>(creator ? creator->peekData() : nullptr);
     if (!array)
       throw std::runtime_error("fragment \"" + id->Name() + "\" holds no array of " +
                                TresselType<T>().name());
