@@ -44,6 +44,19 @@ def test_a_cloud_shares_the_arrays_it_is_built_from_and_reads_back_views():
         np.testing.assert_array_equal(parts[name], values)
 
 
+def test_runs_that_only_read_a_field_leave_it_shared(tmp_path):
+    xyz, fields = lattice(), arrays()
+    cloud = quorvel.Cloud(xyz, **fields)
+    quorvel.shapeFactorComputation(cloud, quorvel.ShapeFactorComputationParameterBox())
+    quorvel.select(cloud, quorvel.SelectionParameterBox(where="Classification == 1 && Z > 1"))
+    quorvel.classificationTransfer(cloud, quorvel.Cloud(xyz + [0.1, 0, 0]),
+                                   quorvel.ClassificationTransferParameterBox("0.5"))
+    cloud.write(str(tmp_path / "cloud.las"))
+    assert np.shares_memory(cloud.xyz, xyz)
+    for name, values in fields.items():
+        assert np.shares_memory(cloud[name], values), name
+
+
 def test_arrays_of_another_layout_or_type_are_copied_and_read_right():
     xyz, fields = lattice(), arrays()
     wide = np.zeros((len(xyz), 6))
