@@ -25,7 +25,8 @@ Layout layoutOf(const Tressel::Grid& grid) {
     throw Problem("the grid has no positions to write");
   Layout layout;
   positions->iterate([&](const auto& id, const auto& creator) {
-    const auto array = Tressel::arrayCast<1, point>(creator ? creator->peekData() : nullptr);
+    const Basalt::StrongPtr<const Tressel::MemArray<1, point>> array =
+        Tressel::arrayCast<1, point>(creator ? creator->peekData() : nullptr);
     if (!array)
       throw Problem("fragment \"" + id->Name() + "\" holds no positions");
     layout.sizes.push_back(array->size());
@@ -48,7 +49,7 @@ std::optional<Source> sourceOf(const Tressel::Grid& grid, const std::string& nam
     const auto data = creator ? creator->peekData() : nullptr;
     if (!data || k >= sizes.size() || data->nElements() != sizes[k])
       throw Problem("field \"" + name + "\" is not laid out like the positions");
-    s.fragments.push_back(static_cast<const std::uint8_t*>(data->myChunk()->rawData()));
+    s.fragments.push_back(static_cast<const std::uint8_t*>(data->elementBytes()));
     ++k;
     return true;
   });

@@ -110,7 +110,8 @@ void forEachFragment(const Tressel::Grid& grid, const std::vector<Column>& cols,
   if (!positions)
     throw Las::Error("the cloud has no positions");
   positions->iterate([&](const auto& id, const auto&) {
-    const auto xyz = Tressel::arrayCast<1, Vantor::PhysicalSpace::point>(positions->getData(id));
+    const Basalt::StrongPtr<const Tressel::MemArray<1, Vantor::PhysicalSpace::point>> xyz =
+        Tressel::arrayCast<1, Vantor::PhysicalSpace::point>(positions->getData(id));
     if (!xyz)
       return true;
     std::vector<const std::uint8_t*> bytes;
@@ -118,8 +119,7 @@ void forEachFragment(const Tressel::Grid& grid, const std::vector<Column>& cols,
       const auto data = c.field ? c.field->getData(id) : nullptr;
       if (c.field && (!data || data->nElements() != xyz->size()))
         throw Las::Error("field \"" + c.name + "\" has no values for every point");
-      bytes.push_back(data ? static_cast<const std::uint8_t*>(data->myChunk()->rawData())
-                           : nullptr);
+      bytes.push_back(data ? static_cast<const std::uint8_t*>(data->elementBytes()) : nullptr);
     }
     f(*xyz, bytes);
     return true;

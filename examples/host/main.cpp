@@ -26,7 +26,7 @@ int main() {
 
   Basalt::StrongPtr<Tressel::Field> classField = (*grid)["Classification"];
   for (const auto& slot : Quorvel::fragmentsOf(*classField)) {
-    auto cls = Quorvel::fragmentArray<unsigned char>(*classField, slot);
+    auto cls = Quorvel::writableFragmentArray<unsigned char>(*classField, slot);
     for (std::size_t i = 0; i < cls->size(); ++i)
       if (candidates.contains((*cls)[i], Quorvel::RangeTolerance))
         (*cls)[i] = table[(*cls)[i]];

@@ -64,7 +64,7 @@ public:
     if (!range || range->age_ != creator->age()) {
       range = std::make_shared<DataRange>();
       range->age_ = creator->age();
-      const T* values = chunk->data();
+      const T* values = chunk->view().data();
       for (std::size_t i = 0, n = chunk->size(); i < n; ++i)
         range->expand(values[i]);
       creator->addInterface<DataRange>(range);

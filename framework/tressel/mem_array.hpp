@@ -163,6 +163,11 @@ public:
       : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(values)) {}
   MemArray(const MultiIndex<N>& extents, const std::vector<T>& values)
       : MemArray(extents, std::make_shared<Basalt::Chunk<T>>(std::span<const T>(values))) {}
+  // Reads the elements at data without copying them, keeper keeping them alive; the first
+  // writable access (data(), operator[], view()) copies them.
+  MemArray(const MultiIndex<N>& extents, const T* data, Basalt::BlockKeeper keeper)
+      : MemArray(extents,
+                 std::make_shared<Basalt::Chunk<T>>(data, extents.product(), std::move(keeper))) {}
   // Shares an existing chunk; its element count must be the product of the extents.
   MemArray(const MultiIndex<N>& extents, StrongPtr<Basalt::Chunk<T>> chunk)
       : extents_(extents), typed_(chunk.get()), chunk_(std::move(chunk)) {
@@ -181,14 +186,21 @@ public:
   StrongPtr<MemBase> clone() const override {
     return std::make_shared<MemArray>(extents_, std::make_shared<Basalt::Chunk<T>>(typed_->view()));
   }
+  StrongPtr<MemBase> borrowing(const Extents& extents, const void* data,
+                               Basalt::BlockKeeper keeper) const override {
+    return std::make_shared<MemArray>(multiIndexOf(extents), static_cast<const T*>(data),
+                                      std::move(keeper));
+  }
 
   const MultiIndex<N>& multiExtents() const { return extents_; }
   std::size_t size() const { return typed_->size(); }
+  // Writable access copies an array that reads a block it does not own (see Basalt::Chunk);
+  // reading never does.
   T* data() { return typed_->data(); }
-  const T* data() const { return typed_->data(); }
+  const T* data() const { return readable().data(); }
   // Linear element access (first index fastest).
   T& operator[](std::size_t i) { return typed_->data()[i]; }
-  const T& operator[](std::size_t i) const { return typed_->data()[i]; }
+  const T& operator[](std::size_t i) const { return readable().data()[i]; }
   MultiArray<N, T> view() { return MultiArray<N, T>::dense(data(), extents_, chunk_); }
   MultiArray<N, const T> view() const {
     return MultiArray<N, const T>::dense(data(), extents_, chunk_);
@@ -201,13 +213,17 @@ public:
   }
 
   static StrongPtr<MemBase> make(const Extents& extents) {
-    MultiIndex<N> e;
-    for (int d = 0; d < N; ++d)
-      e[d] = extents[d];
-    return std::make_shared<MemArray>(e);
+    return std::make_shared<MemArray>(multiIndexOf(extents));
   }
 
 private:
+  static MultiIndex<N> multiIndexOf(const Extents& extents) {
+    MultiIndex<N> e;
+    for (int d = 0; d < N && d < static_cast<int>(extents.size()); ++d)
+      e[d] = extents[static_cast<std::size_t>(d)];
+    return e;
+  }
+  const Basalt::Chunk<T>& readable() const { return *typed_; }
   static bool registerType() {
     MemArrayAllocator<T>::registerMe();
     MemBase::registerCreator(N, TresselType<T>(), &MemArray::make);

@@ -29,6 +29,18 @@ public:
   virtual const StrongPtr<Basalt::ChunkBase>& myChunk() const = 0;
   // A new array of the same shape holding a copy of the elements.
   virtual StrongPtr<MemBase> clone() const = 0;
+  // A new array of this one's rank and element type over elements it does not own: the product
+  // of the extents at data (laid out as the element type), kept alive by keeper. The first
+  // writable access copies them (see Basalt::ChunkBase).
+  virtual StrongPtr<MemBase> borrowing(const Extents& extents, const void* data,
+                                       Basalt::BlockKeeper keeper) const = 0;
+
+  // The elements' bytes for reading; unlike myChunk()->rawData() on the shared chunk, this never
+  // copies a borrowed block.
+  const void* elementBytes() const {
+    const Basalt::ChunkBase& chunk = *myChunk();
+    return chunk.rawData();
+  }
 
   // Registry of array makers by rank and element type, so that data described at run time (for
   // example in a file) can be turned into the right MemArray. Thread-safe; a second registration

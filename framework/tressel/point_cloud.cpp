@@ -186,22 +186,41 @@ StrongPtr<Grid> PointCloudBuilder::build(const Partition& partition,
 FragmentArrays::FragmentArrays(std::vector<std::size_t> fragmentSizes)
     : sizes_(std::move(fragmentSizes)) {}
 
+namespace {
+
+// A new rank-1 array of size elements of the named type; throws for a type without a maker.
+StrongPtr<MemBase> makeArray(const std::string& field, const std::string& typeName,
+                             std::size_t size) {
+  auto array = MemBase::create(1, typeName, {size});
+  if (!array)
+    throw std::invalid_argument("field \"" + field + "\": no arrays of " + typeName);
+  return array;
+}
+
+} // namespace
+
 std::vector<std::uint8_t*> FragmentArrays::addField(const std::string& name,
                                                     const std::string& typeName) {
-  auto make = [&](std::size_t size) {
-    auto array = MemBase::create(1, typeName, {size});
-    if (!array)
-      throw std::invalid_argument("field \"" + name + "\": no arrays of " + typeName);
-    return array;
-  };
-  Column column{name, {}, make(0)};
+  Column column{name, {}, makeArray(name, typeName, 0)};
   std::vector<std::uint8_t*> out;
   for (std::size_t size : sizes_) {
-    column.arrays.push_back(make(size));
+    column.arrays.push_back(makeArray(name, typeName, size));
     out.push_back(static_cast<std::uint8_t*>(column.arrays.back()->myChunk()->rawData()));
   }
   columns_.push_back(std::move(column));
   return out;
+}
+
+void FragmentArrays::borrowField(const std::string& name, const std::string& typeName,
+                                 const void* data, const Basalt::BlockKeeper& keeper) {
+  Column column{name, {}, makeArray(name, typeName, 0)};
+  const std::size_t bytes = column.prototype->elementType().size();
+  const auto* at = static_cast<const std::uint8_t*>(data);
+  for (std::size_t size : sizes_) {
+    column.arrays.push_back(column.prototype->borrowing({size}, at, keeper));
+    at += size * bytes;
+  }
+  columns_.push_back(std::move(column));
 }
 
 StrongPtr<Grid> FragmentArrays::build(const std::string& gridName) const {

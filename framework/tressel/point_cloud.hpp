@@ -112,6 +112,11 @@ public:
   // MemBase::registerCreator): byte pointers to the arrays, one per fragment. Throws
   // std::invalid_argument for a type without a maker.
   std::vector<std::uint8_t*> addField(const std::string& name, const std::string& typeName);
+  // A field over storage it does not own: the fragments' elements one after another at data,
+  // laid out as typeName, kept alive by keeper. Nothing is copied until an array is first
+  // written (see Basalt::ChunkBase). Throws std::invalid_argument as addField does.
+  void borrowField(const std::string& name, const std::string& typeName, const void* data,
+                   const Basalt::BlockKeeper& keeper);
 
   StrongPtr<Grid> build(const std::string& gridName = "PointCloud") const;
 
@@ -131,7 +136,8 @@ template <class T>
 std::vector<T> readField(const Field& field) {
   std::vector<T> out;
   field.iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-    const auto array = arrayCast<1, T>(creator ? creator->peekData() : nullptr);
+    const StrongPtr<const MemArray<1, T>> array =
+        arrayCast<1, T>(creator ? creator->peekData() : nullptr);
     if (!array)
       throw std::runtime_error("fragment \"" + id->Name() + "\" holds no array of " +
                                TresselType<T>().name());

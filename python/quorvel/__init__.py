@@ -246,6 +246,13 @@ _plain_from_dict = Cloud.from_dict
 def _cloud_init(self, xyz, fragment_points=0, **fields):
     """A cloud of n x 3 positions and per-point fields.
 
+    The cloud reads the arrays' memory without copying it and keeps the arrays alive, where an
+    array is C-contiguous, in the machine's byte order and of the field's type (xyz: float64; a
+    LAS field: its LAS type; vectors: n x 3 float64); other arrays are converted once, a copy.
+    Algorithms never change the arrays: the first write to a field copies its values into the
+    cloud. Fields read back (cloud[name], cloud.xyz) are read-only views where the cloud is one
+    fragment; a view keeps the values it was read with when an algorithm writes the field later.
+
     Parameters:
         xyz: n x 3 finite positions in metres, any numeric type (converted to float64 once)
         fragment_points: points of a fragment (consecutive points); 0: one fragment

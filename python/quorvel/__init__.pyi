@@ -8,6 +8,9 @@ import numpy.typing as npt
 
 class Error(Exception): ...
 
+# A Cloud reads the numpy arrays it is built from without copying them (C-contiguous, native
+# byte order, the field's type; others are converted once) and copies a field on its first
+# write, so the arrays never change; fields read back are read-only views keeping their values.
 class Cloud:
     def __init__(self, xyz: npt.ArrayLike, fragment_points: int = 0, **fields: npt.ArrayLike) -> None: ...
     @staticmethod

@@ -23,8 +23,6 @@ namespace Quorvel::Python {
 
 namespace {
 
-using Tressel::TresselTypeBase;
-
 // numpy's dtype code of a framework scalar kind.
 std::string dtypeOf(Tressel::ScalarKind kind) {
   using K = Tressel::ScalarKind;
@@ -89,7 +87,35 @@ void requireFinitePositions(const py::array& xyz) {
                               static_cast<std::size_t>(bad - p) / 3, *bad));
 }
 
+// Keeps a Python object alive for the framework, which may drop it on any thread: the reference
+// is given back with the GIL held, directly where this thread holds it, else queued for the
+// interpreter (never waiting for the GIL, which the thread running an algorithm's loop may
+// hold).
+Basalt::BlockKeeper keeperOf(py::object object) {
+  return {object.release().ptr(), [](const void* p) {
+            auto* held = static_cast<PyObject*>(const_cast<void*>(p));
+            if (!Py_IsInitialized())
+              return; // the interpreter is gone, and its objects with it
+            if (PyGILState_Check()) {
+              Py_DECREF(held);
+              return;
+            }
+            if (Py_AddPendingCall(
+                    [](void* q) {
+                      Py_DECREF(static_cast<PyObject*>(q));
+                      return 0;
+                    },
+                    held) != 0) {
+              const py::gil_scoped_acquire gil;
+              Py_DECREF(held);
+            }
+          }};
+}
+
 // A cloud of the arrays, in fragments of at most fragmentPoints consecutive points (one for 0).
+// The fragments read the arrays' memory without copying it (C-contiguous arrays as given, others
+// as a C-ordered copy) and keep the arrays alive; an algorithm writing a field copies that
+// fragment's values first, so the arrays never change.
 Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& fields) {
   const std::size_t n = xyz.ndim() == 2 ? static_cast<std::size_t>(xyz.shape(0)) : 0;
   std::vector<std::pair<std::string, py::array>> columns{
@@ -106,11 +132,7 @@ Cloud cloudOf(const py::array& xyz, std::size_t fragmentPoints, const py::dict& 
     const std::string type = elementTypeOf(name, a, n);
     if (type == "point")
       requireFinitePositions(a);
-    const std::size_t bytes = TresselTypeBase::find(type)->size();
-    const auto* from = static_cast<const std::uint8_t*>(a.data());
-    const auto to = arrays.addField(name, type);
-    for (std::size_t k = 0, at = 0; k < sizes.size(); at += sizes[k], ++k)
-      std::memcpy(to[k], from + at * bytes, sizes[k] * bytes);
+    arrays.borrowField(name, type, a.data(), keeperOf(a));
   }
   return {arrays.build("PointCloud")};
 }
@@ -136,13 +158,13 @@ py::array readOnly(py::array a) {
 }
 
 // The values of a one-fragment field without copying them: a read-only array over the fragment's
-// storage, which it keeps alive.
+// storage, which it keeps alive. The storage is shared, not lent: an algorithm that later writes
+// the field copies it first, so the array keeps the values it was read with.
 py::array viewOf(const Tressel::MemBase& part, const std::string& code,
                  const std::vector<py::ssize_t>& shape) {
-  auto* keep = new Basalt::StrongPtr<Basalt::ChunkBase>(part.myChunk());
-  py::capsule owner(keep,
-                    [](void* p) { delete static_cast<Basalt::StrongPtr<Basalt::ChunkBase>*>(p); });
-  py::array out(py::dtype(code), shape, {}, (*keep)->rawData(), owner);
+  auto* keep = new Basalt::BlockKeeper(part.myChunk()->share());
+  py::capsule owner(keep, [](void* p) { delete static_cast<Basalt::BlockKeeper*>(p); });
+  py::array out(py::dtype(code), shape, {}, part.elementBytes(), owner);
   return readOnly(out);
 }
 
@@ -184,7 +206,7 @@ py::array fieldOf(const Cloud& cloud, const std::string& name) {
     order = Tressel::readField<unsigned long long>(*index);
   std::size_t row = 0;
   for (const auto* part : parts) {
-    const auto* from = static_cast<const std::uint8_t*>(part->myChunk()->rawData());
+    const auto* from = static_cast<const std::uint8_t*>(part->elementBytes());
     if (order.empty()) { // input order: the fragment's values in one piece
       std::memcpy(to + row * bytes, from, part->nElements() * bytes);
       row += part->nElements();
@@ -253,7 +275,8 @@ void bindCloudType(py::module_& m) {
            }),
            py::arg("xyz"), py::arg("fragment_points") = 0,
            "A cloud of n x 3 positions and named per-point arrays (keywords), in fragments of "
-           "at most fragment_points consecutive points (0: one fragment).")
+           "at most fragment_points consecutive points (0: one fragment). C-contiguous arrays "
+           "are read without a copy and kept alive; the first write to a field copies it.")
       .def_static(
           "from_dict",
           [](const py::dict& fields, std::size_t fragmentPoints) {

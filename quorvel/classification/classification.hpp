@@ -62,7 +62,7 @@ struct ClassificationTransferParameterBox {
   // becomes the runtime's maximum minus one.
   std::int32_t threads = -1;
   // Working references kept while a transfer runs.
-  Basalt::StrongPtr<Tressel::MemBase> treeReference, classReference;
+  Basalt::StrongPtr<const Tressel::MemBase> treeReference, classReference;
   // The single tree of one-tree mode (dimension 2 / dimension 3).
   Basalt::StrongPtr<Vantor::QuadTree<unsigned>> oneQuadTree;
   Basalt::StrongPtr<Vantor::OcTree<unsigned>> oneOcTree;

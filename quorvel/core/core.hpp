@@ -164,15 +164,21 @@ struct FragmentSlot {
 // them.
 std::vector<FragmentSlot> fragmentsOf(const Field& field);
 
-// The fragment's array of a field as MemArray<1, T>; empty when the field holds none or holds
-// another element type.
+// The fragment's array of a field as MemArray<1, T>, to read; empty when the field holds none or
+// holds another element type. Reading never copies an array that reads a host's buffer.
 template <class T>
-StrongPtr<MemArray<1, T>> fragmentArray(const Field& field, const FragmentID& id) {
+StrongPtr<const MemArray<1, T>> fragmentArray(const Field& field, const FragmentID& id) {
   return Tressel::arrayCast<1, T>(field.getData(id));
 }
 template <class T>
-StrongPtr<MemArray<1, T>> fragmentArray(const Field& field, const FragmentSlot& slot) {
+StrongPtr<const MemArray<1, T>> fragmentArray(const Field& field, const FragmentSlot& slot) {
   return slot.id ? fragmentArray<T>(field, *slot.id) : nullptr;
+}
+// The same array to write in place: one that reads a host's buffer is copied first (see
+// Basalt::ChunkBase), on its first writable access.
+template <class T>
+StrongPtr<MemArray<1, T>> writableFragmentArray(const Field& field, const FragmentSlot& slot) {
+  return slot.id ? Tressel::arrayCast<1, T>(field.getData(*slot.id)) : nullptr;
 }
 
 // The spatial extent of a fragment of positions: its stored box, else the box of its points.
@@ -224,10 +230,13 @@ public:
       array_ = MemArray<1, T>::filled(Tressel::MultiIndex<1>(count), fill);
       creator_.reset();
     }
+    // Writable from here on: a reused array that reads a block it does not own (a host's
+    // buffer) is copied now, before any loop writes it from several threads.
+    data_ = array_->data();
   }
 
-  T& operator[](std::size_t i) { return (*array_)[i]; }
-  T* data() { return array_->data(); }
+  T& operator[](std::size_t i) { return data_[i]; }
+  T* data() { return data_; }
   std::size_t size() const { return array_->size(); }
   MultiArray<1, T> view() { return array_->view(); }
   const StrongPtr<MemArray<1, T>>& array() const { return array_; }
@@ -252,6 +261,7 @@ private:
   StrongPtr<FragmentID> id_;
   StrongPtr<CreativeArrayBase> creator_;
   StrongPtr<MemArray<1, T>> array_;
+  T* data_ = nullptr;
 };
 
 // ---- Subsets --------------------------------------------------------------------------------

@@ -81,7 +81,7 @@ void copyField(const Field& field, const std::vector<FragmentSlot>& slots,
     const auto data = field.getData(*slots[k].id);
     if (!data)
       throw std::runtime_error("field " + name + " has no values in a fragment");
-    copyKept(to[k], static_cast<const std::uint8_t*>(data->myChunk()->rawData()), kept[k], size);
+    copyKept(to[k], static_cast<const std::uint8_t*>(data->elementBytes()), kept[k], size);
   }
 }
 
@@ -95,7 +95,7 @@ void renumber(Tressel::Grid& grid) {
   std::vector<std::size_t> sizes;
   std::vector<unsigned long long> all;
   for (const FragmentSlot& slot : fragmentsOf(*field))
-    if (auto a = fragmentArray<unsigned long long>(*field, slot)) {
+    if (auto a = writableFragmentArray<unsigned long long>(*field, slot)) {
       arrays.push_back(a->data());
       sizes.push_back(a->size());
       all.insert(all.end(), a->data(), a->data() + a->size());

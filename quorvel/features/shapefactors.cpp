@@ -44,8 +44,8 @@ private:
 
 // The fragment's array of a field when it holds T for every point; empty otherwise.
 template <class T>
-StrongPtr<MemArray<1, T>> pointArray(const StrongPtr<Field>& field, const FragmentSlot& slot,
-                                     std::size_t n) {
+StrongPtr<const MemArray<1, T>> pointArray(const StrongPtr<Field>& field, const FragmentSlot& slot,
+                                           std::size_t n) {
   auto array = field ? fragmentArray<T>(*field, slot) : nullptr;
   return array && array->size() == n ? array : nullptr;
 }

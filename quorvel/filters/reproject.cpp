@@ -105,7 +105,7 @@ bool reproject(const StrongPtr<Grid>& grid, ReprojectionParameterBox& box,
   const auto slots = fragmentsOf(*positions);
   std::vector<StrongPtr<MemArray<1, point>>> arrays;
   for (const FragmentSlot& slot : slots)
-    if (auto xyz = fragmentArray<point>(*positions, slot))
+    if (auto xyz = writableFragmentArray<point>(*positions, slot))
       arrays.push_back(std::move(xyz));
   auto [lo, hi] = extent(arrays);
   if (!(lo.x <= hi.x))

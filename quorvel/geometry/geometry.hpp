@@ -36,11 +36,12 @@ bool planarRegression(std::vector<point> points, Vantor::PhysicalSpace::vector& 
 // The fit over the points that indices name in positions, in list order; at least 3 indices.
 template <class Index>
 bool planarRegression(const std::vector<Index>& indices,
-                      const Tressel::MultiArray<1, point>& positions,
+                      const Tressel::MultiArray<1, const point>& positions,
                       Vantor::PhysicalSpace::vector& plane);
-extern template bool planarRegression<unsigned long long>(const std::vector<unsigned long long>&,
-                                                          const Tressel::MultiArray<1, point>&,
-                                                          Vantor::PhysicalSpace::vector&);
+extern template bool
+planarRegression<unsigned long long>(const std::vector<unsigned long long>&,
+                                     const Tressel::MultiArray<1, const point>&,
+                                     Vantor::PhysicalSpace::vector&);
 
 // Fits the plane and gives every point its signed distance from it. False for fewer than 3
 // points or a failed fit.

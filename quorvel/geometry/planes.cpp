@@ -83,7 +83,7 @@ bool planarRegression(std::vector<point> points, vector& plane, unsigned percent
 
 template <class Index>
 bool planarRegression(const std::vector<Index>& indices,
-                      const Tressel::MultiArray<1, point>& positions, vector& plane) {
+                      const Tressel::MultiArray<1, const point>& positions, vector& plane) {
   const std::uint32_t count = static_cast<std::uint32_t>(indices.size());
   if (count < 3)
     return false;
@@ -95,7 +95,8 @@ bool planarRegression(const std::vector<Index>& indices,
 }
 
 template bool planarRegression<unsigned long long>(const std::vector<unsigned long long>&,
-                                                   const Tressel::MultiArray<1, point>&, vector&);
+                                                   const Tressel::MultiArray<1, const point>&,
+                                                   vector&);
 
 bool getDistancesToRegressionPlane(const std::vector<point>& points, std::vector<double>& distances,
                                    vector& plane) {

@@ -21,7 +21,7 @@ bool appendValues(const Tressel::MemBase& data, std::size_t count, std::vector<f
   if (data.elementType().components() != 1 || kind == Tressel::ScalarKind::Opaque ||
       data.nElements() != count)
     return false;
-  const void* raw = data.myChunk()->rawData();
+  const void* raw = data.elementBytes();
   Tressel::withScalar(kind, [&](auto zero) {
     const auto* v = static_cast<const decltype(zero)*>(raw);
     for (std::size_t i = 0; i < count; ++i)
@@ -49,7 +49,7 @@ SourcePoints collectSource(const Field& positions, const Field& values) {
       Basalt::Console() << "Can not read mem array for source height";
       return true;
     }
-    const auto* p = static_cast<const point*>(xyz->myChunk()->rawData());
+    const auto* p = static_cast<const point*>(xyz->elementBytes());
     out.points.insert(out.points.end(), p, p + xyz->nElements());
     return true;
   });

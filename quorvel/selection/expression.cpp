@@ -398,7 +398,7 @@ bool Expression::evaluate(const StrongPtr<Grid>& grid, const Tressel::FragmentID
     const auto data = field ? field->getData(id) : nullptr;
     if (!data || data->nElements() != n || data->elementType().components() != (axis >= 0 ? 3 : 1))
       return false;
-    const auto* bytes = static_cast<const std::uint8_t*>(data->myChunk()->rawData());
+    const auto* bytes = static_cast<const std::uint8_t*>(data->elementBytes());
     const auto kind = data->elementType().scalar();
     sources[k] = {bytes +
                       (axis >= 0 ? static_cast<std::size_t>(axis) * Tressel::scalarSize(kind) : 0),

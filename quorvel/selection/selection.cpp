@@ -228,7 +228,7 @@ StrongPtr<MemArray<2, double>> array2D(const StrongPtr<Grid>& grid, SelectionPar
         Messages("Selection: ", &box.message).report("ERROR: no m_" + column.name);
         return nullptr;
       }
-      const auto* bytes = static_cast<const std::uint8_t*>(data->myChunk()->rawData());
+      const auto* bytes = static_cast<const std::uint8_t*>(data->elementBytes());
       Tressel::withScalar(column.kind, [&](auto zero) {
         using Scalar = decltype(zero);
         for (const std::size_t i : chosen[k]) {

@@ -45,7 +45,7 @@ std::optional<Mode> modeOf(const std::string& text) {
 template <class Tree>
 struct Decision {
   const Tree& tree;
-  const MultiArray<1, point>& positions;
+  const MultiArray<1, const point>& positions;
   const std::vector<unsigned char>& before;
   const Box& box;
   Mode mode;
@@ -95,7 +95,7 @@ struct Decision {
 
 // The rounds with a tree of type Tree; returns how many ran their point step.
 template <class Tree>
-int rounds(const MultiArray<1, point>& positions, const StrongPtr<BoundingBox>& bbox,
+int rounds(const MultiArray<1, const point>& positions, const StrongPtr<BoundingBox>& bbox,
            const Box& box, Mode mode, MultiArray<1, unsigned char>& classes) {
   const std::size_t n = positions.size();
   std::vector<unsigned char> before(n), grown(n, 0);
@@ -138,12 +138,12 @@ int rounds(const MultiArray<1, point>& positions, const StrongPtr<BoundingBox>& 
 
 } // namespace
 
-int detail::extrapolateFragment(const MultiArray<1, point>& positions,
+int detail::extrapolateFragment(const MultiArray<1, const point>& positions,
                                 const StrongPtr<BoundingBox>& bbox, const Box& box,
                                 MultiArray<1, unsigned char>& classes) {
   const auto mode = modeOf(box.mode);
   const std::size_t n = std::min(positions.size(), classes.size());
-  const MultiArray<1, point> xyz =
+  const MultiArray<1, const point> xyz =
       positions.subarray(Tressel::MultiIndex<1>(0), Tressel::MultiIndex<1>(n));
   if (!mode)
     return -1;
@@ -154,7 +154,7 @@ int detail::extrapolateFragment(const MultiArray<1, point>& positions,
   return -1;
 }
 
-bool extrapolationOfMultiArray(const MultiArray<1, point>& positions,
+bool extrapolationOfMultiArray(const MultiArray<1, const point>& positions,
                                const StrongPtr<BoundingBox>& bbox, Box& box,
                                MultiArray<1, unsigned char>& classes) {
   return detail::extrapolateFragment(positions, bbox, box, classes) >= 0;

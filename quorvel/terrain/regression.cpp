@@ -67,7 +67,7 @@ bool inTreeClass(unsigned char cls, const Box& box) {
 
 // The tree of one round over the points whose class is in source or additional.
 template <class Tree>
-StrongPtr<Tree> roundTree(const MultiArray<1, point>& positions,
+StrongPtr<Tree> roundTree(const MultiArray<1, const point>& positions,
                           const MultiArray<1, unsigned char>& classes, const Box& box,
                           const StrongPtr<BoundingBox>& bbox) {
   return detail::treeOf<Tree>(positions, bbox,
@@ -93,7 +93,8 @@ public:
   // Remembers o for key when the neighbourhood is large and the entries at the position are
   // consecutive in it.
   void remember(const Key& key, const detail::RegressionStep::Outcome& o,
-                const std::vector<unsigned>& neighbours, const MultiArray<1, point>& positions) {
+                const std::vector<unsigned>& neighbours,
+                const MultiArray<1, const point>& positions) {
     if (o.found <= Many)
       return;
     const std::array<std::uint64_t, 3> position{key[0], key[1], key[2]};
@@ -115,7 +116,7 @@ private:
 // One round's point step over all candidates, in static blocks of n / threads points; inTree(i)
 // tells whether the round's tree holds point i.
 template <class Tree, class InTree>
-void pointStep(const Tree* tree, const MultiArray<1, point>& positions,
+void pointStep(const Tree* tree, const MultiArray<1, const point>& positions,
                MultiArray<1, unsigned char>& classes, const Box& box, std::vector<double>& radii,
                std::vector<std::uint32_t>& counts, const InTree& inTree) {
   const detail::RegressionStep step{positions, box.range, box.target,
@@ -146,7 +147,7 @@ void pointStep(const Tree* tree, const MultiArray<1, point>& positions,
 // The rounds with a tree of type Tree (none when Tree is void); returns how many ran their point
 // step.
 template <class Tree>
-int rounds(const MultiArray<1, point>& positions, MultiArray<1, unsigned char>& classes,
+int rounds(const MultiArray<1, const point>& positions, MultiArray<1, unsigned char>& classes,
            const StrongPtr<BoundingBox>& bbox, Box& box) {
   const std::size_t n = positions.size();
   std::vector<double> radii(n, box.radius);
@@ -182,11 +183,11 @@ void PlanarRegressionParameterBox::print() const {
   printFields(*this, &PlanarRegressionParameterBox::fieldname);
 }
 
-int detail::regressFragment(const MultiArray<1, point>& positions,
+int detail::regressFragment(const MultiArray<1, const point>& positions,
                             const StrongPtr<BoundingBox>& bbox, Box& box,
                             MultiArray<1, unsigned char>& classes) {
   const std::size_t n = std::min(positions.size(), classes.size());
-  const MultiArray<1, point> xyz =
+  const MultiArray<1, const point> xyz =
       positions.subarray(Tressel::MultiIndex<1>(0), Tressel::MultiIndex<1>(n));
   if (box.reset >= 0)
     for (std::size_t i = 0; i < classes.size(); ++i)
@@ -200,7 +201,7 @@ int detail::regressFragment(const MultiArray<1, point>& positions,
   return rounds<void>(xyz, classes, bbox, box);
 }
 
-bool planarRegressionOfMultiArray(const MultiArray<1, point>& positions,
+bool planarRegressionOfMultiArray(const MultiArray<1, const point>& positions,
                                   const StrongPtr<BoundingBox>& bbox, Box& box,
                                   MultiArray<1, unsigned char>& classes) {
   detail::regressFragment(positions, bbox, box, classes);

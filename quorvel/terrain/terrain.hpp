@@ -130,7 +130,7 @@ std::string planarRegressionOfGrid(const Basalt::StrongPtr<Tressel::Grid>& grid,
 // nor the tree's size changed. The candidates are split into equal contiguous blocks over the
 // library's threads, so the result does not depend on their number. Always true.
 bool planarRegressionOfMultiArray(
-    const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& positions,
+    const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
     const Basalt::StrongPtr<Vantor::BoundingBox>& bbox, PlanarRegressionParameterBox& box,
     Tressel::MultiArray<1, unsigned char>& classes);
 
@@ -227,7 +227,7 @@ std::string extrapolation(const Basalt::StrongPtr<Tressel::Grid>& grid,
 // start, so the result does not depend on threads or order. Stops when a round changes nothing
 // or after maximum_iteration rounds. False for an unknown mode or dimension (nothing changes).
 bool extrapolationOfMultiArray(
-    const Tressel::MultiArray<1, Vantor::PhysicalSpace::point>& positions,
+    const Tressel::MultiArray<1, const Vantor::PhysicalSpace::point>& positions,
     const Basalt::StrongPtr<Vantor::BoundingBox>& bbox, ExtrapolationParameterBox& box,
     Tressel::MultiArray<1, unsigned char>& classes);
 

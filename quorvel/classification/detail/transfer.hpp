@@ -109,8 +109,8 @@ inline void zeroClasses(const StrongPtr<Field>& classes, const StrongPtr<Fragmen
 
 // A fragment's positions and classes, read together.
 struct ClassedPoints {
-  StrongPtr<MemArray<1, point>> xyz;
-  StrongPtr<MemArray<1, unsigned char>> cls;
+  StrongPtr<const MemArray<1, point>> xyz;
+  StrongPtr<const MemArray<1, unsigned char>> cls;
 };
 
 // Reads the positions of a source fragment and its classes from `classes`; empty after reporting

@@ -21,7 +21,7 @@ using Plane = Vantor::PhysicalSpace::vector;
 // What a round of the regression does with one candidate, given the indices of its neighbours
 // (itself included when it is in the tree).
 struct RegressionStep {
-  const Tressel::MultiArray<1, point>& positions;
+  const Tressel::MultiArray<1, const point>& positions;
   const Vantor::MultiRange<double>& range;
   int target;
   unsigned quantile;
@@ -46,14 +46,14 @@ struct RegressionStep {
 };
 
 // planarRegressionOfMultiArray, returning the number of rounds whose point step ran.
-int regressFragment(const Tressel::MultiArray<1, point>& positions,
+int regressFragment(const Tressel::MultiArray<1, const point>& positions,
                     const Basalt::StrongPtr<Vantor::BoundingBox>& bbox,
                     PlanarRegressionParameterBox& box,
                     Tressel::MultiArray<1, unsigned char>& classes);
 
 // extrapolationOfMultiArray, returning the number of rounds whose point step ran, or -1 for an
 // unknown mode or dimension.
-int extrapolateFragment(const Tressel::MultiArray<1, point>& positions,
+int extrapolateFragment(const Tressel::MultiArray<1, const point>& positions,
                         const Basalt::StrongPtr<Vantor::BoundingBox>& bbox,
                         const ExtrapolationParameterBox& box,
                         Tressel::MultiArray<1, unsigned char>& classes);

@@ -11,8 +11,8 @@ namespace Quorvel::detail {
 // A tree of type Tree (capacity 64) over bbox holding the points i with admit(i), in index order;
 // built by one thread, then only read.
 template <class Tree, class Admit>
-StrongPtr<Tree> treeOf(const MultiArray<1, point>& positions, const StrongPtr<BoundingBox>& bbox,
-                       const Admit& admit) {
+StrongPtr<Tree> treeOf(const MultiArray<1, const point>& positions,
+                       const StrongPtr<BoundingBox>& bbox, const Admit& admit) {
   auto tree = std::make_shared<Tree>(bbox, 64);
   tree->reserve(positions.size());
   for (std::size_t i = 0; i < positions.size(); ++i)
