@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 namespace Quorvel {
@@ -22,15 +23,14 @@ struct Kept {
 
 Kept keptOf(const std::vector<std::size_t>& indices) {
   Kept kept{&indices, {}};
-  if (indices.empty() || !std::is_sorted(indices.begin(), indices.end()) ||
-      indices.back() + 1 > 4 * indices.size())
+  // Strictly ascending: a repeated index must be copied twice, which marks cannot say.
+  const bool ascending =
+      std::adjacent_find(indices.begin(), indices.end(), std::greater_equal<>()) == indices.end();
+  if (indices.empty() || !ascending || indices.back() + 1 > 4 * indices.size())
     return kept;
   kept.marks.assign(indices.back() + 1, 0);
   for (const std::size_t i : indices)
     kept.marks[i] = 1;
-  if (static_cast<std::size_t>(std::count(kept.marks.begin(), kept.marks.end(), 1)) !=
-      indices.size())
-    kept.marks.clear(); // repeated indices
   return kept;
 }
 
