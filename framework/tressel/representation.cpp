@@ -2,7 +2,6 @@
 // Quorvel framework, data model: representations and field slots.
 #include "tressel/representation.hpp"
 
-#include <algorithm>
 
 namespace Tressel {
 
@@ -23,12 +22,25 @@ StrongPtr<Field> FieldProxy::find() const {
   return representation_ ? representation_->findField(name_) : nullptr;
 }
 
+Representation::Entry* Representation::entry(const std::string& name) {
+  const auto place = places_.find(name);
+  return place == places_.end() ? nullptr : &fields_[place->second];
+}
+
+const Representation::Entry* Representation::entry(const std::string& name) const {
+  const auto place = places_.find(name);
+  return place == places_.end() ? nullptr : &fields_[place->second];
+}
+
+void Representation::append(StrongPtr<FieldID> id, StrongPtr<Field> field) {
+  places_.emplace(id->Name(), fields_.size());
+  fields_.emplace_back(std::move(id), std::move(field));
+}
+
 StrongPtr<FieldID> Representation::findFieldID(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [id, field] : fields_)
-    if (id->Name() == name)
-      return id;
-  return nullptr;
+  const Entry* found = entry(name);
+  return found ? found->first : nullptr;
 }
 
 StrongPtr<FieldID> Representation::makeFieldID(const std::string& name) {
@@ -43,10 +55,8 @@ StrongPtr<Field> Representation::findField(const StrongPtr<FieldID>& id) const {
 
 StrongPtr<Field> Representation::findField(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [id, field] : fields_)
-    if (id->Name() == name)
-      return field;
-  return nullptr;
+  const Entry* found = entry(name);
+  return found ? found->second : nullptr;
 }
 
 StrongPtr<Field> Representation::makeField(const StrongPtr<FieldID>& id,
@@ -61,36 +71,37 @@ StrongPtr<Field> Representation::makeField(const StrongPtr<FieldID>& id,
   if (!id)
     return nullptr;
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [existingID, field] : fields_) {
-    if (existingID->Name() != id->Name())
-      continue;
+  if (const Entry* found = entry(id->Name())) {
+    const StrongPtr<Field>& field = found->second;
     const TresselTypeBase* type = field->getElementType();
     if (!elementType || !type)
       return field;
     return sameType(*type, *elementType) && field->getRank() == rank ? field : nullptr;
   }
   auto field = std::make_shared<Field>(fragments, elementType, rank);
-  fields_.emplace_back(id, field);
+  append(id, field);
   return field;
 }
 
 void Representation::setField(const std::string& name, const StrongPtr<Field>& field) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (auto& [id, existing] : fields_)
-    if (id->Name() == name) {
-      existing = field;
-      return;
-    }
-  fields_.emplace_back(std::make_shared<FieldID>(name), field);
+  if (Entry* found = entry(name))
+    found->second = field;
+  else
+    append(std::make_shared<FieldID>(name), field);
 }
 
 bool Representation::removeField(const std::string& name) {
   std::lock_guard<std::mutex> lock(mutex_);
-  const auto found = std::find_if(fields_.begin(), fields_.end(),
-                                  [&](const auto& entry) { return entry.first->Name() == name; });
-  if (found == fields_.end())
+  const auto place = places_.find(name);
+  if (place == places_.end())
     return false;
-  fields_.erase(found);
+  const std::size_t removed = place->second;
+  fields_.erase(fields_.begin() + static_cast<std::ptrdiff_t>(removed));
+  places_.erase(place);
+  for (auto& [other, at] : places_)
+    if (at > removed)
+      --at;
   return true;
 }
 

@@ -6,6 +6,7 @@
 
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace Tressel {
@@ -100,7 +101,16 @@ public:
 private:
   std::string chartName_;
   mutable std::mutex mutex_;
-  std::vector<std::pair<StrongPtr<FieldID>, StrongPtr<Field>>> fields_;
+  using Entry = std::pair<StrongPtr<FieldID>, StrongPtr<Field>>;
+  // The entry of that name, or null; the caller holds the lock.
+  Entry* entry(const std::string& name);
+  const Entry* entry(const std::string& name) const;
+  void append(StrongPtr<FieldID> id, StrongPtr<Field> field);
+
+  std::vector<Entry> fields_;
+  // Where each name sits in fields_: files can bring tens of thousands of fields (extra bytes),
+  // and a search along the list for each would make loading them quadratic.
+  std::unordered_map<std::string, std::size_t> places_;
   mutable StrongPtr<FragmentIDCollection> ownLayout_;
 };
 

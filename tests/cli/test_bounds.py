@@ -89,8 +89,11 @@ def test_laz_claims_beyond_the_bytes_are_refused(tmp_path):
                            "bytes than it holds)")):
         struct.pack_into("<I", bomb, 107, claim)
         (tmp_path / "bomb.laz").write_bytes(bomb)
-        err = refused("convert", tmp_path / "bomb.laz", tmp_path / "out.las")
-        assert f"{tmp_path / 'bomb.laz'}: {reason}" in err
+        # Read whole, and streamed in batches of chunks (merge, tile).
+        for command in (["convert", tmp_path / "out.las"], ["merge", "-o", tmp_path / "m.las"],
+                        ["tile", "-o", tmp_path / "tiles", "--size", "100"]):
+            err = refused(command[0], tmp_path / "bomb.laz", *command[1:])
+            assert f"{tmp_path / 'bomb.laz'}: {reason}" in err, command
 
     # A count one short: the last point is not dropped without a word.
     short = bytearray(data)
