@@ -7,6 +7,7 @@
 #include "cli/progress.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
+#include "io/tiles.hpp"
 #include "tressel/point_cloud.hpp"
 
 #include "basalt/console.hpp"
@@ -270,6 +271,15 @@ void Host::run(const std::string& what, std::size_t count,
   const auto shown = progress(what);
   step();
   finish(shown, count);
+}
+
+bool Host::copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
+                       std::uint64_t total, const std::string& output) const {
+  const auto shown = progress("write " + output);
+  if (!Las::copyRecords(input, kept, total, output))
+    return false;
+  finish(shown, kept.size());
+  return true;
 }
 
 void Host::summary(const std::string& command, const Tressel::Grid& grid) const {

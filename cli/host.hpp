@@ -116,6 +116,11 @@ public:
   Cloud load(const std::string& path, const std::set<std::string>& only = {}) const;
   void save(const std::string& path, const Cloud& cloud,
             const Las::WriteOptions& options = {}) const;
+  // Writes the records of the LAS file input numbered kept (ascending) to output as they are
+  // (Las::copyRecords); false, with nothing written, when input holds another number of points
+  // than total.
+  bool copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
+                   std::uint64_t total, const std::string& output) const;
   // Runs step, showing the elapsed time and the points/s over count points while it runs.
   void run(const std::string& what, std::size_t count, const std::function<void()>& step) const;
   // "quorvel <command>: <points> points, <fragments> fragments, <s> s, <points/s> points/s" on

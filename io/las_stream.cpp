@@ -209,8 +209,8 @@ Batch Reader::next() {
       m.kept = {};
       return {};
     }
-    const Batch all = m.in.laz ? reading(m.path, "its points", [&m] { return m.chunks(); })
-                               : m.records();
+    const Batch all =
+        m.in.laz ? reading(m.path, "its points", [&m] { return m.chunks(); }) : m.records();
     if (!m.box)
       return all;
     const Batch some = m.inBox(all);

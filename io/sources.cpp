@@ -179,4 +179,28 @@ std::uint64_t merge(const std::vector<std::string>& paths, const std::string& ou
   return points;
 }
 
+bool copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
+                 std::uint64_t total, const std::string& output) {
+  Reader in(input);
+  const FileInfo& info = in.info();
+  if (info.header.pointCount != total)
+    return false;
+  const std::size_t length = info.header.recordLength;
+  Writer out(output, info);
+  std::size_t next = 0; // the first of kept not yet written
+  std::uint64_t base = 0;
+  for (Batch batch = in.next(); batch.count > 0; base += batch.count, batch = in.next()) {
+    std::size_t end = next;
+    while (end < kept.size() && kept[end] < base + batch.count)
+      ++end;
+    out.append(end - next, [&](std::uint8_t* to) {
+      for (std::size_t k = next; k < end; ++k, to += length)
+        std::memcpy(to, batch.records + (kept[k] - base) * length, length);
+    });
+    next = end;
+  }
+  out.finish();
+  return true;
+}
+
 } // namespace Quorvel::Las

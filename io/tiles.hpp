@@ -85,4 +85,12 @@ TileResult tile(const std::vector<std::string>& paths, const std::string& folder
 std::uint64_t merge(const std::vector<std::string>& paths, const std::string& output,
                     const StreamSettings& settings = {});
 
+// Writes output (.las or .laz) from the records of the LAS or LAZ file input whose numbers in
+// file order are kept (ascending), each copied as it is, with input's header, VLRs and EVLRs: the
+// file that reading input whole, keeping those points and writing the cloud would give. Nothing
+// is written and false returned when input holds another number of points than total (the
+// cloud the numbers count was not read from it whole). Throws Error.
+bool copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
+                 std::uint64_t total, const std::string& output);
+
 } // namespace Quorvel::Las

@@ -7,6 +7,7 @@
 #include "cli/checks.hpp"
 
 #include "basalt/text.hpp"
+#include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
 #include <array>
@@ -43,20 +44,58 @@ int CloudCommand::run(const Host& host) {
   if (!output_.empty())
     checkOutput(output_);
   Cloud cloud = host.load(input_);
-  change(cloud, host);
+  const auto kept = copiesRecords(host, cloud)
+                        ? advised(cloud, [&] { return keptPoints(cloud, host); })
+                        : std::nullopt;
+  if (kept) {
+    const std::vector<std::size_t>& indices = kept->indices.front();
+    if (host.copyRecords(input_, indices, pointCount(*cloud.grid), output_)) {
+      host.summary(name_, indices.size(), indices.empty() ? "0 fragments" : "1 fragments");
+      return 0;
+    }
+    keep(cloud, kept);
+  } else {
+    change(cloud, host);
+  }
   if (!output_.empty())
     host.save(output_, cloud, write_);
   host.summary(name_, *cloud.grid);
   return 0;
 }
 
-void CloudCommand::change(Cloud& cloud, const Host& host) {
+template <class Step>
+auto CloudCommand::advised(const Cloud& cloud, const Step& step) -> decltype(step()) {
   const auto grid = cloud.grid;
   try {
-    apply(cloud, host);
+    return step();
   } catch (const Error& e) {
     throw Error(e.what() + advice(e.what(), *grid));
   }
+}
+
+void CloudCommand::change(Cloud& cloud, const Host& host) {
+  advised(cloud, [&] { apply(cloud, host); });
+}
+
+void CloudCommand::keep(Cloud& cloud, const std::optional<KeptPoints>& kept) const {
+  std::string message;
+  Quorvel::Messages log(name_ + ": ", &message);
+  auto grid = Quorvel::keptCloud(*cloud.grid, kept, log);
+  if (!grid)
+    throw Error(name_ + ": " + message);
+  cloud.grid = std::move(grid);
+}
+
+bool CloudCommand::copiesRecords(const Host& host, const Cloud& cloud) const {
+  const auto plainLas = [](const std::string& path) {
+    return Files::isCloudFile(path) && !Files::isBundle(path) && !Files::isStream(path) &&
+           !Files::isCopc(path);
+  };
+  const Common& common = host.common();
+  return plainLas(input_) && !Files::isLaz(input_) && plainLas(output_) && !write_.scale &&
+         !write_.offset && !write_.autoScale && !write_.autoOffset && !common.box &&
+         common.fragmentPoints == 0 && !Quorvel::findOptionalField(cloud.grid, "PointIndex") &&
+         cloud.grid->CartesianPositions() && cloud.grid->CartesianPositions()->nFragments() == 1;
 }
 
 void aboutFile(const std::string& path, const std::function<void()>& step) {

@@ -5,6 +5,7 @@
 
 #include "cli/checks.hpp"
 #include "cli/host.hpp"
+#include "quorvel/core/kept.hpp"
 #include "quorvel/features/features.hpp"
 #include "vantor/multi_range.hpp"
 #include "vantor/physical_space.hpp"
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -51,6 +53,12 @@ public:
   virtual std::vector<std::string> outputFiles() const { return {}; }
   // Changes the cloud; throws Error on failure.
   virtual void apply(Cloud& cloud, const Host& host) = 0;
+  // For a command that keeps some of the points and changes nothing else (with the options
+  // given): the points it keeps, worked out on the cloud; it throws as apply() does, and apply()
+  // is then keep() of them. Alone on a LAS file, the host then copies the kept records straight
+  // into the output, which costs less than copying every field and encoding the records again.
+  // nullopt: the command changes the points, and apply() runs.
+  virtual std::optional<KeptPoints> keptPoints(Cloud&, const Host&) { return std::nullopt; }
 
   void addOptions(CLI::App& app) final;
   int run(const Host& host) final;
@@ -74,11 +82,21 @@ protected:
   const std::string& input() const { return input_; }
   // True for a command whose result is a raster: -o may then name a GeoTIFF as well.
   virtual bool writesRasters() const { return false; }
+  // The cloud of the kept points; throws Error naming the command on a field without arrays.
+  void keep(Cloud& cloud, const std::optional<KeptPoints>& kept) const;
   // What the operand of the cloud to change is called in the help.
   virtual std::string inputName() const { return "IN"; }
   const std::string& name() const { return name_; }
 
 private:
+  // step() with what a user can do added to an Error's message (the command that makes a
+  // missing field, or the fields there are).
+  template <class Step>
+  auto advised(const Cloud& cloud, const Step& step) -> decltype(step());
+  // Whether a run alone may write the kept points by copying the records of IN: a plain LAS
+  // file in, read whole in one fragment, LAS or LAZ out with its scale and offset.
+  bool copiesRecords(const Host& host, const Cloud& cloud) const;
+
   std::string name_;
   std::string input_, output_;
   Las::WriteOptions write_;

@@ -37,18 +37,20 @@ public:
 
   std::vector<const CLI::Option*> inputFiles() const override { return {polygon_}; }
 
-  void apply(Cloud& cloud, const Host& host) override {
+  void apply(Cloud& cloud, const Host& host) override { keep(cloud, keptPoints(cloud, host)); }
+
+  std::optional<KeptPoints> keptPoints(Cloud& cloud, const Host& host) override {
     if (polygonPath_.empty() && !(box_.box[0] <= box_.box[2]))
       throw Error("crop: give --box XMIN,YMIN,XMAX,YMAX or --polygon FILE");
     box_.message.clear();
     if (!polygonPath_.empty())
       box_.polygons = Raster::readPolygons(polygonPath_, layer_, filter_,
                                            Raster::coordinateSystemOf(*cloud.grid));
-    Basalt::StrongPtr<Tressel::Grid> kept;
-    host.run("crop", pointCount(*cloud.grid), [&] { kept = crop(cloud.grid, box_); });
+    std::optional<KeptPoints> kept;
+    host.run("crop", pointCount(*cloud.grid), [&] { kept = keptByCrop(cloud.grid, box_); });
     if (!kept)
       throw Error("crop: " + box_.message);
-    cloud.grid = kept;
+    return kept;
   }
 
 private:

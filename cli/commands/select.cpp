@@ -27,18 +27,23 @@ public:
     app.add_flag("--count", count_, "print how many points are selected (on standard output)");
   }
 
-  void apply(Cloud& cloud, const Host& host) override {
+  void apply(Cloud& cloud, const Host& host) override { keep(cloud, keptPoints(cloud, host)); }
+
+  std::optional<KeptPoints> keptPoints(Cloud& cloud, const Host& host) override {
     if (box_.selection.empty() && box_.where.empty())
       throw CLI::RequiredError("--range or --where");
     box_.message.clear();
-    Basalt::StrongPtr<Tressel::Grid> selected;
-    host.run("select", pointCount(*cloud.grid),
-             [&] { selected = computeSelection(cloud.grid, box_); });
-    if (!selected)
+    std::optional<KeptPoints> kept;
+    host.run("select", pointCount(*cloud.grid), [&] { kept = keptBySelection(cloud.grid, box_); });
+    if (!kept)
       throw Error("select: " + box_.message);
-    cloud.grid = selected;
-    if (count_)
-      std::printf("%zu\n", pointCount(*selected));
+    if (count_) {
+      std::size_t n = 0;
+      for (const auto& indices : kept->indices)
+        n += indices.size();
+      std::printf("%zu\n", n);
+    }
+    return kept;
   }
 
 protected:

@@ -23,16 +23,18 @@ public:
     random_->excludes(every_);
   }
 
-  void apply(Cloud& cloud, const Host& host) override {
+  void apply(Cloud& cloud, const Host& host) override { keep(cloud, keptPoints(cloud, host)); }
+
+  std::optional<KeptPoints> keptPoints(Cloud& cloud, const Host& host) override {
     if (voxel_->count() + random_->count() + every_->count() == 0)
       throw Error("thin: give one of --voxel, --random and --every");
     box_.mode = voxel_->count() ? "voxel" : (random_->count() ? "random" : "every");
     box_.message.clear();
-    Basalt::StrongPtr<Tressel::Grid> kept;
-    host.run("thin", pointCount(*cloud.grid), [&] { kept = thin(cloud.grid, box_); });
+    std::optional<KeptPoints> kept;
+    host.run("thin", pointCount(*cloud.grid), [&] { kept = keptByThin(cloud.grid, box_); });
     if (!kept)
       throw Error("thin: " + box_.message);
-    cloud.grid = kept;
+    return kept;
   }
 
 private:

@@ -2,7 +2,6 @@
 // Quorvel framework, data model: representations and field slots.
 #include "tressel/representation.hpp"
 
-
 namespace Tressel {
 
 FieldProxy::operator StrongPtr<Field>() const {

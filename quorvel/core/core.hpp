@@ -17,6 +17,7 @@
 #pragma once
 
 #include "quorvel/core/fields.hpp"
+#include "quorvel/core/kept.hpp"
 
 #include "basalt/console.hpp"
 #include "quorvel/core/parallel.hpp"
@@ -29,6 +30,7 @@
 #include <exception>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -154,12 +156,6 @@ StrongPtr<Field> outputField(const StrongPtr<Grid>& grid, const std::string& nam
 
 // ---- Fragments -----------------------------------------------------------------------------
 
-// One fragment of a field as the loop sees it.
-struct FragmentSlot {
-  StrongPtr<FragmentID> id;
-  StrongPtr<CreativeArrayBase> creator; // empty when the field holds nothing for the fragment
-};
-
 // The fragments of a field in layout order, collected once so that a parallel loop can index
 // them.
 std::vector<FragmentSlot> fragmentsOf(const Field& field);
@@ -274,6 +270,10 @@ private:
 // std::runtime_error when a field holds no array for a fragment.
 StrongPtr<Grid> subsetOf(const Grid& grid, const std::vector<FragmentSlot>& slots,
                          const std::vector<std::vector<std::size_t>>& chosen, bool dropEmpty);
+
+// subsetOf(grid, kept.slots, kept.indices, true); empty, with "ERROR: " and the reason reported
+// to log, when a field holds no array for a fragment. Empty when kept is.
+StrongPtr<Grid> keptCloud(const Grid& grid, const std::optional<KeptPoints>& kept, Messages& log);
 
 // ---- Class assignments ---------------------------------------------------------------------
 //

@@ -133,4 +133,15 @@ StrongPtr<Grid> subsetOf(const Grid& grid, const std::vector<FragmentSlot>& slot
   return subset;
 }
 
+StrongPtr<Grid> keptCloud(const Grid& grid, const std::optional<KeptPoints>& kept, Messages& log) {
+  if (!kept)
+    return nullptr;
+  try {
+    return subsetOf(grid, kept->slots, kept->indices, true);
+  } catch (const std::exception& e) {
+    log.report(std::string("ERROR: ") + e.what());
+    return nullptr;
+  }
+}
+
 } // namespace Quorvel

@@ -19,15 +19,17 @@ void CropParameterBox::printBox(std::string_view label, const std::array<double,
   printField(label, Basalt::format("(%.17g,%.17g,%.17g,%.17g)", box[0], box[1], box[2], box[3]));
 }
 
-StrongPtr<Grid> crop(const StrongPtr<Grid>& grid, CropParameterBox& box) {
-  Messages log("Crop: ", &box.message);
+namespace {
+
+std::optional<KeptPoints> keptByCrop(const StrongPtr<Grid>& grid, CropParameterBox& box,
+                                     Messages& log) {
   const auto positions = findPositions(grid, log, "ERROR: no f_vertices");
   if (!positions)
-    return nullptr;
+    return std::nullopt;
   const auto& b = box.box;
   if (box.polygons.empty() && !(b[0] <= b[2] && b[1] <= b[3])) {
     log.report("ERROR: the box is not XMIN,YMIN,XMAX,YMAX with XMIN <= XMAX and YMIN <= YMAX");
-    return nullptr;
+    return std::nullopt;
   }
   const std::vector<detail::PolygonIndex> indexes(box.polygons.begin(), box.polygons.end());
   const auto slots = fragmentsOf(*positions);
@@ -35,7 +37,7 @@ StrongPtr<Grid> crop(const StrongPtr<Grid>& grid, CropParameterBox& box) {
   const auto tested = detail::testedPoints(grid, slots, box.where, problem);
   if (!tested) {
     log.report("ERROR: --where: " + problem);
-    return nullptr;
+    return std::nullopt;
   }
   std::vector<std::vector<std::size_t>> chosen(slots.size());
   for (std::size_t k = 0; k < slots.size(); ++k) {
@@ -57,12 +59,19 @@ StrongPtr<Grid> crop(const StrongPtr<Grid>& grid, CropParameterBox& box) {
         chosen[k].push_back(i);
     }
   }
-  try {
-    return subsetOf(*grid, slots, chosen, true);
-  } catch (const std::exception& e) {
-    log.report(std::string("ERROR: ") + e.what());
-    return nullptr;
-  }
+  return KeptPoints{slots, std::move(chosen)};
+}
+
+} // namespace
+
+std::optional<KeptPoints> keptByCrop(const StrongPtr<Grid>& grid, CropParameterBox& box) {
+  Messages log("Crop: ", &box.message);
+  return keptByCrop(grid, box, log);
+}
+
+StrongPtr<Grid> crop(const StrongPtr<Grid>& grid, CropParameterBox& box) {
+  Messages log("Crop: ", &box.message);
+  return keptCloud(*grid, keptByCrop(grid, box, log), log);
 }
 
 } // namespace Quorvel

@@ -8,12 +8,14 @@
 
 #include "basalt/strong_ptr.hpp"
 #include "quorvel/core/fields.hpp"
+#include "quorvel/core/kept.hpp"
 #include "tressel/grid.hpp"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -78,6 +80,9 @@ std::vector<std::uint8_t> insidePolygons(const std::vector<Polygon>& polygons, s
 // or the box is not XMIN <= XMAX, YMIN <= YMAX.
 Basalt::StrongPtr<Tressel::Grid> crop(const Basalt::StrongPtr<Tressel::Grid>& grid,
                                       CropParameterBox& box);
+// The points crop() keeps, before anything is copied; empty with the reason as crop() gives it.
+std::optional<KeptPoints> keptByCrop(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                     CropParameterBox& box);
 
 // ---- Outliers -----------------------------------------------------------------------------
 
@@ -199,6 +204,9 @@ constexpr auto ThinParameterBox::fields() {
 // (after "Thin: ") on missing positions or an unknown mode.
 Basalt::StrongPtr<Tressel::Grid> thin(const Basalt::StrongPtr<Tressel::Grid>& grid,
                                       ThinParameterBox& box);
+// The points thin() keeps, before anything is copied; empty with the reason as thin() gives it.
+std::optional<KeptPoints> keptByThin(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                     ThinParameterBox& box);
 
 // ---- Reprojection ------------------------------------------------------------------------
 

@@ -257,37 +257,39 @@ std::vector<std::uint32_t> keptPoints(const Flat& flat, const ThinParameterBox& 
 
 } // namespace
 
-StrongPtr<Grid> thin(const StrongPtr<Grid>& grid, ThinParameterBox& box) {
+std::optional<KeptPoints> keptByThin(const StrongPtr<Grid>& grid, ThinParameterBox& box) {
   Messages log("Thin: ", &box.message);
   const auto positions = findPositions(grid, log, "ERROR: no f_vertices");
   if (!positions)
-    return nullptr;
+    return std::nullopt;
   if (box.mode != "voxel" && box.mode != "random" && box.mode != "every") {
     log.report("ERROR: unknown mode \"" + box.mode + "\" (voxel, random or every)");
-    return nullptr;
+    return std::nullopt;
   }
   const Flat flat = flatten(grid, *positions);
   // The kept points in layout order: marks over the flat numbers, read fragment by fragment.
   std::vector<std::uint8_t> marked(flat.order.size(), 0);
   for (const std::uint32_t i : keptPoints(flat, box))
     marked[i] = 1;
-  std::vector<std::vector<std::size_t>> chosen(flat.slots.size());
+  KeptPoints kept{flat.slots, std::vector<std::vector<std::size_t>>(flat.slots.size())};
   for (std::size_t k = 0; k < flat.slots.size(); ++k) {
     const auto begin = marked.begin() + static_cast<std::ptrdiff_t>(flat.start[k]);
     const auto end = k + 1 < flat.start.size()
                          ? marked.begin() + static_cast<std::ptrdiff_t>(flat.start[k + 1])
                          : marked.end();
-    chosen[k].reserve(static_cast<std::size_t>(std::count(begin, end, 1)));
+    auto& chosen = kept.indices[k];
+    chosen.reserve(static_cast<std::size_t>(std::count(begin, end, 1)));
     for (auto i = begin; i != end; ++i)
       if (*i)
-        chosen[k].push_back(static_cast<std::size_t>(i - begin));
+        chosen.push_back(static_cast<std::size_t>(i - begin));
   }
-  try {
-    return subsetOf(*grid, flat.slots, chosen, true);
-  } catch (const std::exception& e) {
-    log.report(std::string("ERROR: ") + e.what());
-    return nullptr;
-  }
+  return kept;
+}
+
+StrongPtr<Grid> thin(const StrongPtr<Grid>& grid, ThinParameterBox& box) {
+  auto kept = keptByThin(grid, box);
+  Messages log("Thin: ", &box.message);
+  return keptCloud(*grid, kept, log);
 }
 
 } // namespace Quorvel

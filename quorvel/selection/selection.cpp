@@ -134,17 +134,17 @@ bool selectPoints(const StrongPtr<Grid>& grid, SelectionParameterBox& box,
 
 } // namespace
 
+std::optional<KeptPoints> keptBySelection(const StrongPtr<Grid>& grid, SelectionParameterBox& box) {
+  KeptPoints kept;
+  if (!selectPoints(grid, box, kept.slots, kept.indices))
+    return std::nullopt;
+  return kept;
+}
+
 StrongPtr<Grid> computeSelection(const StrongPtr<Grid>& grid, SelectionParameterBox& box) {
-  std::vector<FragmentSlot> slots;
-  std::vector<std::vector<std::size_t>> chosen;
-  if (!selectPoints(grid, box, slots, chosen))
-    return nullptr;
-  try {
-    return subsetOf(*grid, slots, chosen, true);
-  } catch (const std::exception& e) {
-    Messages("Selection: ", &box.message).report(std::string("ERROR: ") + e.what());
-    return nullptr;
-  }
+  auto kept = keptBySelection(grid, box);
+  Messages log("Selection: ", &box.message);
+  return keptCloud(*grid, kept, log);
 }
 
 namespace {

@@ -8,6 +8,7 @@
 
 #include "basalt/strong_ptr.hpp"
 #include "quorvel/core/fields.hpp"
+#include "quorvel/core/kept.hpp"
 #include "tressel/grid.hpp"
 #include "tressel/mem_array.hpp"
 #include "vantor/multi_range.hpp"
@@ -19,6 +20,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -398,6 +400,10 @@ std::vector<std::uint32_t> selectedIndices(const Basalt::StrongPtr<Tressel::MemB
 // box.fieldname, or the ranges are empty and not inverted.
 Basalt::StrongPtr<Tressel::Grid> computeSelection(const Basalt::StrongPtr<Tressel::Grid>& grid,
                                                   SelectionParameterBox& box);
+// The points computeSelection() keeps, before anything is copied; empty with the reason as
+// computeSelection() gives it.
+std::optional<KeptPoints> keptBySelection(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                          SelectionParameterBox& box);
 
 // The selected points as one table of doubles: one row per selected point (in input order), one
 // column per component: x, y, z, then the fields of box.columns (a three-component field gives

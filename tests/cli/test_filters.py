@@ -428,3 +428,31 @@ def test_reproject_needs_a_system(tmp_path):
     bad = quorvel("reproject", tmp_path / "n.las", "-o", tmp_path / "o.las", "--from", "EPSG:4326",
                   "--to", "EPSG:nonsense", ok=False)
     assert "EPSG:nonsense" in bad.stderr
+
+
+# ---- kept records copied ---------------------------------------------------------------
+
+
+@pytest.mark.parametrize("sample", ["1_4_w_evlr.decoded.las", "extra.decoded.las", "wave5.las"])
+def test_kept_records_copied_give_the_file_a_cloud_gives(tmp_path, sample):
+    """Alone on a LAS file, crop, thin and select copy the kept records: the output must be the
+    file that building the kept cloud and writing it gives (--fragment-points forces that way),
+    byte for byte, VLRs, EVLRs, extra bytes and waveform records included, as LAS and as LAZ."""
+    src = pathlib.Path(os.environ.get("QUORVEL_SAMPLE_DATA", "data")) / sample
+    xyz = read_las(src)[0]
+    middle = np.median(xyz, axis=0)
+    box = "%.3f,%.3f,%.3f,%.3f" % (xyz[:, 0].min(), xyz[:, 1].min(), middle[0], middle[1])
+    cases = [["crop", "--box", box], ["crop", "--box", box, "--inverse"],
+             ["crop", "--box", "0,0,1,1"], ["thin", "--voxel", "2"], ["thin", "--every", "3"],
+             ["select", "--where", "Z > %.3f || Intensity < 100" % middle[2]]]
+    for k, case in enumerate(cases):
+        for ext in ("las", "laz"):
+            copied, built = tmp_path / f"{k}c.{ext}", tmp_path / f"{k}b.{ext}"
+            quorvel(case[0], src, "-o", copied, *case[1:], "-q")
+            quorvel(case[0], src, "-o", built, *case[1:], "-q", "--fragment-points", 10**9)
+            assert copied.read_bytes() == built.read_bytes(), (case, ext)
+    # --count still prints the count when the records are copied.
+    t = float("%.3f" % middle[2])
+    done = quorvel("select", src, "-o", tmp_path / "n.las", "--where", f"Z > {t}", "--count", "-q")
+    assert done.stdout == f"{int((xyz[:, 2] > t).sum())}\n"
+    assert len(read_las(tmp_path / "n.las")[0]) == int((xyz[:, 2] > t).sum())
