@@ -6,9 +6,6 @@
 #include "cli/commands/streams.hpp"
 #include "io/text.hpp"
 
-#include <memory>
-#include <set>
-
 namespace Quorvel::Cli {
 
 namespace {
@@ -18,19 +15,6 @@ namespace {
 bool plainLas(const std::string& path) {
   return Files::isCloudFile(path) && !Files::isBundle(path) && !Files::isStream(path) &&
          !Files::isCopc(path);
-}
-
-// The host's warnings about a file read, each said once although the file is opened twice.
-Las::StreamSettings onceWarned(const Common& common) {
-  Las::StreamSettings settings = streamSettings(common);
-  auto said = std::make_shared<std::set<std::string>>();
-  settings.readWarnings = [said](const std::string& path) -> Las::Warn {
-    return [said, path](const std::string& text) {
-      if (said->insert(path + text).second)
-        readWarnings(path)(text);
-    };
-  };
-  return settings;
 }
 
 class Convert final : public Command {
@@ -66,7 +50,7 @@ public:
     if (copiesRecords(host.common())) {
       // The records go through as they are (encoded when written as LAZ), never built into a
       // grid: the same file as through one, in a fraction of the time and bounded memory.
-      const std::uint64_t points = Las::merge({in_}, out_, onceWarned(host.common()));
+      const std::uint64_t points = Las::merge({in_}, out_, streamSettings(host.common()));
       host.summary("convert", points, "1 fragments");
       return 0;
     }

@@ -7,8 +7,9 @@
 
 namespace Quorvel::Cli {
 
-// The host's warnings, the common --box, and coordinate systems compared by what GDAL makes of
-// them (the same EPSG code, or the same WKT), so that one system written two ways is one.
+// The host's warnings (each said once per file), the common --box, and coordinate systems compared
+// by what GDAL makes of them (the same EPSG code, or the same WKT), so that one system written two
+// ways is one.
 Las::StreamSettings streamSettings(const Common& common);
 
 } // namespace Quorvel::Cli

@@ -107,6 +107,18 @@ def test_extra_bytes_descriptors_no_reader_can_apply_are_warned_of(tmp_path, des
     assert f"{path}: warning: {warning}" in done.stderr
 
 
+def test_each_warning_is_said_once_by_every_command(tmp_path):
+    # A file is opened more than once by the commands that stream it (checked, then read).
+    path = tmp_path / "extra.las"
+    small_las(path, [descriptor("height", 4, SCALE, math.nan)], 2)
+    for args in (["info", path], ["convert", path, tmp_path / "c.las"],
+                 ["merge", path, "-o", tmp_path / "m.laz"], ["thin", path, "-o", tmp_path /
+                 "t.las", "--every", 2], ["tile", path, "-o", tmp_path / "tiles", "--size", 100]):
+        done = quorvel(*args)
+        assert done.returncode == 0, done.stderr
+        assert done.stderr.count("which no reader can apply") == 1, (args, done.stderr)
+
+
 def test_usable_extra_bytes_descriptors_read_quietly(tmp_path):
     path = tmp_path / "extra.las"
     small_las(path, [descriptor("height", 4, SCALE | OFFSET, 0.01, 5.0)], 2)
