@@ -273,6 +273,16 @@ void Host::run(const std::string& what, std::size_t count,
   finish(shown, count);
 }
 
+bool recordsCanPass(const std::string& in, const std::string& out, const Las::WriteOptions& write,
+                    const Common& common) {
+  const auto plainLas = [](const std::string& path) {
+    return Files::isCloudFile(path) && !Files::isBundle(path) && !Files::isStream(path) &&
+           !Files::isCopc(path);
+  };
+  return plainLas(in) && !Files::isLaz(in) && plainLas(out) && !write.scale && !write.offset &&
+         !write.autoScale && !write.autoOffset && !common.box && common.fragmentPoints == 0;
+}
+
 bool Host::copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
                        std::uint64_t total, const std::string& output) const {
   const auto shown = progress("write " + output);

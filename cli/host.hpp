@@ -92,6 +92,12 @@ Las::Warn writeWarnings(const std::string& path);
 
 std::size_t pointCount(const Tressel::Grid& grid);
 
+// Whether the records of the LAS file in can pass into out (LAS or LAZ) as they are: neither is
+// COPC, a bundle or a stream, in is not compressed, the write keeps in's scale and offset, and
+// the whole file is read (no --box) in one fragment.
+bool recordsCanPass(const std::string& in, const std::string& out, const Las::WriteOptions& write,
+                    const Common& common);
+
 // Throws Error unless a file can be written at path: its folder exists and is writable, and
 // path is no folder. Checked before anything is read, so that a long run does not end in "no
 // such directory".

@@ -87,14 +87,8 @@ void CloudCommand::keep(Cloud& cloud, const std::optional<KeptPoints>& kept) con
 }
 
 bool CloudCommand::copiesRecords(const Host& host, const Cloud& cloud) const {
-  const auto plainLas = [](const std::string& path) {
-    return Files::isCloudFile(path) && !Files::isBundle(path) && !Files::isStream(path) &&
-           !Files::isCopc(path);
-  };
-  const Common& common = host.common();
-  return plainLas(input_) && !Files::isLaz(input_) && plainLas(output_) && !write_.scale &&
-         !write_.offset && !write_.autoScale && !write_.autoOffset && !common.box &&
-         common.fragmentPoints == 0 && !Quorvel::findOptionalField(cloud.grid, "PointIndex") &&
+  return recordsCanPass(input_, output_, write_, host.common()) &&
+         !Quorvel::findOptionalField(cloud.grid, "PointIndex") &&
          cloud.grid->CartesianPositions() && cloud.grid->CartesianPositions()->nFragments() == 1;
 }
 

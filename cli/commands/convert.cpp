@@ -10,13 +10,6 @@ namespace Quorvel::Cli {
 
 namespace {
 
-// Whether a path names a LAS or LAZ file as such: not COPC, not a bundle, not standard input or
-// output.
-bool plainLas(const std::string& path) {
-  return Files::isCloudFile(path) && !Files::isBundle(path) && !Files::isStream(path) &&
-         !Files::isCopc(path);
-}
-
 class Convert final : public Command {
 public:
   void addOptions(CLI::App& app) override {
@@ -70,13 +63,9 @@ public:
   }
 
 private:
-  // LAS into LAS or LAZ, whole, with the input's scale and offset, one fragment. (LAZ inputs go
-  // through the grid reader, whose checks of a chunk table against the file's bytes the
-  // streaming reader lacks.)
+  // LAS into LAS or LAZ, whole, with the input's scale and offset, no text columns.
   bool copiesRecords(const Common& common) const {
-    return plainLas(in_) && !Files::isLaz(in_) && plainLas(out_) && fields_.empty() &&
-           !write_.scale && !write_.offset && !write_.autoScale && !write_.autoOffset &&
-           !common.box && common.fragmentPoints == 0;
+    return fields_.empty() && recordsCanPass(in_, out_, write_, common);
   }
 
   std::string in_, out_;
