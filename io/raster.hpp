@@ -18,9 +18,26 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Quorvel::Raster {
+
+// Opens the GDAL module (rasters, coordinate systems, polygons) on a thread of its own, for a
+// run that will surely need it: the loader's work, about a hundred libraries and their symbols
+// (a tenth of a second), then overlaps the reading of the cloud instead of following it. The
+// thread does nothing else; a module that cannot be opened is reported by the first function
+// that needs it, as without this. Joined when dropped.
+class OpenedAhead {
+public:
+  OpenedAhead();
+  ~OpenedAhead();
+  OpenedAhead(const OpenedAhead&) = delete;
+  OpenedAhead& operator=(const OpenedAhead&) = delete;
+
+private:
+  std::thread thread_;
+};
 
 // Whether a path names a raster file (.tif, .tiff, .asc, .img, .vrt) rather than a cloud.
 bool isRasterFile(const std::string& path);

@@ -27,6 +27,18 @@ const Functions& functions() {
 
 } // namespace Gdal
 
+OpenedAhead::OpenedAhead()
+    : thread_([] {
+        try {
+          Gdal::functions();
+        } catch (...) { // NOLINT(bugprone-empty-catch): said again when a function needs it
+        }
+      }) {}
+
+OpenedAhead::~OpenedAhead() {
+  thread_.join();
+}
+
 Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fragmentCells,
                                         const std::string& heightField) {
   return Gdal::functions().import(path, fragmentCells, heightField);

@@ -7,6 +7,7 @@
 #include "cli/checks.hpp"
 
 #include "basalt/text.hpp"
+#include "io/raster.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
@@ -43,6 +44,9 @@ int CloudCommand::run(const Host& host) {
                                            "does not go with what the command prints");
   if (!output_.empty())
     checkOutput(output_);
+  std::optional<Raster::OpenedAhead> gdal;
+  if (opensGdal())
+    gdal.emplace();
   Cloud cloud = host.load(input_);
   const auto kept = copiesRecords(host, cloud)
                         ? advised(cloud, [&] { return keptPoints(cloud, host); })

@@ -59,6 +59,9 @@ public:
   // into the output, which costs less than copying every field and encoding the records again.
   // nullopt: the command changes the points, and apply() runs.
   virtual std::optional<KeptPoints> keptPoints(Cloud&, const Host&) { return std::nullopt; }
+  // Whether a run alone will surely open the GDAL module (polygons, coordinate transforms): it
+  // is then opened on a thread of its own while the cloud is read.
+  virtual bool opensGdal() const { return false; }
 
   void addOptions(CLI::App& app) final;
   int run(const Host& host) final;

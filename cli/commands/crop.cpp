@@ -36,6 +36,7 @@ public:
   }
 
   std::vector<const CLI::Option*> inputFiles() const override { return {polygon_}; }
+  bool opensGdal() const override { return !polygonPath_.empty(); }
 
   void apply(Cloud& cloud, const Host& host) override { keep(cloud, keptPoints(cloud, host)); }
 

@@ -34,6 +34,8 @@ public:
     app.footer(Footer);
   }
 
+  bool opensGdal() const override { return true; }
+
   void apply(Cloud& cloud, const Host& host) override {
     applyCommonThreads(threads_, host, box_.threads);
     auto info = Las::fileInfo(*cloud.grid);

@@ -39,7 +39,8 @@ PolygonIndex::PolygonIndex(const Polygon& polygon) {
       const auto& b = ring[(k + 1) % ring.size()];
       if (a == b)
         continue;
-      edges.push_back({a[0], a[1], b[0], b[1]});
+      edges.push_back(
+          {a[0], a[1], b[0], b[1], (b[0] - a[0]) / (b[1] - a[1]), (b[1] - a[1]) / (b[0] - a[0])});
       for (int d = 0; d < 2; ++d) {
         lo[d] = std::min({lo[d], a[static_cast<std::size_t>(d)], b[static_cast<std::size_t>(d)]});
         hi[d] = std::max({hi[d], a[static_cast<std::size_t>(d)], b[static_cast<std::size_t>(d)]});
@@ -135,7 +136,7 @@ void PolygonIndex::settleCells(const std::vector<Edge>& edges) {
     crossings.clear();
     for (const Edge* e : byRow[r])
       if ((e->ay > y) != (e->by > y))
-        crossings.push_back(e->ax + (y - e->ay) * (e->bx - e->ax) / (e->by - e->ay));
+        crossings.push_back(e->ax + (y - e->ay) * e->dxdy);
     std::sort(crossings.begin(), crossings.end());
     for (std::size_t c = 0; c < columns_; ++c) {
       const double x = referenceX(c);
@@ -166,8 +167,8 @@ bool PolygonIndex::contains(double x, double y) const {
       return true;
     // Without branches, which the data would make unpredictable. An edge parallel to a leg
     // gives an infinite or NaN quotient, but then its straddle test is false.
-    const double atX = e.ax + (y - e.ay) * (e.bx - e.ax) / (e.by - e.ay);
-    const double atY = e.ay + (rx - e.ax) * (e.by - e.ay) / (e.bx - e.ax);
+    const double atX = e.ax + (y - e.ay) * e.dxdy;
+    const double atY = e.ay + (rx - e.ax) * e.dydx;
     inside ^= ((e.ay > y) != (e.by > y)) & (xFrom < atX) & (atX <= xTo);
     inside ^= ((e.ax > rx) != (e.bx > rx)) & (yFrom < atY) & (atY <= yTo);
   }

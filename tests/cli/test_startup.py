@@ -135,9 +135,17 @@ def test_a_missing_module_is_named(tmp_path):
         return done.stderr
 
     gdal = tmp_path / "libquorvel_gdal.so"
-    assert fails("info", WITH_CRS) == (
-        "quorvel: error: rasters and coordinate systems need GDAL: cannot open %s: cannot open "
-        "shared object file: No such file or directory\n" % gdal)
+    missing_gdal = ("quorvel: error: rasters and coordinate systems need GDAL: cannot open %s: "
+                    "cannot open shared object file: No such file or directory\n" % gdal)
+    assert fails("info", WITH_CRS) == missing_gdal
+    # Commands that surely need GDAL open it on a thread of their own while the cloud is read:
+    # its failure is still the run's, said once.
+    square = tmp_path / "square.geojson"
+    square.write_text('{"type": "Polygon", "coordinates": [[[0, 0], [1, 0], [1, 1], [0, 0]]]}')
+    assert fails("crop", WITH_CRS, "--polygon", square, "-o", tmp_path / "c.las") == missing_gdal
+    assert fails("reproject", WITH_CRS, "--to", "EPSG:4326", "-o", tmp_path / "r.las") == (
+        missing_gdal)
+    assert not (tmp_path / "c.las").exists() and not (tmp_path / "r.las").exists()
     bundle = tmp_path / "libquorvel_bundle.so"
     assert "cannot open %s: cannot open shared object file" % bundle in fails(
         "convert", WITH_CRS, tmp_path / "a.h5")

@@ -29,8 +29,11 @@ public:
   bool contains(double x, double y) const;
 
 private:
+  // An edge from a to b with its slopes, so that crossings cost a product, not a quotient: dxdy
+  // is infinite or NaN for a horizontal edge, dydx for a vertical one, where the straddle tests
+  // that go with them are false.
   struct Edge {
-    double ax, ay, bx, by;
+    double ax, ay, bx, by, dxdy, dydx;
   };
   // A cell's state: the parity of its reference point, and whether edges cross it.
   enum : std::uint8_t { Inside = 1, Crossed = 2 };
