@@ -292,6 +292,15 @@ bool Host::copyRecords(const std::string& input, const std::vector<std::size_t>&
   return true;
 }
 
+bool Host::copyRecordsWithClasses(const std::string& input, std::span<const std::uint8_t> classes,
+                                  const std::string& output) const {
+  const auto shown = progress("write " + output);
+  if (!Las::copyRecordsWithClasses(input, classes, output))
+    return false;
+  finish(shown, classes.size());
+  return true;
+}
+
 void Host::summary(const std::string& command, const Tressel::Grid& grid) const {
   const auto positions = grid.CartesianPositions();
   summary(command, pointCount(grid),

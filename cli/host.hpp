@@ -16,6 +16,7 @@
 #include <functional>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -127,6 +128,10 @@ public:
   // than total.
   bool copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
                    std::uint64_t total, const std::string& output) const;
+  // Writes every record of the LAS file input to output with its class replaced
+  // (Las::copyRecordsWithClasses); false, with nothing written, where that cannot be done.
+  bool copyRecordsWithClasses(const std::string& input, std::span<const std::uint8_t> classes,
+                              const std::string& output) const;
   // Runs step, showing the elapsed time and the points/s over count points while it runs.
   void run(const std::string& what, std::size_t count, const std::function<void()>& step) const;
   // "quorvel <command>: <points> points, <fragments> fragments, <s> s, <points/s> points/s" on

@@ -4,6 +4,7 @@
 #include "io/detail/copc.hpp"
 #include "io/tiles.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -199,6 +200,28 @@ bool copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
     });
     next = end;
   }
+  out.finish();
+  return true;
+}
+
+bool copyRecordsWithClasses(const std::string& input, std::span<const std::uint8_t> classes,
+                            const std::string& output) {
+  Reader in(input);
+  const Header& h = in.info().header;
+  const bool whole = h.pointFormat >= 6; // the class byte alone; before: five bits and flags
+  if (h.pointCount != classes.size() ||
+      (!whole && std::any_of(classes.begin(), classes.end(), [](auto c) { return c > 31; })))
+    return false;
+  const std::size_t length = h.recordLength, at = whole ? 16 : 15;
+  Writer out(output, in.info());
+  std::size_t base = 0;
+  for (Batch batch = in.next(); batch.count > 0; base += batch.count, batch = in.next())
+    out.append(batch.count, [&](std::uint8_t* to) {
+      std::memcpy(to, batch.records, batch.count * length);
+      const std::uint8_t* cls = classes.data() + base;
+      for (std::size_t i = 0; i < batch.count; ++i, to += length)
+        to[at] = whole ? cls[i] : static_cast<std::uint8_t>((to[at] & 0xE0) | cls[i]);
+    });
   out.finish();
   return true;
 }

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -92,5 +93,14 @@ std::uint64_t merge(const std::vector<std::string>& paths, const std::string& ou
 // cloud the numbers count was not read from it whole). Throws Error.
 bool copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
                  std::uint64_t total, const std::string& output);
+
+// Writes output (.las or .laz) from every record of the LAS or LAZ file input, each with its
+// class replaced by classes[i] (one per point in file order): the whole class byte of formats 6 to
+// 10, the low five bits of the class byte before them, the flags above kept. The file that reading
+// input whole, setting those classes and writing the cloud would give. Nothing is written and
+// false returned when input holds another number of points than classes.size(), or when a class
+// above 31 would need a newer point format than input's. Throws Error.
+bool copyRecordsWithClasses(const std::string& input, std::span<const std::uint8_t> classes,
+                            const std::string& output);
 
 } // namespace Quorvel::Las

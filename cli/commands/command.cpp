@@ -47,6 +47,9 @@ int CloudCommand::run(const Host& host) {
   std::optional<Raster::OpenedAhead> gdal;
   if (opensGdal())
     gdal.emplace();
+  if (changesOnlyClasses() && recordsCanPass(input_, output_, write_, host.common()) &&
+      copiedWithClasses(host))
+    return 0;
   Cloud cloud = host.load(input_);
   const auto kept = copiesRecords(host, cloud)
                         ? advised(cloud, [&] { return keptPoints(cloud, host); })
@@ -94,6 +97,24 @@ bool CloudCommand::copiesRecords(const Host& host, const Cloud& cloud) const {
   return recordsCanPass(input_, output_, write_, host.common()) &&
          !Quorvel::findOptionalField(cloud.grid, "PointIndex") &&
          cloud.grid->CartesianPositions() && cloud.grid->CartesianPositions()->nFragments() == 1;
+}
+
+bool CloudCommand::copiedWithClasses(const Host& host) {
+  Cloud cloud = host.load(input_, {"Classification"});
+  if (!copiesRecords(host, cloud))
+    return false;
+  try {
+    change(cloud, host);
+  } catch (const Error&) {
+    return false; // said again by the run on the whole cloud, with the fields it has
+  }
+  const auto field = Quorvel::findOptionalField(cloud.grid, "Classification");
+  const auto slots = field ? fragmentsOf(*field) : std::vector<FragmentSlot>{};
+  const auto classes = slots.size() == 1 ? fragmentArray<unsigned char>(*field, slots[0]) : nullptr;
+  if (!classes || !host.copyRecordsWithClasses(input_, {classes->data(), classes->size()}, output_))
+    return false;
+  host.summary(name_, *cloud.grid);
+  return true;
 }
 
 void aboutFile(const std::string& path, const std::function<void()>& step) {

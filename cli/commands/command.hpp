@@ -59,6 +59,10 @@ public:
   // into the output, which costs less than copying every field and encoding the records again.
   // nullopt: the command changes the points, and apply() runs.
   virtual std::optional<KeptPoints> keptPoints(Cloud&, const Host&) { return std::nullopt; }
+  // For a command that, with the options given, reads the positions and classes of the points
+  // alone and changes their classes alone: alone on a LAS file, the host then reads only those
+  // and writes the output by copying the input's records with their new classes.
+  virtual bool changesOnlyClasses() const { return false; }
   // Whether a run alone will surely open the GDAL module (polygons, coordinate transforms): it
   // is then opened on a thread of its own while the cloud is read.
   virtual bool opensGdal() const { return false; }
@@ -99,6 +103,11 @@ private:
   // Whether a run alone may write the kept points by copying the records of IN: a plain LAS
   // file in, read whole in one fragment, LAS or LAZ out with its scale and offset.
   bool copiesRecords(const Host& host, const Cloud& cloud) const;
+  // The run of a command that changes only classes, reading positions and classes alone and
+  // copying the records; false, with nothing written, where the records cannot pass (a class the
+  // input's format cannot hold) or the change fails: the run then starts again on the whole
+  // cloud.
+  bool copiedWithClasses(const Host& host);
 
   std::string name_;
   std::string input_, output_;

@@ -40,6 +40,10 @@ public:
   }
 
   std::vector<const CLI::Option*> inputFiles() const override { return {source_}; }
+  // The target's positions and classes are all it reads, its classes all it changes.
+  bool changesOnlyClasses() const override {
+    return box_.fieldname == "Classification" && !box_.positions;
+  }
 
   void apply(Cloud& target, const Host& host) override {
     applyCommonThreads(threads_, host, box_.threads);

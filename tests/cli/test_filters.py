@@ -456,3 +456,29 @@ def test_kept_records_copied_give_the_file_a_cloud_gives(tmp_path, sample):
     done = quorvel("select", src, "-o", tmp_path / "n.las", "--where", f"Z > {t}", "--count", "-q")
     assert done.stdout == f"{int((xyz[:, 2] > t).sum())}\n"
     assert len(read_las(tmp_path / "n.las")[0]) == int((xyz[:, 2] > t).sum())
+
+
+@pytest.mark.parametrize("target", ["sample_nc.las", "vegetation_1_3.las", "wave9.las"])
+def test_transferred_classes_copied_into_the_records_give_the_file_a_cloud_gives(tmp_path, target):
+    """Alone on a LAS file, transfer reads the target's positions and classes only and copies its
+    records with the new classes: the output must be the file that the whole cloud gives
+    (--fragment-points forces that way), byte for byte, as LAS and LAZ, with the classes of the
+    nearest source points (the target's own points here). Classes above 31 onto a format before 6
+    need a newer format: the records cannot pass, and the whole cloud is written."""
+    dst = pathlib.Path(os.environ.get("QUORVEL_SAMPLE_DATA", "data")) / target
+    xyz = read_las(dst)[0]
+    rng = np.random.default_rng(5)
+    for low, high in ((0, 32), (32, 256)):
+        classes = rng.integers(low, high, len(xyz)).astype(np.uint8)
+        src = tmp_path / "src.las"
+        write_las(src, xyz, classes, scale=(0.001,) * 3)
+        for ext in ("las", "laz"):
+            copied, built = tmp_path / f"c.{ext}", tmp_path / f"b.{ext}"
+            args = ["transfer", src, dst, "--bands", "0.01", "-q"]
+            quorvel(*args, "-o", copied)
+            quorvel(*args, "-o", built, "--fragment-points", 10**9)
+            assert copied.read_bytes() == built.read_bytes(), (low, ext)
+        out = read_las(tmp_path / "c.las")
+        assert np.mean(out[1] == classes) > 0.99, low
+        formats = [pathlib.Path(p).read_bytes()[104] & 0x3F for p in (dst, tmp_path / "c.las")]
+        assert formats[1] == formats[0] if high == 32 or formats[0] >= 6 else formats[1] >= 6
