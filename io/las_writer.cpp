@@ -9,6 +9,7 @@
 #include "io/detail/las_write_plan.hpp"
 #include "io/files.hpp"
 #include "io/laz/laz.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include "basalt/text.hpp"
 #include "tressel/point_cloud.hpp"
@@ -22,6 +23,7 @@
 #include <limits>
 #include <memory>
 #include <unistd.h>
+#include <vector>
 
 namespace Quorvel::Las {
 
@@ -233,52 +235,90 @@ private:
   std::vector<Put> puts_;
 };
 
-// The records of every point, in file order. Streamed ones (file order is layout order, not
-// LAZ) go out to the file in blocks of about 1 MB that stay in cache; the others are assembled
-// whole, in records.
-Tally encodeRecords(const WritePlan& plan, const Layout& layout, bool streaming,
-                    std::unique_ptr<std::uint8_t[]>& records, TemporaryFile& out,
+// The records of every point, in file order, streamed to the file in blocks of about 1 MB that
+// stay in cache (file order is layout order, and not LAZ).
+template <bool Extended>
+Tally streamRecords(const WritePlan& plan, const Layout& layout, TemporaryFile& out,
                     const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
-  const std::size_t n = layout.count;
-  const std::size_t recordLength = plan.info.header.recordLength;
-  const std::vector<std::uint64_t>& place = plan.place;
-  const std::size_t blockPoints =
-      streaming ? std::max<std::size_t>(1, (std::size_t(1) << 20) / recordLength) : n;
-  records.reset( // every byte of a record is written below
+  const std::size_t n = layout.count, recordLength = plan.info.header.recordLength;
+  const std::size_t blockPoints = std::max<std::size_t>(1, (std::size_t(1) << 20) / recordLength);
+  // Every byte of a record is written below.
+  const std::unique_ptr<std::uint8_t[]> records(
       new std::uint8_t[std::max<std::size_t>(std::min(n, blockPoints), 1) * recordLength]);
   const PointEncoder encoder(plan);
   const Quantizer quantizer(plan.info.header);
   Tally tally;
   std::size_t filled = 0, g0 = 0;
   Percent percent(progress, n, "writing");
-  // The loop made once per kind of record, so that no point asks which kind it is.
-  const auto encodeAll = [&]<bool Extended>() {
-    for (std::size_t k = 0; k < layout.sizes.size(); ++k) {
-      const PointEncoder::Fragment in = encoder.fragment(layout, k);
-      for (std::size_t j = 0; j < layout.sizes[k]; ++j) {
-        const std::size_t g = g0 + j;
-        const std::size_t slot = streaming ? filled++ : place.empty() ? g : place[g];
-        std::uint8_t* r = records.get() + slot * recordLength;
-        std::memset(r, 0, recordLength);
-        encoder.encode<Extended>(quantizer, in, j, g, r, tally);
-        if (streaming && filled == blockPoints) {
-          out.write(records.get(), filled * recordLength);
-          filled = 0;
-          percent.reached(g + 1);
-        }
+  for (std::size_t k = 0; k < layout.sizes.size(); ++k) {
+    const PointEncoder::Fragment in = encoder.fragment(layout, k);
+    for (std::size_t j = 0; j < layout.sizes[k]; ++j) {
+      std::uint8_t* r = records.get() + filled++ * recordLength;
+      std::memset(r, 0, recordLength);
+      encoder.encode<Extended>(quantizer, in, j, g0 + j, r, tally);
+      if (filled == blockPoints) {
+        out.write(records.get(), filled * recordLength);
+        filled = 0;
+        percent.reached(g0 + j + 1);
       }
-      g0 += layout.sizes[k];
-      percent.reached(g0);
     }
-  };
-  if (format(plan.info.header.pointFormat).extended)
-    encodeAll.template operator()<true>();
-  else
-    encodeAll.template operator()<false>();
+    g0 += layout.sizes[k];
+    percent.reached(g0);
+  }
   percent.finish();
-  if (streaming)
-    out.write(records.get(), filled * recordLength);
+  out.write(records.get(), filled * recordLength);
   return tally;
+}
+
+// The records of every point assembled whole in records, each at its place in the file, by
+// blocks of points on all threads (a LAZ file's chunks are then compressed on all threads too):
+// each block counts its own records, and a value that does not fit is the first in file order
+// whatever the threads.
+template <bool Extended>
+Tally layRecords(const WritePlan& plan, const Layout& layout,
+                 std::unique_ptr<std::uint8_t[]>& records,
+                 const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  const std::size_t n = layout.count, recordLength = plan.info.header.recordLength;
+  records.reset(new std::uint8_t[std::max<std::size_t>(n, 1) * recordLength]); // all written
+  const PointEncoder encoder(plan);
+  const Quantizer quantizer(plan.info.header);
+  std::vector<std::size_t> starts(layout.sizes.size() + 1, 0); // first point of each fragment
+  for (std::size_t k = 0; k < layout.sizes.size(); ++k)
+    starts[k + 1] = starts[k] + layout.sizes[k];
+  constexpr std::size_t BlockPoints = 1 << 16;
+  std::vector<Tally> tallies((n + BlockPoints - 1) / BlockPoints);
+  Percent percent(progress, n, "writing");
+  forEachItem(tallies.size(), allThreads(), [&](std::size_t b) {
+    const std::size_t begin = b * BlockPoints, end = std::min(n, begin + BlockPoints);
+    auto k = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), begin) -
+                                      starts.begin() - 1);
+    PointEncoder::Fragment in = encoder.fragment(layout, k);
+    for (std::size_t g = begin; g < end; ++g) {
+      while (g >= starts[k + 1])
+        in = encoder.fragment(layout, ++k);
+      std::uint8_t* r = records.get() + (plan.place.empty() ? g : plan.place[g]) * recordLength;
+      std::memset(r, 0, recordLength);
+      encoder.encode<Extended>(quantizer, in, g - starts[k], g, r, tallies[b]);
+    }
+  });
+  percent.finish();
+  Tally tally;
+  for (const Tally& t : tallies)
+    tally.add(t);
+  return tally;
+}
+
+// The records of every point: streamed to out where the file takes them in layout order and
+// uncompressed, else assembled whole in records.
+Tally encodeRecords(const WritePlan& plan, const Layout& layout, bool streaming,
+                    std::unique_ptr<std::uint8_t[]>& records, TemporaryFile& out,
+                    const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  // Each loop made once per kind of record, so that no point asks which kind it is.
+  if (format(plan.info.header.pointFormat).extended)
+    return streaming ? streamRecords<true>(plan, layout, out, progress)
+                     : layRecords<true>(plan, layout, records, progress);
+  return streaming ? streamRecords<false>(plan, layout, out, progress)
+                   : layRecords<false>(plan, layout, records, progress);
 }
 
 void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInfo* origin,

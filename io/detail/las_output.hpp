@@ -92,6 +92,16 @@ struct Tally {
   }
   // count records of length bytes, of the legacy (0 to 5) or the extended formats.
   void add(const std::uint8_t* records, std::size_t count, std::size_t length, bool extended);
+  // The records another tally counted (of other points), as if added here.
+  void add(const Tally& other) {
+    for (std::size_t a = 0; a < 3; ++a) {
+      lo[a] = std::min(lo[a], other.lo[a]);
+      hi[a] = std::max(hi[a], other.hi[a]);
+    }
+    for (std::size_t r = 0; r < byReturn.size(); ++r)
+      byReturn[r] += other.byReturn[r];
+    count += other.count;
+  }
 };
 
 // Where the parts of a file written lie.

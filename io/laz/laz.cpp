@@ -178,10 +178,14 @@ std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
   inChunks(coded.size(), coded.size(), chunkOf, [&](std::size_t k) {
     const std::uint8_t* from = records + first[k] * recordLength;
     const auto points = static_cast<std::uint32_t>(chunkPoints[k]);
+    // Coded into a vector of this thread's own: the coder grows it byte by byte, and vectors
+    // side by side in coded would share a cache line between the threads at every byte.
+    std::vector<std::uint8_t> bytes;
     if (d.compressor == Compressor::LayeredChunked)
-      encodeLayeredChunk(from, points, d.items, recordLength, coded[k]);
+      encodeLayeredChunk(from, points, d.items, recordLength, bytes);
     else
-      encodePointwiseChunk(from, points, d.items, recordLength, coded[k]);
+      encodePointwiseChunk(from, points, d.items, recordLength, bytes);
+    coded[k] = std::move(bytes);
   });
   return coded;
 }

@@ -9,6 +9,7 @@
 #include "support/scratch_directory.hpp"
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cstring>
@@ -310,6 +311,54 @@ TEST_F(LasFiles, AFailedWriteLeavesTheEarlierFileIntact) {
   clash.addField("GradientZ", std::vector<float>{1});
   expectError(*clash.build({{0}}), "field \"Gradient\" cannot be written as extra-bytes dimension "
                                    "\"GradientZ\": another field has that name");
+}
+
+// Records assembled whole (LAZ) are laid out by blocks of points on all threads: the file and the
+// first value that does not fit are the same for any thread count, blocks crossing fragments.
+TEST_F(LasFiles, RecordsLaidOutOnManyThreadsMakeTheFileOfOne) {
+  const std::size_t n = 200003;
+  std::vector<point> xyz(n);
+  std::vector<float> angles(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    xyz[i] = {double(i % 1000) * 0.37, double(i / 1000) * 0.53, double((i * 7919) % 613) * 0.01};
+    angles[i] = float(i % 61) - 30.0f;
+  }
+  // Three fragments of uneven sizes, so that blocks of points span fragments.
+  std::vector<std::vector<std::size_t>> fragments(3);
+  for (std::size_t i = 0; i < n; ++i)
+    fragments[i < 70001 ? 0 : i < 70002 ? 1 : 2].push_back(i);
+  const auto written = [&](const std::vector<float>& a, int threads, const std::string& name) {
+    Tressel::PointCloudBuilder builder(xyz);
+    builder.addField("ScanAngle", a);
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(threads);
+    std::string error;
+    try {
+      Quorvel::Las::write(file(name), *builder.build(fragments));
+    } catch (const Quorvel::Las::Error& e) {
+      error = e.what();
+    }
+    omp_set_num_threads(before);
+    return error;
+  };
+  ASSERT_EQ(written(angles, 1, "one.laz"), "");
+  for (int threads : {2, 3})
+    ASSERT_EQ(written(angles, threads, "many.laz"), "");
+  EXPECT_TRUE(bytesOf(file("one.laz")) == bytesOf(file("many.laz")));
+  const auto back = Quorvel::Las::read(file("many.laz"));
+  EXPECT_EQ(back.info.header.pointCount, n);
+  // The bounds every block counted, joined.
+  EXPECT_EQ(back.info.header.min, (std::array<double, 3>{0, 0, 0}));
+  EXPECT_EQ(back.info.header.max, (std::array<double, 3>{999 * 0.37, 200 * 0.53, 612 * 0.01}));
+  const auto read = values<float>(*back.grid, "ScanAngle"); // in steps of 0.006 degrees
+  for (std::size_t i = 0; i < n; i += 997)
+    EXPECT_NEAR(read[i], angles[i], 0.003) << i;
+
+  angles[70001] = angles[190000] = 900.0f; // a block's first point, and a later block's
+  for (int threads : {1, 2, 3})
+    EXPECT_NE(written(angles, threads, "bad.laz").find("ScanAngle 900 of point 70001 does not fit"),
+              std::string::npos)
+        << threads;
 }
 
 struct CountingProgress : Basalt::LoaderProgress {
