@@ -10,6 +10,7 @@
 
 #include "basalt/text.hpp"
 #include "quorvel/core/core.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include "tressel/point_cloud.hpp"
 
@@ -370,15 +371,23 @@ Tressel::FragmentArrays readCompressed(OpenedFile& in, const Progress& progress,
   return cloud;
 }
 
-// A LAS file's points in one fragment, in file order.
+// A LAS file's points in one fragment, in file order, decoded by blocks of points on all threads
+// (a point's values depend on its record alone).
 Tressel::FragmentArrays readRecords(const OpenedFile& in, const Progress& progress,
                                     const std::set<std::string>& only) {
   const std::size_t n = static_cast<std::size_t>(in.pointCount);
   Tressel::FragmentArrays cloud({n});
   const Plan plan = allocate(cloud, in.info, false, only);
   Percent percent(progress, n, "reading");
-  inBlocks(n, 0, percent, [&](std::size_t from, std::size_t to) {
+  constexpr std::size_t BlockPoints = 1 << 16;
+  std::mutex mutex;
+  std::size_t done = 0;
+  forEachItem((n + BlockPoints - 1) / BlockPoints, allThreads(), [&](std::size_t b) {
+    const std::size_t from = b * BlockPoints, to = std::min(n, from + BlockPoints);
     decode(plan, in.info.header, in.records, 0, from, to, [](std::size_t j) { return j; });
+    const std::lock_guard<std::mutex> lock(mutex);
+    done += to - from;
+    percent.reached(done);
   });
   percent.finish();
   return cloud;

@@ -354,6 +354,16 @@ TEST_F(LasFiles, RecordsLaidOutOnManyThreadsMakeTheFileOfOne) {
   for (std::size_t i = 0; i < n; i += 997)
     EXPECT_NEAR(read[i], angles[i], 0.003) << i;
 
+  // Read back by blocks of points on any number of threads: the same arrays.
+  Quorvel::Las::write(file("one.las"), *Quorvel::Las::read(file("many.laz")).grid);
+  const int threads = omp_get_max_threads();
+  omp_set_num_threads(1);
+  const auto alone = contents(*Quorvel::Las::read(file("one.las")).grid);
+  omp_set_num_threads(3);
+  EXPECT_TRUE(contents(*Quorvel::Las::read(file("one.las")).grid) == alone);
+  EXPECT_TRUE(contents(*back.grid) == alone);
+  omp_set_num_threads(threads);
+
   angles[70001] = angles[190000] = 900.0f; // a block's first point, and a later block's
   for (int threads : {1, 2, 3})
     EXPECT_NE(written(angles, threads, "bad.laz").find("ScanAngle 900 of point 70001 does not fit"),
