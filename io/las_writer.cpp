@@ -235,38 +235,73 @@ private:
   std::vector<Put> puts_;
 };
 
+// Encodes the points [begin, end) of the file into the records recordAt(g) and counts them;
+// starts holds the first point of each fragment and one past the last. The tally is the
+// caller's thread's own until it is returned: tallies side by side, counted into by several
+// threads, would share cache lines at every point.
+template <bool Extended, class RecordAt>
+Tally encodeRange(const PointEncoder& encoder, const Quantizer& quantizer, const Layout& layout,
+                  const std::vector<std::size_t>& starts, std::size_t begin, std::size_t end,
+                  std::size_t recordLength, const RecordAt& recordAt) {
+  Tally tally;
+  auto k = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), begin) -
+                                    starts.begin() - 1);
+  PointEncoder::Fragment in = encoder.fragment(layout, k);
+  for (std::size_t g = begin; g < end; ++g) {
+    while (g >= starts[k + 1])
+      in = encoder.fragment(layout, ++k);
+    std::uint8_t* r = recordAt(g);
+    std::memset(r, 0, recordLength);
+    encoder.encode<Extended>(quantizer, in, g - starts[k], g, r, tally);
+  }
+  return tally;
+}
+
+// The first point of each fragment, and one past the last.
+std::vector<std::size_t> fragmentStarts(const Layout& layout) {
+  std::vector<std::size_t> starts(layout.sizes.size() + 1, 0);
+  for (std::size_t k = 0; k < layout.sizes.size(); ++k)
+    starts[k + 1] = starts[k] + layout.sizes[k];
+  return starts;
+}
+
 // The records of every point, in file order, streamed to the file in blocks of about 1 MB that
-// stay in cache (file order is layout order, and not LAZ).
+// stay in cache (file order is layout order, and not LAZ): as many blocks at a time as there are
+// threads, each encoded by one, then written in order. A value that does not fit is the first in
+// file order whatever the threads.
 template <bool Extended>
 Tally streamRecords(const WritePlan& plan, const Layout& layout, TemporaryFile& out,
                     const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
   const std::size_t n = layout.count, recordLength = plan.info.header.recordLength;
   const std::size_t blockPoints = std::max<std::size_t>(1, (std::size_t(1) << 20) / recordLength);
-  // Every byte of a record is written below.
+  const std::size_t blocks = (n + blockPoints - 1) / blockPoints;
+  const int threads = allThreads();
+  const std::size_t group = std::min(blocks, static_cast<std::size_t>(std::max(threads, 1)));
+  // Every byte of a record is written before it goes out.
   const std::unique_ptr<std::uint8_t[]> records(
-      new std::uint8_t[std::max<std::size_t>(std::min(n, blockPoints), 1) * recordLength]);
+      new std::uint8_t[std::max<std::size_t>(std::min(n, group * blockPoints), 1) * recordLength]);
   const PointEncoder encoder(plan);
   const Quantizer quantizer(plan.info.header);
-  Tally tally;
-  std::size_t filled = 0, g0 = 0;
+  const std::vector<std::size_t> starts = fragmentStarts(layout);
+  std::vector<Tally> tallies(blocks);
   Percent percent(progress, n, "writing");
-  for (std::size_t k = 0; k < layout.sizes.size(); ++k) {
-    const PointEncoder::Fragment in = encoder.fragment(layout, k);
-    for (std::size_t j = 0; j < layout.sizes[k]; ++j) {
-      std::uint8_t* r = records.get() + filled++ * recordLength;
-      std::memset(r, 0, recordLength);
-      encoder.encode<Extended>(quantizer, in, j, g0 + j, r, tally);
-      if (filled == blockPoints) {
-        out.write(records.get(), filled * recordLength);
-        filled = 0;
-        percent.reached(g0 + j + 1);
-      }
-    }
-    g0 += layout.sizes[k];
-    percent.reached(g0);
+  for (std::size_t first = 0; first < blocks; first += group) {
+    const std::size_t count = std::min(group, blocks - first);
+    forEachItem(count, threads, [&](std::size_t b) {
+      const std::size_t begin = (first + b) * blockPoints, end = std::min(n, begin + blockPoints);
+      std::uint8_t* block = records.get() + b * blockPoints * recordLength;
+      tallies[first + b] =
+          encodeRange<Extended>(encoder, quantizer, layout, starts, begin, end, recordLength,
+                                [&](std::size_t g) { return block + (g - begin) * recordLength; });
+    });
+    const std::size_t done = std::min(n, (first + count) * blockPoints);
+    out.write(records.get(), (done - first * blockPoints) * recordLength);
+    percent.reached(done);
   }
   percent.finish();
-  out.write(records.get(), filled * recordLength);
+  Tally tally;
+  for (const Tally& t : tallies)
+    tally.add(t);
   return tally;
 }
 
@@ -282,24 +317,17 @@ Tally layRecords(const WritePlan& plan, const Layout& layout,
   records.reset(new std::uint8_t[std::max<std::size_t>(n, 1) * recordLength]); // all written
   const PointEncoder encoder(plan);
   const Quantizer quantizer(plan.info.header);
-  std::vector<std::size_t> starts(layout.sizes.size() + 1, 0); // first point of each fragment
-  for (std::size_t k = 0; k < layout.sizes.size(); ++k)
-    starts[k + 1] = starts[k] + layout.sizes[k];
+  const std::vector<std::size_t> starts = fragmentStarts(layout);
   constexpr std::size_t BlockPoints = 1 << 16;
   std::vector<Tally> tallies((n + BlockPoints - 1) / BlockPoints);
   Percent percent(progress, n, "writing");
   forEachItem(tallies.size(), allThreads(), [&](std::size_t b) {
-    const std::size_t begin = b * BlockPoints, end = std::min(n, begin + BlockPoints);
-    auto k = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), begin) -
-                                      starts.begin() - 1);
-    PointEncoder::Fragment in = encoder.fragment(layout, k);
-    for (std::size_t g = begin; g < end; ++g) {
-      while (g >= starts[k + 1])
-        in = encoder.fragment(layout, ++k);
-      std::uint8_t* r = records.get() + (plan.place.empty() ? g : plan.place[g]) * recordLength;
-      std::memset(r, 0, recordLength);
-      encoder.encode<Extended>(quantizer, in, g - starts[k], g, r, tallies[b]);
-    }
+    const std::size_t begin = b * BlockPoints;
+    tallies[b] = encodeRange<Extended>(
+        encoder, quantizer, layout, starts, begin, std::min(n, begin + BlockPoints), recordLength,
+        [&](std::size_t g) {
+          return records.get() + (plan.place.empty() ? g : plan.place[g]) * recordLength;
+        });
   });
   percent.finish();
   Tally tally;
