@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
+#include <utility>
 
 namespace Quorvel::detail {
 
@@ -27,8 +28,12 @@ Eigen solve(const double (&moments)[6]) {
   Vantor::Quadratic<3, double> v;
   Vantor::Row<3, double> values;
   Vantor::UnsortedEigenVectors<3, double>(a, v, values, 1e-10);
+  // Ascending, equal values in the solver's order: a stable insertion sort of three, which,
+  // unlike std::stable_sort, asks for no buffer on every call.
   int order[3] = {0, 1, 2};
-  std::stable_sort(order, order + 3, [&](int x, int y) { return values[x] < values[y]; });
+  for (int i = 1; i < 3; ++i)
+    for (int j = i; j > 0 && values[order[j]] < values[order[j - 1]]; --j)
+      std::swap(order[j], order[j - 1]);
   Eigen e;
   e.l0 = values[order[0]];
   e.l1 = values[order[1]];
