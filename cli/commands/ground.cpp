@@ -40,6 +40,9 @@ public:
     app.footer(Footer);
   }
 
+  // Positions and classes are all it reads, classes all it changes.
+  bool changesOnlyClasses() const override { return true; }
+
   void apply(Cloud& cloud, const Host& host) override {
     std::size_t ground = 0;
     host.run("ground", pointCount(*cloud.grid), [&] { ground = groundFilter(cloud.grid, box_); });

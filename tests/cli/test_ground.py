@@ -130,6 +130,21 @@ def test_result_does_not_move_with_the_coordinates(scene, tmp_path):
     assert np.array_equal(read_classes(tmp_path / "out.las"), read_classes(tmp_path / "near.las"))
 
 
+def test_records_copied_with_their_classes_give_the_file_a_cloud_gives(scene, tmp_path):
+    """Alone on a LAS file, ground reads positions and classes only and copies the records with
+    the new classes: the file that the whole cloud gives (--fragment-points forces that way),
+    byte for byte, as LAS and LAZ, on the scene and on a real file with colours and GPS times."""
+    folder, _, _ = scene
+    real = pathlib.Path(os.environ.get("QUORVEL_SAMPLE_DATA", "data")) / "sample_nc.las"
+    for source in (folder / "scene.las", real):
+        for ext in ("las", "laz"):
+            copied, built = tmp_path / f"c.{ext}", tmp_path / f"b.{ext}"
+            run("-q", "ground", source, "-o", copied)
+            run("-q", "--fragment-points", 10**9, "ground", source, "-o", built)
+            assert copied.read_bytes() == built.read_bytes(), (source, ext)
+    assert set(np.unique(read_classes(tmp_path / "c.las"))) == {1, 2}
+
+
 def test_kept_classes_and_reset(scene, tmp_path):
     folder, xyz, is_ground = scene
     rng = np.random.default_rng(5)
