@@ -38,6 +38,9 @@ public:
     app.footer(Footer);
   }
 
+  // Classifying without --where, positions and classes are all it reads, classes all it changes.
+  bool changesOnlyClasses() const override { return !box_.remove && box_.where.empty(); }
+
   void apply(Cloud& cloud, const Host& host) override {
     applyCommonThreads(threads_, host, box_.threads);
     box_.message.clear();

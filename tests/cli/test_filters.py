@@ -482,3 +482,19 @@ def test_transferred_classes_copied_into_the_records_give_the_file_a_cloud_gives
         assert np.mean(out[1] == classes) > 0.99, low
         formats = [pathlib.Path(p).read_bytes()[104] & 0x3F for p in (dst, tmp_path / "c.las")]
         assert formats[1] == formats[0] if high == 32 or formats[0] >= 6 else formats[1] >= 6
+
+
+@pytest.mark.parametrize("sample", ["sample_c.las", "wave9.las"])
+def test_outliers_classified_in_the_copied_records_give_the_file_a_cloud_gives(tmp_path, sample):
+    """Alone on a LAS file, outliers --classify reads positions and classes only and copies the
+    records with the new classes: byte for byte the file the whole cloud gives, as LAS and LAZ;
+    with --where (other fields read) the whole cloud is written, as before."""
+    src = pathlib.Path(os.environ.get("QUORVEL_SAMPLE_DATA", "data")) / sample
+    for extra in ([], ["--where", "Intensity > 10"]):
+        for ext in ("las", "laz"):
+            copied, built = tmp_path / f"c.{ext}", tmp_path / f"b.{ext}"
+            args = ["outliers", src, "--multiplier", "1", *extra, "-q"]
+            quorvel(*args, "-o", copied)
+            quorvel(*args, "-o", built, "--fragment-points", 10**9)
+            assert copied.read_bytes() == built.read_bytes(), (extra, ext)
+        assert 7 in read_las(tmp_path / "c.las")[1], extra
