@@ -39,7 +39,10 @@ public:
   }
 
   // Classifying without --where, positions and classes are all it reads, classes all it changes.
-  bool changesOnlyClasses() const override { return !box_.remove && box_.where.empty(); }
+  // A class above 31 may need a newer point format than the file's, and so the whole cloud.
+  bool changesOnlyClasses() const override {
+    return !box_.remove && box_.where.empty() && box_.classify < 32;
+  }
 
   void apply(Cloud& cloud, const Host& host) override {
     applyCommonThreads(threads_, host, box_.threads);
