@@ -266,14 +266,7 @@ public:
     out.clear();
     walk(
         *root, [&](const Node& n) { return euclideanMiss(n, centre, radius); },
-        [&](const Leaf& leaf) {
-          const double r2 = radius * radius;
-          for (std::size_t j = 0; j < leaf.points.size(); ++j) {
-            const double d2 = squaredDistance(leaf.points[j], centre);
-            if (d2 <= r2)
-              out.emplace_back(d2, leaf.indices[j]);
-          }
-        });
+        [&](const Leaf& leaf) { appendWithin(leaf, centre, radius * radius, out); });
     sortByDistance(out);
   }
 
@@ -291,11 +284,7 @@ public:
         *root, [&](const Node& n) { return euclideanMiss(n, centre, radius); },
         [&](const Leaf& leaf) {
           if (!leaf.copies || leaf.points.empty()) {
-            for (std::size_t j = 0; j < leaf.points.size(); ++j) {
-              const double d2 = squaredDistance(leaf.points[j], centre);
-              if (d2 <= r2)
-                out.emplace_back(d2, leaf.indices[j]), ++found;
-            }
+            found += appendWithin(leaf, centre, r2, out);
             return;
           }
           const double d2 = squaredDistance(leaf.points.front(), centre);
@@ -389,6 +378,23 @@ private:
     return true;
   }
   // Squared distance over the D axes.
+  // Appends (squared distance, index) for the leaf's points within squared distance r2 of
+  // centre, in the leaf's order; returns how many. The query is held in locals: as far as the
+  // compiler can tell, appending to out might write over the caller's values, which it would
+  // then read again for every point.
+  static std::size_t appendWithin(const Leaf& leaf, const Point& centre, double r2,
+                                  std::vector<std::pair<double, Index>>& out) {
+    const Point q = centre;
+    const Point* points = leaf.points.data();
+    const Index* indices = leaf.indices.data();
+    const std::size_t n = leaf.points.size(), before = out.size();
+    for (std::size_t j = 0; j < n; ++j) {
+      const double d2 = squaredDistance(points[j], q);
+      if (d2 <= r2)
+        out.emplace_back(d2, indices[j]);
+    }
+    return out.size() - before;
+  }
   static double squaredDistance(const Point& a, const Point& b) {
     double s = 0.0;
     for (int k = 0; k < D; ++k) {
