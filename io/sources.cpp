@@ -2,6 +2,8 @@
 // Quorvel: LAS and LAZ files joined record by record: checked against the first, read in
 // batches, their coordinates placed on the first's scale and offset; merge() on top.
 #include "io/detail/copc.hpp"
+#include "io/detail/las_formats.hpp"
+#include "io/detail/las_record.hpp"
 #include "io/tiles.hpp"
 
 #include <algorithm>
@@ -95,6 +97,14 @@ void requantize(std::uint8_t* records, std::size_t count, std::size_t length, co
     }
     std::memcpy(records + i * length, raw, 12);
   }
+}
+
+// Sets the class of count records of length bytes from classes, one each.
+template <class Record>
+void setClasses(std::uint8_t* records, std::size_t count, std::size_t length,
+                const std::uint8_t* classes) {
+  for (std::size_t i = 0; i < count; ++i)
+    Record(records + i * length).setClassification(classes[i]);
 }
 
 } // namespace
@@ -208,19 +218,20 @@ bool copyRecordsWithClasses(const std::string& input, std::span<const std::uint8
                             const std::string& output) {
   Reader in(input);
   const Header& h = in.info().header;
-  const bool whole = h.pointFormat >= 6; // the class byte alone; before: five bits and flags
+  const bool extended = detail::format(h.pointFormat).extended;
   if (h.pointCount != classes.size() ||
-      (!whole && std::any_of(classes.begin(), classes.end(), [](auto c) { return c > 31; })))
+      (!extended && std::any_of(classes.begin(), classes.end(), [](auto c) { return c > 31; })))
     return false;
-  const std::size_t length = h.recordLength, at = whole ? 16 : 15;
+  const std::size_t length = h.recordLength;
   Writer out(output, in.info());
   std::size_t base = 0;
   for (Batch batch = in.next(); batch.count > 0; base += batch.count, batch = in.next())
     out.append(batch.count, [&](std::uint8_t* to) {
       std::memcpy(to, batch.records, batch.count * length);
-      const std::uint8_t* cls = classes.data() + base;
-      for (std::size_t i = 0; i < batch.count; ++i, to += length)
-        to[at] = whole ? cls[i] : static_cast<std::uint8_t>((to[at] & 0xE0) | cls[i]);
+      if (extended)
+        setClasses<detail::ExtendedRecordOut>(to, batch.count, length, classes.data() + base);
+      else
+        setClasses<detail::LegacyRecordOut>(to, batch.count, length, classes.data() + base);
     });
   out.finish();
   return true;

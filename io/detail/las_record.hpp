@@ -104,6 +104,13 @@ public:
   void setXyz(const std::int32_t xyz[3]) const requires(!std::is_const_v<Byte>) {
     std::memcpy(r_, xyz, 12);
   }
+  // A class the record holds: any byte (extended), below 32 (legacy, the flags above it kept).
+  void setClassification(unsigned c) const requires(!std::is_const_v<Byte>) {
+    if constexpr (Extended)
+      r_[L::Classification] = static_cast<std::uint8_t>(c);
+    else
+      r_[L::Flags] = static_cast<std::uint8_t>((r_[L::Flags] & ~31u) | c);
+  }
   // Stores steps already rounded and known to fit the record's integer.
   void setScanAngleSteps(std::int16_t steps) const requires(!std::is_const_v<Byte>) {
     if constexpr (Extended)
