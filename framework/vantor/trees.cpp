@@ -26,44 +26,91 @@ BucketTree<Index, D>::BucketTree(const Basalt::StrongPtr<BoundingBox>& box, unsi
 }
 
 template <class Index, int D>
-void BucketTree<Index, D>::build() const {
+void BucketTree<Index, D>::build(int threads) const {
   const std::size_t n = ids_.size();
   nodes_.clear();
   leafCells_.clear();
   if (n == 0)
     return;
-  std::vector<Keyed> scratch;
-  std::vector<Keyed> keyed = keyedByLeadingCells(scratch);
-  // Room for more nodes than a division usually makes: a reserve that is never touched costs
-  // no memory, a vector that grows holds its old and new room at once.
-  nodes_.reserve(4 * n / capacity_ + 16);
-  leafCells_.reserve(4 * n / capacity_ + 16);
-  nodes_.push_back({});
-  divide(0, 0, 0, n, 0, keyed, scratch);
-  std::vector<Keyed>().swap(scratch);
+  std::vector<Keyed> keyed = keyedByLeadingCells(threads);
+  // The top of the division on this thread, down to cells of a sixteenth of a thread's share,
+  // which are then divided apart on all threads and joined in the order one thread makes.
+  Division top;
+  top.grain = threads > 1 ? n / (16 * static_cast<std::size_t>(threads)) : 0;
+  top.nodes.push_back({});
+  std::vector<std::vector<Keyed>> scratch(static_cast<std::size_t>(std::max(threads, 1)));
+  divide(top, 0, 0, n, 0, keyed, scratch[0]);
+  std::vector<Division> parts(top.left.size());
+  Basalt::inParts(parts.size(), threads, [&](std::size_t k, int thread) {
+    const Subtree& cell = top.left[k];
+    parts[k].nodes.push_back({});
+    divide(parts[k], 0, cell.b, cell.e, cell.level, keyed,
+           scratch[static_cast<std::size_t>(thread)]);
+  });
+  std::vector<std::vector<Keyed>>().swap(scratch);
+  join(top, parts, keyed);
   makeTable(keyed);
-  place(keyed);
+  place(keyed, threads);
 }
 
 template <class Index, int D>
-auto BucketTree<Index, D>::keyedByLeadingCells(std::vector<Keyed>& scratch) const
-    -> std::vector<Keyed> {
+auto BucketTree<Index, D>::keyedByLeadingCells(int threads) const -> std::vector<Keyed> {
   const auto keyOf = [this](std::size_t i) {
     const double c[3] = {x_[i], y_[i], z_[i]};
     return cellKey(c);
   };
   std::vector<std::size_t> starts;
-  std::vector<Keyed> keyed = inLeadingCells<Keyed>(
+  return inLeadingCells<Keyed>(
       ids_.size(), keyOf,
       [](std::size_t i, std::uint64_t key) {
         return Keyed{key, i};
       },
-      starts);
-  std::size_t largest = 0;
-  for (std::size_t c = 1; c < starts.size(); ++c)
-    largest = std::max(largest, starts[c] - starts[c - 1]);
-  scratch.resize(largest);
-  return keyed;
+      starts, threads);
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::join(const Division& top, const std::vector<Division>& parts,
+                                const std::vector<Keyed>& keyed) const {
+  std::vector<std::uint32_t> partOf(top.nodes.size(), NoNode);
+  for (std::size_t k = 0; k < top.left.size(); ++k)
+    partOf[top.left[k].node] = static_cast<std::uint32_t>(k);
+  std::size_t count = top.nodes.size();
+  for (const Division& part : parts)
+    count += part.nodes.size();
+  // Room for every node from the start: a vector that grows holds its old and new room at once.
+  nodes_.reserve(count);
+  leafCells_.reserve(count);
+  nodes_.push_back({});
+  joinNode(top, 0, 0, 0, top, partOf, parts, keyed);
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::joinNode(const Division& from, std::size_t local, std::size_t self,
+                                    std::size_t parent, const Division& top,
+                                    const std::vector<std::uint32_t>& partOf,
+                                    const std::vector<Division>& parts,
+                                    const std::vector<Keyed>& keyed) const {
+  if (&from == &top && partOf[local] != NoNode)
+    return joinNode(parts[partOf[local]], 0, self, parent, top, partOf, parts, keyed);
+  Node node = from.nodes[local];
+  if (node.leaf) {
+    nodes_[self] = node;
+    // Its cell: the keys sharing the first `level` digits with its entries'.
+    const int shift = (Levels - node.level) * D;
+    LeafCell cell{};
+    cell.first = (keyed[node.first].key >> shift) << shift;
+    cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
+    cell.node = static_cast<std::uint32_t>(self);
+    cell.parent = static_cast<std::uint32_t>(parent);
+    leafCells_.push_back(cell);
+    return;
+  }
+  const std::size_t first = nodes_.size();
+  nodes_.resize(first + node.count);
+  for (std::size_t c = 0; c < node.count; ++c)
+    joinNode(from, node.first + c, first + c, self, top, partOf, parts, keyed);
+  node.first = first;
+  nodes_[self] = node;
 }
 
 template <class Index, int D>
@@ -102,11 +149,15 @@ void BucketTree<Index, D>::tabulate(const Node& node, const std::vector<Keyed>& 
 }
 
 template <class Index, int D>
-void BucketTree<Index, D>::divide(std::size_t parent, std::size_t self, std::size_t b,
-                                  std::size_t e, int level, std::vector<Keyed>& keyed,
+void BucketTree<Index, D>::divide(Division& into, std::size_t self, std::size_t b, std::size_t e,
+                                  int level, std::vector<Keyed>& keyed,
                                   std::vector<Keyed>& scratch) const {
   constexpr int Cells = 1 << D;
   std::array<std::size_t, Cells + 1> start{};
+  if (self != 0 && e - b <= into.grain && e - b > capacity_ && level < Levels) {
+    into.left.push_back({self, b, e, level});
+    return;
+  }
   for (; e - b > capacity_ && level < Levels; ++level) {
     const int shift = (Levels - 1 - level) * D;
     start.fill(0);
@@ -118,36 +169,28 @@ void BucketTree<Index, D>::divide(std::size_t parent, std::size_t self, std::siz
       start[c + 1] += start[c];
     toCells(keyed.data() + b, e - b, start, shift, scratch);
 
-    const std::size_t first = nodes_.size();
+    const std::size_t first = into.nodes.size();
     std::size_t children = 0;
     for (int c = 0; c < Cells; ++c)
       children += start[c + 1] > start[c] ? 1 : 0;
-    nodes_.resize(first + children);
+    into.nodes.resize(first + children);
     std::size_t child = first;
     for (int c = 0; c < Cells; ++c)
       if (start[c + 1] > start[c])
-        divide(self, child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch);
-    Node& node = nodes_[self];
+        divide(into, child++, b + start[c], b + start[c + 1], level + 1, keyed, scratch);
+    Node& node = into.nodes[self];
     node.first = first;
     node.count = children;
     node.leaf = false;
     node.level = static_cast<unsigned char>(level);
     return;
   }
-  Node& leaf = nodes_[self];
+  Node& leaf = into.nodes[self];
   leaf.first = b;
   leaf.count = e - b;
   leaf.distinct = e - b;
   leaf.leaf = true;
   leaf.level = static_cast<unsigned char>(level);
-  // Its cell: the keys sharing the first `level` digits with its entries'.
-  const int shift = (Levels - level) * D;
-  LeafCell cell{};
-  cell.first = (keyed[b].key >> shift) << shift;
-  cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
-  cell.node = static_cast<std::uint32_t>(self);
-  cell.parent = static_cast<std::uint32_t>(parent);
-  leafCells_.push_back(cell);
 }
 
 template <class Index, int D>
@@ -169,13 +212,40 @@ void BucketTree<Index, D>::toCells(Keyed* items, std::size_t count,
 }
 
 template <class Index, int D>
-void BucketTree<Index, D>::place(std::vector<Keyed>& keyed) const {
-  inLeafOrder(keyed, x_);
-  inLeafOrder(keyed, y_);
-  inLeafOrder(keyed, z_);
-  inLeafOrder(keyed, ids_);
-  std::vector<std::size_t> order;
-  for (LeafCell& cell : leafCells_) {
+void BucketTree<Index, D>::place(std::vector<Keyed>& keyed, int threads) const {
+  inLeafOrder(keyed, x_, threads);
+  inLeafOrder(keyed, y_, threads);
+  inLeafOrder(keyed, z_, threads);
+  inLeafOrder(keyed, ids_, threads);
+  // Leaves apart in runs of cells, each leaf written by one thread only.
+  const std::size_t runs = threads > 1 ? 16 * static_cast<std::size_t>(threads) : 1;
+  std::vector<std::vector<std::size_t>> orders(static_cast<std::size_t>(std::max(threads, 1)));
+  Basalt::inParts(runs, threads, [&](std::size_t k, int thread) {
+    placeLeaves(leafCells_.size() * k / runs, leafCells_.size() * (k + 1) / runs,
+                orders[static_cast<std::size_t>(thread)]);
+  });
+  // Children come after their parent, so a backward pass meets them first.
+  for (std::size_t j = nodes_.size(); j-- > 0;) {
+    Node& node = nodes_[j];
+    if (node.leaf)
+      continue;
+    for (int k = 0; k < D; ++k) {
+      node.lo[k] = nodes_[node.first].lo[k];
+      node.hi[k] = nodes_[node.first].hi[k];
+    }
+    for (std::size_t c = node.first + 1; c < node.first + node.count; ++c)
+      for (int k = 0; k < D; ++k) {
+        node.lo[k] = std::min(node.lo[k], nodes_[c].lo[k]);
+        node.hi[k] = std::max(node.hi[k], nodes_[c].hi[k]);
+      }
+  }
+}
+
+template <class Index, int D>
+void BucketTree<Index, D>::placeLeaves(std::size_t first, std::size_t last,
+                                       std::vector<std::size_t>& order) const {
+  for (std::size_t at = first; at < last; ++at) {
+    LeafCell& cell = leafCells_[at];
     Node& leaf = nodes_[cell.node];
     const std::size_t b = leaf.first, e = b + leaf.count;
     // Of equally near entries, the first is then the one with the smallest index.
@@ -208,40 +278,32 @@ void BucketTree<Index, D>::place(std::vector<Keyed>& keyed) const {
     cellBox(leaf.level, cell.lo, cell.hi);
     cellBox(nodes_[cell.parent].level, cell.outerLo, cell.outerHi);
   }
-  // Children come after their parent, so a backward pass meets them first.
-  for (std::size_t j = nodes_.size(); j-- > 0;) {
-    Node& node = nodes_[j];
-    if (node.leaf)
-      continue;
-    for (int k = 0; k < D; ++k) {
-      node.lo[k] = nodes_[node.first].lo[k];
-      node.hi[k] = nodes_[node.first].hi[k];
-    }
-    for (std::size_t c = node.first + 1; c < node.first + node.count; ++c)
-      for (int k = 0; k < D; ++k) {
-        node.lo[k] = std::min(node.lo[k], nodes_[c].lo[k]);
-        node.hi[k] = std::max(node.hi[k], nodes_[c].hi[k]);
-      }
-  }
 }
 
 template <class Index, int D>
 template <class T>
-void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values) {
+void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values,
+                                       int threads) {
   static_assert(sizeof(T) <= sizeof(std::uint64_t) && std::is_trivially_copyable_v<T>);
   constexpr std::size_t Ahead = 16;
   const std::size_t n = keyed.size();
-  for (std::size_t i = 0; i < n; ++i) {
-    if (i + Ahead < n)
-      __builtin_prefetch(&values[keyed[i + Ahead].source]);
-    std::uint64_t word = 0;
-    std::memcpy(&word, &values[keyed[i].source], sizeof(T));
-    keyed[i].key = word;
-  }
-  for (std::size_t i = 0; i < n; ++i) {
-    const std::uint64_t word = keyed[i].key;
-    std::memcpy(&values[i], &word, sizeof(T));
-  }
+  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
+  // Each value to the key of its place, then all back: no thread writes a value another reads.
+  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
+    for (std::size_t i = n * k / parts, e = n * (k + 1) / parts; i < e; ++i) {
+      if (i + Ahead < n)
+        __builtin_prefetch(&values[keyed[i + Ahead].source]);
+      std::uint64_t word = 0;
+      std::memcpy(&word, &values[keyed[i].source], sizeof(T));
+      keyed[i].key = word;
+    }
+  });
+  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
+    for (std::size_t i = n * k / parts, e = n * (k + 1) / parts; i < e; ++i) {
+      const std::uint64_t word = keyed[i].key;
+      std::memcpy(&values[i], &word, sizeof(T));
+    }
+  });
 }
 
 template <class Index, int D>
@@ -296,14 +358,14 @@ void BucketTree<Index, D>::rearrange(std::size_t b, const std::vector<std::size_
 }
 
 template BucketTree<unsigned, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&, unsigned);
-template void BucketTree<unsigned, 2>::build() const;
+template void BucketTree<unsigned, 2>::build(int) const;
 template BucketTree<unsigned, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&, unsigned);
-template void BucketTree<unsigned, 3>::build() const;
+template void BucketTree<unsigned, 3>::build(int) const;
 template BucketTree<unsigned long long, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
                                                        unsigned);
-template void BucketTree<unsigned long long, 2>::build() const;
+template void BucketTree<unsigned long long, 2>::build(int) const;
 template BucketTree<unsigned long long, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
                                                        unsigned);
-template void BucketTree<unsigned long long, 3>::build() const;
+template void BucketTree<unsigned long long, 3>::build(int) const;
 
 } // namespace Vantor

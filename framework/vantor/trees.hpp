@@ -3,6 +3,7 @@
 // (QuadTree), keyed by point index.
 #pragma once
 
+#include "basalt/parts.hpp"
 #include "basalt/radix_sort.hpp"
 #include "basalt/strong_ptr.hpp"
 #include "vantor/bounding_box.hpp"
@@ -49,7 +50,8 @@ namespace Vantor {
 // own order, most of them from the leaf of their own cell.
 //
 // Thread-safety: insert from one thread; afterwards const queries from many threads at once (the
-// first of them builds the division under a lock, the others wait for it).
+// first of them builds the division under a lock, the others wait for it). prepare(threads)
+// builds it on several threads instead: the same nodes in the same order as one thread makes.
 template <class Index, int D>
 class BucketTree : public Basalt::ReferenceBase {
   static_assert(D == 2 || D == 3, "the tree has two or three dimensions");
@@ -98,8 +100,9 @@ public:
   std::size_t size() const { return count_; }
 
   // Divides the entries now instead of at the first query, so that a caller can build the tree
-  // before it sets up the queries, and the two never hold their working memory at once.
-  void prepare() const { prepared(); }
+  // before it sets up the queries, and the two never hold their working memory at once; on
+  // `threads` threads, with the tree one thread would make (its order decides ties).
+  void prepare(int threads = 1) const { prepared(threads); }
 
   // Every entry within radius of q, keyed by squared distance, nearest first; equally near
   // entries by ascending index, so the first entry is the one findNearest gives.
@@ -403,14 +406,15 @@ private:
     return order;
   }
 
-  // True once the division is built and holds at least one entry.
-  bool prepared() const {
+  // True once the division is built (on `threads` threads if it is built now) and holds at least
+  // one entry.
+  bool prepared(int threads = 1) const {
     if (!valid_)
       return false;
     if (!built_.load(std::memory_order_acquire)) {
       std::lock_guard<std::mutex> lock(building_);
       if (!built_.load(std::memory_order_relaxed)) {
-        build();
+        build(threads);
         built_.store(true, std::memory_order_release);
       }
     }
@@ -439,31 +443,55 @@ private:
   // Divides every entry (those of an earlier division, then the new ones) into nodes. Entries
   // wait in the coordinate arrays in insertion order; only their keys are sorted, and the arrays
   // are then put in leaf order one at a time, so a build holds little more than the entries.
-  void build() const;
+  void build(int threads) const;
 
   // The entries' keys in the order of their leading cells (insertion order within each): the
-  // division then needs room to sort only the largest of those cells, not every entry once more.
-  // `scratch` gets that room.
-  std::vector<Keyed> keyedByLeadingCells(std::vector<Keyed>& scratch) const;
+  // division then needs room to sort only within those cells, not every entry once more.
+  std::vector<Keyed> keyedByLeadingCells(int threads) const;
 
   // Items 0 .. count - 1, each made by make(i, key) from its cell key keyOf(i), in the order of
   // their cells LeadingLevels levels down (in item order within each): counted first, then put
   // in place, with no second array. `starts` gets where each of those cells begins, and the end.
+  // On several threads each counts and places a block of items of its own, its items of a cell
+  // after those of the blocks before it: the order of one pass.
   static constexpr int LeadingLevels = 12 / D; // 4,096 cells
   static constexpr int LeadingShift = (Levels - LeadingLevels) * D;
+  static constexpr std::size_t LeadingCells = std::size_t{1} << (LeadingLevels * D);
   template <class T, class KeyOf, class Make>
   static std::vector<T> inLeadingCells(std::size_t count, const KeyOf& keyOf, const Make& make,
-                                       std::vector<std::size_t>& starts) {
-    starts.assign((std::size_t{1} << (LeadingLevels * D)) + 1, 0);
-    for (std::size_t i = 0; i < count; ++i)
-      ++starts[(keyOf(i) >> LeadingShift) + 1];
-    std::partial_sum(starts.begin(), starts.end(), starts.begin());
-    std::vector<std::size_t> next(starts.begin(), starts.end() - 1);
-    std::vector<T> items(count);
-    for (std::size_t i = 0; i < count; ++i) {
-      const std::uint64_t key = keyOf(i);
-      items[next[key >> LeadingShift]++] = make(i, key);
+                                       std::vector<std::size_t>& starts, int threads = 1) {
+    constexpr std::size_t MinBlock = 65536; // fewer items are not worth a thread
+    const std::size_t blocks =
+        std::clamp<std::size_t>(static_cast<std::size_t>(std::max(threads, 1)), 1,
+                                std::max<std::size_t>(count / MinBlock, 1));
+    const auto block = [&](std::size_t k) {
+      return std::pair{count * k / blocks, count * (k + 1) / blocks};
+    };
+    std::vector<std::size_t> next(blocks * LeadingCells, 0); // per block, then where it places
+    Basalt::inParts(blocks, threads, [&](std::size_t k, int) {
+      std::size_t* counts = next.data() + k * LeadingCells;
+      for (auto [i, e] = block(k); i < e; ++i)
+        ++counts[keyOf(i) >> LeadingShift];
+    });
+    starts.assign(LeadingCells + 1, 0);
+    std::size_t at = 0;
+    for (std::size_t c = 0; c < LeadingCells; ++c) {
+      starts[c] = at;
+      for (std::size_t k = 0; k < blocks; ++k) {
+        const std::size_t counted = next[k * LeadingCells + c];
+        next[k * LeadingCells + c] = at;
+        at += counted;
+      }
     }
+    starts[LeadingCells] = at;
+    std::vector<T> items(count);
+    Basalt::inParts(blocks, threads, [&](std::size_t k, int) {
+      std::size_t* place = next.data() + k * LeadingCells;
+      for (auto [i, e] = block(k); i < e; ++i) {
+        const std::uint64_t key = keyOf(i);
+        items[place[key >> LeadingShift]++] = make(i, key);
+      }
+    });
     return items;
   }
 
@@ -525,12 +553,35 @@ private:
       visit(nodes_[found[j]]);
   }
 
-  // Makes node `self` of the entries [b, e) of keyed, whose keys agree on the first `level`
-  // digits: a leaf when they fit or cannot be divided further, otherwise a branch whose children
-  // are the non-empty cells of the next digit that sets them apart. Counting sorts are stable,
-  // so entries of a leaf keep their insertion order.
-  void divide(std::size_t parent, std::size_t self, std::size_t b, std::size_t e, int level,
+  // A cell left for a division of its own: its node and entries, and how many digits they share.
+  struct Subtree {
+    std::size_t node, b, e;
+    int level;
+  };
+  // Nodes of a division (its root first, the children of a branch one after the other) and, in
+  // the top of a division on several threads, the cells of at most `grain` entries that it
+  // leaves to be divided apart.
+  struct Division {
+    std::vector<Node> nodes;
+    std::vector<Subtree> left;
+    std::size_t grain = 0;
+  };
+
+  // Makes node `self` of `into` of the entries [b, e) of keyed, whose keys agree on the first
+  // `level` digits: a leaf when they fit or cannot be divided further, otherwise a branch whose
+  // children are the non-empty cells of the next digit that sets them apart; a branch of at most
+  // into.grain entries is left (into.left) instead. Counting sorts are stable, so entries of a
+  // leaf keep their insertion order.
+  void divide(Division& into, std::size_t self, std::size_t b, std::size_t e, int level,
               std::vector<Keyed>& keyed, std::vector<Keyed>& scratch) const;
+  // The nodes of the top and of the cells it left (parts[k] for top.left[k]) into nodes_, in the
+  // order of a division on one thread: a branch's children are placed when it is reached, depth
+  // first; and the leaves' cells into leafCells_ in the order the walk meets them.
+  void join(const Division& top, const std::vector<Division>& parts,
+            const std::vector<Keyed>& keyed) const;
+  void joinNode(const Division& from, std::size_t local, std::size_t self, std::size_t parent,
+                const Division& top, const std::vector<std::uint32_t>& partOf,
+                const std::vector<Division>& parts, const std::vector<Keyed>& keyed) const;
 
   // Orders count entries by their digit at `shift` into the cells that `start` gives, stably;
   // entries already in that order (the leading levels are) stay where they are.
@@ -541,11 +592,13 @@ private:
   // Puts the entries in leaf order (the order of `keyed`), then each leaf's entries in index
   // order, and sets the boxes: of each leaf's cell, narrowed by the margin of key rounding, and
   // the tight boxes of all nodes.
-  void place(std::vector<Keyed>& keyed) const;
+  void place(std::vector<Keyed>& keyed, int threads) const;
+  // The leaves' part of place: the leaves of cells first .. last - 1 of leafCells_.
+  void placeLeaves(std::size_t first, std::size_t last, std::vector<std::size_t>& order) const;
   // Rearranges one array of entries into the order of `keyed`, through the room of its keys
   // (no longer needed once the table is made), its sources fetched ahead.
   template <class T>
-  static void inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values);
+  static void inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values, int threads);
   // Reorders entries b .. e - 1 by index, stably.
   void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const;
   // Only a leaf of the finest cells holds more than `capacity` entries, and then mostly copies
@@ -698,16 +751,16 @@ private:
 // queries are made where they are used, so that they inline into the callers' loops.
 extern template BucketTree<unsigned, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
                                                     unsigned);
-extern template void BucketTree<unsigned, 2>::build() const;
+extern template void BucketTree<unsigned, 2>::build(int) const;
 extern template BucketTree<unsigned, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
                                                     unsigned);
-extern template void BucketTree<unsigned, 3>::build() const;
+extern template void BucketTree<unsigned, 3>::build(int) const;
 extern template BucketTree<unsigned long long, 2>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
                                                               unsigned);
-extern template void BucketTree<unsigned long long, 2>::build() const;
+extern template void BucketTree<unsigned long long, 2>::build(int) const;
 extern template BucketTree<unsigned long long, 3>::BucketTree(const Basalt::StrongPtr<BoundingBox>&,
                                                               unsigned);
-extern template void BucketTree<unsigned long long, 3>::build() const;
+extern template void BucketTree<unsigned long long, 3>::build(int) const;
 
 // OcTree<Index> and QuadTree<Index> name the two forms; they are declared in vantor/tree_base.hpp.
 

@@ -153,7 +153,7 @@ bool sourcePass(const FragmentSlot& slot, const TransferInputs& in, Box& box,
     fillTree(*tree, sources, *points.xyz, *points.cls, points.xyz->size());
     if (tree->size() == 0)
       return;
-    tree->prepare();
+    tree->prepare(box.threads);
     // The target fragments are tested against the source box moved to target coordinates.
     BoundingBox reachable = *sourceBox;
     if (offsetApplies(box.offset))

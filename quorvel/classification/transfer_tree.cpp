@@ -22,6 +22,7 @@ void classificationTransfer(const StrongPtr<Tree>& tree, const Box& box,
            std::min(sourcePositions.size(), sourceClasses.size()));
   if (!tree->valid() || tree->size() == 0)
     return;
+  tree->prepare(threads);
 
   // The target points that ask, in one static block per thread; the tree answers each block in
   // its own order, and an answer does not depend on the block.

@@ -520,6 +520,56 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
   }
 }
 
+// A division made on several threads is the one a single thread makes: every entry in the same
+// place (a box query over everything lists the entries in tree order: leaves, and entries within
+// them, copies after distinct positions), the same cells to start from (radius queries in tree
+// order and nearest answers of queries in the tree's order), also when entries are added to a
+// tree divided before. Small buckets make deep trees whose top is cut into many cells.
+TYPED_TEST(FrameworkTreeOracle, DivisionsOnManyThreadsAreTheDivisionOfOne) {
+  using Index = typename TypeParam::Index;
+  constexpr int D = TypeParam::D;
+  using Tree = Vantor::BucketTree<Index, D>;
+  for (int kind : {0, 1, 2, 3}) {
+    const auto xyz = frameworkCloud(kind, 140000, 11 + kind);
+    auto bbox = std::make_shared<Vantor::BoundingBox>();
+    for (const point& p : xyz)
+      bbox->expand(p);
+    const point lo = bbox->min(), hi = bbox->max();
+    std::vector<point> asked;
+    for (std::size_t i = 0; i < xyz.size(); i += 61)
+      asked.push_back({xyz[i].x + 0.1, xyz[i].y - 0.05, xyz[i].z});
+    // What a tree answers, all in its own order.
+    const auto answers = [&](const Tree& tree) {
+      std::vector<Index> out;
+      tree.getRectangle(lo, hi, out);
+      for (std::size_t k = 0; k < asked.size(); k += 16)
+        tree.getRange(asked[k], 0.75, out);
+      tree.findNearestEach(
+          asked.size(), [&](std::size_t k) { return asked[k]; }, 2.0,
+          [&](std::size_t k, const typename Tree::Neighbour& found) {
+            out.push_back(static_cast<Index>(k));
+            out.push_back(found.index);
+          });
+      return out;
+    };
+    std::vector<std::vector<Index>> byThreads;
+    for (const int threads : {1, 2, 3}) {
+      Tree tree(bbox, 4);
+      for (std::size_t i = 0; i < 100000; ++i)
+        tree.insert(xyz[i], static_cast<Index>(i));
+      tree.prepare(threads);
+      std::vector<Index> seen = answers(tree);
+      for (std::size_t i = 100000; i < xyz.size(); ++i)
+        tree.insert(xyz[i], static_cast<Index>(i));
+      tree.prepare(threads);
+      const std::vector<Index> grown = answers(tree);
+      seen.insert(seen.end(), grown.begin(), grown.end());
+      byThreads.push_back(seen);
+      EXPECT_EQ(byThreads.back(), byThreads.front()) << "kind " << kind << ", " << threads;
+    }
+  }
+}
+
 // The first queries after the insertions build the tree's division; when they come from many
 // threads at once, one builds it and all answer as a single thread would.
 TEST(FrameworkTrees, FirstQueriesFromManyThreadsAgree) {

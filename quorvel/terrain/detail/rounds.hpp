@@ -9,7 +9,8 @@
 namespace Quorvel::detail {
 
 // A tree of type Tree (capacity 64) over bbox holding the points i with admit(i), in index order;
-// built by one thread, then only read.
+// divided on the threads of the round's point step (into the tree one thread makes), then only
+// read.
 template <class Tree, class Admit>
 StrongPtr<Tree> treeOf(const MultiArray<1, const point>& positions,
                        const StrongPtr<BoundingBox>& bbox, const Admit& admit) {
@@ -18,6 +19,7 @@ StrongPtr<Tree> treeOf(const MultiArray<1, const point>& positions,
   for (std::size_t i = 0; i < positions.size(); ++i)
     if (admit(i))
       tree->insert(positions[i], static_cast<unsigned>(i));
+  tree->prepare(maximumThreadsMinusOne());
   return tree;
 }
 

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// Quorvel framework: work cut into parts and done on several threads, for the framework's own
+// steps that a caller gives a thread count (a tree's division). The library's loops over points
+// and fragments have their own shapes, above the framework.
+#pragma once
+
+#include <cstddef>
+#include <exception>
+#include <vector>
+
+#include <omp.h>
+
+namespace Basalt {
+
+// body(part, thread) for every part in [0, parts), on up to `threads` threads taking parts one at
+// a time; `thread` is below threads, so a caller can keep working room per thread. With one
+// thread, or one part, the parts run here in order. An exception leaves no part's thread: each is
+// kept, and after the loop the one of the lowest part is rethrown, whatever the timing.
+template <class Body>
+void inParts(std::size_t parts, int threads, const Body& body) {
+  if (threads <= 1 || parts <= 1) {
+    for (std::size_t part = 0; part < parts; ++part)
+      body(part, 0);
+    return;
+  }
+  std::vector<std::exception_ptr> failed(parts);
+#pragma omp parallel for num_threads(threads) schedule(dynamic, 1)
+  for (std::size_t part = 0; part < parts; ++part) {
+    try {
+      body(part, omp_get_thread_num());
+    } catch (...) {
+      failed[part] = std::current_exception();
+    }
+  }
+  for (const std::exception_ptr& failure : failed)
+    if (failure)
+      std::rethrow_exception(failure);
+}
+
+} // namespace Basalt
