@@ -4,6 +4,7 @@
 #pragma once
 
 #include "basalt/console.hpp"
+#include "basalt/parts.hpp"
 #include "vantor/physical_space.hpp"
 #include "vantor/tree_base.hpp"
 
@@ -89,6 +90,25 @@ public:
 
     bool isLeaf() const { return leaf_; }
 
+    // False when splitting could not separate any entries: the box has collapsed below the
+    // resolution of its coordinates on every axis, or the depth bound is reached.
+    bool splittable() const { return OcTreeStd::splittable(min, max, depth); }
+    // The number of p's child cell and that cell's box.
+    int childOf(const Point& p, Point& lo, Point& hi) const {
+      int number = 0;
+      lo = min;
+      hi = max;
+      for (int k = 0; k < D; ++k) {
+        if (p[k] < centre[k]) {
+          number += 1 << k;
+          hi[k] = centre[k];
+        } else {
+          lo[k] = centre[k];
+        }
+      }
+      return number;
+    }
+
     Point min;
     Point max;
     Point centre;
@@ -145,18 +165,10 @@ public:
     bool copies = true;
 
   private:
-    // False when splitting cannot separate the entries: all equal p, the box has collapsed on
-    // every axis, or the depth bound is reached.
+    // False when splitting cannot separate the entries: all equal p, or the box cannot split.
     bool divisible(const Point& p) const {
-      if (this->depth >= MaxDepth)
-        return false;
-      bool collapsed = true;
-      for (int k = 0; k < D; ++k)
-        collapsed =
-            collapsed && !(this->min[k] < this->centre[k] && this->centre[k] < this->max[k]);
-      if (collapsed)
-        return false;
-      return !points.empty() && (!copies || !OcTreeStd::samePosition(points.front(), p));
+      return this->splittable() && !points.empty() &&
+             (!copies || !OcTreeStd::samePosition(points.front(), p));
     }
   };
 
@@ -166,17 +178,8 @@ public:
         : Node(min_, max_, capacity_, depth_, false) {}
 
     bool insert(const Point& p, const Index& i) override {
-      int number = 0;
-      Point lo = this->min, hi = this->max;
-      for (int k = 0; k < D; ++k) {
-        if (p[k] < this->centre[k]) {
-          number += 1 << k;
-          hi[k] = this->centre[k];
-        } else {
-          lo[k] = this->centre[k];
-        }
-      }
-      std::unique_ptr<Node>& slot = children[number];
+      Point lo, hi;
+      std::unique_ptr<Node>& slot = children[this->childOf(p, lo, hi)];
       if (!slot) {
         slot = std::make_unique<Leaf>(lo, hi, this->capacity, this->depth + 1);
         slot->insert(p, i);
@@ -231,6 +234,36 @@ public:
       return true;
     root = split(static_cast<Leaf&>(*root), p, i);
     return true;
+  }
+
+  // Stores the entries of `indices` in their order, the point of each given by pointOf(index),
+  // as insert() one after the other would: the same nodes, the same lists in them, the same line
+  // for each refused point, in order. An empty tree is built from the top down instead, on
+  // `threads` threads: the top divided here down to cells of a sixteenth of a thread's share,
+  // whose subtrees are then built apart. A tree that holds entries takes them one by one.
+  template <class PointOf>
+  void insertEach(const std::vector<Index>& indices, const PointOf& pointOf, int threads) {
+    if (getSize() > 0) {
+      for (const Index& i : indices)
+        insert(pointOf(i), i);
+      return;
+    }
+    std::vector<Index> accepted;
+    accepted.reserve(indices.size());
+    for (const Index& i : indices)
+      if (Vantor::acceptsPoint<D>(pointOf(i), min, max))
+        accepted.push_back(i);
+    if (threads <= 1) {
+      build(root, min, max, 1, std::move(accepted), pointOf, nullptr);
+      return;
+    }
+    Later later;
+    later.grain = std::max<std::size_t>(accepted.size() / (16 * std::size_t(threads)), 1);
+    build(root, min, max, 1, std::move(accepted), pointOf, &later);
+    Basalt::inParts(later.cells.size(), threads, [&](std::size_t k, int) {
+      Cell& cell = later.cells[k];
+      build(*cell.slot, cell.lo, cell.hi, cell.depth, std::move(cell.entries), pointOf, nullptr);
+    });
   }
 
   // Appends, in tree order, every index whose point lies within radius of centre (squared
@@ -377,7 +410,17 @@ private:
         return false;
     return true;
   }
-  // Squared distance over the D axes.
+  // Whether a node of the box lo .. hi at `depth` can separate entries (Node::splittable).
+  static bool splittable(const Point& lo, const Point& hi, unsigned depth) {
+    if (depth >= MaxDepth)
+      return false;
+    bool collapsed = true;
+    for (int k = 0; k < D; ++k) {
+      const double centre = (lo[k] + hi[k]) / 2;
+      collapsed = collapsed && !(lo[k] < centre && centre < hi[k]);
+    }
+    return !collapsed;
+  }
   // Appends (squared distance, index) for the leaf's points within squared distance r2 of
   // centre, in the leaf's order; returns how many. The query is held in locals: as far as the
   // compiler can tell, appending to out might write over the caller's values, which it would
@@ -395,6 +438,7 @@ private:
     }
     return out.size() - before;
   }
+  // Squared distance over the D axes.
   static double squaredDistance(const Point& a, const Point& b) {
     double s = 0.0;
     for (int k = 0; k < D; ++k) {
@@ -544,6 +588,58 @@ private:
     walk(
         n, [&](const Node& m) { return manhattanMiss(m, lo, hi); },
         [&](const Leaf& leaf) { out.insert(out.end(), leaf.indices.begin(), leaf.indices.end()); });
+  }
+
+  // Cells that a build from the top leaves to be built apart: those of at most `grain` entries.
+  struct Cell {
+    std::unique_ptr<Node>* slot;
+    Point lo, hi;
+    unsigned depth;
+    std::vector<Index> entries;
+  };
+  struct Later {
+    std::size_t grain = 0;
+    std::vector<Cell> cells;
+  };
+
+  // Puts into slot the node of box lo .. hi at `depth` that insertions of `entries`, in their
+  // order, make: a branch when they overfill it and it can separate them (a leaf splits at the
+  // first insertion that finds it full and either holding two positions or given another), else
+  // a leaf of them all. With `later`, a node of at most later->grain entries is left to it.
+  template <class PointOf>
+  void build(std::unique_ptr<Node>& slot, const Point& lo, const Point& hi, unsigned depth,
+             std::vector<Index> entries, const PointOf& pointOf, Later* later) const {
+    if (later && entries.size() <= later->grain && !entries.empty()) {
+      later->cells.push_back({&slot, lo, hi, depth, std::move(entries)});
+      return;
+    }
+    bool apart = false;
+    for (std::size_t j = 1; j < entries.size() && !apart; ++j)
+      apart = !samePosition(pointOf(entries[j]), pointOf(entries[0]));
+    if (entries.size() <= capacity || !apart || !splittable(lo, hi, depth)) {
+      auto leaf = std::make_unique<Leaf>(lo, hi, capacity, depth);
+      leaf->indices.assign(entries.begin(), entries.end());
+      leaf->points.reserve(entries.size());
+      for (const Index& i : entries)
+        leaf->points.push_back(pointOf(i));
+      leaf->copies = !apart;
+      slot = std::move(leaf);
+      return;
+    }
+    auto branch = std::make_unique<Branch>(lo, hi, capacity, depth);
+    std::array<std::vector<Index>, Children> parts;
+    Point childLo, childHi;
+    for (const Index& i : entries)
+      parts[static_cast<std::size_t>(branch->childOf(pointOf(i), childLo, childHi))].push_back(i);
+    std::vector<Index>().swap(entries);
+    for (int c = 0; c < Children; ++c) {
+      if (parts[c].empty())
+        continue;
+      // A point of the cell gives the cell's box, as it does to an insertion.
+      branch->childOf(pointOf(parts[c].front()), childLo, childHi);
+      build(branch->children[c], childLo, childHi, depth + 1, std::move(parts[c]), pointOf, later);
+    }
+    slot = std::move(branch);
   }
 
   // Replaces a full leaf by a branch of the same box and depth holding its entries, in their

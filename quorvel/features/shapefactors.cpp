@@ -182,9 +182,14 @@ void computePoints(const point* positions, std::size_t n, const Mask& mask, cons
                    const Box& box, Outputs& out, int threads) {
   constexpr unsigned Capacity = 64;
   Tarrow::OcTreeStd<unsigned, point, D> tree(bbox.min(), bbox.max(), Capacity);
+  std::vector<unsigned> selected;
+  selected.reserve(n);
   for (std::size_t i = 0; i < n; ++i)
     if (mask.test(i))
-      tree.insert(positions[i], static_cast<unsigned>(i));
+      selected.push_back(static_cast<unsigned>(i));
+  tree.insertEach(
+      selected, [&](unsigned i) { return positions[i]; }, threads);
+  std::vector<unsigned>().swap(selected);
   // The selected points in the tree's order, so that consecutive queries touch the same nodes
   // and points; each point's result is the same in any order.
   CopyPlan plan;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 namespace Quorvel {
 
@@ -66,8 +67,11 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
     return log.report("ERROR, no fragment_bbox");
   Tarrow::OcTreeStd<unsigned, point, 3> tree(bbox->min(), bbox->max(), 64);
   const std::size_t n = xyz->size();
-  for (std::size_t i = 0; i < n; ++i)
-    tree.insert((*xyz)[i], static_cast<unsigned>(i));
+  std::vector<unsigned> all(n);
+  std::iota(all.begin(), all.end(), 0u);
+  tree.insertEach(
+      all, [&](unsigned i) { return (*xyz)[i]; }, maximumThreadsMinusOne());
+  std::vector<unsigned>().swap(all);
   const std::vector<vector> upward = upwardNormals(*normals);
   const detail::WeightInputs in{xyz->data(),       upward.data(),
                                 planarity->data(), tree,
