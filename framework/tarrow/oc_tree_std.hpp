@@ -93,19 +93,20 @@ public:
     // False when splitting could not separate any entries: the box has collapsed below the
     // resolution of its coordinates on every axis, or the depth bound is reached.
     bool splittable() const { return OcTreeStd::splittable(min, max, depth); }
-    // The number of p's child cell and that cell's box.
-    int childOf(const Point& p, Point& lo, Point& hi) const {
+    // The number of p's child cell.
+    int childNumber(const Point& p) const {
       int number = 0;
+      for (int k = 0; k < D; ++k)
+        number += p[k] < centre[k] ? 1 << k : 0;
+      return number;
+    }
+    // The same, and that cell's box.
+    int childOf(const Point& p, Point& lo, Point& hi) const {
+      const int number = childNumber(p);
       lo = min;
       hi = max;
-      for (int k = 0; k < D; ++k) {
-        if (p[k] < centre[k]) {
-          number += 1 << k;
-          hi[k] = centre[k];
-        } else {
-          lo[k] = centre[k];
-        }
-      }
+      for (int k = 0; k < D; ++k)
+        (((number >> k) & 1) != 0 ? hi : lo)[k] = centre[k];
       return number;
     }
 
@@ -253,16 +254,19 @@ public:
     for (const Index& i : indices)
       if (Vantor::acceptsPoint<D>(pointOf(i), min, max))
         accepted.push_back(i);
-    if (threads <= 1) {
-      build(root, min, max, 1, std::move(accepted), pointOf, nullptr);
-      return;
-    }
+    // Room to sort a cell's entries into its children, one per thread.
+    std::vector<std::vector<Index>> scratch(static_cast<std::size_t>(std::max(threads, 1)));
+    using With = Building<PointOf>;
+    const Span all{accepted.data(), accepted.size()};
+    if (threads <= 1)
+      return build(root, min, max, 1, all, With{pointOf, scratch[0], nullptr});
     Later later;
     later.grain = std::max<std::size_t>(accepted.size() / (16 * std::size_t(threads)), 1);
-    build(root, min, max, 1, std::move(accepted), pointOf, &later);
-    Basalt::inParts(later.cells.size(), threads, [&](std::size_t k, int) {
-      Cell& cell = later.cells[k];
-      build(*cell.slot, cell.lo, cell.hi, cell.depth, std::move(cell.entries), pointOf, nullptr);
+    build(root, min, max, 1, all, With{pointOf, scratch[0], &later});
+    Basalt::inParts(later.cells.size(), threads, [&](std::size_t k, int thread) {
+      const Cell& cell = later.cells[k];
+      build(*cell.slot, cell.lo, cell.hi, cell.depth, cell.entries,
+            With{pointOf, scratch[static_cast<std::size_t>(thread)], nullptr});
     });
   }
 
@@ -590,16 +594,28 @@ private:
         [&](const Leaf& leaf) { out.insert(out.end(), leaf.indices.begin(), leaf.indices.end()); });
   }
 
+  // Entries of a build from the top: a run of its list.
+  struct Span {
+    Index* first;
+    std::size_t count;
+  };
   // Cells that a build from the top leaves to be built apart: those of at most `grain` entries.
   struct Cell {
     std::unique_ptr<Node>* slot;
     Point lo, hi;
     unsigned depth;
-    std::vector<Index> entries;
+    Span entries;
   };
   struct Later {
     std::size_t grain = 0;
     std::vector<Cell> cells;
+  };
+  // What a build passes down: the entries' points, room to sort them, where to leave cells.
+  template <class PointOf>
+  struct Building {
+    const PointOf& pointOf;
+    std::vector<Index>& scratch;
+    Later* later;
   };
 
   // Puts into slot the node of box lo .. hi at `depth` that insertions of `entries`, in their
@@ -608,36 +624,52 @@ private:
   // a leaf of them all. With `later`, a node of at most later->grain entries is left to it.
   template <class PointOf>
   void build(std::unique_ptr<Node>& slot, const Point& lo, const Point& hi, unsigned depth,
-             std::vector<Index> entries, const PointOf& pointOf, Later* later) const {
-    if (later && entries.size() <= later->grain && !entries.empty()) {
-      later->cells.push_back({&slot, lo, hi, depth, std::move(entries)});
+             Span entries, const Building<PointOf>& with) const {
+    const Index* first = entries.first;
+    const std::size_t n = entries.count;
+    if (with.later && n <= with.later->grain && n > 0) {
+      with.later->cells.push_back({&slot, lo, hi, depth, entries});
       return;
     }
     bool apart = false;
-    for (std::size_t j = 1; j < entries.size() && !apart; ++j)
-      apart = !samePosition(pointOf(entries[j]), pointOf(entries[0]));
-    if (entries.size() <= capacity || !apart || !splittable(lo, hi, depth)) {
+    for (std::size_t j = 1; j < n && !apart; ++j)
+      apart = !samePosition(with.pointOf(first[j]), with.pointOf(first[0]));
+    if (n <= capacity || !apart || !splittable(lo, hi, depth)) {
       auto leaf = std::make_unique<Leaf>(lo, hi, capacity, depth);
-      leaf->indices.assign(entries.begin(), entries.end());
-      leaf->points.reserve(entries.size());
-      for (const Index& i : entries)
-        leaf->points.push_back(pointOf(i));
+      leaf->indices.assign(first, first + n);
+      leaf->points.reserve(n);
+      for (std::size_t j = 0; j < n; ++j)
+        leaf->points.push_back(with.pointOf(first[j]));
       leaf->copies = !apart;
       slot = std::move(leaf);
       return;
     }
     auto branch = std::make_unique<Branch>(lo, hi, capacity, depth);
-    std::array<std::vector<Index>, Children> parts;
-    Point childLo, childHi;
-    for (const Index& i : entries)
-      parts[static_cast<std::size_t>(branch->childOf(pointOf(i), childLo, childHi))].push_back(i);
-    std::vector<Index>().swap(entries);
+    // The entries by child, in their order: counted, then placed through the scratch room.
+    std::array<std::size_t, Children + 1> start{};
+    const auto childOf = [&](std::size_t j) {
+      return static_cast<std::size_t>(branch->childNumber(with.pointOf(first[j])));
+    };
+    for (std::size_t j = 0; j < n; ++j)
+      ++start[childOf(j) + 1];
+    for (int c = 0; c < Children; ++c)
+      start[c + 1] += start[c];
+    if (with.scratch.size() < n)
+      with.scratch.resize(n);
+    std::array<std::size_t, Children> next{};
+    std::copy(start.begin(), start.end() - 1, next.begin());
+    for (std::size_t j = 0; j < n; ++j)
+      with.scratch[next[childOf(j)]++] = first[j];
+    std::copy(with.scratch.begin(), with.scratch.begin() + static_cast<std::ptrdiff_t>(n),
+              entries.first);
     for (int c = 0; c < Children; ++c) {
-      if (parts[c].empty())
+      const Span part{entries.first + start[c], start[c + 1] - start[c]};
+      if (part.count == 0)
         continue;
       // A point of the cell gives the cell's box, as it does to an insertion.
-      branch->childOf(pointOf(parts[c].front()), childLo, childHi);
-      build(branch->children[c], childLo, childHi, depth + 1, std::move(parts[c]), pointOf, later);
+      Point childLo, childHi;
+      branch->childOf(with.pointOf(part.first[0]), childLo, childHi);
+      build(branch->children[c], childLo, childHi, depth + 1, part, with);
     }
     slot = std::move(branch);
   }
