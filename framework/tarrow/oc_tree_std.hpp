@@ -243,17 +243,19 @@ public:
   // `threads` threads: the top divided here down to cells of a sixteenth of a thread's share,
   // whose subtrees are then built apart. A tree that holds entries takes them one by one.
   template <class PointOf>
-  void insertEach(const std::vector<Index>& indices, const PointOf& pointOf, int threads) {
+  void insertEach(std::vector<Index> indices, const PointOf& pointOf, int threads) {
     if (getSize() > 0) {
       for (const Index& i : indices)
         insert(pointOf(i), i);
       return;
     }
-    std::vector<Index> accepted;
-    accepted.reserve(indices.size());
+    // The accepted entries, kept in place.
+    std::vector<Index>& accepted = indices;
+    std::size_t kept = 0;
     for (const Index& i : indices)
       if (Vantor::acceptsPoint<D>(pointOf(i), min, max))
-        accepted.push_back(i);
+        accepted[kept++] = i;
+    accepted.resize(kept);
     // Room to sort a cell's entries into its children, one per thread.
     std::vector<std::vector<Index>> scratch(static_cast<std::size_t>(std::max(threads, 1)));
     using With = Building<PointOf>;

@@ -188,8 +188,7 @@ void computePoints(const point* positions, std::size_t n, const Mask& mask, cons
     if (mask.test(i))
       selected.push_back(static_cast<unsigned>(i));
   tree.insertEach(
-      selected, [&](unsigned i) { return positions[i]; }, threads);
-  std::vector<unsigned>().swap(selected);
+      std::move(selected), [&](unsigned i) { return positions[i]; }, threads);
   // The selected points in the tree's order, so that consecutive queries touch the same nodes
   // and points; each point's result is the same in any order.
   CopyPlan plan;

@@ -70,8 +70,7 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
   std::vector<unsigned> all(n);
   std::iota(all.begin(), all.end(), 0u);
   tree.insertEach(
-      all, [&](unsigned i) { return (*xyz)[i]; }, maximumThreadsMinusOne());
-  std::vector<unsigned>().swap(all);
+      std::move(all), [&](unsigned i) { return (*xyz)[i]; }, maximumThreadsMinusOne());
   const std::vector<vector> upward = upwardNormals(*normals);
   const detail::WeightInputs in{xyz->data(),       upward.data(),
                                 planarity->data(), tree,
