@@ -37,9 +37,9 @@ std::string indexText(const Index& index) {
 // MaxDepth deep) takes entries beyond its capacity instead of splitting without end. Inputs with
 // at most `capacity` copies of one position are stored exactly as without this rule.
 //
-// Thread-safety: the tree is built by one thread; afterwards every const query may run from
-// several threads at once. Queries allocate nothing beyond what they append to the caller's
-// containers.
+// Thread-safety: the tree is built by one thread (insertEach may use several, each building
+// subtrees of its own); afterwards every const query may run from several threads at once. Queries
+// allocate nothing beyond what they append to the caller's containers.
 template <class Index, class Point, int D>
 class OcTreeStd {
   static_assert(D == 2 || D == 3, "the tree has two or three dimensions");
