@@ -117,6 +117,12 @@ public:
   void getRange(const point& q, double radius, std::vector<Index>& out) const {
     within(q, radius, [&](std::size_t j, double) { out.push_back(ids_[j]); });
   }
+  // How many entries lie within radius of q: the size of getRange's list, without the list.
+  std::size_t countWithin(const point& q, double radius) const {
+    std::size_t count = 0;
+    within(q, radius, [&](std::size_t, double) { ++count; });
+    return count;
+  }
 
   // The nearest entry within radius, the smallest index among equally near ones (the first
   // entry of getRange's map). False when none.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Quorvel: outliers by the statistical rule (mean distance to the K nearest other points) or the
-// radius rule (other points within a radius), over one k-d tree of every point of the cloud.
+// Quorvel: outliers by the statistical rule (mean distance to the K nearest other points, over one
+// k-d tree of every point of the cloud) or the radius rule (other points within a radius, over one
+// bucket tree).
 #include "quorvel/filters/detail/where.hpp"
 #include "quorvel/filters/filters.hpp"
 
@@ -11,7 +12,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
+#include <memory>
 
 namespace Quorvel {
 
@@ -34,20 +35,6 @@ struct Points {
 
 using KdTree = nanoflann::KDTreeSingleIndexAdaptor<nanoflann::L2_Simple_Adaptor<double, Points>,
                                                    Points, 3, std::size_t>;
-
-// Counts the points within a squared radius, inclusive: the tree keeps a point whose distance
-// is below worstDist(), the next double above the squared radius.
-struct CountWithin {
-  double limit;
-  std::size_t count = 0;
-  std::size_t size() const { return count; }
-  bool full() const { return true; }
-  bool addPoint(double, std::size_t) {
-    ++count;
-    return true;
-  }
-  double worstDist() const { return limit; }
-};
 
 // Every position of the cloud in layout order.
 std::vector<point> gather(const Field& positions, const std::vector<FragmentSlot>& slots) {
@@ -146,22 +133,32 @@ std::vector<std::uint8_t> statistical(const Points& points, const KdTree& tree,
   return outlier;
 }
 
-std::vector<std::uint8_t> byRadius(const Points& points, const KdTree& tree,
-                                   const OutlierParameterBox& box, int threads) {
+// The points with fewer than box.minPoints others within box.radius (inclusive). Counted by the
+// bucket tree, whose division runs on the threads: a point with a coordinate that is not finite
+// is no one's neighbour and has none, and the squared distances are the k-d tree's, so the
+// counts are those of any exact search.
+std::vector<std::uint8_t> byRadius(const Points& points, const OutlierParameterBox& box,
+                                   int threads) {
   const std::size_t n = points.xyz.size();
-  const double limit =
-      std::nextafter(box.radius * box.radius, std::numeric_limits<double>::infinity());
+  auto bounds = std::make_shared<BoundingBox>();
+  const auto finite = [](const point& p) {
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+  };
+  for (const point& p : points.xyz)
+    if (finite(p))
+      bounds->expand(p);
+  Vantor::OcTree<unsigned> tree(bounds, 64);
+  tree.reserve(n);
+  for (std::size_t i = 0; i < n; ++i)
+    if (finite(points.xyz[i]))
+      tree.insert(points.xyz[i], static_cast<unsigned>(i));
+  tree.prepare(threads);
   std::vector<std::uint8_t> outlier(n);
   const auto copy = copyOfPrevious(points);
   forEachPoint(n, threads, SearchPointGrain, [&](std::size_t i) {
-    if (copy[i])
-      return;
-    const point& p = points.xyz[i];
-    const double q[3] = {p.x, p.y, p.z};
-    CountWithin within{limit};
-    tree.findNeighbors(within, q, nanoflann::SearchParams());
-    // The count includes the point itself.
-    outlier[i] = within.count < static_cast<std::size_t>(box.minPoints) + 1;
+    if (!copy[i]) // the count includes the point itself
+      outlier[i] =
+          tree.countWithin(points.xyz[i], box.radius) < static_cast<std::size_t>(box.minPoints) + 1;
   });
   fillCopies(outlier, copy);
   return outlier;
@@ -191,11 +188,15 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
     return {};
   std::vector<std::uint32_t> from;
   const Points points = inSpaceOrder(all, from);
-  KdTree tree(3, points, nanoflann::KDTreeSingleIndexAdaptorParams(10));
-  tree.buildIndex();
   const int threads = correctedThreadCount(box.threads);
-  const auto sorted = box.method == "statistical" ? statistical(points, tree, box, threads)
-                                                  : byRadius(points, tree, box, threads);
+  std::vector<std::uint8_t> sorted;
+  if (box.method == "statistical") {
+    KdTree tree(3, points, nanoflann::KDTreeSingleIndexAdaptorParams(10));
+    tree.buildIndex();
+    sorted = statistical(points, tree, box, threads);
+  } else {
+    sorted = byRadius(points, box, threads);
+  }
   std::vector<std::uint8_t> outlier(all.size());
   for (std::size_t j = 0; j < sorted.size(); ++j)
     outlier[from[j]] = sorted[j];

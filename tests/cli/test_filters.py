@@ -226,10 +226,13 @@ def test_radius_outliers_count_points_at_exactly_the_radius(tmp_path):
     src = write_las(tmp_path / "in.las", np.vstack([lattice, lone]))
     counts = (brute_distances(src) <= 1.0).sum(axis=1) - 1
     for n in (2, 3, 4):
-        quorvel("outliers", tmp_path / "in.las", "-o", tmp_path / "o.las", "--method", "radius",
-                "--radius", 1, "--min-points", n, "--classify", 18)
-        classes = read_las(tmp_path / "o.las")[1]
-        assert np.array_equal(classes == 18, counts < n), n
+        for threads in (1, 3):
+            out = tmp_path / f"o{threads}.las"
+            quorvel("outliers", tmp_path / "in.las", "-o", out, "--method", "radius", "--radius", 1,
+                    "--min-points", n, "--classify", 18, "--threads", threads)
+            classes = read_las(out)[1]
+            assert np.array_equal(classes == 18, counts < n), n
+        assert (tmp_path / "o1.las").read_bytes() == (tmp_path / "o3.las").read_bytes()
     assert ((counts < 3) & (counts > 0)).any() and (counts == 3).any()
 
 
