@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -32,9 +33,9 @@ void* allocateArray(std::size_t size);
 void releaseArray(void* data, std::size_t size) noexcept;
 
 // The standard allocator interface over allocateArray. Elements a container makes without a
-// value (resize, a count-only constructor) are default-initialised: for numbers and plain
-// structs that means left as they are, not zero-filled, since the framework writes every element
-// of an array it makes. Code that needs zeros asks for them with a value.
+// value (resize, a count-only constructor) are default-initialised, and those of numbers, points
+// and plain structs are left as they are, not zero-filled, since the framework writes every
+// element of an array it makes. Code that needs zeros asks for them with a value.
 template <class T>
 struct ArrayAllocator {
   using value_type = T;
@@ -50,9 +51,17 @@ struct ArrayAllocator {
   }
   void deallocate(T* p, std::size_t n) noexcept { releaseArray(p, n * sizeof(T)); }
 
+  // An element of a type that is trivially copied and destroyed (numbers, points, plain structs)
+  // is not constructed at all: it lives in the storage as it is. A default member initialiser
+  // (a point's zeros) would otherwise write every element on the thread that makes the array,
+  // paying the kernel's first touch of every page there, before the threads that fill the array
+  // write it again.
   template <class U>
   void construct(U* p) noexcept(noexcept(::new (static_cast<void*>(p)) U)) {
-    ::new (static_cast<void*>(p)) U;
+    if constexpr (std::is_trivially_copy_constructible_v<U> && std::is_trivially_destructible_v<U>)
+      (void)p;
+    else
+      ::new (static_cast<void*>(p)) U;
   }
   template <class U, class... Args>
   void construct(U* p, Args&&... args) {

@@ -2,6 +2,7 @@
 // Tests of the storage of large arrays: alignment, values asked for, and pages given back.
 #include "basalt/array_allocator.hpp"
 #include "basalt/chunk.hpp"
+#include "vantor/physical_space.hpp"
 
 #include <gtest/gtest.h>
 
@@ -33,6 +34,33 @@ bool mapped(const void* p) {
   auto* start = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(p) / page * page);
   unsigned char resident = 0;
   return ::mincore(start, page, &resident) == 0 || errno != ENOMEM;
+}
+
+// Whether the page holding p is in memory: touched since it was mapped.
+bool resident(const void* p) {
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  auto* start = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(p) / page * page);
+  unsigned char in = 0;
+  return ::mincore(start, page, &in) == 0 && (in & 1) != 0;
+}
+
+// Points (whose members start at zero when one is made alone) made in an array without a value
+// are not written: the pages of a new large array of them stay untouched until the code that
+// fills it writes them, on its own threads. Asked for with a value, they hold it.
+TEST(ArrayAllocator, PointsMadeWithoutAValueAreLeftUnwritten) {
+  using Point = Vantor::PhysicalSpace::point;
+  const std::size_t n = (Basalt::LargeArrayBytes * 9 + 1000) / sizeof(Point); // no other size
+  {
+    const Basalt::Chunk<Point> made(n);
+    ASSERT_EQ(made.size(), n);
+    for (const std::size_t i : {std::size_t{0}, n / 2, n - 1})
+      EXPECT_TRUE(sanitized() || !resident(made.data() + i)) << i;
+  }
+  const Basalt::Chunk<Point> given(n, Point{1, 2, 3});
+  for (const std::size_t i : {std::size_t{0}, n / 2, n - 1}) {
+    EXPECT_EQ(given.data()[i].x, 1.0);
+    EXPECT_EQ(given.data()[i].z, 3.0);
+  }
 }
 
 TEST(ArrayAllocator, SmallBlocksAreCacheLineAlignedAndLargeOnesPageAligned) {
