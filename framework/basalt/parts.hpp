@@ -37,4 +37,12 @@ void inParts(std::size_t parts, int threads, const Body& body) {
       std::rethrow_exception(failure);
 }
 
+// body(begin, end, thread) for `parts` contiguous blocks that cut [0, n) into near-equal runs
+// (block k: n * k / parts to n * (k + 1) / parts), taken by inParts.
+template <class Body>
+void inBlocks(std::size_t n, std::size_t parts, int threads, const Body& body) {
+  inParts(parts, threads,
+          [&](std::size_t k, int thread) { body(n * k / parts, n * (k + 1) / parts, thread); });
+}
+
 } // namespace Basalt

@@ -220,10 +220,10 @@ void BucketTree<Index, D>::place(std::vector<Keyed>& keyed, int threads) const {
   // Leaves apart in runs of cells, each leaf written by one thread only.
   const std::size_t runs = threads > 1 ? 16 * static_cast<std::size_t>(threads) : 1;
   std::vector<std::vector<std::size_t>> orders(static_cast<std::size_t>(std::max(threads, 1)));
-  Basalt::inParts(runs, threads, [&](std::size_t k, int thread) {
-    placeLeaves(leafCells_.size() * k / runs, leafCells_.size() * (k + 1) / runs,
-                orders[static_cast<std::size_t>(thread)]);
-  });
+  Basalt::inBlocks(leafCells_.size(), runs, threads,
+                   [&](std::size_t first, std::size_t last, int thread) {
+                     placeLeaves(first, last, orders[static_cast<std::size_t>(thread)]);
+                   });
   // Children come after their parent, so a backward pass meets them first.
   for (std::size_t j = nodes_.size(); j-- > 0;) {
     Node& node = nodes_[j];
@@ -289,8 +289,8 @@ void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>
   const std::size_t n = keyed.size();
   const auto parts = static_cast<std::size_t>(std::max(threads, 1));
   // Each value to the key of its place, then all back: no thread writes a value another reads.
-  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
-    for (std::size_t i = n * k / parts, e = n * (k + 1) / parts; i < e; ++i) {
+  Basalt::inBlocks(n, parts, threads, [&](std::size_t i, std::size_t e, int) {
+    for (; i < e; ++i) {
       if (i + Ahead < n)
         __builtin_prefetch(&values[keyed[i + Ahead].source]);
       std::uint64_t word = 0;
@@ -298,8 +298,8 @@ void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>
       keyed[i].key = word;
     }
   });
-  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
-    for (std::size_t i = n * k / parts, e = n * (k + 1) / parts; i < e; ++i) {
+  Basalt::inBlocks(n, parts, threads, [&](std::size_t i, std::size_t e, int) {
+    for (; i < e; ++i) {
       const std::uint64_t word = keyed[i].key;
       std::memcpy(&values[i], &word, sizeof(T));
     }

@@ -141,16 +141,13 @@ std::vector<std::uint8_t> byRadius(const Points& points, const OutlierParameterB
                                    int threads) {
   const std::size_t n = points.xyz.size();
   auto bounds = std::make_shared<BoundingBox>();
-  const auto finite = [](const point& p) {
-    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
-  };
   for (const point& p : points.xyz)
-    if (finite(p))
+    if (p.isFinite())
       bounds->expand(p);
   Vantor::OcTree<unsigned> tree(bounds, 64);
   tree.reserve(n);
   for (std::size_t i = 0; i < n; ++i)
-    if (finite(points.xyz[i]))
+    if (points.xyz[i].isFinite())
       tree.insert(points.xyz[i], static_cast<unsigned>(i));
   tree.prepare(threads);
   std::vector<std::uint8_t> outlier(n);
