@@ -128,56 +128,67 @@ void clearMarked(HeightGrid& grid, const std::vector<std::uint8_t>& mask) {
       grid.z[k] = std::numeric_limits<float>::quiet_NaN();
 }
 
+// Whether measured cell (i, j) lies more than LowOutlierDepth below every other measured cell
+// within reach cells.
+bool isLowOutlier(const HeightGrid& measured, std::size_t i, std::size_t j, std::size_t reach) {
+  if (std::isnan(measured.at(i, j)))
+    return false;
+  float lowest = std::numeric_limits<float>::infinity();
+  for (std::size_t nj = j > reach ? j - reach : 0; nj <= std::min(j + reach, measured.rows - 1);
+       ++nj)
+    for (std::size_t ni = i > reach ? i - reach : 0;
+         ni <= std::min(i + reach, measured.columns - 1); ++ni)
+      if ((ni != i || nj != j) && !std::isnan(measured.at(ni, nj)))
+        lowest = std::min(lowest, measured.at(ni, nj));
+  return measured.at(i, j) < lowest - LowOutlierDepth;
+}
+
 // Low outliers: measured cells more than LowOutlierDepth below every other measured cell within
 // LowOutlierReach cells (lone pits of low noise). Ground seen through gaps of a canopy, or between
 // buildings, has other ground cells that near, so it is never one.
-std::vector<std::uint8_t> lowOutliers(const HeightGrid& measured) {
+std::vector<std::uint8_t> lowOutliers(const HeightGrid& measured, int threads) {
   const std::size_t reach = LowOutlierReach;
   std::vector<std::uint8_t> low(measured.z.size(), 0);
-  for (std::size_t j = 0; j < measured.rows; ++j)
-    for (std::size_t i = 0; i < measured.columns; ++i) {
-      if (std::isnan(measured.at(i, j)))
-        continue;
-      float lowest = std::numeric_limits<float>::infinity();
-      for (std::size_t nj = j > reach ? j - reach : 0; nj <= std::min(j + reach, measured.rows - 1);
-           ++nj)
-        for (std::size_t ni = i > reach ? i - reach : 0;
-             ni <= std::min(i + reach, measured.columns - 1); ++ni)
-          if ((ni != i || nj != j) && !std::isnan(measured.at(ni, nj)))
-            lowest = std::min(lowest, measured.at(ni, nj));
-      low[j * measured.columns + i] = measured.at(i, j) < lowest - LowOutlierDepth;
-    }
+  inStaticBlocks(measured.rows, threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t j = begin; j < end; ++j)
+      for (std::size_t i = 0; i < measured.columns; ++i)
+        low[j * measured.columns + i] = isLowOutlier(measured, i, j, reach);
+  });
   return low;
 }
 
 // The provisional terrain: the minimum surface without low outliers and objects, filled.
-HeightGrid provisionalTerrain(HeightGrid surface, const GroundFilterParameterBox& box) {
-  clearMarked(surface, lowOutliers(surface));
+HeightGrid provisionalTerrain(HeightGrid surface, const GroundFilterParameterBox& box,
+                              int threads) {
+  clearMarked(surface, lowOutliers(surface, threads));
   const std::vector<float> measured = surface.z;
-  detail::fillHoles(surface);
+  detail::fillHoles(surface, threads);
   const auto radius =
       static_cast<std::size_t>(std::max(1.0, std::round(box.window / box.cell_size)));
-  std::vector<std::uint8_t> dropped = detail::progressiveObjects(surface, box.slope, radius);
+  std::vector<std::uint8_t> dropped =
+      detail::progressiveObjects(surface, box.slope, radius, threads);
   // Cells that were filled are estimates, not terrain: they are filled again from the terrain.
   for (std::size_t k = 0; k < dropped.size(); ++k)
     dropped[k] = dropped[k] || std::isnan(measured[k]);
   const std::vector<float> opened = surface.z;
   clearMarked(surface, dropped);
-  if (!detail::fillHoles(surface))
+  if (!detail::fillHoles(surface, threads))
     surface.z = opened; // every cell an object: the opened surface is the best terrain there is
   return surface;
 }
 
 // Whether every gathered point is ground: within threshold + scalar * slope of the terrain.
 std::vector<std::uint8_t> groundPoints(const Gathered& g, const HeightGrid& terrain,
-                                       const GroundFilterParameterBox& box) {
-  const HeightGrid slope = detail::slopeOf(terrain);
+                                       const GroundFilterParameterBox& box, int threads) {
+  const HeightGrid slope = detail::slopeOf(terrain, threads);
   std::vector<std::uint8_t> ground(g.x.size());
-  for (std::size_t k = 0; k < g.x.size(); ++k) {
-    const double surface = detail::bilinear(terrain, g.x[k], g.y[k]);
-    const double allowed = box.threshold + box.scalar * detail::bilinear(slope, g.x[k], g.y[k]);
-    ground[k] = std::fabs(g.z[k] - surface) <= allowed;
-  }
+  inStaticBlocks(g.x.size(), threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t k = begin; k < end; ++k) {
+      const double surface = detail::bilinear(terrain, g.x[k], g.y[k]);
+      const double allowed = box.threshold + box.scalar * detail::bilinear(slope, g.x[k], g.y[k]);
+      ground[k] = std::fabs(g.z[k] - surface) <= allowed;
+    }
+  });
   return ground;
 }
 
@@ -227,8 +238,10 @@ std::size_t groundFilter(const StrongPtr<Grid>& grid, GroundFilterParameterBox& 
       throw std::runtime_error("\"Classification\" exists with another type than 8-bit");
     const ClassTable ignored = tableOf(box.ignore);
     const Gathered g = gather(*positions, classes, ignored);
-    const HeightGrid terrain = provisionalTerrain(minimumSurface(g, box.cell_size), box);
-    return writeClasses(*positions, classes, ignored, groundPoints(g, terrain, box), box.reset);
+    const int threads = maximumThreadsMinusOne();
+    const HeightGrid terrain = provisionalTerrain(minimumSurface(g, box.cell_size), box, threads);
+    return writeClasses(*positions, classes, ignored, groundPoints(g, terrain, box, threads),
+                        box.reset);
   } catch (const std::exception& e) {
     box.message = e.what();
     return 0;

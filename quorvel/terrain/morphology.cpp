@@ -2,6 +2,8 @@
 // Quorvel: the raster kernels of the simple morphological ground filter.
 #include "quorvel/terrain/detail/morphology.hpp"
 
+#include "quorvel/core/parallel.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -10,14 +12,23 @@ namespace Quorvel::detail {
 
 namespace {
 
+// body(j) for every row j of grid, the rows in blocks of their own on `threads` threads.
+template <class Body>
+void forEachRow(const HeightGrid& grid, int threads, const Body& body) {
+  inStaticBlocks(grid.rows, threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t j = begin; j < end; ++j)
+      body(j);
+  });
+}
+
 // The mean of the cells with a height among the 2 x 2 children of every coarse cell.
-HeightGrid coarser(const HeightGrid& fine) {
+HeightGrid coarser(const HeightGrid& fine, int threads) {
   HeightGrid out;
   out.columns = (fine.columns + 1) / 2;
   out.rows = (fine.rows + 1) / 2;
   out.cell = fine.cell * 2;
   out.z.assign(out.columns * out.rows, std::numeric_limits<float>::quiet_NaN());
-  for (std::size_t j = 0; j < out.rows; ++j)
+  forEachRow(out, threads, [&](std::size_t j) {
     for (std::size_t i = 0; i < out.columns; ++i) {
       double sum = 0;
       int count = 0;
@@ -32,6 +43,7 @@ HeightGrid coarser(const HeightGrid& fine) {
       if (count > 0)
         out.at(i, j) = static_cast<float>(sum / count);
     }
+  });
   return out;
 }
 
@@ -54,14 +66,20 @@ void runningExtreme(float* line, std::size_t stride, std::size_t n, std::size_t 
     line[i * stride] = op(h[i], g[i + 2 * r]);
 }
 
-// One erosion (op min) or dilation (op max) with a square window, rows then columns.
+// One erosion (op min) or dilation (op max) with a square window, rows then columns, each line
+// alone: blocks of rows, then of columns, on the threads.
 template <class Op>
-void squarePass(HeightGrid& grid, std::size_t r, float identity, Op op) {
-  std::vector<float> g, h;
-  for (std::size_t j = 0; j < grid.rows; ++j)
-    runningExtreme(&grid.z[j * grid.columns], 1, grid.columns, r, identity, op, g, h);
-  for (std::size_t i = 0; i < grid.columns; ++i)
-    runningExtreme(&grid.z[i], grid.columns, grid.rows, r, identity, op, g, h);
+void squarePass(HeightGrid& grid, std::size_t r, float identity, Op op, int threads) {
+  inStaticBlocks(grid.rows, threads, [&](std::size_t begin, std::size_t end) {
+    std::vector<float> g, h;
+    for (std::size_t j = begin; j < end; ++j)
+      runningExtreme(&grid.z[j * grid.columns], 1, grid.columns, r, identity, op, g, h);
+  });
+  inStaticBlocks(grid.columns, threads, [&](std::size_t begin, std::size_t end) {
+    std::vector<float> g, h;
+    for (std::size_t i = begin; i < end; ++i)
+      runningExtreme(&grid.z[i], grid.columns, grid.rows, r, identity, op, g, h);
+  });
 }
 
 // The difference of two heights of a line, over the distance between them, or 0 when they are
@@ -72,32 +90,35 @@ double rise(float low, float high, double run) {
 
 } // namespace
 
-bool fillHoles(HeightGrid& grid) {
+bool fillHoles(HeightGrid& grid, int threads) {
   const bool holes =
       std::any_of(grid.z.begin(), grid.z.end(), [](float v) { return std::isnan(v); });
   if (!holes)
     return true;
   if (grid.columns <= 1 && grid.rows <= 1)
     return false; // a single cell without a height: nothing to fill from
-  HeightGrid coarse = coarser(grid);
-  if (!fillHoles(coarse))
+  HeightGrid coarse = coarser(grid, threads);
+  if (!fillHoles(coarse, threads))
     return false;
-  for (std::size_t j = 0; j < grid.rows; ++j)
+  forEachRow(grid, threads, [&](std::size_t j) {
     for (std::size_t i = 0; i < grid.columns; ++i)
       if (std::isnan(grid.at(i, j)))
         grid.at(i, j) = bilinear(coarse, (static_cast<double>(i) + 0.5) * grid.cell,
                                  (static_cast<double>(j) + 0.5) * grid.cell);
+  });
   return true;
 }
 
-void openSquare(HeightGrid& grid, std::size_t radius) {
+void openSquare(HeightGrid& grid, std::size_t radius, int threads) {
   constexpr float Inf = std::numeric_limits<float>::infinity();
-  squarePass(grid, radius, Inf, [](float a, float b) { return std::min(a, b); });
-  squarePass(grid, radius, -Inf, [](float a, float b) { return std::max(a, b); });
+  squarePass(
+      grid, radius, Inf, [](float a, float b) { return std::min(a, b); }, threads);
+  squarePass(
+      grid, radius, -Inf, [](float a, float b) { return std::max(a, b); }, threads);
 }
 
 std::vector<std::uint8_t> progressiveObjects(const HeightGrid& grid, double slope,
-                                             std::size_t maxRadius) {
+                                             std::size_t maxRadius, int threads) {
   std::vector<std::uint8_t> objects(grid.z.size(), 0);
   HeightGrid last = grid, opened;
   for (std::size_t r = 1; r <= maxRadius; ++r) {
@@ -105,19 +126,21 @@ std::vector<std::uint8_t> progressiveObjects(const HeightGrid& grid, double slop
     // ramp at the grid's edge (where windows are clipped) a little more every time, until
     // the ground there stands out as an object.
     opened = grid;
-    openSquare(opened, r);
+    openSquare(opened, r, threads);
     const double threshold = slope * static_cast<double>(r) * grid.cell;
-    for (std::size_t k = 0; k < objects.size(); ++k)
-      if (static_cast<double>(last.z[k]) - opened.z[k] > threshold)
-        objects[k] = 1;
+    forEachRow(grid, threads, [&](std::size_t j) {
+      for (std::size_t k = j * grid.columns; k < (j + 1) * grid.columns; ++k)
+        if (static_cast<double>(last.z[k]) - opened.z[k] > threshold)
+          objects[k] = 1;
+    });
     last.z = opened.z;
   }
   return objects;
 }
 
-HeightGrid slopeOf(const HeightGrid& grid) {
+HeightGrid slopeOf(const HeightGrid& grid, int threads) {
   HeightGrid out = grid;
-  for (std::size_t j = 0; j < grid.rows; ++j)
+  forEachRow(grid, threads, [&](std::size_t j) {
     for (std::size_t i = 0; i < grid.columns; ++i) {
       const std::size_t i0 = i > 0 ? i - 1 : i, i1 = std::min(i + 1, grid.columns - 1);
       const std::size_t j0 = j > 0 ? j - 1 : j, j1 = std::min(j + 1, grid.rows - 1);
@@ -127,6 +150,7 @@ HeightGrid slopeOf(const HeightGrid& grid) {
           rise(grid.at(i, j0), grid.at(i, j1), static_cast<double>(j1 - j0) * grid.cell);
       out.at(i, j) = static_cast<float>(std::hypot(gx, gy));
     }
+  });
   return out;
 }
 

@@ -2,7 +2,8 @@
 // Quorvel, terrain: the raster kernels of the simple morphological ground filter (Pingel, Clarke
 // and McBride 2013): a grid of heights, hole filling, grey-scale opening with a square window,
 // the progressive opening that marks objects, and bilinear reads. They work on plain arrays so
-// that they can be tested without a cloud.
+// that they can be tested without a cloud. Each runs on `threads` threads, over rows or columns
+// that are computed alone, so that no result depends on the thread count.
 #pragma once
 
 #include <cstddef>
@@ -27,22 +28,22 @@ struct HeightGrid {
 // cells with a height) until one holds no hole, and each hole then takes the bilinear value of
 // the next coarser grid. Known cells keep their heights. A grid without any height is left as
 // it is; returns false then.
-bool fillHoles(HeightGrid& grid);
+bool fillHoles(HeightGrid& grid, int threads = 1);
 
 // Grey-scale opening (erosion, then dilation) with a square window of (2 * radius + 1) cells
 // per side, clipped at the grid's edges; the grid must have no NaN. Each pass is the van Herk /
 // Gil-Werman running extreme, so the cost does not grow with the radius.
-void openSquare(HeightGrid& grid, std::size_t radius);
+void openSquare(HeightGrid& grid, std::size_t radius, int threads = 1);
 
 // Progressive opening: the grid is opened with windows of radius 1 to maxRadius cells; a cell
 // whose height drops by more than slope * radius * cell from one radius's opening to the next
 // (the first compared with the grid) is an object (1 in the result). The grid must have no NaN.
 std::vector<std::uint8_t> progressiveObjects(const HeightGrid& grid, double slope,
-                                             std::size_t maxRadius);
+                                             std::size_t maxRadius, int threads = 1);
 
 // Gradient magnitude (rise over run) of every cell by central differences, one-sided at the
 // edges; 0 for a grid one cell wide in that direction. The grid must have no NaN.
-HeightGrid slopeOf(const HeightGrid& grid);
+HeightGrid slopeOf(const HeightGrid& grid, int threads = 1);
 
 // The bilinear value at (x, y) in the grid's coordinates between cell centres; points beyond
 // the outermost centres take the edge value.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Tests of the ground filter's raster kernels against brute force written here: the square
 // opening (every window scanned), hole filling, the progressive opening's objects, slopes and
-// bilinear reads on planes; and the box's printed form.
+// bilinear reads on planes; each kernel on one thread and on several; and the box's printed form.
 #include "quorvel/terrain/detail/morphology.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <random>
 
@@ -48,11 +50,15 @@ HeightGrid bruteExtreme(const HeightGrid& g, long r, float sign) {
 TEST(GroundMorphology, OpeningMatchesEveryWindowScannedForRadiiBelowAndBeyondTheGrid) {
   for (const auto& [columns, rows] : {std::pair<std::size_t, std::size_t>{17, 9}, {1, 6}, {5, 1}})
     for (std::size_t r : {1u, 2u, 4u, 20u}) {
-      HeightGrid g = randomGrid(columns, rows, static_cast<unsigned>(columns * 31 + r));
+      const HeightGrid g = randomGrid(columns, rows, static_cast<unsigned>(columns * 31 + r));
       const HeightGrid expected =
           bruteExtreme(bruteExtreme(g, static_cast<long>(r), 1.0f), static_cast<long>(r), -1.0f);
-      Quorvel::detail::openSquare(g, r);
-      EXPECT_EQ(g.z, expected.z) << columns << " x " << rows << ", radius " << r;
+      for (int threads : {1, 3}) {
+        HeightGrid opened = g;
+        Quorvel::detail::openSquare(opened, r, threads);
+        EXPECT_EQ(opened.z, expected.z)
+            << columns << " x " << rows << ", radius " << r << ", " << threads << " threads";
+      }
     }
 }
 
@@ -92,6 +98,31 @@ TEST(GroundMorphology, FillingKeepsKnownCellsAndStaysWithinTheirRange) {
   Quorvel::detail::fillHoles(plane);
   for (std::size_t k = 0; k < plane.z.size(); ++k)
     EXPECT_NEAR(plane.z[k], exact.z[k], 0.75);
+}
+
+// Bit patterns, so that NaN cells compare equal to NaN cells.
+std::vector<std::uint32_t> bitsOf(const HeightGrid& g) {
+  std::vector<std::uint32_t> bits(g.z.size());
+  std::memcpy(bits.data(), g.z.data(), g.z.size() * sizeof(float));
+  return bits;
+}
+
+TEST(GroundMorphology, EveryKernelGivesOnManyThreadsWhatItGivesOnOne) {
+  // Odd sizes, so that the coarser grids of the filling and the blocks of rows and columns end
+  // in part cells and part blocks; a third of the cells are holes.
+  HeightGrid holes = randomGrid(203, 77, 11);
+  std::mt19937 rng(4);
+  for (float& v : holes.z)
+    if (rng() % 3 == 0)
+      v = std::numeric_limits<float>::quiet_NaN();
+  HeightGrid filledOnOne = holes, filledOnMany = holes;
+  ASSERT_TRUE(Quorvel::detail::fillHoles(filledOnOne, 1));
+  ASSERT_TRUE(Quorvel::detail::fillHoles(filledOnMany, 3));
+  EXPECT_EQ(bitsOf(filledOnOne), bitsOf(filledOnMany));
+  EXPECT_EQ(Quorvel::detail::progressiveObjects(filledOnOne, 0.05, 12, 1),
+            Quorvel::detail::progressiveObjects(filledOnOne, 0.05, 12, 3));
+  EXPECT_EQ(bitsOf(Quorvel::detail::slopeOf(filledOnOne, 1)),
+            bitsOf(Quorvel::detail::slopeOf(filledOnOne, 3)));
 }
 
 TEST(GroundMorphology, ObjectsAreWhatStandsOutOfASlope) {
