@@ -124,6 +124,30 @@ public:
     return count;
   }
 
+  // The squared distances of the k entries nearest q, nearest first, into squared (room for k);
+  // returns how many it wrote: k, or every entry when the tree holds fewer. Each copy of a
+  // position counts. Equally near entries give equal distances, so the list does not depend on
+  // which of them a search meets first. None for a q with a coordinate that is not finite.
+  std::size_t nearestSquared(const point& p, std::size_t k, double* squared) const {
+    const double q[3] = {p.x, p.y, p.z};
+    if (k == 0 || !prepared() || !finite(q))
+      return 0;
+    // First the nodes of q's own table cell, which most often hold all k; then, from the
+    // start nodes of the ball those give, whatever else lies within it.
+    Nearest list{squared, k};
+    std::array<const Node*, MaxStartCells> own;
+    std::size_t owned = 0;
+    forStartNodes(q, 0.0, [&](const Node& from) {
+      own[owned++] = &from;
+      nearestK(from, q, list, own.data(), 0);
+    });
+    forStartNodes(q, list.bound(), [&](const Node& from) {
+      if (boxDistance(from, q) <= list.bound())
+        nearestK(from, q, list, own.data(), owned);
+    });
+    return list.count;
+  }
+
   // The nearest entry within radius, the smallest index among equally near ones (the first
   // entry of getRange's map). False when none.
   bool findNearest(const point& q, double radius, Index& index, double& squaredDistance) const {
@@ -694,6 +718,65 @@ private:
     }
     for (int j = 0; j < count && distance[j] <= best.squared; ++j)
       nearest(*order[j], q, best, searched);
+  }
+
+  // The k smallest squared distances found so far, ascending, and how many there are.
+  struct Nearest {
+    double* squared;
+    std::size_t k, count = 0;
+    double bound() const {
+      return count < k ? std::numeric_limits<double>::infinity() : squared[k - 1];
+    }
+    void add(double d2) {
+      if (!(d2 < bound()))
+        return; // an equal distance would change nothing
+      std::size_t j = count < k ? count++ : k - 1;
+      for (; j > 0 && squared[j - 1] > d2; --j)
+        squared[j] = squared[j - 1];
+      squared[j] = d2;
+    }
+  };
+  // Completes list from the entries of n's subtree, children nearest first, passing over a node
+  // whose box lies beyond the list's bound and the `skipped` nodes already searched.
+  void nearestK(const Node& n, const double* q, Nearest& list, const Node* const* skipped,
+                std::size_t skips) const {
+    if (std::find(skipped, skipped + skips, &n) != skipped + skips)
+      return;
+    if (n.leaf) {
+      std::size_t j = n.first;
+      const std::size_t e = n.first + n.count;
+#if defined(__SSE2__)
+      // Two entries at a time; most are beyond the bound and are passed over in one test.
+      const __m128d qx = _mm_set1_pd(q[0]), qy = _mm_set1_pd(q[1]), qz = _mm_set1_pd(q[2]);
+      for (; j + 2 <= e; j += 2) {
+        const __m128d d = pairDistance(j, qx, qy, qz);
+        if (_mm_movemask_pd(_mm_cmplt_pd(d, _mm_set1_pd(list.bound()))) != 0) {
+          list.add(_mm_cvtsd_f64(d));
+          list.add(_mm_cvtsd_f64(_mm_unpackhi_pd(d, d)));
+        }
+      }
+#endif
+      for (; j < e; ++j)
+        list.add(entryDistance(j, q));
+      return;
+    }
+    double distance[1 << D];
+    const Node* order[1 << D];
+    int count = 0;
+    for (std::size_t c = n.first, e = n.first + n.count; c < e; ++c) {
+      const double d2 = boxDistance(nodes_[c], q);
+      if (d2 > list.bound())
+        continue;
+      int j = count++;
+      for (; j > 0 && distance[j - 1] > d2; --j) {
+        distance[j] = distance[j - 1];
+        order[j] = order[j - 1];
+      }
+      distance[j] = d2;
+      order[j] = &nodes_[c];
+    }
+    for (int j = 0; j < count && distance[j] <= list.bound(); ++j)
+      nearestK(*order[j], q, list, skipped, skips);
   }
 
   // Calls found(entry, squared distance) for every entry within radius of q, in tree order.

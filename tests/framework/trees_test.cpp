@@ -490,6 +490,23 @@ void checkFrameworkBox(Tree& tree, const std::vector<point>& xyz, std::size_t st
   EXPECT_EQ(found, inBox);
 }
 
+// The k smallest squared distances from q to the first `stored` points, for a few k: those of
+// brute force, copies counted each.
+template <int D, class Tree>
+void checkFrameworkNearestK(Tree& tree, const std::vector<point>& xyz, std::size_t stored,
+                            const point& q) {
+  std::vector<double> all(stored);
+  for (std::size_t i = 0; i < stored; ++i)
+    all[i] = squared<D>(xyz[i], q);
+  std::sort(all.begin(), all.end());
+  for (const std::size_t k : {std::size_t{1}, std::size_t{9}, std::size_t{40}}) {
+    std::vector<double> found(k, -1.0);
+    found.resize(tree.nearestSquared(q, k, found.data()));
+    EXPECT_EQ(found, std::vector<double>(all.begin(), all.begin() + std::min(k, stored)))
+        << k << " nearest";
+  }
+}
+
 // Many nearest-point queries at once answer as brute force does, one answer per query.
 template <class Index, int D, class Tree>
 void checkFrameworkNearestEach(Tree& tree, const std::vector<point>& xyz, std::size_t stored,
@@ -560,6 +577,7 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
           hi[k] += r * pick(random);
         }
         checkFrameworkBox<Index, D>(tree, xyz, stored, lo, hi);
+        checkFrameworkNearestK<D>(tree, xyz, stored, q);
         asked.push_back(q);
       }
 
@@ -684,6 +702,13 @@ TEST(FrameworkTrees, OcTreeAndQuadTreeOverABoundingBox) {
   EXPECT_FALSE(empty.insert(point{1, 1, 1}, 0));
   EXPECT_EQ(empty.size(), 0u);
   EXPECT_FALSE(none.findNearest(point{1, 1, 1}, 5.0, nearest, squaredDistance));
+
+  // More nearest asked for than the tree holds: all of them; none for a NaN or an empty tree.
+  std::vector<double> nearestK(6, -1.0);
+  nearestK.resize(quadtree.nearestSquared(point{1, 1, 7}, 6, nearestK.data()));
+  EXPECT_EQ(nearestK, (std::vector<double>{0.0, 0.0, 1.0, 128.0}));
+  EXPECT_EQ(octree.nearestSquared(point{std::nan(""), 1, 1}, 2, nearestK.data()), 0u);
+  EXPECT_EQ(empty.nearestSquared(point{1, 1, 1}, 2, nearestK.data()), 0u);
 }
 
 TEST(FrameworkTrees, QuadTreeRectanglesAreClosed) {
