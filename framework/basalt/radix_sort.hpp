@@ -2,6 +2,8 @@
 // Quorvel framework, base: a stable radix sort by integer keys.
 #pragma once
 
+#include "basalt/parts.hpp"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -14,10 +16,11 @@ namespace Basalt {
 // at), least significant digit first, in as few passes of digits of at most maxWidth bits as it
 // takes, through `buffer` (grown to count when shorter). Linear time: for the cell keys of
 // millions of points several times faster than a comparison sort. A narrow maxWidth suits many
-// short ranges, whose digit counts are then cheap to clear.
+// short ranges, whose digit counts are then cheap to clear. `threads` share large sorts; the
+// order is the same on any number.
 template <class T, class Key>
 void radixSort(T* items, std::size_t count, int low, int high, const Key& key,
-               std::vector<T>& buffer, int maxWidth = 16) {
+               std::vector<T>& buffer, int maxWidth = 16, int threads = 1) {
   const int bits = high - low;
   if (bits <= 0 || count < 2)
     return;
@@ -25,19 +28,33 @@ void radixSort(T* items, std::size_t count, int low, int high, const Key& key,
   const std::uint64_t mask = (std::uint64_t{1} << width) - 1;
   if (buffer.size() < count)
     buffer.resize(count);
-  std::vector<std::size_t> counts(std::size_t{1} << width);
+  // On several threads each counts and places a block of items of its own, its items of a digit
+  // after those of the blocks before it: the order of one pass over all of them.
+  constexpr std::size_t MinBlock = 65536; // fewer items are not worth a thread
+  const std::size_t blocks = std::clamp<std::size_t>(static_cast<std::size_t>(std::max(threads, 1)),
+                                                     1, std::max<std::size_t>(count / MinBlock, 1));
+  const std::size_t digits = std::size_t{1} << width;
+  std::vector<std::size_t> counts(blocks * digits);
   T* from = items;
   T* to = buffer.data();
   for (int pass = 0; pass < passes; ++pass) {
     const int shift = low + pass * width;
+    const auto digit = [&](const T& item) { return (std::uint64_t(key(item)) >> shift) & mask; };
     std::fill(counts.begin(), counts.end(), 0);
-    for (std::size_t i = 0; i < count; ++i)
-      ++counts[(std::uint64_t(key(from[i])) >> shift) & mask];
+    inParts(blocks, threads, [&](std::size_t k, int) {
+      std::size_t* counted = counts.data() + k * digits;
+      for (std::size_t i = count * k / blocks, e = count * (k + 1) / blocks; i < e; ++i)
+        ++counted[digit(from[i])];
+    });
     std::size_t offset = 0;
-    for (auto& c : counts)
-      offset += std::exchange(c, offset);
-    for (std::size_t i = 0; i < count; ++i)
-      to[counts[(std::uint64_t(key(from[i])) >> shift) & mask]++] = from[i];
+    for (std::size_t d = 0; d < digits; ++d)
+      for (std::size_t k = 0; k < blocks; ++k)
+        offset += std::exchange(counts[k * digits + d], offset);
+    inParts(blocks, threads, [&](std::size_t k, int) {
+      std::size_t* place = counts.data() + k * digits;
+      for (std::size_t i = count * k / blocks, e = count * (k + 1) / blocks; i < e; ++i)
+        to[place[digit(from[i])]++] = from[i];
+    });
     std::swap(from, to);
   }
   if (from != items)
@@ -46,9 +63,9 @@ void radixSort(T* items, std::size_t count, int low, int high, const Key& key,
 
 // The same over a whole vector, with a buffer of its own.
 template <class T, class Key>
-void radixSort(std::vector<T>& items, int low, int high, const Key& key) {
+void radixSort(std::vector<T>& items, int low, int high, const Key& key, int threads = 1) {
   std::vector<T> buffer;
-  radixSort(items.data(), items.size(), low, high, key, buffer);
+  radixSort(items.data(), items.size(), low, high, key, buffer, 16, threads);
 }
 
 } // namespace Basalt

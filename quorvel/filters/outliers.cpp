@@ -34,33 +34,55 @@ std::vector<point> gather(const Field& positions, const std::vector<FragmentSlot
   return all;
 }
 
+// The lowest and highest coordinates of the points, axis by axis (NaN passes over both), over
+// blocks of them on the threads: minima and maxima are exact in any order.
+std::pair<point, point> boundsOf(const std::vector<point>& all, int threads) {
+  const std::size_t parts = static_cast<std::size_t>(std::max(threads, 1));
+  std::vector<std::pair<point, point>> part(parts, {all[0], all[0]});
+  forEachItem(parts, threads, [&](std::size_t k) {
+    auto& [lo, hi] = part[k];
+    const auto [begin, end] = staticBlock(all.size(), parts, k);
+    for (std::size_t i = begin; i < end; ++i)
+      for (int a = 0; a < 3; ++a) {
+        lo[a] = std::min(lo[a], all[i][a]);
+        hi[a] = std::max(hi[a], all[i][a]);
+      }
+  });
+  for (const auto& [lo, hi] : part)
+    for (int a = 0; a < 3; ++a) {
+      part[0].first[a] = std::min(part[0].first[a], lo[a]);
+      part[0].second[a] = std::max(part[0].second[a], hi[a]);
+    }
+  return part[0];
+}
+
 // The points in Morton (z-order) order, with the place each came from: neighbours then lie
 // near each other in memory, so the tree's leaves and a run of queries stay in the caches
 // whatever the order of the file. Non-finite coordinates sort as 0.
-Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& from) {
-  point lo = all.empty() ? point() : all[0], hi = lo;
-  for (const point& p : all)
-    for (int a = 0; a < 3; ++a) {
-      lo[a] = std::min(lo[a], p[a]);
-      hi[a] = std::max(hi[a], p[a]);
-    }
+Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& from, int threads) {
+  const std::pair<point, point> bounds = boundsOf(all, threads);
+  const point &lo = bounds.first, &hi = bounds.second;
   std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(all.size());
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    std::uint64_t key = 0;
-    for (int a = 0; a < 3; ++a) {
-      const double t = (all[i][a] - lo[a]) / (hi[a] - lo[a]) * 2097151.0;
-      key |= spreadBits(t >= 0 && t <= 2097151.0 ? static_cast<std::uint64_t>(t) : 0) << a;
+  inStaticBlocks(all.size(), threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+      std::uint64_t key = 0;
+      for (int a = 0; a < 3; ++a) {
+        const double t = (all[i][a] - lo[a]) / (hi[a] - lo[a]) * 2097151.0;
+        key |= spreadBits(t >= 0 && t <= 2097151.0 ? static_cast<std::uint64_t>(t) : 0) << a;
+      }
+      keyed[i] = {key, static_cast<std::uint32_t>(i)};
     }
-    keyed[i] = {key, static_cast<std::uint32_t>(i)};
-  }
-  sortByKey(keyed);
+  });
+  sortByKey(keyed, threads);
   Points points;
   points.xyz.resize(all.size());
   from.resize(all.size());
-  for (std::size_t j = 0; j < keyed.size(); ++j) {
-    from[j] = keyed[j].second;
-    points.xyz[j] = all[keyed[j].second];
-  }
+  inStaticBlocks(keyed.size(), threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t j = begin; j < end; ++j) {
+      from[j] = keyed[j].second;
+      points.xyz[j] = all[keyed[j].second];
+    }
+  });
   return points;
 }
 
@@ -176,9 +198,9 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
   box.outliers = 0;
   if (all.empty())
     return {};
-  std::vector<std::uint32_t> from;
-  const Points points = inSpaceOrder(all, from);
   const int threads = correctedThreadCount(box.threads);
+  std::vector<std::uint32_t> from;
+  const Points points = inSpaceOrder(all, from, threads);
   std::vector<std::uint8_t> sorted;
   if (box.method == "statistical") {
     sorted = statistical(points, box, threads);

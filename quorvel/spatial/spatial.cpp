@@ -6,14 +6,15 @@
 
 namespace Quorvel {
 
-void sortByKey(std::vector<std::pair<std::uint64_t, std::uint32_t>>& items) {
+void sortByKey(std::vector<std::pair<std::uint64_t, std::uint32_t>>& items, int threads) {
   std::uint64_t largest = 0;
   for (const auto& item : items)
     largest |= item.first;
   int bits = 0;
   while (bits < 64 && (largest >> bits) != 0)
     ++bits;
-  Basalt::radixSort(items, 0, bits, [](const auto& item) { return item.first; });
+  Basalt::radixSort(
+      items, 0, bits, [](const auto& item) { return item.first; }, threads);
 }
 
 } // namespace Quorvel

@@ -1,19 +1,25 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Tests of the memory core: console lines, attributes, the cache and the text helpers.
+// Tests of the memory core: console lines, attributes, the cache, the text helpers and the radix
+// sort.
 #include "basalt/attributes.hpp"
 #include "basalt/cache.hpp"
 #include "basalt/console.hpp"
 #include "basalt/loader_progress.hpp"
+#include "basalt/radix_sort.hpp"
 #include "basalt/string_list.hpp"
 #include "basalt/text.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cmath>
+#include <cstdint>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -181,6 +187,38 @@ TEST(Text, DecimalPointSurvivesAHostLocaleWithDecimalComma) {
   const double value = Basalt::cAtof("1.5");
   std::setlocale(LC_ALL, previous.c_str());
   EXPECT_EQ(value, 1.5);
+}
+
+} // namespace
+
+namespace {
+
+// The radix sort is a stable sort by the bits it is given, on one thread or several: items with
+// few distinct keys (long runs of equal ones, whose order must be kept) and odd counts of blocks.
+TEST(RadixSort, IsAStableSortOfItsBitsOnAnyThreadCount) {
+  std::mt19937_64 random(3);
+  for (const std::size_t count : {std::size_t{1}, std::size_t{1000}, std::size_t{300001}}) {
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> items(count);
+    for (std::size_t i = 0; i < count; ++i)
+      items[i] = {random() % 5000 << 3 | random() % 8, static_cast<std::uint32_t>(i)};
+    // Bits 3 .. 16 only: the lowest three are not looked at.
+    const auto bits = [](const std::pair<std::uint64_t, std::uint32_t>& item) {
+      return item.first >> 3 & 0x3fff;
+    };
+    auto expected = items;
+    std::stable_sort(expected.begin(), expected.end(),
+                     [&](const auto& a, const auto& b) { return bits(a) < bits(b); });
+    for (const int threads : {1, 2, 5}) {
+      for (const int width : {16, 5}) {
+        auto sorted = items;
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> buffer;
+        Basalt::radixSort(
+            sorted.data(), sorted.size(), 3, 17, [](const auto& item) { return item.first; },
+            buffer, width, threads);
+        EXPECT_EQ(sorted, expected) << count << " items, " << threads << " threads, " << width;
+      }
+    }
+  }
 }
 
 } // namespace
