@@ -7,6 +7,7 @@
 #include "cli/progress.hpp"
 #include "io/files.hpp"
 #include "io/raster.hpp"
+#include "io/stream.hpp"
 #include "io/tiles.hpp"
 #include "tressel/point_cloud.hpp"
 
@@ -229,6 +230,16 @@ void finish(const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, std::size
 
 Las::Warn readWarnings(const std::string& path) {
   return [path](const std::string& text) { std::cerr << path << ": warning: " << text << "\n"; };
+}
+
+bool mayHaveCoordinateSystem(const std::string& path) {
+  if (!Files::isCloudFile(path) || Files::isBundle(path) || Files::isStream(path))
+    return true;
+  try {
+    return Las::hasCoordinateSystemRecords(Las::Reader(path).info());
+  } catch (const Las::Error&) {
+    return false;
+  }
 }
 
 Las::Warn writeWarnings(const std::string& path) {

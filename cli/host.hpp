@@ -93,6 +93,10 @@ Las::Warn writeWarnings(const std::string& path);
 
 std::size_t pointCount(const Tressel::Grid& grid);
 
+// Whether the cloud at path may carry a coordinate system: false only for a LAS or LAZ file whose
+// header and records (read now) hold none, or cannot be read (the run then says why).
+bool mayHaveCoordinateSystem(const std::string& path);
+
 // Whether the records of the LAS file in can pass into out (LAS or LAZ) as they are: neither is
 // COPC, a bundle or a stream, in is not compressed, the write keeps in's scale and offset, and
 // the whole file is read (no --box) in one fragment.

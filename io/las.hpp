@@ -187,6 +187,10 @@ Summary summarize(const std::string& path, const Warn& warn = {});
 // for writing and for anything that reads fields in file order.
 std::vector<std::uint64_t> filePlaces(std::vector<std::uint64_t> indices);
 
+// Whether info holds coordinate-system records (the WKT, 2112, or GeoTIFF keys, 34735 to 34737):
+// without them a file has no coordinate system, which is known without opening GDAL.
+bool hasCoordinateSystemRecords(const FileInfo& info);
+
 // The LAS origin a grid carries as attributes; nullopt when it has none.
 std::optional<FileInfo> fileInfo(const Tressel::Grid& grid);
 

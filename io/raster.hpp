@@ -23,14 +23,15 @@
 
 namespace Quorvel::Raster {
 
-// Opens the GDAL module (rasters, coordinate systems, polygons) on a thread of its own, for a
-// run that will surely need it: the loader's work, about a hundred libraries and their symbols
-// (a tenth of a second), then overlaps the reading of the cloud instead of following it. The
-// thread does nothing else; a module that cannot be opened is reported by the first function
-// that needs it, as without this. Joined when dropped.
+// Opens the GDAL module (rasters, coordinate systems, polygons) and the bundle module (HDF5) on
+// a thread of their own, each where `gdal` or `bundles` says a run will surely need it: the
+// loader's work, about a hundred libraries and their symbols (50 ms for both), then overlaps
+// the reading of the cloud instead of following it. The thread does nothing else; a module that
+// cannot be opened is reported by the first function that needs it, as without this. Joined
+// when dropped; no thread when neither is asked for.
 class OpenedAhead {
 public:
-  OpenedAhead();
+  OpenedAhead(bool gdal, bool bundles);
   ~OpenedAhead();
   OpenedAhead(const OpenedAhead&) = delete;
   OpenedAhead& operator=(const OpenedAhead&) = delete;

@@ -4,6 +4,7 @@
 #include "io/detail/gdal.hpp"
 
 #include "basalt/module.hpp"
+#include "tressel/bundle.hpp"
 
 #include <stdexcept>
 
@@ -27,16 +28,23 @@ const Functions& functions() {
 
 } // namespace Gdal
 
-OpenedAhead::OpenedAhead()
-    : thread_([] {
-        try {
-          Gdal::functions();
-        } catch (...) { // NOLINT(bugprone-empty-catch): said again when a function needs it
-        }
-      }) {}
+OpenedAhead::OpenedAhead(bool gdal, bool bundles) {
+  if (!gdal && !bundles)
+    return;
+  thread_ = std::thread([gdal, bundles] {
+    if (gdal)
+      try {
+        Gdal::functions();
+      } catch (...) { // NOLINT(bugprone-empty-catch): said again when a function needs it
+      }
+    if (bundles)
+      Tressel::openBundleModule();
+  });
+}
 
 OpenedAhead::~OpenedAhead() {
-  thread_.join();
+  if (thread_.joinable())
+    thread_.join();
 }
 
 Basalt::StrongPtr<Tressel::Grid> import(const std::string& path, std::size_t fragmentCells,
@@ -72,6 +80,10 @@ std::string coordinateSystemKey(const Las::FileInfo& info) {
 }
 
 std::string coordinateSystemOf(const Tressel::Grid& cloud, const Las::Warn& warn) {
+  // A cloud without coordinate-system records has none: GDAL need not be opened to say so.
+  const auto info = Las::fileInfo(cloud);
+  if (!info || !Las::hasCoordinateSystemRecords(*info))
+    return {};
   return Gdal::functions().coordinateSystemOfCloud(cloud, warn);
 }
 

@@ -237,4 +237,8 @@ bool copyRecordsWithClasses(const std::string& input, std::span<const std::uint8
   return true;
 }
 
+bool hasCoordinateSystemRecords(const FileInfo& info) {
+  return !crsRecords(info).empty();
+}
+
 } // namespace Quorvel::Las

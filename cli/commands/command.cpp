@@ -44,9 +44,8 @@ int CloudCommand::run(const Host& host) {
                                            "does not go with what the command prints");
   if (!output_.empty())
     checkOutput(output_);
-  std::optional<Raster::OpenedAhead> gdal;
-  if (opensGdal())
-    gdal.emplace();
+  const Raster::OpenedAhead modules(opensGdal() || Files::isGeoTiff(output_),
+                                    Files::isBundle(input_) || Files::isBundle(output_));
   if (changesOnlyClasses() && recordsCanPass(input_, output_, write_, host.common()) &&
       copiedWithClasses(host))
     return 0;

@@ -78,6 +78,9 @@ public:
 
   int run(const Host& host) override {
     checkOutput(output_);
+    // The raster takes the cloud's coordinate system, which GDAL reads, as it writes GeoTIFF.
+    const Raster::OpenedAhead modules(mayHaveCoordinateSystem(input_) || Files::isGeoTiff(output_),
+                                      Files::isBundle(input_) || Files::isBundle(output_));
     // The ground raster needs the classes and positions alone.
     const Cloud cloud = host.load(input_, {"Classification"});
     Cloud raster;

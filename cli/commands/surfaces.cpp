@@ -33,6 +33,9 @@ public:
 
   int run(const Host& host) override {
     checkOutput(output_);
+    // The raster takes the cloud's coordinate system, which GDAL reads, as it writes GeoTIFF.
+    const Raster::OpenedAhead modules(mayHaveCoordinateSystem(input_) || Files::isGeoTiff(output_),
+                                      Files::isBundle(input_) || Files::isBundle(output_));
     prepare(host);
     // The surfaces need positions, classes and return numbers alone.
     const Cloud cloud = host.load(input_, {"Classification", "ReturnNumber"});

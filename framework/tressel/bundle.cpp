@@ -30,6 +30,15 @@ const BundleFiles& bundleFiles() {
 
 } // namespace detail
 
+bool openBundleModule() {
+  try {
+    detail::bundleFiles();
+    return true;
+  } catch (...) { // NOLINT(bugprone-empty-catch): said again by the first bundle
+    return false;
+  }
+}
+
 StrongPtr<Grid> Slice::operator[](const std::string& gridName) const {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = grids_.find(gridName);

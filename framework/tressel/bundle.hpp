@@ -38,6 +38,11 @@ struct GridIdentifier {
   std::string grid;
 };
 
+// Opens the bundle module (HDF5) now, as the first bundle read or written would: for a run that
+// will surely need it, on a thread of its own while it does other work. False when it cannot be
+// opened; the first bundle then says why.
+bool openBundleModule();
+
 // Time slices of grids, bound to a bundle file (HDF5; the layout is in docs/bundle-format.md).
 //
 // bindTo reads a whole file eagerly and validates it before any grid is visible: a missing,

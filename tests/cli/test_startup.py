@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: BSD-3-Clause
 """What the host loads: LAS and LAZ work loads neither GDAL, PROJ nor HDF5 (nor the host's modules
 that link them), as the dynamic loader reports it (LD_DEBUG=files); naming a coordinate system,
-making a raster and writing a bundle open the module they need and work; a missing module is
-named. Points are compared with the records read here with struct, the coordinate system with
+making a raster and writing a bundle open the module they need and work, and a raster of a cloud
+without a coordinate system needs no GDAL; a missing module is named. Points are compared with the records read here with struct, the coordinate system with
 the file's GeoTIFF keys.
 
 QUORVEL names the host and QUORVEL_SAMPLE_DATA the sample folder.
@@ -108,6 +108,15 @@ def test_coordinate_systems_rasters_and_bundles_open_their_module(tmp_path):
     assert done.returncode == 0, done.stderr
     assert (tmp_path / "d.tif").read_bytes()[:4] == b"II*\0"
     assert heavy(names, GDAL) and "libquorvel_bundle.so" not in names
+
+    # A cloud without coordinate-system records makes rasters without one, and no GDAL.
+    for command in ("dtm", "dsm"):
+        names, done = loaded(command, SAMPLES / "sample_c.las", "-o", tmp_path / "n.h5",
+                             "--cell", "5")
+        assert done.returncode == 0, done.stderr
+        assert heavy(names, HDF5) and not heavy(names, GDAL), command
+    info = subprocess.run([QUORVEL, "info", tmp_path / "n.h5"], capture_output=True, text=True)
+    assert "crs: unknown" in info.stdout and "cells: " in info.stdout, info.stderr
 
     names, done = loaded("convert", WITH_CRS, tmp_path / "a.h5")
     assert done.returncode == 0, done.stderr
