@@ -35,29 +35,13 @@ StrongPtr<BoundingBox> getFragmentBBox(const StrongPtr<FragmentID>& id,
 
 namespace {
 
-// The box of the finite points of one fragment; no sqrt or ball update per point.
+// The box of the finite points of one fragment.
 bool fragmentBox(const CreativeArrayBase& creator, BoundingBox& out) {
   const auto& data = creator.peekData();
   const auto chunk = data ? Basalt::chunkCast<point>(data->myChunk()) : nullptr;
   if (!chunk)
     return false;
-  constexpr double inf = std::numeric_limits<double>::infinity();
-  // Per coordinate, not through point's indexed access, so that the loop stays branch-free but
-  // for the finiteness test (v - v is 0 exactly when v is finite).
-  double lx = inf, ly = inf, lz = inf, hx = -inf, hy = -inf, hz = -inf;
-  for (const point& p : chunk->view()) {
-    if (!(p.x - p.x == 0 && p.y - p.y == 0 && p.z - p.z == 0))
-      continue;
-    lx = std::min(lx, p.x);
-    ly = std::min(ly, p.y);
-    lz = std::min(lz, p.z);
-    hx = std::max(hx, p.x);
-    hy = std::max(hy, p.y);
-    hz = std::max(hz, p.z);
-  }
-  const bool any = lx <= hx;
-  const point lo{lx, ly, lz}, hi{hx, hy, hz};
-  out = any ? BoundingBox(lo, hi) : BoundingBox();
+  out = BoundingBox::of(chunk->view().data(), chunk->view().size());
   return true;
 }
 

@@ -3,6 +3,7 @@
 #include "vantor/bounding_box.hpp"
 
 #include <algorithm>
+#include <limits>
 
 namespace Vantor {
 
@@ -13,6 +14,25 @@ BoundingBox::BoundingBox() = default;
 BoundingBox::BoundingBox(const point& a, const point& b) {
   setCorners(a, b);
   updateBall();
+}
+
+BoundingBox BoundingBox::of(const point* points, std::size_t n) {
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  // Per coordinate, not through point's indexed access, so that the loop stays branch-free but
+  // for the finiteness test (v - v is 0 exactly when v is finite).
+  double lx = inf, ly = inf, lz = inf, hx = -inf, hy = -inf, hz = -inf;
+  for (std::size_t i = 0; i < n; ++i) {
+    const point& p = points[i];
+    if (!(p.x - p.x == 0 && p.y - p.y == 0 && p.z - p.z == 0))
+      continue;
+    lx = std::min(lx, p.x);
+    ly = std::min(ly, p.y);
+    lz = std::min(lz, p.z);
+    hx = std::max(hx, p.x);
+    hy = std::max(hy, p.y);
+    hz = std::max(hz, p.z);
+  }
+  return lx <= hx ? BoundingBox(point{lx, ly, lz}, point{hx, hy, hz}) : BoundingBox();
 }
 
 void BoundingBox::setCorners(const point& a, const point& b) {

@@ -5,6 +5,8 @@
 #include "basalt/strong_ptr.hpp"
 #include "vantor/physical_space.hpp"
 
+#include <cstddef>
+
 namespace Vantor {
 
 // An axis-aligned box given by its minimum and maximum corners, with the enclosing sphere
@@ -29,6 +31,9 @@ public:
   BoundingBox();
   // The corners are sorted per axis, so either order of the two points gives the same box.
   BoundingBox(const point& a, const point& b);
+  // The box of the finite points among points[0 .. n - 1], empty when there is none: the ball
+  // is set once, where expanding by each point would set it at every one.
+  static BoundingBox of(const point* points, std::size_t n);
 
   const point& min() const { return min_; }
   const point& max() const { return max_; }

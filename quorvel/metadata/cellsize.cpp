@@ -4,6 +4,7 @@
 #include "quorvel/metadata/metadata.hpp"
 #include "quorvel/spatial/spatial.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <omp.h>
@@ -27,13 +28,71 @@ void voxelAxis(double extent, std::uint64_t& count, double& width) {
   }
 }
 
-// Cell sizes of one fragment's points. Voxel keys are counted by sorting, not in a map.
-Basalt::ArrayVector<float> cellSizes(const MemArray<1, point>& xyz) {
-  const std::size_t n = xyz.size();
-  Basalt::ArrayVector<float> out(n, std::numeric_limits<float>::quiet_NaN());
+// The box of the finite points, over blocks of them on the threads.
+BoundingBox boxOf(const MemArray<1, point>& xyz, int threads) {
+  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
+  std::vector<BoundingBox> boxes(parts);
+  forEachItem(parts, threads, [&](std::size_t k) {
+    const auto [begin, end] = staticBlock(xyz.size(), parts, k);
+    boxes[k] = BoundingBox::of(xyz.data() + begin, end - begin);
+  });
   BoundingBox box;
-  for (std::size_t i = 0; i < n; ++i)
-    box.expand(xyz[i]); // non-finite points are left out
+  for (const BoundingBox& b : boxes)
+    box.expand(b);
+  return box;
+}
+
+// The voxel key of every finite point with its index, in point order: each block of points
+// counts its finite ones first, so that it knows where its keys go.
+template <class KeyOf>
+std::vector<std::pair<std::uint64_t, std::uint32_t>> keyedPoints(const MemArray<1, point>& xyz,
+                                                                 int threads, const KeyOf& keyOf) {
+  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
+  std::vector<std::size_t> at(parts + 1, 0);
+  forEachItem(parts, threads, [&](std::size_t k) {
+    const auto [begin, end] = staticBlock(xyz.size(), parts, k);
+    for (std::size_t i = begin; i < end; ++i)
+      at[k + 1] += xyz[i].isFinite();
+  });
+  for (std::size_t k = 0; k < parts; ++k)
+    at[k + 1] += at[k];
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(at[parts]);
+  forEachItem(parts, threads, [&](std::size_t k) {
+    const auto [begin, end] = staticBlock(xyz.size(), parts, k);
+    for (std::size_t i = begin, j = at[k]; i < end; ++i)
+      if (xyz[i].isFinite())
+        keyed[j++] = {keyOf(xyz[i]), static_cast<std::uint32_t>(i)};
+  });
+  return keyed;
+}
+
+// Gives every point of a run of equal keys the value of the run's length. Each block of the
+// sorted keys takes the runs that begin in it, wherever they end.
+template <class ValueOf>
+void valuesOfRuns(const std::vector<std::pair<std::uint64_t, std::uint32_t>>& keyed, int threads,
+                  const ValueOf& valueOf, Basalt::ArrayVector<float>& out) {
+  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
+  forEachItem(parts, threads, [&](std::size_t k) {
+    auto [start, last] = staticBlock(keyed.size(), parts, k);
+    while (start > 0 && start < last && keyed[start].first == keyed[start - 1].first)
+      ++start;
+    while (start < last) {
+      std::size_t end = start;
+      while (end < keyed.size() && keyed[end].first == keyed[start].first)
+        ++end;
+      const float value = valueOf(end - start);
+      for (std::size_t j = start; j < end; ++j)
+        out[keyed[j].second] = value;
+      start = end;
+    }
+  });
+}
+
+// Cell sizes of one fragment's points, on `threads` threads. Voxel keys are counted by sorting,
+// not in a map.
+Basalt::ArrayVector<float> cellSizes(const MemArray<1, point>& xyz, int threads) {
+  Basalt::ArrayVector<float> out(xyz.size(), std::numeric_limits<float>::quiet_NaN());
+  const BoundingBox box = boxOf(xyz, threads);
   if (box.empty())
     return out;
   const auto extent = box.extent();
@@ -43,29 +102,20 @@ Basalt::ArrayVector<float> cellSizes(const MemArray<1, point>& xyz) {
   voxelAxis(extent.y, ny, cy);
   voxelAxis(extent.z, nz, cz);
   const double volume = cx * cy * cz;
-
   // With at most 65537 cells per axis (a point on the far face), the key stays below 2^49.
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed;
-  keyed.reserve(n);
-  for (std::size_t i = 0; i < n; ++i) {
-    const point& p = xyz[i];
-    if (!p.isFinite())
-      continue;
+  auto keyed = keyedPoints(xyz, threads, [&](const point& p) {
     const auto ix = static_cast<std::uint64_t>(std::floor((p.x - box.min().x) / cx));
     const auto iy = static_cast<std::uint64_t>(std::floor((p.y - box.min().y) / cy));
     const auto iz = static_cast<std::uint64_t>(std::floor((p.z - box.min().z) / cz));
-    keyed.emplace_back((iz * ny + iy) * nx + ix, static_cast<std::uint32_t>(i));
-  }
-  sortByKey(keyed);
-  for (std::size_t start = 0; start < keyed.size();) {
-    std::size_t end = start;
-    while (end < keyed.size() && keyed[end].first == keyed[start].first)
-      ++end;
-    const float value = static_cast<float>(std::sqrt(volume / static_cast<double>(end - start)));
-    for (std::size_t k = start; k < end; ++k)
-      out[keyed[k].second] = value;
-    start = end;
-  }
+    return (iz * ny + iy) * nx + ix;
+  });
+  sortByKey(keyed, threads);
+  valuesOfRuns(
+      keyed, threads,
+      [&](std::size_t count) {
+        return static_cast<float>(std::sqrt(volume / static_cast<double>(count)));
+      },
+      out);
   return out;
 }
 
@@ -79,47 +129,47 @@ std::string setCellSize(StrongPtr<Grid> grid, const StrongPtr<Basalt::LoaderProg
 
   std::string report;
   std::size_t points = 0, fragmentsDone = 0;
-  grid->skeletons().iterate(
-      [&](const Tressel::SkeletonID& id, const StrongPtr<Tressel::Skeleton>& skeleton) {
-        auto rep = skeleton->getRepresentation(Tressel::StandardCartesianChart3D);
-        auto positions = rep ? rep->findField(Tressel::PositionsFieldName) : nullptr;
-        if (!positions)
-          return true;
-        auto cellTensor = outputField<float>(*rep, "CellTensor");
-        if (!cellTensor) {
-          report += "setCellSize: ERROR: field CellTensor holds another element type\n";
-          return true;
-        }
-        const auto fragments = fragmentsOf(*positions);
-        Messages log("setCellSize: ", &report);
-        std::size_t counted = 0;
-        forEachFragment(fragments.size(), maximumThreadsMinusOne(), log, [&](std::size_t k) {
-          auto xyz = fragmentArray<point>(*positions, fragments[k]);
-          if (!xyz)
-            return log.report("ERROR: no m_vertices\n");
-          auto sizes = std::make_shared<MemArray<1, float>>(Tressel::MultiIndex<1>(xyz->size()),
-                                                            cellSizes(*xyz));
-          const std::string description = "CellTensor, RefLevel: " + std::to_string(id.depth()) +
-                                          " FidNr #" + std::to_string(fragments[k].id->number());
-          StrongPtr<CreativeArrayBase> creator;
-          underCriticalSection([&] {
-            creator = cellTensor->setPersistentData(sizes, fragments[k].id,
-                                                    Basalt::Cache::MemCache(), description);
-            counted += xyz->size();
-            ++fragmentsDone;
-            if (progress && omp_get_thread_num() == 0)
-              progress->progress(static_cast<double>(fragmentsDone) /
-                                     static_cast<double>(fragments.size()),
-                                 "setCellSize");
-          });
-          // Outside the section above: the attribute setter takes the (non-reentrant) section
-          // itself.
-          if (creator)
-            setCellSizeAttribute(*creator, 1.0);
-        });
-        points += counted;
-        return true;
+  grid->skeletons().iterate([&](const Tressel::SkeletonID& id,
+                                const StrongPtr<Tressel::Skeleton>& skeleton) {
+    auto rep = skeleton->getRepresentation(Tressel::StandardCartesianChart3D);
+    auto positions = rep ? rep->findField(Tressel::PositionsFieldName) : nullptr;
+    if (!positions)
+      return true;
+    auto cellTensor = outputField<float>(*rep, "CellTensor");
+    if (!cellTensor) {
+      report += "setCellSize: ERROR: field CellTensor holds another element type\n";
+      return true;
+    }
+    const auto fragments = fragmentsOf(*positions);
+    Messages log("setCellSize: ", &report);
+    std::size_t counted = 0;
+    forEachFragment(fragments.size(), maximumThreadsMinusOne(), log, [&](std::size_t k, int inner) {
+      auto xyz = fragmentArray<point>(*positions, fragments[k]);
+      if (!xyz)
+        return log.report("ERROR: no m_vertices\n");
+      auto sizes = std::make_shared<MemArray<1, float>>(Tressel::MultiIndex<1>(xyz->size()),
+                                                        cellSizes(*xyz, inner));
+      const std::string description = "CellTensor, RefLevel: " + std::to_string(id.depth()) +
+                                      " FidNr #" + std::to_string(fragments[k].id->number());
+      StrongPtr<CreativeArrayBase> creator;
+      underCriticalSection([&] {
+        creator = cellTensor->setPersistentData(sizes, fragments[k].id, Basalt::Cache::MemCache(),
+                                                description);
+        counted += xyz->size();
+        ++fragmentsDone;
+        if (progress && omp_get_thread_num() == 0)
+          progress->progress(static_cast<double>(fragmentsDone) /
+                                 static_cast<double>(fragments.size()),
+                             "setCellSize");
       });
+      // Outside the section above: the attribute setter takes the (non-reentrant) section
+      // itself.
+      if (creator)
+        setCellSizeAttribute(*creator, 1.0);
+    });
+    points += counted;
+    return true;
+  });
   return report + "setCellSize: CellTensor for " + std::to_string(points) + " points in " +
          std::to_string(fragmentsDone) + " fragments";
 }
