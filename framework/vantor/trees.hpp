@@ -694,19 +694,14 @@ private:
   }
 #endif
 
-  void nearest(const Node& n, const double* q, Best& best, const Node* searched) const {
-    if (n.leaf) {
-      if (&n != searched)
-        nearestInLeaf(n, q, best);
-      return;
-    }
-    // Children by the distance of their boxes, nearest first (insertion sort of at most 2^D).
-    double distance[1 << D];
-    const Node* order[1 << D];
+  // The children of branch n whose boxes lie within squared distance `bound` of q, nearest first
+  // (an insertion sort of at most 2^D), into order with their distances; returns how many.
+  int childrenByDistance(const Node& n, const double* q, double bound, const Node** order,
+                         double* distance) const {
     int count = 0;
     for (std::size_t c = n.first, e = n.first + n.count; c < e; ++c) {
       const double d2 = boxDistance(nodes_[c], q);
-      if (d2 > best.squared)
+      if (d2 > bound)
         continue;
       int j = count++;
       for (; j > 0 && distance[j - 1] > d2; --j) {
@@ -716,6 +711,18 @@ private:
       distance[j] = d2;
       order[j] = &nodes_[c];
     }
+    return count;
+  }
+
+  void nearest(const Node& n, const double* q, Best& best, const Node* searched) const {
+    if (n.leaf) {
+      if (&n != searched)
+        nearestInLeaf(n, q, best);
+      return;
+    }
+    double distance[1 << D];
+    const Node* order[1 << D];
+    const int count = childrenByDistance(n, q, best.squared, order, distance);
     for (int j = 0; j < count && distance[j] <= best.squared; ++j)
       nearest(*order[j], q, best, searched);
   }
@@ -762,19 +769,7 @@ private:
     }
     double distance[1 << D];
     const Node* order[1 << D];
-    int count = 0;
-    for (std::size_t c = n.first, e = n.first + n.count; c < e; ++c) {
-      const double d2 = boxDistance(nodes_[c], q);
-      if (d2 > list.bound())
-        continue;
-      int j = count++;
-      for (; j > 0 && distance[j - 1] > d2; --j) {
-        distance[j] = distance[j - 1];
-        order[j] = order[j - 1];
-      }
-      distance[j] = d2;
-      order[j] = &nodes_[c];
-    }
+    const int count = childrenByDistance(n, q, list.bound(), order, distance);
     for (int j = 0; j < count && distance[j] <= list.bound(); ++j)
       nearestK(*order[j], q, list, skipped, skips);
   }
