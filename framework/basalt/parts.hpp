@@ -4,6 +4,7 @@
 // and fragments have their own shapes, above the framework.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <vector>
@@ -35,6 +36,14 @@ void inParts(std::size_t parts, int threads, const Body& body) {
   for (const std::exception_ptr& failure : failed)
     if (failure)
       std::rethrow_exception(failure);
+}
+
+// How many blocks to cut count items into for `threads` threads: one a thread, but no block of
+// fewer than 65,536 items, which are not worth a thread of their own; at least one.
+inline std::size_t blocksFor(std::size_t count, int threads) {
+  constexpr std::size_t MinBlock = 65536;
+  return std::clamp<std::size_t>(static_cast<std::size_t>(std::max(threads, 1)), 1,
+                                 std::max<std::size_t>(count / MinBlock, 1));
 }
 
 // body(begin, end, thread) for `parts` contiguous blocks that cut [0, n) into near-equal runs

@@ -30,9 +30,7 @@ void radixSort(T* items, std::size_t count, int low, int high, const Key& key,
     buffer.resize(count);
   // On several threads each counts and places a block of items of its own, its items of a digit
   // after those of the blocks before it: the order of one pass over all of them.
-  constexpr std::size_t MinBlock = 65536; // fewer items are not worth a thread
-  const std::size_t blocks = std::clamp<std::size_t>(static_cast<std::size_t>(std::max(threads, 1)),
-                                                     1, std::max<std::size_t>(count / MinBlock, 1));
+  const std::size_t blocks = blocksFor(count, threads);
   const std::size_t digits = std::size_t{1} << width;
   std::vector<std::size_t> counts(blocks * digits);
   T* from = items;

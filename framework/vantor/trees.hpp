@@ -490,10 +490,7 @@ private:
   template <class T, class KeyOf, class Make>
   static std::vector<T> inLeadingCells(std::size_t count, const KeyOf& keyOf, const Make& make,
                                        std::vector<std::size_t>& starts, int threads = 1) {
-    constexpr std::size_t MinBlock = 65536; // fewer items are not worth a thread
-    const std::size_t blocks =
-        std::clamp<std::size_t>(static_cast<std::size_t>(std::max(threads, 1)), 1,
-                                std::max<std::size_t>(count / MinBlock, 1));
+    const std::size_t blocks = Basalt::blocksFor(count, threads);
     const auto block = [&](std::size_t k) {
       return std::pair{count * k / blocks, count * (k + 1) / blocks};
     };

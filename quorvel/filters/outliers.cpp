@@ -108,10 +108,8 @@ void fillCopies(std::vector<T>& answers, const std::vector<std::uint8_t>& copy) 
 // have none), divided on the threads; leaves of up to `capacity` entries.
 std::unique_ptr<Vantor::OcTree<unsigned>> finiteTree(const Points& points, unsigned capacity,
                                                      int threads) {
-  auto bounds = std::make_shared<BoundingBox>();
-  for (const point& p : points.xyz)
-    if (p.isFinite())
-      bounds->expand(p);
+  auto bounds =
+      std::make_shared<BoundingBox>(BoundingBox::of(points.xyz.data(), points.xyz.size()));
   auto tree = std::make_unique<Vantor::OcTree<unsigned>>(bounds, capacity);
   tree->reserve(points.xyz.size());
   for (std::size_t i = 0; i < points.xyz.size(); ++i)
