@@ -105,12 +105,12 @@ void fillCopies(std::vector<T>& answers, const std::vector<std::uint8_t>& copy) 
 }
 
 // A bucket tree of the points with finite coordinates (the others are no one's neighbour and
-// have none), divided on the threads; leaves of up to `capacity` entries.
-std::unique_ptr<Vantor::OcTree<unsigned>> finiteTree(const Points& points, unsigned capacity,
-                                                     int threads) {
+// have none), divided on the threads. Leaves of up to 64 entries: for the K nearest as fast as
+// leaves of 12 to 32 (within 3% on 1M points), for counts within a radius faster.
+std::unique_ptr<Vantor::OcTree<unsigned>> finiteTree(const Points& points, int threads) {
   auto bounds =
       std::make_shared<BoundingBox>(BoundingBox::of(points.xyz.data(), points.xyz.size()));
-  auto tree = std::make_unique<Vantor::OcTree<unsigned>>(bounds, capacity);
+  auto tree = std::make_unique<Vantor::OcTree<unsigned>>(bounds, 64);
   tree->reserve(points.xyz.size());
   for (std::size_t i = 0; i < points.xyz.size(); ++i)
     if (points.xyz[i].isFinite())
@@ -122,7 +122,7 @@ std::unique_ptr<Vantor::OcTree<unsigned>> finiteTree(const Points& points, unsig
 std::vector<std::uint8_t> statistical(const Points& points, OutlierParameterBox& box, int threads) {
   const std::size_t n = points.xyz.size();
   const std::size_t k = static_cast<std::size_t>(box.neighbours);
-  const auto tree = finiteTree(points, 20, threads);
+  const auto tree = finiteTree(points, threads);
   std::vector<double> means(n, 0.0);
   // Room for one answer per thread, made once.
   thread_local std::vector<double> squared;
@@ -162,7 +162,7 @@ std::vector<std::uint8_t> statistical(const Points& points, OutlierParameterBox&
 std::vector<std::uint8_t> byRadius(const Points& points, const OutlierParameterBox& box,
                                    int threads) {
   const std::size_t n = points.xyz.size();
-  const auto tree = finiteTree(points, 64, threads);
+  const auto tree = finiteTree(points, threads);
   std::vector<std::uint8_t> outlier(n);
   const auto copy = copyOfPrevious(points);
   forEachPoint(n, threads, SearchPointGrain, [&](std::size_t i) {
