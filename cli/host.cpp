@@ -19,7 +19,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <mutex>
 #include <omp.h>
+#include <set>
 #include <unistd.h>
 
 namespace Quorvel::Cli {
@@ -229,7 +231,15 @@ void finish(const Basalt::StrongPtr<Basalt::LoaderProgress>& progress, std::size
 } // namespace
 
 Las::Warn readWarnings(const std::string& path) {
-  return [path](const std::string& text) { std::cerr << path << ": warning: " << text << "\n"; };
+  return [path](const std::string& text) {
+    // A file read twice in a run (its fields chosen first, then whole) says each warning once.
+    static std::mutex mutex;
+    static std::set<std::string> said;
+    const std::string line = path + ": warning: " + text + "\n";
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (said.insert(line).second)
+      std::cerr << line;
+  };
 }
 
 bool mayHaveCoordinateSystem(const std::string& path) {

@@ -85,7 +85,7 @@ void addWriteOptions(CLI::App& app, Las::WriteOptions& options);
 using Files::isBundle;
 
 // io's warnings about a file read from path, each written to standard error as
-// "<path>: warning: <text>".
+// "<path>: warning: <text>", once in a run.
 Las::Warn readWarnings(const std::string& path);
 // io's note of the version and format a file written to path moves to, written to standard error
 // as "<path>: <text>".

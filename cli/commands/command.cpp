@@ -10,6 +10,7 @@
 #include "io/raster.hpp"
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
+#include "tressel/representation.hpp"
 
 #include <array>
 #include <cstdio>
@@ -46,19 +47,18 @@ int CloudCommand::run(const Host& host) {
     checkOutput(output_);
   const Raster::OpenedAhead modules(opensGdal() || Files::isGeoTiff(output_),
                                     Files::isBundle(input_) || Files::isBundle(output_));
-  if (changesOnlyClasses() && recordsCanPass(input_, output_, write_, host.common()) &&
-      copiedWithClasses(host))
+  const bool canPass = recordsCanPass(input_, output_, write_, host.common());
+  if (canPass && changesOnlyClasses() && copiedWithClasses(host))
+    return 0;
+  if (canPass && fieldsForKeeping() && copiedKept(host))
     return 0;
   Cloud cloud = host.load(input_);
   const auto kept = copiesRecords(host, cloud)
                         ? advised(cloud, [&] { return keptPoints(cloud, host); })
                         : std::nullopt;
   if (kept) {
-    const std::vector<std::size_t>& indices = kept->indices.front();
-    if (host.copyRecords(input_, indices, pointCount(*cloud.grid), output_)) {
-      host.summary(name_, indices.size(), indices.empty() ? "0 fragments" : "1 fragments");
+    if (wroteKept(host, *kept, cloud))
       return 0;
-    }
     keep(cloud, kept);
   } else {
     change(cloud, host);
@@ -114,6 +114,41 @@ bool CloudCommand::copiedWithClasses(const Host& host) {
     return false;
   host.summary(name_, *cloud.grid);
   return true;
+}
+
+bool CloudCommand::copiedKept(const Host& host) {
+  // The positions named too: a read given no name reads every field.
+  std::set<std::string> fields = *fieldsForKeeping();
+  fields.insert(Tressel::PositionsFieldName);
+  Cloud cloud = host.load(input_, fields);
+  if (!copiesRecords(host, cloud))
+    return false;
+  std::optional<KeptPoints> kept;
+  try {
+    kept = keptPoints(cloud, host);
+  } catch (const Error&) {
+    return false; // said again by the run on the whole cloud, with the fields it has
+  }
+  return kept && wroteKept(host, *kept, cloud);
+}
+
+bool CloudCommand::wroteKept(const Host& host, const KeptPoints& kept, const Cloud& cloud) const {
+  if (kept.indices.size() != 1 ||
+      !host.copyRecords(input_, kept.indices.front(), pointCount(*cloud.grid), output_))
+    return false;
+  const std::size_t count = kept.indices.front().size();
+  host.summary(name_, count, count == 0 ? "0 fragments" : "1 fragments");
+  return true;
+}
+
+std::optional<std::set<std::string>> fieldsOf(const std::string& expression) {
+  if (expression.empty())
+    return std::set<std::string>{};
+  const Expression parsed(expression);
+  if (!parsed.error().empty())
+    return std::nullopt;
+  const auto fields = parsed.fields();
+  return std::set<std::string>(fields.begin(), fields.end());
 }
 
 void aboutFile(const std::string& path, const std::function<void()>& step) {

@@ -17,6 +17,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -59,6 +60,10 @@ public:
   // into the output, which costs less than copying every field and encoding the records again.
   // nullopt: the command changes the points, and apply() runs.
   virtual std::optional<KeptPoints> keptPoints(Cloud&, const Host&) { return std::nullopt; }
+  // For a command that keeps points (keptPoints), with the options given: the fields besides the
+  // positions that choosing them reads. Alone on a LAS file whose records can be copied, the host
+  // then reads only those before it copies the kept records. nullopt: the whole cloud is read.
+  virtual std::optional<std::set<std::string>> fieldsForKeeping() const { return std::nullopt; }
   // For a command that, with the options given, reads the positions and classes of the points
   // alone and changes their classes alone: alone on a LAS file, the host then reads only those
   // and writes the output by copying the input's records with their new classes.
@@ -108,6 +113,13 @@ private:
   // input's format cannot hold) or the change fails: the run then starts again on the whole
   // cloud.
   bool copiedWithClasses(const Host& host);
+  // The run of a command that keeps points, reading only the fields that choosing them reads and
+  // copying the kept records; false, with nothing written, where the records cannot be copied or
+  // the choice fails: the run then starts again on the whole cloud.
+  bool copiedKept(const Host& host);
+  // Writes the kept points of a cloud of one fragment by copying their records from IN, with the
+  // run's summary; false where the records cannot be copied.
+  bool wroteKept(const Host& host, const KeptPoints& kept, const Cloud& cloud) const;
 
   std::string name_;
   std::string input_, output_;
@@ -186,6 +198,9 @@ void warnWithoutSeeds(const std::string& command, const Tressel::Grid& grid,
 // A MultiRange field set from its text form ("2:5,9").
 CLI::Option* addRange(CLI::App& app, const std::string& name, Vantor::MultiRange<double>& range,
                       const std::string& help);
+// The fields an expression reads (X, Y and Z among them), none for an empty one; nullopt for
+// one that does not parse.
+std::optional<std::set<std::string>> fieldsOf(const std::string& expression);
 // An expression field (docs/expressions.md), its syntax checked when the option is read.
 CLI::Option* addExpression(CLI::App& app, const std::string& name, std::string& text,
                            const std::string& help);

@@ -39,6 +39,9 @@ public:
   bool opensGdal() const override { return !polygonPath_.empty(); }
 
   void apply(Cloud& cloud, const Host& host) override { keep(cloud, keptPoints(cloud, host)); }
+  std::optional<std::set<std::string>> fieldsForKeeping() const override {
+    return fieldsOf(box_.where);
+  }
 
   std::optional<KeptPoints> keptPoints(Cloud& cloud, const Host& host) override {
     if (polygonPath_.empty() && !(box_.box[0] <= box_.box[2]))

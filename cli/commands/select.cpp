@@ -28,6 +28,13 @@ public:
   }
 
   void apply(Cloud& cloud, const Host& host) override { keep(cloud, keptPoints(cloud, host)); }
+  // A run that prints its count reads the whole cloud, so that a second try never prints it twice.
+  std::optional<std::set<std::string>> fieldsForKeeping() const override {
+    auto fields = count_ ? std::nullopt : fieldsOf(box_.where);
+    if (fields && !box_.selection.empty())
+      fields->insert(box_.fieldname);
+    return fields;
+  }
 
   std::optional<KeptPoints> keptPoints(Cloud& cloud, const Host& host) override {
     if (box_.selection.empty() && box_.where.empty())

@@ -24,6 +24,9 @@ public:
   }
 
   void apply(Cloud& cloud, const Host& host) override { keep(cloud, keptPoints(cloud, host)); }
+  std::optional<std::set<std::string>> fieldsForKeeping() const override {
+    return std::set<std::string>{}; // the positions alone
+  }
 
   std::optional<KeptPoints> keptPoints(Cloud& cloud, const Host& host) override {
     if (voxel_->count() + random_->count() + every_->count() == 0)

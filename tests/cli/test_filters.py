@@ -459,6 +459,12 @@ def test_kept_records_copied_give_the_file_a_cloud_gives(tmp_path, sample):
     done = quorvel("select", src, "-o", tmp_path / "n.las", "--where", f"Z > {t}", "--count", "-q")
     assert done.stdout == f"{int((xyz[:, 2] > t).sum())}\n"
     assert len(read_las(tmp_path / "n.las")[0]) == int((xyz[:, 2] > t).sum())
+    # A choice that fails on the fields read for it is made again on the whole cloud: the message
+    # names every field of the file, a warning is said once, and nothing is written.
+    bad = quorvel("select", src, "-o", tmp_path / "u.las", "--where", "Nosuch > 1", ok=False)
+    assert "Intensity, ReturnNumber" in bad.stderr and not (tmp_path / "u.las").exists()
+    lines = bad.stderr.splitlines()
+    assert len(lines) == len(set(lines)), bad.stderr
 
 
 @pytest.mark.parametrize("target", ["sample_nc.las", "vegetation_1_3.las", "wave9.las"])
