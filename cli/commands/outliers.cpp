@@ -44,19 +44,49 @@ public:
     return !box_.remove && box_.where.empty() && box_.classify < 32;
   }
 
+  // Removing, the points kept are all it decides: alone on a LAS file, the positions and the
+  // fields of --where are all it reads, and the kept records are copied.
+  std::optional<std::set<std::string>> fieldsForKeeping() const override {
+    return box_.remove ? fieldsOf(box_.where) : std::nullopt;
+  }
+
+  std::optional<KeptPoints> keptPoints(Cloud& cloud, const Host& host) override {
+    if (!box_.remove)
+      return std::nullopt;
+    std::optional<KeptPoints> kept;
+    run(cloud, host, [&] {
+      kept = keptByOutliers(cloud.grid, box_);
+      return kept.has_value();
+    });
+    return kept;
+  }
+
   void apply(Cloud& cloud, const Host& host) override {
-    applyCommonThreads(threads_, host, box_.threads);
-    box_.message.clear();
+    if (box_.remove)
+      return keep(cloud, keptPoints(cloud, host));
     Basalt::StrongPtr<Tressel::Grid> out;
-    host.run("outliers", pointCount(*cloud.grid), [&] { out = filterOutliers(cloud.grid, box_); });
-    if (!out)
-      throw Error("outliers: " + box_.message);
-    host.note(
-        Basalt::format("outliers: %zu of %zu points", box_.outliers, pointCount(*cloud.grid)));
+    run(cloud, host, [&] {
+      out = filterOutliers(cloud.grid, box_);
+      return out != nullptr;
+    });
     cloud.grid = out;
   }
 
 private:
+  // step() on the run's threads, which says whether it found the outliers; throws Error with the
+  // library's message when it did not, else notes how many there are.
+  template <class Step>
+  void run(const Cloud& cloud, const Host& host, const Step& step) {
+    applyCommonThreads(threads_, host, box_.threads);
+    box_.message.clear();
+    bool done = false;
+    host.run("outliers", pointCount(*cloud.grid), [&] { done = step(); });
+    if (!done)
+      throw Error("outliers: " + box_.message);
+    host.note(
+        Basalt::format("outliers: %zu of %zu points", box_.outliers, pointCount(*cloud.grid)));
+  }
+
   OutlierParameterBox box_;
   CLI::Option* threads_ = nullptr;
 };

@@ -147,6 +147,11 @@ constexpr auto OutlierParameterBox::fields() {
 std::vector<std::uint8_t> findOutliers(const Basalt::StrongPtr<Tressel::Grid>& grid,
                                        OutlierParameterBox& box);
 
+// The points that are not outliers by the box's rule, before anything is copied (the cloud
+// box.remove makes); nullopt on error (box.message).
+std::optional<KeptPoints> keptByOutliers(const Basalt::StrongPtr<Tressel::Grid>& grid,
+                                         OutlierParameterBox& box);
+
 // Classifies outliers as box.classify (creating "Classification" as uint8 where missing) and
 // returns grid, or returns a new cloud without them (box.remove). Empty on error (box.message).
 Basalt::StrongPtr<Tressel::Grid> filterOutliers(const Basalt::StrongPtr<Tressel::Grid>& grid,

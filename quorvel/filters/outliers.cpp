@@ -218,7 +218,31 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
   return outlier;
 }
 
+std::optional<KeptPoints> keptByOutliers(const StrongPtr<Grid>& grid, OutlierParameterBox& box) {
+  const std::size_t before = box.message.size();
+  const auto outlier = findOutliers(grid, box);
+  if (box.message.size() > before)
+    return std::nullopt;
+  const auto positions = grid->CartesianPositions();
+  KeptPoints kept{fragmentsOf(*positions), {}};
+  kept.indices.resize(kept.slots.size());
+  std::size_t at = 0;
+  for (std::size_t k = 0; k < kept.slots.size(); ++k) {
+    const auto xyz = fragmentArray<point>(*positions, kept.slots[k]);
+    const std::size_t size = xyz ? xyz->size() : 0;
+    for (std::size_t i = 0; i < size; ++i)
+      if (!outlier[at + i])
+        kept.indices[k].push_back(i);
+    at += size;
+  }
+  return kept;
+}
+
 StrongPtr<Grid> filterOutliers(const StrongPtr<Grid>& grid, OutlierParameterBox& box) {
+  if (box.remove) {
+    Messages log("Outliers: ", &box.message);
+    return keptCloud(*grid, keptByOutliers(grid, box), log);
+  }
   const std::size_t before = box.message.size();
   const auto outlier = findOutliers(grid, box);
   if (box.message.size() > before)
@@ -226,30 +250,23 @@ StrongPtr<Grid> filterOutliers(const StrongPtr<Grid>& grid, OutlierParameterBox&
   Messages log("Outliers: ", &box.message);
   const auto positions = grid->CartesianPositions();
   const auto slots = fragmentsOf(*positions);
-  const auto classes = box.remove ? nullptr : outputField<unsigned char>(grid, "Classification");
-  if (!box.remove && !classes) {
+  const auto classes = outputField<unsigned char>(grid, "Classification");
+  if (!classes) {
     log.report("ERROR: \"Classification\" holds other values than uint8");
     return nullptr;
   }
-  std::vector<std::vector<std::size_t>> kept(slots.size());
   std::size_t at = 0;
-  for (std::size_t k = 0; k < slots.size(); ++k) {
-    const auto xyz = fragmentArray<point>(*positions, slots[k]);
+  for (const FragmentSlot& slot : slots) {
+    const auto xyz = fragmentArray<point>(*positions, slot);
     const std::size_t size = xyz ? xyz->size() : 0;
-    if (box.remove) {
-      for (std::size_t i = 0; i < size; ++i)
-        if (!outlier[at + i])
-          kept[k].push_back(i);
-    } else {
-      FragmentOutput<unsigned char> result(classes, slots[k].id, size);
-      for (std::size_t i = 0; i < size; ++i)
-        if (outlier[at + i])
-          result[i] = static_cast<unsigned char>(box.classify);
-      result.commit();
-    }
+    FragmentOutput<unsigned char> result(classes, slot.id, size);
+    for (std::size_t i = 0; i < size; ++i)
+      if (outlier[at + i])
+        result[i] = static_cast<unsigned char>(box.classify);
+    result.commit();
     at += size;
   }
-  return box.remove ? subsetOf(*grid, slots, kept, true) : grid;
+  return grid;
 }
 
 } // namespace Quorvel

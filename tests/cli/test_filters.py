@@ -496,14 +496,18 @@ def test_transferred_classes_copied_into_the_records_give_the_file_a_cloud_gives
 @pytest.mark.parametrize("sample", ["sample_c.las", "wave9.las"])
 def test_outliers_classified_in_the_copied_records_give_the_file_a_cloud_gives(tmp_path, sample):
     """Alone on a LAS file, outliers --classify reads positions and classes only and copies the
-    records with the new classes: byte for byte the file the whole cloud gives, as LAS and LAZ;
-    with --where (other fields read) the whole cloud is written, as before."""
+    records with the new classes, and --remove reads the positions and the fields of --where and
+    copies the records kept: byte for byte the file the whole cloud gives, as LAS and LAZ; with
+    --where, classifying writes the whole cloud, as before."""
     src = pathlib.Path(os.environ.get("QUORVEL_SAMPLE_DATA", "data")) / sample
+    total = len(read_las(src)[0])
     for extra in ([], ["--where", "Intensity > 10"]):
-        for ext in ("las", "laz"):
-            copied, built = tmp_path / f"c.{ext}", tmp_path / f"b.{ext}"
-            args = ["outliers", src, "--multiplier", "1", *extra, "-q"]
-            quorvel(*args, "-o", copied)
-            quorvel(*args, "-o", built, "--fragment-points", 10**9)
-            assert copied.read_bytes() == built.read_bytes(), (extra, ext)
-        assert 7 in read_las(tmp_path / "c.las")[1], extra
+        for mode in (["--remove"], []):
+            for ext in ("las", "laz"):
+                copied, built = tmp_path / f"c.{ext}", tmp_path / f"b.{ext}"
+                args = ["outliers", src, "--multiplier", "1", *mode, *extra, "-q"]
+                quorvel(*args, "-o", copied)
+                quorvel(*args, "-o", built, "--fragment-points", 10**9)
+                assert copied.read_bytes() == built.read_bytes(), (mode, extra, ext)
+            xyz, classes = read_las(tmp_path / "c.las")[:2]
+            assert 0 < len(xyz) < total if mode else 7 in classes, (mode, extra)
