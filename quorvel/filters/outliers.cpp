@@ -192,20 +192,22 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
     log.report("ERROR: --where: " + problem);
     return {};
   }
-  const std::vector<point> all = gather(*positions, slots);
+  std::vector<point> all = gather(*positions, slots);
   box.outliers = 0;
   if (all.empty())
     return {};
   const int threads = correctedThreadCount(box.threads);
   std::vector<std::uint32_t> from;
   const Points points = inSpaceOrder(all, from, threads);
+  const std::size_t n = all.size();
+  std::vector<point>().swap(all); // the rules read the points in space order alone
   std::vector<std::uint8_t> sorted;
   if (box.method == "statistical") {
     sorted = statistical(points, box, threads);
   } else {
     sorted = byRadius(points, box, threads);
   }
-  std::vector<std::uint8_t> outlier(all.size());
+  std::vector<std::uint8_t> outlier(n);
   for (std::size_t j = 0; j < sorted.size(); ++j)
     outlier[from[j]] = sorted[j];
   // Points the expression leaves out stay neighbours but are never outliers.
