@@ -301,9 +301,11 @@ constexpr auto GroundFilterParameterBox::fields() {
 
 // Classifies the ground of the whole cloud at once ("Classification" is created, all 0, when the
 // cloud has none) by box.method; fragments are only the storage, so the result does not depend
-// on how the cloud is cut into them. Returns the number of points found as ground. Errors (no
-// positions, no point with finite coordinates outside the ignored classes, a grid of more than
-// 2^28 cells, an unknown method) leave the classes as they were and are written to box.message.
+// on how the cloud is cut into them. The raster steps and the points' test run on all processors
+// but one, each row, column or point alone, so neither does it depend on their number. Returns the
+// number of points found as ground. Errors (no positions, no point with finite coordinates outside
+// the ignored classes, a grid of more than 2^28 cells, an unknown method) leave the classes as they
+// were and are written to box.message.
 std::size_t groundFilter(const Basalt::StrongPtr<Tressel::Grid>& grid,
                          GroundFilterParameterBox& box);
 
