@@ -22,6 +22,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -169,14 +170,18 @@ void forEachPoint(std::size_t n, int threads, std::size_t grain, Body&& body) {
 }
 
 // body(begin, end) for the `threads` blocks of staticBlock(n, threads, part), each block on one
-// thread; then the exception of the lowest failing block, if any, is rethrown. The partition
-// depends on n and threads alone, never on how many threads the runtime really gives.
+// thread, or body(begin, end, part) for a body that keeps a result per block; then the exception
+// of the lowest failing block, if any, is rethrown. The partition depends on n and threads alone,
+// never on how many threads the runtime really gives.
 template <class Body>
 void inStaticBlocks(std::size_t n, int threads, Body&& body) {
   const auto parts = static_cast<std::size_t>(std::max(1, threads));
   forEachItem(parts, threads, [&](std::size_t part) {
     const auto [begin, end] = staticBlock(n, parts, part);
-    body(begin, end);
+    if constexpr (std::is_invocable_v<Body&, std::size_t, std::size_t, std::size_t>)
+      body(begin, end, part);
+    else
+      body(begin, end);
   });
 }
 

@@ -37,11 +37,10 @@ std::vector<point> gather(const Field& positions, const std::vector<FragmentSlot
 // The lowest and highest coordinates of the points, axis by axis (NaN passes over both), over
 // blocks of them on the threads: minima and maxima are exact in any order.
 std::pair<point, point> boundsOf(const std::vector<point>& all, int threads) {
-  const std::size_t parts = static_cast<std::size_t>(std::max(threads, 1));
-  std::vector<std::pair<point, point>> part(parts, {all[0], all[0]});
-  forEachItem(parts, threads, [&](std::size_t k) {
+  std::vector<std::pair<point, point>> part(static_cast<std::size_t>(std::max(threads, 1)),
+                                            {all[0], all[0]});
+  inStaticBlocks(all.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
     auto& [lo, hi] = part[k];
-    const auto [begin, end] = staticBlock(all.size(), parts, k);
     for (std::size_t i = begin; i < end; ++i)
       for (int a = 0; a < 3; ++a) {
         lo[a] = std::min(lo[a], all[i][a]);

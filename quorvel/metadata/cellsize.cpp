@@ -30,10 +30,8 @@ void voxelAxis(double extent, std::uint64_t& count, double& width) {
 
 // The box of the finite points, over blocks of them on the threads.
 BoundingBox boxOf(const MemArray<1, point>& xyz, int threads) {
-  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
-  std::vector<BoundingBox> boxes(parts);
-  forEachItem(parts, threads, [&](std::size_t k) {
-    const auto [begin, end] = staticBlock(xyz.size(), parts, k);
+  std::vector<BoundingBox> boxes(static_cast<std::size_t>(std::max(threads, 1)));
+  inStaticBlocks(xyz.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
     boxes[k] = BoundingBox::of(xyz.data() + begin, end - begin);
   });
   BoundingBox box;
@@ -49,16 +47,14 @@ std::vector<std::pair<std::uint64_t, std::uint32_t>> keyedPoints(const MemArray<
                                                                  int threads, const KeyOf& keyOf) {
   const auto parts = static_cast<std::size_t>(std::max(threads, 1));
   std::vector<std::size_t> at(parts + 1, 0);
-  forEachItem(parts, threads, [&](std::size_t k) {
-    const auto [begin, end] = staticBlock(xyz.size(), parts, k);
+  inStaticBlocks(xyz.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
     for (std::size_t i = begin; i < end; ++i)
       at[k + 1] += xyz[i].isFinite();
   });
   for (std::size_t k = 0; k < parts; ++k)
     at[k + 1] += at[k];
   std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(at[parts]);
-  forEachItem(parts, threads, [&](std::size_t k) {
-    const auto [begin, end] = staticBlock(xyz.size(), parts, k);
+  inStaticBlocks(xyz.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
     for (std::size_t i = begin, j = at[k]; i < end; ++i)
       if (xyz[i].isFinite())
         keyed[j++] = {keyOf(xyz[i]), static_cast<std::uint32_t>(i)};
@@ -71,9 +67,7 @@ std::vector<std::pair<std::uint64_t, std::uint32_t>> keyedPoints(const MemArray<
 template <class ValueOf>
 void valuesOfRuns(const std::vector<std::pair<std::uint64_t, std::uint32_t>>& keyed, int threads,
                   const ValueOf& valueOf, Basalt::ArrayVector<float>& out) {
-  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
-  forEachItem(parts, threads, [&](std::size_t k) {
-    auto [start, last] = staticBlock(keyed.size(), parts, k);
+  inStaticBlocks(keyed.size(), threads, [&](std::size_t start, std::size_t last) {
     while (start > 0 && start < last && keyed[start].first == keyed[start - 1].first)
       ++start;
     while (start < last) {

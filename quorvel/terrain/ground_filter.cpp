@@ -149,10 +149,9 @@ bool isLowOutlier(const HeightGrid& measured, std::size_t i, std::size_t j, std:
 std::vector<std::uint8_t> lowOutliers(const HeightGrid& measured, int threads) {
   const std::size_t reach = LowOutlierReach;
   std::vector<std::uint8_t> low(measured.z.size(), 0);
-  inStaticBlocks(measured.rows, threads, [&](std::size_t begin, std::size_t end) {
-    for (std::size_t j = begin; j < end; ++j)
-      for (std::size_t i = 0; i < measured.columns; ++i)
-        low[j * measured.columns + i] = isLowOutlier(measured, i, j, reach);
+  detail::forEachRow(measured, threads, [&](std::size_t j) {
+    for (std::size_t i = 0; i < measured.columns; ++i)
+      low[j * measured.columns + i] = isLowOutlier(measured, i, j, reach);
   });
   return low;
 }

@@ -2,8 +2,6 @@
 // Quorvel: the raster kernels of the simple morphological ground filter.
 #include "quorvel/terrain/detail/morphology.hpp"
 
-#include "quorvel/core/parallel.hpp"
-
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -11,15 +9,6 @@
 namespace Quorvel::detail {
 
 namespace {
-
-// body(j) for every row j of grid, the rows in blocks of their own on `threads` threads.
-template <class Body>
-void forEachRow(const HeightGrid& grid, int threads, const Body& body) {
-  inStaticBlocks(grid.rows, threads, [&](std::size_t begin, std::size_t end) {
-    for (std::size_t j = begin; j < end; ++j)
-      body(j);
-  });
-}
 
 // The mean of the cells with a height among the 2 x 2 children of every coarse cell.
 HeightGrid coarser(const HeightGrid& fine, int threads) {

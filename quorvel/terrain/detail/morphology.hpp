@@ -6,6 +6,8 @@
 // that are computed alone, so that no result depends on the thread count.
 #pragma once
 
+#include "quorvel/core/parallel.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -23,6 +25,15 @@ struct HeightGrid {
   float& at(std::size_t i, std::size_t j) { return z[j * columns + i]; }
   float at(std::size_t i, std::size_t j) const { return z[j * columns + i]; }
 };
+
+// body(j) for every row j of grid, the rows in blocks of their own on `threads` threads.
+template <class Body>
+void forEachRow(const HeightGrid& grid, int threads, const Body& body) {
+  inStaticBlocks(grid.rows, threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t j = begin; j < end; ++j)
+      body(j);
+  });
+}
 
 // Fills every NaN cell by push-pull: the grid is averaged 2 x 2 into coarser grids (over the
 // cells with a height) until one holds no hole, and each hole then takes the bilinear value of
