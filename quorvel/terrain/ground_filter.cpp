@@ -6,6 +6,7 @@
 #include "quorvel/terrain/detail/morphology.hpp"
 #include "quorvel/terrain/terrain.hpp"
 
+#include "basalt/array_allocator.hpp"
 #include "basalt/text.hpp"
 
 #include <algorithm>
@@ -13,6 +14,8 @@
 #include <cmath>
 #include <limits>
 #include <stdexcept>
+#include <tuple>
+#include <utility>
 
 namespace Quorvel {
 
@@ -33,10 +36,11 @@ constexpr unsigned char Ground = 2, Unassigned = 1;
 constexpr double LowOutlierDepth = 5.0;
 constexpr std::size_t LowOutlierReach = 3;
 
-// The points that take part, relative to the lowest x and y among them.
+// The points that take part, relative to the lowest x and y among them, and the largest x and
+// y after the shift.
 struct Gathered {
-  std::vector<double> x, y, z;
-  double originX = 0, originY = 0;
+  Basalt::ArrayVector<double> x, y, z;
+  double originX = 0, originY = 0, spanX = 0, spanY = 0;
 };
 
 // The classes of a fragment as a table lookup: which take part.
@@ -65,26 +69,71 @@ void forEachFragmentOf(const Field& positions, const StrongPtr<Field>& classes, 
   }
 }
 
-Gathered gather(const Field& positions, const StrongPtr<Field>& classes,
-                const ClassTable& ignored) {
+// The smallest x and y of the gathered points, found by blocks on the threads.
+std::pair<double, double> lowestXY(const Gathered& g, int threads) {
+  std::vector<std::pair<double, double>> lowest(static_cast<std::size_t>(std::max(threads, 1)),
+                                                {HUGE_VAL, HUGE_VAL});
+  inStaticBlocks(g.x.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t part) {
+    auto [x, y] = lowest[part];
+    for (std::size_t k = begin; k < end; ++k) {
+      x = std::min(x, g.x[k]);
+      y = std::min(y, g.y[k]);
+    }
+    lowest[part] = {x, y};
+  });
+  auto [x, y] = lowest.front();
+  for (const auto& [bx, by] : lowest) {
+    x = std::min(x, bx);
+    y = std::min(y, by);
+  }
+  return {x, y};
+}
+
+// The points in fragment and index order, each fragment packed on the threads into its place.
+Gathered gather(const Field& positions, const StrongPtr<Field>& classes, const ClassTable& ignored,
+                int threads) {
   Gathered g;
+  std::size_t most = 0, count = 0;
   forEachFragmentOf(positions, classes,
                     [&](const FragmentSlot&, const MemArray<1, point>& xyz,
-                        const MemArray<1, unsigned char>* cls) {
-                      for (std::size_t i = 0; i < xyz.size(); ++i)
-                        if (takesPart(xyz[i], cls ? (*cls)[i] : 0, ignored)) {
-                          g.x.push_back(xyz[i].x);
-                          g.y.push_back(xyz[i].y);
-                          g.z.push_back(xyz[i].z);
-                        }
-                    });
-  if (g.x.empty())
+                        const MemArray<1, unsigned char>*) { most += xyz.size(); });
+  // Room for every point, left unwritten: pages past the points that take part are never touched.
+  g.x.resize(most);
+  g.y.resize(most);
+  g.z.resize(most);
+  forEachFragmentOf(
+      positions, classes,
+      [&](const FragmentSlot&, const MemArray<1, point>& xyz,
+          const MemArray<1, unsigned char>* cls) {
+        count += packInBlocks(
+            xyz.size(), threads,
+            [&](std::size_t i) { return takesPart(xyz[i], cls ? (*cls)[i] : 0, ignored); },
+            [&](std::size_t i, std::size_t at) {
+              g.x[count + at] = xyz[i].x;
+              g.y[count + at] = xyz[i].y;
+              g.z[count + at] = xyz[i].z;
+            });
+      });
+  if (count == 0)
     throw std::runtime_error("no point with finite coordinates outside the ignored classes");
-  g.originX = *std::min_element(g.x.begin(), g.x.end());
-  g.originY = *std::min_element(g.y.begin(), g.y.end());
-  for (std::size_t k = 0; k < g.x.size(); ++k) {
-    g.x[k] -= g.originX;
-    g.y[k] -= g.originY;
+  g.x.resize(count);
+  g.y.resize(count);
+  g.z.resize(count);
+  std::tie(g.originX, g.originY) = lowestXY(g, threads);
+  std::vector<std::pair<double, double>> spans(static_cast<std::size_t>(std::max(threads, 1)),
+                                               {-HUGE_VAL, -HUGE_VAL});
+  inStaticBlocks(count, threads, [&](std::size_t begin, std::size_t end, std::size_t part) {
+    auto [x, y] = spans[part];
+    for (std::size_t k = begin; k < end; ++k) {
+      x = std::max(x, g.x[k] -= g.originX);
+      y = std::max(y, g.y[k] -= g.originY);
+    }
+    spans[part] = {x, y};
+  });
+  g.spanX = g.spanY = -HUGE_VAL;
+  for (const auto& [x, y] : spans) {
+    g.spanX = std::max(g.spanX, x);
+    g.spanY = std::max(g.spanY, y);
   }
   return g;
 }
@@ -95,8 +144,7 @@ std::size_t cellIndex(double v, double cell, std::size_t count) {
 
 // The lowest point of every cell, NaN where a cell holds none.
 HeightGrid minimumSurface(const Gathered& g, double smallestCell) {
-  const double spanX = *std::max_element(g.x.begin(), g.x.end());
-  const double spanY = *std::max_element(g.y.begin(), g.y.end());
+  const double spanX = g.spanX, spanY = g.spanY;
   // Sparse data (fewer points than cells) gets cells of about one point each, so that the
   // surface is made of points rather than of filled holes.
   const double cell =
@@ -236,8 +284,8 @@ std::size_t groundFilter(const StrongPtr<Grid>& grid, GroundFilterParameterBox& 
     if (!classes)
       throw std::runtime_error("\"Classification\" exists with another type than 8-bit");
     const ClassTable ignored = tableOf(box.ignore);
-    const Gathered g = gather(*positions, classes, ignored);
     const int threads = maximumThreadsMinusOne();
+    const Gathered g = gather(*positions, classes, ignored, threads);
     const HeightGrid terrain = provisionalTerrain(minimumSurface(g, box.cell_size), box, threads);
     return writeClasses(*positions, classes, ignored, groundPoints(g, terrain, box, threads),
                         box.reset);

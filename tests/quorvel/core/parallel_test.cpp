@@ -106,6 +106,26 @@ TEST(ParallelLoops, StaticBlocksAreContiguousAndDependOnNAndThreadsAlone) {
     }
 }
 
+TEST(ParallelLoops, PackedItemsLandWhereOneThreadPutsThem) {
+  // Kept items in runs and gaps of uneven length, so that blocks keep different counts.
+  const auto keep = [](std::size_t i) { return i % 3 == 0 || i % 7 == 5 || (i / 100) % 4 == 1; };
+  for (int threads : ThreadCounts)
+    for (std::size_t n : Sizes) {
+      std::vector<std::size_t> expected;
+      for (std::size_t i = 0; i < n; ++i)
+        if (keep(i))
+          expected.push_back(i);
+      std::vector<std::size_t> placed(n, n);
+      const std::size_t count = packInBlocks(n, threads, keep, [&](std::size_t i, std::size_t at) {
+        ASSERT_LT(at, n);
+        placed[at] = i;
+      });
+      ASSERT_EQ(count, expected.size()) << threads << " threads, n " << n;
+      placed.resize(count);
+      EXPECT_EQ(placed, expected) << threads << " threads, n " << n;
+    }
+}
+
 TEST(ParallelLoops, TheLowestFailingIndexWins) {
   const std::vector<std::size_t> failing{9000, 17, 500, 18};
   const auto body = [&](std::size_t i) {
