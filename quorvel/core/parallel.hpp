@@ -186,11 +186,13 @@ void inStaticBlocks(std::size_t n, int threads, Body&& body) {
 }
 
 // place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted (0,
-// 1, ...), so each lands where one thread would put it whatever the threads; returns how many.
-// Each static block counts what it keeps, then places its items from the count of the blocks
-// before it: keep is asked twice per item, so it should be cheap and give the same answer.
-template <class Keep, class Place>
-std::size_t packInBlocks(std::size_t n, int threads, const Keep& keep, const Place& place) {
+// 1, ...), so each lands where one thread would put it whatever the threads; room(count) is told
+// how many there are before the first is placed, and the count is returned. Each static block
+// counts what it keeps, then places its items from the count of the blocks before it: keep is
+// asked twice per item, so it should be cheap and give the same answer.
+template <class Keep, class Room, class Place>
+std::size_t packInBlocks(std::size_t n, int threads, const Keep& keep, const Room& room,
+                         const Place& place) {
   const auto parts = static_cast<std::size_t>(std::max(1, threads));
   std::vector<std::size_t> from(parts + 1, 0);
   inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end, std::size_t part) {
@@ -201,6 +203,7 @@ std::size_t packInBlocks(std::size_t n, int threads, const Keep& keep, const Pla
   });
   for (std::size_t part = 0; part < parts; ++part)
     from[part + 1] += from[part];
+  room(from[parts]);
   inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end, std::size_t part) {
     std::size_t at = from[part];
     for (std::size_t i = begin; i < end; ++i)

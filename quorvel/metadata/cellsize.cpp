@@ -40,25 +40,17 @@ BoundingBox boxOf(const MemArray<1, point>& xyz, int threads) {
   return box;
 }
 
-// The voxel key of every finite point with its index, in point order: each block of points
-// counts its finite ones first, so that it knows where its keys go.
+// The voxel key of every finite point with its index, in point order, packed on the threads.
 template <class KeyOf>
 std::vector<std::pair<std::uint64_t, std::uint32_t>> keyedPoints(const MemArray<1, point>& xyz,
                                                                  int threads, const KeyOf& keyOf) {
-  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
-  std::vector<std::size_t> at(parts + 1, 0);
-  inStaticBlocks(xyz.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
-    for (std::size_t i = begin; i < end; ++i)
-      at[k + 1] += xyz[i].isFinite();
-  });
-  for (std::size_t k = 0; k < parts; ++k)
-    at[k + 1] += at[k];
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(at[parts]);
-  inStaticBlocks(xyz.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
-    for (std::size_t i = begin, j = at[k]; i < end; ++i)
-      if (xyz[i].isFinite())
-        keyed[j++] = {keyOf(xyz[i]), static_cast<std::uint32_t>(i)};
-  });
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed;
+  packInBlocks(
+      xyz.size(), threads, [&](std::size_t i) { return xyz[i].isFinite(); },
+      [&](std::size_t count) { keyed.resize(count); },
+      [&](std::size_t i, std::size_t at) {
+        keyed[at] = {keyOf(xyz[i]), static_cast<std::uint32_t>(i)};
+      });
   return keyed;
 }
 

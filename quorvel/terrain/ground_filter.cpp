@@ -97,10 +97,9 @@ Gathered gather(const Field& positions, const StrongPtr<Field>& classes, const C
   forEachFragmentOf(positions, classes,
                     [&](const FragmentSlot&, const MemArray<1, point>& xyz,
                         const MemArray<1, unsigned char>*) { most += xyz.size(); });
-  // Room for every point, left unwritten: pages past the points that take part are never touched.
-  g.x.resize(most);
-  g.y.resize(most);
-  g.z.resize(most);
+  // Room for every point, so that no fragment moves the points before it.
+  for (auto* axis : {&g.x, &g.y, &g.z})
+    axis->reserve(most);
   forEachFragmentOf(
       positions, classes,
       [&](const FragmentSlot&, const MemArray<1, point>& xyz,
@@ -108,6 +107,10 @@ Gathered gather(const Field& positions, const StrongPtr<Field>& classes, const C
         count += packInBlocks(
             xyz.size(), threads,
             [&](std::size_t i) { return takesPart(xyz[i], cls ? (*cls)[i] : 0, ignored); },
+            [&](std::size_t kept) {
+              for (auto* axis : {&g.x, &g.y, &g.z})
+                axis->resize(count + kept); // left unwritten until placed
+            },
             [&](std::size_t i, std::size_t at) {
               g.x[count + at] = xyz[i].x;
               g.y[count + at] = xyz[i].y;
@@ -116,9 +119,6 @@ Gathered gather(const Field& positions, const StrongPtr<Field>& classes, const C
       });
   if (count == 0)
     throw std::runtime_error("no point with finite coordinates outside the ignored classes");
-  g.x.resize(count);
-  g.y.resize(count);
-  g.z.resize(count);
   std::tie(g.originX, g.originY) = lowestXY(g, threads);
   std::vector<std::pair<double, double>> spans(static_cast<std::size_t>(std::max(threads, 1)),
                                                {-HUGE_VAL, -HUGE_VAL});
