@@ -54,4 +54,32 @@ void inBlocks(std::size_t n, std::size_t parts, int threads, const Body& body) {
           [&](std::size_t k, int thread) { body(n * k / parts, n * (k + 1) / parts, thread); });
 }
 
+// place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted (0,
+// 1, ...), so each lands where one thread would put it whatever the threads; room(count) is told
+// how many there are before the first is placed, and the count is returned. Each of `parts`
+// contiguous blocks counts what it keeps, then places its items from the count of the blocks
+// before it: keep is asked twice per item, so it should be cheap and give the same answer.
+template <class Keep, class Room, class Place>
+std::size_t packInBlocks(std::size_t n, std::size_t parts, int threads, const Keep& keep,
+                         const Room& room, const Place& place) {
+  parts = std::max<std::size_t>(parts, 1);
+  std::vector<std::size_t> from(parts + 1, 0);
+  inParts(parts, threads, [&](std::size_t k, int) {
+    std::size_t count = 0;
+    for (std::size_t i = n * k / parts; i < n * (k + 1) / parts; ++i)
+      count += keep(i) ? 1 : 0;
+    from[k + 1] = count;
+  });
+  for (std::size_t k = 0; k < parts; ++k)
+    from[k + 1] += from[k];
+  room(from[parts]);
+  inParts(parts, threads, [&](std::size_t k, int) {
+    std::size_t at = from[k];
+    for (std::size_t i = n * k / parts; i < n * (k + 1) / parts; ++i)
+      if (keep(i))
+        place(i, at++);
+  });
+  return from[parts];
+}
+
 } // namespace Basalt

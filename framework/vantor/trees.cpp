@@ -282,7 +282,7 @@ void BucketTree<Index, D>::placeLeaves(std::size_t first, std::size_t last,
 
 template <class Index, int D>
 template <class T>
-void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values,
+void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, Basalt::ArrayVector<T>& values,
                                        int threads) {
   static_assert(sizeof(T) <= sizeof(std::uint64_t) && std::is_trivially_copyable_v<T>);
   constexpr std::size_t Ahead = 16;

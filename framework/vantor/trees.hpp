@@ -3,6 +3,7 @@
 // (QuadTree), keyed by point index.
 #pragma once
 
+#include "basalt/array_allocator.hpp"
 #include "basalt/parts.hpp"
 #include "basalt/radix_sort.hpp"
 #include "basalt/strong_ptr.hpp"
@@ -86,6 +87,48 @@ public:
     ++count_;
     built_.store(false, std::memory_order_relaxed);
     return true;
+  }
+
+  // Stores pointOf(i) under index i for every i in [0, n) that keep(i) accepts, as n insertions
+  // in index order would (a point outside the box refused with the tree's message), written on
+  // `threads` threads: each block of indices counts the points it stores, then writes them at
+  // their place.
+  template <class Keep, class PointOf>
+  void insertEach(std::size_t n, int threads, const Keep& keep, const PointOf& pointOf) {
+    if (!valid_)
+      return;
+    const std::size_t first = ids_.size();
+    std::atomic<bool> refused{false};
+    const auto stored = [&](std::size_t i) {
+      if (!keep(i))
+        return false;
+      const point p = pointOf(i);
+      for (int k = 0; k < D; ++k)
+        if (!(p[k] >= box_.min()[k] && p[k] <= box_.max()[k])) {
+          refused.store(true, std::memory_order_relaxed);
+          return false;
+        }
+      return true;
+    };
+    count_ += Basalt::packInBlocks(
+        n, Basalt::blocksFor(n, threads), threads, stored,
+        [&](std::size_t count) {
+          for (auto* axis : {&x_, &y_, &z_})
+            axis->resize(first + count); // each entry written once, below
+          ids_.resize(first + count);
+        },
+        [&](std::size_t i, std::size_t at) {
+          const point p = pointOf(i);
+          x_[first + at] = p.x;
+          y_[first + at] = p.y;
+          z_[first + at] = p.z;
+          ids_[first + at] = static_cast<Index>(i);
+        });
+    if (refused.load()) // the messages of the points refused, in index order
+      for (std::size_t i = 0; i < n; ++i)
+        if (keep(i))
+          acceptsPoint<D>(pointOf(i), box_.min(), box_.max());
+    built_.store(false, std::memory_order_relaxed);
   }
 
   // Room for n more insertions, so that filling a large tree does not copy what it holds.
@@ -625,7 +668,7 @@ private:
   // Rearranges one array of entries into the order of `keyed`, through the room of its keys
   // (no longer needed once the table is made), its sources fetched ahead.
   template <class T>
-  static void inLeafOrder(std::vector<Keyed>& keyed, std::vector<T>& values, int threads);
+  static void inLeafOrder(std::vector<Keyed>& keyed, Basalt::ArrayVector<T>& values, int threads);
   // Reorders entries b .. e - 1 by index, stably.
   void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const;
   // Only a leaf of the finest cells holds more than `capacity` entries, and then mostly copies
@@ -814,8 +857,8 @@ private:
   // The division: nodes (the root first) and the entries, coordinates one array per axis, in
   // leaf order followed by the insertions not yet divided.
   mutable std::vector<Node> nodes_;
-  mutable std::vector<double> x_, y_, z_;
-  mutable std::vector<Index> ids_;
+  mutable Basalt::ArrayVector<double> x_, y_, z_;
+  mutable Basalt::ArrayVector<Index> ids_;
   // Cells of a fixed level (2^(D * tableLevel_) of them, by Morton key) and the node to start
   // a search from when the searched ball lies inside one.
   mutable int tableLevel_ = 0;

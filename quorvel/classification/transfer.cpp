@@ -72,6 +72,30 @@ struct SourcePass {
   Messages& log;
 };
 
+// The answer of a query that found no source point within the radius.
+constexpr std::uint32_t NoAnswer = std::numeric_limits<std::uint32_t>::max();
+
+// The classes of the asking points [b, e) that found a source point: its class, or the band of
+// its distance.
+void applyAnswers(const SourcePass& pass, std::size_t b, std::size_t e,
+                  const Basalt::ArrayVector<std::uint32_t>& asking,
+                  const std::vector<std::uint32_t>& nearest, const std::vector<double>& squared,
+                  MemArray<1, unsigned char>& cls) {
+  constexpr std::size_t Ahead = 16; // answers whose source class is fetched ahead
+  for (std::size_t k = b; k < e; ++k) {
+    if (nearest[k] == NoAnswer)
+      continue;
+    unsigned char& c = cls[asking[k]];
+    if (pass.box.hasAssignment) {
+      bandClass(pass.box.assignment, squared[k], c);
+      continue;
+    }
+    if (k + Ahead < e && nearest[k + Ahead] != NoAnswer)
+      __builtin_prefetch(&pass.classes[nearest[k + Ahead]]);
+    c = pass.classes[nearest[k]];
+  }
+}
+
 // Transfers onto one target fragment from the tree of one source fragment, its searches on
 // `threads` threads.
 template <class Tree>
@@ -92,16 +116,19 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
   const bool planar = box.dimension == 2;
   // The points that ask, then the tree answers them all in its own order.
   const auto at = [&](std::size_t i) { return shift ? (*xyz)[i] - box.offset : (*xyz)[i]; };
-  std::vector<std::uint32_t> asking;
-  asking.reserve(xyz->size());
-  for (std::size_t i = 0; i < xyz->size(); ++i)
-    if (pass.target((*cls)[i]) &&
-        pass.reach.inside(at(i), planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed))
-      asking.push_back(static_cast<std::uint32_t>(i));
+  Basalt::ArrayVector<std::uint32_t> asking;
+  packInBlocks(
+      xyz->size(), threads,
+      [&](std::size_t i) {
+        return pass.target((*cls)[i]) &&
+               pass.reach.inside(at(i),
+                                 planar ? BoundingBox::PointPlanar : BoundingBox::PointClosed);
+      },
+      [&](std::size_t count) { asking.resize(count); },
+      [&](std::size_t i, std::size_t k) { asking[k] = static_cast<std::uint32_t>(i); });
   // Answers are stored by query and applied afterwards in query order: the tree answers
   // in its own order, and reading anything per answer would wait on memory every time.
-  constexpr std::uint32_t None = std::numeric_limits<std::uint32_t>::max();
-  std::vector<std::uint32_t> nearest(asking.size(), None);
+  std::vector<std::uint32_t> nearest(asking.size(), NoAnswer);
   std::vector<double> squared(box.hasAssignment ? asking.size() : 0);
   // Each block of the asking points is answered on its own thread; an answer does not depend on
   // the other queries, so the blocks change nothing but the time.
@@ -114,19 +141,10 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
             squared[b + k] = found.squared;
         });
   });
-  constexpr std::size_t Ahead = 16; // answers whose source class is fetched ahead
-  for (std::size_t k = 0; k < asking.size(); ++k) {
-    if (nearest[k] == None)
-      continue;
-    unsigned char& c = (*cls)[asking[k]];
-    if (box.hasAssignment) {
-      bandClass(box.assignment, squared[k], c);
-      continue;
-    }
-    if (k + Ahead < asking.size() && nearest[k + Ahead] != None)
-      __builtin_prefetch(&pass.classes[nearest[k + Ahead]]);
-    c = pass.classes[nearest[k]];
-  }
+  // Each answer changes its own point's class alone.
+  inStaticBlocks(asking.size(), threads, [&](std::size_t b, std::size_t e) {
+    applyAnswers(pass, b, e, asking, nearest, squared, *cls);
+  });
   underCriticalSection([&] { creator->touch(); });
 }
 
@@ -150,7 +168,7 @@ bool sourcePass(const FragmentSlot& slot, const TransferInputs& in, Box& box,
   box.classReference = points.cls;
 
   withTree(box.dimension, sourceBox, [&](const auto& tree) {
-    fillTree(*tree, sources, *points.xyz, *points.cls, points.xyz->size());
+    fillTree(*tree, sources, *points.xyz, *points.cls, points.xyz->size(), box.threads);
     if (tree->size() == 0)
       return;
     tree->prepare(box.threads);

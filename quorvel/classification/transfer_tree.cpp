@@ -19,7 +19,7 @@ void classificationTransfer(const StrongPtr<Tree>& tree, const Box& box,
     return;
   const ClassSet source(box.source), target(box.target);
   fillTree(*tree, source, sourcePositions, sourceClasses,
-           std::min(sourcePositions.size(), sourceClasses.size()));
+           std::min(sourcePositions.size(), sourceClasses.size()), threads);
   if (!tree->valid() || tree->size() == 0)
     return;
   tree->prepare(threads);

@@ -15,6 +15,8 @@
 // Every iteration should write only its own slots, so that no result depends on the threads.
 #pragma once
 
+#include "basalt/parts.hpp"
+
 #include <algorithm>
 #include <cstddef>
 #include <exception>
@@ -185,32 +187,14 @@ void inStaticBlocks(std::size_t n, int threads, Body&& body) {
   });
 }
 
-// place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted (0,
-// 1, ...), so each lands where one thread would put it whatever the threads; room(count) is told
-// how many there are before the first is placed, and the count is returned. Each static block
-// counts what it keeps, then places its items from the count of the blocks before it: keep is
-// asked twice per item, so it should be cheap and give the same answer.
+// place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted, each
+// where one thread would put it; room(count) is told the count first (Basalt::packInBlocks, one
+// block a thread). keep is asked twice per item, so it should be cheap.
 template <class Keep, class Room, class Place>
 std::size_t packInBlocks(std::size_t n, int threads, const Keep& keep, const Room& room,
                          const Place& place) {
-  const auto parts = static_cast<std::size_t>(std::max(1, threads));
-  std::vector<std::size_t> from(parts + 1, 0);
-  inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end, std::size_t part) {
-    std::size_t count = 0;
-    for (std::size_t i = begin; i < end; ++i)
-      count += keep(i) ? 1 : 0;
-    from[part + 1] = count;
-  });
-  for (std::size_t part = 0; part < parts; ++part)
-    from[part + 1] += from[part];
-  room(from[parts]);
-  inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end, std::size_t part) {
-    std::size_t at = from[part];
-    for (std::size_t i = begin; i < end; ++i)
-      if (keep(i))
-        place(i, at++);
-  });
-  return from[parts];
+  return Basalt::packInBlocks(n, static_cast<std::size_t>(std::max(1, threads)), threads, keep,
+                              room, place);
 }
 
 } // namespace Quorvel

@@ -110,10 +110,9 @@ std::unique_ptr<Vantor::OcTree<unsigned>> finiteTree(const Points& points, int t
   auto bounds =
       std::make_shared<BoundingBox>(BoundingBox::of(points.xyz.data(), points.xyz.size()));
   auto tree = std::make_unique<Vantor::OcTree<unsigned>>(bounds, 64);
-  tree->reserve(points.xyz.size());
-  for (std::size_t i = 0; i < points.xyz.size(); ++i)
-    if (points.xyz[i].isFinite())
-      tree->insert(points.xyz[i], static_cast<unsigned>(i));
+  tree->insertEach(
+      points.xyz.size(), threads, [&](std::size_t i) { return points.xyz[i].isFinite(); },
+      [&](std::size_t i) { return points.xyz[i]; });
   tree->prepare(threads);
   return tree;
 }

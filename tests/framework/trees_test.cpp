@@ -597,7 +597,9 @@ TYPED_TEST(FrameworkTreeOracle, EveryQueryMatchesBruteForce) {
 // place (a box query over everything lists the entries in tree order: leaves, and entries within
 // them, copies after distinct positions), the same cells to start from (radius queries in tree
 // order and nearest answers of queries in the tree's order), also when entries are added to a
-// tree divided before. Small buckets make deep trees whose top is cut into many cells.
+// tree divided before. Small buckets make deep trees whose top is cut into many cells. On one
+// thread the entries go in one insertion at a time; on more, by insertEach on the same threads,
+// with the same points left out and the same refused NaN points reported in the same order.
 TYPED_TEST(FrameworkTreeOracle, DivisionsOnManyThreadsAreTheDivisionOfOne) {
   using Index = typename TypeParam::Index;
   constexpr int D = TypeParam::D;
@@ -625,21 +627,36 @@ TYPED_TEST(FrameworkTreeOracle, DivisionsOnManyThreadsAreTheDivisionOfOne) {
           });
       return out;
     };
+    const auto position = [&](std::size_t i) {
+      return i % 997 == 5 ? point{std::nan(""), xyz[i].y, xyz[i].z} : xyz[i];
+    };
+    // The points [from, to) but every seventh.
+    const auto fill = [&](Tree& tree, std::size_t from, std::size_t to, int threads) {
+      const auto keep = [&](std::size_t i) { return i >= from && i % 7 != 3; };
+      if (threads > 1)
+        return tree.insertEach(to, threads, keep, position);
+      for (std::size_t i = from; i < to; ++i)
+        if (keep(i))
+          tree.insert(position(i), static_cast<Index>(i));
+    };
     std::vector<std::vector<Index>> byThreads;
+    std::vector<std::string> reports;
     for (const int threads : {1, 2, 3}) {
       Tree tree(bbox, 4);
-      for (std::size_t i = 0; i < 100000; ++i)
-        tree.insert(xyz[i], static_cast<Index>(i));
+      CaptureStdout();
+      fill(tree, 0, 100000, threads);
       tree.prepare(threads);
       std::vector<Index> seen = answers(tree);
-      for (std::size_t i = 100000; i < xyz.size(); ++i)
-        tree.insert(xyz[i], static_cast<Index>(i));
+      fill(tree, 100000, xyz.size(), threads);
+      reports.push_back(GetCapturedStdout());
       tree.prepare(threads);
       const std::vector<Index> grown = answers(tree);
       seen.insert(seen.end(), grown.begin(), grown.end());
       byThreads.push_back(seen);
       EXPECT_EQ(byThreads.back(), byThreads.front()) << "kind " << kind << ", " << threads;
+      EXPECT_EQ(reports.back(), reports.front()) << "kind " << kind << ", " << threads;
     }
+    EXPECT_NE(reports.front().find("out of bounds"), std::string::npos);
   }
 }
 

@@ -52,14 +52,14 @@ inline BoundingBox widened(const BoundingBox& box, double r) {
   return BoundingBox(box.min() - by, box.max() + by);
 }
 
-// Inserts the first count source points whose class is in `classes`, under their index.
+// Inserts the first count source points whose class is in `classes`, under their index, on
+// `threads` threads.
 template <class Tree, class Positions, class Classes>
 void fillTree(Tree& tree, const ClassSet& classes, const Positions& xyz, const Classes& cls,
-              std::size_t count) {
-  tree.reserve(count);
-  for (std::size_t i = 0; i < count; ++i)
-    if (classes(cls[i]))
-      tree.insert(xyz[i], static_cast<unsigned>(i));
+              std::size_t count, int threads) {
+  tree.insertEach(
+      count, threads, [&](std::size_t i) { return classes(cls[i]); },
+      [&](std::size_t i) { return xyz[i]; });
 }
 
 // Calls f with a fresh tree of the box's dimension (QuadTree for 2, OcTree for 3) over bbox;

@@ -9,17 +9,15 @@
 namespace Quorvel::detail {
 
 // A tree of type Tree (capacity 64) over bbox holding the points i with admit(i), in index order;
-// divided on the threads of the round's point step (into the tree one thread makes), then only
-// read.
+// filled and divided on the threads of the round's point step (into the tree one thread makes),
+// then only read.
 template <class Tree, class Admit>
 StrongPtr<Tree> treeOf(const MultiArray<1, const point>& positions,
                        const StrongPtr<BoundingBox>& bbox, const Admit& admit) {
   auto tree = std::make_shared<Tree>(bbox, 64);
-  tree->reserve(positions.size());
-  for (std::size_t i = 0; i < positions.size(); ++i)
-    if (admit(i))
-      tree->insert(positions[i], static_cast<unsigned>(i));
-  tree->prepare(maximumThreadsMinusOne());
+  const int threads = maximumThreadsMinusOne();
+  tree->insertEach(positions.size(), threads, admit, [&](std::size_t i) { return positions[i]; });
+  tree->prepare(threads);
   return tree;
 }
 
