@@ -2,6 +2,7 @@
 // Quorvel framework, base: a stable radix sort by integer keys.
 #pragma once
 
+#include "basalt/array_allocator.hpp"
 #include "basalt/parts.hpp"
 
 #include <algorithm>
@@ -14,13 +15,13 @@ namespace Basalt {
 
 // Sorts count items stably by the bits low .. high - 1 of key(item) (lower bits are not looked
 // at), least significant digit first, in as few passes of digits of at most maxWidth bits as it
-// takes, through `buffer` (grown to count when shorter). Linear time: for the cell keys of
-// millions of points several times faster than a comparison sort. A narrow maxWidth suits many
-// short ranges, whose digit counts are then cheap to clear. `threads` share large sorts; the
-// order is the same on any number.
-template <class T, class Key>
-void radixSort(T* items, std::size_t count, int low, int high, const Key& key,
-               std::vector<T>& buffer, int maxWidth = 16, int threads = 1) {
+// takes, through `buffer` (a vector of T, grown to count when shorter). Linear time: for the
+// cell keys of millions of points several times faster than a comparison sort. A narrow maxWidth
+// suits many short ranges, whose digit counts are then cheap to clear. `threads` share large
+// sorts; the order is the same on any number.
+template <class T, class Key, class Buffer>
+void radixSort(T* items, std::size_t count, int low, int high, const Key& key, Buffer& buffer,
+               int maxWidth = 16, int threads = 1) {
   const int bits = high - low;
   if (bits <= 0 || count < 2)
     return;
@@ -56,13 +57,17 @@ void radixSort(T* items, std::size_t count, int low, int high, const Key& key,
     std::swap(from, to);
   }
   if (from != items)
-    std::copy(from, from + count, items);
+    inParts(blocks, threads, [&](std::size_t k, int) {
+      std::copy(from + count * k / blocks, from + count * (k + 1) / blocks,
+                items + count * k / blocks);
+    });
 }
 
-// The same over a whole vector, with a buffer of its own.
-template <class T, class Key>
-void radixSort(std::vector<T>& items, int low, int high, const Key& key, int threads = 1) {
-  std::vector<T> buffer;
+// The same over a whole vector, with a buffer of its own (left unwritten until the first pass
+// places every item in it).
+template <class Items, class Key>
+void radixSort(Items& items, int low, int high, const Key& key, int threads = 1) {
+  ArrayVector<typename Items::value_type> buffer;
   radixSort(items.data(), items.size(), low, high, key, buffer, 16, threads);
 }
 

@@ -33,10 +33,10 @@ struct Fields {
 };
 
 // The fragment's normals, unit length where they have one and turned upward.
-std::vector<vector> upwardNormals(const MemArray<1, vector>& normals) {
-  std::vector<vector> out(normals.data(), normals.data() + normals.size());
+Basalt::ArrayVector<vector> upwardNormals(const MemArray<1, vector>& normals) {
+  Basalt::ArrayVector<vector> out(normals.size()); // each written once, below
   forEachPoint(out.size(), [&](std::size_t i) {
-    vector& v = out[i];
+    vector& v = out[i] = normals[i];
     const double length2 = v.x * v.x + v.y * v.y + v.z * v.z;
     if (length2 > 0)
       v = v * (1.0 / std::sqrt(length2));
@@ -71,14 +71,14 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
   std::iota(all.begin(), all.end(), 0u);
   tree.insertEach(
       std::move(all), [&](unsigned i) { return (*xyz)[i]; }, maximumThreadsMinusOne());
-  const std::vector<vector> upward = upwardNormals(*normals);
+  const Basalt::ArrayVector<vector> upward = upwardNormals(*normals);
   const detail::WeightInputs in{xyz->data(),       upward.data(),
                                 planarity->data(), tree,
                                 box.radius,        static_cast<std::size_t>(box.neighbours)};
   FragmentOutput<float> weights(f.weights, slot.id, n);
   float* w = weights.data();
   // Points outside the tree (no finite position) have no neighbours: -1 like any such point.
-  std::fill(w, w + n, -1.0f);
+  forEachPoint(n, [&](std::size_t i) { w[i] = -1.0f; });
   // The points in the tree's order, so that consecutive queries touch the same nodes; each
   // weight is the same in any order.
   std::vector<unsigned> order;

@@ -20,23 +20,39 @@ void OutlierParameterBox::print() const {
 
 namespace {
 
+// Arrays of one value per point, each written by the threads that compute it.
+template <class T>
+using PerPoint = Basalt::ArrayVector<T>;
+
 // The points in space order.
 struct Points {
-  std::vector<point> xyz;
+  PerPoint<point> xyz;
 };
 
-// Every position of the cloud in layout order.
-std::vector<point> gather(const Field& positions, const std::vector<FragmentSlot>& slots) {
-  std::vector<point> all;
+// Every position of the cloud in layout order, copied by blocks on the threads.
+PerPoint<point> gather(const Field& positions, const std::vector<FragmentSlot>& slots,
+                       int threads) {
+  std::vector<StrongPtr<const MemArray<1, point>>> arrays;
+  std::size_t n = 0;
   for (const FragmentSlot& slot : slots)
-    if (const auto xyz = fragmentArray<point>(positions, slot))
-      all.insert(all.end(), xyz->data(), xyz->data() + xyz->size());
+    if (auto xyz = fragmentArray<point>(positions, slot)) {
+      n += xyz->size();
+      arrays.push_back(std::move(xyz));
+    }
+  PerPoint<point> all(n);
+  std::size_t at = 0;
+  for (const auto& xyz : arrays) {
+    inStaticBlocks(xyz->size(), threads, [&](std::size_t begin, std::size_t end) {
+      std::copy(xyz->data() + begin, xyz->data() + end, all.data() + at + begin);
+    });
+    at += xyz->size();
+  }
   return all;
 }
 
 // The lowest and highest coordinates of the points, axis by axis (NaN passes over both), over
 // blocks of them on the threads: minima and maxima are exact in any order.
-std::pair<point, point> boundsOf(const std::vector<point>& all, int threads) {
+std::pair<point, point> boundsOf(const PerPoint<point>& all, int threads) {
   std::vector<std::pair<point, point>> part(static_cast<std::size_t>(std::max(threads, 1)),
                                             {all[0], all[0]});
   inStaticBlocks(all.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
@@ -58,10 +74,10 @@ std::pair<point, point> boundsOf(const std::vector<point>& all, int threads) {
 // The points in Morton (z-order) order, with the place each came from: neighbours then lie
 // near each other in memory, so the tree's leaves and a run of queries stay in the caches
 // whatever the order of the file. Non-finite coordinates sort as 0.
-Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& from, int threads) {
+Points inSpaceOrder(const PerPoint<point>& all, PerPoint<std::uint32_t>& from, int threads) {
   const std::pair<point, point> bounds = boundsOf(all, threads);
   const point &lo = bounds.first, &hi = bounds.second;
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed(all.size());
+  KeyedPoints keyed(all.size());
   inStaticBlocks(all.size(), threads, [&](std::size_t begin, std::size_t end) {
     for (std::size_t i = begin; i < end; ++i) {
       std::uint64_t key = 0;
@@ -88,16 +104,18 @@ Points inSpaceOrder(const std::vector<point>& all, std::vector<std::uint32_t>& f
 // True for a point at the position of the one before it in space order, bit for bit: copies
 // sort together, their neighbours are the same, and the first answers for all of them (the
 // search of a point among 10^5 copies would visit every one).
-std::vector<std::uint8_t> copyOfPrevious(const Points& points) {
-  std::vector<std::uint8_t> copy(points.xyz.size(), 0);
-  for (std::size_t i = 1; i < copy.size(); ++i)
-    copy[i] = positionBits(points.xyz[i]) == positionBits(points.xyz[i - 1]);
+PerPoint<std::uint8_t> copyOfPrevious(const Points& points, int threads) {
+  PerPoint<std::uint8_t> copy(points.xyz.size());
+  inStaticBlocks(copy.size(), threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i)
+      copy[i] = i > 0 && positionBits(points.xyz[i]) == positionBits(points.xyz[i - 1]);
+  });
   return copy;
 }
 
 // Gives each copy the answer of the point before it.
 template <class T>
-void fillCopies(std::vector<T>& answers, const std::vector<std::uint8_t>& copy) {
+void fillCopies(PerPoint<T>& answers, const PerPoint<std::uint8_t>& copy) {
   for (std::size_t i = 1; i < answers.size(); ++i)
     if (copy[i])
       answers[i] = answers[i - 1];
@@ -117,14 +135,14 @@ std::unique_ptr<Vantor::OcTree<unsigned>> finiteTree(const Points& points, int t
   return tree;
 }
 
-std::vector<std::uint8_t> statistical(const Points& points, OutlierParameterBox& box, int threads) {
+PerPoint<std::uint8_t> statistical(const Points& points, OutlierParameterBox& box, int threads) {
   const std::size_t n = points.xyz.size();
   const std::size_t k = static_cast<std::size_t>(box.neighbours);
   const auto tree = finiteTree(points, threads);
-  std::vector<double> means(n, 0.0);
+  PerPoint<double> means(n); // every point's written below, a copy's by fillCopies
   // Room for one answer per thread, made once.
   thread_local std::vector<double> squared;
-  const auto copy = copyOfPrevious(points);
+  const auto copy = copyOfPrevious(points, threads);
   forEachPoint(n, threads, SearchPointGrain, [&](std::size_t i) {
     if (copy[i])
       return;
@@ -147,9 +165,11 @@ std::vector<std::uint8_t> statistical(const Points& points, OutlierParameterBox&
   box.mean = mu;
   box.deviation = std::sqrt(variance / static_cast<double>(n));
   const double limit = mu + box.multiplier * box.deviation;
-  std::vector<std::uint8_t> outlier(n);
-  for (std::size_t i = 0; i < n; ++i)
-    outlier[i] = means[i] > limit;
+  PerPoint<std::uint8_t> outlier(n);
+  inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i)
+      outlier[i] = means[i] > limit;
+  });
   return outlier;
 }
 
@@ -157,12 +177,11 @@ std::vector<std::uint8_t> statistical(const Points& points, OutlierParameterBox&
 // bucket tree, whose division runs on the threads: a point with a coordinate that is not finite
 // is no one's neighbour and has none, and the squared distances are the k-d tree's, so the
 // counts are those of any exact search.
-std::vector<std::uint8_t> byRadius(const Points& points, const OutlierParameterBox& box,
-                                   int threads) {
+PerPoint<std::uint8_t> byRadius(const Points& points, const OutlierParameterBox& box, int threads) {
   const std::size_t n = points.xyz.size();
   const auto tree = finiteTree(points, threads);
-  std::vector<std::uint8_t> outlier(n);
-  const auto copy = copyOfPrevious(points);
+  PerPoint<std::uint8_t> outlier(n); // every point's written below, a copy's by fillCopies
+  const auto copy = copyOfPrevious(points, threads);
   forEachPoint(n, threads, SearchPointGrain, [&](std::size_t i) {
     if (!copy[i]) // the count includes the point itself
       outlier[i] = tree->countWithin(points.xyz[i], box.radius) <
@@ -190,24 +209,26 @@ std::vector<std::uint8_t> findOutliers(const StrongPtr<Grid>& grid, OutlierParam
     log.report("ERROR: --where: " + problem);
     return {};
   }
-  std::vector<point> all = gather(*positions, slots);
+  const int threads = correctedThreadCount(box.threads);
+  PerPoint<point> all = gather(*positions, slots, threads);
   box.outliers = 0;
   if (all.empty())
     return {};
-  const int threads = correctedThreadCount(box.threads);
-  std::vector<std::uint32_t> from;
+  PerPoint<std::uint32_t> from;
   const Points points = inSpaceOrder(all, from, threads);
   const std::size_t n = all.size();
-  std::vector<point>().swap(all); // the rules read the points in space order alone
-  std::vector<std::uint8_t> sorted;
+  PerPoint<point>().swap(all); // the rules read the points in space order alone
+  PerPoint<std::uint8_t> sorted;
   if (box.method == "statistical") {
     sorted = statistical(points, box, threads);
   } else {
     sorted = byRadius(points, box, threads);
   }
   std::vector<std::uint8_t> outlier(n);
-  for (std::size_t j = 0; j < sorted.size(); ++j)
-    outlier[from[j]] = sorted[j];
+  inStaticBlocks(sorted.size(), threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t j = begin; j < end; ++j)
+      outlier[from[j]] = sorted[j];
+  });
   // Points the expression leaves out stay neighbours but are never outliers.
   std::size_t at = 0;
   for (const auto& fragment : *tested)

@@ -42,9 +42,8 @@ BoundingBox boxOf(const MemArray<1, point>& xyz, int threads) {
 
 // The voxel key of every finite point with its index, in point order, packed on the threads.
 template <class KeyOf>
-std::vector<std::pair<std::uint64_t, std::uint32_t>> keyedPoints(const MemArray<1, point>& xyz,
-                                                                 int threads, const KeyOf& keyOf) {
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> keyed;
+KeyedPoints keyedPoints(const MemArray<1, point>& xyz, int threads, const KeyOf& keyOf) {
+  KeyedPoints keyed;
   packInBlocks(
       xyz.size(), threads, [&](std::size_t i) { return xyz[i].isFinite(); },
       [&](std::size_t count) { keyed.resize(count); },
@@ -57,8 +56,8 @@ std::vector<std::pair<std::uint64_t, std::uint32_t>> keyedPoints(const MemArray<
 // Gives every point of a run of equal keys the value of the run's length. Each block of the
 // sorted keys takes the runs that begin in it, wherever they end.
 template <class ValueOf>
-void valuesOfRuns(const std::vector<std::pair<std::uint64_t, std::uint32_t>>& keyed, int threads,
-                  const ValueOf& valueOf, Basalt::ArrayVector<float>& out) {
+void valuesOfRuns(const KeyedPoints& keyed, int threads, const ValueOf& valueOf,
+                  Basalt::ArrayVector<float>& out) {
   inStaticBlocks(keyed.size(), threads, [&](std::size_t start, std::size_t last) {
     while (start > 0 && start < last && keyed[start].first == keyed[start - 1].first)
       ++start;

@@ -33,9 +33,12 @@
 
 namespace Quorvel {
 
+// (key, point index) pairs, in an array whose count-only growth leaves them unwritten.
+using KeyedPoints = Basalt::ArrayVector<std::pair<std::uint64_t, std::uint32_t>>;
+
 // Sorts (key, index) pairs by key, stably, with a radix sort over the bits that the largest key
 // uses, on `threads` threads (the same order on any number).
-void sortByKey(std::vector<std::pair<std::uint64_t, std::uint32_t>>& items, int threads = 1);
+void sortByKey(KeyedPoints& items, int threads = 1);
 
 // Spreads the low 21 bits of v to every third bit: one axis of a Morton (z-order) code, whose
 // order keeps points near each other in space near each other in memory.
