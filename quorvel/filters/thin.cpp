@@ -28,6 +28,9 @@ struct Flat {
   std::vector<const point*> xyz;    // each fragment's positions
   std::vector<std::uint32_t> order; // flat numbers in file order
   bool inLayoutOrder = true;        // order[r] == r
+  std::size_t size(std::size_t k) const {
+    return (k + 1 < start.size() ? start[k + 1] : order.size()) - start[k];
+  }
   const point& at(std::uint32_t i) const {
     const std::size_t k =
         static_cast<std::size_t>(std::upper_bound(start.begin(), start.end(), i) - start.begin()) -
@@ -105,7 +108,7 @@ void inFileOrder(const Flat& flat, const F& f) {
 // The points' voxels, sorted: each item is a voxel's key above the point's rank in file order
 // (rankBits low bits), sorted stably by key, so that a voxel's points lie together in file order.
 struct SortedVoxels {
-  std::vector<std::uint64_t> items;
+  Basalt::ArrayVector<std::uint64_t> items;
   int rankBits = 0;
   std::uint64_t key(std::size_t j) const { return items[j] >> rankBits; }
   std::uint32_t rank(std::size_t j) const {
@@ -128,7 +131,7 @@ SortedVoxels rankedVoxels(const Flat& flat, double size, int rankBits) {
   std::iota(byCell.begin(), byCell.end(), 0u);
   std::stable_sort(byCell.begin(), byCell.end(),
                    [&](std::uint32_t a, std::uint32_t b) { return cells[a] < cells[b]; });
-  SortedVoxels sorted{std::vector<std::uint64_t>(cells.size()), rankBits};
+  SortedVoxels sorted{Basalt::ArrayVector<std::uint64_t>(cells.size()), rankBits};
   std::uint64_t voxel = 0;
   for (std::size_t j = 0; j < byCell.size(); ++j) {
     voxel += j > 0 && cells[byCell[j]] != cells[byCell[j - 1]];
@@ -137,21 +140,37 @@ SortedVoxels rankedVoxels(const Flat& flat, double size, int rankBits) {
   return sorted;
 }
 
+// The lowest and highest finite coordinates, axis by axis, by blocks of each fragment on the
+// threads (exact in any order).
+std::pair<point, point> finiteBounds(const Flat& flat, int threads) {
+  const double inf = std::numeric_limits<double>::infinity();
+  std::vector<std::pair<point, point>> part(static_cast<std::size_t>(std::max(threads, 1)),
+                                            {point{inf, inf, inf}, point{-inf, -inf, -inf}});
+  for (std::size_t k = 0; k < flat.xyz.size(); ++k)
+    inStaticBlocks(flat.size(k), threads, [&](std::size_t b, std::size_t e, std::size_t t) {
+      auto& [low, high] = part[t];
+      for (const point* p = flat.xyz[k] + b; p != flat.xyz[k] + e; ++p)
+        if (std::isfinite(p->x) && std::isfinite(p->y) && std::isfinite(p->z))
+          for (int a = 0; a < 3; ++a) {
+            low[a] = std::min(low[a], (*p)[a]);
+            high[a] = std::max(high[a], (*p)[a]);
+          }
+    });
+  for (const auto& [low, high] : part)
+    for (int a = 0; a < 3; ++a) {
+      part[0].first[a] = std::min(part[0].first[a], low[a]);
+      part[0].second[a] = std::max(part[0].second[a], high[a]);
+    }
+  return part[0];
+}
+
 // The voxels of the points in file order, sorted. Non-finite points get no voxel. Floor and
 // division keep the order of coordinates, so the voxels' span follows from the lowest and highest
-// coordinates, and one pass packs each point's voxel and rank into one word.
-SortedVoxels voxelKeys(const Flat& flat, double size) {
+// coordinates, and one pass packs each point's voxel and rank into one word: by blocks of each
+// fragment on the threads where file order is layout order, so that the rank is the flat number.
+SortedVoxels voxelKeys(const Flat& flat, double size, int threads) {
   const int rankBits = std::max(1, static_cast<int>(std::bit_width(flat.order.size())));
-  point low{std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(),
-            std::numeric_limits<double>::infinity()};
-  point high{-low.x, -low.y, -low.z};
-  inFileOrder(flat, [&](std::uint32_t, std::uint32_t, const point& p) {
-    if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
-      for (int a = 0; a < 3; ++a) {
-        low[a] = std::min(low[a], p[a]);
-        high[a] = std::max(high[a], p[a]);
-      }
-  });
+  const auto [low, high] = finiteBounds(flat, threads);
   std::array<std::int64_t, 3> lo{}, hi{};
   int bits[3] = {0, 0, 0};
   if (low.x <= high.x && (!voxelOf(low, size, lo) || !voxelOf(high, size, hi)))
@@ -161,20 +180,38 @@ SortedVoxels voxelKeys(const Flat& flat, double size) {
   if (bits[0] + bits[1] + bits[2] + rankBits > 64)
     return rankedVoxels(flat, size, rankBits);
   SortedVoxels sorted{{}, rankBits};
-  sorted.items.reserve(flat.order.size());
-  inFileOrder(flat, [&](std::uint32_t r, std::uint32_t, const point& p) {
-    if (std::array<std::int64_t, 3> c{}; voxelOf(p, size, c)) {
-      std::uint64_t key = 0;
-      for (std::size_t a = 0; a < 3; ++a)
-        key = (bits[a] ? key << bits[a] : key) | static_cast<std::uint64_t>(c[a] - lo[a]);
-      sorted.items.push_back(key << rankBits | r);
+  const auto keyOf = [&](const std::array<std::int64_t, 3>& c, std::uint32_t r) {
+    std::uint64_t key = 0;
+    for (std::size_t a = 0; a < 3; ++a)
+      key = (bits[a] ? key << bits[a] : key) | static_cast<std::uint64_t>(c[a] - lo[a]);
+    return key << rankBits | r;
+  };
+  if (flat.inLayoutOrder) {
+    sorted.items.reserve(flat.order.size());
+    for (std::size_t k = 0, first = 0; k < flat.xyz.size(); ++k) {
+      const point* xyz = flat.xyz[k];
+      first += packInBlocks(
+          flat.size(k), threads,
+          // Between the lowest and highest voxels, every finite point has one.
+          [&](std::size_t i) { return xyz[i].isFinite(); },
+          [&](std::size_t count) { sorted.items.resize(first + count); },
+          [&](std::size_t i, std::size_t at) {
+            std::array<std::int64_t, 3> c{};
+            voxelOf(xyz[i], size, c);
+            sorted.items[first + at] = keyOf(c, static_cast<std::uint32_t>(flat.start[k] + i));
+          });
     }
-  });
+  } else {
+    inFileOrder(flat, [&](std::uint32_t r, std::uint32_t, const point& p) {
+      if (std::array<std::int64_t, 3> c{}; voxelOf(p, size, c))
+        sorted.items.push_back(keyOf(c, r));
+    });
+  }
   // Digits of 8 bits keep the 256 places a pass writes to in the first-level cache.
-  std::vector<std::uint64_t> buffer;
+  Basalt::ArrayVector<std::uint64_t> buffer;
   Basalt::radixSort(
       sorted.items.data(), sorted.items.size(), rankBits, rankBits + bits[0] + bits[1] + bits[2],
-      [](std::uint64_t item) { return item; }, buffer, 8);
+      [](std::uint64_t item) { return item; }, buffer, 8, threads);
   return sorted;
 }
 
@@ -209,37 +246,54 @@ double voxelScore(const point& p, Keep keep, double size) {
   return 0.0; // the first in file order
 }
 
-std::vector<std::uint32_t> keptByVoxel(const Flat& flat, const ThinParameterBox& box) {
-  const SortedVoxels voxels = voxelKeys(flat, box.voxel);
-  const Keep keep = keepOf(box.keep);
+// The end of the voxel whose items begin at j, and the item it keeps: the first in file order,
+// or the lowest score, the first of equal ones.
+std::pair<std::size_t, std::size_t> voxelAt(const Flat& flat, const SortedVoxels& voxels,
+                                            std::size_t j, Keep keep, double size) {
   const std::size_t n = voxels.items.size();
-  std::vector<std::uint32_t> kept;
-  for (std::size_t j = 0; j < n;) {
-    std::size_t best = j;
-    std::size_t e = j + 1;
-    if (keep == Keep::First) {
-      while (e < n && voxels.key(e) == voxels.key(j))
-        ++e;
-    } else {
-      double score = voxelScore(flat.at(flat.order[voxels.rank(j)]), keep, box.voxel);
-      for (; e < n && voxels.key(e) == voxels.key(j); ++e) {
-        const double s = voxelScore(flat.at(flat.order[voxels.rank(e)]), keep, box.voxel);
-        if (s < score) {
-          score = s;
-          best = e;
-        }
-      }
-    }
-    kept.push_back(flat.order[voxels.rank(best)]);
-    j = e;
+  std::size_t best = j, e = j + 1;
+  if (keep == Keep::First) {
+    while (e < n && voxels.key(e) == voxels.key(j))
+      ++e;
+    return {e, best};
   }
+  double score = voxelScore(flat.at(flat.order[voxels.rank(j)]), keep, size);
+  for (; e < n && voxels.key(e) == voxels.key(j); ++e) {
+    const double s = voxelScore(flat.at(flat.order[voxels.rank(e)]), keep, size);
+    if (s < score) {
+      score = s;
+      best = e;
+    }
+  }
+  return {e, best};
+}
+
+// The point each voxel keeps, voxel after voxel. Each block of the sorted items on the threads
+// takes the voxels that begin in it, wherever they end.
+std::vector<std::uint32_t> keptByVoxel(const Flat& flat, const ThinParameterBox& box, int threads) {
+  const SortedVoxels voxels = voxelKeys(flat, box.voxel, threads);
+  const Keep keep = keepOf(box.keep);
+  std::vector<std::vector<std::uint32_t>> parts(static_cast<std::size_t>(std::max(threads, 1)));
+  inStaticBlocks(voxels.items.size(), threads,
+                 [&](std::size_t j, std::size_t last, std::size_t part) {
+                   while (j > 0 && j < last && voxels.key(j) == voxels.key(j - 1))
+                     ++j;
+                   while (j < last) {
+                     const auto [end, best] = voxelAt(flat, voxels, j, keep, box.voxel);
+                     parts[part].push_back(flat.order[voxels.rank(best)]);
+                     j = end;
+                   }
+                 });
+  std::vector<std::uint32_t> kept;
+  for (const auto& found : parts)
+    kept.insert(kept.end(), found.begin(), found.end());
   return kept;
 }
 
-std::vector<std::uint32_t> keptPoints(const Flat& flat, const ThinParameterBox& box) {
+std::vector<std::uint32_t> keptPoints(const Flat& flat, const ThinParameterBox& box, int threads) {
   std::vector<std::uint32_t> kept;
   if (box.mode == "voxel")
-    return keptByVoxel(flat, box);
+    return keptByVoxel(flat, box, threads);
   if (box.mode == "random") {
     const double f = std::clamp(box.fraction, 0.0, 1.0);
     // Below 1, f * 2^64 is at most 2^64 - 2^11: it fits the word.
@@ -267,10 +321,15 @@ std::optional<KeptPoints> keptByThin(const StrongPtr<Grid>& grid, ThinParameterB
     return std::nullopt;
   }
   const Flat flat = flatten(grid, *positions);
+  // A filter of the host's reading and writing: on all the run's threads, as they are.
+  const int threads = allThreads();
   // The kept points in layout order: marks over the flat numbers, read fragment by fragment.
   std::vector<std::uint8_t> marked(flat.order.size(), 0);
-  for (const std::uint32_t i : keptPoints(flat, box))
-    marked[i] = 1;
+  const std::vector<std::uint32_t> chosen = keptPoints(flat, box, threads);
+  inStaticBlocks(chosen.size(), threads, [&](std::size_t b, std::size_t e) {
+    for (std::size_t j = b; j < e; ++j)
+      marked[chosen[j]] = 1;
+  });
   KeptPoints kept{flat.slots, std::vector<std::vector<std::size_t>>(flat.slots.size())};
   for (std::size_t k = 0; k < flat.slots.size(); ++k) {
     const auto begin = marked.begin() + static_cast<std::ptrdiff_t>(flat.start[k]);

@@ -290,10 +290,14 @@ def voxel_choice(xyz, size, keep):
 @pytest.mark.parametrize("keep", ["first", "lowest", "highest", "centre"])
 def test_thin_by_voxel_keeps_one_point_per_cube(tmp_path, keep):
     rng = np.random.default_rng(3)
-    src = write_las(tmp_path / "in.las", rng.uniform(-7, 7, (3000, 3)).round(2))
-    quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "t.las", "--voxel", 1.5, "--keep", keep)
-    got = read_las(tmp_path / "t.las")[0]
-    assert np.allclose(got, src[voxel_choice(src, 1.5, keep)])  # file order kept
+    # Runs of copies, so that the threads' blocks of sorted voxels cut through voxels.
+    points = rng.uniform(-7, 7, (3000, 3)).round(2)
+    src = write_las(tmp_path / "in.las", np.concatenate([points, points[::3], points[::7]]))
+    for threads in (1, 3):
+        quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "t.las", "--voxel", 1.5, "--keep",
+                keep, "--threads", threads)
+        got = read_las(tmp_path / "t.las")[0]
+        assert np.allclose(got, src[voxel_choice(src, 1.5, keep)])  # file order kept
     # Voxels spread too widely for one 64-bit key on three axes: a point and its copies a few
     # steps up share a voxel of 0.05 over a span of 2e6 metres.
     base = rng.uniform(-1e6, 1e6, (300, 3)).round(2)
