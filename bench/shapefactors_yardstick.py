@@ -15,13 +15,11 @@ Usage: python3 bench/shapefactors_yardstick.py QUORVEL WORKDIR [N]
 """
 
 import os
-import pathlib
-import subprocess
 import sys
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from lasfile import write_las  # noqa: E402
+from weights_yardstick import arguments, timed  # noqa: E402
 
 import numpy as np  # noqa: E402
 
@@ -96,20 +94,8 @@ def make_scene(path, n, seed=3):
     write_las(path, rec, offset=(500000.0, 4000000.0, 0.0), point_format=6, returns=[n])
 
 
-def timed(command, env=None):
-    start = time.perf_counter()
-    done = subprocess.run(command, capture_output=True, text=True, env=env)
-    if done.returncode:
-        sys.exit(" ".join(map(str, command)) + ": " + done.stderr)
-    return time.perf_counter() - start
-
-
 def main():
-    if len(sys.argv) < 3:
-        sys.exit(__doc__)
-    quorvel, work = sys.argv[1], pathlib.Path(sys.argv[2])
-    n = int(float(sys.argv[3])) if len(sys.argv) > 3 else 1_000_000
-    work.mkdir(parents=True, exist_ok=True)
+    quorvel, work, n = arguments(__doc__)
     scene = work / f"scene_{n}_{DENSITY:g}.las"
     if not scene.exists():
         make_scene(scene, n)

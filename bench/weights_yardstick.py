@@ -25,20 +25,27 @@ from tile_yardstick import make_las  # noqa: E402
 RUNS = int(os.environ.get("RUNS", "3"))
 
 
-def timed(command):
+def timed(command, env=None):
+    """Seconds one run of command takes; ends the script with its message when it fails."""
     start = time.perf_counter()
-    done = subprocess.run(command, capture_output=True, text=True)
+    done = subprocess.run(command, capture_output=True, text=True, env=env)
     if done.returncode:
         sys.exit(" ".join(map(str, command)) + ": " + done.stderr)
     return time.perf_counter() - start
 
 
-def main():
+def arguments(usage):
+    """QUORVEL, WORKDIR (made here) and N (default 1,000,000) from the command line; without the
+    first two, the script ends with its usage."""
     if len(sys.argv) < 3:
-        sys.exit(__doc__)
+        sys.exit(usage)
     quorvel, work = sys.argv[1], pathlib.Path(sys.argv[2])
-    n = int(float(sys.argv[3])) if len(sys.argv) > 3 else 1_000_000
     work.mkdir(parents=True, exist_ok=True)
+    return quorvel, work, int(float(sys.argv[3])) if len(sys.argv) > 3 else 1_000_000
+
+
+def main():
+    quorvel, work, n = arguments(__doc__)
     survey, shaped = work / "weights_survey.las", work / "weights_shapes.las"
     make_las(survey, n)
     timed([quorvel, "-q", "shapefactors", survey, "-o", shaped, "--normals"])
