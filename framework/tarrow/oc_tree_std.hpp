@@ -14,6 +14,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -264,7 +265,7 @@ public:
       return build(root, min, max, 1, all, With{pointOf, scratch[0], nullptr});
     Later later;
     later.grain = std::max<std::size_t>(accepted.size() / (16 * std::size_t(threads)), 1);
-    build(root, min, max, 1, all, With{pointOf, scratch[0], &later});
+    build(root, min, max, 1, all, With{pointOf, scratch[0], &later, threads});
     Basalt::inParts(later.cells.size(), threads, [&](std::size_t k, int thread) {
       const Cell& cell = later.cells[k];
       build(*cell.slot, cell.lo, cell.hi, cell.depth, cell.entries,
@@ -612,13 +613,51 @@ private:
     std::size_t grain = 0;
     std::vector<Cell> cells;
   };
-  // What a build passes down: the entries' points, room to sort them, where to leave cells.
+  // What a build passes down: the entries' points, room to sort them, where to leave cells, and
+  // the threads that share the sorting of the cells above those.
   template <class PointOf>
   struct Building {
     const PointOf& pointOf;
     std::vector<Index>& scratch;
     Later* later;
+    int threads = 1;
   };
+
+  // Orders the n entries at first by child, stably, through scratch; child c's are then those
+  // from start[c] to start[c + 1]. Blocks of entries on `threads` threads count their children,
+  // then place them after those of the blocks before: the order of one pass over them all.
+  template <class ChildOf>
+  static void byChild(Index* first, std::size_t n, const ChildOf& childOf,
+                      std::array<std::size_t, Children + 1>& start, std::vector<Index>& scratch,
+                      int threads) {
+    const std::size_t blocks = Basalt::blocksFor(n, threads);
+    // Counts per block: on the stack for the one block of every node but the largest.
+    std::array<std::array<std::size_t, Children>, 1> one{};
+    std::vector<std::array<std::size_t, Children>> many(blocks > 1 ? blocks : 0);
+    const std::span<std::array<std::size_t, Children>> next =
+        blocks > 1 ? std::span(many) : std::span(one);
+    Basalt::inParts(blocks, threads, [&](std::size_t k, int) {
+      for (std::size_t j = n * k / blocks; j < n * (k + 1) / blocks; ++j)
+        ++next[k][childOf(j)];
+    });
+    std::size_t offset = 0;
+    for (std::size_t c = 0; c < Children; ++c) {
+      start[c] = offset;
+      for (auto& block : next)
+        offset += std::exchange(block[c], offset);
+    }
+    start[Children] = offset;
+    if (scratch.size() < n)
+      scratch.resize(n);
+    Basalt::inParts(blocks, threads, [&](std::size_t k, int) {
+      for (std::size_t j = n * k / blocks; j < n * (k + 1) / blocks; ++j)
+        scratch[next[k][childOf(j)]++] = first[j];
+    });
+    Basalt::inBlocks(n, blocks, threads, [&](std::size_t b, std::size_t e, int) {
+      std::copy(scratch.begin() + static_cast<std::ptrdiff_t>(b),
+                scratch.begin() + static_cast<std::ptrdiff_t>(e), first + b);
+    });
+  }
 
   // Puts into slot the node of box lo .. hi at `depth` that insertions of `entries`, in their
   // order, make: a branch when they overfill it and it can separate them (a leaf splits at the
@@ -647,23 +686,14 @@ private:
       return;
     }
     auto branch = std::make_unique<Branch>(lo, hi, capacity, depth);
-    // The entries by child, in their order: counted, then placed through the scratch room.
+    // The entries by child, in their order.
     std::array<std::size_t, Children + 1> start{};
-    const auto childOf = [&](std::size_t j) {
-      return static_cast<std::size_t>(branch->childNumber(with.pointOf(first[j])));
-    };
-    for (std::size_t j = 0; j < n; ++j)
-      ++start[childOf(j) + 1];
-    for (int c = 0; c < Children; ++c)
-      start[c + 1] += start[c];
-    if (with.scratch.size() < n)
-      with.scratch.resize(n);
-    std::array<std::size_t, Children> next{};
-    std::copy(start.begin(), start.end() - 1, next.begin());
-    for (std::size_t j = 0; j < n; ++j)
-      with.scratch[next[childOf(j)]++] = first[j];
-    std::copy(with.scratch.begin(), with.scratch.begin() + static_cast<std::ptrdiff_t>(n),
-              entries.first);
+    byChild(
+        entries.first, n,
+        [&](std::size_t j) {
+          return static_cast<std::size_t>(branch->childNumber(with.pointOf(first[j])));
+        },
+        start, with.scratch, with.later ? with.threads : 1);
     for (int c = 0; c < Children; ++c) {
       const Span part{entries.first + start[c], start[c + 1] - start[c]};
       if (part.count == 0)

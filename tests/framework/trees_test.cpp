@@ -118,12 +118,13 @@ TYPED_TEST(TreeOracle, ListsCutAtCopiesBeginAsTheFullLists) {
 // same lines for the points it refuses, in order, and the same lists cut at copies (its leaves
 // of copies known as such). The cloud: clustered points with copies, a pile of copies, two
 // positions one unit in the last place apart (their cells collapse before they part), points
-// outside the box and NaN, in a shuffled order.
+// outside the box and NaN, in a shuffled order; enough of them that the top cells are sorted by
+// blocks on several threads.
 TYPED_TEST(TreeOracle, TreesBuiltFromTheTopAreTheTreesOfInsertions) {
   using Index = typename TypeParam::Index;
   constexpr int D = TypeParam::D;
   using Tree = Tarrow::OcTreeStd<Index, point, D>;
-  auto xyz = makeCloud(true, 30000, 21);
+  auto xyz = makeCloud(true, 140000, 21);
   const auto [lo, hi] = boundsOf(xyz);
   const point pile = xyz[7], near = xyz[9];
   const point apart{std::nextafter(near.x, hi.x + 1), near.y, near.z};
