@@ -102,13 +102,10 @@ public:
     const auto stored = [&](std::size_t i) {
       if (!keep(i))
         return false;
-      const point p = pointOf(i);
-      for (int k = 0; k < D; ++k)
-        if (!(p[k] >= box_.min()[k] && p[k] <= box_.max()[k])) {
-          refused.store(true, std::memory_order_relaxed);
-          return false;
-        }
-      return true;
+      if (axisOutside<D>(pointOf(i), box_.min(), box_.max()) == D)
+        return true;
+      refused.store(true, std::memory_order_relaxed);
+      return false;
     };
     count_ += Basalt::packInBlocks(
         n, Basalt::blocksFor(n, threads), threads, stored,
