@@ -436,7 +436,7 @@ ReadResult readAll(const std::string& path, std::size_t fragmentPoints, const Pr
                                                   : readTiles(in, fragmentPoints, progress, only);
   ReadResult result;
   result.info = in.info;
-  result.grid = cloud.build(std::filesystem::path(path).stem().string());
+  result.grid = cloud.build(std::filesystem::path(path).stem().string(), allThreads());
   checkBounds(*result.grid, in.info.header, warn);
   setFileInfo(*result.grid, in.info);
   return result;

@@ -4,6 +4,7 @@
 #include "io/detail/gdal.hpp"
 
 #include "basalt/module.hpp"
+#include "quorvel/core/parallel.hpp"
 #include "tressel/bundle.hpp"
 
 #include <stdexcept>
@@ -31,6 +32,8 @@ const Functions& functions() {
 OpenedAhead::OpenedAhead(bool gdal, bool bundles) {
   if (!gdal && !bundles)
     return;
+  // The reading's threads are made before the loading holds the loader's lock.
+  openThreads(allThreads());
   thread_ = std::thread([gdal, bundles] {
     if (gdal)
       try {

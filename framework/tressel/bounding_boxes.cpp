@@ -36,21 +36,21 @@ StrongPtr<BoundingBox> getFragmentBBox(const StrongPtr<FragmentID>& id,
 namespace {
 
 // The box of the finite points of one fragment.
-bool fragmentBox(const CreativeArrayBase& creator, BoundingBox& out) {
+bool fragmentBox(const CreativeArrayBase& creator, BoundingBox& out, int threads) {
   const auto& data = creator.peekData();
   const auto chunk = data ? Basalt::chunkCast<point>(data->myChunk()) : nullptr;
   if (!chunk)
     return false;
-  out = BoundingBox::of(chunk->view().data(), chunk->view().size());
+  out = BoundingBox::of(chunk->view().data(), chunk->view().size(), threads);
   return true;
 }
 
 } // namespace
 
 bool ExpandBBox(StrongPtr<BoundingBox>& box, const StrongPtr<CreativeArrayBase>& creator,
-                int creationMode) {
+                int creationMode, int threads) {
   BoundingBox own;
-  if (!creator || !fragmentBox(*creator, own))
+  if (!creator || !fragmentBox(*creator, own, threads))
     return false;
   if (creationMode == BBoxStore)
     setFragmentBBox(creator, own);

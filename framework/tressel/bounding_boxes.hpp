@@ -33,9 +33,10 @@ enum BBoxCreation : int {
 
 // Grows box by every point of the creator's positions (any rank of PhysicalSpace::point),
 // creating the box when the pointer is empty. Points with a non-finite coordinate are left out.
-// True when the creator held positions and the box holds at least one point afterwards.
+// True when the creator held positions and the box holds at least one point afterwards. The
+// points are gone through on `threads` threads.
 bool ExpandBBox(StrongPtr<BoundingBox>& box, const StrongPtr<CreativeArrayBase>& creator,
-                int creationMode = BBoxComputeOnly);
+                int creationMode = BBoxComputeOnly, int threads = 1);
 
 // Grows box by all fragments of a positions field (stored fragment boxes where they are
 // current, the points otherwise). True when the box holds at least one point afterwards.

@@ -129,11 +129,12 @@ namespace {
 
 // The grid of a point cloud: one fragment ID per fragment, and per column a field whose array for
 // fragment k is arrayOf(column, k) (a field without fragments is typed by prototypeOf(column));
-// every fragment of "Positions" gets its stored bounding box.
+// every fragment of "Positions" gets its stored bounding box, its points gone through on
+// `threads` threads.
 template <class NameOf, class ArrayOf, class PrototypeOf>
 StrongPtr<Grid> makeCloud(const std::string& gridName, std::size_t fragments, std::size_t columns,
                           const NameOf& nameOf, const ArrayOf& arrayOf,
-                          const PrototypeOf& prototypeOf) {
+                          const PrototypeOf& prototypeOf, int threads) {
   auto grid = std::make_shared<Grid>(gridName);
   auto rep = grid->makeCartesianRepresentation(3, StandardCartesianChart3D);
   auto layout = std::make_shared<FragmentIDCollection>();
@@ -150,7 +151,7 @@ StrongPtr<Grid> makeCloud(const std::string& gridName, std::size_t fragments, st
       auto creator = field->setPersistentData(data, ids[k]);
       if (name == PositionsFieldName) {
         StrongPtr<BoundingBox> box;
-        ExpandBBox(box, creator, BBoxStore);
+        ExpandBBox(box, creator, BBoxStore, threads);
       }
     }
     if (!field)
@@ -180,7 +181,7 @@ StrongPtr<Grid> PointCloudBuilder::build(const Partition& partition,
       gridName, partition.size(), fields_.size(),
       [&](std::size_t c) -> const std::string& { return fields_[c].name; },
       [&](std::size_t c, std::size_t k) { return fields_[c].gather(partition[k]); },
-      [&](std::size_t c) { return fields_[c].gather({}); });
+      [&](std::size_t c) { return fields_[c].gather({}); }, 1);
 }
 
 FragmentArrays::FragmentArrays(std::vector<std::size_t> fragmentSizes)
@@ -223,12 +224,12 @@ void FragmentArrays::borrowField(const std::string& name, const std::string& typ
   columns_.push_back(std::move(column));
 }
 
-StrongPtr<Grid> FragmentArrays::build(const std::string& gridName) const {
+StrongPtr<Grid> FragmentArrays::build(const std::string& gridName, int threads) const {
   return makeCloud(
       gridName, sizes_.size(), columns_.size(),
       [&](std::size_t c) -> const std::string& { return columns_[c].name; },
       [&](std::size_t c, std::size_t k) { return columns_[c].arrays[k]; },
-      [&](std::size_t c) { return columns_[c].prototype; });
+      [&](std::size_t c) { return columns_[c].prototype; }, threads);
 }
 
 } // namespace Tressel

@@ -118,7 +118,8 @@ public:
   void borrowField(const std::string& name, const std::string& typeName, const void* data,
                    const Basalt::BlockKeeper& keeper);
 
-  StrongPtr<Grid> build(const std::string& gridName = "PointCloud") const;
+  // The positions' boxes are computed on `threads` threads.
+  StrongPtr<Grid> build(const std::string& gridName = "PointCloud", int threads = 1) const;
 
 private:
   struct Column {

@@ -2,6 +2,8 @@
 // Quorvel framework, geometry: axis-aligned bounding boxes.
 #include "vantor/bounding_box.hpp"
 
+#include "basalt/parts.hpp"
+
 #include <algorithm>
 #include <limits>
 
@@ -33,6 +35,34 @@ BoundingBox BoundingBox::of(const point* points, std::size_t n) {
     hz = std::max(hz, p.z);
   }
   return lx <= hx ? BoundingBox(point{lx, ly, lz}, point{hx, hy, hz}) : BoundingBox();
+}
+
+BoundingBox BoundingBox::of(const point* points, std::size_t n, int threads) {
+  const std::size_t parts = Basalt::blocksFor(n, threads);
+  if (parts == 1)
+    return of(points, n);
+  std::vector<BoundingBox> boxes(parts);
+  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
+    const std::size_t begin = n * k / parts;
+    boxes[k] = of(points + begin, n * (k + 1) / parts - begin);
+  });
+  // Joined as one pass would meet them, so that of equal bounds (0 and -0) the first stays.
+  BoundingBox out;
+  for (const BoundingBox& box : boxes) {
+    if (box.empty())
+      continue;
+    if (out.empty()) {
+      out = box;
+      continue;
+    }
+    point low = out.min_, high = out.max_;
+    for (int k = 0; k < 3; ++k) {
+      low[k] = std::min(low[k], box.min_[k]);
+      high[k] = std::max(high[k], box.max_[k]);
+    }
+    out = BoundingBox(low, high);
+  }
+  return out;
 }
 
 void BoundingBox::setCorners(const point& a, const point& b) {

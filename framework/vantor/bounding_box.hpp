@@ -34,6 +34,8 @@ public:
   // The box of the finite points among points[0 .. n - 1], empty when there is none: the ball
   // is set once, where expanding by each point would set it at every one.
   static BoundingBox of(const point* points, std::size_t n);
+  // The same box, from blocks of points on `threads` threads joined in block order.
+  static BoundingBox of(const point* points, std::size_t n, int threads);
 
   const point& min() const { return min_; }
   const point& max() const { return max_; }

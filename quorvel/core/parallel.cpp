@@ -11,6 +11,13 @@ int allThreads() {
   return std::max(1, omp_get_max_threads());
 }
 
+void openThreads(int threads) {
+  if (threads <= 1)
+    return;
+#pragma omp parallel num_threads(threads)
+  {}
+}
+
 ThreadSplit splitThreads(int threads, std::size_t count) {
   threads = std::max(1, threads);
   if (count >= static_cast<std::size_t>(threads))

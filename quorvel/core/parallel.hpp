@@ -48,6 +48,12 @@ inline std::pair<std::size_t, std::size_t> staticBlock(std::size_t n, std::size_
 // omp_set_num_threads left it): the count of the io loops, which keep no thread back.
 int allThreads();
 
+// Makes the runtime's threads for a region of `threads` now, so that the loops after this find
+// them made. A thread is made under the dynamic loader's lock, which a module being opened on
+// another thread holds for as long as its libraries take to load: a loop's first region would
+// otherwise wait for the whole loading.
+void openThreads(int threads);
+
 // How a thread count is shared between a loop over items and the loops inside each item.
 struct ThreadSplit {
   int outer = 1; // threads of the loop over the items

@@ -2,7 +2,7 @@
 // Quorvel: ground rasters from the ground points of a cloud: the lowest ground point of every
 // cell, a TIN or inverse-distance weights; gaps filled from the nearest ring of measured cells.
 #include "quorvel/core/core.hpp"
-#include "quorvel/raster/detail/points.hpp"
+#include "quorvel/raster/detail/cell_folds.hpp"
 #include "quorvel/raster/raster.hpp"
 
 #include <algorithm>
@@ -110,38 +110,11 @@ namespace {
 using Raster::detail::Pixels;
 using Raster::detail::PointFilter;
 
-// Lowers every cell's height (infinity at first) to the lowest z of the points in it. Cells and
-// heights are gathered in blocks first, so that the cells of points in any order are fetched ahead
-// of their update.
-void lowestPerCell(const Tressel::Grid& cloud, const PointFilter& filter, Pixels& p) {
-  constexpr std::size_t Block = 4096, Ahead = 32;
-  std::vector<std::pair<std::size_t, float>> cells;
-  cells.reserve(Block);
-  float* heights = p.heights.data();
-  const auto lower = [&] {
-    for (std::size_t k = 0; k < cells.size(); ++k) {
-      if (k + Ahead < cells.size())
-        __builtin_prefetch(heights + cells[k + Ahead].first, 1);
-      float& h = heights[cells[k].first];
-      h = std::min(h, cells[k].second);
-    }
-    cells.clear();
-  };
-  filter.forEachPoint(cloud, [&](const point& q) {
-    std::size_t at = 0;
-    // A stored box that a point lies outside of (a changed cloud) must not move it off the grid.
-    if (Raster::detail::pixelOf(p, q, at))
-      cells.emplace_back(at, static_cast<float>(q.z));
-    if (cells.size() == Block)
-      lower();
-  });
-  lower();
-}
-
 // The lowest z per cell: Measured where a point lowered it from infinity, NoData elsewhere.
 void lowestGround(const Tressel::Grid& cloud, const PointFilter& filter, Pixels& p) {
-  p.heights.assign(p.columns * p.rows, std::numeric_limits<float>::infinity());
-  lowestPerCell(cloud, filter, p);
+  const auto lower = [](float& h, float z) { h = std::min(h, z); };
+  p.heights = Raster::detail::foldPerCell(cloud, filter, p, std::numeric_limits<float>::infinity(),
+                                          maximumThreadsMinusOne(), lower, lower);
   p.types.resize(p.heights.size());
   for (std::size_t k = 0; k < p.heights.size(); ++k) {
     const bool measured = p.heights[k] < std::numeric_limits<float>::infinity();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Quorvel: surfaces made from clouds: the highest point per cell (DSM), points per square unit
 // (density), the DSM above a ground raster (CHM), and ground heights by inverse distance.
-#include "quorvel/raster/detail/points.hpp"
+#include "quorvel/raster/detail/cell_folds.hpp"
 #include "quorvel/raster/raster.hpp"
 
 #include "tressel/uniform_grid.hpp"
@@ -78,12 +78,10 @@ bool hasHeight(std::uint8_t type) {
 Pixels highestPerCell(const Tressel::Grid& cloud, const SurfaceParameterBox& box,
                       const std::string& what) {
   Pixels p = Raster::detail::coveringPixels(cloud, box.cell_size, what);
-  p.heights.assign(p.columns * p.rows, -std::numeric_limits<float>::infinity());
-  PointFilter(box.classes, box.first_returns).forEachPoint(cloud, [&](const point& q) {
-    std::size_t at = 0;
-    if (Raster::detail::pixelOf(p, q, at))
-      p.heights[at] = std::max(p.heights[at], static_cast<float>(q.z));
-  });
+  const auto higher = [](float& h, float z) { h = std::max(h, z); };
+  p.heights = Raster::detail::foldPerCell(cloud, PointFilter(box.classes, box.first_returns), p,
+                                          -std::numeric_limits<float>::infinity(),
+                                          maximumThreadsMinusOne(), higher, higher);
   p.types.resize(p.heights.size());
   for (std::size_t k = 0; k < p.heights.size(); ++k) {
     const bool measured = p.heights[k] > -std::numeric_limits<float>::infinity();
@@ -181,12 +179,10 @@ Basalt::StrongPtr<Tressel::Grid> densityRaster(const Tressel::Grid& cloud,
                                                const SurfaceParameterBox& box,
                                                const std::string& coordinateSystem) {
   Pixels p = Raster::detail::coveringPixels(cloud, box.cell_size, "density");
-  std::vector<std::uint32_t> counts(p.columns * p.rows, 0);
-  PointFilter(box.classes, box.first_returns).forEachPoint(cloud, [&](const point& q) {
-    std::size_t at = 0;
-    if (Raster::detail::pixelOf(p, q, at))
-      ++counts[at];
-  });
+  const auto counts = Raster::detail::foldPerCell(
+      cloud, PointFilter(box.classes, box.first_returns), p, std::uint32_t{0},
+      maximumThreadsMinusOne(), [](std::uint32_t& count, float) { ++count; },
+      [](std::uint32_t& count, std::uint32_t more) { count += more; });
   const double area = p.sizeX * p.sizeY;
   p.heights.resize(counts.size());
   for (std::size_t k = 0; k < counts.size(); ++k)

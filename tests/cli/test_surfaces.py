@@ -119,8 +119,30 @@ def forest(tmp_path_factory):
 
 def test_dsm_density_and_lowest_dtm_cell_for_cell(forest, tmp_path):
     path, xyz, cls, returns = forest
-    cell = 2.0
+    check_surfaces(path, xyz, cls, returns, 2.0, tmp_path)
+
+
+def test_surfaces_of_many_points_are_the_same_on_any_thread_count(tmp_path):
+    # Enough points for the cells to be folded in several blocks, then merged.
+    rng = np.random.default_rng(31)
+    n = 400000
+    xy = rng.uniform((0, 0), (300, 200), (n, 2))
+    cls = rng.choice([2, 5], n).astype(np.uint8)
+    returns = rng.integers(1, 3, n).astype(np.uint8)
+    z = np.round(rng.uniform(0, 30, n), 1)  # many equal heights in a cell
+    path = tmp_path / "crowd.las"
+    xyz = write_las(path, np.column_stack([xy + OFFSET[:2], z]), cls, returns)
+    one = check_surfaces(path, xyz, cls, returns, 5.0, tmp_path, ["--threads", "1"])
+    three = check_surfaces(path, xyz, cls, returns, 5.0, tmp_path, ["--threads", "3"])
+    for a, b in zip(one, three):
+        assert a.tobytes() == b.tobytes()
+
+
+def check_surfaces(path, xyz, cls, returns, cell, tmp_path, host=()):
+    """Runs dsm, density and the lowest dtm with host's options and checks every cell against
+    numpy; returns the rasters' values."""
     low, shape = layout(xyz, cell)
+    results = []
     cases = [
         ("dsm", [], np.ones(len(xyz), bool)),
         ("dsm", ["--classes", "5:6", "--first-returns"], (cls >= 5) & (returns == 1)),
@@ -130,9 +152,10 @@ def test_dsm_density_and_lowest_dtm_cell_for_cell(forest, tmp_path):
     ]
     for command, options, taken in cases:
         out = tmp_path / f"{command}.h5"
-        quorvel(command, path, "-o", out, "--cell", cell, "--fragment-cells", 7, *options)
+        quorvel(*host, command, path, "-o", out, "--cell", cell, "--fragment-cells", 7, *options)
         field = "Density" if command == "density" else "Height"
         types, values, origin, size, _ = raster(out, field)
+        results.append(values)
         assert types.shape == shape, (command, options)
         np.testing.assert_allclose(origin, (low + 0.5) * cell)
         np.testing.assert_allclose(size, (cell, cell))
@@ -155,6 +178,7 @@ def test_dsm_density_and_lowest_dtm_cell_for_cell(forest, tmp_path):
         assert (types[~measured] == 1).all()
         np.testing.assert_allclose(values[measured], expected[measured], atol=1e-4)
         assert np.isnan(values[~measured]).all()
+    return results
 
 
 def test_chm_is_the_dsm_above_the_dtm_clamped_and_pits_filled(forest, tmp_path):

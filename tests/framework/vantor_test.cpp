@@ -10,6 +10,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -94,6 +95,30 @@ TEST(BoundingBox, ExpandSkipsNonFinitePointsAndUpdatesBall) {
   EXPECT_TRUE(merged.empty());
   merged.expand(box);
   EXPECT_EQ(merged, box);
+}
+
+TEST(BoundingBox, OfManyPointsIsTheSameOnAnyThreadCount) {
+  // Enough points for several blocks; the first and last blocks hold nothing finite, the extremes
+  // lie inside others, and a zero of either sign is the lowest x.
+  const double nan = std::nan("");
+  std::vector<point> points(400000, point{nan, 0, 0});
+  for (std::size_t i = 100000; i < 300000; ++i)
+    points[i] = point{double(i % 977) + 1, double(i % 613) - 5, std::sin(double(i))};
+  points[150000].x = -0.0;
+  points[250000].x = 0.0;
+  points[200000].y = std::numeric_limits<double>::infinity();
+  const BoundingBox one = BoundingBox::of(points.data(), points.size());
+  ASSERT_FALSE(one.empty());
+  EXPECT_TRUE(std::signbit(one.min().x));
+  EXPECT_EQ(one.max().x, 977.0);
+  for (int threads : {2, 3, 7}) {
+    const BoundingBox many = BoundingBox::of(points.data(), points.size(), threads);
+    EXPECT_EQ(many, one) << threads;
+    EXPECT_TRUE(std::signbit(many.min().x)) << threads;
+    EXPECT_EQ(many.ballRadius(), one.ballRadius()) << threads;
+  }
+  points.assign(200000, point{nan, nan, nan});
+  EXPECT_TRUE(BoundingBox::of(points.data(), points.size(), 3).empty());
 }
 
 TEST(MultiRange, StartingValuesAndEmptyTexts) {

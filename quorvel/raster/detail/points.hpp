@@ -22,36 +22,62 @@ public:
       take_[static_cast<std::size_t>(c)] = all_ || classes.contains(c, 1e-9);
   }
 
-  // Calls f(p) for every point of the cloud with finite coordinates that the filter takes. A
-  // cloud without "Classification" has no point of any class; one without "ReturnNumber" no
-  // first return.
-  template <class F>
-  void forEachPoint(const Tressel::Grid& cloud, F&& f) const {
+  // One fragment's arrays: its positions, and its classes and returns where the filter reads
+  // them (null where not).
+  struct Span {
+    StrongPtr<const MemArray<1, point>> xyz;
+    StrongPtr<const MemArray<1, unsigned char>> classes, returns;
+    std::size_t size() const { return xyz->size(); }
+  };
+
+  // The fragments of the cloud whose points the filter may take, in layout order. A cloud
+  // without "Classification" has no point of any class; one without "ReturnNumber" no first
+  // return.
+  std::vector<Span> spansOf(const Tressel::Grid& cloud) const {
+    std::vector<Span> out;
     auto positions = cloud.CartesianPositions();
     auto rep = cloud.getCartesianRepresentation(Tressel::StandardCartesianChart3D);
     if (!positions || !rep)
-      return;
+      return out;
     auto cls = all_ ? nullptr : rep->findField("Classification");
     auto returns = first_ ? rep->findField("ReturnNumber") : nullptr;
     if ((!all_ && !cls) || (first_ && !returns))
-      return;
+      return out;
     for (const FragmentSlot& slot : fragmentsOf(*positions)) {
-      const auto xyz = fragmentArray<point>(*positions, slot);
-      if (!xyz)
+      Span s{fragmentArray<point>(*positions, slot), nullptr, nullptr};
+      if (!s.xyz)
         continue;
-      const auto c = cls ? fragmentArray<unsigned char>(*cls, slot) : nullptr;
-      const auto r = returns ? fragmentArray<unsigned char>(*returns, slot) : nullptr;
-      if ((cls && (!c || c->size() != xyz->size())) ||
-          (returns && (!r || r->size() != xyz->size())))
+      s.classes = cls ? fragmentArray<unsigned char>(*cls, slot) : nullptr;
+      s.returns = returns ? fragmentArray<unsigned char>(*returns, slot) : nullptr;
+      if ((cls && (!s.classes || s.classes->size() != s.size())) ||
+          (returns && (!s.returns || s.returns->size() != s.size())))
         continue;
-      for (std::size_t i = 0; i < xyz->size(); ++i) {
-        const point& p = (*xyz)[i];
-        if ((c && !take_[(*c)[i]]) || (r && (*r)[i] > 1))
-          continue;
-        if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
-          f(p);
-      }
+      out.push_back(std::move(s));
     }
+    return out;
+  }
+
+  // Calls f(p) for every point i in [begin, end) of the span with finite coordinates that the
+  // filter takes, in order.
+  template <class F>
+  void forEachIn(const Span& s, std::size_t begin, std::size_t end, F&& f) const {
+    const point* xyz = s.xyz->data();
+    const unsigned char* c = s.classes ? s.classes->data() : nullptr;
+    const unsigned char* r = s.returns ? s.returns->data() : nullptr;
+    for (std::size_t i = begin; i < end; ++i) {
+      const point& p = xyz[i];
+      if ((c && !take_[c[i]]) || (r && r[i] > 1))
+        continue;
+      if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
+        f(p);
+    }
+  }
+
+  // Calls f(p) for every point of the cloud that the filter takes, fragment after fragment.
+  template <class F>
+  void forEachPoint(const Tressel::Grid& cloud, F&& f) const {
+    for (const Span& s : spansOf(cloud))
+      forEachIn(s, 0, s.size(), f);
   }
 
 private:
