@@ -2,9 +2,11 @@
 // Quorvel: the file a LAS writer writes, and the header completed from its records.
 #include "io/detail/las_output.hpp"
 #include "io/detail/las_record.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace Quorvel::Las::detail {
 
@@ -39,19 +41,29 @@ void TemporaryFile::commit() {
 }
 
 void Tally::add(const std::uint8_t* records, std::size_t n, std::size_t length, bool extended) {
-  const auto addAll = [&](auto view) {
+  const auto addAll = [&](Tally& into, std::size_t begin, std::size_t end, auto view) {
     using Record = decltype(view);
-    for (std::size_t i = 0; i < n; ++i) {
+    for (std::size_t i = begin; i < end; ++i) {
       const Record r(records + i * length);
       std::int32_t xyz[3];
       r.xyz(xyz);
-      add(xyz, static_cast<int>(r.returnNumber()));
+      into.add(xyz, static_cast<int>(r.returnNumber()));
     }
   };
-  if (extended)
-    addAll(ExtendedRecord(records));
-  else
-    addAll(LegacyRecord(records));
+  // Blocks of records counted on the threads, each into a tally of its own, then added in
+  // order: bounds and counts of integers, the same whatever the blocks.
+  const int threads = allThreads();
+  const std::size_t parts = Basalt::blocksFor(n, threads);
+  std::vector<Tally> tallies(parts);
+  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
+    const std::size_t begin = n * k / parts, end = n * (k + 1) / parts;
+    if (extended)
+      addAll(tallies[k], begin, end, ExtendedRecord(records));
+    else
+      addAll(tallies[k], begin, end, LegacyRecord(records));
+  });
+  for (const Tally& t : tallies)
+    add(t);
 }
 
 RawHeader completed(const Header& h, const Places& layout, const Tally& tally) {

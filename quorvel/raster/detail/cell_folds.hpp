@@ -59,9 +59,8 @@ void foldBlock(const PointFilter& filter, const std::vector<PointFilter::Span>& 
 // add and merge that keep the earlier of equal values (std::max, std::min, counts), the cells are
 // those of one thread, bit for bit, whatever the threads.
 template <class T, class Add, class Merge>
-std::vector<T> foldPerCell(const Tressel::Grid& cloud, const PointFilter& filter,
-                           const Pixels& p, T empty, int threads, const Add& add,
-                           const Merge& merge) {
+std::vector<T> foldPerCell(const Tressel::Grid& cloud, const PointFilter& filter, const Pixels& p,
+                           T empty, int threads, const Add& add, const Merge& merge) {
   const auto spans = filter.spansOf(cloud);
   std::size_t n = 0;
   for (const PointFilter::Span& s : spans)
