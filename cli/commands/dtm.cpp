@@ -52,7 +52,9 @@ public:
   void apply(Cloud& cloud, const Host& host) override {
     Cloud::Raster made{output_, nullptr, box_.height_field};
     host.run("dtm", pointCount(*cloud.grid), [&] {
-      made.grid = groundRaster(*cloud.grid, box_, Raster::coordinateSystemOf(*cloud.grid));
+      // The coordinate system waits for GDAL, which opens while the raster is made.
+      made.grid = groundRaster(*cloud.grid, box_);
+      setRasterCoordinateSystem(*made.grid, Raster::coordinateSystemOf(*cloud.grid));
     });
     std::erase_if(cloud.rasters, [&](const Cloud::Raster& r) { return r.name == output_; });
     cloud.rasters.push_back(std::move(made));
@@ -86,8 +88,10 @@ public:
     Cloud raster;
     host.run("dtm", pointCount(*cloud.grid), [&] {
       aboutFile(input_, [&] {
-        raster.grid = groundRaster(*cloud.grid, box_,
-                                   Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
+        // The coordinate system waits for GDAL, which opens while the raster is made.
+        raster.grid = groundRaster(*cloud.grid, box_);
+        setRasterCoordinateSystem(*raster.grid,
+                                  Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
       });
     });
     raster.rasterField = box_.height_field;

@@ -42,8 +42,10 @@ public:
     Cloud raster;
     host.run(name(), pointCount(*cloud.grid), [&] {
       aboutFile(input_, [&] {
-        raster.grid =
-            make(*cloud.grid, Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
+        // The coordinate system waits for GDAL, which opens while the raster is made.
+        raster.grid = make(*cloud.grid, {});
+        setRasterCoordinateSystem(*raster.grid,
+                                  Raster::coordinateSystemOf(*cloud.grid, readWarnings(input_)));
       });
     });
     raster.rasterField = box_.height_field;

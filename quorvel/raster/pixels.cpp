@@ -78,3 +78,11 @@ Basalt::StrongPtr<Tressel::Grid> gridOf(const Pixels& pixels, std::size_t fragme
 }
 
 } // namespace Quorvel::Raster::detail
+
+namespace Quorvel {
+
+void setRasterCoordinateSystem(Tressel::Grid& raster, const std::string& coordinateSystem) {
+  Raster::detail::putText(raster, "CoordinateSystem", coordinateSystem);
+}
+
+} // namespace Quorvel

@@ -253,6 +253,10 @@ Basalt::StrongPtr<Tressel::Grid> groundRaster(const Tressel::Grid& cloud,
                                               const GroundRasterParameterBox& box,
                                               const std::string& coordinateSystem = {});
 
+// Sets the "CoordinateSystem" (WKT, empty when unknown) of a raster made here, for a caller that
+// learns it after making the raster (a host that opens GDAL to read it while the raster is made).
+void setRasterCoordinateSystem(Tressel::Grid& raster, const std::string& coordinateSystem);
+
 // Settings of the surfaces made from a cloud: the surface model (highest point per cell), the
 // density and the canopy height above a ground raster.
 struct SurfaceParameterBox {
