@@ -336,6 +336,43 @@ Tally layRecords(const WritePlan& plan, const Layout& layout,
   return tally;
 }
 
+// The point data of a LAZ file whose records lie in layout order (the chunk table's offset, the
+// chunks, the chunk table), its points starting at pointOffset: each chunk's records laid out
+// from the cloud's arrays into a buffer of its thread and coded there while they are in the
+// cache, the chunks on all threads, so that no array of every record is made. A value that does
+// not fit is the first in file order whatever the threads.
+template <bool Extended>
+Tally codeChunks(const WritePlan& plan, const Layout& layout, const Laz::Description& d,
+                 std::uint64_t pointOffset, std::vector<std::uint8_t>& data,
+                 const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  const std::size_t n = layout.count, recordLength = plan.info.header.recordLength;
+  const std::vector<std::uint64_t> sizes = Laz::chunkSizes(n, d.chunkSize);
+  const PointEncoder encoder(plan);
+  const Quantizer quantizer(plan.info.header);
+  const std::vector<std::size_t> starts = fragmentStarts(layout);
+  std::vector<Tally> tallies(sizes.size());
+  std::vector<std::vector<std::uint8_t>> coded(sizes.size());
+  Percent percent(progress, n, "writing");
+  forEachItemWith(
+      sizes.size(), allThreads(), [] { return std::vector<std::uint8_t>(); },
+      [&](std::vector<std::uint8_t>& records, std::size_t k) {
+        const std::size_t begin = k * d.chunkSize, count = sizes[k];
+        records.resize(count * recordLength); // every byte written below
+        tallies[k] = encodeRange<Extended>(
+            encoder, quantizer, layout, starts, begin, begin + count, recordLength,
+            [&](std::size_t g) { return records.data() + (g - begin) * recordLength; });
+        coded[k] =
+            Laz::encodeChunk(records.data(), static_cast<std::uint32_t>(count), recordLength, d);
+      });
+  percent.finish();
+  std::vector<Laz::Chunk> chunks;
+  data = Laz::joinChunks(coded, sizes, d, pointOffset, chunks);
+  Tally tally;
+  for (const Tally& t : tallies)
+    tally.add(t);
+  return tally;
+}
+
 // The records of every point: streamed to out where the file takes them in layout order and
 // uncompressed, else assembled whole in records.
 Tally encodeRecords(const WritePlan& plan, const Layout& layout, bool streaming,
@@ -347,6 +384,38 @@ Tally encodeRecords(const WritePlan& plan, const Layout& layout, bool streaming,
                      : layRecords<true>(plan, layout, records, progress);
   return streaming ? streamRecords<false>(plan, layout, out, progress)
                    : layRecords<false>(plan, layout, records, progress);
+}
+
+// Writes the point data to out after the head, and says its bytes: LAS records streamed where
+// the file takes them in layout order, else assembled whole; LAZ chunks coded as their records
+// are laid out where they lie in layout order and the file is not COPC, else compressed from all
+// records at once.
+Tally writePoints(const WritePlan& plan, const Layout& layout, Framing& frame,
+                  std::vector<std::uint8_t>& head, TemporaryFile& out, std::uint64_t& pointBytes,
+                  const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
+  const Header& h = plan.info.header;
+  if (frame.laz && !frame.copc && plan.place.empty()) {
+    std::vector<std::uint8_t> data;
+    const Tally tally =
+        format(h.pointFormat).extended
+            ? codeChunks<true>(plan, layout, frame.compression, head.size(), data, progress)
+            : codeChunks<false>(plan, layout, frame.compression, head.size(), data, progress);
+    out.write(data.data(), data.size());
+    pointBytes = data.size();
+    return tally;
+  }
+  const bool streaming = plan.place.empty() && !frame.laz;
+  std::unique_ptr<std::uint8_t[]> records;
+  const Tally tally = encodeRecords(plan, layout, streaming, records, out, progress);
+  pointBytes = layout.count * h.recordLength;
+  if (frame.laz) {
+    const auto data =
+        compress(frame.copc, records.get(), layout.count, h, frame.compression, head, frame.evlrs);
+    out.write(data.data(), data.size());
+    pointBytes = data.size();
+  } else if (!streaming)
+    out.write(records.get(), pointBytes);
+  return tally;
 }
 
 void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInfo* origin,
@@ -361,17 +430,8 @@ void writeGrid(const std::string& path, const Tressel::Grid& grid, const FileInf
   out.write(head.data(), head.size());
 
   // The header is written last, when the records tell the bounds and the counts per return.
-  const bool streaming = plan.place.empty() && !frame.laz; // LAZ compresses all records at once
-  std::unique_ptr<std::uint8_t[]> records;
-  const Tally tally = encodeRecords(plan, layout, streaming, records, out, progress);
-  std::uint64_t pointBytes = layout.count * h.recordLength;
-  if (frame.laz) {
-    const auto data =
-        compress(frame.copc, records.get(), layout.count, h, frame.compression, head, frame.evlrs);
-    out.write(data.data(), data.size());
-    pointBytes = data.size();
-  } else if (!streaming)
-    out.write(records.get(), pointBytes);
+  std::uint64_t pointBytes = 0;
+  const Tally tally = writePoints(plan, layout, frame, head, out, pointBytes, progress);
   std::vector<std::uint8_t> tail;
   for (const Vlr& v : frame.evlrs)
     encodeRecord(v, true, tail);

@@ -176,18 +176,22 @@ std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
   std::vector<std::vector<std::uint8_t>> coded(chunkPoints.size());
   const auto chunkOf = [&](std::size_t k) { return std::pair(k, chunkPoints[k]); };
   inChunks(coded.size(), coded.size(), chunkOf, [&](std::size_t k) {
-    const std::uint8_t* from = records + first[k] * recordLength;
-    const auto points = static_cast<std::uint32_t>(chunkPoints[k]);
-    // Coded into a vector of this thread's own: the coder grows it byte by byte, and vectors
-    // side by side in coded would share a cache line between the threads at every byte.
-    std::vector<std::uint8_t> bytes;
-    if (d.compressor == Compressor::LayeredChunked)
-      encodeLayeredChunk(from, points, d.items, recordLength, bytes);
-    else
-      encodePointwiseChunk(from, points, d.items, recordLength, bytes);
-    coded[k] = std::move(bytes);
+    coded[k] = encodeChunk(records + first[k] * recordLength,
+                           static_cast<std::uint32_t>(chunkPoints[k]), recordLength, d);
   });
   return coded;
+}
+
+std::vector<std::uint8_t> encodeChunk(const std::uint8_t* records, std::uint32_t points,
+                                      std::size_t recordLength, const Description& d) {
+  // Coded into a vector of its own: the coder grows it byte by byte, and the vectors of chunks
+  // coded side by side would share a cache line between the threads at every byte.
+  std::vector<std::uint8_t> bytes;
+  if (d.compressor == Compressor::LayeredChunked)
+    encodeLayeredChunk(records, points, d.items, recordLength, bytes);
+  else
+    encodePointwiseChunk(records, points, d.items, recordLength, bytes);
+  return bytes;
 }
 
 std::vector<std::uint64_t> chunkSizes(std::uint64_t count, std::uint64_t chunkPoints) {
@@ -209,9 +213,20 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records,
                                  const std::vector<std::uint64_t>& chunkPoints,
                                  std::size_t recordLength, const Description& d,
                                  std::uint64_t pointOffset, std::vector<Chunk>& chunks) {
-  const auto coded = encodeChunks(records, chunkPoints, recordLength, d);
+  return joinChunks(encodeChunks(records, chunkPoints, recordLength, d), chunkPoints, d,
+                    pointOffset, chunks);
+}
+
+std::vector<std::uint8_t> joinChunks(const std::vector<std::vector<std::uint8_t>>& coded,
+                                     const std::vector<std::uint64_t>& chunkPoints,
+                                     const Description& d, std::uint64_t pointOffset,
+                                     std::vector<Chunk>& chunks) {
   chunks.assign(chunkPoints.size(), Chunk{});
+  std::size_t bytes = 8;
+  for (const auto& chunk : coded)
+    bytes += chunk.size();
   std::vector<std::uint8_t> out(8);
+  out.reserve(bytes + 8 + 8 * coded.size()); // the chunk table's few bytes a chunk beyond
   for (std::size_t k = 0; k < coded.size(); ++k) {
     chunks[k].firstPoint = k ? chunks[k - 1].firstPoint + chunkPoints[k - 1] : 0;
     chunks[k].points = chunkPoints[k];

@@ -121,6 +121,9 @@ Las::Vlr laszipRecord(int format, std::size_t extraBytes, std::uint32_t chunkSiz
 std::vector<std::vector<std::uint8_t>> encodeChunks(const std::uint8_t* records,
                                                     const std::vector<std::uint64_t>& chunkPoints,
                                                     std::size_t recordLength, const Description& d);
+// One chunk of points records, encoded.
+std::vector<std::uint8_t> encodeChunk(const std::uint8_t* records, std::uint32_t points,
+                                      std::size_t recordLength, const Description& d);
 // count points in chunks of chunkPoints, the last one shorter.
 std::vector<std::uint64_t> chunkSizes(std::uint64_t count, std::uint64_t chunkPoints);
 
@@ -136,5 +139,11 @@ std::vector<std::uint8_t> encode(const std::uint8_t* records,
                                  const std::vector<std::uint64_t>& chunkPoints,
                                  std::size_t recordLength, const Description& d,
                                  std::uint64_t pointOffset, std::vector<Chunk>& chunks);
+// The point data of chunks of the given point counts encoded already (coded[k] chunk k), as
+// encode makes it.
+std::vector<std::uint8_t> joinChunks(const std::vector<std::vector<std::uint8_t>>& coded,
+                                     const std::vector<std::uint64_t>& chunkPoints,
+                                     const Description& d, std::uint64_t pointOffset,
+                                     std::vector<Chunk>& chunks);
 
 } // namespace Quorvel::Laz

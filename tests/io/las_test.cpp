@@ -313,8 +313,9 @@ TEST_F(LasFiles, AFailedWriteLeavesTheEarlierFileIntact) {
                                    "\"GradientZ\": another field has that name");
 }
 
-// Records assembled whole (LAZ) are laid out by blocks of points on all threads: the file and the
-// first value that does not fit are the same for any thread count, blocks crossing fragments.
+// Records are laid out by blocks of points on all threads (LAZ: each chunk's in a buffer of its
+// thread, then coded): the file and the first value that does not fit are the same for any
+// thread count, blocks and chunks crossing fragments.
 TEST_F(LasFiles, RecordsLaidOutOnManyThreadsMakeTheFileOfOne) {
   const std::size_t n = 200003;
   std::vector<point> xyz(n);
@@ -341,7 +342,7 @@ TEST_F(LasFiles, RecordsLaidOutOnManyThreadsMakeTheFileOfOne) {
     omp_set_num_threads(before);
     return error;
   };
-  // LAZ assembles the records whole, LAS streams them a block per thread at a time.
+  // LAZ codes chunks as their records are laid out, LAS streams them a block per thread at a time.
   for (const std::string ext : {".laz", ".las"}) {
     ASSERT_EQ(written(angles, 1, "one" + ext), "");
     for (int threads : {2, 3}) {
