@@ -5,6 +5,7 @@
 #include "io/detail/las_formats.hpp"
 #include "io/detail/las_record.hpp"
 #include "io/tiles.hpp"
+#include "quorvel/core/parallel.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -107,6 +108,15 @@ void setClasses(std::uint8_t* records, std::size_t count, std::size_t length,
     Record(records + i * length).setClassification(classes[i]);
 }
 
+// body(begin, end) for blocks of [0, count) on all threads: the records of a batch copied to the
+// writer in parallel, each block to its own place.
+template <class Body>
+void inRecordBlocks(std::size_t count, const Body& body) {
+  const int threads = allThreads();
+  Basalt::inBlocks(count, Basalt::blocksFor(count, threads), threads,
+                   [&](std::size_t begin, std::size_t end, int) { body(begin, end); });
+}
+
 } // namespace
 
 Sources::Sources(const std::vector<std::string>& paths, const StreamSettings& settings,
@@ -205,8 +215,10 @@ bool copyRecords(const std::string& input, const std::vector<std::size_t>& kept,
     while (end < kept.size() && kept[end] < base + batch.count)
       ++end;
     out.append(end - next, [&](std::uint8_t* to) {
-      for (std::size_t k = next; k < end; ++k, to += length)
-        std::memcpy(to, batch.records + (kept[k] - base) * length, length);
+      inRecordBlocks(end - next, [&](std::size_t from, std::size_t until) {
+        for (std::size_t k = next + from; k < next + until; ++k)
+          std::memcpy(to + (k - next) * length, batch.records + (kept[k] - base) * length, length);
+      });
     });
     next = end;
   }
@@ -227,11 +239,15 @@ bool copyRecordsWithClasses(const std::string& input, std::span<const std::uint8
   std::size_t base = 0;
   for (Batch batch = in.next(); batch.count > 0; base += batch.count, batch = in.next())
     out.append(batch.count, [&](std::uint8_t* to) {
-      std::memcpy(to, batch.records, batch.count * length);
-      if (extended)
-        setClasses<detail::ExtendedRecordOut>(to, batch.count, length, classes.data() + base);
-      else
-        setClasses<detail::LegacyRecordOut>(to, batch.count, length, classes.data() + base);
+      inRecordBlocks(batch.count, [&](std::size_t from, std::size_t until) {
+        std::uint8_t* at = to + from * length;
+        std::memcpy(at, batch.records + from * length, (until - from) * length);
+        const std::uint8_t* set = classes.data() + base + from;
+        if (extended)
+          setClasses<detail::ExtendedRecordOut>(at, until - from, length, set);
+        else
+          setClasses<detail::LegacyRecordOut>(at, until - from, length, set);
+      });
     });
   out.finish();
   return true;
