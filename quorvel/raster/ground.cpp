@@ -123,9 +123,16 @@ void lowestGround(const Tressel::Grid& cloud, const PointFilter& filter, Pixels&
   }
 }
 
-std::vector<point> pointsOf(const Tressel::Grid& cloud, const PointFilter& filter) {
-  std::vector<point> out;
-  filter.forEachPoint(cloud, [&](const point& q) { out.push_back(q); });
+// The points the filter takes, in the cloud's order, gathered on the threads.
+Basalt::ArrayVector<point> pointsOf(const Tressel::Grid& cloud, const PointFilter& filter) {
+  Basalt::ArrayVector<point> out;
+  for (const PointFilter::Span& s : filter.spansOf(cloud)) {
+    const std::size_t before = out.size();
+    packInBlocks(
+        s.size(), maximumThreadsMinusOne(), [&](std::size_t i) { return filter.takes(s, i); },
+        [&](std::size_t count) { out.resize(before + count); },
+        [&](std::size_t i, std::size_t at) { out[before + at] = s.xyz->data()[i]; });
+  }
   return out;
 }
 

@@ -15,12 +15,19 @@ namespace Quorvel {
 
 namespace Raster::detail {
 
-void idwHeights(const std::vector<point>& points, Pixels& p) {
-  const std::size_t cells = p.columns * p.rows;
-  // The points sorted by pixel (a counting sort): starts[k] to starts[k + 1] are pixel k's.
-  std::vector<std::size_t> starts(cells + 1, 0), pixel(points.size(), cells), order(points.size());
-  for (std::size_t k = 0; k < points.size(); ++k)
-    if (pixelOf(p, points[k], pixel[k]))
+void idwHeights(const Basalt::ArrayVector<point>& points, Pixels& p) {
+  const std::size_t cells = p.columns * p.rows, n = points.size();
+  // The points sorted by pixel (a counting sort): starts[k] to starts[k + 1] are pixel k's. The
+  // pixels are found on the threads, each array written before it is read.
+  std::vector<std::size_t> starts(cells + 1, 0);
+  Basalt::ArrayVector<std::size_t> pixel(n), order(n);
+  inStaticBlocks(n, maximumThreadsMinusOne(), [&](std::size_t begin, std::size_t end) {
+    for (std::size_t k = begin; k < end; ++k)
+      if (!pixelOf(p, points[k], pixel[k]))
+        pixel[k] = cells;
+  });
+  for (std::size_t k = 0; k < n; ++k)
+    if (pixel[k] < cells)
       ++starts[pixel[k] + 1];
   for (std::size_t k = 0; k < cells; ++k)
     starts[k + 1] += starts[k];
@@ -30,7 +37,8 @@ void idwHeights(const std::vector<point>& points, Pixels& p) {
       order[next[pixel[k]]++] = k;
   p.heights.assign(cells, std::numeric_limits<float>::quiet_NaN());
   p.types.assign(cells, NoData);
-  for (std::size_t j = 0; j < p.rows; ++j)
+  // Each cell sums its block's points in the same order on any thread: rows on the threads.
+  forEachItem(p.rows, maximumThreadsMinusOne(), [&](std::size_t j) {
     for (std::size_t i = 0; i < p.columns; ++i) {
       const double cx = p.x0 + static_cast<double>(i) * p.sizeX;
       const double cy = p.y0 + static_cast<double>(j) * p.sizeY;
@@ -57,6 +65,7 @@ void idwHeights(const std::vector<point>& points, Pixels& p) {
         p.types[j * p.columns + i] = Measured;
       }
     }
+  });
 }
 
 } // namespace Raster::detail

@@ -101,7 +101,7 @@ void rasterize(const std::array<point, 3>& t, Pixels& p) {
 
 } // namespace
 
-void tinHeights(const std::vector<point>& points, Pixels& p) {
+void tinHeights(const Basalt::ArrayVector<point>& points, Pixels& p) {
   p.heights.assign(p.columns * p.rows, std::numeric_limits<float>::quiet_NaN());
   p.types.assign(p.heights.size(), NoData);
   // Relative to the first pixel's centre: georeferenced coordinates lose precision in qhull's

@@ -57,20 +57,21 @@ public:
     return out;
   }
 
-  // Calls f(p) for every point i in [begin, end) of the span with finite coordinates that the
-  // filter takes, in order.
+  // Whether the filter takes point i of the span: its class and return, finite coordinates.
+  bool takes(const Span& s, std::size_t i) const {
+    if ((s.classes && !take_[s.classes->data()[i]]) || (s.returns && s.returns->data()[i] > 1))
+      return false;
+    const point& p = s.xyz->data()[i];
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+  }
+
+  // Calls f(p) for every point i in [begin, end) of the span that the filter takes, in order.
   template <class F>
   void forEachIn(const Span& s, std::size_t begin, std::size_t end, F&& f) const {
     const point* xyz = s.xyz->data();
-    const unsigned char* c = s.classes ? s.classes->data() : nullptr;
-    const unsigned char* r = s.returns ? s.returns->data() : nullptr;
-    for (std::size_t i = begin; i < end; ++i) {
-      const point& p = xyz[i];
-      if ((c && !take_[c[i]]) || (r && r[i] > 1))
-        continue;
-      if (std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
-        f(p);
-    }
+    for (std::size_t i = begin; i < end; ++i)
+      if (takes(s, i))
+        f(xyz[i]);
   }
 
   // Calls f(p) for every point of the cloud that the filter takes, fragment after fragment.
@@ -111,11 +112,11 @@ void fillGaps(Pixels& p, int rings);
 // Heights at the pixels' centres by linear interpolation over a Delaunay triangulation of the
 // points in x and y (qhull): Measured inside the triangulation's hull, NoData outside. Fewer
 // than three points not on one line leave every pixel NoData.
-void tinHeights(const std::vector<point>& points, Pixels& p);
+void tinHeights(const Basalt::ArrayVector<point>& points, Pixels& p);
 
 // Heights at the pixels' centres as the mean z of the points in the pixel's 3 x 3 block of
 // pixels, each weighted by the inverse squared distance from the centre in x and y (a point at
 // the centre gives its z): Measured where the block holds a point, NoData elsewhere.
-void idwHeights(const std::vector<point>& points, Pixels& p);
+void idwHeights(const Basalt::ArrayVector<point>& points, Pixels& p);
 
 } // namespace Quorvel::Raster::detail
