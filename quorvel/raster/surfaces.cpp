@@ -136,32 +136,44 @@ struct Ground {
   }
 };
 
+// The median height of the cell's neighbours that have one (around: room for them); false when
+// none has.
+bool neighbourMedian(const Pixels& p, long long i, long long j, std::vector<float>& around,
+                     float& median) {
+  const auto w = static_cast<long long>(p.columns), h = static_cast<long long>(p.rows);
+  around.clear();
+  for (long long y = std::max(0LL, j - 1); y <= std::min(h - 1, j + 1); ++y)
+    for (long long x = std::max(0LL, i - 1); x <= std::min(w - 1, i + 1); ++x) {
+      const auto k = static_cast<std::size_t>(y * w + x);
+      if ((x != i || y != j) && hasHeight(p.types[k]))
+        around.push_back(p.heights[k]);
+    }
+  if (around.empty())
+    return false;
+  std::sort(around.begin(), around.end());
+  const std::size_t n = around.size();
+  median = n % 2 ? around[n / 2] : (around[n / 2 - 1] + around[n / 2]) / 2;
+  return true;
+}
+
 // Raises every cell lying more than depth below the median of its neighbours with heights to
-// that median: the pits that gaps between crowns leave in a CHM.
+// that median: the pits that gaps between crowns leave in a CHM. Rows on the threads: each cell
+// reads the heights before and writes only its own.
 void fillPits(Pixels& p, double depth) {
   std::vector<float> out(p.heights);
-  std::vector<float> around;
-  const auto w = static_cast<long long>(p.columns), h = static_cast<long long>(p.rows);
-  for (long long j = 0; j < h; ++j)
-    for (long long i = 0; i < w; ++i) {
-      const auto at = static_cast<std::size_t>(j * w + i);
-      if (!hasHeight(p.types[at]))
-        continue;
-      around.clear();
-      for (long long y = std::max(0LL, j - 1); y <= std::min(h - 1, j + 1); ++y)
-        for (long long x = std::max(0LL, i - 1); x <= std::min(w - 1, i + 1); ++x) {
-          const auto k = static_cast<std::size_t>(y * w + x);
-          if (k != at && hasHeight(p.types[k]))
-            around.push_back(p.heights[k]);
+  forEachItemWith(
+      p.rows, maximumThreadsMinusOne(), [] { return std::vector<float>(); },
+      [&](std::vector<float>& around, std::size_t j) {
+        for (std::size_t i = 0; i < p.columns; ++i) {
+          const std::size_t at = j * p.columns + i;
+          float median = 0;
+          if (hasHeight(p.types[at]) &&
+              neighbourMedian(p, static_cast<long long>(i), static_cast<long long>(j), around,
+                              median) &&
+              p.heights[at] < median - depth)
+            out[at] = median;
         }
-      if (around.empty())
-        continue;
-      std::sort(around.begin(), around.end());
-      const std::size_t n = around.size();
-      const float median = n % 2 ? around[n / 2] : (around[n / 2 - 1] + around[n / 2]) / 2;
-      if (p.heights[at] < median - depth)
-        out[at] = median;
-    }
+      });
   p.heights.swap(out);
 }
 
