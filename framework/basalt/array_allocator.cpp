@@ -3,7 +3,6 @@
 #include "basalt/array_allocator.hpp"
 
 #include <cstdint>
-#include <iterator>
 #include <mutex>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -63,22 +62,28 @@ bool small(std::size_t size) {
   return Sanitized || size < LargeArrayBytes;
 }
 
-// Freed mappings kept for the next array of the same length, up to KeptArrayBytes in all: a
-// process that makes arrays of one cloud's size again and again (a Python loop, a catalogue
-// worker) finds their pages already there instead of faulting them in anew; anything beyond goes
-// back to the system at once.
+// Freed mappings kept for the next arrays, up to KeptArrayBytes in all: a process that makes
+// arrays of one cloud's size again and again (a Python loop, a catalogue worker), or an algorithm
+// whose later steps need smaller arrays than its earlier ones freed, finds their pages already
+// there instead of having the kernel clear new ones; anything beyond goes back to the system at
+// once. An array takes the smallest kept mapping that holds it (the latest kept of equal ones),
+// its tail beyond the array given back.
 class Kept {
 public:
   void* take(std::size_t length) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (auto it = blocks_.rbegin(); it != blocks_.rend(); ++it)
-      if (it->second == length) {
-        void* data = it->first;
-        bytes_ -= length;
-        blocks_.erase(std::next(it).base());
-        return data;
-      }
-    return nullptr;
+    auto best = blocks_.end();
+    for (auto it = blocks_.begin(); it != blocks_.end(); ++it)
+      if (it->second >= length && (best == blocks_.end() || it->second <= best->second))
+        best = it;
+    if (best == blocks_.end())
+      return nullptr;
+    auto* data = static_cast<std::uint8_t*>(best->first);
+    if (best->second > length)
+      ::munmap(data + length, best->second - length);
+    bytes_ -= best->second;
+    blocks_.erase(best);
+    return data;
   }
   bool keep(void* data, std::size_t length) {
     const std::lock_guard<std::mutex> lock(mutex_);

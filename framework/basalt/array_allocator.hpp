@@ -17,8 +17,8 @@ namespace Basalt {
 //   first write of 100 MB faults 50 times instead of 25,000 (on a virtual machine each 4 KiB fault
 //   costs microseconds: a fifth to a half of a run on 1M points);
 // - they go back to the system when freed (beyond KeptArrayBytes of them, kept for the next
-//   arrays of the same length), so a long-lived process (Python, a catalogue worker) does not
-//   keep the peak of its largest run;
+//   arrays they hold, whose pages are then there already), so a long-lived process (Python, a
+//   catalogue worker) does not keep the peak of its largest run;
 // - fresh pages come zeroed from the kernel, so nothing is filled twice.
 // Small blocks, where a system call would cost more than it saves, come from the heap.
 // Every host (the CLI, Python, a program linking the library) gets the same behaviour: none of

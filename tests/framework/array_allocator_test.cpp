@@ -49,11 +49,11 @@ bool resident(const void* p) {
 // fills it writes them, on its own threads. Asked for with a value, they hold it.
 TEST(ArrayAllocator, PointsMadeWithoutAValueAreLeftUnwritten) {
   using Point = Vantor::PhysicalSpace::point;
-  const std::size_t n = (Basalt::LargeArrayBytes * 9 + 1000) / sizeof(Point); // no other size
+  const std::size_t n = (Basalt::LargeArrayBytes * 9 + 1000) / sizeof(Point);
   {
-    const Basalt::Chunk<Point> made(n);
-    ASSERT_EQ(made.size(), n);
-    for (const std::size_t i : {std::size_t{0}, n / 2, n - 1})
+    // Longer than every kept block can be, so that its pages are new ones.
+    const Basalt::Chunk<Point> made(Basalt::KeptArrayBytes / sizeof(Point) + n);
+    for (const std::size_t i : {std::size_t{0}, made.size() / 2, made.size() - 1})
       EXPECT_TRUE(sanitized() || !resident(made.data() + i)) << i;
   }
   const Basalt::Chunk<Point> given(n, Point{1, 2, 3});
@@ -100,6 +100,32 @@ TEST(ArrayAllocator, LargeBlocksAreReusedOrGoBackToTheSystem) {
   EXPECT_EQ(second, first);
   EXPECT_TRUE(mapped(static_cast<unsigned char*>(second) + size - 1));
   Basalt::releaseArray(second, size);
+}
+
+// A smaller array takes the head of the smallest kept block that holds it, its pages still there;
+// the block's tail goes back to the system, and a larger kept block stays for its own length.
+TEST(ArrayAllocator, SmallerArraysTakeTheSmallestKeptBlockThatHoldsThem) {
+  if (sanitized())
+    GTEST_SKIP() << "the sanitizer's heap holds every block";
+  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const std::size_t mib = std::size_t{1} << 20;
+  // Lengths that no other test here keeps.
+  const std::size_t asked = 7 * mib + 2 * page, fits = asked + 3 * page, large = 13 * mib + page;
+  auto* a = static_cast<unsigned char*>(Basalt::allocateArray(large));
+  auto* b = static_cast<unsigned char*>(Basalt::allocateArray(fits));
+  a[0] = b[0] = 1;
+  b[fits - 1] = 2;
+  Basalt::releaseArray(a, large);
+  Basalt::releaseArray(b, fits);
+  auto* c = static_cast<unsigned char*>(Basalt::allocateArray(asked));
+  EXPECT_EQ(c, b);
+  EXPECT_TRUE(resident(c));
+  EXPECT_FALSE(mapped(b + fits - 1));
+  c[asked - 1] = 3; // the last byte is ours to write
+  Basalt::releaseArray(c, asked);
+  void* d = Basalt::allocateArray(large);
+  EXPECT_EQ(d, a);
+  Basalt::releaseArray(d, large);
 }
 
 TEST(ArrayAllocator, ValuesAskedForAreThereAndCopiesAreEqual) {
