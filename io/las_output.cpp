@@ -62,8 +62,7 @@ void Tally::add(const std::uint8_t* records, std::size_t n, std::size_t length, 
     else
       addAll(tallies[k], begin, end, LegacyRecord(records));
   });
-  for (const Tally& t : tallies)
-    add(t);
+  add(joined(tallies));
 }
 
 RawHeader completed(const Header& h, const Places& layout, const Tally& tally) {

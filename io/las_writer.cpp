@@ -299,10 +299,7 @@ Tally streamRecords(const WritePlan& plan, const Layout& layout, TemporaryFile& 
     percent.reached(done);
   }
   percent.finish();
-  Tally tally;
-  for (const Tally& t : tallies)
-    tally.add(t);
-  return tally;
+  return Tally::joined(tallies);
 }
 
 // The records of every point assembled whole in records, each at its place in the file, by
@@ -330,10 +327,7 @@ Tally layRecords(const WritePlan& plan, const Layout& layout,
         });
   });
   percent.finish();
-  Tally tally;
-  for (const Tally& t : tallies)
-    tally.add(t);
-  return tally;
+  return Tally::joined(tallies);
 }
 
 // The point data of a LAZ file whose records lie in layout order (the chunk table's offset, the
@@ -367,10 +361,7 @@ Tally codeChunks(const WritePlan& plan, const Layout& layout, const Laz::Descrip
   percent.finish();
   std::vector<Laz::Chunk> chunks;
   data = Laz::joinChunks(coded, sizes, d, pointOffset, chunks);
-  Tally tally;
-  for (const Tally& t : tallies)
-    tally.add(t);
-  return tally;
+  return Tally::joined(tallies);
 }
 
 // The records of every point: streamed to out where the file takes them in layout order and

@@ -92,6 +92,13 @@ struct Tally {
   }
   // count records of length bytes, of the legacy (0 to 5) or the extended formats.
   void add(const std::uint8_t* records, std::size_t count, std::size_t length, bool extended);
+  // The tallies of runs of records, joined.
+  static Tally joined(const std::vector<Tally>& parts) {
+    Tally out;
+    for (const Tally& t : parts)
+      out.add(t);
+    return out;
+  }
   // The records another tally counted (of other points), as if added here.
   void add(const Tally& other) {
     for (std::size_t a = 0; a < 3; ++a) {

@@ -74,13 +74,6 @@ public:
         f(xyz[i]);
   }
 
-  // Calls f(p) for every point of the cloud that the filter takes, fragment after fragment.
-  template <class F>
-  void forEachPoint(const Tressel::Grid& cloud, F&& f) const {
-    for (const Span& s : spansOf(cloud))
-      forEachIn(s, 0, s.size(), f);
-  }
-
 private:
   std::array<bool, 256> take_{};
   bool all_, first_;
