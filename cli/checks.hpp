@@ -5,7 +5,7 @@
 
 #include "quorvel/core/checks.hpp"
 
-#include <CLI/CLI.hpp>
+#include <CLI/App.hpp>
 
 #include <optional>
 #include <string>

@@ -9,7 +9,7 @@
 #include "io/stream.hpp"
 #include "tressel/grid.hpp"
 
-#include <CLI/CLI.hpp>
+#include <CLI/App.hpp>
 
 #include <chrono>
 #include <cstddef>

@@ -3,6 +3,10 @@
 // of them) with its parameter box filled from options, writes the result.
 #include "cli/commands/command.hpp"
 
+// The whole of CLI11 here, where the application is made, parsed and its help formatted; the
+// commands include only its App and Option (cli/commands/command.hpp).
+#include <CLI/CLI.hpp>
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>

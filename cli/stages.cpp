@@ -2,6 +2,8 @@
 // quorvel host: pipeline files read and checked, and their stages run.
 #include "cli/stages.hpp"
 
+#include <CLI/CLI.hpp> // a stage parses its options with an App of its own
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>

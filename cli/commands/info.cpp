@@ -211,8 +211,11 @@ Json describeHeader(const std::string& path) {
 
 std::string numbers(const Json& values, const char* format) {
   std::string out;
-  for (const Json& v : values)
-    out += (out.empty() ? "" : " ") + Basalt::format(format, v.get<double>() + 0.0); // no -0
+  for (const Json& v : values) {
+    if (!out.empty())
+      out += ' ';
+    out += Basalt::format(format, v.get<double>() + 0.0); // no -0
+  }
   return out;
 }
 

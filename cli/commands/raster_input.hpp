@@ -6,7 +6,7 @@
 #include "cli/host.hpp"
 #include "quorvel/raster/raster.hpp"
 
-#include <CLI/CLI.hpp>
+#include <CLI/App.hpp>
 
 #include <string>
 #include <vector>

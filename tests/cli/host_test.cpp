@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <map>
 #include <string>
