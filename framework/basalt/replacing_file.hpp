@@ -40,6 +40,8 @@ public:
 
 private:
   [[noreturn]] void fail(const std::string& problem) const;
+  // Queues the bytes [at, at + size) of the temporary for the disk where it replaces a file.
+  void startWriteback(std::uint64_t at, std::uint64_t size);
 
   std::string path_, target_, temporary_;
   int fd_ = -1;
@@ -47,6 +49,7 @@ private:
   bool keepMode_ = false;
   unsigned mode_ = 0, owner_ = 0, group_ = 0;
   bool committed_ = false;
+  std::uint64_t written_ = 0; // bytes written by write(), where the next one goes
 };
 
 } // namespace Basalt
