@@ -40,8 +40,9 @@ public:
 
 private:
   [[noreturn]] void fail(const std::string& problem) const;
-  // Queues the bytes [at, at + size) of the temporary for the disk where it replaces a file.
-  void startWriteback(std::uint64_t at, std::uint64_t size);
+  // Where the temporary replaces a file: queues for the disk what write() appended since the last
+  // call, once there is enough of it.
+  void queueWriteback();
 
   std::string path_, target_, temporary_;
   int fd_ = -1;
@@ -50,6 +51,7 @@ private:
   unsigned mode_ = 0, owner_ = 0, group_ = 0;
   bool committed_ = false;
   std::uint64_t written_ = 0; // bytes written by write(), where the next one goes
+  std::uint64_t queued_ = 0;  // bytes before this queued for the disk
 };
 
 } // namespace Basalt
