@@ -3,6 +3,7 @@
 // quadtree over x and y for D = 2) with radius, box and cell queries.
 #pragma once
 
+#include "basalt/array_allocator.hpp"
 #include "basalt/console.hpp"
 #include "basalt/parts.hpp"
 #include "vantor/physical_space.hpp"
@@ -10,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <limits>
 #include <map>
@@ -241,8 +243,7 @@ public:
   // Stores the entries of `indices` in their order, the point of each given by pointOf(index),
   // as insert() one after the other would: the same nodes, the same lists in them, the same line
   // for each refused point, in order. An empty tree is built from the top down instead, on
-  // `threads` threads: the top divided here down to cells of a sixteenth of a thread's share,
-  // whose subtrees are then built apart. A tree that holds entries takes them one by one.
+  // `threads` threads (buildFromTop). A tree that holds entries takes them one by one.
   template <class PointOf>
   void insertEach(std::vector<Index> indices, const PointOf& pointOf, int threads) {
     if (getSize() > 0) {
@@ -250,27 +251,42 @@ public:
         insert(pointOf(i), i);
       return;
     }
-    // The accepted entries, kept in place.
-    std::vector<Index>& accepted = indices;
     std::size_t kept = 0;
     for (const Index& i : indices)
       if (Vantor::acceptsPoint<D>(pointOf(i), min, max))
-        accepted[kept++] = i;
-    accepted.resize(kept);
-    // Room to sort a cell's entries into its children, one per thread.
-    std::vector<std::vector<Index>> scratch(static_cast<std::size_t>(std::max(threads, 1)));
-    using With = Building<PointOf>;
-    const Span all{accepted.data(), accepted.size()};
-    if (threads <= 1)
-      return build(root, min, max, 1, all, With{pointOf, scratch[0], nullptr});
-    Later later;
-    later.grain = std::max<std::size_t>(accepted.size() / (16 * std::size_t(threads)), 1);
-    build(root, min, max, 1, all, With{pointOf, scratch[0], &later, threads});
-    Basalt::inParts(later.cells.size(), threads, [&](std::size_t k, int thread) {
-      const Cell& cell = later.cells[k];
-      build(*cell.slot, cell.lo, cell.hi, cell.depth, cell.entries,
-            With{pointOf, scratch[static_cast<std::size_t>(thread)], nullptr});
-    });
+        indices[kept++] = i;
+    buildFromTop(indices.data(), kept, pointOf, threads);
+  }
+
+  // The same for the indices i in [0, n) that keep(i) accepts, in index order, with no list from
+  // the caller: on an empty tree the list of those stored is made on `threads` threads too.
+  template <class Keep, class PointOf>
+  void insertEach(std::size_t n, int threads, const Keep& keep, const PointOf& pointOf) {
+    if (getSize() > 0) {
+      for (std::size_t i = 0; i < n; ++i)
+        if (keep(i))
+          insert(pointOf(static_cast<Index>(i)), static_cast<Index>(i));
+      return;
+    }
+    std::atomic<bool> refused{false};
+    const auto stored = [&](std::size_t i) {
+      if (!keep(i))
+        return false;
+      if (Vantor::axisOutside<D>(pointOf(static_cast<Index>(i)), min, max) == D)
+        return true;
+      refused.store(true, std::memory_order_relaxed);
+      return false;
+    };
+    Basalt::ArrayVector<Index> accepted;
+    Basalt::packInBlocks(
+        n, Basalt::blocksFor(n, threads), threads, stored,
+        [&](std::size_t count) { accepted.resize(count); }, // each entry written once, below
+        [&](std::size_t i, std::size_t at) { accepted[at] = static_cast<Index>(i); });
+    if (refused.load()) // the messages of the points refused, in index order
+      for (std::size_t i = 0; i < n; ++i)
+        if (keep(i))
+          Vantor::acceptsPoint<D>(pointOf(static_cast<Index>(i)), min, max);
+    buildFromTop(accepted.data(), accepted.size(), pointOf, threads);
   }
 
   // Appends, in tree order, every index whose point lies within radius of centre (squared
@@ -602,25 +618,38 @@ private:
     Index* first;
     std::size_t count;
   };
-  // Cells that a build from the top leaves to be built apart: those of at most `grain` entries.
+  // Builds the empty tree from the top: the count entries at first, all inside the box, are
+  // sorted in place, the top of the tree divided level by level down to cells of a sixteenth of
+  // a thread's share, whose subtrees are then built apart.
+  template <class PointOf>
+  void buildFromTop(Index* first, std::size_t count, const PointOf& pointOf, int threads) {
+    // Room to sort a cell's entries into its children, one per thread.
+    std::vector<Basalt::ArrayVector<Index>> scratch(static_cast<std::size_t>(std::max(threads, 1)));
+    using With = Building<PointOf>;
+    const Cell top{&root, min, max, 1, Span{first, count}};
+    if (threads <= 1)
+      return build(top, With{pointOf, scratch[0]});
+    const std::size_t grain = std::max<std::size_t>(count / (16 * std::size_t(threads)), 1);
+    std::vector<Cell> later;
+    for (std::vector<Cell> level{top}; !level.empty();)
+      level = divideLevel(level, grain, threads, pointOf, scratch, later);
+    Basalt::inParts(later.size(), threads, [&](std::size_t k, int thread) {
+      build(later[k], With{pointOf, scratch[static_cast<std::size_t>(thread)]});
+    });
+  }
+
+  // A node still to be made: its place in its parent, its box and depth, its entries.
   struct Cell {
     std::unique_ptr<Node>* slot;
     Point lo, hi;
     unsigned depth;
     Span entries;
   };
-  struct Later {
-    std::size_t grain = 0;
-    std::vector<Cell> cells;
-  };
-  // What a build passes down: the entries' points, room to sort them, where to leave cells, and
-  // the threads that share the sorting of the cells above those.
+  // What a build passes down: the entries' points and room to sort them.
   template <class PointOf>
   struct Building {
     const PointOf& pointOf;
-    std::vector<Index>& scratch;
-    Later* later;
-    int threads = 1;
+    Basalt::ArrayVector<Index>& scratch;
   };
 
   // Orders the n entries at first by child, stably, through scratch; child c's are then those
@@ -628,8 +657,8 @@ private:
   // then place them after those of the blocks before: the order of one pass over them all.
   template <class ChildOf>
   static void byChild(Index* first, std::size_t n, const ChildOf& childOf,
-                      std::array<std::size_t, Children + 1>& start, std::vector<Index>& scratch,
-                      int threads) {
+                      std::array<std::size_t, Children + 1>& start,
+                      Basalt::ArrayVector<Index>& scratch, int threads) {
     const std::size_t blocks = Basalt::blocksFor(n, threads);
     // Counts per block: on the stack for the one block of every node but the largest.
     std::array<std::array<std::size_t, Children>, 1> one{};
@@ -659,51 +688,86 @@ private:
     });
   }
 
-  // Puts into slot the node of box lo .. hi at `depth` that insertions of `entries`, in their
-  // order, make: a branch when they overfill it and it can separate them (a leaf splits at the
-  // first insertion that finds it full and either holding two positions or given another), else
-  // a leaf of them all. With `later`, a node of at most later->grain entries is left to it.
+  // Makes the nodes of one level of a build from the top, the cells of the level before: a cell
+  // that its entries let several threads sort is divided on them all, one such after the other;
+  // the others side by side, one thread each. Returns the next level's cells, those of more than
+  // grain entries; the smaller ones go to later, to be built apart. The nodes do not depend on
+  // which thread makes them, so the tree is the one of a build on one thread.
   template <class PointOf>
-  void build(std::unique_ptr<Node>& slot, const Point& lo, const Point& hi, unsigned depth,
-             Span entries, const Building<PointOf>& with) const {
-    const Index* first = entries.first;
-    const std::size_t n = entries.count;
-    if (with.later && n <= with.later->grain && n > 0) {
-      with.later->cells.push_back({&slot, lo, hi, depth, entries});
-      return;
+  std::vector<Cell> divideLevel(const std::vector<Cell>& level, std::size_t grain, int threads,
+                                const PointOf& pointOf,
+                                std::vector<Basalt::ArrayVector<Index>>& scratch,
+                                std::vector<Cell>& later) const {
+    std::vector<std::vector<Cell>> children(level.size());
+    std::vector<std::size_t> small;
+    for (std::size_t k = 0; k < level.size(); ++k) {
+      if (Basalt::blocksFor(level[k].entries.count, threads) == 1) {
+        small.push_back(k);
+        continue;
+      }
+      divide(level[k], Building<PointOf>{pointOf, scratch[0]}, threads,
+             [&](const Cell& child) { children[k].push_back(child); });
     }
+    Basalt::inParts(small.size(), threads, [&](std::size_t s, int thread) {
+      divide(level[small[s]], Building<PointOf>{pointOf, scratch[static_cast<std::size_t>(thread)]},
+             1, [&](const Cell& child) { children[small[s]].push_back(child); });
+    });
+    std::vector<Cell> next;
+    for (const std::vector<Cell>& cells : children)
+      for (const Cell& cell : cells)
+        (cell.entries.count > grain ? next : later).push_back(cell);
+    return next;
+  }
+
+  // Puts into its slot the node of a cell, and then the nodes below it.
+  template <class PointOf>
+  void build(const Cell& cell, const Building<PointOf>& with) const {
+    divide(cell, with, 1, [&](const Cell& child) { build(child, with); });
+  }
+
+  // Puts into the cell's slot the node that insertions of its entries, in their order, make: a
+  // branch when they overfill it and it can separate them (a leaf splits at the first insertion
+  // that finds it full and either holding two positions or given another), else a leaf of them
+  // all. A branch's entries are sorted by child on `threads` threads, and each child that gets
+  // entries is handed to below(child cell), in child order, to be made.
+  template <class PointOf, class Below>
+  void divide(const Cell& cell, const Building<PointOf>& with, int threads,
+              const Below& below) const {
+    Index* const first = cell.entries.first;
+    const std::size_t n = cell.entries.count;
     bool apart = false;
     for (std::size_t j = 1; j < n && !apart; ++j)
       apart = !samePosition(with.pointOf(first[j]), with.pointOf(first[0]));
-    if (n <= capacity || !apart || !splittable(lo, hi, depth)) {
-      auto leaf = std::make_unique<Leaf>(lo, hi, capacity, depth);
+    if (n <= capacity || !apart || !splittable(cell.lo, cell.hi, cell.depth)) {
+      auto leaf = std::make_unique<Leaf>(cell.lo, cell.hi, capacity, cell.depth);
       leaf->indices.assign(first, first + n);
       leaf->points.reserve(n);
       for (std::size_t j = 0; j < n; ++j)
         leaf->points.push_back(with.pointOf(first[j]));
       leaf->copies = !apart;
-      slot = std::move(leaf);
+      *cell.slot = std::move(leaf);
       return;
     }
-    auto branch = std::make_unique<Branch>(lo, hi, capacity, depth);
+    auto made = std::make_unique<Branch>(cell.lo, cell.hi, capacity, cell.depth);
+    Branch& branch = *made;
+    *cell.slot = std::move(made);
     // The entries by child, in their order.
     std::array<std::size_t, Children + 1> start{};
     byChild(
-        entries.first, n,
+        first, n,
         [&](std::size_t j) {
-          return static_cast<std::size_t>(branch->childNumber(with.pointOf(first[j])));
+          return static_cast<std::size_t>(branch.childNumber(with.pointOf(first[j])));
         },
-        start, with.scratch, with.later ? with.threads : 1);
+        start, with.scratch, threads);
     for (int c = 0; c < Children; ++c) {
-      const Span part{entries.first + start[c], start[c + 1] - start[c]};
+      const Span part{first + start[c], start[c + 1] - start[c]};
       if (part.count == 0)
         continue;
       // A point of the cell gives the cell's box, as it does to an insertion.
       Point childLo, childHi;
-      branch->childOf(with.pointOf(part.first[0]), childLo, childHi);
-      build(branch->children[c], childLo, childHi, depth + 1, part, with);
+      branch.childOf(with.pointOf(part.first[0]), childLo, childHi);
+      below(Cell{&branch.children[c], childLo, childHi, cell.depth + 1, part});
     }
-    slot = std::move(branch);
   }
 
   // Replaces a full leaf by a branch of the same box and depth holding its entries, in their

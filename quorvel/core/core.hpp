@@ -26,6 +26,7 @@
 #include "tressel/mem_array.hpp"
 #include "vantor/multi_range.hpp"
 
+#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -207,23 +208,33 @@ void forEachFragment(std::size_t count, int threads, Messages& log, Body&& body)
       log.report(failure);
 }
 
+// Elements below which a new output array is filled by one thread: a region costs more.
+inline constexpr std::size_t ParallelFillMin = std::size_t{1} << 16;
+
 // The result array of one fragment of an output field. Where the field already holds an array
 // of the right type and size for the fragment, that array is written in place; otherwise a new
-// one filled with `fill` (zeros by default) is made. commit() then marks the reused array changed
-// (touch) or attaches the new one as persistent data in the default memory cache, inside the
-// critical section.
+// one filled with `fill` (zeros by default) is made, on `threads` threads: the first write of
+// fresh pages is where the system zeroes them (on a virtual machine, at well under 1 GB/s), so
+// one thread filling the outputs of a million points alone would hold the others back for tens
+// of milliseconds. commit() then marks the reused array changed (touch) or attaches the new one
+// as persistent data in the default memory cache, inside the critical section.
 template <class T>
 class FragmentOutput {
 public:
   FragmentOutput(StrongPtr<Field> field, StrongPtr<FragmentID> id, std::size_t count,
-                 const T& fill = T())
+                 const T& fill = T(), int threads = 1)
       : field_(std::move(field)), id_(std::move(id)) {
     if (field_ && id_) {
       creator_ = field_->getCreator(*id_);
       array_ = Tressel::arrayCast<1, T>(creator_ ? creator_->peekData() : nullptr);
     }
     if (!array_ || array_->size() != count) {
-      array_ = MemArray<1, T>::filled(Tressel::MultiIndex<1>(count), fill);
+      array_ = std::make_shared<MemArray<1, T>>(Tressel::MultiIndex<1>(count));
+      T* values = array_->data();
+      inStaticBlocks(count, count < ParallelFillMin ? 1 : threads,
+                     [&](std::size_t begin, std::size_t end) {
+                       std::fill(values + begin, values + end, fill);
+                     });
       creator_.reset();
     }
     // Writable from here on: a reused array that reads a block it does not own (a host's

@@ -122,10 +122,12 @@ StrongPtr<BoundingBox> enlargedBox(const FragmentSlot& slot, const Box& box) {
 
 // The result arrays of one fragment; arrays reused from an earlier run start from zero again.
 struct Outputs {
-  Outputs(const Fields& f, const Box& box, const StrongPtr<FragmentID>& id, std::size_t n)
-      : planarity(f.planarity, id, n), linearity(f.linearity, id, box.linearity ? n : 0),
-        sphericity(f.sphericity, id, box.sphericity ? n : 0),
-        normal(f.normal, id, box.normalvector ? n : 0) {
+  Outputs(const Fields& f, const Box& box, const StrongPtr<FragmentID>& id, std::size_t n,
+          int threads)
+      : planarity(f.planarity, id, n, 0.0f, threads),
+        linearity(f.linearity, id, box.linearity ? n : 0, 0.0f, threads),
+        sphericity(f.sphericity, id, box.sphericity ? n : 0, 0.0f, threads),
+        normal(f.normal, id, box.normalvector ? n : 0, vector(0, 0, 0), threads) {
     zeroIfReused(planarity);
     zeroIfReused(linearity);
     zeroIfReused(sphericity);
@@ -175,39 +177,33 @@ void copyShape(Outputs& out, const Box& box, std::size_t copy, std::size_t first
               box.normalvector ? out.normal[first] : vector{0, 0, 0}});
 }
 
-// Every selected point of the fragment, in static blocks of n / threads points. A point's shape
-// depends on its position alone, so copies of a position (they share a leaf) take the first's.
+// Every selected point of the fragment. Each thread takes a run of consecutive leaves of near
+// n / threads points and computes them in the tree's order, so that consecutive queries touch
+// the same nodes and points; a point's shape depends on its position alone, so copies of a
+// position (they share a leaf) take the first's, and no result depends on the threads.
 template <int D>
 void computePoints(const point* positions, std::size_t n, const Mask& mask, const BoundingBox& bbox,
                    const Box& box, Outputs& out, int threads) {
   constexpr unsigned Capacity = 64;
   Tarrow::OcTreeStd<unsigned, point, D> tree(bbox.min(), bbox.max(), Capacity);
-  std::vector<unsigned> selected;
-  selected.reserve(n);
-  for (std::size_t i = 0; i < n; ++i)
-    if (mask.test(i))
-      selected.push_back(static_cast<unsigned>(i));
+  const auto positionOf = [&](unsigned i) { return positions[i]; };
   tree.insertEach(
-      std::move(selected), [&](unsigned i) { return positions[i]; }, threads);
-  // The selected points in the tree's order, so that consecutive queries touch the same nodes
-  // and points; each point's result is the same in any order.
-  CopyPlan plan;
-  plan.computing.reserve(n);
-  tree.forEachLeaf([&](const auto&, const std::vector<unsigned>& indices) {
-    separateCopies(
-        indices.data(), indices.data() + indices.size(), Capacity,
-        [&](unsigned i) { return positions[i]; }, plan);
-  });
-  const std::vector<std::size_t>& order = plan.computing;
+      n, threads, [&](std::size_t i) { return mask.test(i); }, positionOf);
+  const LeafRuns<unsigned> runs(tree, static_cast<std::size_t>(std::max(1, threads)));
   const double radius = static_cast<double>(box.maxstep) * box.step;
-  inStaticBlocks(order.size(), threads, [&](std::size_t begin, std::size_t end) {
+  std::vector<CopyPlan> plans(runs.runs());
+  forEachItem(runs.runs(), threads, [&](std::size_t run) {
+    CopyPlan& plan = plans[run];
+    for (std::size_t k = runs.cut[run]; k < runs.cut[run + 1]; ++k)
+      separateCopies(runs.leaves[k].data(), runs.leaves[k].data() + runs.leaves[k].size(), Capacity,
+                     positionOf, plan);
     detail::SortedNeighbours neighbours;
-    for (std::size_t at = begin; at < end; ++at)
-      storeShape(out, box, order[at],
-                 shapeAt(tree, positions, positions[order[at]], radius, box, neighbours));
+    for (const std::size_t i : plan.computing)
+      storeShape(out, box, i, shapeAt(tree, positions, positions[i], radius, box, neighbours));
   });
-  for (const auto& [copy, first] : plan.copies)
-    copyShape(out, box, copy, first);
+  for (const CopyPlan& plan : plans)
+    for (const auto& [copy, first] : plan.copies)
+      copyShape(out, box, copy, first);
 }
 
 // One fragment: box, filters, tree, points, hand-over.
@@ -229,7 +225,7 @@ void computeFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messag
     return;
   if (box.verbose)
     Basalt::Console() << "computePlanarity";
-  Outputs out(f, box, slot.id, n);
+  Outputs out(f, box, slot.id, n, threads);
   if (box.dimension == 2)
     computePoints<2>(xyz->data(), n, mask, *bbox, box, out, threads);
   else

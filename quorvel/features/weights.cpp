@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numeric>
 
 namespace Quorvel {
 
@@ -67,30 +66,26 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
     return log.report("ERROR, no fragment_bbox");
   Tarrow::OcTreeStd<unsigned, point, 3> tree(bbox->min(), bbox->max(), 64);
   const std::size_t n = xyz->size();
-  std::vector<unsigned> all(n);
-  std::iota(all.begin(), all.end(), 0u);
   tree.insertEach(
-      std::move(all), [&](unsigned i) { return (*xyz)[i]; }, maximumThreadsMinusOne());
+      n, maximumThreadsMinusOne(), [](std::size_t) { return true; },
+      [&](unsigned i) { return (*xyz)[i]; });
   const Basalt::ArrayVector<vector> upward = upwardNormals(*normals);
   const detail::WeightInputs in{xyz->data(),       upward.data(),
                                 planarity->data(), tree,
                                 box.radius,        static_cast<std::size_t>(box.neighbours)};
-  FragmentOutput<float> weights(f.weights, slot.id, n);
-  float* w = weights.data();
   // Points outside the tree (no finite position) have no neighbours: -1 like any such point.
-  forEachPoint(n, [&](std::size_t i) { w[i] = -1.0f; });
-  // The points in the tree's order, so that consecutive queries touch the same nodes; each
-  // weight is the same in any order.
-  std::vector<unsigned> order;
-  order.reserve(n);
-  tree.forEachLeaf([&](const auto&, const std::vector<unsigned>& indices) {
-    order.insert(order.end(), indices.begin(), indices.end());
-  });
-  forEachPointWith(
-      order.size(), maximumThreadsMinusOne(), SearchPointGrain,
-      [] { return detail::WeightScratch(); },
-      [&](detail::WeightScratch& scratch, std::size_t at) {
-        w[order[at]] = detail::weightOfPoint(in, order[at], scratch);
+  FragmentOutput<float> weights(f.weights, slot.id, n, -1.0f, maximumThreadsMinusOne());
+  float* w = weights.data();
+  if (weights.reused())
+    forEachPoint(n, [&](std::size_t i) { w[i] = -1.0f; });
+  // The points in runs of the tree's leaves, so that consecutive queries touch the same nodes;
+  // each weight is the same in any order. Many more runs than threads even out their costs.
+  const int threads = maximumThreadsMinusOne();
+  const LeafRuns<unsigned> runs(tree, 8 * static_cast<std::size_t>(threads));
+  forEachItemWith(
+      runs.runs(), threads, [] { return detail::WeightScratch(); },
+      [&](detail::WeightScratch& scratch, std::size_t run) {
+        runs.forEachIn(run, [&](unsigned i) { w[i] = detail::weightOfPoint(in, i, scratch); });
       });
   box.fragmentMaxWeights.push_back(*std::max_element(w, w + n));
   weights.commit();

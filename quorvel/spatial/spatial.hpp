@@ -27,6 +27,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -51,6 +52,41 @@ constexpr std::uint64_t spreadBits(std::uint64_t v) {
   v = (v | v << 2) & 0x1249249249249249ull;
   return v;
 }
+
+// The leaves of a tree (Tarrow::OcTreeStd) in tree order, as the lists of their indices, cut into
+// runs of consecutive leaves that hold near-equal numbers of entries: run k is the leaves from
+// cut[k] to cut[k + 1]. Points visited in this order lie near each other, so consecutive queries
+// touch the same nodes and points; threads that take whole runs need no list of every point in
+// tree order, which one thread would have to write.
+template <class Index>
+struct LeafRuns {
+  std::vector<std::span<const Index>> leaves;
+  std::vector<std::size_t> cut;
+
+  template <class Tree>
+  LeafRuns(const Tree& tree, std::size_t runs) {
+    std::size_t total = 0;
+    tree.forEachLeaf([&](const auto&, const auto& indices) {
+      leaves.emplace_back(indices);
+      total += indices.size();
+    });
+    runs = std::max<std::size_t>(runs, 1);
+    cut.assign(runs + 1, leaves.size());
+    cut[0] = 0;
+    std::size_t before = 0, run = 1;
+    for (std::size_t k = 0; k < leaves.size(); before += leaves[k++].size())
+      while (run < runs && before >= total * run / runs)
+        cut[run++] = k;
+  }
+  std::size_t runs() const { return cut.size() - 1; }
+  // f(index) for every entry of run k, in tree order.
+  template <class F>
+  void forEachIn(std::size_t k, const F& f) const {
+    for (std::size_t leaf = cut[k]; leaf < cut[k + 1]; ++leaf)
+      for (const Index& i : leaves[leaf])
+        f(i);
+  }
+};
 
 // Copies of one position among the points an algorithm visits. Where a point's answer depends
 // on its position alone (the same neighbours, the same arithmetic), a run of copies is answered

@@ -33,8 +33,9 @@ std::string relativeHeightAndBelows(const StrongPtr<Grid>& grid, double squareHa
     const auto cls = classField ? fragmentArray<unsigned char>(*classField, slot) : nullptr;
     if (classField && (!cls || cls->size() != xyz->size()))
       return "a fragment has no class of every point";
-    FragmentOutput<float> h(heights, slot.id, xyz->size());
-    FragmentOutput<unsigned char> b(belows, slot.id, xyz->size());
+    const int threads = maximumThreadsMinusOne();
+    FragmentOutput<float> h(heights, slot.id, xyz->size(), 0.0f, threads);
+    FragmentOutput<unsigned char> b(belows, slot.id, xyz->size(), 0, threads);
     forEachItem(2, split.outer, [&](std::size_t measure) {
       if (measure == 0)
         cls ? height.compute(h.view(), xyz->view(), cls->view(), *classes, bbox)

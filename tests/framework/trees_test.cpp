@@ -156,7 +156,7 @@ TYPED_TEST(TreeOracle, TreesBuiltFromTheTopAreTheTreesOfInsertions) {
     const std::string refused = GetCapturedStdout();
     ASSERT_NE(refused, "");
     const std::string dump = inserted.toString(2);
-    for (const int threads : {1, 2, 3}) {
+    for (const int threads : {1, 2, 3, 8}) {
       Tree built(lo, hi, capacity);
       CaptureStdout();
       built.insertEach(all, pointOf, threads);
