@@ -6,6 +6,7 @@
 #include "basalt/parts.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -69,6 +70,58 @@ template <class Items, class Key>
 void radixSort(Items& items, int low, int high, const Key& key, int threads = 1) {
   ArrayVector<typename Items::value_type> buffer;
   radixSort(items.data(), items.size(), low, high, key, buffer, 16, threads);
+}
+
+// The key of rank k (0: the smallest) among key(i) for i in [0, count), every key below
+// 2^high: the value std::nth_element would put at k. Found a digit at a time from the top, each
+// pass counting, in blocks on `threads` threads, the keys whose digits above agree with those
+// found so far. Nothing is copied or moved, so it serves a rank among values that stay in place.
+// Requires k < count.
+template <class Key>
+std::uint64_t radixSelect(std::size_t count, std::size_t k, int high, const Key& key,
+                          int threads = 1) {
+  constexpr int Width = 8;
+  constexpr std::size_t Digits = std::size_t{1} << Width;
+  const std::size_t blocks = blocksFor(count, threads);
+  std::vector<std::size_t> counts(blocks * Digits);
+  std::uint64_t found = 0, known = 0; // the digits found, and the mask of their bits
+  for (int shift = high; shift > 0;) {
+    const int width = std::min(Width, shift);
+    shift -= width;
+    const std::uint64_t digitMask = ((std::uint64_t{1} << width) - 1) << shift;
+    std::fill(counts.begin(), counts.end(), 0);
+    inParts(blocks, threads, [&](std::size_t b, int) {
+      std::size_t* counted = counts.data() + b * Digits;
+      for (std::size_t i = count * b / blocks, e = count * (b + 1) / blocks; i < e; ++i) {
+        const std::uint64_t u = key(i);
+        if ((u & known) == found)
+          ++counted[(u & digitMask) >> shift];
+      }
+    });
+    for (std::uint64_t d = 0; d < Digits; ++d) {
+      std::size_t inDigit = 0;
+      for (std::size_t b = 0; b < blocks; ++b)
+        inDigit += counts[b * Digits + d];
+      if (k < inDigit) {
+        found |= d << shift;
+        break;
+      }
+      k -= inDigit;
+    }
+    known |= digitMask;
+  }
+  return found;
+}
+
+// The bits of a float as an unsigned number of the same order: negative numbers below positive
+// ones, -0 below +0, NaN of either sign beyond the infinities.
+inline std::uint32_t orderedBits(float value) {
+  const auto u = std::bit_cast<std::uint32_t>(value);
+  return (u & 0x80000000u) ? ~u : u | 0x80000000u;
+}
+
+inline float fromOrderedBits(std::uint32_t bits) {
+  return std::bit_cast<float>((bits & 0x80000000u) ? bits & 0x7FFFFFFFu : ~bits);
 }
 
 } // namespace Basalt

@@ -7,8 +7,11 @@
 #include "quorvel/features/features.hpp"
 #include "quorvel/spatial/spatial.hpp"
 
+#include "basalt/radix_sort.hpp"
+
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 namespace Quorvel {
 
@@ -45,11 +48,11 @@ Basalt::ArrayVector<vector> upwardNormals(const MemArray<1, vector>& normals) {
   return out;
 }
 
-// The weight at index n / 2 of the sorted weights.
-float medianOf(std::vector<float> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+// The weight at index n / 2 of the sorted weights (n > 0), found where they lie, on the threads.
+float medianOf(const float* w, std::size_t n, int threads) {
+  const std::uint64_t bits = Basalt::radixSelect(
+      n, n / 2, 32, [&](std::size_t i) { return Basalt::orderedBits(w[i]); }, threads);
+  return Basalt::fromOrderedBits(static_cast<std::uint32_t>(bits));
 }
 
 // The first pass over one fragment: its weights, stored, and its largest and median weight
@@ -89,7 +92,7 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
       });
   box.fragmentMaxWeights.push_back(*std::max_element(w, w + n));
   weights.commit();
-  box.fragmentMedianWeights.push_back(medianOf(std::vector<float>(w, w + n)));
+  box.fragmentMedianWeights.push_back(medianOf(w, n, threads));
 }
 
 // The second pass: every fragment's weights divided by the median.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Tests of the memory core: console lines, attributes, the cache, the text helpers and the radix
-// sort.
+// Tests of the memory core: console lines, attributes, the cache, the text helpers, the radix
+// sort and selection.
 #include "basalt/attributes.hpp"
 #include "basalt/cache.hpp"
 #include "basalt/console.hpp"
@@ -12,9 +12,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <clocale>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <random>
 #include <sstream>
 #include <string>
@@ -217,6 +219,39 @@ TEST(RadixSort, IsAStableSortOfItsBitsOnAnyThreadCount) {
             buffer, width, threads);
         EXPECT_EQ(sorted, expected) << count << " items, " << threads << " threads, " << width;
       }
+    }
+  }
+}
+
+// The selection gives the key nth_element puts at each rank asked, on one thread or several:
+// keys of few distinct values, a rank at either end, a key width that is no multiple of a digit.
+TEST(RadixSelect, GivesTheKeyOfEveryRankOnAnyThreadCount) {
+  std::mt19937_64 random(5);
+  for (const std::size_t count : {std::size_t{1}, std::size_t{777}, std::size_t{300001}}) {
+    std::vector<std::uint64_t> keys(count);
+    for (std::uint64_t& key : keys)
+      key = count > 1000 ? random() % (std::uint64_t{1} << 37) : random() % 8 << 34;
+    auto sorted = keys;
+    std::sort(sorted.begin(), sorted.end());
+    for (const std::size_t rank : {std::size_t{0}, count / 3, count - 1})
+      for (const int threads : {1, 2, 5})
+        EXPECT_EQ(Basalt::radixSelect(
+                      count, rank, 37, [&](std::size_t i) { return keys[i]; }, threads),
+                  sorted[rank])
+            << count << " keys, rank " << rank << ", " << threads << " threads";
+  }
+}
+
+// Floats keep their order in their ordered bits, and come back from them unchanged.
+TEST(RadixSelect, OrderedBitsOfFloatsKeepTheirOrder) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const std::vector<float> ascending{-inf, -3.5f, -1e-30f, -0.0f, 0.0f, 1e-30f, 2.0f, inf};
+  for (std::size_t k = 0; k < ascending.size(); ++k) {
+    EXPECT_EQ(
+        std::bit_cast<std::uint32_t>(Basalt::fromOrderedBits(Basalt::orderedBits(ascending[k]))),
+        std::bit_cast<std::uint32_t>(ascending[k]));
+    if (k > 0) {
+      EXPECT_LT(Basalt::orderedBits(ascending[k - 1]), Basalt::orderedBits(ascending[k]));
     }
   }
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // Tests of selection: the type-list walker, both typed families over every element type of the
 // table against a direct loop over MultiRange::contains (contiguous and strided), the tolerance,
-// inverse, 64-bit values, components; selection grids and tables against the selection.
+// inverse, 64-bit values, components; selection grids (small, and large on several threads) and
+// tables against the selection.
 #include "quorvel/core/core.hpp"
 #include "quorvel/selection/selection.hpp"
 
@@ -10,6 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <omp.h>
+
+#include <cstdlib>
+#include <numeric>
 #include <random>
 
 namespace {
@@ -255,6 +260,50 @@ TEST(SelectionGrids, MissingInputsAndEmptyRangesSayWhat) {
   Box().print();
   EXPECT_EQ(GetCapturedStdout(),
             "fieldname: Classification\nselection: \nwhere: \ninverse: 0\ncoordinate: 2\n");
+}
+
+// Large selections are copied field by field in blocks on the threads: a dense one (most points
+// kept) and a sparse one, each the same on one thread and on five, and the points of a direct
+// loop in order.
+TEST(SelectionGrids, LargeSelectionsAreTheSameOnAnyThreadCount) {
+  constexpr std::size_t N = 400000;
+  std::mt19937 random(9);
+  std::vector<point> xyz(N);
+  std::vector<unsigned char> classes(N);
+  std::vector<float> heights(N);
+  for (std::size_t i = 0; i < N; ++i) {
+    xyz[i] = point(double(i % 1000), double(i / 1000), double(random() % 100));
+    const unsigned draw = random() % 100;
+    classes[i] = static_cast<unsigned char>(draw < 70 ? 2 : draw < 75 ? 3 : 1);
+    heights[i] = static_cast<float>(random() % 10000) / 8;
+  }
+  classes[N - 1] = 1; // the last block of the dense selection ends with points it drops
+  Tressel::PointCloudBuilder builder(xyz);
+  builder.addField("Classification", classes).addField("Height", heights);
+  Tressel::Partition one(1, std::vector<std::size_t>(N));
+  std::iota(one[0].begin(), one[0].end(), std::size_t{0});
+  const auto grid = builder.build(one);
+  const int before = omp_get_max_threads();
+  for (const char* cls : {"2", "3"}) {
+    std::vector<point> expected;
+    for (std::size_t i = 0; i < N; ++i)
+      if (classes[i] == std::atoi(cls))
+        expected.push_back(xyz[i]);
+    std::vector<std::vector<float>> byThreads;
+    for (const int threads : {2, 6}) { // the library keeps one back
+      omp_set_num_threads(threads);
+      Box box;
+      box.selection = Vantor::MultiRange<double>(cls);
+      const auto selected = computeSelection(grid, box);
+      ASSERT_TRUE(selected);
+      EXPECT_EQ(Tressel::readField<point>(*selected->CartesianPositions()), expected) << cls;
+      byThreads.push_back(
+          Tressel::readField<float>(*(*selected)(Tressel::StandardCartesianChart3D, "Height")));
+    }
+    EXPECT_EQ(byThreads[0].size(), expected.size());
+    EXPECT_TRUE(byThreads[0] == byThreads[1]) << cls;
+  }
+  omp_set_num_threads(before);
 }
 
 TEST(SelectionTables, RowsAreTheSelectedPointsAndColumnsTheirComponents) {
