@@ -117,8 +117,9 @@ private:
 // tells whether the round's tree holds point i.
 template <class Tree, class InTree>
 void pointStep(const Tree* tree, const MultiArray<1, const point>& positions,
-               MultiArray<1, unsigned char>& classes, const Box& box, std::vector<double>& radii,
-               std::vector<std::uint32_t>& counts, const InTree& inTree) {
+               MultiArray<1, unsigned char>& classes, const Box& box,
+               Basalt::ArrayVector<double>& radii, Basalt::ArrayVector<std::uint32_t>& counts,
+               const InTree& inTree) {
   const detail::RegressionStep step{positions, box.range, box.target,
                                     static_cast<unsigned>(box.quantile)};
   inStaticBlocks(
@@ -150,8 +151,17 @@ template <class Tree>
 int rounds(const MultiArray<1, const point>& positions, MultiArray<1, unsigned char>& classes,
            const StrongPtr<BoundingBox>& bbox, Box& box) {
   const std::size_t n = positions.size();
-  std::vector<double> radii(n, box.radius);
-  std::vector<std::uint32_t> counts(n, 0);
+  const int threads = maximumThreadsMinusOne();
+  // Written on the threads that read them in the point steps, each its own block.
+  Basalt::ArrayVector<double> radii(n);
+  Basalt::ArrayVector<std::uint32_t> counts(n);
+  Basalt::ArrayVector<std::uint8_t> inTree;
+  inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end) {
+    std::fill(radii.begin() + static_cast<std::ptrdiff_t>(begin),
+              radii.begin() + static_cast<std::ptrdiff_t>(end), box.radius);
+    std::fill(counts.begin() + static_cast<std::ptrdiff_t>(begin),
+              counts.begin() + static_cast<std::ptrdiff_t>(end), 0u);
+  });
   double previousMaximum = box.radius;
   std::size_t previousSize = 0;
   int round = 0;
@@ -167,11 +177,13 @@ int rounds(const MultiArray<1, const point>& positions, MultiArray<1, unsigned c
     previousSize = size;
     // Membership as the tree was built, from the classes at the start of the round: a point's
     // class changes only in its own step (copies share whether the box takes them).
-    std::vector<bool> inTree(tree ? n : 0);
-    for (std::size_t i = 0; i < inTree.size(); ++i)
-      inTree[i] = inTreeClass(classes[i], box);
+    inTree.resize(tree ? n : 0);
+    inStaticBlocks(inTree.size(), threads, [&](std::size_t begin, std::size_t end) {
+      for (std::size_t i = begin; i < end; ++i)
+        inTree[i] = inTreeClass(classes[i], box) ? 1 : 0;
+    });
     pointStep(tree.get(), positions, classes, box, radii, counts,
-              [&](std::size_t i) { return i < inTree.size() && inTree[i]; });
+              [&](std::size_t i) { return i < inTree.size() && inTree[i] != 0; });
     previousMaximum = maximum;
   }
   return round;
