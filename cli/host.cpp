@@ -112,7 +112,11 @@ void showLibraryLines() {
 
 void setUpRun(const Common& common, bool hostThreads) {
   Basalt::Console::setSink(common.verbose ? &libraryStream : nullptr);
-  if (hostThreads && common.threads)
+  // The run's threads bound its reading and writing too. A command whose box holds a thread
+  // count takes the count there as well; one above what the runtime offers becomes all but one
+  // in the box (its rule), and the reading and writing then keep the runtime's own.
+  if (common.threads && *common.threads >= 1 &&
+      (hostThreads || *common.threads <= omp_get_max_threads()))
     omp_set_num_threads(*common.threads);
 }
 

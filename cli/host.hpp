@@ -48,8 +48,11 @@ struct Common {
 // keeps it.
 void addCommonOptions(CLI::App& app, Common& common);
 
-// Sets up what the common options ask of the whole process: where the library's lines go and,
-// for a command without a thread count of its own (hostThreads), the OpenMP thread count.
+// Sets up what the common options ask of the whole process: where the library's lines go and
+// the OpenMP thread count: --threads for a command without a thread count of its own
+// (hostThreads); for one with (its box takes --threads, or its own option's count, which the
+// caller then puts in common.threads), the same where the runtime offers that many, so that its
+// reading and writing keep to it too.
 void setUpRun(const Common& common, bool hostThreads);
 // Shows the library's lines on standard error from now on, as --verbose does.
 void showLibraryLines();

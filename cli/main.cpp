@@ -123,7 +123,11 @@ int main(int argc, char** argv) {
     const Host host(common);
     for (auto& [sub, command, boxThreads] : table)
       if (*sub) {
-        setUpRun(common, !boxThreads);
+        Common run = common;
+        // A command's own --threads, after its name, is the run's count.
+        if (const CLI::Option* own = sub->get_option_no_throw("--threads"); own && own->count())
+          run.threads = own->as<int>();
+        setUpRun(run, !boxThreads);
         return command->run(host);
       }
   } catch (const CLI::ParseError& e) {

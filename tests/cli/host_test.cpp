@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The host's own pieces: the order in which it reads fields (the writer's rule), the checks of
-// option values and their words, the nearest-option finder and what it advises on a failure.
+// option values and their words, the nearest-option finder, what it advises on a failure and the
+// run's thread count.
 #include "cli/advice.hpp"
 #include "cli/checks.hpp"
 #include "cli/commands/command.hpp"
@@ -10,6 +11,7 @@
 #include "tressel/point_cloud.hpp"
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <CLI/CLI.hpp>
 
@@ -33,6 +35,31 @@ Basalt::StrongPtr<Tressel::Grid> cloud(const std::vector<unsigned char>& classes
   if (!index.empty())
     builder.addField("PointIndex", index);
   return builder.build(Tressel::sequentialPartition(classes.size(), fragmentSize));
+}
+
+// --threads is the run's: a command whose box takes the count keeps its reading and writing to
+// it too, unless it asks for more than the runtime offers or for none (0 or less, which a box's
+// own option allows): the box then corrects it, and the run keeps the runtime's count.
+TEST(RunThreads, BoundTheReadingAndWritingOfEveryCommand) {
+  const int offered = omp_get_max_threads();
+  std::ostream* const sink = Basalt::Console::setSink(nullptr); // setUpRun sets it too
+  Cli::Common common;
+  for (const bool hostThreads : {true, false}) {
+    common.threads = 1;
+    Cli::setUpRun(common, hostThreads);
+    EXPECT_EQ(omp_get_max_threads(), 1) << hostThreads;
+    omp_set_num_threads(offered);
+  }
+  for (const int asked : {offered + 5, 0, -1}) { // a box's own count may be 0 or less
+    common.threads = asked;
+    Cli::setUpRun(common, false);
+    EXPECT_EQ(omp_get_max_threads(), offered) << asked;
+  }
+  common.threads = offered + 5;
+  Cli::setUpRun(common, true);
+  EXPECT_EQ(omp_get_max_threads(), offered + 5);
+  omp_set_num_threads(offered);
+  Basalt::Console::setSink(sink);
 }
 
 // File order is one rule: a permutation places each point at its index; gaps and repeats (points
