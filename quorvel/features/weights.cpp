@@ -69,21 +69,20 @@ void weighFragment(const Fields& f, const FragmentSlot& slot, Box& box, Messages
     return log.report("ERROR, no fragment_bbox");
   Tarrow::OcTreeStd<unsigned, point, 3> tree(bbox->min(), bbox->max(), 64);
   const std::size_t n = xyz->size();
+  const int threads = maximumThreadsMinusOne();
   tree.insertEach(
-      n, maximumThreadsMinusOne(), [](std::size_t) { return true; },
-      [&](unsigned i) { return (*xyz)[i]; });
+      n, threads, [](std::size_t) { return true; }, [&](unsigned i) { return (*xyz)[i]; });
   const Basalt::ArrayVector<vector> upward = upwardNormals(*normals);
   const detail::WeightInputs in{xyz->data(),       upward.data(),
                                 planarity->data(), tree,
                                 box.radius,        static_cast<std::size_t>(box.neighbours)};
   // Points outside the tree (no finite position) have no neighbours: -1 like any such point.
-  FragmentOutput<float> weights(f.weights, slot.id, n, -1.0f, maximumThreadsMinusOne());
+  FragmentOutput<float> weights(f.weights, slot.id, n, -1.0f, threads);
   float* w = weights.data();
   if (weights.reused())
     forEachPoint(n, [&](std::size_t i) { w[i] = -1.0f; });
   // The points in runs of the tree's leaves, so that consecutive queries touch the same nodes;
   // each weight is the same in any order. Many more runs than threads even out their costs.
-  const int threads = maximumThreadsMinusOne();
   const LeafRuns<unsigned> runs(tree, 8 * static_cast<std::size_t>(threads));
   forEachItemWith(
       runs.runs(), threads, [] { return detail::WeightScratch(); },

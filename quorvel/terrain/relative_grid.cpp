@@ -23,7 +23,8 @@ std::string relativeHeightAndBelows(const StrongPtr<Grid>& grid, double squareHa
   // The two measures of a fragment are independent and share the threads as splitThreads says:
   // side by side where each has threads of its own (their one-thread index builds then overlap),
   // else one after the other with all the threads.
-  const ThreadSplit split = splitThreads(maximumThreadsMinusOne(), 2);
+  const int threads = maximumThreadsMinusOne();
+  const ThreadSplit split = splitThreads(threads, 2);
   height.threads = below.threads = split.inner;
   for (const FragmentSlot& slot : fragmentsOf(*positions)) {
     const auto xyz = fragmentArray<point>(*positions, slot);
@@ -33,7 +34,6 @@ std::string relativeHeightAndBelows(const StrongPtr<Grid>& grid, double squareHa
     const auto cls = classField ? fragmentArray<unsigned char>(*classField, slot) : nullptr;
     if (classField && (!cls || cls->size() != xyz->size()))
       return "a fragment has no class of every point";
-    const int threads = maximumThreadsMinusOne();
     FragmentOutput<float> h(heights, slot.id, xyz->size(), 0.0f, threads);
     FragmentOutput<unsigned char> b(belows, slot.id, xyz->size(), 0, threads);
     forEachItem(2, split.outer, [&](std::size_t measure) {
