@@ -26,10 +26,15 @@ struct Flat {
   std::vector<FragmentSlot> slots;
   std::vector<std::size_t> start;   // flat number of each fragment's first point
   std::vector<const point*> xyz;    // each fragment's positions
-  std::vector<std::uint32_t> order; // flat numbers in file order
-  bool inLayoutOrder = true;        // order[r] == r
+  std::size_t count = 0;            // points in all
+  std::vector<std::uint32_t> order; // flat numbers in file order; empty where that is layout order
+  bool inLayoutOrder() const { return order.empty(); }
+  // The flat number of the point of rank r in file order.
+  std::uint32_t inFile(std::size_t r) const {
+    return inLayoutOrder() ? static_cast<std::uint32_t>(r) : order[r];
+  }
   std::size_t size(std::size_t k) const {
-    return (k + 1 < start.size() ? start[k + 1] : order.size()) - start[k];
+    return (k + 1 < start.size() ? start[k + 1] : count) - start[k];
   }
   const point& at(std::uint32_t i) const {
     const std::size_t k =
@@ -39,29 +44,29 @@ struct Flat {
   }
 };
 
-// File order is "PointIndex" where a tiled read left it, else layout order.
+// File order is "PointIndex" where a tiled read left it, else layout order (kept implicit: a
+// cloud of one fragment needs no list of its numbers).
 Flat flatten(const StrongPtr<Grid>& grid, const Field& positions) {
   Flat flat;
   flat.slots = fragmentsOf(positions);
   const auto indices = findOptionalField(grid, "PointIndex");
   std::vector<std::uint64_t> places;
-  std::size_t n = 0;
   for (const FragmentSlot& slot : flat.slots) {
     const auto xyz = fragmentArray<point>(positions, slot);
-    flat.start.push_back(n);
+    flat.start.push_back(flat.count);
     flat.xyz.push_back(xyz ? xyz->data() : nullptr);
     const std::size_t size = xyz ? xyz->size() : 0;
     const auto index = indices ? fragmentArray<unsigned long long>(*indices, slot) : nullptr;
     if (index && index->size() == size)
       places.insert(places.end(), index->data(), index->data() + size);
-    n += size;
+    flat.count += size;
   }
-  flat.order.resize(n);
+  if (places.size() != flat.count || flat.slots.size() <= 1)
+    return flat;
+  flat.order.resize(flat.count);
   std::iota(flat.order.begin(), flat.order.end(), 0u);
-  flat.inLayoutOrder = places.size() != n || flat.slots.size() <= 1;
-  if (!flat.inLayoutOrder)
-    std::stable_sort(flat.order.begin(), flat.order.end(),
-                     [&](std::uint32_t a, std::uint32_t b) { return places[a] < places[b]; });
+  std::stable_sort(flat.order.begin(), flat.order.end(),
+                   [&](std::uint32_t a, std::uint32_t b) { return places[a] < places[b]; });
   return flat;
 }
 
@@ -91,15 +96,14 @@ bool voxelOf(const point& p, double size, std::array<std::int64_t, 3>& c) {
 // is its layout is walked fragment by fragment without looking fragments up.
 template <class F>
 void inFileOrder(const Flat& flat, const F& f) {
-  if (!flat.inLayoutOrder) {
+  if (!flat.inLayoutOrder()) {
     for (std::uint32_t r = 0; r < flat.order.size(); ++r)
       f(r, flat.order[r], flat.at(flat.order[r]));
     return;
   }
   for (std::size_t k = 0; k < flat.start.size(); ++k) {
     const auto begin = static_cast<std::uint32_t>(flat.start[k]);
-    const auto end = static_cast<std::uint32_t>(k + 1 < flat.start.size() ? flat.start[k + 1]
-                                                                          : flat.order.size());
+    const auto end = static_cast<std::uint32_t>(begin + flat.size(k));
     for (std::uint32_t i = begin; i < end; ++i)
       f(i, i, flat.xyz[k][i - begin]);
   }
@@ -169,7 +173,7 @@ std::pair<point, point> finiteBounds(const Flat& flat, int threads) {
 // coordinates, and one pass packs each point's voxel and rank into one word: by blocks of each
 // fragment on the threads where file order is layout order, so that the rank is the flat number.
 SortedVoxels voxelKeys(const Flat& flat, double size, int threads) {
-  const int rankBits = std::max(1, static_cast<int>(std::bit_width(flat.order.size())));
+  const int rankBits = std::max(1, static_cast<int>(std::bit_width(flat.count)));
   const auto [low, high] = finiteBounds(flat, threads);
   std::array<std::int64_t, 3> lo{}, hi{};
   int bits[3] = {0, 0, 0};
@@ -186,8 +190,8 @@ SortedVoxels voxelKeys(const Flat& flat, double size, int threads) {
       key = (bits[a] ? key << bits[a] : key) | static_cast<std::uint64_t>(c[a] - lo[a]);
     return key << rankBits | r;
   };
-  if (flat.inLayoutOrder) {
-    sorted.items.reserve(flat.order.size());
+  if (flat.inLayoutOrder()) {
+    sorted.items.reserve(flat.count);
     for (std::size_t k = 0, first = 0; k < flat.xyz.size(); ++k) {
       const point* xyz = flat.xyz[k];
       first += packInBlocks(
@@ -257,9 +261,9 @@ std::pair<std::size_t, std::size_t> voxelAt(const Flat& flat, const SortedVoxels
       ++e;
     return {e, best};
   }
-  double score = voxelScore(flat.at(flat.order[voxels.rank(j)]), keep, size);
+  double score = voxelScore(flat.at(flat.inFile(voxels.rank(j))), keep, size);
   for (; e < n && voxels.key(e) == voxels.key(j); ++e) {
-    const double s = voxelScore(flat.at(flat.order[voxels.rank(e)]), keep, size);
+    const double s = voxelScore(flat.at(flat.inFile(voxels.rank(e))), keep, size);
     if (s < score) {
       score = s;
       best = e;
@@ -280,7 +284,7 @@ std::vector<std::uint32_t> keptByVoxel(const Flat& flat, const ThinParameterBox&
                      ++j;
                    while (j < last) {
                      const auto [end, best] = voxelAt(flat, voxels, j, keep, box.voxel);
-                     parts[part].push_back(flat.order[voxels.rank(best)]);
+                     parts[part].push_back(flat.inFile(voxels.rank(best)));
                      j = end;
                    }
                  });
@@ -291,21 +295,26 @@ std::vector<std::uint32_t> keptByVoxel(const Flat& flat, const ThinParameterBox&
 }
 
 std::vector<std::uint32_t> keptPoints(const Flat& flat, const ThinParameterBox& box, int threads) {
-  std::vector<std::uint32_t> kept;
   if (box.mode == "voxel")
     return keptByVoxel(flat, box, threads);
+  std::vector<std::uint32_t> kept;
   if (box.mode == "random") {
     const double f = std::clamp(box.fraction, 0.0, 1.0);
     // Below 1, f * 2^64 is at most 2^64 - 2^11: it fits the word.
     const std::uint64_t below = f >= 1.0 ? 0 : static_cast<std::uint64_t>(std::ldexp(f, 64));
-    for (std::size_t r = 0; r < flat.order.size(); ++r)
-      if (f >= 1.0 || splitMix(box.seed, r) < below)
-        kept.push_back(flat.order[r]);
+    packInBlocks(
+        flat.count, threads,
+        [&](std::size_t r) { return f >= 1.0 || splitMix(box.seed, r) < below; },
+        [&](std::size_t count) { kept.resize(count); },
+        [&](std::size_t r, std::size_t at) { kept[at] = flat.inFile(r); });
     return kept;
   }
   const auto step = static_cast<std::size_t>(std::max<std::int64_t>(box.every, 1));
-  for (std::size_t r = 0; r < flat.order.size(); r += step)
-    kept.push_back(flat.order[r]);
+  kept.resize((flat.count + step - 1) / step);
+  inStaticBlocks(kept.size(), threads, [&](std::size_t b, std::size_t e) {
+    for (std::size_t j = b; j < e; ++j)
+      kept[j] = flat.inFile(j * step);
+  });
   return kept;
 }
 
@@ -323,24 +332,26 @@ std::optional<KeptPoints> keptByThin(const StrongPtr<Grid>& grid, ThinParameterB
   const Flat flat = flatten(grid, *positions);
   // A filter of the host's reading and writing: on all the run's threads, as they are.
   const int threads = allThreads();
-  // The kept points in layout order: marks over the flat numbers, read fragment by fragment.
-  std::vector<std::uint8_t> marked(flat.order.size(), 0);
   const std::vector<std::uint32_t> chosen = keptPoints(flat, box, threads);
+  // The kept points in layout order: marks over the flat numbers, then each fragment's marked
+  // points listed in blocks on the threads.
+  Basalt::ArrayVector<std::uint8_t> marked(flat.count);
+  inStaticBlocks(flat.count, threads, [&](std::size_t b, std::size_t e) {
+    std::fill(marked.begin() + static_cast<std::ptrdiff_t>(b),
+              marked.begin() + static_cast<std::ptrdiff_t>(e), std::uint8_t{0});
+  });
   inStaticBlocks(chosen.size(), threads, [&](std::size_t b, std::size_t e) {
     for (std::size_t j = b; j < e; ++j)
       marked[chosen[j]] = 1;
   });
   KeptPoints kept{flat.slots, std::vector<std::vector<std::size_t>>(flat.slots.size())};
   for (std::size_t k = 0; k < flat.slots.size(); ++k) {
-    const auto begin = marked.begin() + static_cast<std::ptrdiff_t>(flat.start[k]);
-    const auto end = k + 1 < flat.start.size()
-                         ? marked.begin() + static_cast<std::ptrdiff_t>(flat.start[k + 1])
-                         : marked.end();
-    auto& chosen = kept.indices[k];
-    chosen.reserve(static_cast<std::size_t>(std::count(begin, end, 1)));
-    for (auto i = begin; i != end; ++i)
-      if (*i)
-        chosen.push_back(static_cast<std::size_t>(i - begin));
+    const std::uint8_t* marks = marked.data() + flat.start[k];
+    auto& indices = kept.indices[k];
+    packInBlocks(
+        flat.size(k), threads, [&](std::size_t i) { return marks[i] != 0; },
+        [&](std::size_t count) { indices.resize(count); },
+        [&](std::size_t i, std::size_t at) { indices[at] = i; });
   }
   return kept;
 }

@@ -311,15 +311,16 @@ def test_thin_by_voxel_keeps_one_point_per_cube(tmp_path, keep):
 def test_thin_random_and_every(tmp_path):
     rng = np.random.default_rng(4)
     src = write_las(tmp_path / "in.las", rng.uniform(0, 50, (5000, 3)).round(2))
-    for seed, fraction in ((0, 0.3), (12345, 0.75)):
+    for seed, fraction, threads in ((0, 0.3, 1), (0, 0.3, 3), (12345, 0.75, 2)):
         quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "r.las", "--random", fraction,
-                "--seed", seed)
+                "--seed", seed, "--threads", threads)
         expected = np.array(splitmix(seed, len(src)), dtype=np.uint64) < np.uint64(
             int(fraction * 2**64))
         assert np.allclose(read_las(tmp_path / "r.las")[0], src[expected])
         assert abs(expected.mean() - fraction) < 0.03
-    for n in (1, 3, 7):
-        quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "e.las", "--every", n)
+    for n, threads in ((1, 1), (3, 3), (7, 2)):
+        quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "e.las", "--every", n, "--threads",
+                threads)
         assert np.allclose(read_las(tmp_path / "e.las")[0], src[::n])
     bad = quorvel("thin", tmp_path / "in.las", "-o", tmp_path / "x.las", "--every", 2, "--voxel",
                   1, ok=False)
