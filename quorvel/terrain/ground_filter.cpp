@@ -142,13 +142,17 @@ std::size_t cellIndex(double v, double cell, std::size_t count) {
   return std::min(static_cast<std::size_t>(v / cell), count - 1);
 }
 
-// The lowest point of every cell, NaN where a cell holds none.
-HeightGrid minimumSurface(const Gathered& g, double smallestCell) {
+// The lowest point of every cell, NaN where a cell holds none. Blocks of points lower cells of
+// their own on the threads, the first block's being the grid's, and the others are merged into it
+// in block order: std::min keeps the earlier of equal heights, so the cells are those of one
+// thread, bit for bit. Each block beyond the first costs a pass over every cell, so there are no
+// more blocks than points per two cells.
+HeightGrid minimumSurface(const Gathered& g, double smallestCell, int threads) {
   const double spanX = g.spanX, spanY = g.spanY;
+  const std::size_t n = g.x.size();
   // Sparse data (fewer points than cells) gets cells of about one point each, so that the
   // surface is made of points rather than of filled holes.
-  const double cell =
-      std::max(smallestCell, std::sqrt(spanX * spanY / static_cast<double>(g.x.size())));
+  const double cell = std::max(smallestCell, std::sqrt(spanX * spanY / static_cast<double>(n)));
   const double columns = std::floor(spanX / cell) + 1, rows = std::floor(spanY / cell) + 1;
   if (columns * rows > LargestGrid)
     throw std::runtime_error(Basalt::format(
@@ -158,14 +162,34 @@ HeightGrid minimumSurface(const Gathered& g, double smallestCell) {
   grid.columns = static_cast<std::size_t>(columns);
   grid.rows = static_cast<std::size_t>(rows);
   grid.cell = cell;
-  grid.z.assign(grid.columns * grid.rows, std::numeric_limits<float>::infinity());
-  for (std::size_t k = 0; k < g.x.size(); ++k) {
-    float& z = grid.at(cellIndex(g.x[k], cell, grid.columns), cellIndex(g.y[k], cell, grid.rows));
-    z = std::min(z, static_cast<float>(g.z[k]));
-  }
-  for (float& z : grid.z)
-    if (std::isinf(z))
-      z = std::numeric_limits<float>::quiet_NaN();
+  const std::size_t cells = grid.columns * grid.rows;
+  const std::size_t parts = std::clamp<std::size_t>(n / std::max<std::size_t>(2 * cells, 1), 1,
+                                                    Basalt::blocksFor(n, threads));
+  std::vector<Basalt::ArrayVector<float>> others(parts - 1);
+  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
+    float* z = nullptr;
+    if (k == 0) {
+      grid.z.assign(cells, std::numeric_limits<float>::infinity());
+      z = grid.z.data();
+    } else {
+      others[k - 1].assign(cells, std::numeric_limits<float>::infinity());
+      z = others[k - 1].data();
+    }
+    for (std::size_t i = n * k / parts; i < n * (k + 1) / parts; ++i) {
+      float& low = z[cellIndex(g.y[i], cell, grid.rows) * grid.columns +
+                     cellIndex(g.x[i], cell, grid.columns)];
+      low = std::min(low, static_cast<float>(g.z[i]));
+    }
+  });
+  inStaticBlocks(cells, threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t c = begin; c < end; ++c) {
+      float& z = grid.z[c];
+      for (const auto& from : others)
+        z = std::min(z, from[c]);
+      if (std::isinf(z))
+        z = std::numeric_limits<float>::quiet_NaN();
+    }
+  });
   return grid;
 }
 
@@ -225,10 +249,10 @@ HeightGrid provisionalTerrain(HeightGrid surface, const GroundFilterParameterBox
 }
 
 // Whether every gathered point is ground: within threshold + scalar * slope of the terrain.
-std::vector<std::uint8_t> groundPoints(const Gathered& g, const HeightGrid& terrain,
-                                       const GroundFilterParameterBox& box, int threads) {
+Basalt::ArrayVector<std::uint8_t> groundPoints(const Gathered& g, const HeightGrid& terrain,
+                                               const GroundFilterParameterBox& box, int threads) {
   const HeightGrid slope = detail::slopeOf(terrain, threads);
-  std::vector<std::uint8_t> ground(g.x.size());
+  Basalt::ArrayVector<std::uint8_t> ground(g.x.size()); // every point is written below
   inStaticBlocks(g.x.size(), threads, [&](std::size_t begin, std::size_t end) {
     for (std::size_t k = begin; k < end; ++k) {
       const double surface = detail::bilinear(terrain, g.x[k], g.y[k]);
@@ -248,27 +272,30 @@ void checkBox(const GroundFilterParameterBox& box) {
                              "0 or more");
 }
 
-// Writes the decisions back, fragment by fragment in the order they were gathered.
+// Writes the decisions back, fragment by fragment in the order they were gathered; each block of
+// a fragment on the threads finds its points' places among the gathered by counting the points
+// of the blocks before it that take part.
 std::size_t writeClasses(const Field& positions, const StrongPtr<Field>& classes,
-                         const ClassTable& ignored, const std::vector<std::uint8_t>& ground,
-                         bool reset) {
-  std::size_t k = 0, found = 0;
+                         const ClassTable& ignored, const Basalt::ArrayVector<std::uint8_t>& ground,
+                         bool reset, int threads) {
+  std::size_t first = 0;
   forEachFragmentOf(positions, classes,
                     [&](const FragmentSlot& slot, const MemArray<1, point>& xyz,
                         const MemArray<1, unsigned char>*) {
-                      FragmentOutput<unsigned char> out(classes, slot.id, xyz.size());
-                      for (std::size_t i = 0; i < xyz.size(); ++i) {
-                        unsigned char& c = out[i];
-                        if (!takesPart(xyz[i], c, ignored))
-                          continue;
-                        const bool isGround = ground[k++];
-                        found += isGround;
-                        if (reset || c <= Ground)
-                          c = isGround ? Ground : Unassigned;
-                      }
+                      FragmentOutput<unsigned char> out(classes, slot.id, xyz.size(), 0, threads);
+                      // A point's class is read before its block changes it, in both passes.
+                      first += packInBlocks(
+                          xyz.size(), threads,
+                          [&](std::size_t i) { return takesPart(xyz[i], out[i], ignored); },
+                          [](std::size_t) {},
+                          [&](std::size_t i, std::size_t at) {
+                            unsigned char& c = out[i];
+                            if (reset || c <= Ground)
+                              c = ground[first + at] ? Ground : Unassigned;
+                          });
                       out.commit();
                     });
-  return found;
+  return static_cast<std::size_t>(std::count(ground.begin(), ground.end(), std::uint8_t{1}));
 }
 
 } // namespace
@@ -286,9 +313,10 @@ std::size_t groundFilter(const StrongPtr<Grid>& grid, GroundFilterParameterBox& 
     const ClassTable ignored = tableOf(box.ignore);
     const int threads = maximumThreadsMinusOne();
     const Gathered g = gather(*positions, classes, ignored, threads);
-    const HeightGrid terrain = provisionalTerrain(minimumSurface(g, box.cell_size), box, threads);
+    const HeightGrid terrain =
+        provisionalTerrain(minimumSurface(g, box.cell_size, threads), box, threads);
     return writeClasses(*positions, classes, ignored, groundPoints(g, terrain, box, threads),
-                        box.reset);
+                        box.reset, threads);
   } catch (const std::exception& e) {
     box.message = e.what();
     return 0;

@@ -130,6 +130,25 @@ def test_result_does_not_move_with_the_coordinates(scene, tmp_path):
     assert np.array_equal(read_classes(tmp_path / "out.las"), read_classes(tmp_path / "near.las"))
 
 
+def test_the_same_classes_on_any_thread_count(scene, tmp_path):
+    """The scene twice over, so that every cell's lowest height comes twice and the points fill
+    several blocks of the threads, with classes to keep and noise to ignore: the file of one
+    thread, byte for byte, on two and four."""
+    folder, xyz, _ = scene
+    given = np.random.default_rng(8).choice(np.array([0, 1, 2, 6, 7], dtype=np.uint8), len(xyz))
+    write_las(tmp_path / "twice.las", np.concatenate([xyz, xyz]), np.concatenate([given, given]))
+    files = []
+    for threads in (1, 3, 5):  # the filter keeps one of the run's threads back
+        out = tmp_path / f"out{threads}.las"
+        run("-q", "--threads", threads, "ground", tmp_path / "twice.las", "-o", out,
+            "--cell", 2, "--ignore", 7)
+        files.append(out.read_bytes())
+    assert files[0] == files[1] == files[2]
+    classes = read_classes(tmp_path / "out1.las")
+    assert np.array_equal(classes[: len(xyz)], classes[len(xyz):])
+    assert np.array_equal(classes[: len(xyz)][given == 6], given[given == 6])
+
+
 def test_records_copied_with_their_classes_give_the_file_a_cloud_gives(scene, tmp_path):
     """Alone on a LAS file, ground reads positions and classes only and copies the records with
     the new classes: the file that the whole cloud gives (--fragment-points forces that way),
