@@ -38,6 +38,23 @@ void inParts(std::size_t parts, int threads, const Body& body) {
       std::rethrow_exception(failure);
 }
 
+// Writes a zero byte into every page of [data, data + bytes), in contiguous blocks on `threads`
+// threads. Fresh pages are cleared by the system on the thread that first writes them; a pass
+// that writes an array in scattered order (a radix sort placing its items) would have them
+// cleared by whichever thread reaches each first, and a huge page that several reach together
+// by one of them while the others wait. Touched first in blocks, each thread clears its own.
+// Only for storage whose contents are not yet defined.
+inline void touchPages(void* data, std::size_t bytes, int threads) {
+  constexpr std::size_t Page = 4096; // no system the library runs on has smaller pages
+  auto* bytesAt = static_cast<unsigned char*>(data);
+  const std::size_t pages = (bytes + Page - 1) / Page;
+  const auto parts = static_cast<std::size_t>(std::max(threads, 1));
+  inParts(parts, threads, [&](std::size_t k, int) {
+    for (std::size_t page = pages * k / parts; page < pages * (k + 1) / parts; ++page)
+      bytesAt[page * Page] = 0;
+  });
+}
+
 // How many blocks to cut count items into for `threads` threads: one a thread, but no block of
 // fewer than 65,536 items, which are not worth a thread of their own; at least one.
 inline std::size_t blocksFor(std::size_t count, int threads) {

@@ -9,6 +9,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -28,8 +29,12 @@ void radixSort(T* items, std::size_t count, int low, int high, const Key& key, B
     return;
   const int passes = (bits + maxWidth - 1) / maxWidth, width = (bits + passes - 1) / passes;
   const std::uint64_t mask = (std::uint64_t{1} << width) - 1;
-  if (buffer.size() < count)
+  if (buffer.size() < count) {
     buffer.resize(count);
+    if constexpr (std::is_trivially_copyable_v<T>)
+      if (threads > 1)
+        touchPages(buffer.data(), count * sizeof(T), threads);
+  }
   // On several threads each counts and places a block of items of its own, its items of a digit
   // after those of the blocks before it: the order of one pass over all of them.
   const std::size_t blocks = blocksFor(count, threads);

@@ -288,7 +288,11 @@ std::vector<std::uint32_t> keptByVoxel(const Flat& flat, const ThinParameterBox&
                      j = end;
                    }
                  });
+  std::size_t count = 0;
+  for (const auto& found : parts)
+    count += found.size();
   std::vector<std::uint32_t> kept;
+  kept.reserve(count);
   for (const auto& found : parts)
     kept.insert(kept.end(), found.begin(), found.end());
   return kept;
