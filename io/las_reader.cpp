@@ -284,22 +284,29 @@ void decode(const Plan& plan, const Header& h, const std::uint8_t* records, std:
   ops.reserve(plan.copies.size());
   for (const Copy& c : plan.copies)
     ops.push_back({c.field, c.to[k]});
-  for (std::size_t j = from; j < to; ++j) {
-    const std::uint64_t i = index(j);
-    const std::uint8_t* r = records + i * length;
-    std::int32_t raw[3];
-    std::memcpy(raw, r, 12);
-    xyz[j] = point(raw[0] * sx + ox, raw[1] * sy + oy, raw[2] * sz + oz);
-    if (extended)
-      derived(ExtendedRecord(r), angle, last, j);
-    else
-      derived(LegacyRecord(r), angle, last, j);
-    if (place)
-      place[j] = i;
-    if (rgb)
-      std::memcpy(&rgb[j], r + rgbAt, 6);
+  // Runs of records that stay in the first-level cache: the positions and what derives from
+  // them record by record, then each plain value over the whole run.
+  constexpr std::size_t Run = 512;
+  std::array<const std::uint8_t*, Run> at;
+  for (std::size_t j0 = from; j0 < to; j0 += Run) {
+    const std::size_t count = std::min(Run, to - j0);
+    for (std::size_t j = j0; j < j0 + count; ++j) {
+      const std::uint64_t i = index(j);
+      const std::uint8_t* r = at[j - j0] = records + i * length;
+      std::int32_t raw[3];
+      std::memcpy(raw, r, 12);
+      xyz[j] = point(raw[0] * sx + ox, raw[1] * sy + oy, raw[2] * sz + oz);
+      if (extended)
+        derived(ExtendedRecord(r), angle, last, j);
+      else
+        derived(LegacyRecord(r), angle, last, j);
+      if (place)
+        place[j] = i;
+      if (rgb)
+        std::memcpy(&rgb[j], r + rgbAt, 6);
+    }
     for (const Op& c : ops)
-      copyField<Direction::Read>(c.field, r, c.out, j);
+      copyFieldRun<Direction::Read>(c.field, at.data(), c.out, j0, count);
   }
 }
 

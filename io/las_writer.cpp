@@ -146,16 +146,25 @@ struct Quantizer {
         inverse[0] * scale[0] == 1 && inverse[1] * scale[1] == 1 && inverse[2] * scale[2] == 1;
   }
 
-  // Coordinate c of axis a of point g.
-  std::int32_t operator()(double c, std::size_t a, std::size_t g) const {
+  // Coordinate c of axis a into out; false where it does not fit.
+  bool fits(double c, std::size_t a, std::int32_t& out) const {
     const double shifted = c - offset[a];
     const double v = exactInverse ? shifted * inverse[a] : shifted / scale[a];
     // Rounded half away from zero once the range is known (NaN fails the test).
     if (!(v > -2147483648.5 && v < 2147483647.5))
+      return false;
+    out = static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
+    return true;
+  }
+
+  // Coordinate c of axis a of point g.
+  std::int32_t operator()(double c, std::size_t a, std::size_t g) const {
+    std::int32_t out = 0;
+    if (!fits(c, a, out))
       throw Problem("coordinate " + Basalt::format("%.17g", c) + " of point " + std::to_string(g) +
                     " does not fit the LAS integer coordinates (an automatic offset or another "
                     "scale may help)");
-    return static_cast<std::int32_t>(v + (v < 0 ? -0.5 : 0.5));
+    return out;
   }
 
   std::array<double, 3> offset, scale, inverse;
@@ -184,8 +193,44 @@ public:
             rgb ? rgb->fragments[k] : nullptr};
   }
 
-  // Point j of the fragment, point g of the file, into the zeroed record r (extended or legacy,
-  // as the format is); tallied.
+  // Points j0 .. j0 + count - 1 of the fragment, points g0 .. of the file, into the zeroed records
+  // r[0 .. count - 1] (extended or legacy, as the format is), value by value over the run;
+  // tallied. Where a value does not fit, the run is encoded again point by point, so that the
+  // Problem thrown is that of the first point in file order and its first value.
+  template <bool Extended>
+  void encodeRun(const Quantizer& quantized, const Fragment& in, std::size_t j0, std::size_t count,
+                 std::size_t g0, std::uint8_t* const* r, Tally& tally) const {
+    bool fits = true;
+    for (std::size_t i = 0; i < count && fits; ++i) {
+      std::int32_t xyz[3];
+      for (std::size_t a = 0; a < 3; ++a)
+        fits = quantized.fits(in.xyz[j0 + i][a], a, xyz[a]) && fits;
+      std::memcpy(r[i], xyz, 12);
+    }
+    for (std::size_t p = 0; p < puts_.size() && fits; ++p)
+      fits = copyFieldRun<Direction::Write>(puts_[p].field, r, puts_[p].from->fragments[in.k], j0,
+                                            count);
+    for (std::size_t i = 0; in.angle && i < count && fits; ++i)
+      fits = setScanAngle<Extended>(r[i], in.angle[j0 + i]);
+    if (!fits) {
+      Tally unused;
+      for (std::size_t i = 0; i < count; ++i) {
+        std::memset(r[i], 0, h_.recordLength);
+        encode<Extended>(quantized, in, j0 + i, g0 + i, r[i], unused);
+      }
+    }
+    for (std::size_t i = 0; in.rgb && i < count; ++i)
+      std::memcpy(r[i] + f_.rgb, in.rgb + 6 * (j0 + i), 6);
+    for (std::size_t i = 0; i < count; ++i) {
+      std::int32_t xyz[3];
+      std::memcpy(xyz, r[i], 12);
+      tally.add(xyz, static_cast<int>(RecordView<Extended>(r[i]).returnNumber()));
+    }
+  }
+
+private:
+  // Point j of the fragment, point g of the file, into the zeroed record r; throws the Problem of
+  // its first value that does not fit.
   template <bool Extended>
   void encode(const Quantizer& quantized, const Fragment& in, std::size_t j, std::size_t g,
               std::uint8_t* r, Tally& tally) const {
@@ -196,24 +241,23 @@ public:
     for (const Put& u : puts_)
       if (!copyField<Direction::Write>(u.field, r, u.from->fragments[in.k], j))
         misfit(u, in.k, j, g);
-    if (in.angle)
-      setScanAngle<Extended>(r, in.angle[j], g);
-    if (in.rgb)
-      std::memcpy(r + f_.rgb, in.rgb + 6 * j, 6);
+    if (in.angle && !setScanAngle<Extended>(r, in.angle[j]))
+      throw Problem("ScanAngle " + Basalt::format("%g", in.angle[j]) + " of point " +
+                    std::to_string(g) + " does not fit point format " +
+                    std::to_string(h_.pointFormat));
     tally.add(xyz, static_cast<int>(RecordView<Extended>(r).returnNumber()));
   }
 
-private:
+  // The scan angle in degrees into r; false where it does not fit the format's integer.
   template <bool Extended>
-  void setScanAngle(std::uint8_t* r, float degrees, std::size_t g) const {
+  static bool setScanAngle(std::uint8_t* r, float degrees) {
     const double v = Extended ? degrees / 0.006 : degrees;
     const double limit = Extended ? 32767.5 : 127.5; // int16 or int8 after rounding
     if (!(v > -limit - 1 && v < limit))
-      throw Problem("ScanAngle " + Basalt::format("%g", degrees) + " of point " +
-                    std::to_string(g) + " does not fit point format " +
-                    std::to_string(h_.pointFormat));
+      return false;
     const auto steps = static_cast<std::int16_t>(v + (v < 0 ? -0.5 : 0.5));
     RecordView<Extended, std::uint8_t>(r).setScanAngleSteps(steps);
+    return true;
   }
 
   // The Problem of a value that copyField found not to fit.
@@ -247,12 +291,19 @@ Tally encodeRange(const PointEncoder& encoder, const Quantizer& quantizer, const
   auto k = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), begin) -
                                     starts.begin() - 1);
   PointEncoder::Fragment in = encoder.fragment(layout, k);
-  for (std::size_t g = begin; g < end; ++g) {
+  // Runs of records that stay in the first-level cache, within one fragment.
+  constexpr std::size_t Run = 512;
+  std::array<std::uint8_t*, Run> at;
+  for (std::size_t g = begin; g < end;) {
     while (g >= starts[k + 1])
       in = encoder.fragment(layout, ++k);
-    std::uint8_t* r = recordAt(g);
-    std::memset(r, 0, recordLength);
-    encoder.encode<Extended>(quantizer, in, g - starts[k], g, r, tally);
+    const std::size_t count = std::min({Run, end - g, starts[k + 1] - g});
+    for (std::size_t i = 0; i < count; ++i) {
+      at[i] = recordAt(g + i);
+      std::memset(at[i], 0, recordLength);
+    }
+    encoder.encodeRun<Extended>(quantizer, in, g - starts[k], count, g, at.data(), tally);
+    g += count;
   }
   return tally;
 }

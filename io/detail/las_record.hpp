@@ -142,69 +142,74 @@ struct FieldCopy {
 
 enum class Direction { Read, Write };
 
-// Copies value j of the array to or from the record r. Bits written are or-ed into a record
-// zeroed first. False, writing, when the value does not fit: bits above the mask, or a float64
-// component beyond float32 (nothing is written then). Fixed sizes, so each copy is one move.
+// The record and array pointers of a copy in direction D.
 template <Direction D>
-inline bool
-copyField(const FieldCopy& c,
-          std::conditional_t<D == Direction::Read, const std::uint8_t*, std::uint8_t*> r,
-          std::conditional_t<D == Direction::Read, std::uint8_t*, const std::uint8_t*> array,
-          std::size_t j) {
+using RecordBytes = std::conditional_t<D == Direction::Read, const std::uint8_t*, std::uint8_t*>;
+template <Direction D>
+using ArrayBytes = std::conditional_t<D == Direction::Read, std::uint8_t*, const std::uint8_t*>;
+
+// Copies values j0 .. j0 + count - 1 of the array to or from the records r[0 .. count - 1]. Bits
+// written are or-ed into records zeroed first. False, writing, when a value does not fit: bits
+// above the mask, or a float64 component beyond float32 (the values before it are written, it
+// and those after it not). The field's kind is looked at once for the run, and each copy of its
+// loop is one move of a fixed size.
+template <Direction D>
+inline bool copyFieldRun(const FieldCopy& c, const RecordBytes<D>* r, ArrayBytes<D> array,
+                         std::size_t j0, std::size_t count) {
   constexpr bool read = D == Direction::Read;
   const auto move = [&](std::size_t width, std::size_t stride) {
-    if constexpr (read)
-      std::memcpy(array + stride * j, r + c.at, width);
-    else
-      std::memcpy(r + c.at, array + stride * j, width);
+    for (std::size_t i = 0; i < count; ++i)
+      if constexpr (read)
+        std::memcpy(array + stride * (j0 + i), r[i] + c.at, width);
+      else
+        std::memcpy(r[i] + c.at, array + stride * (j0 + i), width);
+    return true;
   };
   switch (c.size) {
   case 0:
-    if constexpr (read)
-      array[j] = static_cast<std::uint8_t>((r[c.at] >> c.shift) & c.mask);
-    else {
-      const std::uint8_t v = array[j];
-      if (v > c.mask)
-        return false;
-      r[c.at] = static_cast<std::uint8_t>(r[c.at] | (v << c.shift));
-    }
-    break;
+    for (std::size_t i = 0; i < count; ++i)
+      if constexpr (read)
+        array[j0 + i] = static_cast<std::uint8_t>((r[i][c.at] >> c.shift) & c.mask);
+      else {
+        const std::uint8_t v = array[j0 + i];
+        if (v > c.mask)
+          return false;
+        r[i][c.at] = static_cast<std::uint8_t>(r[i][c.at] | (v << c.shift));
+      }
+    return true;
   case 1:
-    if constexpr (read)
-      array[j] = r[c.at];
-    else
-      r[c.at] = array[j];
-    break;
+    return move(1, 1);
   case 2:
-    move(2, 2);
-    break;
+    return move(2, 2);
   case 4:
-    move(4, 4);
-    break;
+    return move(4, 4);
   case 8:
-    move(8, 8);
-    break;
-  case -4: { // a component of three doubles as float32
-    if constexpr (read) {
-      float value;
-      std::memcpy(&value, r + c.at, 4);
-      const double wide = value;
-      std::memcpy(array + 24 * j, &wide, 8);
-    } else {
-      double wide;
-      std::memcpy(&wide, array + 24 * j, 8);
-      const auto value = static_cast<float>(wide);
-      if (std::isinf(value) && std::isfinite(wide))
-        return false;
-      std::memcpy(r + c.at, &value, 4);
-    }
-    break;
-  }
+    return move(8, 8);
+  case -4: // a component of three doubles as float32
+    for (std::size_t i = 0; i < count; ++i)
+      if constexpr (read) {
+        float value;
+        std::memcpy(&value, r[i] + c.at, 4);
+        const double wide = value;
+        std::memcpy(array + 24 * (j0 + i), &wide, 8);
+      } else {
+        double wide;
+        std::memcpy(&wide, array + 24 * (j0 + i), 8);
+        const auto value = static_cast<float>(wide);
+        if (std::isinf(value) && std::isfinite(wide))
+          return false;
+        std::memcpy(r[i] + c.at, &value, 4);
+      }
+    return true;
   default: // a component of three doubles as float64
-    move(8, 24);
-    break;
+    return move(8, 24);
   }
-  return true;
+}
+
+// Copies value j of the array to or from the record r, as copyFieldRun does for a run of one.
+template <Direction D>
+inline bool copyField(const FieldCopy& c, RecordBytes<D> r, ArrayBytes<D> array, std::size_t j) {
+  return copyFieldRun<D>(c, &r, array, j, 1);
 }
 
 } // namespace Quorvel::Las::detail

@@ -294,6 +294,12 @@ TEST_F(LasFiles, AFailedWriteLeavesTheEarlierFileIntact) {
   Tressel::PointCloudBuilder flag({{1, 2, 3}});
   flag.addField("Synthetic", std::vector<unsigned char>{2});
   expectError(*flag.build({{0}}), "Synthetic 2 of point 0 does not fit point format 6");
+  // Values go out a kind at a time over runs of points: the first point that does not fit
+  // still names the error, though a value written before the scan angle fails at a later point.
+  Tressel::PointCloudBuilder both({{1, 2, 3}, {1, 2, 3}, {1, 2, 3}});
+  both.addField("ScanAngle", std::vector<float>{0.0f, 500.0f, 0.0f});
+  both.addField("Synthetic", std::vector<unsigned char>{0, 0, 2});
+  expectError(*both.build({{0, 1, 2}}), "ScanAngle 500 of point 1 does not fit point format 6");
   Tressel::PointCloudBuilder wrongType({{1, 2, 3}});
   wrongType.addField("Intensity", std::vector<float>{2});
   expectError(*wrongType.build({{0}}), "field \"Intensity\" holds float32");
