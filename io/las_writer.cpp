@@ -316,18 +316,19 @@ std::vector<std::size_t> fragmentStarts(const Layout& layout) {
   return starts;
 }
 
-// The records of every point, in file order, streamed to the file in blocks of about 1 MB that
-// stay in cache (file order is layout order, and not LAZ): as many blocks at a time as there are
-// threads, each encoded by one, then written in order. A value that does not fit is the first in
-// file order whatever the threads.
+// The records of every point, in file order, streamed to the file in blocks of about 256 kB that
+// stay in cache (file order is layout order, and not LAZ): four blocks a thread at a time, taken
+// by the threads one by one (a thread that waits for a core, as when the run has more threads
+// than the machine, then holds back one small block rather than a quarter of the work), then
+// written in order. A value that does not fit is the first in file order whatever the threads.
 template <bool Extended>
 Tally streamRecords(const WritePlan& plan, const Layout& layout, TemporaryFile& out,
                     const Basalt::StrongPtr<Basalt::LoaderProgress>& progress) {
   const std::size_t n = layout.count, recordLength = plan.info.header.recordLength;
-  const std::size_t blockPoints = std::max<std::size_t>(1, (std::size_t(1) << 20) / recordLength);
+  const std::size_t blockPoints = std::max<std::size_t>(1, (std::size_t(1) << 18) / recordLength);
   const std::size_t blocks = (n + blockPoints - 1) / blockPoints;
   const int threads = allThreads();
-  const std::size_t group = std::min(blocks, static_cast<std::size_t>(std::max(threads, 1)));
+  const std::size_t group = std::min(blocks, 4 * static_cast<std::size_t>(std::max(threads, 1)));
   // Every byte of a record is written before it goes out.
   const std::unique_ptr<std::uint8_t[]> records(
       new std::uint8_t[std::max<std::size_t>(std::min(n, group * blockPoints), 1) * recordLength]);
