@@ -71,14 +71,12 @@ void inBlocks(std::size_t n, std::size_t parts, int threads, const Body& body) {
           [&](std::size_t k, int thread) { body(n * k / parts, n * (k + 1) / parts, thread); });
 }
 
-// place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted (0,
-// 1, ...), so each lands where one thread would put it whatever the threads; room(count) is told
-// how many there are before the first is placed, and the count is returned. Each of `parts`
-// contiguous blocks counts what it keeps, then places its items from the count of the blocks
-// before it: keep is asked twice per item, so it should be cheap and give the same answer.
-template <class Keep, class Room, class Place>
-std::size_t packInBlocks(std::size_t n, std::size_t parts, int threads, const Keep& keep,
-                         const Room& room, const Place& place) {
+// How many items of [0, n) keep(i) accepts before each of `parts` contiguous blocks (block k:
+// n * k / parts to n * (k + 1) / parts), and in all last: parts + 1 numbers, each block counted
+// on one of `threads` threads.
+template <class Keep>
+std::vector<std::size_t> countInBlocks(std::size_t n, std::size_t parts, int threads,
+                                       const Keep& keep) {
   parts = std::max<std::size_t>(parts, 1);
   std::vector<std::size_t> from(parts + 1, 0);
   inParts(parts, threads, [&](std::size_t k, int) {
@@ -89,14 +87,36 @@ std::size_t packInBlocks(std::size_t n, std::size_t parts, int threads, const Ke
   });
   for (std::size_t k = 0; k < parts; ++k)
     from[k + 1] += from[k];
-  room(from[parts]);
+  return from;
+}
+
+// place(i, at) for every i in [0, n) that keep(i) accepts, block by block as countInBlocks
+// counted them (`from`, its numbers), `at` the item's rank among the accepted: keep must give
+// the answers it gave there.
+template <class Keep, class Place>
+void placeInBlocks(std::size_t n, const std::vector<std::size_t>& from, int threads,
+                   const Keep& keep, const Place& place) {
+  const std::size_t parts = from.size() - 1;
   inParts(parts, threads, [&](std::size_t k, int) {
     std::size_t at = from[k];
     for (std::size_t i = n * k / parts; i < n * (k + 1) / parts; ++i)
       if (keep(i))
         place(i, at++);
   });
-  return from[parts];
+}
+
+// place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted (0,
+// 1, ...), so each lands where one thread would put it whatever the threads; room(count) is told
+// how many there are before the first is placed, and the count is returned. Each of `parts`
+// contiguous blocks counts what it keeps, then places its items from the count of the blocks
+// before it: keep is asked twice per item, so it should be cheap and give the same answer.
+template <class Keep, class Room, class Place>
+std::size_t packInBlocks(std::size_t n, std::size_t parts, int threads, const Keep& keep,
+                         const Room& room, const Place& place) {
+  const std::vector<std::size_t> from = countInBlocks(n, parts, threads, keep);
+  room(from.back());
+  placeInBlocks(n, from, threads, keep, place);
+  return from.back();
 }
 
 } // namespace Basalt

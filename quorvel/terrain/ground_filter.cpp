@@ -41,6 +41,9 @@ constexpr std::size_t LowOutlierReach = 3;
 struct Gathered {
   Basalt::ArrayVector<double> x, y, z;
   double originX = 0, originY = 0, spanX = 0, spanY = 0;
+  // Each fragment's points that take part before each of its blocks on the threads, and in all
+  // (Basalt::countInBlocks), so that the decisions go back by the same blocks in one pass.
+  std::vector<std::vector<std::size_t>> blocks;
 };
 
 // The classes of a fragment as a table lookup: which take part.
@@ -104,18 +107,20 @@ Gathered gather(const Field& positions, const StrongPtr<Field>& classes, const C
       positions, classes,
       [&](const FragmentSlot&, const MemArray<1, point>& xyz,
           const MemArray<1, unsigned char>* cls) {
-        count += packInBlocks(
-            xyz.size(), threads,
-            [&](std::size_t i) { return takesPart(xyz[i], cls ? (*cls)[i] : 0, ignored); },
-            [&](std::size_t kept) {
-              for (auto* axis : {&g.x, &g.y, &g.z})
-                axis->resize(count + kept); // left unwritten until placed
-            },
-            [&](std::size_t i, std::size_t at) {
-              g.x[count + at] = xyz[i].x;
-              g.y[count + at] = xyz[i].y;
-              g.z[count + at] = xyz[i].z;
-            });
+        const auto takes = [&](std::size_t i) {
+          return takesPart(xyz[i], cls ? (*cls)[i] : 0, ignored);
+        };
+        g.blocks.push_back(Basalt::countInBlocks(
+            xyz.size(), static_cast<std::size_t>(std::max(threads, 1)), threads, takes));
+        for (auto* axis : {&g.x, &g.y, &g.z})
+          axis->resize(count + g.blocks.back().back()); // left unwritten until placed
+        Basalt::placeInBlocks(xyz.size(), g.blocks.back(), threads, takes,
+                              [&](std::size_t i, std::size_t at) {
+                                g.x[count + at] = xyz[i].x;
+                                g.y[count + at] = xyz[i].y;
+                                g.z[count + at] = xyz[i].z;
+                              });
+        count += g.blocks.back().back();
       });
   if (count == 0)
     throw std::runtime_error("no point with finite coordinates outside the ignored classes");
@@ -272,27 +277,27 @@ void checkBox(const GroundFilterParameterBox& box) {
                              "0 or more");
 }
 
-// Writes the decisions back, fragment by fragment in the order they were gathered; each block of
-// a fragment on the threads finds its points' places among the gathered by counting the points
-// of the blocks before it that take part.
+// Writes the decisions back, fragment by fragment in the order they were gathered, by the blocks
+// that gathered them: each starts at the count of points that take part before it.
 std::size_t writeClasses(const Field& positions, const StrongPtr<Field>& classes,
-                         const ClassTable& ignored, const Basalt::ArrayVector<std::uint8_t>& ground,
-                         bool reset, int threads) {
-  std::size_t first = 0;
+                         const ClassTable& ignored, const Gathered& g,
+                         const Basalt::ArrayVector<std::uint8_t>& ground, bool reset, int threads) {
+  std::size_t first = 0, f = 0;
   forEachFragmentOf(positions, classes,
                     [&](const FragmentSlot& slot, const MemArray<1, point>& xyz,
                         const MemArray<1, unsigned char>*) {
                       FragmentOutput<unsigned char> out(classes, slot.id, xyz.size(), 0, threads);
-                      // A point's class is read before its block changes it, in both passes.
-                      first += packInBlocks(
-                          xyz.size(), threads,
+                      const std::vector<std::size_t>& blocks = g.blocks[f++];
+                      // A point's class is read before its block changes it: the answer gather had.
+                      Basalt::placeInBlocks(
+                          xyz.size(), blocks, threads,
                           [&](std::size_t i) { return takesPart(xyz[i], out[i], ignored); },
-                          [](std::size_t) {},
                           [&](std::size_t i, std::size_t at) {
                             unsigned char& c = out[i];
                             if (reset || c <= Ground)
                               c = ground[first + at] ? Ground : Unassigned;
                           });
+                      first += blocks.back();
                       out.commit();
                     });
   return static_cast<std::size_t>(std::count(ground.begin(), ground.end(), std::uint8_t{1}));
@@ -315,7 +320,7 @@ std::size_t groundFilter(const StrongPtr<Grid>& grid, GroundFilterParameterBox& 
     const Gathered g = gather(*positions, classes, ignored, threads);
     const HeightGrid terrain =
         provisionalTerrain(minimumSurface(g, box.cell_size, threads), box, threads);
-    return writeClasses(*positions, classes, ignored, groundPoints(g, terrain, box, threads),
+    return writeClasses(*positions, classes, ignored, g, groundPoints(g, terrain, box, threads),
                         box.reset, threads);
   } catch (const std::exception& e) {
     box.message = e.what();
