@@ -212,13 +212,11 @@ public:
                                             count);
     for (std::size_t i = 0; in.angle && i < count && fits; ++i)
       fits = setScanAngle<Extended>(r[i], in.angle[j0 + i]);
-    if (!fits) {
-      Tally unused;
+    if (!fits)
       for (std::size_t i = 0; i < count; ++i) {
         std::memset(r[i], 0, h_.recordLength);
-        encode<Extended>(quantized, in, j0 + i, g0 + i, r[i], unused);
+        encode<Extended>(quantized, in, j0 + i, g0 + i, r[i]);
       }
-    }
     for (std::size_t i = 0; in.rgb && i < count; ++i)
       std::memcpy(r[i] + f_.rgb, in.rgb + 6 * (j0 + i), 6);
     for (std::size_t i = 0; i < count; ++i) {
@@ -233,7 +231,7 @@ private:
   // its first value that does not fit.
   template <bool Extended>
   void encode(const Quantizer& quantized, const Fragment& in, std::size_t j, std::size_t g,
-              std::uint8_t* r, Tally& tally) const {
+              std::uint8_t* r) const {
     std::int32_t xyz[3];
     for (std::size_t a = 0; a < 3; ++a)
       xyz[a] = quantized(in.xyz[j][a], a, g);
@@ -245,7 +243,6 @@ private:
       throw Problem("ScanAngle " + Basalt::format("%g", in.angle[j]) + " of point " +
                     std::to_string(g) + " does not fit point format " +
                     std::to_string(h_.pointFormat));
-    tally.add(xyz, static_cast<int>(RecordView<Extended>(r).returnNumber()));
   }
 
   // The scan angle in degrees into r; false where it does not fit the format's integer.

@@ -15,6 +15,7 @@
 // Every iteration should write only its own slots, so that no result depends on the threads.
 #pragma once
 
+#include "basalt/array_allocator.hpp"
 #include "basalt/parts.hpp"
 
 #include <algorithm>
@@ -201,6 +202,40 @@ std::size_t packInBlocks(std::size_t n, int threads, const Keep& keep, const Roo
                          const Place& place) {
   return Basalt::packInBlocks(n, static_cast<std::size_t>(std::max(1, threads)), threads, keep,
                               room, place);
+}
+
+// A value per cell folded from n items on `threads` threads: blocks of items (n * k / parts to
+// n * (k + 1) / parts) fold into cells of their own, made and first written on the thread that
+// folds into them (fold(cells, begin, end), every cell starting as `empty`); merge(into, from)
+// then folds each later block's cells into the first's, in block order. With folds and merges
+// that keep the earlier of equal values (std::min, std::max, counts), the cells are those of one
+// thread, bit for bit, whatever the threads. Each block beyond the first costs a pass over every
+// cell (its start and its merge), so there are no more blocks than items per two cells.
+template <class T, class Fold, class Merge>
+std::vector<T> foldInBlocks(std::size_t n, std::size_t cells, T empty, int threads,
+                            const Fold& fold, const Merge& merge) {
+  const std::size_t parts = std::clamp<std::size_t>(n / std::max<std::size_t>(2 * cells, 1), 1,
+                                                    Basalt::blocksFor(n, threads));
+  std::vector<T> out;
+  std::vector<Basalt::ArrayVector<T>> others(parts - 1);
+  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
+    T* into = nullptr;
+    if (k == 0) {
+      out.assign(cells, empty);
+      into = out.data();
+    } else {
+      others[k - 1].assign(cells, empty);
+      into = others[k - 1].data();
+    }
+    fold(into, n * k / parts, n * (k + 1) / parts);
+  });
+  if (parts > 1)
+    inStaticBlocks(cells, threads, [&](std::size_t begin, std::size_t end) {
+      for (const auto& from : others)
+        for (std::size_t c = begin; c < end; ++c)
+          merge(out[c], from[c]);
+    });
+  return out;
 }
 
 } // namespace Quorvel

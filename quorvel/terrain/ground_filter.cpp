@@ -147,11 +147,8 @@ std::size_t cellIndex(double v, double cell, std::size_t count) {
   return std::min(static_cast<std::size_t>(v / cell), count - 1);
 }
 
-// The lowest point of every cell, NaN where a cell holds none. Blocks of points lower cells of
-// their own on the threads, the first block's being the grid's, and the others are merged into it
-// in block order: std::min keeps the earlier of equal heights, so the cells are those of one
-// thread, bit for bit. Each block beyond the first costs a pass over every cell, so there are no
-// more blocks than points per two cells.
+// The lowest point of every cell, NaN where a cell holds none; blocks of points on the threads
+// (foldInBlocks: std::min keeps the earlier of equal heights, so the cells are one thread's).
 HeightGrid minimumSurface(const Gathered& g, double smallestCell, int threads) {
   const double spanX = g.spanX, spanY = g.spanY;
   const std::size_t n = g.x.size();
@@ -167,33 +164,20 @@ HeightGrid minimumSurface(const Gathered& g, double smallestCell, int threads) {
   grid.columns = static_cast<std::size_t>(columns);
   grid.rows = static_cast<std::size_t>(rows);
   grid.cell = cell;
-  const std::size_t cells = grid.columns * grid.rows;
-  const std::size_t parts = std::clamp<std::size_t>(n / std::max<std::size_t>(2 * cells, 1), 1,
-                                                    Basalt::blocksFor(n, threads));
-  std::vector<Basalt::ArrayVector<float>> others(parts - 1);
-  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
-    float* z = nullptr;
-    if (k == 0) {
-      grid.z.assign(cells, std::numeric_limits<float>::infinity());
-      z = grid.z.data();
-    } else {
-      others[k - 1].assign(cells, std::numeric_limits<float>::infinity());
-      z = others[k - 1].data();
-    }
-    for (std::size_t i = n * k / parts; i < n * (k + 1) / parts; ++i) {
-      float& low = z[cellIndex(g.y[i], cell, grid.rows) * grid.columns +
-                     cellIndex(g.x[i], cell, grid.columns)];
-      low = std::min(low, static_cast<float>(g.z[i]));
-    }
-  });
-  inStaticBlocks(cells, threads, [&](std::size_t begin, std::size_t end) {
-    for (std::size_t c = begin; c < end; ++c) {
-      float& z = grid.z[c];
-      for (const auto& from : others)
-        z = std::min(z, from[c]);
-      if (std::isinf(z))
-        z = std::numeric_limits<float>::quiet_NaN();
-    }
+  const auto lower = [](float& low, float z) { low = std::min(low, z); };
+  grid.z = foldInBlocks(
+      n, grid.columns * grid.rows, std::numeric_limits<float>::infinity(), threads,
+      [&](float* z, std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+          lower(z[cellIndex(g.y[i], cell, grid.rows) * grid.columns +
+                  cellIndex(g.x[i], cell, grid.columns)],
+                static_cast<float>(g.z[i]));
+      },
+      lower);
+  inStaticBlocks(grid.z.size(), threads, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t c = begin; c < end; ++c)
+      if (std::isinf(grid.z[c]))
+        grid.z[c] = std::numeric_limits<float>::quiet_NaN();
   });
   return grid;
 }

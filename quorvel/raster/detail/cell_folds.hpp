@@ -12,13 +12,6 @@
 
 namespace Quorvel::Raster::detail {
 
-// How many blocks of points fold into cells of their own: one a thread, but each extra block costs
-// a pass over every cell (its start and its merge), so no more blocks than points per two cells.
-inline std::size_t foldBlocks(std::size_t points, std::size_t cells, int threads) {
-  return std::clamp<std::size_t>(points / std::max<std::size_t>(2 * cells, 1), 1,
-                                 Basalt::blocksFor(points, threads));
-}
-
 // Folds the points of [begin, end) (an index over the spans one after another) into cells:
 // add(cells[k], z) for each point taken, z its height as a float. The pixels of a block are
 // gathered first, so that each cell is fetched ahead of its update wherever the points lie.
@@ -54,10 +47,9 @@ void foldBlock(const PointFilter& filter, const std::vector<PointFilter::Span>& 
 }
 
 // A value per pixel of p: `empty` folded with every point that the filter takes in the pixel,
-// add(cell, z) in the cloud's order. Blocks of points fold into cells of their own on `threads`
-// threads; merge(into, from) then folds each block's cells into the first's in block order. With
-// add and merge that keep the earlier of equal values (std::max, std::min, counts), the cells are
-// those of one thread, bit for bit, whatever the threads.
+// add(cell, z) in the cloud's order, by blocks of points on `threads` threads merged in block
+// order (foldInBlocks: with add and merge that keep the earlier of equal values, the cells of one
+// thread, bit for bit).
 template <class T, class Add, class Merge>
 std::vector<T> foldPerCell(const Tressel::Grid& cloud, const PointFilter& filter, const Pixels& p,
                            T empty, int threads, const Add& add, const Merge& merge) {
@@ -65,29 +57,12 @@ std::vector<T> foldPerCell(const Tressel::Grid& cloud, const PointFilter& filter
   std::size_t n = 0;
   for (const PointFilter::Span& s : spans)
     n += s.size();
-  const std::size_t cells = p.columns * p.rows;
-  const std::size_t parts = foldBlocks(n, cells, threads);
-  std::vector<T> out;
-  std::vector<Basalt::ArrayVector<T>> others(parts - 1);
-  Basalt::inParts(parts, threads, [&](std::size_t k, int) {
-    // Each block's cells are made and first written on the thread that folds into them.
-    T* into = nullptr;
-    if (k == 0) {
-      out.assign(cells, empty);
-      into = out.data();
-    } else {
-      others[k - 1].assign(cells, empty);
-      into = others[k - 1].data();
-    }
-    foldBlock(filter, spans, n * k / parts, n * (k + 1) / parts, p, into, add);
-  });
-  if (parts > 1)
-    inStaticBlocks(cells, threads, [&](std::size_t begin, std::size_t end) {
-      for (const auto& from : others)
-        for (std::size_t c = begin; c < end; ++c)
-          merge(out[c], from[c]);
-    });
-  return out;
+  return foldInBlocks(
+      n, p.columns * p.rows, empty, threads,
+      [&](T* cells, std::size_t begin, std::size_t end) {
+        foldBlock(filter, spans, begin, end, p, cells, add);
+      },
+      merge);
 }
 
 } // namespace Quorvel::Raster::detail
