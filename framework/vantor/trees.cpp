@@ -32,34 +32,37 @@ void BucketTree<Index, D>::build(int threads) const {
   leafCells_.clear();
   if (n == 0)
     return;
-  std::vector<Keyed> keyed = keyedByLeadingCells(threads);
+  std::vector<std::size_t> leading;
+  std::vector<Keyed> keyed = keyedByLeadingCells(leading, threads);
   // The top of the division on this thread, down to cells of a sixteenth of a thread's share,
   // which are then divided apart on all threads and joined in the order one thread makes.
   Division top;
   top.grain = threads > 1 ? n / (16 * static_cast<std::size_t>(threads)) : 0;
+  top.leading = &leading;
   top.nodes.push_back({});
   std::vector<std::vector<Keyed>> scratch(static_cast<std::size_t>(std::max(threads, 1)));
   divide(top, 0, 0, n, 0, keyed, scratch[0]);
   std::vector<Division> parts(top.left.size());
   Basalt::inParts(parts.size(), threads, [&](std::size_t k, int thread) {
     const Subtree& cell = top.left[k];
+    parts[k].leading = &leading;
     parts[k].nodes.push_back({});
     divide(parts[k], 0, cell.b, cell.e, cell.level, keyed,
            scratch[static_cast<std::size_t>(thread)]);
   });
   std::vector<std::vector<Keyed>>().swap(scratch);
-  join(top, parts, keyed);
+  join(top, parts, keyed, threads);
   makeTable(keyed);
   place(keyed, threads);
 }
 
 template <class Index, int D>
-auto BucketTree<Index, D>::keyedByLeadingCells(int threads) const -> std::vector<Keyed> {
+auto BucketTree<Index, D>::keyedByLeadingCells(std::vector<std::size_t>& starts, int threads) const
+    -> std::vector<Keyed> {
   const auto keyOf = [this](std::size_t i) {
     const double c[3] = {x_[i], y_[i], z_[i]};
     return cellKey(c);
   };
-  std::vector<std::size_t> starts;
   return inLeadingCells<Keyed>(
       ids_.size(), keyOf,
       [](std::size_t i, std::uint64_t key) {
@@ -70,28 +73,39 @@ auto BucketTree<Index, D>::keyedByLeadingCells(int threads) const -> std::vector
 
 template <class Index, int D>
 void BucketTree<Index, D>::join(const Division& top, const std::vector<Division>& parts,
-                                const std::vector<Keyed>& keyed) const {
-  std::vector<std::uint32_t> partOf(top.nodes.size(), NoNode);
+                                const std::vector<Keyed>& keyed, int threads) const {
+  TopWalk walk{std::vector<std::uint32_t>(top.nodes.size(), NoNode), parts, {}};
   for (std::size_t k = 0; k < top.left.size(); ++k)
-    partOf[top.left[k].node] = static_cast<std::uint32_t>(k);
-  std::size_t count = top.nodes.size();
-  for (const Division& part : parts)
-    count += part.nodes.size();
-  // Room for every node from the start: a vector that grows holds its old and new room at once.
-  nodes_.reserve(count);
-  leafCells_.reserve(count);
-  nodes_.push_back({});
-  joinNode(top, 0, 0, 0, top, partOf, parts, keyed);
+    walk.partOf[top.left[k].node] = static_cast<std::uint32_t>(k);
+  // Every place is written once below; a part's root takes the place of the top's node it
+  // replaces.
+  std::size_t nodes = top.nodes.size(), leaves = top.leaves;
+  for (const Division& part : parts) {
+    nodes += part.nodes.size() - 1;
+    leaves += part.leaves;
+  }
+  nodes_.resize(nodes);
+  leafCells_.resize(leaves);
+  Cursor at{1, 0};
+  joinNode(top, 0, 0, 0, at, keyed, &walk);
+  Basalt::inParts(walk.deferred.size(), threads, [&](std::size_t k, int) {
+    const Deferred& d = walk.deferred[k];
+    Cursor own = d.at;
+    joinNode(parts[d.part], 0, d.self, d.parent, own, keyed, nullptr);
+  });
 }
 
 template <class Index, int D>
 void BucketTree<Index, D>::joinNode(const Division& from, std::size_t local, std::size_t self,
-                                    std::size_t parent, const Division& top,
-                                    const std::vector<std::uint32_t>& partOf,
-                                    const std::vector<Division>& parts,
-                                    const std::vector<Keyed>& keyed) const {
-  if (&from == &top && partOf[local] != NoNode)
-    return joinNode(parts[partOf[local]], 0, self, parent, top, partOf, parts, keyed);
+                                    std::size_t parent, Cursor& at, const std::vector<Keyed>& keyed,
+                                    TopWalk* top) const {
+  if (top && top->partOf[local] != NoNode) {
+    const std::size_t k = top->partOf[local];
+    top->deferred.push_back({k, self, parent, at});
+    at.node += top->parts[k].nodes.size() - 1;
+    at.leaf += top->parts[k].leaves;
+    return;
+  }
   Node node = from.nodes[local];
   if (node.leaf) {
     nodes_[self] = node;
@@ -102,13 +116,13 @@ void BucketTree<Index, D>::joinNode(const Division& from, std::size_t local, std
     cell.last = cell.first + ((std::uint64_t{1} << shift) - 1);
     cell.node = static_cast<std::uint32_t>(self);
     cell.parent = static_cast<std::uint32_t>(parent);
-    leafCells_.push_back(cell);
+    leafCells_[at.leaf++] = cell;
     return;
   }
-  const std::size_t first = nodes_.size();
-  nodes_.resize(first + node.count);
+  const std::size_t first = at.node;
+  at.node += node.count;
   for (std::size_t c = 0; c < node.count; ++c)
-    joinNode(from, node.first + c, first + c, self, top, partOf, parts, keyed);
+    joinNode(from, node.first + c, first + c, self, at, keyed, top);
   node.first = first;
   nodes_[self] = node;
 }
@@ -160,14 +174,23 @@ void BucketTree<Index, D>::divide(Division& into, std::size_t self, std::size_t 
   }
   for (; e - b > capacity_ && level < Levels; ++level) {
     const int shift = (Levels - 1 - level) * D;
-    start.fill(0);
-    for (std::size_t i = b; i < e; ++i)
-      ++start[((keyed[i].key >> shift) & (Cells - 1)) + 1];
-    if (std::find(start.begin(), start.end(), e - b) != start.end())
-      continue; // one cell holds them all: look at the next digit
-    for (int c = 0; c < Cells; ++c)
-      start[c + 1] += start[c];
-    toCells(keyed.data() + b, e - b, start, shift, scratch);
+    if (leadingStarts(into, b, e, level, keyed, start)) {
+      // Entries of a leading digit are in its order already.
+      bool apart = true;
+      for (int c = 0; c < Cells; ++c)
+        apart = apart && start[c + 1] - start[c] != e - b;
+      if (!apart)
+        continue; // one cell holds them all: look at the next digit
+    } else {
+      start.fill(0);
+      for (std::size_t i = b; i < e; ++i)
+        ++start[((keyed[i].key >> shift) & (Cells - 1)) + 1];
+      if (std::find(start.begin(), start.end(), e - b) != start.end())
+        continue; // one cell holds them all: look at the next digit
+      for (int c = 0; c < Cells; ++c)
+        start[c + 1] += start[c];
+      toCells(keyed.data() + b, e - b, start, shift, scratch);
+    }
 
     const std::size_t first = into.nodes.size();
     std::size_t children = 0;
@@ -185,12 +208,28 @@ void BucketTree<Index, D>::divide(Division& into, std::size_t self, std::size_t 
     node.level = static_cast<unsigned char>(level);
     return;
   }
+  ++into.leaves;
   Node& leaf = into.nodes[self];
   leaf.first = b;
   leaf.count = e - b;
   leaf.distinct = e - b;
   leaf.leaf = true;
   leaf.level = static_cast<unsigned char>(level);
+}
+
+template <class Index, int D>
+bool BucketTree<Index, D>::leadingStarts(const Division& into, std::size_t b, std::size_t e,
+                                         int level, const std::vector<Keyed>& keyed,
+                                         std::array<std::size_t, (1 << D) + 1>& start) {
+  if (!into.leading || level >= LeadingLevels)
+    return false;
+  // The entries' first `level` digits, then the leading cells under each of the next digit's.
+  const std::uint64_t prefix = keyed[b].key >> ((Levels - level) * D);
+  const int below = (LeadingLevels - level - 1) * D;
+  const std::size_t first = static_cast<std::size_t>(prefix << D) << below;
+  for (std::size_t c = 0; c <= (1 << D); ++c)
+    start[c] = (*into.leading)[first + (c << below)] - b;
+  return start[0] == 0 && start[1 << D] == e - b;
 }
 
 template <class Index, int D>

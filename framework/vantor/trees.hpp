@@ -515,9 +515,10 @@ private:
   // are then put in leaf order one at a time, so a build holds little more than the entries.
   void build(int threads) const;
 
-  // The entries' keys in the order of their leading cells (insertion order within each): the
-  // division then needs room to sort only within those cells, not every entry once more.
-  std::vector<Keyed> keyedByLeadingCells(int threads) const;
+  // The entries' keys in the order of their leading cells (insertion order within each), and
+  // where each cell begins in starts: the division then needs room to sort only within those
+  // cells, not every entry once more, and counts the cells above them from starts.
+  std::vector<Keyed> keyedByLeadingCells(std::vector<std::size_t>& starts, int threads) const;
 
   // Items 0 .. count - 1, each made by make(i, key) from its cell key keyOf(i), in the order of
   // their cells LeadingLevels levels down (in item order within each): counted first, then put
@@ -632,6 +633,10 @@ private:
     std::vector<Node> nodes;
     std::vector<Subtree> left;
     std::size_t grain = 0;
+    std::size_t leaves = 0;
+    // Where each leading cell's entries begin in keyed, and the end: the cells of the levels
+    // above those are counted from it, with no pass over their entries.
+    const std::vector<std::size_t>* leading = nullptr;
   };
 
   // Makes node `self` of `into` of the entries [b, e) of keyed, whose keys agree on the first
@@ -641,17 +646,42 @@ private:
   // leaf keep their insertion order.
   void divide(Division& into, std::size_t self, std::size_t b, std::size_t e, int level,
               std::vector<Keyed>& keyed, std::vector<Keyed>& scratch) const;
+  // Where a walk puts its next node and its next leaf's cell in nodes_ and leafCells_.
+  struct Cursor {
+    std::size_t node = 0, leaf = 0;
+  };
+  // A cell the top left, joined apart: its division, its root's place and parent, and where its
+  // other nodes and its leaves' cells go.
+  struct Deferred {
+    std::size_t part, self, parent;
+    Cursor at;
+  };
+  // The top's walk: the part that replaces each of its nodes (NoNode for none), and the parts met.
+  struct TopWalk {
+    std::vector<std::uint32_t> partOf;
+    const std::vector<Division>& parts;
+    std::vector<Deferred> deferred;
+  };
   // The nodes of the top and of the cells it left (parts[k] for top.left[k]) into nodes_, in the
   // order of a division on one thread: a branch's children are placed when it is reached, depth
-  // first; and the leaves' cells into leafCells_ in the order the walk meets them.
+  // first; and the leaves' cells into leafCells_ in the order the walk meets them. A part's nodes
+  // below its root, and its leaves' cells, take consecutive places in that order: the top's walk
+  // leaves them room, and the parts are then walked on the threads.
   void join(const Division& top, const std::vector<Division>& parts,
-            const std::vector<Keyed>& keyed) const;
+            const std::vector<Keyed>& keyed, int threads) const;
+  // Node `local` of `from` into nodes_[self], and its subtree's nodes and leaf cells from `at`
+  // on; in the top's walk (top given), a node a part replaces is deferred with the room it takes.
   void joinNode(const Division& from, std::size_t local, std::size_t self, std::size_t parent,
-                const Division& top, const std::vector<std::uint32_t>& partOf,
-                const std::vector<Division>& parts, const std::vector<Keyed>& keyed) const;
+                Cursor& at, const std::vector<Keyed>& keyed, TopWalk* top) const;
 
   // Orders count entries by their digit at `shift` into the cells that `start` gives, stably;
   // entries already in that order (the leading levels are) stay where they are.
+  // Sets start to where the cells of the digit after the first `level` begin among the entries
+  // [b, e) (offsets from b, the end last), from into.leading, and answers true, where that digit
+  // is a leading one; answers false, leaving start, otherwise.
+  static bool leadingStarts(const Division& into, std::size_t b, std::size_t e, int level,
+                            const std::vector<Keyed>& keyed,
+                            std::array<std::size_t, (1 << D) + 1>& start);
   static void toCells(Keyed* items, std::size_t count,
                       const std::array<std::size_t, (1 << D) + 1>& start, int shift,
                       std::vector<Keyed>& scratch);
@@ -853,7 +883,7 @@ private:
 
   // The division: nodes (the root first) and the entries, coordinates one array per axis, in
   // leaf order followed by the insertions not yet divided.
-  mutable std::vector<Node> nodes_;
+  mutable Basalt::ArrayVector<Node> nodes_;
   mutable Basalt::ArrayVector<double> x_, y_, z_;
   mutable Basalt::ArrayVector<Index> ids_;
   // Cells of a fixed level (2^(D * tableLevel_) of them, by Morton key) and the node to start
@@ -862,7 +892,7 @@ private:
   mutable std::vector<std::uint32_t> table_;
   mutable double cellScale_ = 0.0; // table cells per unit of length
   // The finest cell of each leaf's entries, in key order, for searches in the tree's order.
-  mutable std::vector<LeafCell> leafCells_;
+  mutable Basalt::ArrayVector<LeafCell> leafCells_;
   mutable int medianLevel_ = 0; // the level of the leaf of the median entry
   mutable std::atomic<bool> built_{true};
   mutable std::mutex building_;

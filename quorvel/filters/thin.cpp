@@ -144,28 +144,12 @@ SortedVoxels rankedVoxels(const Flat& flat, double size, int rankBits) {
   return sorted;
 }
 
-// The lowest and highest finite coordinates, axis by axis, by blocks of each fragment on the
-// threads (exact in any order).
-std::pair<point, point> finiteBounds(const Flat& flat, int threads) {
-  const double inf = std::numeric_limits<double>::infinity();
-  std::vector<std::pair<point, point>> part(static_cast<std::size_t>(std::max(threads, 1)),
-                                            {point{inf, inf, inf}, point{-inf, -inf, -inf}});
+// The box of the finite points, each fragment's on the threads.
+BoundingBox finiteBounds(const Flat& flat, int threads) {
+  BoundingBox box;
   for (std::size_t k = 0; k < flat.xyz.size(); ++k)
-    inStaticBlocks(flat.size(k), threads, [&](std::size_t b, std::size_t e, std::size_t t) {
-      auto& [low, high] = part[t];
-      for (const point* p = flat.xyz[k] + b; p != flat.xyz[k] + e; ++p)
-        if (std::isfinite(p->x) && std::isfinite(p->y) && std::isfinite(p->z))
-          for (int a = 0; a < 3; ++a) {
-            low[a] = std::min(low[a], (*p)[a]);
-            high[a] = std::max(high[a], (*p)[a]);
-          }
-    });
-  for (const auto& [low, high] : part)
-    for (int a = 0; a < 3; ++a) {
-      part[0].first[a] = std::min(part[0].first[a], low[a]);
-      part[0].second[a] = std::max(part[0].second[a], high[a]);
-    }
-  return part[0];
+    box.expand(BoundingBox::of(flat.xyz[k], flat.size(k), threads));
+  return box;
 }
 
 // The voxels of the points in file order, sorted. Non-finite points get no voxel. Floor and
@@ -174,10 +158,10 @@ std::pair<point, point> finiteBounds(const Flat& flat, int threads) {
 // fragment on the threads where file order is layout order, so that the rank is the flat number.
 SortedVoxels voxelKeys(const Flat& flat, double size, int threads) {
   const int rankBits = std::max(1, static_cast<int>(std::bit_width(flat.count)));
-  const auto [low, high] = finiteBounds(flat, threads);
+  const BoundingBox box = finiteBounds(flat, threads);
   std::array<std::int64_t, 3> lo{}, hi{};
   int bits[3] = {0, 0, 0};
-  if (low.x <= high.x && (!voxelOf(low, size, lo) || !voxelOf(high, size, hi)))
+  if (!box.empty() && (!voxelOf(box.min(), size, lo) || !voxelOf(box.max(), size, hi)))
     return rankedVoxels(flat, size, rankBits);
   for (std::size_t a = 0; a < 3; ++a)
     bits[a] = std::bit_width(static_cast<std::uint64_t>(hi[a] - lo[a]));

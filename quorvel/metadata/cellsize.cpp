@@ -28,18 +28,6 @@ void voxelAxis(double extent, std::uint64_t& count, double& width) {
   }
 }
 
-// The box of the finite points, over blocks of them on the threads.
-BoundingBox boxOf(const MemArray<1, point>& xyz, int threads) {
-  std::vector<BoundingBox> boxes(static_cast<std::size_t>(std::max(threads, 1)));
-  inStaticBlocks(xyz.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
-    boxes[k] = BoundingBox::of(xyz.data() + begin, end - begin);
-  });
-  BoundingBox box;
-  for (const BoundingBox& b : boxes)
-    box.expand(b);
-  return box;
-}
-
 // The voxel key of every finite point with its index, in point order, packed on the threads.
 template <class KeyOf>
 KeyedPoints keyedPoints(const MemArray<1, point>& xyz, int threads, const KeyOf& keyOf) {
@@ -77,7 +65,7 @@ void valuesOfRuns(const KeyedPoints& keyed, int threads, const ValueOf& valueOf,
 // not in a map.
 Basalt::ArrayVector<float> cellSizes(const MemArray<1, point>& xyz, int threads) {
   Basalt::ArrayVector<float> out(xyz.size(), std::numeric_limits<float>::quiet_NaN());
-  const BoundingBox box = boxOf(xyz, threads);
+  const BoundingBox box = BoundingBox::of(xyz.data(), xyz.size(), threads);
   if (box.empty())
     return out;
   const auto extent = box.extent();
