@@ -33,14 +33,14 @@ void BucketTree<Index, D>::build(int threads) const {
   if (n == 0)
     return;
   std::vector<std::size_t> leading;
-  std::vector<Keyed> keyed = keyedByLeadingCells(leading, threads);
+  KeyedList keyed = keyedByLeadingCells(leading, threads);
   // The top of the division on this thread, down to cells of a sixteenth of a thread's share,
   // which are then divided apart on all threads and joined in the order one thread makes.
   Division top;
   top.grain = threads > 1 ? n / (16 * static_cast<std::size_t>(threads)) : 0;
   top.leading = &leading;
   top.nodes.push_back({});
-  std::vector<std::vector<Keyed>> scratch(static_cast<std::size_t>(std::max(threads, 1)));
+  std::vector<KeyedList> scratch(static_cast<std::size_t>(std::max(threads, 1)));
   divide(top, 0, 0, n, 0, keyed, scratch[0]);
   std::vector<Division> parts(top.left.size());
   Basalt::inParts(parts.size(), threads, [&](std::size_t k, int thread) {
@@ -50,7 +50,7 @@ void BucketTree<Index, D>::build(int threads) const {
     divide(parts[k], 0, cell.b, cell.e, cell.level, keyed,
            scratch[static_cast<std::size_t>(thread)]);
   });
-  std::vector<std::vector<Keyed>>().swap(scratch);
+  std::vector<KeyedList>().swap(scratch);
   join(top, parts, keyed, threads);
   makeTable(keyed);
   place(keyed, threads);
@@ -58,7 +58,7 @@ void BucketTree<Index, D>::build(int threads) const {
 
 template <class Index, int D>
 auto BucketTree<Index, D>::keyedByLeadingCells(std::vector<std::size_t>& starts, int threads) const
-    -> std::vector<Keyed> {
+    -> KeyedList {
   const auto keyOf = [this](std::size_t i) {
     const double c[3] = {x_[i], y_[i], z_[i]};
     return cellKey(c);
@@ -73,7 +73,7 @@ auto BucketTree<Index, D>::keyedByLeadingCells(std::vector<std::size_t>& starts,
 
 template <class Index, int D>
 void BucketTree<Index, D>::join(const Division& top, const std::vector<Division>& parts,
-                                const std::vector<Keyed>& keyed, int threads) const {
+                                const KeyedList& keyed, int threads) const {
   TopWalk walk{std::vector<std::uint32_t>(top.nodes.size(), NoNode), parts, {}};
   for (std::size_t k = 0; k < top.left.size(); ++k)
     walk.partOf[top.left[k].node] = static_cast<std::uint32_t>(k);
@@ -97,7 +97,7 @@ void BucketTree<Index, D>::join(const Division& top, const std::vector<Division>
 
 template <class Index, int D>
 void BucketTree<Index, D>::joinNode(const Division& from, std::size_t local, std::size_t self,
-                                    std::size_t parent, Cursor& at, const std::vector<Keyed>& keyed,
+                                    std::size_t parent, Cursor& at, const KeyedList& keyed,
                                     TopWalk* top) const {
   if (top && top->partOf[local] != NoNode) {
     const std::size_t k = top->partOf[local];
@@ -128,7 +128,7 @@ void BucketTree<Index, D>::joinNode(const Division& from, std::size_t local, std
 }
 
 template <class Index, int D>
-void BucketTree<Index, D>::makeTable(const std::vector<Keyed>& keyed) const {
+void BucketTree<Index, D>::makeTable(const KeyedList& keyed) const {
   std::array<std::size_t, Levels + 1> atLevel{};
   for (const Node& node : nodes_)
     if (node.leaf)
@@ -145,7 +145,7 @@ void BucketTree<Index, D>::makeTable(const std::vector<Keyed>& keyed) const {
 }
 
 template <class Index, int D>
-void BucketTree<Index, D>::tabulate(const Node& node, const std::vector<Keyed>& keyed) const {
+void BucketTree<Index, D>::tabulate(const Node& node, const KeyedList& keyed) const {
   const int shift = (Levels - tableLevel_) * D;
   const auto self = static_cast<std::uint32_t>(&node - nodes_.data());
   if (node.level >= tableLevel_) {
@@ -164,8 +164,7 @@ void BucketTree<Index, D>::tabulate(const Node& node, const std::vector<Keyed>& 
 
 template <class Index, int D>
 void BucketTree<Index, D>::divide(Division& into, std::size_t self, std::size_t b, std::size_t e,
-                                  int level, std::vector<Keyed>& keyed,
-                                  std::vector<Keyed>& scratch) const {
+                                  int level, KeyedList& keyed, KeyedList& scratch) const {
   constexpr int Cells = 1 << D;
   std::array<std::size_t, Cells + 1> start{};
   if (self != 0 && e - b <= into.grain && e - b > capacity_ && level < Levels) {
@@ -219,7 +218,7 @@ void BucketTree<Index, D>::divide(Division& into, std::size_t self, std::size_t 
 
 template <class Index, int D>
 bool BucketTree<Index, D>::leadingStarts(const Division& into, std::size_t b, std::size_t e,
-                                         int level, const std::vector<Keyed>& keyed,
+                                         int level, const KeyedList& keyed,
                                          std::array<std::size_t, (1 << D) + 1>& start) {
   if (!into.leading || level >= LeadingLevels)
     return false;
@@ -235,7 +234,7 @@ bool BucketTree<Index, D>::leadingStarts(const Division& into, std::size_t b, st
 template <class Index, int D>
 void BucketTree<Index, D>::toCells(Keyed* items, std::size_t count,
                                    const std::array<std::size_t, (1 << D) + 1>& start, int shift,
-                                   std::vector<Keyed>& scratch) {
+                                   KeyedList& scratch) {
   constexpr int Cells = 1 << D;
   const auto digit = [shift](const Keyed& item) { return (item.key >> shift) & (Cells - 1); };
   if (std::is_sorted(items, items + count,
@@ -251,7 +250,7 @@ void BucketTree<Index, D>::toCells(Keyed* items, std::size_t count,
 }
 
 template <class Index, int D>
-void BucketTree<Index, D>::place(std::vector<Keyed>& keyed, int threads) const {
+void BucketTree<Index, D>::place(KeyedList& keyed, int threads) const {
   inLeafOrder(keyed, x_, threads);
   inLeafOrder(keyed, y_, threads);
   inLeafOrder(keyed, z_, threads);
@@ -321,7 +320,7 @@ void BucketTree<Index, D>::placeLeaves(std::size_t first, std::size_t last,
 
 template <class Index, int D>
 template <class T>
-void BucketTree<Index, D>::inLeafOrder(std::vector<Keyed>& keyed, Basalt::ArrayVector<T>& values,
+void BucketTree<Index, D>::inLeafOrder(KeyedList& keyed, Basalt::ArrayVector<T>& values,
                                        int threads) {
   static_assert(sizeof(T) <= sizeof(std::uint64_t) && std::is_trivially_copyable_v<T>);
   constexpr std::size_t Ahead = 16;

@@ -223,7 +223,7 @@ public:
                        const Answer& answer) const {
     if (count == 0 || !prepared())
       return;
-    const std::vector<std::uint64_t> order = queryOrder(count, pointAt);
+    const Basalt::ArrayVector<std::uint64_t> order = queryOrder(count, pointAt);
     const std::uint64_t queryMask = (std::uint64_t{1} << queryBits(count)) - 1;
     // The points of a block of queries are fetched in one pass, whose loads overlap, and then
     // searched in sequence.
@@ -303,6 +303,8 @@ private:
     std::uint64_t key;
     std::size_t source;
   };
+  // Lists of them are written whole before they are read: no zeros first.
+  using KeyedList = Basalt::ArrayVector<Keyed>;
 
   static double squaredDistance(const point& a, const point& b) {
     double s = 0.0;
@@ -451,12 +453,12 @@ private:
   // leading digits above its own number: one word a query, sorted down to two levels below
   // the median leaf (finer order gains nothing), fewer when the numbers need the room.
   template <class PointAt>
-  std::vector<std::uint64_t> queryOrder(std::size_t count, const PointAt& pointAt) const {
+  Basalt::ArrayVector<std::uint64_t> queryOrder(std::size_t count, const PointAt& pointAt) const {
     const int numberBits = queryBits(count);
     const int levels = std::min({Levels, medianLevel_ + 2, (64 - numberBits) / D});
     const int below = (Levels - levels) * D; // key bits finer than the order needs
     std::vector<std::size_t> starts;
-    std::vector<std::uint64_t> order = inLeadingCells<std::uint64_t>(
+    Basalt::ArrayVector<std::uint64_t> order = inLeadingCells<std::uint64_t>(
         count,
         [&](std::size_t k) {
           const point p = pointAt(k);
@@ -467,7 +469,7 @@ private:
     // Within each leading cell, by the digits below the leading ones.
     const int finer = levels * D - LeadingLevels * D;
     if (finer > 0) {
-      std::vector<std::uint64_t> buffer;
+      Basalt::ArrayVector<std::uint64_t> buffer;
       for (std::size_t c = 0; c + 1 < starts.size(); ++c)
         Basalt::radixSort(
             order.data() + starts[c], starts[c + 1] - starts[c], numberBits, numberBits + finer,
@@ -518,7 +520,7 @@ private:
   // The entries' keys in the order of their leading cells (insertion order within each), and
   // where each cell begins in starts: the division then needs room to sort only within those
   // cells, not every entry once more, and counts the cells above them from starts.
-  std::vector<Keyed> keyedByLeadingCells(std::vector<std::size_t>& starts, int threads) const;
+  KeyedList keyedByLeadingCells(std::vector<std::size_t>& starts, int threads) const;
 
   // Items 0 .. count - 1, each made by make(i, key) from its cell key keyOf(i), in the order of
   // their cells LeadingLevels levels down (in item order within each): counted first, then put
@@ -529,8 +531,9 @@ private:
   static constexpr int LeadingShift = (Levels - LeadingLevels) * D;
   static constexpr std::size_t LeadingCells = std::size_t{1} << (LeadingLevels * D);
   template <class T, class KeyOf, class Make>
-  static std::vector<T> inLeadingCells(std::size_t count, const KeyOf& keyOf, const Make& make,
-                                       std::vector<std::size_t>& starts, int threads = 1) {
+  static Basalt::ArrayVector<T> inLeadingCells(std::size_t count, const KeyOf& keyOf,
+                                               const Make& make, std::vector<std::size_t>& starts,
+                                               int threads = 1) {
     const std::size_t blocks = Basalt::blocksFor(count, threads);
     const auto block = [&](std::size_t k) {
       return std::pair{count * k / blocks, count * (k + 1) / blocks};
@@ -552,7 +555,7 @@ private:
       }
     }
     starts[LeadingCells] = at;
-    std::vector<T> items(count);
+    Basalt::ArrayVector<T> items(count); // each written once, below
     Basalt::inParts(blocks, threads, [&](std::size_t k, int) {
       std::size_t* place = next.data() + k * LeadingCells;
       for (auto [i, e] = block(k); i < e; ++i) {
@@ -566,8 +569,8 @@ private:
   // The look-up table: cells one level above where most entries' leaves are, so that a search
   // starts a level or two above the leaves. Each cell gets the node whose entries are exactly
   // those of the cell, or the leaf that holds them, or none.
-  void makeTable(const std::vector<Keyed>& keyed) const;
-  void tabulate(const Node& node, const std::vector<Keyed>& keyed) const;
+  void makeTable(const KeyedList& keyed) const;
+  void tabulate(const Node& node, const KeyedList& keyed) const;
 
   // Calls visit(node) for nodes whose subtrees hold, between them, every entry within squared
   // distance d2 of q, each entry once: the table entries of the cells that the ball's box
@@ -645,7 +648,7 @@ private:
   // into.grain entries is left (into.left) instead. Counting sorts are stable, so entries of a
   // leaf keep their insertion order.
   void divide(Division& into, std::size_t self, std::size_t b, std::size_t e, int level,
-              std::vector<Keyed>& keyed, std::vector<Keyed>& scratch) const;
+              KeyedList& keyed, KeyedList& scratch) const;
   // Where a walk puts its next node and its next leaf's cell in nodes_ and leafCells_.
   struct Cursor {
     std::size_t node = 0, leaf = 0;
@@ -667,12 +670,12 @@ private:
   // first; and the leaves' cells into leafCells_ in the order the walk meets them. A part's nodes
   // below its root, and its leaves' cells, take consecutive places in that order: the top's walk
   // leaves them room, and the parts are then walked on the threads.
-  void join(const Division& top, const std::vector<Division>& parts,
-            const std::vector<Keyed>& keyed, int threads) const;
+  void join(const Division& top, const std::vector<Division>& parts, const KeyedList& keyed,
+            int threads) const;
   // Node `local` of `from` into nodes_[self], and its subtree's nodes and leaf cells from `at`
   // on; in the top's walk (top given), a node a part replaces is deferred with the room it takes.
   void joinNode(const Division& from, std::size_t local, std::size_t self, std::size_t parent,
-                Cursor& at, const std::vector<Keyed>& keyed, TopWalk* top) const;
+                Cursor& at, const KeyedList& keyed, TopWalk* top) const;
 
   // Orders count entries by their digit at `shift` into the cells that `start` gives, stably;
   // entries already in that order (the leading levels are) stay where they are.
@@ -680,22 +683,21 @@ private:
   // [b, e) (offsets from b, the end last), from into.leading, and answers true, where that digit
   // is a leading one; answers false, leaving start, otherwise.
   static bool leadingStarts(const Division& into, std::size_t b, std::size_t e, int level,
-                            const std::vector<Keyed>& keyed,
-                            std::array<std::size_t, (1 << D) + 1>& start);
+                            const KeyedList& keyed, std::array<std::size_t, (1 << D) + 1>& start);
   static void toCells(Keyed* items, std::size_t count,
                       const std::array<std::size_t, (1 << D) + 1>& start, int shift,
-                      std::vector<Keyed>& scratch);
+                      KeyedList& scratch);
 
   // Puts the entries in leaf order (the order of `keyed`), then each leaf's entries in index
   // order, and sets the boxes: of each leaf's cell, narrowed by the margin of key rounding, and
   // the tight boxes of all nodes.
-  void place(std::vector<Keyed>& keyed, int threads) const;
+  void place(KeyedList& keyed, int threads) const;
   // The leaves' part of place: the leaves of cells first .. last - 1 of leafCells_.
   void placeLeaves(std::size_t first, std::size_t last, std::vector<std::size_t>& order) const;
   // Rearranges one array of entries into the order of `keyed`, through the room of its keys
   // (no longer needed once the table is made), its sources fetched ahead.
   template <class T>
-  static void inLeafOrder(std::vector<Keyed>& keyed, Basalt::ArrayVector<T>& values, int threads);
+  static void inLeafOrder(KeyedList& keyed, Basalt::ArrayVector<T>& values, int threads);
   // Reorders entries b .. e - 1 by index, stably.
   void sortByIndex(std::size_t b, std::size_t e, std::vector<std::size_t>& order) const;
   // Only a leaf of the finest cells holds more than `capacity` entries, and then mostly copies
