@@ -79,8 +79,8 @@ constexpr std::uint32_t NoAnswer = std::numeric_limits<std::uint32_t>::max();
 // its distance.
 void applyAnswers(const SourcePass& pass, std::size_t b, std::size_t e,
                   const Basalt::ArrayVector<std::uint32_t>& asking,
-                  const std::vector<std::uint32_t>& nearest, const std::vector<double>& squared,
-                  MemArray<1, unsigned char>& cls) {
+                  const Basalt::ArrayVector<std::uint32_t>& nearest,
+                  const Basalt::ArrayVector<double>& squared, MemArray<1, unsigned char>& cls) {
   constexpr std::size_t Ahead = 16; // answers whose source class is fetched ahead
   for (std::size_t k = b; k < e; ++k) {
     if (nearest[k] == NoAnswer)
@@ -128,11 +128,14 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
       [&](std::size_t i, std::size_t k) { asking[k] = static_cast<std::uint32_t>(i); });
   // Answers are stored by query and applied afterwards in query order: the tree answers
   // in its own order, and reading anything per answer would wait on memory every time.
-  std::vector<std::uint32_t> nearest(asking.size(), NoAnswer);
-  std::vector<double> squared(box.hasAssignment ? asking.size() : 0);
-  // Each block of the asking points is answered on its own thread; an answer does not depend on
-  // the other queries, so the blocks change nothing but the time.
+  // Each block of the asking points is answered on its own thread, which first marks its own
+  // answers missing; an answer does not depend on the other queries, so the blocks change
+  // nothing but the time. A distance is read only where an answer was found.
+  Basalt::ArrayVector<std::uint32_t> nearest(asking.size());
+  Basalt::ArrayVector<double> squared(box.hasAssignment ? asking.size() : 0);
   inStaticBlocks(asking.size(), threads, [&](std::size_t b, std::size_t e) {
+    std::fill(nearest.begin() + static_cast<std::ptrdiff_t>(b),
+              nearest.begin() + static_cast<std::ptrdiff_t>(e), NoAnswer);
     tree.findNearestEach(
         e - b, [&](std::size_t k) { return at(asking[b + k]); }, box.radius,
         [&](std::size_t k, const typename Tree::Neighbour& found) {
