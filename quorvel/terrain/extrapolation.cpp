@@ -93,6 +93,13 @@ struct Decision {
   }
 };
 
+// What a thread of a round's decisions keeps from one block of points to the next.
+struct DecisionRoom {
+  std::vector<unsigned> seeds;
+  std::vector<point> scratch;
+  CopyAnswers<3, bool> copies;
+};
+
 // The rounds with a tree of type Tree; returns how many ran their point step.
 template <class Tree>
 int rounds(const MultiArray<1, const point>& positions, const StrongPtr<BoundingBox>& bbox,
@@ -102,32 +109,38 @@ int rounds(const MultiArray<1, const point>& positions, const StrongPtr<Bounding
   const auto isSeed = [&](std::size_t i) {
     return grown[i] || box.source.contains(static_cast<double>(before[i]), RangeTolerance);
   };
+  const int threads = maximumThreadsMinusOne();
+  // A point's decision depends on the classes at the start of the round alone, so the points go
+  // in blocks, eight a thread taken one at a time: where the targets and their neighbourhoods
+  // are uneven, no thread is left working alone.
+  const std::size_t blocks = std::min<std::size_t>(n, 8 * static_cast<std::size_t>(threads));
   int round = 0;
   for (; round < box.maximum_iteration; ++round) {
-    for (std::size_t i = 0; i < n; ++i)
-      before[i] = classes[i];
+    inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end) {
+      for (std::size_t i = begin; i < end; ++i)
+        before[i] = classes[i];
+    });
     const auto tree = detail::treeOf<Tree>(positions, bbox, isSeed);
     if (tree->size() == 0)
       break;
     const Decision<Tree> decide{*tree, positions, before, box, mode};
     std::atomic<std::size_t> changed{0};
-    inStaticBlocks(n, maximumThreadsMinusOne(), [&](std::size_t begin, std::size_t end) {
-      std::vector<unsigned> seeds;
-      std::vector<point> scratch;
-      CopyAnswers<3, bool> copies;
-      std::size_t mine = 0;
-      for (std::size_t i = begin; i < end; ++i) {
-        if (isSeed(i) || !box.target.contains(static_cast<double>(before[i]), RangeTolerance))
-          continue;
-        const unsigned char c = decide(i, seeds, scratch, copies);
-        if (c != before[i]) {
-          classes[i] = c;
-          grown[i] = 1;
-          ++mine;
-        }
-      }
-      changed += mine;
-    });
+    forEachItemWith(
+        blocks, threads, [] { return DecisionRoom(); },
+        [&](DecisionRoom& room, std::size_t block) {
+          std::size_t mine = 0;
+          for (std::size_t i = n * block / blocks; i < n * (block + 1) / blocks; ++i) {
+            if (isSeed(i) || !box.target.contains(static_cast<double>(before[i]), RangeTolerance))
+              continue;
+            const unsigned char c = decide(i, room.seeds, room.scratch, room.copies);
+            if (c != before[i]) {
+              classes[i] = c;
+              grown[i] = 1;
+              ++mine;
+            }
+          }
+          changed += mine;
+        });
     if (changed == 0) {
       ++round;
       break;

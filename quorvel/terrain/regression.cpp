@@ -113,8 +113,17 @@ private:
   CopyAnswers<5, detail::RegressionStep::Outcome> known_;
 };
 
-// One round's point step over all candidates, in static blocks of n / threads points; inTree(i)
-// tells whether the round's tree holds point i.
+// What a thread of a point step keeps from one block of points to the next.
+struct StepRoom {
+  std::vector<unsigned> neighbours;
+  std::vector<point> scratch;
+  CopyOutcomes copies;
+};
+
+// One round's point step over all candidates; inTree(i) tells whether the round's tree holds
+// point i. A point's outcome depends on its position, radius, last count and membership alone,
+// so the points go in blocks, eight a thread taken one at a time: where the candidates and their
+// neighbourhoods are uneven (a class here, none there), no thread is left working alone.
 template <class Tree, class InTree>
 void pointStep(const Tree* tree, const MultiArray<1, const point>& positions,
                MultiArray<1, unsigned char>& classes, const Box& box,
@@ -122,11 +131,14 @@ void pointStep(const Tree* tree, const MultiArray<1, const point>& positions,
                const InTree& inTree) {
   const detail::RegressionStep step{positions, box.range, box.target,
                                     static_cast<unsigned>(box.quantile)};
-  inStaticBlocks(
-      positions.size(), maximumThreadsMinusOne(), [&](std::size_t begin, std::size_t end) {
-        std::vector<unsigned> neighbours;
-        std::vector<point> scratch;
-        CopyOutcomes copies;
+  const std::size_t n = positions.size();
+  const int threads = maximumThreadsMinusOne();
+  const std::size_t blocks = std::min<std::size_t>(n, 8 * static_cast<std::size_t>(threads));
+  forEachItemWith(
+      blocks, threads, [] { return StepRoom(); },
+      [&](StepRoom& room, std::size_t block) {
+        auto& [neighbours, scratch, copies] = room;
+        const std::size_t begin = n * block / blocks, end = n * (block + 1) / blocks;
         for (std::size_t i = begin; i < end; ++i) {
           if (!box.working_range.contains(static_cast<double>(classes[i]), RangeTolerance))
             continue;
@@ -143,6 +155,18 @@ void pointStep(const Tree* tree, const MultiArray<1, const point>& positions,
           step.apply(o, classes[i], radii[i], counts[i]);
         }
       });
+}
+
+// What std::max_element gives of the radii (a NaN first, else the largest of the others), by
+// blocks on the threads: the round's stop needs it at every round.
+double largest(const Basalt::ArrayVector<double>& radii, int threads) {
+  std::vector<double> part(static_cast<std::size_t>(std::max(threads, 1)),
+                           -std::numeric_limits<double>::infinity());
+  inStaticBlocks(radii.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t k) {
+    for (std::size_t i = begin; i < end; ++i)
+      part[k] = radii[i] > part[k] ? radii[i] : part[k];
+  });
+  return std::isnan(radii[0]) ? radii[0] : *std::max_element(part.begin(), part.end());
 }
 
 // The rounds with a tree of type Tree (none when Tree is void); returns how many ran their point
@@ -166,7 +190,7 @@ int rounds(const MultiArray<1, const point>& positions, MultiArray<1, unsigned c
   std::size_t previousSize = 0;
   int round = 0;
   for (; round < box.maximum_iteration; ++round) {
-    const double maximum = n ? *std::max_element(radii.begin(), radii.end()) : box.radius;
+    const double maximum = n ? largest(radii, threads) : box.radius;
     using Built = std::conditional_t<std::is_void_v<Tree>, Vantor::QuadTree<unsigned>, Tree>;
     StrongPtr<Built> tree;
     if constexpr (!std::is_void_v<Tree>)
