@@ -167,6 +167,29 @@ void BM_NanoflannNearestEach(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<long long>(asked.size()));
 }
 
+// The bucket tree's division alone (its keys, cells, nodes and entries in leaf order), on the
+// threads the argument gives: the entries inserted beforehand by insertEach, as the algorithms
+// fill their trees. nanoflann's build (BM_NanoflannBuild, one thread) is the yardstick.
+template <int D>
+void BM_FrameworkTreeBuild(benchmark::State& state) {
+  const auto& xyz = bench::airborneCloud();
+  auto box =
+      std::make_shared<Vantor::BoundingBox>(Vantor::BoundingBox::of(xyz.data(), xyz.size(), 1));
+  const int threads = static_cast<int>(state.range(0));
+  std::unique_ptr<Vantor::BucketTree<unsigned, D>> tree;
+  for (auto _ : state) {
+    state.PauseTiming(); // the last tree freed and the next filled outside the timing
+    tree.reset();
+    tree = std::make_unique<Vantor::BucketTree<unsigned, D>>(box, 64);
+    tree->insertEach(
+        xyz.size(), threads, [](std::size_t) { return true; },
+        [&](std::size_t i) { return xyz[i]; });
+    state.ResumeTiming();
+    tree->prepare(threads);
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<long long>(xyz.size()));
+}
+
 // The radius queries of the bucket tree's benchmark.
 template <int D>
 void BM_FrameworkTreeRadius(benchmark::State& state) {
@@ -180,6 +203,8 @@ BENCHMARK(BM_OcTreeStdBuild<2>)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_OcTreeStdBuild<3>)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_NanoflannBuild<2>)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_NanoflannBuild<3>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FrameworkTreeBuild<2>)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FrameworkTreeBuild<3>)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_OcTreeStdRadius<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_OcTreeStdRadius<3>)->Unit(benchmark::kMillisecond)->Iterations(2);
 BENCHMARK(BM_NanoflannRadius<2>)->Unit(benchmark::kMillisecond)->Iterations(2);
