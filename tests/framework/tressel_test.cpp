@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <omp.h>
 #include <string>
 #include <vector>
@@ -413,6 +415,39 @@ TEST(DataRange, FragmentRangesAreCachedUntilTouchedAndMergedPerField) {
   withNan.expand(2.f);
   withNan.expand(-1.f);
   EXPECT_EQ(withNan.text(), "[-1, 2]");
+}
+
+// A range widened by an array is the range of its values expanded one after the other: NaN at
+// the start, in the middle and alone, zeros of both signs (the first kept), and a range that
+// held values before.
+TEST(DataRange, AnArrayWidensARangeAsItsValuesOneByOne) {
+  const float nan = std::nanf("");
+  const std::vector<std::vector<float>> cases = {
+      {nan, nan, 3.f, -0.f, 0.f, nan, -2.f, 7.f}, {0.f, -0.f}, {-0.f, 0.f}, {nan}, {}, {5.f}};
+  for (const bool before : {false, true})
+    for (const auto& values : cases) {
+      DataRange<float> one, all;
+      if (before) {
+        one.expand(0.5f);
+        all.expand(0.5f);
+      }
+      for (const float v : values)
+        one.expand(v);
+      all.expandBy(values.data(), values.size());
+      ASSERT_EQ(all.valid(), one.valid());
+      if (one.valid()) {
+        EXPECT_EQ(std::bit_cast<std::uint32_t>(all.minimum()),
+                  std::bit_cast<std::uint32_t>(one.minimum()));
+        EXPECT_EQ(std::bit_cast<std::uint32_t>(all.maximum()),
+                  std::bit_cast<std::uint32_t>(one.maximum()));
+      }
+    }
+  std::vector<unsigned char> classes(100001);
+  for (std::size_t i = 0; i < classes.size(); ++i)
+    classes[i] = static_cast<unsigned char>((i * 37 + 11) % 200 + 3);
+  DataRange<unsigned char> bytes;
+  bytes.expandBy(classes.data(), classes.size());
+  EXPECT_EQ(bytes.text(), "[3, 202]");
 }
 
 TEST(BoundingBoxes, StoredComputedAndWholeFieldBoxes) {
