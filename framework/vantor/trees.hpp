@@ -636,7 +636,7 @@ private:
     std::vector<Node> nodes;
     std::vector<Subtree> left;
     std::size_t grain = 0;
-    std::size_t leaves = 0;
+    std::size_t leaves = 0; // its leaf nodes, for the room a join leaves it
     // Where each leading cell's entries begin in keyed, and the end: the cells of the levels
     // above those are counted from it, with no pass over their entries.
     const std::vector<std::size_t>* leading = nullptr;
@@ -677,13 +677,13 @@ private:
   void joinNode(const Division& from, std::size_t local, std::size_t self, std::size_t parent,
                 Cursor& at, const KeyedList& keyed, TopWalk* top) const;
 
-  // Orders count entries by their digit at `shift` into the cells that `start` gives, stably;
-  // entries already in that order (the leading levels are) stay where they are.
   // Sets start to where the cells of the digit after the first `level` begin among the entries
   // [b, e) (offsets from b, the end last), from into.leading, and answers true, where that digit
-  // is a leading one; answers false, leaving start, otherwise.
+  // is a leading one; answers false otherwise.
   static bool leadingStarts(const Division& into, std::size_t b, std::size_t e, int level,
                             const KeyedList& keyed, std::array<std::size_t, (1 << D) + 1>& start);
+  // Orders count entries by their digit at `shift` into the cells that `start` gives, stably;
+  // entries already in that order stay where they are.
   static void toCells(Keyed* items, std::size_t count,
                       const std::array<std::size_t, (1 << D) + 1>& start, int shift,
                       KeyedList& scratch);
