@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -110,17 +111,71 @@ pid_t writerOf(const std::string& entry, const std::string& prefix) {
   return digits(pid) && digits(count) ? static_cast<pid_t>(std::stol(pid)) : 0;
 }
 
+// Whether the process that named a temporary has ended (and is not this one).
+bool ended(pid_t writer) {
+  return writer > 0 && writer != ::getpid() && ::kill(writer, 0) != 0 && errno == ESRCH;
+}
+
+// The temporaries of our naming found in each folder, by the name of their target. A folder is
+// read once a process, the first time a file is replaced there: a run that writes many files
+// into one folder (the tiles of a survey) would otherwise read the whole folder for each, its
+// time growing with the square of the tiles. Temporaries that runs ending later leave behind are
+// found by the next process.
+class LeftBehind {
+public:
+  // Removes the temporaries found beside target whose writers have ended.
+  void remove(const fs::path& target) {
+    const std::string name = target.filename().string();
+    const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+    std::error_code error;
+    const fs::path key = fs::absolute(folder, error).lexically_normal();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    auto found = folders_.find(key);
+    if (found == folders_.end())
+      found = folders_.emplace(key, read(folder)).first;
+    auto [first, last] = found->second.equal_range(name);
+    for (auto it = first; it != last;) {
+      if (!ended(it->second.writer)) {
+        ++it; // still being written, perhaps: looked at again at the target's next write
+        continue;
+      }
+      if (fs::is_regular_file(folder / it->second.entry, error))
+        fs::remove(folder / it->second.entry, error);
+      it = found->second.erase(it);
+    }
+  }
+
+private:
+  struct Temporary {
+    std::string entry;
+    pid_t writer;
+  };
+  using Found = std::multimap<std::string, Temporary>;
+
+  // The entries "<target>.tmp.<pid>[.<n>]" of the folder, by target.
+  static Found read(const fs::path& folder) {
+    Found found;
+    std::error_code error;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+      const std::string entry = it->path().filename().string();
+      for (std::size_t at = entry.find(".tmp."); at != entry.npos;
+           at = entry.find(".tmp.", at + 1)) {
+        const std::string target = entry.substr(0, at);
+        if (const pid_t writer = writerOf(entry, target + ".tmp."); writer > 0)
+          found.emplace(target, Temporary{entry, writer});
+      }
+    }
+    return found;
+  }
+
+  std::mutex mutex_;
+  std::map<fs::path, Found> folders_;
+};
+
 // Removes temporaries of the target that processes no longer running left behind.
 void removeStale(const fs::path& target) {
-  const std::string prefix = target.filename().string() + ".tmp.";
-  const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
-  std::error_code error;
-  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-    const pid_t writer = writerOf(it->path().filename().string(), prefix);
-    if (writer > 0 && writer != ::getpid() && ::kill(writer, 0) != 0 && errno == ESRCH &&
-        it->is_regular_file(error))
-      fs::remove(it->path(), error);
-  }
+  static LeftBehind leftBehind;
+  leftBehind.remove(target);
 }
 
 std::atomic<unsigned> temporaryCount{0};

@@ -156,6 +156,11 @@ TEST_F(ReplacingFiles, TemporariesOfEndedRunsAreRemoved) {
   EXPECT_TRUE(fs::exists(file("out.tmp.x")));
   EXPECT_TRUE(fs::exists(file("out.tmp." + dead + ".x")));
   EXPECT_TRUE(fs::exists(file("other.tmp." + dead)));
+  // The folder was read for the first target; the second finds its own from that reading.
+  put(file("other"), "new");
+  EXPECT_FALSE(fs::exists(file("other.tmp." + dead)));
+  EXPECT_TRUE(fs::exists(file("out.tmp." + alive + ".9")));
+  EXPECT_EQ(read(file("other")), "new");
 }
 
 } // namespace
