@@ -2,9 +2,13 @@
 // Quorvel: LASzip's range decoding, models and integer decompressor.
 #include "io/laz/arithmetic.hpp"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
+#include <string>
 
 namespace Quorvel::Laz {
 
@@ -12,6 +16,7 @@ namespace {
 
 constexpr std::uint32_t BitMaxCount = 1u << BitLengthShift;
 constexpr std::uint32_t SymbolMaxCount = 1u << SymbolLengthShift;
+constexpr std::uint32_t MaxSymbols = 1u << 11;
 
 } // namespace
 
@@ -31,21 +36,56 @@ void BitModel::update() {
   bitsUntilUpdate = updateCycle;
 }
 
-SymbolModel::SymbolModel(std::uint32_t n)
-    : symbols(n), lastSymbol(n - 1), distribution(n), symbolCount(n, 1) {
-  if (n < 2 || n > (1u << 11))
-    throw std::invalid_argument("symbol model of " + std::to_string(n) + " symbols");
+SymbolModel::SymbolModel(std::uint32_t n, Computed) : symbols(n), lastSymbol(n - 1) {
   if (n > 16) {
     std::uint32_t tableBits = 3;
     while (n > (1u << (tableBits + 2)))
       ++tableBits;
     tableSize = 1u << tableBits;
     tableShift = SymbolLengthShift - tableBits;
-    decoderTable.assign(tableSize + 2, 0);
   }
+  allocate(0);
+  std::fill_n(distribution, n, 0u);
+  std::fill_n(symbolCount, n, 1u);
+  if (tableSize != 0)
+    std::fill_n(decoderTable, tableSize + 2, 0u);
   updateCycle = n;
   update();
   symbolsUntilUpdate = updateCycle = (n + 6) >> 1;
+}
+
+SymbolModel::SymbolModel(std::uint32_t n) {
+  // The first model of each size, made by the first thread that needs it.
+  static std::array<std::once_flag, MaxSymbols + 1> once;
+  static std::array<std::unique_ptr<const SymbolModel>, MaxSymbols + 1> first;
+  if (n < 2 || n > MaxSymbols)
+    throw std::invalid_argument("symbol model of " + std::to_string(n) + " symbols");
+  std::call_once(once[n], [n] { first[n].reset(new SymbolModel(n, Computed{})); });
+  *this = *first[n];
+}
+
+SymbolModel& SymbolModel::operator=(const SymbolModel& other) {
+  if (this == &other)
+    return *this;
+  const std::size_t had = block_ ? words() : 0;
+  symbols = other.symbols;
+  lastSymbol = other.lastSymbol;
+  totalCount = other.totalCount;
+  updateCycle = other.updateCycle;
+  symbolsUntilUpdate = other.symbolsUntilUpdate;
+  tableSize = other.tableSize;
+  tableShift = other.tableShift;
+  allocate(had);
+  std::memcpy(block_.get(), other.block_.get(), words() * sizeof(std::uint32_t));
+  return *this;
+}
+
+void SymbolModel::allocate(std::size_t had) {
+  if (had != words())
+    block_.reset(new std::uint32_t[words()]); // every word is written by the caller
+  distribution = block_.get();
+  symbolCount = distribution + symbols;
+  decoderTable = tableSize != 0 ? symbolCount + symbols : nullptr;
 }
 
 void SymbolModel::update() {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace Quorvel::Laz {
@@ -26,16 +27,35 @@ public:
 };
 
 // An adaptive model of symbols 0 to symbols - 1, with a table that speeds up decoding of
-// alphabets above 16 symbols.
+// alphabets above 16 symbols. Its arrays lie in one block of its own. A model starts as a copy of
+// the first model of its size, made once a process: every chunk starts all of its models afresh
+// (over two hundred for a LAS 1.4 point, most of 256 symbols), and a chunk of a few dozen points,
+// as COPC's smallest nodes hold, would otherwise spend most of its time computing them.
 class SymbolModel {
 public:
   explicit SymbolModel(std::uint32_t symbols);
+  SymbolModel(const SymbolModel& other) { *this = other; }
+  SymbolModel& operator=(const SymbolModel& other);
+  SymbolModel(SymbolModel&&) noexcept = default;
+  SymbolModel& operator=(SymbolModel&&) noexcept = default;
+  ~SymbolModel() = default;
   void update();
 
-  std::uint32_t symbols, lastSymbol;
-  std::vector<std::uint32_t> distribution, symbolCount, decoderTable;
-  std::uint32_t totalCount = 0, updateCycle, symbolsUntilUpdate;
+  std::uint32_t symbols = 0, lastSymbol = 0;
+  std::uint32_t* distribution = nullptr;
+  std::uint32_t* symbolCount = nullptr;
+  std::uint32_t* decoderTable = nullptr; // tableSize + 2 entries, none without a table
+  std::uint32_t totalCount = 0, updateCycle = 0, symbolsUntilUpdate = 0;
   std::uint32_t tableSize = 0, tableShift = 0;
+
+private:
+  struct Computed {};
+  SymbolModel(std::uint32_t symbols, Computed);
+  // The arrays placed in the block, made anew unless it held `had` words already.
+  void allocate(std::size_t had);
+  std::size_t words() const { return 2 * std::size_t(symbols) + (tableSize ? tableSize + 2 : 0); }
+
+  std::unique_ptr<std::uint32_t[]> block_;
 };
 
 // The range decoder over the bytes [data, data + size). Reading past the end yields zeros and is
