@@ -394,6 +394,21 @@ def test_laz_inputs_and_outputs_carry_the_same_records(cloud, tmp_path, laz_inpu
     assert multiset(decoded(tmp_path / "merged.laz").records) == multiset(cloud["records"])
 
 
+def test_a_warning_every_tile_repeats_is_said_once_then_counted(tmp_path):
+    """Format 1 tiles written as COPC all move to format 6: one line for the first tile, one
+    with the count of the others, not a line per tile."""
+    case = CASES["whole-grid-f1-extra"]
+    made = cloud_files(case, tmp_path, parts=1)
+    done = quorvel("tile", *made["inputs"], "-o", tmp_path / "tiles", *grid_args(case),
+                   "--format", "copc")
+    tiles = done.stdout.split()
+    assert len(tiles) > 2
+    lines = done.stderr.splitlines()
+    text = "writing LAS 1.4 point format 6 instead of LAS 1.2 point format 1 (for COPC)"
+    assert lines[:2] == [f"{tiles[0]}: {text}", f"the same for {len(tiles) - 1} more files: {text}"]
+    assert not [line for line in lines[2:] if "instead of" in line]
+
+
 # ---- Box reads ---------------------------------------------------------------------------------
 
 
