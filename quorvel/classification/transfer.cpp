@@ -128,12 +128,12 @@ void transferOnto(const Tree& tree, const SourcePass& pass, const FragmentSlot& 
       [&](std::size_t i, std::size_t k) { asking[k] = static_cast<std::uint32_t>(i); });
   // Answers are stored by query and applied afterwards in query order: the tree answers
   // in its own order, and reading anything per answer would wait on memory every time.
-  // Each block of the asking points is answered on its own thread, which first marks its own
-  // answers missing; an answer does not depend on the other queries, so the blocks change
-  // nothing but the time. A distance is read only where an answer was found.
+  // Each block of the asking points is answered by the thread that takes it, which first marks
+  // its own answers missing; an answer does not depend on the other queries, so the blocks
+  // change nothing but the time. A distance is read only where an answer was found.
   Basalt::ArrayVector<std::uint32_t> nearest(asking.size());
   Basalt::ArrayVector<double> squared(box.hasAssignment ? asking.size() : 0);
-  inStaticBlocks(asking.size(), threads, [&](std::size_t b, std::size_t e) {
+  inTakenBlocks(asking.size(), threads, SearchBlock, [&](std::size_t b, std::size_t e) {
     std::fill(nearest.begin() + static_cast<std::ptrdiff_t>(b),
               nearest.begin() + static_cast<std::ptrdiff_t>(e), NoAnswer);
     tree.findNearestEach(

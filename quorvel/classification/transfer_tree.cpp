@@ -31,7 +31,7 @@ void classificationTransfer(const StrongPtr<Tree>& tree, const Box& box,
   for (std::size_t i = 0; i < targetCount; ++i)
     if (target(targetClasses[i]))
       asking.push_back(i);
-  inStaticBlocks(asking.size(), threads, [&](std::size_t b, std::size_t e) {
+  inTakenBlocks(asking.size(), threads, SearchBlock, [&](std::size_t b, std::size_t e) {
     tree->findNearestEach(
         e - b, [&](std::size_t k) { return targetPositions[asking[b + k]]; }, box.radius,
         [&](std::size_t k, const typename Tree::Neighbour& found) {

@@ -194,6 +194,22 @@ void inStaticBlocks(std::size_t n, int threads, Body&& body) {
   });
 }
 
+// body(begin, end) for contiguous blocks of [0, n), up to eight a thread and none under minBlock
+// items, taken by the threads one at a time: where the blocks' costs differ, or a thread waits
+// for a core, it then holds back one small block rather than a thread's share. The blocks depend
+// on n and threads alone; what the body computes must not depend on them. Then the exception of
+// the lowest failing block, if any, is rethrown.
+template <class Body>
+void inTakenBlocks(std::size_t n, int threads, std::size_t minBlock, Body&& body) {
+  const std::size_t parts =
+      std::clamp<std::size_t>(n / std::max<std::size_t>(minBlock, 1), 1,
+                              8 * static_cast<std::size_t>(std::max(threads, 1)));
+  forEachItem(parts, threads, [&](std::size_t part) {
+    const auto [begin, end] = staticBlock(n, parts, part);
+    body(begin, end);
+  });
+}
+
 // place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted, each
 // where one thread would put it; room(count) is told the count first (Basalt::packInBlocks, one
 // block a thread). keep is asked twice per item, so it should be cheap.

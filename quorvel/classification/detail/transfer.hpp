@@ -16,6 +16,9 @@ using Box = ClassificationTransferParameterBox;
 
 inline constexpr const char* TransferTag = "ClassificationTransfer: ";
 inline constexpr unsigned TransferBucketCapacity = 64;
+// Queries a block of the tree's searches holds at least: a block's searches go in the tree's
+// order, each starting from the answer before it, and a short block starts afresh too often.
+inline constexpr std::size_t SearchBlock = 16384;
 
 // Which class bytes lie in a class range: the range is asked once for each of the 256, so a
 // loop over millions of points only looks a byte up.

@@ -106,6 +106,31 @@ TEST(ParallelLoops, StaticBlocksAreContiguousAndDependOnNAndThreadsAlone) {
     }
 }
 
+TEST(ParallelLoops, TakenBlocksCoverEveryIndexOnceAndKeepTheirMinimum) {
+  for (int threads : ThreadCounts)
+    for (std::size_t n : Sizes)
+      for (std::size_t minimum : {std::size_t(1), std::size_t(7), std::size_t(1000)}) {
+        std::mutex mutex;
+        std::vector<std::pair<std::size_t, std::size_t>> seen;
+        inTakenBlocks(n, threads, minimum, [&](std::size_t b, std::size_t e) {
+          const std::lock_guard<std::mutex> lock(mutex);
+          seen.emplace_back(b, e);
+        });
+        std::sort(seen.begin(), seen.end());
+        const std::string where = std::to_string(threads) + " threads, n " + std::to_string(n) +
+                                  ", at least " + std::to_string(minimum);
+        ASSERT_FALSE(seen.empty()) << where;
+        EXPECT_LE(seen.size(), 8 * static_cast<std::size_t>(threads)) << where;
+        std::size_t at = 0;
+        for (const auto& [b, e] : seen) {
+          EXPECT_EQ(b, at) << where;
+          EXPECT_TRUE(seen.size() == 1 || e - b >= minimum) << where;
+          at = e;
+        }
+        EXPECT_EQ(at, n) << where;
+      }
+}
+
 TEST(ParallelLoops, PackedItemsLandWhereOneThreadPutsThem) {
   // Kept items in runs and gaps of uneven length, so that blocks keep different counts.
   const auto keep = [](std::size_t i) { return i % 3 == 0 || i % 7 == 5 || (i / 100) % 4 == 1; };
