@@ -218,7 +218,9 @@ void Tiler::add(const std::uint8_t* records, std::size_t count) {
 }
 
 // Writes out the tiles that hold points of their own square (the others hold buffer points
-// only and are dropped); COPC tiles are made from the LAS ones.
+// only and are dropped); COPC tiles are made from the LAS ones. A warning that every COPC tile
+// repeats (format 1 tiles all move to format 6) is said for the first, then once for the folder
+// with the count of the others: a line a tile would bury the rest under thousands of equal lines.
 std::vector<std::string> Tiler::finish(const StreamSettings& settings) {
   std::vector<std::string> written;
   for (auto& [key, tile] : tiles_) {
@@ -226,17 +228,32 @@ std::vector<std::string> Tiler::finish(const StreamSettings& settings) {
       tile.writer->finish();
     tile.writer.reset();
   }
+  std::vector<std::string> said;
+  std::map<std::string, std::size_t> repeats;
   for (auto& [key, tile] : tiles_) {
     if (tile.core == 0)
       continue;
     if (o_.format == "copc") {
       const std::string copc = tile.path.substr(0, tile.path.size() - 4) + ".copc.laz";
-      Copc::rewriteAsCopc(tile.path, copc,
-                          settings.writeWarnings ? settings.writeWarnings(copc) : Warn{});
+      const Warn warn = settings.writeWarnings ? settings.writeWarnings(copc) : Warn{};
+      Copc::rewriteAsCopc(tile.path, copc, [&](const std::string& text) {
+        const auto [at, first] = repeats.emplace(text, 0);
+        if (!first) {
+          ++at->second;
+          return;
+        }
+        said.push_back(text);
+        if (warn)
+          warn(text);
+      });
       tile.path = copc;
     }
     written.push_back(tile.path);
   }
+  for (const std::string& text : said)
+    if (const std::size_t n = repeats.at(text); n > 0 && settings.writeWarnings)
+      settings.writeWarnings(folder_)("the same for " + std::to_string(n) + " more tile" +
+                                      (n == 1 ? "" : "s") + ": " + text);
   return written;
 }
 

@@ -4,7 +4,6 @@
 
 #include "io/raster.hpp"
 
-#include <iostream>
 #include <memory>
 #include <set>
 #include <string>
@@ -26,26 +25,6 @@ Las::StreamSettings streamSettings(const Common& common) {
   settings.writeWarnings = writeWarnings;
   settings.crsName = Raster::coordinateSystemKey;
   return settings;
-}
-
-Las::Warn WrittenWarnings::operator()(const std::string& path) const {
-  return [said = said_, path](const std::string& text) {
-    const std::lock_guard<std::mutex> lock(said->mutex);
-    const auto [at, first] = said->repeats.emplace(text, 0);
-    if (!first) {
-      ++at->second;
-      return;
-    }
-    said->texts.push_back(text);
-    writeWarnings(path)(text);
-  };
-}
-
-void WrittenWarnings::finish() const {
-  for (const std::string& text : said_->texts)
-    if (const std::size_t n = said_->repeats.at(text); n > 0)
-      std::cerr << "the same for " << n << " more file" << (n == 1 ? "" : "s") << ": " << text
-                << "\n";
 }
 
 } // namespace Quorvel::Cli

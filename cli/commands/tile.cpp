@@ -31,11 +31,8 @@ public:
   }
 
   int run(const Host& host) override {
-    Las::StreamSettings settings = streamSettings(host.common());
-    const WrittenWarnings warnings;
-    settings.writeWarnings = warnings;
-    const Las::TileResult result = Las::tile(inputs_, folder_, options_, settings);
-    warnings.finish();
+    const Las::TileResult result =
+        Las::tile(inputs_, folder_, options_, streamSettings(host.common()));
     for (const std::string& file : result.files)
       std::printf("%s\n", file.c_str());
     host.summary("tile", result.points, std::to_string(result.files.size()) + " tiles");

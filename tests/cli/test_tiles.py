@@ -405,7 +405,9 @@ def test_a_warning_every_tile_repeats_is_said_once_then_counted(tmp_path):
     assert len(tiles) > 2
     lines = done.stderr.splitlines()
     text = "writing LAS 1.4 point format 6 instead of LAS 1.2 point format 1 (for COPC)"
-    assert lines[:2] == [f"{tiles[0]}: {text}", f"the same for {len(tiles) - 1} more files: {text}"]
+    folder = tmp_path / "tiles"
+    assert lines[:2] == [f"{tiles[0]}: {text}",
+                         f"{folder}: the same for {len(tiles) - 1} more tiles: {text}"]
     assert not [line for line in lines[2:] if "instead of" in line]
 
 
