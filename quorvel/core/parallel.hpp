@@ -194,20 +194,30 @@ void inStaticBlocks(std::size_t n, int threads, Body&& body) {
   });
 }
 
-// body(begin, end) for contiguous blocks of [0, n), up to eight a thread and none under minBlock
-// items, taken by the threads one at a time: where the blocks' costs differ, or a thread waits
-// for a core, it then holds back one small block rather than a thread's share. The blocks depend
-// on n and threads alone; what the body computes must not depend on them. Then the exception of
-// the lowest failing block, if any, is rethrown.
-template <class Body>
-void inTakenBlocks(std::size_t n, int threads, std::size_t minBlock, Body&& body) {
+// body(state, begin, end) for contiguous blocks of [0, n), up to eight a thread and none under
+// minBlock items, taken by the threads one at a time, the state made by make() as
+// forEachItemWith makes it: where the blocks' costs differ, or a thread waits for a core, it then
+// holds back one small block rather than a thread's share. The blocks depend on n and threads
+// alone; what the body computes must not depend on them. Then the exception of the lowest
+// failing block, if any, is rethrown.
+template <class Make, class Body>
+void inTakenBlocksWith(std::size_t n, int threads, std::size_t minBlock, const Make& make,
+                       Body&& body) {
   const std::size_t parts =
       std::clamp<std::size_t>(n / std::max<std::size_t>(minBlock, 1), 1,
                               8 * static_cast<std::size_t>(std::max(threads, 1)));
-  forEachItem(parts, threads, [&](std::size_t part) {
+  forEachItemWith(parts, threads, make, [&](auto& state, std::size_t part) {
     const auto [begin, end] = staticBlock(n, parts, part);
-    body(begin, end);
+    body(state, begin, end);
   });
+}
+
+// The same without a state: body(begin, end).
+template <class Body>
+void inTakenBlocks(std::size_t n, int threads, std::size_t minBlock, Body&& body) {
+  inTakenBlocksWith(
+      n, threads, minBlock, [] { return 0; },
+      [&](int, std::size_t begin, std::size_t end) { body(begin, end); });
 }
 
 // place(i, at) for every i in [0, n) that keep(i) accepts, `at` its rank among the accepted, each

@@ -113,7 +113,6 @@ int rounds(const MultiArray<1, const point>& positions, const StrongPtr<Bounding
   // A point's decision depends on the classes at the start of the round alone, so the points go
   // in blocks, eight a thread taken one at a time: where the targets and their neighbourhoods
   // are uneven, no thread is left working alone.
-  const std::size_t blocks = std::min<std::size_t>(n, 8 * static_cast<std::size_t>(threads));
   int round = 0;
   for (; round < box.maximum_iteration; ++round) {
     inStaticBlocks(n, threads, [&](std::size_t begin, std::size_t end) {
@@ -125,11 +124,11 @@ int rounds(const MultiArray<1, const point>& positions, const StrongPtr<Bounding
       break;
     const Decision<Tree> decide{*tree, positions, before, box, mode};
     std::atomic<std::size_t> changed{0};
-    forEachItemWith(
-        blocks, threads, [] { return DecisionRoom(); },
-        [&](DecisionRoom& room, std::size_t block) {
+    inTakenBlocksWith(
+        n, threads, 1, [] { return DecisionRoom(); },
+        [&](DecisionRoom& room, std::size_t begin, std::size_t end) {
           std::size_t mine = 0;
-          for (std::size_t i = n * block / blocks; i < n * (block + 1) / blocks; ++i) {
+          for (std::size_t i = begin; i < end; ++i) {
             if (isSeed(i) || !box.target.contains(static_cast<double>(before[i]), RangeTolerance))
               continue;
             const unsigned char c = decide(i, room.seeds, room.scratch, room.copies);

@@ -133,12 +133,10 @@ void pointStep(const Tree* tree, const MultiArray<1, const point>& positions,
                                     static_cast<unsigned>(box.quantile)};
   const std::size_t n = positions.size();
   const int threads = maximumThreadsMinusOne();
-  const std::size_t blocks = std::min<std::size_t>(n, 8 * static_cast<std::size_t>(threads));
-  forEachItemWith(
-      blocks, threads, [] { return StepRoom(); },
-      [&](StepRoom& room, std::size_t block) {
+  inTakenBlocksWith(
+      n, threads, 1, [] { return StepRoom(); },
+      [&](StepRoom& room, std::size_t begin, std::size_t end) {
         auto& [neighbours, scratch, copies] = room;
-        const std::size_t begin = n * block / blocks, end = n * (block + 1) / blocks;
         for (std::size_t i = begin; i < end; ++i) {
           if (!box.working_range.contains(static_cast<double>(classes[i]), RangeTolerance))
             continue;
